@@ -1,0 +1,46 @@
+#pragma once
+
+#include "CallbackRegistry.h"
+#include "DiscoveryServiceOverPorticoIF.h"
+
+#include <memory>
+
+class NotifyTargetTaskIF;
+class PorticoClientIF;
+
+namespace google::protobuf
+{
+class Message;
+}
+
+namespace SonarixService
+{
+
+/// Serves "/sonarix/private/products" over a gateway connection of its own and turns each request into a signal.
+/// Task: handlers and signals on the task given. Owner: the aggregator. Never looks at the table and never
+/// rejects a product: a request is acknowledged before anybody has acted on it.
+class DiscoveryServiceOverPortico final : public DiscoveryServiceOverPorticoIF
+{
+public:
+    using Factory = std::shared_ptr<DiscoveryServiceOverPorticoIF> (*)(NotifyTargetTaskIF* task);
+
+    static std::shared_ptr<DiscoveryServiceOverPorticoIF> Create(NotifyTargetTaskIF* task);
+    static void SetFactoryOverride(Factory factory); ///< null in the product
+
+    DiscoveryServiceOverPortico(NotifyTargetTaskIF* task, std::shared_ptr<PorticoClientIF> portico);
+    ~DiscoveryServiceOverPortico() override;
+
+    CallbackConnection RegisterForProductUpdate(const Callback<Sonarix::Product>& callback) override;
+    CallbackConnection RegisterForProductRemoved(const Callback<Sonarix::Product>& callback) override;
+
+private:
+    void HandleProductUpdate(const Sonarix::Product& product, const Callback<google::protobuf::Message>& response);
+    void HandleProductRemoved(const Sonarix::Product& product, const Callback<google::protobuf::Message>& response);
+
+    NotifyTargetTaskIF* m_task;
+    std::shared_ptr<PorticoClientIF> m_portico;
+    CallbackRegistry<Sonarix::Product> m_productUpdateRegistry;
+    CallbackRegistry<Sonarix::Product> m_productRemovedRegistry;
+};
+
+} // namespace SonarixService

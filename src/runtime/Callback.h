@@ -1,0 +1,57 @@
+#pragma once
+
+#include <functional>
+#include <type_traits>
+#include <utility>
+
+/// A callable that may be empty: calling an empty one does nothing, so that an omitted response or error
+/// callback is legal everywhere. Runs on the thread that calls it; to hop to a task, wrap an AsyncCallback.
+/// A value: copies are independent. Never blocks and never logs by itself.
+template <class... Args>
+class Callback
+{
+public:
+    Callback() = default;
+    Callback(std::nullptr_t) {}
+
+    template <class F>
+    requires(!std::is_same_v<std::remove_cvref_t<F>, Callback> && std::is_invocable_v<F&, const Args&...>)
+        Callback(F&& function)
+        : m_function(std::forward<F>(function))
+    {
+    }
+
+    void operator()(const Args&... args) const
+    {
+        if (m_function)
+        {
+            m_function(args...);
+        }
+    }
+
+    explicit operator bool() const
+    {
+        return static_cast<bool>(m_function);
+    }
+
+    /// Destroys the held callable.
+    void Clear()
+    {
+        m_function = nullptr;
+    }
+
+private:
+    std::function<void(const Args&...)> m_function;
+};
+
+/// The notation for a callback without arguments, the same as Callback<>.
+template <>
+class Callback<void> : public Callback<>
+{
+public:
+    using Callback<>::Callback;
+    Callback(const Callback<>& other)
+        : Callback<>(other)
+    {
+    }
+};

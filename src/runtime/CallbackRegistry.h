@@ -1,0 +1,234 @@
+#pragma once
+
+#include "Callback.h"
+#include "CallbackConnection.h"
+#include "ThreadMutex.h"
+
+#include <algorithm>
+#include <list>
+#include <memory>
+#include <utility>
+
+/// A signal with any number of subscribers, called in the order of connection. Safe from any thread. The mutex
+/// is held for list work and for `onEmpty` only, never for a subscriber: a subscriber runs on the sender's
+/// thread, and one that must run on its own task connects an AsyncCallback. Subscribers are not to throw.
+///
+/// Design: Send walks a snapshot. A subscriber that leaves in the middle is not called any more; its node is
+/// taken out of the list at the end of the Send. The lists live in a shared State, so that neither a
+/// CallbackConnection nor a Send that runs on another thread touches a registry after its end.
+template <class... Args>
+class CallbackRegistry
+{
+    class ConnectionImpl;
+    using Node = std::shared_ptr<ConnectionImpl>;
+    using NodeList = std::list<Node>;
+    using Iterator = typename NodeList::iterator;
+
+public:
+    /// `onEmpty` is called, with the mutex held, each time the list becomes empty. Several registries may share
+    /// one `mutex`; none given: the registry makes its own.
+    explicit CallbackRegistry(const Callback<void>& onEmpty = {}, std::shared_ptr<CThreadMutex> mutex = nullptr)
+        : m_state(std::make_shared<State>())
+    {
+        m_state->m_mutex = mutex ? std::move(mutex) : std::make_shared<CThreadMutex>();
+        m_state->m_onEmpty = onEmpty;
+    }
+    CallbackRegistry(const CallbackRegistry&) = delete;
+    CallbackRegistry& operator=(const CallbackRegistry&) = delete;
+
+    ~CallbackRegistry()
+    {
+        const ScopedMutex lock(*m_state->m_mutex);
+        m_state->DisconnectAll();
+        for (const Node& connection : m_state->m_connections) // what a running Send has not reached yet
+        {
+            connection->Detach();
+        }
+        m_state->m_onEmpty.Clear(); // a Send that still runs must not call into our owner
+    }
+
+    CallbackConnection Connect(const Callback<Args...>& callback)
+    {
+        const ScopedMutex lock(*m_state->m_mutex);
+        auto connection = std::make_shared<ConnectionImpl>(callback, m_state);
+        m_state->m_connections.push_back(connection);
+        connection->m_self = std::prev(m_state->m_connections.end());
+        return CallbackConnection(connection);
+    }
+
+    /// Calls every subscriber but `except`; a default-constructed `except` skips nobody.
+    void Send(const Args&... args, const CallbackConnection& except) const
+    {
+        const std::shared_ptr<State> state = m_state;
+        NodeList snapshot;
+        {
+            const ScopedMutex lock(*state->m_mutex);
+            state->m_sending = true;
+            snapshot = state->m_connections;
+        }
+        for (const Node& connection : snapshot)
+        {
+            if (except != std::shared_ptr<CallbackConnectionIF>(connection))
+            {
+                connection->Call(args...);
+            }
+        }
+        const ScopedMutex lock(*state->m_mutex);
+        state->FinishSend();
+    }
+
+    void DisconnectAll()
+    {
+        const ScopedMutex lock(*m_state->m_mutex);
+        m_state->DisconnectAll();
+    }
+
+private:
+    struct State
+    {
+        std::shared_ptr<CThreadMutex> m_mutex;
+        Callback<void> m_onEmpty;
+        NodeList m_connections;
+        std::list<Iterator> m_pendingRemovals; ///< put off while a Send runs
+        bool m_sending = false;                ///< one flag, not a count: the end of a nested Send clears it for both
+
+        void Remove(Iterator node)
+        {
+            if (m_sending)
+            {
+                if (!IsPending(node))
+                {
+                    m_pendingRemovals.push_back(node);
+                }
+                return;
+            }
+            // The nested Send of a subscriber may have ended with this node still on the list of removals.
+            m_pendingRemovals.remove(node);
+            m_connections.erase(node);
+            NotifyIfEmpty();
+        }
+
+        bool IsPending(Iterator node) const
+        {
+            return std::find(m_pendingRemovals.begin(), m_pendingRemovals.end(), node) != m_pendingRemovals.end();
+        }
+
+        void FinishSend()
+        {
+            while (!m_pendingRemovals.empty())
+            {
+                const Iterator node = m_pendingRemovals.front();
+                m_pendingRemovals.pop_front();
+                const Node connection = *node; // outlives its place in the list
+                connection->Detach();
+                m_connections.erase(node);
+                NotifyIfEmpty();
+            }
+            m_sending = false;
+        }
+
+        void DisconnectAll()
+        {
+            if (m_connections.empty())
+            {
+                return;
+            }
+            if (m_sending)
+            {
+                m_pendingRemovals.clear();
+                for (auto node = m_connections.begin(); node != m_connections.end(); ++node)
+                {
+                    m_pendingRemovals.push_back(node);
+                }
+                return;
+            }
+            const NodeList leaving = std::move(m_connections);
+            m_connections.clear();
+            m_pendingRemovals.clear();
+            for (const Node& connection : leaving)
+            {
+                connection->Detach();
+            }
+            m_onEmpty();
+        }
+
+        void NotifyIfEmpty() const
+        {
+            if (m_connections.empty())
+            {
+                m_onEmpty();
+            }
+        }
+    };
+
+    class ConnectionImpl final : public CallbackConnectionIF
+    {
+    public:
+        ConnectionImpl(const Callback<Args...>& callback, const std::shared_ptr<State>& registry)
+            : m_callback(callback)
+            , m_registry(registry)
+            , m_mutex(registry->m_mutex)
+        {
+        }
+
+        void Disconnect() override
+        {
+            const ScopedMutex lock(*m_mutex);
+            if (const std::shared_ptr<State> registry = std::exchange(m_registry, {}).lock())
+            {
+                registry->Remove(m_self);
+            }
+            Detach();
+        }
+
+        bool IsConnected() const override
+        {
+            const ScopedMutex lock(*m_mutex);
+            return m_connected;
+        }
+
+        void Call(const Args&... args)
+        {
+            {
+                const ScopedMutex lock(*m_mutex);
+                if (!m_connected)
+                {
+                    return;
+                }
+                ++m_inCall;
+            }
+            struct EndOfCall
+            {
+                ConnectionImpl& m_connection;
+                ~EndOfCall()
+                {
+                    const ScopedMutex lock(*m_connection.m_mutex);
+                    --m_connection.m_inCall;
+                }
+            } const end{*this};
+            m_callback(args...);
+        }
+
+        /// With the mutex held. A callback that is being called is not destroyed under its own feet.
+        void Detach()
+        {
+            m_connected = false;
+            m_registry.reset();
+            if (m_inCall == 0)
+            {
+                m_callback.Clear();
+            }
+        }
+
+        Iterator m_self;
+
+    private:
+        Callback<Args...> m_callback;
+        bool m_connected = true;
+        int m_inCall = 0; ///< a count, since two threads may be in this callback at once
+        std::weak_ptr<State> m_registry;
+        std::shared_ptr<CThreadMutex> m_mutex;
+    };
+
+    std::shared_ptr<State> m_state;
+};

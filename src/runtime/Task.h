@@ -1,0 +1,59 @@
+#pragma once
+
+#include "Callback.h"
+#include "CallbackConnection.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace IL
+{
+
+/// One unit of work in a task's queue.
+class CallbackEntry
+{
+public:
+    virtual ~CallbackEntry() = default;
+    virtual void Dispatch() = 0;
+};
+
+} // namespace IL
+
+/// A named, single-threaded task: entries run one at a time, first in, first out. An exception out of an entry
+/// is logged at level 1 with its text and the task goes on. The engine owns the object and never frees it before
+/// the process ends, so that a raw pointer to it stays valid after StopTask.
+class NotifyTargetTaskIF
+{
+public:
+    virtual ~NotifyTargetTaskIF() = default;
+
+    /// Queues the entry, from any thread. After StopTask it is dropped silently.
+    virtual void Post(std::shared_ptr<IL::CallbackEntry> entry) = 0;
+
+    /// `callback` runs once, when the task stops (at once, if it has stopped already).
+    virtual CallbackConnection ConnectStopNotification(const Callback<void>& callback) = 0;
+
+    virtual const std::string& Name() const = 0;
+
+    /// True on the task's own thread (under the simulated engine: while one of its entries runs).
+    virtual bool IsCurrent() const = 0;
+};
+
+namespace IL
+{
+
+/// Makes a task and its thread, ready to take entries on return. `second` is reserved and always empty here.
+NotifyTargetTaskIF* CreateTask(const std::string& name, const std::string& second);
+
+/// Asks the task to end: the entry that runs finishes, queued entries are thrown away, then the stop
+/// notifications run on the task's thread and the thread ends. Returns at once. Stopping twice is harmless.
+void StopTask(NotifyTargetTaskIF* task);
+
+/// Blocks until the task's thread has ended. On the task itself it logs at level 1 and returns.
+void JoinTask(NotifyTargetTaskIF* task);
+
+/// Posts a callable to the task: the plain way to hop there.
+void BreakThread(std::function<void()>&& function, NotifyTargetTaskIF* task);
+
+} // namespace IL
