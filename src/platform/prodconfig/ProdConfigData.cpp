@@ -1,0 +1,62 @@
+#include "ProdConfigData.h"
+
+#include "DPrint.h"
+#include "ProdConfigParser.h"
+#include "SystemUtils.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdlib>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace
+{
+
+const DPrint s_log("ProdConfigData");
+
+const char* Path()
+{
+    const char* const path = std::getenv("SONARIX_PRODUCT_CONFIG");
+    return path != nullptr ? path : "/mnt/nv/product-persistence/ProductConfig.json";
+}
+
+} // namespace
+
+bool ParseAccessoryMode(const std::string& text)
+{
+    const nlohmann::json document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (!document.is_object())
+    {
+        throw std::runtime_error("no JSON object");
+    }
+    const auto found = document.find("accessoryMode");
+    if (found == document.end())
+    {
+        return false;
+    }
+    if (!found->is_boolean())
+    {
+        throw std::runtime_error("\"accessoryMode\" is no boolean");
+    }
+    return found->get<bool>();
+}
+
+bool ProdConfigData::IsDeviceInAccessoryMode()
+{
+    const std::optional<std::string> text = SystemUtils::ReadFile(Path());
+    if (!text)
+    {
+        return false;
+    }
+    try
+    {
+        return ParseAccessoryMode(*text);
+    }
+    catch (const std::runtime_error& failure)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, Path() << ": " << failure.what() << "; taken as not in accessory mode");
+        return false;
+    }
+}
