@@ -1,5 +1,6 @@
 #pragma once
 
+#include "BoundHandler.h"
 #include "CallbackRegistry.h"
 #include "DiscoveryServiceOverPorticoIF.h"
 
@@ -34,13 +35,16 @@ public:
     CallbackConnection RegisterForProductRemoved(const Callback<Sonarix::Product>& callback) override;
 
 private:
-    void HandleProductUpdate(const Sonarix::Product& product, const Callback<google::protobuf::Message>& response);
-    void HandleProductRemoved(const Sonarix::Product& product, const Callback<google::protobuf::Message>& response);
+    using Answer = Callback<google::protobuf::Message>;
+
+    void HandleProductUpdate(const Sonarix::Product& product, const Answer& response, const Answer& error);
+    void HandleProductRemoved(const Sonarix::Product& product, const Answer& response, const Answer& error);
 
     NotifyTargetTaskIF* m_task;
     std::shared_ptr<PorticoClientIF> m_portico;
     CallbackRegistry<Sonarix::Product> m_productUpdateRegistry;
     CallbackRegistry<Sonarix::Product> m_productRemovedRegistry;
+    LivenessToken m_alive;
 };
 
 } // namespace SonarixService

@@ -1,0 +1,86 @@
+#include "DiscoveryServiceOverPortico.h"
+
+#include "DPrint.h"
+#include "PorticoClient.h"
+#include "Sonarix.pb.h"
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("DiscoveryServiceOverPortico");
+
+const std::string kPath = "/sonarix/private/products";
+constexpr double kVersion = 1.0;
+
+std::atomic<DiscoveryServiceOverPortico::Factory> s_factoryOverride{nullptr};
+
+} // namespace
+
+std::shared_ptr<DiscoveryServiceOverPorticoIF> DiscoveryServiceOverPortico::Create(NotifyTargetTaskIF* task)
+{
+    if (const Factory factory = s_factoryOverride.load())
+    {
+        return factory(task);
+    }
+    return std::make_shared<DiscoveryServiceOverPortico>(
+        task, Portico::PorticoClient::Create("DiscoveryServiceOverPortico", "localhost", 8084, "tarsier", "", nullptr,
+                                             std::nullopt, Portico::CommonClientCreationInfo()));
+}
+
+void DiscoveryServiceOverPortico::SetFactoryOverride(Factory factory)
+{
+    s_factoryOverride = factory;
+}
+
+DiscoveryServiceOverPortico::DiscoveryServiceOverPortico(NotifyTargetTaskIF* task,
+                                                         std::shared_ptr<PorticoClientIF> portico)
+    : m_task(task)
+    , m_portico(std::move(portico))
+    , m_alive(std::make_shared<const bool>(true))
+{
+    // The connections are dropped: the endpoints stay as long as the gateway connection does.
+    const auto update = BindHandler(m_task, this, m_alive, &DiscoveryServiceOverPortico::HandleProductUpdate);
+    m_portico->RegisterPost<Sonarix::Product>(kPath, update, Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
+    m_portico->RegisterPut<Sonarix::Product>(kPath, update, Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
+
+    const auto removed = BindHandler(m_task, this, m_alive, &DiscoveryServiceOverPortico::HandleProductRemoved);
+    m_portico->RegisterDelete<Sonarix::Product>(kPath, removed, Portico::EndpointScope::PRIVATE, kVersion, "Unknown",
+                                                0);
+}
+
+DiscoveryServiceOverPortico::~DiscoveryServiceOverPortico() = default;
+
+CallbackConnection DiscoveryServiceOverPortico::RegisterForProductUpdate(const Callback<Sonarix::Product>& callback)
+{
+    return m_productUpdateRegistry.Connect(callback);
+}
+
+CallbackConnection DiscoveryServiceOverPortico::RegisterForProductRemoved(const Callback<Sonarix::Product>& callback)
+{
+    return m_productRemovedRegistry.Connect(callback);
+}
+
+void DiscoveryServiceOverPortico::HandleProductUpdate(const Sonarix::Product& product, const Answer& response,
+                                                      const Answer& /*error*/)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "");
+    response(SXCommon::SonarixVoid());
+    m_productUpdateRegistry.Send(product, CallbackConnection());
+}
+
+void DiscoveryServiceOverPortico::HandleProductRemoved(const Sonarix::Product& product, const Answer& response,
+                                                       const Answer& /*error*/)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "");
+    response(SXCommon::SonarixVoid());
+    m_productRemovedRegistry.Send(product, CallbackConnection());
+}
+
+} // namespace SonarixService

@@ -1,0 +1,293 @@
+#include "DiscoveryServicePorticoClient.h"
+
+#include "DPrint.h"
+#include "DeviceInfoConversion.h"
+#include "DiscoveryServiceAggregatorIF.h"
+#include "DiscoveryServiceControllerIF.h"
+#include "HubApi.pb.h"
+#include "MacAddressInfo.h"
+#include "MdnsDiscoveryProtocolIF.h"
+#include "MfgData.h"
+#include "NetManager.pb.h"
+#include "PorticoClientIF.h"
+#include "PorticoError.pb.h"
+#include "ProdConfigData.h"
+#include "Sonarix.pb.h"
+#include "SonarixPb.pb.h"
+
+#include <atomic>
+#include <set>
+#include <utility>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("DiscoveryServicePorticoClient");
+
+constexpr double kVersion = 1.0;
+
+const std::string kInfoPath = "/sonarix/info";
+const std::string kProductsPath = "/sonarix/products";
+const std::string kAdvertisementPath = "/startDiscoveryAdvertisement";
+const std::string kNetworkStatusPath = "/network/status";
+const std::string kStationUsagePath = "/network/wifi/stationUsage";
+
+std::atomic<DiscoveryServicePorticoClient::Factory> s_factoryOverride{nullptr};
+
+SonarixPb::DeviceInfo MakeDeviceInfo(const HUBAPI::AdvertisementInfo& info)
+{
+    SonarixPb::DeviceInfo device;
+    device.set_devicetype("RENDERER");
+    device.set_guid(info.guid());
+    device.set_macaddress(GetPrimaryMAC());
+    device.set_friendlyname(info.devicename());
+    device.set_manufacturer("Kova");
+    device.set_ecosystem(info.ecosys());
+    device.set_producttype(info.producttype());
+    device.set_modelname(info.productname());
+    device.set_productcolor(info.productcolor());
+    device.set_softwareversion(info.softwareversion());
+    device.set_serialnumber(info.serialnumber());
+    device.set_country(info.country());
+    return device;
+}
+
+} // namespace
+
+std::shared_ptr<DiscoveryServicePorticoClientIF> DiscoveryServicePorticoClient::Create(
+    NotifyTargetTaskIF* task, const std::shared_ptr<DiscoveryServiceControllerIF>& controller,
+    const std::shared_ptr<PorticoClientIF>& portico, const std::shared_ptr<DiscoveryServiceAggregatorIF>& aggregator)
+{
+    if (const Factory factory = s_factoryOverride.load())
+    {
+        return factory(task, controller, portico, aggregator);
+    }
+    return std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
+}
+
+void DiscoveryServicePorticoClient::SetFactoryOverride(Factory factory)
+{
+    s_factoryOverride = factory;
+}
+
+DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF* task,
+                                                             std::shared_ptr<DiscoveryServiceControllerIF> controller,
+                                                             std::shared_ptr<PorticoClientIF> portico,
+                                                             std::shared_ptr<DiscoveryServiceAggregatorIF> aggregator)
+    : m_task(task)
+    , m_guid(MfgData::Get("guid").value_or("guid.is.not.set.perhaps.x86"))
+    , m_isAccessory(ProdConfigData::IsDeviceInAccessoryMode())
+    , m_controller(std::move(controller))
+    , m_portico(std::move(portico))
+    , m_aggregator(std::move(aggregator))
+    , m_alive(std::make_shared<const bool>(true))
+{
+    // The connections are dropped: both subscriptions hold as long as the aggregator.
+    const std::weak_ptr<const bool> alive = m_alive;
+    m_aggregator->RegisterForMyProductInfo(AsyncCallback<Sonarix::ProductInfo>(
+        [this, alive](const Sonarix::ProductInfo& info)
+        {
+            if (alive.expired())
+            {
+                return;
+            }
+            DPRINT(s_log, DPrint::LEVEL_INFO, "sending my product info notification");
+            SendMyProductInfoNotification(info);
+        },
+        m_task));
+    m_aggregator->RegisterForProductList(AsyncCallback<Sonarix::ProductList>(
+        [this, alive](const Sonarix::ProductList& list)
+        {
+            if (alive.expired())
+            {
+                return;
+            }
+            DPRINT(s_log, DPrint::LEVEL_INFO, "sending product list notification");
+            m_portico->SendNotification(kProductsPath, list, kVersion);
+        },
+        m_task));
+}
+
+DiscoveryServicePorticoClient::~DiscoveryServicePorticoClient() = default;
+
+void DiscoveryServicePorticoClient::Initialize()
+{
+    using Self = DiscoveryServicePorticoClient;
+    using NetManager::Protobuf::NetworkStatus;
+    using NetManager::Protobuf::StationUsage;
+
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Initialize");
+
+    // The first value of each source comes by a GET, all later ones by notification: hence one handler for both.
+    m_networkStatusConnection = m_portico->RegisterNotification<NetworkStatus>(
+        kNetworkStatusPath, BindHandler(m_task, this, m_alive, &Self::HandleNetworkStatus),
+        Portico::EndpointScope::PUBLIC, kVersion);
+
+    m_stationUsageConnection.Disconnect();
+    m_stationUsageConnection = m_portico->RegisterNotification<StationUsage>(
+        kStationUsagePath, BindHandler(m_task, this, m_alive, &Self::HandleWiFiStationUsage),
+        Portico::EndpointScope::PUBLIC, kVersion);
+
+    m_stationUsageGetConnection.Disconnect();
+    m_stationUsageGetConnection = m_portico->SendGet<StationUsage, Portico::Error>(
+        kStationUsagePath, BindHandler(m_task, this, m_alive, &Self::HandleWiFiStationUsage),
+        BindHandler(m_task, this, m_alive, &Self::HandleWiFiStationUsageError), kVersion);
+
+    m_portico->SendGet<NetworkStatus, Portico::Error>(
+        kNetworkStatusPath, BindHandler(m_task, this, m_alive, &Self::HandleNetworkStatus),
+        BindHandler(m_task, this, m_alive, &Self::HandleNetworkStatusError), kVersion);
+
+    m_getInfoConnection =
+        m_portico->RegisterGet(kInfoPath, BindHandler(m_task, this, m_alive, &Self::HandleGetMyProductInfo),
+                               Portico::EndpointScope::PUBLIC, kVersion, "Unknown", 0);
+    m_getProductsConnection =
+        m_portico->RegisterGet(kProductsPath, BindHandler(m_task, this, m_alive, &Self::HandleGetProductList),
+                               Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
+    // Overwrites the handle before it on purpose: the list stays served for the life of the client.
+    m_getProductsConnection = m_portico->RegisterPost<HUBAPI::AdvertisementInfo>(
+        kAdvertisementPath, BindHandler(m_task, this, m_alive, &Self::HandleAdvertisement),
+        Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
+}
+
+void DiscoveryServicePorticoClient::HandleNetworkStatus(const NetManager::Protobuf::NetworkStatus& status)
+{
+    const std::string ip = status.has_primaryipaddress() ? status.primaryipaddress() : std::string();
+    DPRINT(s_log, DPrint::LEVEL_INFO,
+           std::boolalpha << "NetworkStatus: has_primary: " << status.has_primary()
+                          << ", primary: " << NetManager::Protobuf::NetworkType_Name(status.primary())
+                          << ", isPrimaryUp: " << status.isprimaryup() << ", primaryIpAddress: |" << ip << "| ");
+
+    m_controller->SetNetworkStatus(status);
+
+    const bool wasPrimaryUp = m_isPrimaryUp;
+    m_isPrimaryUp = status.isprimaryup();
+
+    const SXCommon::ProductMode mode = DetermineNewProductMode(m_isAccessory, m_isPrimaryUp, ip);
+    if (mode == SXCommon::UNKNOWN_MODE)
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               "We do not (yet) have a new ProductMode. Informing aggregator about our new ip. Hopefully it handles "
+               "UNKNOWN_MODE properly");
+    }
+    m_aggregator->InitializeProtocols(mode, ip);
+
+    if (!status.has_primary() || ip.empty())
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO,
+               "We do not have a primary yet. Cannot make any decisions about our mode until we do!");
+        return;
+    }
+
+    const std::shared_ptr<MdnsDiscoveryProtocolIF> mdns = m_controller->GetMdnsDiscoveryProtocol();
+    if (!wasPrimaryUp && m_isPrimaryUp && m_isAccessory && mdns)
+    {
+        SonarixPb::DeviceInfo device;
+        device.set_guid(m_guid);
+        device.set_ipaddress(status.primaryipaddress());
+        mdns->BroadcastInitialAccessoryAnnouncement(device);
+    }
+}
+
+SXCommon::ProductMode DiscoveryServicePorticoClient::DetermineNewProductMode(bool isAccessory, bool isPrimaryUp,
+                                                                             const std::string& ip) const
+{
+    if (isAccessory)
+    {
+        return SXCommon::ACCESSORY;
+    }
+    if (!ip.empty())
+    {
+        return isPrimaryUp ? SXCommon::HOST : SXCommon::SETUP;
+    }
+    DPRINT(s_log, DPrint::LEVEL_INFO, "Primary IP address is empty, cannot determine product mode.");
+    return SXCommon::UNKNOWN_MODE;
+}
+
+void DiscoveryServicePorticoClient::HandleNetworkStatusError(const Portico::Error& error)
+{
+    // No second GET: the next status comes by notification.
+    DPRINT(s_log, DPrint::LEVEL_WARNING,
+           "Error (" << error.code() << "-" << error.subcode() << ") " << error.message());
+}
+
+void DiscoveryServicePorticoClient::HandleWiFiStationUsage(const NetManager::Protobuf::StationUsage& usage)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "");
+    std::set<std::string> bands;
+    for (const int band : usage.stationbands())
+    {
+        bands.insert(NetManager::Protobuf::WiFiRadioBand_Name(static_cast<NetManager::Protobuf::WiFiRadioBand>(band)));
+    }
+    m_aggregator->SetSupportedWifiBands(bands);
+}
+
+void DiscoveryServicePorticoClient::HandleWiFiStationUsageError(const Portico::Error& error)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, ProtoToMarkup::ToJson(error, true, false, false));
+}
+
+void DiscoveryServicePorticoClient::HandleGetMyProductInfo(const Answer& response, const Answer& error)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "");
+    m_aggregator->GetMyProductInfo(response, error);
+}
+
+void DiscoveryServicePorticoClient::HandleGetProductList(const Answer& response, const Answer& /*error*/)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "");
+    Sonarix::ProductList list;
+    m_aggregator->GetProductList(list);
+    response(list);
+}
+
+void DiscoveryServicePorticoClient::HandleAdvertisement(const HUBAPI::AdvertisementInfo& info, const Answer& response,
+                                                        const Answer& error)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "");
+    const SonarixPb::DeviceInfo device = MakeDeviceInfo(info);
+
+    if (const std::shared_ptr<MdnsDiscoveryProtocolIF> mdns = m_controller->GetMdnsDiscoveryProtocol())
+    {
+        mdns->BroadcastInitialDeviceAnnouncement(device);
+        response(info);
+    }
+    else
+    {
+        Portico::Error unavailable;
+        unavailable.set_code(503);
+        unavailable.set_subcode(0);
+        unavailable.set_message("MDNS Service not available.");
+        error(unavailable);
+    }
+    m_aggregator->HandleProductInfoAdvertisement(ConvertToProductInfo(device));
+}
+
+void DiscoveryServicePorticoClient::SendMyProductInfoNotification(const Sonarix::ProductInfo& info)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "Sending product info notification");
+    m_portico->SendNotification(kInfoPath, info, kVersion);
+}
+
+void DiscoveryServicePorticoClient::SendSonarixNotification(const Sonarix::Product& product)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, product.DebugString());
+    Sonarix::ProductList list;
+    *list.add_products() = product;
+    m_portico->SendNotification(kProductsPath, list, kVersion);
+}
+
+void DiscoveryServicePorticoClient::Shutdown()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Shutdown");
+    m_aggregator->Shutdown();
+    m_networkStatusConnection.Disconnect();
+    m_getInfoConnection.Disconnect();
+    m_getProductsConnection.Disconnect();
+    m_spareConnection.Disconnect();
+    m_portico->Shutdown();
+}
+
+} // namespace SonarixService
