@@ -1,0 +1,180 @@
+#include "DiscoveryServiceController.h"
+
+#include "DPrint.h"
+#include "DiscoveryServiceAggregator.h"
+#include "DiscoveryServiceIPCServerIF.h"
+#include "DiscoveryServicePorticoClient.h"
+#include "MdnsDiscoveryProtocol.h"
+#include "MdnsDiscoveryProtocolIF.h"
+#include "OptionalParts.h"
+#include "PorticoClient.h"
+#include "SsdpDiscoveryProtocolIF.h"
+#include "TaskGate.h"
+
+#include <optional>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("DiscoveryServiceController");
+
+} // namespace
+
+DiscoveryServiceController::DiscoveryServiceController()
+    : m_task(IL::CreateTask("DiscoveryServiceControllerTask", ""))
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "DiscoveryServiceController");
+    m_mdnsProtocol = MdnsDiscoveryProtocol::Create();
+    m_ssdpProtocol = OptionalParts::CreateSsdpDiscoveryProtocol();
+}
+
+DiscoveryServiceController::~DiscoveryServiceController()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~DiscoveryServiceController");
+    Shutdown();
+}
+
+void DiscoveryServiceController::Initialize()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Initialize");
+    const std::shared_ptr<DiscoveryServiceControllerIF> self = shared_from_this();
+
+    CreateGatewayClient(self);
+    m_ipcServer = OptionalParts::CreateIPCServer(self);
+
+    m_porticoClient->Initialize();
+    if (m_ipcServer)
+    {
+        m_ipcServer->Initialize();
+    }
+}
+
+void DiscoveryServiceController::CreateGatewayClient(const std::shared_ptr<DiscoveryServiceControllerIF>& self)
+{
+    // The constructors below subscribe one after another what runs on the task: it takes up its work when the last
+    // of them is done.
+    const TaskGate gate(m_task);
+    const std::shared_ptr<PorticoClientIF> portico = Portico::PorticoClient::Create(
+        "SonarixService", "localhost", 8084, "tarsier", "", nullptr, std::nullopt, Portico::CommonClientCreationInfo());
+    m_porticoClient =
+        DiscoveryServicePorticoClient::Create(m_task, self, portico, DiscoveryServiceAggregator::Create(m_task, self));
+}
+
+void DiscoveryServiceController::JoinTasks()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "JoinTasks");
+    IL::JoinTask(m_task);
+}
+
+void DiscoveryServiceController::SetNetworkStatus(const NetManager::Protobuf::NetworkStatus& status)
+{
+    DPRINT(s_log, DPrint::LEVEL_VERBOSE, status.ShortDebugString());
+    bool isPrimaryUp = false;
+    {
+        const ScopedMutex lock(m_mutex);
+        m_networkStatus = status;
+        isPrimaryUp = m_networkStatus.isprimaryup();
+    }
+    const std::string name = GetPrimaryInterfaceName();
+    const bool isUp = !name.empty() && isPrimaryUp;
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s : iface = %s, status = %s", "SetNetworkStatus", name.c_str(),
+            isUp ? "UP" : "DOWN");
+
+    if (!m_networkIsUp && isUp)
+    {
+        m_networkIsUp = true;
+        OnNetworkUp(name);
+    }
+    else if (m_networkIsUp && !isUp)
+    {
+        m_networkIsUp = false;
+        OnNetworkDown();
+    }
+}
+
+std::shared_ptr<SsdpDiscoveryProtocolIF> DiscoveryServiceController::GetSsdpDiscoveryProtocol()
+{
+    return m_ssdpProtocol;
+}
+
+std::shared_ptr<MdnsDiscoveryProtocolIF> DiscoveryServiceController::GetMdnsDiscoveryProtocol()
+{
+    return m_mdnsProtocol;
+}
+
+std::string DiscoveryServiceController::GetPrimaryInterfaceName()
+{
+    const ScopedMutex lock(m_mutex);
+    for (const NetManager::Protobuf::NetworkInterface& interface : m_networkStatus.interfaces())
+    {
+        if (interface.type() == m_networkStatus.primary())
+        {
+            return interface.name();
+        }
+    }
+    return {};
+}
+
+void DiscoveryServiceController::OnNetworkUp(const std::string& interfaceName)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "Network is up on interface: " << interfaceName);
+    m_interfaceName = interfaceName;
+    StartSonarix();
+    if (m_mdnsProtocol)
+    {
+        m_mdnsProtocol->NetworkWentUp(); // after the start: sends what was put off until now
+    }
+}
+
+void DiscoveryServiceController::OnNetworkDown()
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "Network is down");
+    if (m_mdnsProtocol)
+    {
+        m_mdnsProtocol->NetworkWentDown();
+    }
+    StopSonarix();
+}
+
+void DiscoveryServiceController::StartSonarix()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "StartSonarix");
+    m_mdnsProtocol->Start();
+    if (m_ssdpProtocol)
+    {
+        m_ssdpProtocol->Start(GetPrimaryInterfaceName());
+    }
+}
+
+void DiscoveryServiceController::StopSonarix()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "StopSonarix");
+    if (m_mdnsProtocol)
+    {
+        m_mdnsProtocol->Stop();
+    }
+    if (m_ssdpProtocol)
+    {
+        m_ssdpProtocol->Stop();
+    }
+}
+
+void DiscoveryServiceController::Shutdown()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Shutdown");
+    StopSonarix();
+    if (m_porticoClient) // not there where Initialize() never ran
+    {
+        m_porticoClient->Shutdown();
+    }
+    if (m_ipcServer)
+    {
+        m_ipcServer->Shutdown();
+    }
+    IL::StopTask(m_task);
+}
+
+} // namespace SonarixService

@@ -1,0 +1,7 @@
+#include "ServiceEntry.h"
+
+/// The daemon takes no arguments, and ignores those that it gets.
+int main()
+{
+    return SonarixService::RunService();
+}

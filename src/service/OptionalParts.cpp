@@ -1,0 +1,42 @@
+#include "OptionalParts.h"
+
+#include "DiscoveryServiceIPCServerIF.h"
+#include "SsdpDiscoveryProtocolIF.h"
+
+#include <atomic>
+
+namespace SonarixService::OptionalParts
+{
+
+namespace
+{
+
+std::atomic<SsdpFactory> s_ssdpFactory{nullptr};
+std::atomic<IPCServerFactory> s_ipcServerFactory{nullptr};
+
+} // namespace
+
+std::shared_ptr<SsdpDiscoveryProtocolIF> CreateSsdpDiscoveryProtocol()
+{
+    const SsdpFactory factory = s_ssdpFactory.load();
+    return factory != nullptr ? factory() : nullptr;
+}
+
+std::shared_ptr<DiscoveryServiceIPCServerIF>
+CreateIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller)
+{
+    const IPCServerFactory factory = s_ipcServerFactory.load();
+    return factory != nullptr ? factory(controller) : nullptr;
+}
+
+void SetSsdpFactoryOverride(SsdpFactory factory)
+{
+    s_ssdpFactory = factory;
+}
+
+void SetIPCServerFactoryOverride(IPCServerFactory factory)
+{
+    s_ipcServerFactory = factory;
+}
+
+} // namespace SonarixService::OptionalParts

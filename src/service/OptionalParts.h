@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+
+namespace SonarixService
+{
+
+class DiscoveryServiceControllerIF;
+class DiscoveryServiceIPCServerIF;
+class SsdpDiscoveryProtocolIF;
+
+/// The creation functions of the parts that this build may lack: SSDP discovery and the local socket server.
+/// They give an empty pointer where there is neither an override factory nor the part itself, and whoever holds
+/// one tests it at every use. Safe from any thread.
+namespace OptionalParts
+{
+
+using SsdpFactory = std::shared_ptr<SsdpDiscoveryProtocolIF> (*)();
+using IPCServerFactory =
+    std::shared_ptr<DiscoveryServiceIPCServerIF> (*)(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
+
+std::shared_ptr<SsdpDiscoveryProtocolIF> CreateSsdpDiscoveryProtocol();
+std::shared_ptr<DiscoveryServiceIPCServerIF>
+CreateIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
+
+void SetSsdpFactoryOverride(SsdpFactory factory);           ///< null in the product
+void SetIPCServerFactoryOverride(IPCServerFactory factory); ///< null in the product
+
+} // namespace OptionalParts
+
+} // namespace SonarixService

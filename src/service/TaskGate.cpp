@@ -1,0 +1,20 @@
+#include "TaskGate.h"
+
+#include "ConditionSemaphore.h"
+#include "Task.h"
+
+namespace SonarixService
+{
+
+TaskGate::TaskGate(NotifyTargetTaskIF* task)
+    : m_open(std::make_shared<ConditionSemaphore>(0))
+{
+    IL::BreakThread([open = m_open] { open->Wait(kLimitMs); }, task);
+}
+
+TaskGate::~TaskGate()
+{
+    m_open->Signal();
+}
+
+} // namespace SonarixService
