@@ -6,6 +6,9 @@
 set(SONARIX_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 set_property(GLOBAL PROPERTY SONARIX_FOLDERS "")
 
+# What must exist before a source can be read alone, by clang-tidy for instance.
+add_custom_target(generated-sources)
+
 function(sonarix_library NAME FOLDER)
     cmake_parse_arguments(ARG "" "" "LINKS;PRIVATE" ${ARGN})
     set(DIR ${CMAKE_SOURCE_DIR}/${FOLDER})
@@ -41,6 +44,7 @@ function(sonarix_library NAME FOLDER)
     if(GENERATED)
         target_include_directories(${NAME} SYSTEM PUBLIC ${CMAKE_BINARY_DIR}/generated/${NAME})
         add_custom_target(${NAME}_protos DEPENDS ${GENERATED})
+        add_dependencies(generated-sources ${NAME}_protos)
     endif()
 endfunction()
 
@@ -54,7 +58,9 @@ function(sonarix_program NAME)
 endfunction()
 
 # sonarix_test(NAME FOLDER LINKS libraries...): one GoogleTest program of all
-# sources of FOLDER; each of its cases is a test of its own for CTest.
+# sources of FOLDER; each of its cases is a test of its own for CTest. The target
+# `unit-tests` builds all of these programs and what they run.
+add_custom_target(unit-tests)
 function(sonarix_test NAME FOLDER)
     cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
     file(GLOB SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.cpp)
@@ -66,6 +72,7 @@ function(sonarix_test NAME FOLDER)
     target_include_directories(${NAME} PRIVATE ${CMAKE_SOURCE_DIR}/${FOLDER} ${CMAKE_SOURCE_DIR}/tests/support)
     target_link_libraries(${NAME} PRIVATE ${ARG_LINKS} GTest::gmock GTest::gtest_main)
     set_target_properties(${NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+    add_dependencies(unit-tests ${NAME})
     gtest_discover_tests(${NAME} PROPERTIES TIMEOUT 120 LABELS unit DISCOVERY_TIMEOUT 60)
 endfunction()
 

@@ -1,0 +1,65 @@
+#!/usr/bin/python3
+"""tools/check-layers on a small tree: what it lets pass, and what it reports."""
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+CHECK = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../tools/check-layers")
+
+CMAKE = """
+set(ENGINE low) # the replaceable one
+sonarix_library(low src/low LINKS Threads::Threads)
+sonarix_library(hidden src/hidden LINKS low)
+sonarix_library(middle src/middle
+    LINKS ${ENGINE} PRIVATE hidden nlohmann_json::nlohmann_json)
+sonarix_library(high src/high LINKS middle)
+"""
+
+SOURCES = {
+    "src/low/Low.h": "#pragma once\n#include <string>\n",
+    "src/low/Record.proto": 'import "google/protobuf/descriptor.proto";\n',
+    "src/hidden/Hidden.h": '#include "Low.h"\n',
+    "src/middle/Middle.cpp": '#include "Low.h"\n#include "Record.pb.h"\n#include "Hidden.h"\n',
+    "src/middle/Middle.h": "",
+    "src/high/High.cpp": '#include "Middle.h"\n#include "Low.h"\n',
+}
+
+
+class CheckLayers(unittest.TestCase):
+    def run_on(self, changes):
+        with tempfile.TemporaryDirectory() as root:
+            for path, text in {"CMakeLists.txt": CMAKE, **SOURCES, **changes}.items():
+                os.makedirs(os.path.dirname(os.path.join(root, path)), exist_ok=True)
+                with open(os.path.join(root, path), "w", encoding="utf-8") as file:
+                    file.write(text)
+            result = subprocess.run([CHECK, root], capture_output=True, text=True, check=False)
+            return result.returncode, result.stdout.splitlines(), result.stderr
+
+    def assert_offence(self, changes, line):
+        self.assertEqual(self.run_on(changes), (1, [line], ""))
+
+    def test_a_tree_in_order_passes_silently(self):
+        self.assertEqual(self.run_on({}), (0, [], ""))
+
+    def test_an_include_against_the_layers_is_reported(self):
+        self.assert_offence({"src/low/Low.h": '\n#include "Middle.h"\n'},
+                            "src/low/Low.h:2: Middle.h: src/low does not link src/middle")
+        self.assert_offence({"src/low/Low.h": "# include <Middle.h>\n"},
+                            "src/low/Low.h:1: Middle.h: src/low does not link src/middle")
+        self.assert_offence({"src/hidden/Hidden.proto": 'import "Other.proto";', "src/high/Other.proto": ""},
+                            "src/hidden/Hidden.proto:1: Other.pb.h: src/hidden does not link src/high")
+
+    def test_a_private_link_is_for_its_own_folder_alone(self):
+        self.assert_offence({"src/high/High.cpp": '#include "Hidden.h"\n'},
+                            "src/high/High.cpp:1: Hidden.h: src/high does not link src/hidden")
+
+    def test_an_unknown_header_and_a_folder_without_target_are_reported(self):
+        self.assert_offence({"src/high/High.cpp": '#include "Gone.h"\n'},
+                            "src/high/High.cpp:1: Gone.h: no such header under src/")
+        self.assert_offence({"src/stray/Stray.cpp": ""}, "src/stray/Stray.cpp: belongs to no sonarix_library")
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main(verbosity=2))
