@@ -82,6 +82,10 @@ json ParseObject(const std::string& text)
     {
         throw ProtoToMarkup::MarkupError("no JSON, from byte " + std::to_string(failure.byte) + " on");
     }
+    catch (const json::exception&)
+    {
+        throw ProtoToMarkup::MarkupError("a number is out of range");
+    }
     if (!document.is_object())
     {
         throw ProtoToMarkup::MarkupError("the JSON is no object");

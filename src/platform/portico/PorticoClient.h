@@ -33,6 +33,13 @@ public:
 };
 
 /// Makes gateway connections. All clients of a process share one I/O thread.
+///
+/// What holds for each: pauses between attempts grow from 0.1 s to 5 s, with jitter. A request waits for the
+/// connection until the attempt under way fails, at most 10 s, and for its answer at most 15 s; then, and when the
+/// connection goes, it ends in its error callback with code 503 or 504. A path that the gateway still sees with
+/// somebody else (409) is asked for again with the same pauses. A notification that cannot go out yet is held, the
+/// last one of each path, until the gateway has agreed to serve the path. The answer of a handler is dropped where
+/// the connection of its request has gone.
 class PorticoClient
 {
 public:

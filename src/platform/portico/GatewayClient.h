@@ -1,0 +1,48 @@
+#pragma once
+
+#include "PorticoClientIF.h"
+#include "Session.h"
+#include "Slot.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+class NotifyTargetTaskIF;
+
+namespace Portico
+{
+
+/// The library's own client: copies what it is given and posts it to its session. See PorticoClientIF.
+class GatewayClient final : public PorticoClientIF
+{
+public:
+    GatewayClient(NotifyTargetTaskIF* io, Session::Settings settings);
+    ~GatewayClient() override;
+    GatewayClient(const GatewayClient&) = delete;
+    GatewayClient& operator=(const GatewayClient&) = delete;
+
+    CallbackConnection RegisterGet(const std::string& path, const GetHandler& handler, const EndpointScope& scope,
+                                   const double& version, const std::string& label, const int& option) override;
+    CallbackConnection RegisterBody(Verb verb, const std::string& path, const BodyHandler& handler,
+                                    const EndpointScope& scope, const double& version, const std::string& label,
+                                    const int& option) override;
+    CallbackConnection RegisterNotificationText(const std::string& path, const Callback<std::string>& callback,
+                                                const EndpointScope& scope, const double& version,
+                                                const int& option) override;
+    CallbackConnection SendText(Verb verb, const std::string& path, const std::string& body,
+                                const Callback<std::string, std::string>& done, const double& version) override;
+    void SendNotification(const std::string& path, const google::protobuf::Message& message,
+                          const double& version) override;
+    void Shutdown() override;
+
+private:
+    void Post(std::function<void(Session&)> operation) const;
+    CallbackConnection Add(const std::shared_ptr<Registration>& registration, std::shared_ptr<SlotIF> slot) const;
+
+    NotifyTargetTaskIF* m_io;
+    std::shared_ptr<Gate> m_gate;
+    std::shared_ptr<Session> m_session;
+};
+
+} // namespace Portico

@@ -1,0 +1,170 @@
+#include "JsonRpc.h"
+
+#include <nlohmann/json.hpp>
+
+namespace
+{
+
+using nlohmann::json;
+using Portico::JsonRpc::Frame;
+using Portico::JsonRpc::Kind;
+
+std::string Dump(const json& value)
+{
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string Text(const json& object, const char* key)
+{
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+int Number(const json& object, const char* key)
+{
+    const auto found = object.find(key);
+    return found != object.end() && found->is_number_integer() ? found->get<int>() : 0;
+}
+
+Frame Invalid(const char* reason)
+{
+    Frame frame;
+    frame.body = reason;
+    return frame;
+}
+
+Frame ParseCall(const json& document)
+{
+    Frame frame;
+    frame.method = Text(document, "method");
+    const auto params = document.find("params");
+    if (frame.method.empty() || (params != document.end() && !params->is_object()))
+    {
+        return Invalid("no method, or params that are no object");
+    }
+    if (params != document.end())
+    {
+        frame.path = Text(*params, "path");
+        frame.guid = Text(*params, "guid");
+        frame.status = Number(*params, "status");
+        const auto body = params->find("body");
+        frame.body = body != params->end() ? Dump(*body) : std::string();
+    }
+    const auto id = document.find("id");
+    frame.kind = id != document.end() ? Kind::REQUEST : Kind::NOTIFICATION;
+    frame.id = id != document.end() ? Dump(*id) : std::string();
+    return frame;
+}
+
+Frame ParseAnswer(const json& document)
+{
+    Frame frame;
+    const auto id = document.find("id");
+    frame.id = id != document.end() ? Dump(*id) : std::string("null");
+    const auto result = document.find("result");
+    if (result != document.end())
+    {
+        frame.kind = Kind::RESULT;
+        frame.body = Dump(*result);
+        return frame;
+    }
+    const auto error = document.find("error");
+    if (error == document.end() || !error->is_object())
+    {
+        return Invalid("neither call nor answer");
+    }
+    const auto data = error->find("data");
+    const bool hasData = data != error->end() && data->is_object();
+    frame.kind = Kind::ERROR;
+    frame.body = Portico::JsonRpc::ErrorBody(Number(*error, "code"), hasData ? Number(*data, "subcode") : 0,
+                                             Text(*error, "message"), hasData ? Text(*data, "guid") : std::string());
+    return frame;
+}
+
+} // namespace
+
+namespace Portico::JsonRpc
+{
+
+Frame Parse(const std::string& text)
+{
+    const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (!document.is_object())
+    {
+        return Invalid("no JSON object");
+    }
+    return document.contains("method") ? ParseCall(document) : ParseAnswer(document);
+}
+
+std::string Request(std::uint64_t id, const std::string& method, const std::string& params)
+{
+    return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":")" + method + R"(","params":)" + params +
+           "}";
+}
+
+std::string Notification(const std::string& method, const std::string& params)
+{
+    return R"({"jsonrpc":"2.0","method":")" + method + R"(","params":)" + params + "}";
+}
+
+std::string Result(const std::string& id, const std::string& result)
+{
+    return R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":)" + result + "}";
+}
+
+std::string Error(const std::string& id, const std::string& errorBody)
+{
+    const json body = json::parse(errorBody, nullptr, /*allow_exceptions=*/false);
+    json error = {{"code", 0}, {"message", ""}, {"data", {{"subcode", 0}, {"guid", ""}}}};
+    if (body.is_object())
+    {
+        error = {{"code", Number(body, "code")},
+                 {"message", Text(body, "message")},
+                 {"data", {{"subcode", Number(body, "subcode")}, {"guid", Text(body, "guid")}}}};
+    }
+    return R"({"jsonrpc":"2.0","id":)" + id + R"(,"error":)" + Dump(error) + "}";
+}
+
+std::string OpenParams(const std::string& service, const std::string& guid)
+{
+    return Dump({{"service", service}, {"guid", guid}});
+}
+
+std::string PathParams(const std::string& path, double version, const std::string& body)
+{
+    std::string params = Dump({{"path", path}, {"version", version}});
+    if (!body.empty())
+    {
+        params.insert(params.size() - 1, ",\"body\":" + body);
+    }
+    return params;
+}
+
+std::string SubscribeParams(const std::string& path, double version, int scope)
+{
+    return Dump({{"path", path}, {"version", version}, {"scope", scope}});
+}
+
+std::string ServeParams(const std::string& verb, const std::string& path, int scope, double version,
+                        const std::string& label)
+{
+    return Dump({{"verb", verb}, {"path", path}, {"scope", scope}, {"version", version}, {"label", label}});
+}
+
+std::string ErrorBody(int code, int subcode, const std::string& message, const std::string& guid)
+{
+    return Dump({{"code", code}, {"subcode", subcode}, {"message", message}, {"guid", guid}});
+}
+
+int ErrorCode(const std::string& errorBody)
+{
+    const json body = json::parse(errorBody, nullptr, /*allow_exceptions=*/false);
+    return body.is_object() ? Number(body, "code") : 0;
+}
+
+bool IsJson(const std::string& text)
+{
+    return json::accept(text);
+}
+
+} // namespace Portico::JsonRpc
