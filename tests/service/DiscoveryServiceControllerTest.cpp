@@ -1,0 +1,258 @@
+#include "DiscoveryServiceController.h"
+
+#include "DPrint.h"
+#include "DiscoveryServiceAggregator.h"
+#include "DiscoveryServiceIPCServerIF.h"
+#include "DiscoveryServicePorticoClient.h"
+#include "FakeAggregator.h"
+#include "FakeDiscovery.h"
+#include "FakePortico.h"
+#include "MdnsDiscoveryProtocol.h"
+#include "OptionalParts.h"
+#include "ProtoToMarkup.h"
+#include "Simulation.h"
+#include "Task.h"
+#include "TaskGate.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+using namespace SonarixService;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace
+{
+
+FakeCalls* s_calls = nullptr; ///< of the test that runs; factories are plain functions
+
+std::shared_ptr<FakeCalls> SharedCalls()
+{
+    return {s_calls, [](FakeCalls*) {}};
+}
+
+/// Gateway client or local socket server: only its beginning and its end matter here.
+template <class Base>
+class FakePart : public Base
+{
+public:
+    explicit FakePart(std::string name)
+        : m_name(std::move(name))
+    {
+    }
+    void Initialize() override
+    {
+        s_calls->push_back(m_name + " Initialize");
+    }
+    void Shutdown() override
+    {
+        s_calls->push_back(m_name + " Shutdown");
+    }
+
+private:
+    const std::string m_name;
+};
+
+class FakeGatewayClient final : public FakePart<DiscoveryServicePorticoClientIF>
+{
+public:
+    using FakePart::FakePart;
+    void SendSonarixNotification(const Sonarix::Product& /*product*/) override {}
+};
+
+class FakeIPCServer final : public FakePart<DiscoveryServiceIPCServerIF>
+{
+public:
+    using FakePart::FakePart;
+    void SendSonarixNotification(SonarixPb::DeviceState /*state*/,
+                                 const std::shared_ptr<SonarixPb::DeviceInfo>& /*device*/) override
+    {
+    }
+};
+
+NetManager::Protobuf::NetworkStatus Status(const std::string& json)
+{
+    NetManager::Protobuf::NetworkStatus status;
+    ProtoToMarkup::FromJson(json, &status);
+    return status;
+}
+
+const NetManager::Protobuf::NetworkStatus kUpWired = Status(
+    R"({"isPrimaryUp":true,"primary":"WIRED_ETH","interfaces":[{"type":"WIRELESS","name":"wlan0"},{"type":"WIRED_ETH","name":"eth0"},{"type":"WIRED_ETH","name":"eth1"}]})");
+const NetManager::Protobuf::NetworkStatus kUpWireless =
+    Status(R"({"isPrimaryUp":true,"primary":"WIRELESS","interfaces":[{"type":"WIRELESS","name":"wlan0"}]})");
+const NetManager::Protobuf::NetworkStatus kDown =
+    Status(R"({"isPrimaryUp":false,"primary":"WIRED_ETH","interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})");
+
+/// The controller with everything that it owns faked, in the order in which they were called.
+class DiscoveryServiceControllerTest : public testing::Test
+{
+protected:
+    DiscoveryServiceControllerTest()
+    {
+        s_calls = &m_calls;
+        MdnsDiscoveryProtocol::SetFactoryOverride(
+            []() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
+            { return std::make_shared<FakeMdnsDiscoveryProtocol>(SharedCalls()); });
+        OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
+                                              { return std::make_shared<FakeSsdpDiscoveryProtocol>(SharedCalls()); });
+        OptionalParts::SetIPCServerFactoryOverride(
+            [](const std::shared_ptr<DiscoveryServiceControllerIF>&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
+            { return std::make_shared<FakeIPCServer>("ipc"); });
+        DiscoveryServiceAggregator::SetFactoryOverride(
+            [](NotifyTargetTaskIF* task,
+               const std::shared_ptr<DiscoveryServiceControllerIF>&) -> std::shared_ptr<DiscoveryServiceAggregatorIF>
+            {
+                s_calls->push_back("aggregator made on " + task->Name());
+                return std::make_shared<FakeAggregator>();
+            });
+        DiscoveryServicePorticoClient::SetFactoryOverride(
+            [](NotifyTargetTaskIF*, const std::shared_ptr<DiscoveryServiceControllerIF>&,
+               const std::shared_ptr<PorticoClientIF>&,
+               const std::shared_ptr<DiscoveryServiceAggregatorIF>&) -> std::shared_ptr<DiscoveryServicePorticoClientIF>
+            { return std::make_shared<FakeGatewayClient>("gateway"); });
+        DPrint::SetSink([this](const std::string&, DPrint::Level, const std::string& text) { m_log.push_back(text); });
+        m_controller = std::make_shared<DiscoveryServiceController>();
+    }
+    ~DiscoveryServiceControllerTest() override
+    {
+        DPrint::SetSink(nullptr);
+        MdnsDiscoveryProtocol::SetFactoryOverride(nullptr);
+        OptionalParts::SetSsdpFactoryOverride(nullptr);
+        OptionalParts::SetIPCServerFactoryOverride(nullptr);
+        DiscoveryServiceAggregator::SetFactoryOverride(nullptr);
+        DiscoveryServicePorticoClient::SetFactoryOverride(nullptr);
+    }
+
+    /// What `status` set going.
+    std::vector<std::string> Effect(const NetManager::Protobuf::NetworkStatus& status)
+    {
+        m_calls.clear();
+        m_log.clear();
+        m_controller->SetNetworkStatus(status);
+        return m_calls;
+    }
+
+    FakeCalls m_calls;
+    std::vector<std::string> m_log;
+    IL::Simulation m_simulation{1};
+    FakePortico m_portico;
+    std::shared_ptr<DiscoveryServiceController> m_controller;
+};
+
+} // namespace
+
+TEST_F(DiscoveryServiceControllerTest, ConstructionPreparesAndInitializeMakesTheRestInOrder)
+{
+    EXPECT_THAT(m_calls, IsEmpty());
+    EXPECT_EQ(m_portico.Made().size(), 0U);
+
+    m_controller->Initialize();
+    EXPECT_THAT(m_calls, ElementsAre("aggregator made on DiscoveryServiceControllerTask", "gateway Initialize",
+                                     "ipc Initialize"));
+    const auto gateway = m_portico.Find("SonarixService");
+    ASSERT_TRUE(gateway);
+    EXPECT_EQ(gateway->host, "localhost");
+    EXPECT_EQ(gateway->port, 8084);
+    EXPECT_EQ(gateway->subProtocol, "tarsier");
+    EXPECT_EQ(gateway->guid, "");
+    EXPECT_EQ(m_portico.Made().size(), 1U);
+}
+
+TEST_F(DiscoveryServiceControllerTest, DiscoveryStartsAndStopsAtTheEdgesWithMdnsFirstBothTimes)
+{
+    EXPECT_THAT(Effect(kDown), IsEmpty()) << "down before any up";
+    EXPECT_THAT(Effect(kUpWired), ElementsAre("mdns Start", "ssdp Start eth0", "mdns NetworkWentUp"));
+    EXPECT_THAT(m_log, Contains(HasSubstr("SetNetworkStatus : iface = eth0, status = UP")));
+    EXPECT_THAT(m_log, Contains(HasSubstr("Network is up on interface: eth0")));
+    EXPECT_THAT(Effect(kUpWired), IsEmpty());
+    EXPECT_THAT(Effect(kDown), ElementsAre("mdns NetworkWentDown", "mdns Stop", "ssdp Stop"));
+    EXPECT_THAT(m_log, Contains(HasSubstr("SetNetworkStatus : iface = eth0, status = DOWN")));
+    EXPECT_THAT(Effect(kDown), IsEmpty());
+    EXPECT_THAT(Effect(kUpWireless), ElementsAre("mdns Start", "ssdp Start wlan0", "mdns NetworkWentUp"))
+        << "the interface of the new status";
+}
+
+TEST_F(DiscoveryServiceControllerTest, InterfaceChangeWhileUpRestartsNothing)
+{
+    Effect(kUpWired);
+    EXPECT_THAT(Effect(kUpWireless), IsEmpty());
+    EXPECT_EQ(m_controller->GetPrimaryInterfaceName(), "wlan0");
+    EXPECT_THAT(Effect(kDown), ElementsAre("mdns NetworkWentDown", "mdns Stop", "ssdp Stop"));
+}
+
+TEST_F(DiscoveryServiceControllerTest, StatusWithoutAPrimaryInterfaceIsDown)
+{
+    const char* const nameless[] = {
+        R"({"isPrimaryUp":true,"primary":"WIRED_ETH"})",
+        R"({"isPrimaryUp":true,"primary":"WIRED_USB","interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})",
+        R"({"isPrimaryUp":true,"primary":"WIRED_ETH","interfaces":[{"type":"WIRED_ETH"},{"type":"WIRED_ETH","name":"eth1"}]})",
+        "{}",
+    };
+    for (const char* status : nameless)
+    {
+        EXPECT_THAT(Effect(kUpWired), ElementsAre("mdns Start", "ssdp Start eth0", "mdns NetworkWentUp"));
+        EXPECT_THAT(Effect(Status(status)), ElementsAre("mdns NetworkWentDown", "mdns Stop", "ssdp Stop")) << status;
+        EXPECT_EQ(m_controller->GetPrimaryInterfaceName(), "") << status;
+    }
+
+    // An unset type, primary or of an interface, reads as the first one.
+    EXPECT_THAT(Effect(Status(R"({"isPrimaryUp":true,"interfaces":[{"name":"usb0"}]})")),
+                ElementsAre("mdns Start", "ssdp Start usb0", "mdns NetworkWentUp"));
+}
+
+TEST_F(DiscoveryServiceControllerTest, EndStopsDiscoveryThenTheGatewayThenTheSockets)
+{
+    m_controller->Initialize();
+    m_calls.clear();
+    m_controller.reset();
+    EXPECT_THAT(m_calls, ElementsAre("mdns Stop", "ssdp Stop", "gateway Shutdown", "ipc Shutdown"));
+}
+
+TEST_F(DiscoveryServiceControllerTest, PartsThatThisBuildLacksAreEmptyAndMissedNowhere)
+{
+    OptionalParts::SetSsdpFactoryOverride(nullptr);
+    OptionalParts::SetIPCServerFactoryOverride(nullptr);
+    m_controller = std::make_shared<DiscoveryServiceController>();
+    m_controller->Initialize();
+    EXPECT_FALSE(m_controller->GetSsdpDiscoveryProtocol());
+    EXPECT_TRUE(m_controller->GetMdnsDiscoveryProtocol());
+    EXPECT_THAT(Effect(kUpWired), ElementsAre("mdns Start", "mdns NetworkWentUp"));
+    EXPECT_THAT(Effect(kDown), ElementsAre("mdns NetworkWentDown", "mdns Stop"));
+    m_calls.clear();
+    m_controller.reset();
+    EXPECT_THAT(m_calls, ElementsAre("mdns Stop", "gateway Shutdown"));
+}
+
+TEST_F(DiscoveryServiceControllerTest, InitializeNeedsASharedPointer)
+{
+    DiscoveryServiceController controller;
+    EXPECT_THROW(controller.Initialize(), std::bad_weak_ptr);
+}
+
+TEST(TaskGateTest, WhatIsPostedWithinIsDispatchedAfterwardsInOrder)
+{
+    IL::Simulation simulation(1);
+    NotifyTargetTaskIF* const task = IL::CreateTask("Task", "");
+    std::vector<std::string> order;
+
+    std::optional<TaskGate> gate;
+    gate.emplace(task);
+    IL::BreakThread([&order] { order.emplace_back("first"); }, task);
+    simulation.Schedule(std::chrono::milliseconds(500),
+                        [&]
+                        {
+                            IL::BreakThread([&order] { order.emplace_back("second"); }, task);
+                            order.emplace_back("opened");
+                            gate.reset();
+                        });
+    simulation.RunFor(std::chrono::seconds(1));
+    EXPECT_THAT(order, ElementsAre("opened", "first", "second"));
+}
