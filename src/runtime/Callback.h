@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <type_traits>
 #include <utility>
@@ -15,7 +16,7 @@ public:
     Callback(std::nullptr_t) {}
 
     template <class F>
-    requires(!std::is_same_v<std::remove_cvref_t<F>, Callback> && std::is_invocable_v<F&, const Args&...>)
+    requires(!std::is_base_of_v<Callback, std::remove_cvref_t<F>> && std::is_invocable_v<F&, const Args&...>)
         Callback(F&& function)
         : m_function(std::forward<F>(function))
     {

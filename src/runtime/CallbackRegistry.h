@@ -15,7 +15,8 @@
 ///
 /// Design: Send walks a snapshot. A subscriber that leaves in the middle is not called any more; its node is
 /// taken out of the list at the end of the Send. The lists live in a shared State, so that neither a
-/// CallbackConnection nor a Send that runs on another thread touches a registry after its end.
+/// CallbackConnection nor a Send that runs on another thread touches a registry after its end. Callables are
+/// destroyed after the mutex is released: what they hold may have a destructor that takes other locks.
 template <class... Args>
 class CallbackRegistry
 {
@@ -23,6 +24,7 @@ class CallbackRegistry
     using Node = std::shared_ptr<ConnectionImpl>;
     using NodeList = std::list<Node>;
     using Iterator = typename NodeList::iterator;
+    using Garbage = std::list<Callback<Args...>>; ///< declared before the lock of its scope
 
 public:
     /// `onEmpty` is called, with the mutex held, each time the list becomes empty. Several registries may share
@@ -38,11 +40,12 @@ public:
 
     ~CallbackRegistry()
     {
+        Garbage garbage;
         const ScopedMutex lock(*m_state->m_mutex);
-        m_state->DisconnectAll();
+        m_state->DisconnectAll(garbage);
         for (const Node& connection : m_state->m_connections) // what a running Send has not reached yet
         {
-            connection->Detach();
+            connection->Detach(garbage);
         }
         m_state->m_onEmpty.Clear(); // a Send that still runs must not call into our owner
     }
@@ -60,6 +63,7 @@ public:
     void Send(const Args&... args, const CallbackConnection& except) const
     {
         const std::shared_ptr<State> state = m_state;
+        Garbage garbage;
         NodeList snapshot;
         {
             const ScopedMutex lock(*state->m_mutex);
@@ -74,13 +78,15 @@ public:
             }
         }
         const ScopedMutex lock(*state->m_mutex);
-        state->FinishSend();
+        state->FinishSend(garbage);
     }
 
     void DisconnectAll()
     {
-        const ScopedMutex lock(*m_state->m_mutex);
-        m_state->DisconnectAll();
+        Garbage garbage;
+        const std::shared_ptr<State> state = m_state; // onEmpty may destroy this registry
+        const ScopedMutex lock(*state->m_mutex);
+        state->DisconnectAll(garbage);
     }
 
 private:
@@ -113,21 +119,21 @@ private:
             return std::find(m_pendingRemovals.begin(), m_pendingRemovals.end(), node) != m_pendingRemovals.end();
         }
 
-        void FinishSend()
+        void FinishSend(Garbage& garbage)
         {
             while (!m_pendingRemovals.empty())
             {
                 const Iterator node = m_pendingRemovals.front();
                 m_pendingRemovals.pop_front();
                 const Node connection = *node; // outlives its place in the list
-                connection->Detach();
+                connection->Detach(garbage);
                 m_connections.erase(node);
                 NotifyIfEmpty();
             }
             m_sending = false;
         }
 
-        void DisconnectAll()
+        void DisconnectAll(Garbage& garbage)
         {
             if (m_connections.empty())
             {
@@ -147,16 +153,17 @@ private:
             m_pendingRemovals.clear();
             for (const Node& connection : leaving)
             {
-                connection->Detach();
+                connection->Detach(garbage);
             }
-            m_onEmpty();
+            NotifyIfEmpty();
         }
 
         void NotifyIfEmpty() const
         {
             if (m_connections.empty())
             {
-                m_onEmpty();
+                const Callback<void> onEmpty = m_onEmpty; // it may destroy the registry, and with that the original
+                onEmpty();
             }
         }
     };
@@ -173,12 +180,13 @@ private:
 
         void Disconnect() override
         {
+            Garbage garbage;
             const ScopedMutex lock(*m_mutex);
             if (const std::shared_ptr<State> registry = std::exchange(m_registry, {}).lock())
             {
                 registry->Remove(m_self);
             }
-            Detach();
+            Detach(garbage);
         }
 
         bool IsConnected() const override
@@ -210,13 +218,13 @@ private:
         }
 
         /// With the mutex held. A callback that is being called is not destroyed under its own feet.
-        void Detach()
+        void Detach(Garbage& garbage)
         {
             m_connected = false;
             m_registry.reset();
             if (m_inCall == 0)
             {
-                m_callback.Clear();
+                garbage.push_back(std::exchange(m_callback, {}));
             }
         }
 

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -9,7 +11,8 @@
 /// One logging channel: one object per module, or per object where the name is built at run time. Lines go to
 /// standard error, one write each, in journald's "<N>" form where JOURNAL_STREAM says so. Levels come from
 /// SONARIX_LOG: a default and per-channel values, "3,MdnsService=6,mDNS=4".
-/// Safe from any thread. Never throws and never blocks on anything but standard error.
+/// Safe from any thread, at static construction and until the very end of the process. Writing a line takes no
+/// lock, never throws, and never blocks on anything but standard error.
 class DPrint final
 {
 public:
@@ -26,8 +29,8 @@ public:
         LEVEL_FINEST = 7,  ///< the finest parsing detail
     };
 
-    explicit DPrint(const char* name);
-    explicit DPrint(const std::string& name);
+    explicit DPrint(const char* name);        ///< a module's channel; its name is kept for good
+    explicit DPrint(const std::string& name); ///< an object's channel; its name goes with its last object
     ~DPrint();
     DPrint(const DPrint&) = delete;
     DPrint& operator=(const DPrint&) = delete;
@@ -37,9 +40,11 @@ public:
 
     bool IsLog(Level level) const
     {
-        return static_cast<int>(level) <= m_level.load(std::memory_order_relaxed);
+        return static_cast<int>(level) <= m_channel->m_level.load(std::memory_order_relaxed);
     }
 
+    /// printf style, without the function's name. The fixed-level forms: critical 0, error 1, warning 2, info 3,
+    /// debug 4, verbose 6, test automation 7.
     void Log(Level level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
     void LogCritical(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void LogError(const char* format, ...) const __attribute__((format(printf, 2, 3)));
@@ -49,7 +54,7 @@ public:
     void LogVerbose(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void LogTestAutomation(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
-    /// Stream style; use DPRINT below.
+    /// Stream style; use DPRINT below. A text that stays empty logs the function's name alone.
     void Prefix(std::ostringstream& stream, Level level, const char* functionName) const;
     void Put(std::ostringstream& stream, Level level) const;
 
@@ -57,16 +62,28 @@ public:
     /// An entry that cannot be read is skipped with one level-1 line.
     static void SetLevels(const std::string& levels);
 
-    /// Sends every line elsewhere (tests): (channel, level, text). Null puts standard error back.
+    /// Sends every line elsewhere (tests): (channel, level, text as it was logged). Null puts standard error back.
+    /// A line that another thread is writing may still reach the old sink, so a sink owns what it refers to.
     using Sink = std::function<void(const std::string& channel, Level level, const std::string& text)>;
     static void SetSink(Sink sink);
 
 private:
+    friend class DPrintChannels;
+
+    /// What all objects of one name share. Not inside the object: tasks may log through a module's static channel
+    /// while the process is already destroying its statics.
+    struct Channel
+    {
+        std::string m_name;
+        std::atomic<int> m_level;
+        std::size_t m_users;
+    };
+
+    void LogFormatted(Level level, const char* format, va_list args) const;
     void Write(Level level, const std::string& text) const;
 
-    const std::string m_name;
-    std::atomic<int> m_level;
-    friend class DPrintChannels;
+    Channel* const m_channel;
+    const bool m_counted;
 };
 
 /// The stream form of a log line, guarded by IsLog, prefixed with the function's own name:

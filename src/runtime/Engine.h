@@ -12,7 +12,8 @@
 namespace IL
 {
 
-/// The engine's side of one timer. Generation counting makes Cancel() final on the timer's task.
+/// The engine's side of one timer. Any thread; Cancel() on the timer's task is final: what is due already does not
+/// run either. Its end cancels.
 class TimerState
 {
 public:
@@ -32,6 +33,7 @@ public:
     virtual NotifyTargetTaskIF* CreateTask(const std::string& name) = 0;
     virtual void StopTask(NotifyTargetTaskIF* task) = 0;
     virtual void JoinTask(NotifyTargetTaskIF* task) = 0;
+    /// A null task gives a timer that never fires; a task of another engine throws std::invalid_argument.
     virtual std::shared_ptr<TimerState> CreateTimer(const std::string& name, NotifyTargetTaskIF* task) = 0;
     virtual std::int64_t NowMs() const = 0;
 

@@ -1,0 +1,176 @@
+#include "SystemUtils.h"
+
+#include "DPrint.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace
+{
+
+const DPrint s_log("SystemUtils");
+
+class Descriptor
+{
+public:
+    explicit Descriptor(int fd)
+        : m_fd(fd)
+    {
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor()
+    {
+        if (m_fd >= 0)
+        {
+            ::close(m_fd);
+        }
+    }
+    int Get() const
+    {
+        return m_fd;
+    }
+
+private:
+    const int m_fd;
+};
+
+/// 0, or the errno of what failed.
+int ReadAll(int fd, std::string& text)
+{
+    std::array<char, 4096> buffer;
+    for (;;)
+    {
+        const ssize_t count = ::read(fd, buffer.data(), buffer.size());
+        if (count == 0)
+        {
+            return 0;
+        }
+        if (count > 0)
+        {
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+        else if (errno != EINTR)
+        {
+            return errno;
+        }
+    }
+}
+
+[[noreturn]] void Leave(const std::string& why)
+{
+    std::fprintf(stderr, "sonarix-service: %s\n", why.c_str());
+    std::exit(EXIT_FAILURE);
+}
+
+/// The directory and its parents; 0755 whatever the umask, for what was missing.
+void MakeDirectory(const std::string& path)
+{
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error))
+    {
+        return;
+    }
+    // A trailing slash would make a directory's own name its parent.
+    const std::filesystem::path directory = std::filesystem::path(path + "/.").lexically_normal().parent_path();
+    if (directory.has_parent_path())
+    {
+        std::filesystem::create_directories(directory.parent_path(), error);
+    }
+    const bool made = ::mkdir(directory.c_str(), 0755) == 0;
+    if ((!made && errno != EEXIST) || (made && ::chmod(directory.c_str(), 0755) != 0))
+    {
+        Leave("cannot make the run directory " + path + ": " + std::strerror(errno));
+    }
+}
+
+/// "process 123 (name)", from the pid that the holder wrote into its lock file.
+std::string Holder(int lockFile)
+{
+    std::string pid;
+    ReadAll(lockFile, pid);
+    pid.resize(std::min(pid.find_first_not_of("0123456789"), pid.size()));
+    if (pid.empty())
+    {
+        return "another process";
+    }
+    std::string name = SystemUtils::ReadFile("/proc/" + pid + "/comm").value_or("");
+    name.resize(std::min(name.find('\n'), name.size()));
+    return "process " + pid + (name.empty() ? "" : " (" + name + ')');
+}
+
+} // namespace
+
+std::optional<std::string> SystemUtils::ReadFile(const std::string& path)
+{
+    // Not blocking, so that a pipe in the place of a file cannot hold up its reader.
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.Get() < 0 && (errno == ENOENT || errno == ENOTDIR))
+    {
+        return std::nullopt;
+    }
+    int error = file.Get() < 0 ? errno : 0;
+    std::string text;
+    struct stat status = {};
+    if (error == 0 && fstat(file.Get(), &status) != 0)
+    {
+        error = errno;
+    }
+    if (error == 0 && !S_ISREG(status.st_mode))
+    {
+        error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    }
+    if (error == 0)
+    {
+        error = ReadAll(file.Get(), text);
+    }
+    if (error != 0)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, "cannot read " << path << ": " << std::generic_category().message(error));
+        return std::nullopt;
+    }
+    return text;
+}
+
+std::string SystemUtils::RunDir()
+{
+    const char* const directory = std::getenv("SONARIX_RUN_DIR");
+    return directory != nullptr && *directory != '\0' ? directory : "/run/sonarix";
+}
+
+void SystemUtils::ThereCanBeOnlyOne()
+{
+    const std::string directory = RunDir();
+    MakeDirectory(directory);
+
+    // The descriptor stays open for the life of the process: the lock goes with it, however the process ends.
+    const std::string path = directory + "/sonarix-service.lock";
+    const int lockFile = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (lockFile < 0)
+    {
+        Leave("cannot open the lock file " + path + ": " + std::strerror(errno));
+    }
+    if (::flock(lockFile, LOCK_EX | LOCK_NB) != 0)
+    {
+        if (errno != EWOULDBLOCK)
+        {
+            Leave("cannot lock " + path + ": " + std::strerror(errno));
+        }
+        Leave("already running: " + Holder(lockFile) + " holds " + path);
+    }
+    const std::string pid = std::to_string(::getpid()) + '\n';
+    if (::ftruncate(lockFile, 0) != 0 || ::write(lockFile, pid.data(), pid.size()) < 0)
+    {
+        s_log.LogWarning("cannot write our pid into %s: %s", path.c_str(), std::strerror(errno));
+    }
+}
