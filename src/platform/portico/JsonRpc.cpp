@@ -5,7 +5,7 @@
 namespace
 {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json; // a person reads the fields in the order of the record
 using Portico::JsonRpc::Frame;
 using Portico::JsonRpc::Kind;
 

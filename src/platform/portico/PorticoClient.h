@@ -15,7 +15,7 @@ struct CommonClientCreationInfo
 {
 };
 
-/// Tells on a task that the connection stands (true) or went (false).
+/// Tells on a task that the connection stands (true), or that it went or could not be made (false, once for each).
 using ConnectCallback = AsyncCallback<const bool>;
 /// (guid, status): what the gateway finds out about the product that the connection was opened for.
 using HeartbeatCallback = AsyncCallback<const std::string, const PORTICO_CLIENT_ERRORS>;

@@ -128,7 +128,9 @@ void Session::HandleClosed(const std::string& reason)
     {
         m_backoff.Reset();
     }
-    if (wasConnected || !std::exchange(m_isToldMissing, true))
+    const bool isNews = wasConnected || !m_isToldMissing;
+    m_isToldMissing = true;
+    if (isNews)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO,
                Name() << (wasConnected ? ": the gateway connection went: " : ": no gateway yet: ") << reason);
@@ -143,7 +145,7 @@ void Session::HandleClosed(const std::string& reason)
     m_calls.FailAll(
         ErrorText(kCodeUnavailable, 0,
                   "no gateway at " + m_settings.host + ":" + std::to_string(m_settings.port) + ": " + reason));
-    if (wasConnected)
+    if (isNews)
     {
         TellConnected(false);
     }

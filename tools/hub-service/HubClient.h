@@ -1,0 +1,35 @@
+#pragma once
+
+#include "Advertiser.h"
+#include "HubApi.pb.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+class NotifyTargetTaskIF;
+class PorticoClientIF;
+
+/// Joins the advertiser to the gateway: hears of the own record and of the network, posts the description.
+/// Task: everything on the task given, Start() from anywhere. Lives as long as the process.
+class HubClient
+{
+public:
+    HubClient(NotifyTargetTaskIF* task, HUBAPI::AdvertisementInfo info);
+    HubClient(const HubClient&) = delete;
+    HubClient& operator=(const HubClient&) = delete;
+
+    void Start(const std::string& host, int port);
+
+private:
+    void Subscribe();
+    void Ask();
+    void PostDescription();
+    void HandlePosted(const std::string& errorBody);
+
+    NotifyTargetTaskIF* m_task;
+    const HUBAPI::AdvertisementInfo m_info;
+    std::shared_ptr<PorticoClientIF> m_client;
+    std::string m_lastError; ///< one line for each new trouble, not for each attempt
+    std::optional<Advertiser> m_advertiser;
+};
