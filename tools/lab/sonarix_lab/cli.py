@@ -1,0 +1,253 @@
+"""The command line of the laboratory."""
+import argparse
+import os
+import signal
+import socket
+import subprocess
+import sys
+import uuid
+
+from . import control, ledger
+from .errors import LabError
+from .laboratory import BIN_DIR, Lab
+from .product import outer_environment
+from .table import describe_missing
+from .view import LineView, TableView
+
+_PROG = os.environ.get("SONARIX_LAB_COMMAND", "sonarix-lab")
+
+_DESCRIPTION = """\
+Several products in network namespaces of their own, each with its D-Bus, mDNS daemon, gateway, network service and
+discovery service, find one another by real multicast on a bridge that nothing else is part of. Shows who lists whom,
+until Ctrl-C."""
+
+_EPILOG = """\
+--kill, --start, --link-down and --exec address the laboratory that runs, from another terminal. Where none runs,
+--kill and --link-down start one and happen once every product lists every other as ONLINE, in the order given;
+with --once, their effect is waited for too.
+
+examples:
+  {prog} --products 8
+  {prog} --once --kill kitchen            # how long until the others list it as OFFLINE?
+  {prog} --link-down bedroom 30           # from another terminal, or at the start
+  {prog} --exec kitchen portico get /sonarix/products
+  {prog} --exec kitchen bash              # a shell in that product"""
+
+
+def main(arguments=None):
+    """The exit status."""
+    options = _parse(arguments)
+    try:
+        if options.execute:
+            return _execute(options)
+        actions = options.actions or []
+        if actions and control.is_running(options.state_dir):
+            for command in actions:
+                control.send(options.state_dir, command)
+            return 0
+        if any(command["command"] == "start" for command in actions):
+            raise LabError(f"no laboratory runs in {options.state_dir}, there is nothing to start again")
+        return _run(options, actions)
+    except LabError as error:
+        print(f"{_PROG}: {error}", file=sys.stderr)
+        return 1
+
+
+class _Action(argparse.Action):
+    """Keeps the order of --kill and --link-down."""
+
+    def __call__(self, parser, namespace, values, option_string=None):
+        if self.dest == "link_down":
+            name, seconds = values
+            try:
+                command = {"command": "link-down", "product": name, "seconds": float(seconds)}
+            except ValueError:
+                parser.error(f"--link-down: \"{seconds}\" is no number of seconds")
+        else:
+            command = {"command": self.dest, "product": values}
+        namespace.actions = (namespace.actions or []) + [command]
+
+
+def _parse(arguments):
+    parser = argparse.ArgumentParser(prog=_PROG, description=_DESCRIPTION, epilog=_EPILOG.format(prog=_PROG),
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.set_defaults(actions=None)
+    parser.add_argument("--products", type=_count, default=3, metavar="N", help="how many; 3 unless given")
+    parser.add_argument("--accessory", type=_count, default=0, metavar="N",
+                        help="as many more in accessory mode, which reach their hosts by mutual TLS")
+    parser.add_argument("--once", action="store_true",
+                        help="end with status 0 as soon as every product lists every other as ONLINE, "
+                             "with 1 after the time limit, saying who is missing")
+    parser.add_argument("--time-limit", type=float, default=60, metavar="SECONDS", help="of --once; 60 unless given")
+    parser.add_argument("--kill", action=_Action, metavar="NAME",
+                        help="end that product's service and gateway by signal 9")
+    parser.add_argument("--start", action=_Action, metavar="NAME",
+                        help="start what does not run in that product")
+    parser.add_argument("--link-down", action=_Action, nargs=2, metavar=("NAME", "SECONDS"),
+                        help="cut that product's cable for a time")
+    parser.add_argument("--logs", metavar="DIR", help="keep the log of each program of each product there")
+    parser.add_argument("--log-levels", default="3", metavar="LEVELS",
+                        help="SONARIX_LOG of the services, such as 3,MdnsService=6; 3 unless given")
+    parser.add_argument("--lan", action="store_true",
+                        help="one service on this machine's real network instead, with its own gateway and network "
+                             "service and the machine's mDNS daemon")
+    parser.add_argument("--interface", metavar="IFACE", help="of --lan; that of the default route unless given")
+    parser.add_argument("--bin-dir", default=BIN_DIR, metavar="DIR", help="of the programs")
+    parser.add_argument("--state-dir", default=ledger.DEFAULT_FOLDER, metavar="DIR",
+                        help=f"one laboratory at a time for each; {ledger.DEFAULT_FOLDER} unless given")
+    parser.add_argument("--exec", dest="execute", nargs=argparse.REMAINDER, metavar="NAME COMMAND",
+                        help="run a command in a product of the laboratory that runs; last of all options")
+    options = parser.parse_args(arguments)
+    if options.execute is not None and len(options.execute) < 2:
+        parser.error("--exec wants the name of a product and a command")
+    if options.products < 1:
+        parser.error("--products wants one at least")
+    return options
+
+
+def _count(text):
+    number = int(text)
+    if number < 0:
+        raise ValueError
+    return number
+
+
+def _execute(options):
+    name, *command = options.execute
+    known = ledger.read(options.state_dir)
+    if not known or not control.is_running(options.state_dir):
+        raise LabError(f"no laboratory runs in {options.state_dir}: start one with ./run")
+    product = known["products"].get(name.lower())
+    if not product:
+        raise LabError(f"no product \"{name}\"; there are {', '.join(known['products'])}")
+    if product["pid"]:
+        command = ["nsenter", "--target", str(product["pid"]), "--net", "--mount", "--uts", "--wd=.", "--", *command]
+    environment = {**outer_environment(), **product["environment"]}
+    try:
+        os.execvpe(command[0], command, environment)
+    except OSError as error:
+        raise LabError(f"{command[0]}: {error.strerror}") from error
+
+
+def _run(options, actions):
+    signal.signal(signal.SIGTERM, _interrupt)
+    signal.signal(signal.SIGHUP, _interrupt)
+    view = TableView() if sys.stdout.isatty() else LineView()
+    lab = _make_lab(options, view)
+    message, status = None, 0
+    try:
+        lab.open()
+        message, status = _Course(lab, options, actions).follow(view)
+    except KeyboardInterrupt:
+        pass
+    finally:
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            signal.signal(number, signal.SIG_IGN)
+        view.close(lab)
+        lab.close()
+    if message:
+        print(message, file=sys.stderr if status else sys.stdout)
+    return status
+
+
+def _interrupt(_number, _frame):
+    raise KeyboardInterrupt
+
+
+def _make_lab(options, view):
+    common = {"bin_dir": options.bin_dir, "state_dir": options.state_dir, "log_dir": options.logs,
+              "log_levels": options.log_levels, "on_change": view.changed}
+    if not options.lan:
+        return Lab(options.products, options.accessory, **common)
+    return Lab.on_lan(_machine_name(), _machine_guid(), _lan_interface(options.interface), **common)
+
+
+class _Course:
+    """What shall come to pass, one step after the other: everybody ONLINE, then each action and its effect."""
+
+    def __init__(self, lab, options, actions):
+        self._lab = lab
+        self._options = options
+        self._steps = [(None, self._all_online, "every product lists every other as ONLINE")]
+        for command in actions:
+            name = lab.product(command["product"]).name
+            if command["command"] == "kill":
+                self._steps.append((command, lambda tables, name=name: tables.offline(name, self._alive()),
+                                    f"every other product lists {name} as OFFLINE"))
+            else:
+                seconds = command["seconds"]
+                self._steps.append((command, lambda tables, seconds=seconds:
+                                    self._step_seconds() > seconds and self._all_online(tables),
+                                    f"every product lists every other as ONLINE, after {name} was cut for {seconds:g} s"))
+        self._step_begin = 0.0
+
+    def follow(self, view):
+        """Returns (message, status) at the end of --once; otherwise goes on until it is interrupted."""
+        headline = "looking for one another"
+        while True:
+            view.draw(self._lab, headline)
+            if self._steps and self._lab.look(self._steps[0][1]):
+                headline = f"{self._steps.pop(0)[2]} ({self._step_seconds():.1f} s)"
+                view.changed(self._lab.seconds, headline)
+                self._step_begin = self._lab.seconds
+                if self._steps:
+                    self._lab.handle(self._steps[0][0])
+                elif self._options.once:
+                    return headline, 0
+                continue
+            if self._options.once and self._step_seconds() > self._time_limit():
+                return self._failure(), 1
+            self._lab.wait_change(1.0)
+
+    def _step_seconds(self):
+        return self._lab.seconds - self._step_begin
+
+    def _time_limit(self):
+        command = self._steps[0][0] or {}
+        return self._options.time_limit + command.get("seconds", 0)
+
+    def _alive(self):
+        return [product.name for product in self._lab.products if product.pid("service")]
+
+    def _all_online(self, tables):
+        if self._options.lan:
+            return all(tables.state(name, name) == "ONLINE" for name in tables.members)
+        alive = self._alive()
+        return not [1 for observer, target, _ in tables.missing() if observer in alive and target in alive]
+
+    def _failure(self):
+        missing = self._lab.look(lambda tables: tables.missing())
+        parts = [f"{_PROG}: not within {self._time_limit():g} s: {self._steps[0][2]}", describe_missing(missing),
+                 *self._lab.deaths]
+        return "; ".join(part for part in parts if part)
+
+
+def _lan_interface(given):
+    """Checks what --lan needs of this machine."""
+    bus = subprocess.run(["dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus",
+                          "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner",
+                          "string:org.freedesktop.Avahi"], capture_output=True, text=True, check=False)
+    if bus.returncode != 0:
+        raise LabError("--lan needs this machine's D-Bus system bus: start dbus")
+    if "true" not in bus.stdout:
+        raise LabError("--lan needs this machine's mDNS daemon: start avahi-daemon")
+    route = subprocess.run(["ip", "-4", "route", "show", "default"], capture_output=True, text=True, check=False)
+    words = route.stdout.split()
+    interface = given or (words[words.index("dev") + 1] if "dev" in words else None)
+    if not interface:
+        raise LabError("--lan needs a network: no default route, give --interface")
+    if not os.path.exists(f"/sys/class/net/{interface}"):
+        raise LabError(f"--lan: no interface {interface}")
+    return interface
+
+
+def _machine_name():
+    return socket.gethostname().split(".")[0].lower() or "sonarix"
+
+
+def _machine_guid():
+    try:
+        with open("/etc/machine-id", encoding="ascii") as file:
+            return str(uuid.uuid5(uuid.NAMESPACE_OID, file.read().strip()))
+    except OSError:
+        return str(uuid.uuid5(uuid.NAMESPACE_DNS, socket.gethostname()))

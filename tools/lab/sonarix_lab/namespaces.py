@@ -1,0 +1,103 @@
+"""Network namespaces: one for the bridge, one with mounts and a host name of its own for each product."""
+import json
+import os
+import signal
+import subprocess
+
+from . import processes
+from .errors import LabError
+
+_NETWORK = "10.77.0"
+_PREFIX = 24
+
+# The outer /sys would show the machine's own links; a fresh /run gives each product its own bus, mDNS daemon and
+# sockets. The machine's static mDNS services are no business of a product.
+_PRODUCT_SETUP = """
+echo "$0" > /proc/sys/kernel/hostname
+mount -t sysfs sysfs /sys
+mount -t tmpfs -o mode=0755 tmpfs /run
+if [ -d /etc/avahi/services ]; then mount -t tmpfs tmpfs /etc/avahi/services; fi
+"""
+
+
+class Namespace:
+    """Namespaces kept by one sleeping process, until that process and all that were started in them have ended."""
+
+    def __init__(self, ledger, name, product=True):
+        self.name = name
+        flags = ["--net", "--mount", "--uts", "--propagation", "private"] if product else ["--net"]
+        setup = "set -e" + (_PRODUCT_SETUP if product else "\n") + "ip link set lo up; echo ready; exec sleep infinity"
+        self._enter_flags = ["--net", "--mount", "--uts"] if product else ["--net"]
+        self._holder = subprocess.Popen(
+            ["unshare", *flags, "sh", "-c", setup, name], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, env={**os.environ, processes.MARK: ledger.mark}, start_new_session=True)
+        ledger.record(self._holder.pid)
+        if self._holder.stdout.readline() != b"ready\n":
+            said = self._holder.stderr.read().decode(errors="replace").strip().splitlines()
+            self._holder.wait()
+            raise LabError("needs the right to make network namespaces: run as root"
+                           + (f" ({said[-1]})" if said else ""))
+        ledger.record_namespace(self._holder.pid)
+        self._holder.stdout.close()
+        self._holder.stderr.close()
+
+    @property
+    def pid(self):
+        return self._holder.pid
+
+    def enter(self):
+        """What to put before a command that shall run inside; the command's pid is that of the process started."""
+        return ["nsenter", "--target", str(self.pid), *self._enter_flags, "--"]
+
+    def path(self, inside):
+        """Where a file of the namespace is seen from outside."""
+        return f"/proc/{self.pid}/root{inside}"
+
+    def ip(self, *commands):
+        """Runs commands of ip(8), all or up to the first that fails."""
+        result = subprocess.run([*self.enter(), "ip", "-batch", "-"], input="\n".join(commands) + "\n",
+                                capture_output=True, text=True, check=False)
+        if result.returncode != 0:
+            raise LabError(f"{self.name}: ip: {result.stderr.strip()}")
+        return result.stdout
+
+    def close(self):
+        """The namespaces go with the last process in them."""
+        self._holder.send_signal(signal.SIGKILL)
+        self._holder.wait()
+
+
+class Bridge:
+    """The one network that all products share, in a namespace of its own: the machine's interfaces have no part in it."""
+
+    def __init__(self, ledger):
+        self._namespace = Namespace(ledger, "bridge", product=False)
+        self._namespace.ip("link add bridge0 type bridge mcast_snooping 0 forward_delay 0", "link set bridge0 up")
+
+    def close(self):
+        self._namespace.close()
+
+    def plug(self, number, namespace):
+        """A cable from port `number` to the namespace's eth0, which gets its address."""
+        self._namespace.ip(f"link add port{number} type veth peer name eth0 netns {namespace.pid}",
+                           f"link set port{number} master bridge0 up")
+        # Without this the link-local address, and what is announced on it, would wait a second for its duplicates.
+        subprocess.run([*namespace.enter(), "sh", "-c", "echo 0 > /proc/sys/net/ipv6/conf/eth0/accept_dad"], check=True)
+        namespace.ip(f"address add {address(number)}/{_PREFIX} dev eth0", "link set eth0 up",
+                     "route add 224.0.0.0/4 dev eth0")
+
+    def set_carrier(self, number, up):
+        """Down, the product sees what it sees when its cable is pulled: addresses stay, the carrier goes."""
+        self._namespace.ip(f"link set port{number} {'up' if up else 'down'}")
+
+
+def address(number):
+    return f"{_NETWORK}.{number}"
+
+
+def change_address(namespace, new):
+    """As at a new lease: the old address goes, then the new one comes."""
+    links = json.loads(subprocess.run([*namespace.enter(), "ip", "-json", "-4", "address", "show", "dev", "eth0"],
+                                      capture_output=True, check=True).stdout)
+    old = [f"address del {info['local']}/{info['prefixlen']} dev eth0" for info in links[0]["addr_info"]]
+    namespace.ip(*old, f"address add {new}/{_PREFIX} dev eth0", "route replace 224.0.0.0/4 dev eth0")

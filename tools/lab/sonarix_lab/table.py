@@ -1,0 +1,148 @@
+"""What each product of a laboratory says of itself and of the others, and since when."""
+from dataclasses import dataclass, replace
+
+ONLINE = "ONLINE"
+OFFLINE = "OFFLINE"
+
+
+@dataclass(frozen=True)
+class Row:
+    """One product as another lists it."""
+    state: str
+    name: str = ""
+    address: str = ""
+    protocols: tuple = ()
+    record: dict = None
+
+    @staticmethod
+    def of(product):
+        info = product.get("productinfo", {})
+        return Row(product.get("state", "INVALID"), info.get("friendlyname", ""), info.get("ipaddress", ""),
+                   tuple(product.get("protocols", ())), product)
+
+    def shown(self):
+        """What a person sees of it; a change of anything else is no change of the table."""
+        return (self.state, self.name, self.address, self.protocols)
+
+
+@dataclass(frozen=True)
+class Own:
+    """What a product says of itself."""
+    mode: str = ""
+    name: str = ""
+    address: str = ""
+    record: dict = None
+
+    @staticmethod
+    def of(info):
+        return Own(info.get("configurations", {}).get("currentProductMode", ""), info.get("friendlyname", ""),
+                   info.get("ipaddress", ""), info)
+
+    def shown(self):
+        return (self.mode, self.name, self.address)
+
+
+class Tables:
+    """The lists of all products, by name of the product that lists. Not locked: the laboratory does that.
+
+    `on_change(text)` hears of each change; `clock()` gives the seconds since the laboratory's start.
+    """
+
+    def __init__(self, clock, on_change):
+        self._clock = clock
+        self._on_change = on_change
+        self._names = {}   # guid -> product
+        self._hosts = []
+        self._members = []
+        self._own = {}     # product -> Own
+        self._rows = {}    # product -> {guid: Row}
+        self._since = {}   # (product, guid) -> seconds
+
+    def add(self, name, guid, accessory):
+        self._names[guid] = name
+        self._members.append(name)
+        if not accessory:
+            self._hosts.append(name)
+        self._own[name] = Own()
+        self._rows[name] = {}
+
+    @property
+    def members(self):
+        return list(self._members)
+
+    def own(self, name):
+        return self._own[name]
+
+    def rows(self, observer):
+        """name of the product (or its guid, where it is none of the laboratory's) -> Row."""
+        return {self._names.get(guid, guid): row for guid, row in self._rows[observer].items()}
+
+    def row(self, observer, target):
+        """The row of `target` in the list of `observer`, or None."""
+        return self.rows(observer).get(target)
+
+    def state(self, observer, target):
+        row = self.row(observer, target)
+        return row.state if row else None
+
+    def since(self, observer, target):
+        """Seconds from the laboratory's start to the row's last change, or None."""
+        guids = [guid for guid, name in self._names.items() if name == target]
+        return self._since.get((observer, guids[0] if guids else target))
+
+    def set_list(self, observer, products):
+        """A whole list, as the observer has published it."""
+        rows = {product.get("productinfo", {}).get("guid", ""): Row.of(product) for product in products}
+        for guid in list(self._rows[observer]):
+            if guid not in rows:
+                self._drop(observer, guid)
+        for guid, row in rows.items():
+            old = self._rows[observer].get(guid)
+            self._rows[observer][guid] = row
+            if old is None or old.shown() != row.shown():
+                self._since[(observer, guid)] = self._clock()
+                self._tell(observer, guid, row)
+
+    def set_own(self, name, info):
+        own, old = Own.of(info), self._own[name]
+        self._own[name] = own
+        if own.shown() != old.shown():
+            self._on_change(f"{name} says {own.mode or 'no mode'}  {own.address or 'no address'}  \"{own.name}\"")
+
+    def clear(self, observer):
+        """The observer has ended: what it said counts no more."""
+        self._own[observer] = replace(Own(), name=self._own[observer].name)
+        self._rows[observer] = {}
+
+    def missing(self):
+        """(observer, target, state) for each product that should list a host as ONLINE and doesn't."""
+        return [(observer, target, self.state(observer, target))
+                for observer in self._members for target in self._hosts
+                if observer != target and self.state(observer, target) != ONLINE]
+
+    def online(self, target, observers=None):
+        return all(self.state(observer, target) == ONLINE for observer in self._others(target, observers))
+
+    def offline(self, target, observers=None):
+        return all(self.state(observer, target) == OFFLINE for observer in self._others(target, observers))
+
+    def _others(self, target, observers):
+        return [name for name in (observers or self._members) if name != target]
+
+    def _drop(self, observer, guid):
+        del self._rows[observer][guid]
+        self._since.pop((observer, guid), None)
+        self._on_change(f"{observer} no longer lists {self._names.get(guid, guid)}")
+
+    def _tell(self, observer, guid, row):
+        target = self._names.get(guid, guid or "a product with no guid")
+        self._on_change(f"{observer} lists {target} as {row.state}  {row.address or 'no address'}  "
+                        f"{'+'.join(row.protocols) or 'no protocol'}  \"{row.name}\"")
+
+
+def describe_missing(missing):
+    """One line of who lacks whom."""
+    by_observer = {}
+    for observer, target, state in missing:
+        by_observer.setdefault(observer, []).append(f"{target} ({state or 'not listed'})")
+    return "; ".join(f"{observer} lacks {', '.join(targets)}" for observer, targets in by_observer.items())
