@@ -1,0 +1,79 @@
+#pragma once
+
+#include "AvahiPollThread.h"
+#include "MdnsClient.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+
+struct AvahiClient;
+struct AvahiEntryGroup;
+struct AvahiServiceBrowser;
+struct AvahiServiceResolver;
+struct AvahiThreadedPoll;
+
+namespace MDNS
+{
+
+/// Browses and publishes through the mDNS daemon: one Avahi client on a poll thread of its own.
+/// Task: operations and the disconnecting of connections on the caller's task; callbacks on the poll thread, where
+/// they check, copy and call on. Callers pass AsyncCallbacks, so that nothing of theirs runs there.
+/// Owner: whoever called Create(). Stop(), or the release of the owner's last pointer, ends it.
+/// Never reconnects by itself: a failure is reported once through `restart`, and the owner makes a new instance.
+/// A missing daemon is no failure but a wait: the client sleeps on D-Bus until the daemon's name appears, and costs
+/// nothing meanwhile.
+///
+/// Design: the adapter of the client's callbacks holds the instance until Stop(), and each browser, resolver and
+/// group holds it until it is disconnected, so that no event finds a dead instance. Avahi's poll lock is the only
+/// lock, held around everything that touches Avahi's objects or m_groups (AvahiPollThread).
+class AvahiImpl final : public Browser, public Publisher, public std::enable_shared_from_this<AvahiImpl>
+{
+    struct Key
+    {
+    };
+
+public:
+    /// Makes the instance and starts it. Empty where the poll or the D-Bus connection cannot be made.
+    static std::shared_ptr<AvahiImpl> Create(Callback<> connected, Callback<> restart);
+
+    AvahiImpl(Key, Callback<> connected, Callback<> restart);
+    ~AvahiImpl() override;
+    AvahiImpl(const AvahiImpl&) = delete;
+    AvahiImpl& operator=(const AvahiImpl&) = delete;
+
+    CallbackConnection Browse(std::string type, Callback<ServiceId> added, Callback<ServiceId> removed) override;
+    CallbackConnection Resolve(ServiceId id, Callback<std::string, Service> resolved) override;
+    CallbackConnection PublishService(const Service& s, Callback<Service> published) override;
+    bool UpdateService(const Service& s) override;
+    void Stop() override;
+
+private:
+    /// What Create() hands out points here: with its end the instance is stopped, whoever forgot to.
+    struct Owner;
+
+    bool Start();
+    void ClientStatus(AvahiClient* client, int state);
+    void BrowseResult(const Callback<ServiceId>& added, const Callback<ServiceId>& removed, int event,
+                      const ServiceId& id);
+    void ResolveResult(const Callback<std::string, Service>& resolved, AvahiServiceResolver* resolver, int event,
+                       const std::string& host, const Network::AddrInfo& address, Service service);
+    void PublishResult(Service& service, const Callback<Service>& published, AvahiEntryGroup* group, int state);
+
+    /// With the poll's lock held. Renames `service` until the name is free on this host.
+    bool AddToGroup(Service& service, AvahiEntryGroup* group);
+    /// With the poll's lock held. Forgets the group under all its names. The result is that of Avahi.
+    int FreeGroup(AvahiEntryGroup* group);
+
+    AvahiThreadedPoll* m_poll = nullptr;
+    AvahiClient* m_client = nullptr;                  ///< null until avahi_client_new has returned
+    CallbackConnection m_clientConnection;            ///< the adapter that carries client state callbacks
+    Callback<> m_connected;                           ///< at each entry into the running state
+    Callback<> m_restart;                             ///< at each failure that needs a new instance
+    std::map<std::string, AvahiEntryGroup*> m_groups; ///< by final instance name
+    AvahiPollThread m_pollThread;
+    std::atomic<bool> m_stopped{false};
+};
+
+} // namespace MDNS

@@ -1,0 +1,320 @@
+#include "MdnsDiscoveryProtocol.h"
+
+#include "AsyncCallback.h"
+#include "DPrint.h"
+#include "MdnsServiceFactory.h"
+#include "MdnsServiceIF.h"
+#include "ServiceConversion.h"
+#include "Sonarix.pb.h"
+#include "Task.h"
+
+#include <atomic>
+#include <utility>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("MdnsDiscoveryProtocol");
+std::atomic<MdnsDiscoveryProtocol::Factory> s_factory{nullptr};
+
+std::string KeyOf(const SonarixPb::Service& service)
+{
+    return service.id().name() + service.id().type() + service.id().domain();
+}
+
+const char* Text(bool flag)
+{
+    return flag ? "true" : "false";
+}
+
+} // namespace
+
+std::shared_ptr<MdnsDiscoveryProtocolIF> MdnsDiscoveryProtocol::Create()
+{
+    const Factory factory = s_factory.load();
+    return factory != nullptr ? factory() : std::make_shared<MdnsDiscoveryProtocol>();
+}
+
+void MdnsDiscoveryProtocol::SetFactoryOverride(Factory factory)
+{
+    s_factory = factory;
+}
+
+MdnsDiscoveryProtocol::MdnsDiscoveryProtocol()
+    : m_productRegistry({}, std::make_shared<CThreadMutex>())
+    , m_task(IL::CreateTask("MdnsDiscoveryProtocolTask", ""))
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "MdnsDiscoveryProtocol");
+    Start();
+}
+
+MdnsDiscoveryProtocol::~MdnsDiscoveryProtocol()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~MdnsDiscoveryProtocol");
+    Stop();
+    IL::JoinTask(m_task);
+}
+
+std::shared_ptr<MdnsServiceIF> MdnsDiscoveryProtocol::MdnsService()
+{
+    const ScopedMutex lock(m_mutex);
+    return m_mdnsService;
+}
+
+void MdnsDiscoveryProtocol::AddRegistration(const CallbackConnection& connection)
+{
+    const ScopedMutex lock(m_mutex);
+    m_registrations.push_back(connection);
+}
+
+void MdnsDiscoveryProtocol::Start()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Start");
+    if (MdnsService())
+    {
+        return;
+    }
+    const std::shared_ptr<MdnsServiceIF> service = MdnsServiceFactory::Create(m_task, true, false);
+    {
+        const ScopedMutex lock(m_mutex);
+        m_mdnsService = service;
+    }
+
+    // Both run on m_task alone, whose end the destructor waits for: no call can find `this` gone.
+    const AsyncCallback<Sonarix::Product> product(
+        [this](const Sonarix::Product& update)
+        {
+            DPRINT(s_log, DPrint::LEVEL_INFO, "Callback for device: " << update.productinfo().friendlyname());
+            m_productRegistry.Send(update, CallbackConnection());
+        },
+        m_task);
+    const AsyncCallback<CallbackConnection, bool> registered(
+        [this](const CallbackConnection& connection, const bool& enabled)
+        {
+            DPRINT(s_log, DPrint::LEVEL_DEBUG, "RegistrationStatusCallback : enabled = " << Text(enabled));
+            AddRegistration(connection);
+        },
+        m_task);
+    service->RegisterForProductUpdates({MdnsServiceIF::FILTER_ALL, ""}, MdnsServiceIF::RENDERER, product, registered);
+    service->RegisterForProductUpdates({MdnsServiceIF::FILTER_ALL, ""}, MdnsServiceIF::CLOCK, product, registered);
+
+    m_restartRegistry.Send(CallbackConnection());
+}
+
+void MdnsDiscoveryProtocol::Stop()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Stop");
+    std::shared_ptr<MdnsServiceIF> service;
+    std::list<CallbackConnection> registrations;
+    {
+        const ScopedMutex lock(m_mutex);
+        service.swap(m_mdnsService);
+        if (service)
+        {
+            registrations.swap(m_registrations);
+        }
+    }
+    if (service)
+    {
+        service->StopService(); // what it posts holds the service until it has run
+        for (const CallbackConnection& connection : registrations)
+        {
+            connection.Disconnect();
+        }
+    }
+}
+
+CallbackConnection MdnsDiscoveryProtocol::RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "RegisterProductStateCallback");
+    return m_productRegistry.Connect(callback);
+}
+
+CallbackConnection MdnsDiscoveryProtocol::RegisterForServiceRestartNotification(const Callback<>& callback)
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "RegisterForServiceRestartNotification");
+    return m_restartRegistry.Connect(callback);
+}
+
+void MdnsDiscoveryProtocol::GetProductList(const std::string& serviceType,
+                                           const Callback<const Sonarix::ProductList>& callback)
+{
+    const std::shared_ptr<MdnsServiceIF> service = MdnsService();
+    if (!service)
+    {
+        DPRINT(s_log, DPrint::LEVEL_DEBUG, "MDNS Service not runnning!");
+        callback(Sonarix::ProductList());
+        return;
+    }
+    DPRINT(s_log, DPrint::LEVEL_INFO, serviceType);
+    service->GetProductList(serviceType, callback);
+}
+
+bool MdnsDiscoveryProtocol::AddService(const SonarixPb::Service& service)
+{
+    std::shared_ptr<MdnsServiceIF> mdns;
+    {
+        const ScopedMutex lock(m_mutex);
+        if (!m_networkIsUp)
+        {
+            m_pendingAdds[KeyOf(service)] = service;
+            return false;
+        }
+        mdns = m_mdnsService;
+    }
+    if (!mdns)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, "Failed to AddService , MdnsService not started yet ");
+        return false;
+    }
+    DPRINT(s_log, DPrint::LEVEL_INFO, service.id().name() << " " << service.id().type());
+    mdns->AddService(ToMdnsService(service));
+    return true;
+}
+
+void MdnsDiscoveryProtocol::UpdateServiceTxtRecords(const SonarixPb::Service& service, const Callback<bool>& result)
+{
+    std::shared_ptr<MdnsServiceIF> mdns;
+    {
+        const ScopedMutex lock(m_mutex);
+        if (m_networkIsUp)
+        {
+            mdns = m_mdnsService;
+        }
+        else
+        {
+            m_pendingAdds[KeyOf(service)] = service;
+        }
+    }
+    if (!mdns)
+    {
+        result(false);
+        return;
+    }
+    DPRINT(s_log, DPrint::LEVEL_INFO, service.id().name() << " " << service.id().type());
+    mdns->UpdateServiceTxtRecords(ToMdnsService(service), result);
+}
+
+void MdnsDiscoveryProtocol::RemoveService(const SonarixPb::Service& service)
+{
+    std::shared_ptr<MdnsServiceIF> mdns;
+    {
+        const ScopedMutex lock(m_mutex);
+        if (!m_networkIsUp)
+        {
+            const std::string key = KeyOf(service);
+            if (m_pendingAdds.erase(key) == 0) // an add that never went out and its removal cancel out
+            {
+                m_pendingRemoves[key] = service;
+            }
+            return;
+        }
+        mdns = m_mdnsService;
+    }
+    if (mdns)
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO, service.id().name() << " " << service.id().type());
+        mdns->RemoveService(ToMdnsService(service));
+    }
+}
+
+void MdnsDiscoveryProtocol::BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info)
+{
+    bool isUp = false;
+    std::shared_ptr<MdnsServiceIF> mdns;
+    {
+        const ScopedMutex lock(m_mutex);
+        isUp = m_networkIsUp;
+        mdns = m_mdnsService;
+        if (!isUp)
+        {
+            m_deferredDevice = info;
+        }
+    }
+    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << Text(isUp));
+    if (isUp && mdns)
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO, info.friendlyname());
+        mdns->BroadcastInitialDeviceAnnouncement(info);
+    }
+}
+
+void MdnsDiscoveryProtocol::BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& info)
+{
+    bool isUp = false;
+    std::shared_ptr<MdnsServiceIF> mdns;
+    {
+        const ScopedMutex lock(m_mutex);
+        isUp = m_networkIsUp;
+        mdns = m_mdnsService;
+        if (!isUp)
+        {
+            m_deferredAccessory = info;
+        }
+    }
+    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << Text(isUp));
+    if (isUp && mdns)
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO, info.friendlyname());
+        mdns->BroadcastInitialAccessoryAnnouncement(info);
+    }
+}
+
+void MdnsDiscoveryProtocol::NetworkWentUp()
+{
+    DPRINT(s_log, DPrint::LEVEL_INFO, "NetworkWentUp");
+    std::shared_ptr<MdnsServiceIF> mdns;
+    std::optional<SonarixPb::DeviceInfo> device;
+    std::optional<SonarixPb::DeviceInfo> accessory;
+    Parked removes;
+    Parked adds;
+    {
+        const ScopedMutex lock(m_mutex);
+        m_networkIsUp = true;
+        mdns = m_mdnsService;
+        if (mdns)
+        {
+            device.swap(m_deferredDevice);
+            accessory.swap(m_deferredAccessory);
+            removes.swap(m_pendingRemoves);
+            adds.swap(m_pendingAdds);
+        }
+    }
+    if (!mdns)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, "MdnsService not started yet, what was deferred stays so");
+        return;
+    }
+
+    // The announcement first, since the other records wait for it; removals before adds, so that a service that was
+    // replaced ends up present.
+    if (device)
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO, "Broadcasting deferred initial device announcement");
+        mdns->BroadcastInitialDeviceAnnouncement(*device);
+    }
+    if (accessory)
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO, "Broadcasting deferred initial accessory announcement");
+        mdns->BroadcastInitialAccessoryAnnouncement(*accessory);
+    }
+    for (const auto& [key, service] : removes)
+    {
+        mdns->RemoveService(ToMdnsService(service));
+    }
+    for (const auto& [key, service] : adds)
+    {
+        mdns->AddService(ToMdnsService(service));
+    }
+}
+
+void MdnsDiscoveryProtocol::NetworkWentDown()
+{
+    const ScopedMutex lock(m_mutex);
+    m_networkIsUp = false;
+}
+
+} // namespace SonarixService

@@ -1,0 +1,199 @@
+#include "AsyncCallback.h"
+#include "BrowserFactory.h"
+#include "DPrint.h"
+#include "MdnsClient.h"
+#include "MdnsService.h"
+#include "ProductFromService.h"
+#include "ServiceTypes.h"
+#include "Sonarix.pb.h"
+#include "SonarixPb.pb.h"
+#include "Timers.h"
+#include "Utf8Text.h"
+
+#include <utility>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("MdnsService");
+
+/// One line for all that is wrong with a neighbour's records.
+void LogUnusableRecords(const MDNS::Service& s)
+{
+    Sonarix::ProductInfo ignored;
+    const std::string leftOut = GetProductInfoFromService(&ignored, s);
+    if (!leftOut.empty())
+    {
+        DPRINTF(s_log, DPrint::LEVEL_WARNING, "%s of %s: TXT records that cannot be used are left out: %s",
+                ReplaceInvalidUtf8(s.name).c_str(), s.type.c_str(), leftOut.c_str());
+    }
+}
+
+} // namespace
+
+void MdnsService::StartServiceBrowsers()
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "StartServiceBrowsers");
+    for (const auto& [type, serviceType] : kServiceTypes)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() Start Serivce browser: %s ", "StartServiceBrowsers",
+                serviceType.c_str());
+        const auto sb = std::make_shared<serviceBrowser>();
+        sb->type = type;
+        sb->serviceType = serviceType;
+        CreateBrowser(sb);
+        m_browsers.insert_or_assign(type, sb);
+    }
+    m_reResolveTimer->Stop();
+}
+
+void MdnsService::CreateBrowser(const Record& sb)
+{
+    const auto self = shared_from_this();
+    const AsyncCallback<> connected([self, sb] { self->ClientConnected(sb); }, m_task);
+    const AsyncCallback<> restart([self, sb] { self->ReconnectClient(sb); }, m_task);
+    sb->browser = MDNS::BrowserFactory::Create(m_useBackend, m_forceNone, connected, restart);
+}
+
+void MdnsService::ClientConnected(const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ClientConnected", sb->serviceType.c_str());
+    if (!sb->browser || sb->connected)
+    {
+        return;
+    }
+    sb->connected = true;
+    const auto self = shared_from_this();
+    const AsyncCallback<MDNS::ServiceId> added([self, sb](const MDNS::ServiceId& id) { self->Discovered(id, sb); },
+                                               m_task);
+    const AsyncCallback<MDNS::ServiceId> removed([self, sb](const MDNS::ServiceId& id) { self->Removed(id, sb); },
+                                                 m_task);
+    sb->browseConnection = sb->browser->Browse(sb->serviceType, added, removed);
+}
+
+void MdnsService::Discovered(const MDNS::ServiceId& id, const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "Discovered", sb->serviceType.c_str());
+    if (!sb->browser || !sb->connected)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s not connected !! ", "Discovered",
+                sb->serviceType.c_str());
+        return;
+    }
+    sb->resolvers[id.name].connection.Disconnect(); // a second report cancels a resolve under way
+    if (sb->type == CLOCK)
+    {
+        RestartReResolveTimer(sb);
+    }
+    sb->resolvers[id.name] = {id, StartResolve(id, sb)};
+}
+
+CallbackConnection MdnsService::StartResolve(const MDNS::ServiceId& id, const Record& sb)
+{
+    const AsyncCallback<std::string, MDNS::Service> resolved(
+        [self = shared_from_this(), sb](const std::string& hostname, const MDNS::Service& s)
+        { self->Resolved(hostname, s, sb); },
+        m_task);
+    return sb->browser->Resolve(id, resolved);
+}
+
+void MdnsService::RestartReResolveTimer(const Record& sb)
+{
+    m_reResolveTimer->Stop();
+    m_reResolveTimer->Start([self = shared_from_this(), sb] { self->ReResolveClock(sb); });
+}
+
+void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() hostname: %s s.id: %s ServiceType: %s ", "Resolved", hostname.c_str(),
+            s.name.c_str(), sb->serviceType.c_str());
+    if (hostname == MDNS::kNotSeen)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() non-existent device", "Resolved");
+        m_productRegistry.Send(s, SonarixPb::OFFLINE, CallbackConnection());
+        sb->resolvers[s.name].connection.Disconnect();
+        return;
+    }
+    const auto [entry, isNew] = m_discovered.try_emplace(s.name);
+    const bool isNews = isNew || entry->second.txt != s.txt;
+    entry->second = s;
+    if (isNews)
+    {
+        LogUnusableRecords(s);
+    }
+    m_productRegistry.Send(s, SonarixPb::ONLINE, CallbackConnection());
+    sb->resolvers[s.name].connection.Disconnect();
+}
+
+void MdnsService::ReResolveClock(const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ReResolveClock", sb->serviceType.c_str());
+    for (auto& [name, entry] : sb->resolvers)
+    {
+        if (name != m_ownClockName)
+        {
+            entry = {entry.id, StartResolve(entry.id, sb)};
+        }
+    }
+    RestartReResolveTimer(sb);
+}
+
+void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() s.id: %s ServiceType: %s %zu %zu ", "Removed", id.name.c_str(),
+            sb->serviceType.c_str(), m_discovered.size(), sb->resolvers.size());
+    const auto resolver = sb->resolvers.find(id.name);
+    if (resolver != sb->resolvers.end())
+    {
+        resolver->second.connection.Disconnect();
+        sb->resolvers.erase(resolver);
+    }
+    if (sb->type == CLOCK && sb->resolvers.empty())
+    {
+        m_reResolveTimer->Stop();
+    }
+    const auto known = m_discovered.find(id.name);
+    if (known == m_discovered.end())
+    {
+        DPRINTF(s_log, DPrint::LEVEL_WARNING, "No callbacks for removed Service");
+        return;
+    }
+    // The last known records go with the report, the guid among them.
+    const MDNS::Service service{id, std::move(known->second.address), std::move(known->second.txt)};
+    m_productRegistry.Send(service, SonarixPb::OFFLINE, CallbackConnection());
+    m_discovered.erase(id.name);
+}
+
+void MdnsService::ReconnectClient(const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ReconnectClient", sb->serviceType.c_str());
+    DisconnectClient(sb);
+    sb->browser.reset();
+    CreateBrowser(sb);
+}
+
+void MdnsService::DisconnectClient(const Record& sb)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "DisconnectClient", sb->serviceType.c_str());
+    if (sb->type == CLOCK)
+    {
+        m_reResolveTimer->Stop();
+    }
+    sb->browseConnection.Disconnect();
+    sb->browseConnection = {};
+    for (const auto& [name, entry] : sb->resolvers)
+    {
+        entry.connection.Disconnect();
+    }
+    sb->resolvers.clear();
+    if (sb->browser && sb->connected)
+    {
+        sb->browser->Stop();
+    }
+    sb->connected = false;
+}
+
+} // namespace SonarixService

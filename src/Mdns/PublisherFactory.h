@@ -1,0 +1,40 @@
+#pragma once
+
+#include "Callback.h"
+
+#include <memory>
+
+namespace MDNS
+{
+
+class Publisher;
+
+/// Chooses the backend that publishes. Safe from any thread.
+namespace PublisherFactory
+{
+
+namespace detail
+{
+
+/// Makes backends in place of the factory.
+class PublisherFactoryIF
+{
+public:
+    virtual std::shared_ptr<Publisher> Create(bool useBackend, bool forceNone, Callback<> connected,
+                                              Callback<> restart) = 0;
+    virtual ~PublisherFactoryIF() = default;
+};
+
+} // namespace detail
+
+/// A new backend at every call: Avahi where `useBackend` and not `forceNone`, else one that does nothing.
+/// `connected` fires when the backend becomes usable, and each time it becomes usable anew; `restart` when it has
+/// failed and must be replaced. Both may come on any thread. Empty where the backend cannot start.
+std::shared_ptr<Publisher> Create(bool useBackend, bool forceNone, Callback<> connected, Callback<> restart);
+
+/// Null in the product. The object is not owned.
+void SetOverride(detail::PublisherFactoryIF* factory);
+
+} // namespace PublisherFactory
+
+} // namespace MDNS

@@ -1,0 +1,60 @@
+#include "Utf8Text.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+/// The length of the well-formed sequence at `at`, 0 where there is none: no overlong form, no surrogate, nothing
+/// above U+10FFFF.
+std::size_t SequenceLength(const std::string& text, std::size_t at)
+{
+    const auto byte = [&text](std::size_t index) -> unsigned
+    { return index < text.size() ? static_cast<std::uint8_t>(text[index]) : 0U; };
+    const auto within = [](unsigned value, unsigned low, unsigned high) { return low <= value && value <= high; };
+    const unsigned first = byte(at);
+    if (first < 0x80)
+    {
+        return 1;
+    }
+    const std::size_t length = within(first, 0xC2, 0xDF)   ? 2
+                               : within(first, 0xE0, 0xEF) ? 3
+                               : within(first, 0xF0, 0xF4) ? 4
+                                                           : 0;
+    const unsigned low = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
+    const unsigned high = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
+    for (std::size_t index = 1; index < length; ++index)
+    {
+        if (!within(byte(at + index), index == 1 ? low : 0x80, index == 1 ? high : 0xBF))
+        {
+            return 0;
+        }
+    }
+    return length;
+}
+
+} // namespace
+
+std::string ReplaceInvalidUtf8(const std::string& text)
+{
+    std::string result;
+    for (std::size_t at = 0; at < text.size();)
+    {
+        const std::size_t length = SequenceLength(text, at);
+        if (length == 0)
+        {
+            result += "\xEF\xBF\xBD";
+            ++at;
+            continue;
+        }
+        result.append(text, at, length);
+        at += length;
+    }
+    return result;
+}
+
+} // namespace SonarixService
