@@ -115,7 +115,7 @@ private:
     void SendRemoteProductInfoGet(const std::string& guid);
     void HandleRemoteProductInfo(const Sonarix::ProductInfo& info);
     void HandleRemoteProductInfoError(const SXCommon::SonarixError& error, const std::string& guid);
-    void HandleHeartbeatStatus(std::string guid, PORTICO_CLIENT_ERRORS status);
+    void HandleHeartbeatStatus(const std::string& guid, PORTICO_CLIENT_ERRORS status);
     static std::string DetermineGatewayProtocol(const ProductMode& mode);
     static std::shared_ptr<PorticoClientIF>
     CreateRemoteProductClient(const std::string& guid, const Portico::HeartbeatCallback& heartbeatCallback,

@@ -23,6 +23,7 @@ namespace
 
 constexpr int kOfflineLimitSec = 1800;
 constexpr std::uint64_t kLongestReapTimerMs = 1800000;
+constexpr std::uint64_t kNextSecondMs = 1000;       // stamps are whole seconds
 constexpr unsigned int kRefreshPeriodMs = 21600000; // 6 h
 constexpr unsigned int kMdnsAnswerLimitMs = 1000;
 
@@ -99,7 +100,13 @@ std::uint64_t DiscoveryServiceAggregator::ComputeMsToNextClosestTimeoutMs(const 
 void DiscoveryServiceAggregator::PeriodicReapOfflineProducts()
 {
     m_reapTimer.Cancel();
-    const std::uint64_t ms = ComputeMsToNextClosestTimeoutMs(m_offlineStamps);
+    std::uint64_t ms = ComputeMsToNextClosestTimeoutMs(m_offlineStamps);
+    if (ms == 0)
+    {
+        // A product that this very pass has given up: its stamp stays, so that a pass at once, and each after it
+        // until the second is over, would find the same again.
+        ms = kNextSecondMs;
+    }
     DPRINTF(s_aggregatorLog, DPrint::LEVEL_INFO,
             "Setting timer for next HandleReapOfflineProducts. Fires in %llu milliseconds ",
             static_cast<unsigned long long>(ms));

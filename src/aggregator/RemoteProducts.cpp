@@ -83,7 +83,7 @@ void DiscoveryServiceAggregator::HandleRemoteProductInfoError(const SXCommon::So
                << guid << ". Reason: |" << error.message() << "| subcode: |" << error.subcode() << "|");
 }
 
-void DiscoveryServiceAggregator::HandleHeartbeatStatus(std::string guid, PORTICO_CLIENT_ERRORS status)
+void DiscoveryServiceAggregator::HandleHeartbeatStatus(const std::string& guid, PORTICO_CLIENT_ERRORS status)
 {
     Sonarix::Product& entry = m_products[guid];
     const std::string name = entry.productinfo().friendlyname();

@@ -10,6 +10,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -98,9 +99,9 @@ public:
     void GetProductList(const std::string& serviceType, const ListCallback& callback) override
     {
         calls->push_back("mdns GetProductList " + serviceType);
-        if (isStopped)
+        if (isStopped || answerAtOnce)
         {
-            callback(Sonarix::ProductList());
+            callback(answerAtOnce.value_or(Sonarix::ProductList()));
         }
         else
         {
@@ -168,6 +169,7 @@ public:
     const std::shared_ptr<FakeCalls> calls;
     std::vector<SonarixPb::DeviceInfo> announcements;
     bool isStopped = false;
+    std::optional<Sonarix::ProductList> answerAtOnce; ///< lists are answered at once, with this
     int registrations = 0;
 
 private:
