@@ -1,0 +1,188 @@
+#!/usr/bin/python3
+"""portico, network-status and hub-service with the real gateway, in a network namespace of this test's own.
+
+Usage: GatewayProgramsTest.py FOLDER_OF_PROGRAMS
+"""
+import json
+import os
+import queue
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+INSIDE = "SONARIX_TEST_NAMESPACE"
+BIN = ""
+LIMIT = 20
+
+
+def ip(*words):
+    subprocess.run(["ip", *words], check=True, capture_output=True)
+
+
+def portico(*words, **options):
+    return subprocess.run([BIN + "/portico", *words], capture_output=True, text=True, timeout=LIMIT, **options)
+
+
+class Program:
+    """A program that runs on; its lines of standard output can be taken."""
+
+    def __init__(self, name, *words):
+        self.process = subprocess.Popen([f"{BIN}/{name}", *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        text=True)
+        self.out = self.reader(self.process.stdout)
+        self.err = self.reader(self.process.stderr)
+
+    @staticmethod
+    def reader(stream):
+        lines = queue.Queue()
+
+        def read():
+            for line in stream:
+                lines.put(line)
+            stream.close()
+        threading.Thread(target=read, daemon=True).start()
+        return lines
+
+    def take(self, matches=lambda record: True):
+        """The next JSON line for which `matches` holds."""
+        end = time.monotonic() + LIMIT
+        while True:
+            record = json.loads(self.out.get(timeout=max(0.01, end - time.monotonic())))
+            if matches(record):
+                return record
+
+    def kill(self):
+        self.process.send_signal(signal.SIGKILL)
+        self.process.wait()
+
+
+class GatewayPrograms(unittest.TestCase):
+    def setUp(self):
+        self.running = []
+        self.folder = tempfile.TemporaryDirectory()
+        data = os.path.join(self.folder.name, "MfgData.json")
+        with open(data, "w", encoding="ascii") as file:
+            file.write('{"guid": "own"}')
+        os.environ["SONARIX_MFG_DATA"] = data
+
+    def tearDown(self):
+        for program in reversed(self.running):
+            program.kill()
+        self.folder.cleanup()
+
+    def start(self, name, *words):
+        program = Program(name, *words)
+        self.running.append(program)
+        return program
+
+    def start_gateway(self):
+        gateway = self.start("portico-gateway")
+        self.assertEqual(self.wait_for_answer("get", "/nobody").returncode, 1)
+        return gateway
+
+    def wait_for_answer(self, *words):
+        """Runs portico until there is a gateway."""
+        end = time.monotonic() + LIMIT
+        while True:
+            result = portico(*words)
+            if result.returncode != 3 or time.monotonic() > end:
+                return result
+
+    def test_exit_status_says_what_happened(self):
+        for name in ("portico", "network-status", "hub-service"):
+            for option in ("--help", "--version"):
+                result = subprocess.run([f"{BIN}/{name}", option], capture_output=True, text=True, timeout=LIMIT)
+                self.assertEqual((result.returncode, result.stderr), (0, ""), name + option)
+                self.assertIn(name, result.stdout)
+            self.assertEqual(subprocess.run([f"{BIN}/{name}", "--nonsense"], capture_output=True,
+                                            timeout=LIMIT).returncode, 2)
+        for words in (["get", "/x"], ["watch", "/x"], ["post", "/x", "{}"]):
+            result = portico(*words)
+            self.assertEqual(result.returncode, 3, words)
+            self.assertEqual(result.stderr, "portico: no gateway at localhost:8084; is it running?\n")
+        self.start_gateway()
+        result = portico("post", "/nobody", "-", input='{"a": 1}')
+        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        self.assertIn("404", result.stderr)
+        self.assertEqual(portico("post", "/nobody", "-", input="{").returncode, 2)
+
+    def test_network_status_follows_the_kernel_and_outlives_the_gateway(self):
+        ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
+        self.addCleanup(ip, "link", "del", "eth0")
+        gateway = self.start_gateway()
+        watch = self.start("portico", "watch", "/network/status")
+        self.start("network-status", "--primary", "eth0", "--wifi-bands", "2.4,5")
+        self.assertFalse(watch.take()["isPrimaryUp"])
+        ip("link", "set", "eth0", "up")
+        ip("link", "set", "far0", "up")
+        ip("address", "add", "10.99.0.1/24", "broadcast", "10.99.0.255", "dev", "eth0")
+        status = watch.take(lambda record: record["isPrimaryUp"])
+        self.assertEqual((status["primary"], status["primaryIpAddress"]), ("WIRED_ETH", "10.99.0.1"))
+        self.assertEqual((status["interfaces"][0]["name"], status["interfaces"][0]["state"]), ("eth0", "UP"))
+        self.assertEqual(status["interfaces"][0]["ipInfo"], {"ipAddress": "10.99.0.1", "subnetMask": "255.255.255.0",
+                                                             "broadcastAddress": "10.99.0.255"})
+        usage = portico("get", "/network/wifi/stationUsage")
+        self.assertEqual(json.loads(usage.stdout), {"stationBands": ["WIFI_RADIO_BAND_2_4GHZ",
+                                                                     "WIFI_RADIO_BAND_5GHZ"]})
+        self.assertIn("\n  ", usage.stdout)  # indented
+
+        ip("link", "set", "far0", "down")  # as a cable that is pulled
+        down = watch.take(lambda record: not record["isPrimaryUp"])
+        self.assertNotIn("primaryIpAddress", down)
+        self.assertEqual(down["primary"], "WIRED_ETH")
+
+        gateway.kill()
+        ip("link", "set", "far0", "up")  # while nobody can be told
+        self.start_gateway()
+        watch.take(lambda record: record["isPrimaryUp"])
+        self.assertIn("the gateway went", watch.err.get(timeout=LIMIT))
+
+    def test_burst_of_changes_ends_in_the_last_state(self):
+        ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
+        self.addCleanup(ip, "link", "del", "eth0")
+        ip("link", "set", "eth0", "up")
+        ip("link", "set", "far0", "up")
+        self.start_gateway()
+        watch = self.start("portico", "watch", "/network/status")
+        self.start("network-status", "--primary", "eth0")
+        watch.take()
+        batch = "".join(f"address add 10.98.{n // 250}.{n % 250 + 1}/32 dev eth0\n" for n in range(2000))
+        batch += "address flush dev eth0\naddress add 10.97.0.9/24 dev eth0\n"
+        subprocess.run(["ip", "-force", "-batch", "-"], input=batch, text=True, check=True, capture_output=True)
+        watch.take(lambda record: record.get("primaryIpAddress") == "10.97.0.9")
+
+    def test_hub_service_says_so_and_waits(self):
+        self.start_gateway()
+        ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
+        self.addCleanup(ip, "link", "del", "eth0")
+        for link in ("eth0", "far0"):
+            ip("link", "set", link, "up")
+        ip("address", "add", "10.99.0.1/24", "dev", "eth0")
+        self.start("network-status", "--primary", "eth0")
+        hub = self.start("hub-service", "--name", "Kitchen")
+        while "/startDiscoveryAdvertisement: error 404" not in hub.err.get(timeout=LIMIT):
+            pass
+        self.assertIsNone(hub.process.poll())
+
+
+def enter_namespace():
+    """Runs this script once more, with a network of its own."""
+    unshare = ["unshare", "--net", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
+    os.environ[INSIDE] = "1"
+    if subprocess.run([*unshare, "true"], capture_output=True, check=False).returncode != 0:
+        print("needs the right to make a network namespace")
+        sys.exit(1)
+    os.execvp(unshare[0], [*unshare, sys.executable, *sys.argv])
+
+
+if __name__ == "__main__":
+    if INSIDE not in os.environ:
+        enter_namespace()
+    BIN = os.path.abspath(sys.argv.pop(1))
+    ip("link", "set", "lo", "up")
+    subprocess.run(["mount", "-t", "sysfs", "sysfs", "/sys"], check=False, capture_output=True)
+    unittest.main(verbosity=2)

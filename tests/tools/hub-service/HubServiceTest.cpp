@@ -1,0 +1,190 @@
+// When the description is posted (in virtual time), and what crosses the wire.
+#include "Advertiser.h"
+#include "Description.h"
+#include "FakeGateway.h"
+#include "HubClient.h"
+#include "Options.h"
+#include "Simulation.h"
+#include "Task.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <optional>
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+
+namespace
+{
+
+class AdvertiserTest : public testing::Test
+{
+protected:
+    AdvertiserTest()
+    {
+        On([this] { m_advertiser.emplace(m_task, "Kitchen", [this] { ++m_posts; }); });
+    }
+    ~AdvertiserTest() override
+    {
+        On([this] { m_advertiser.reset(); });
+    }
+
+    void On(const std::function<void()>& step)
+    {
+        IL::BreakThread([step] { step(); }, m_task);
+        m_simulation.RunUntilIdle();
+    }
+    void Name(const std::string& name)
+    {
+        On([&] { m_advertiser->HandleOwnName(name); });
+    }
+    void Network(bool isUp)
+    {
+        On([&] { m_advertiser->HandleNetwork(isUp); });
+    }
+    void Posted(bool isAccepted)
+    {
+        On([&] { m_advertiser->HandlePosted(isAccepted); });
+    }
+
+    IL::Simulation m_simulation{1};
+    NotifyTargetTaskIF* m_task = IL::CreateTask("Hub", "");
+    std::optional<Advertiser> m_advertiser;
+    int m_posts = 0;
+};
+
+} // namespace
+
+TEST_F(AdvertiserTest, PostsForAMissingNameAndForEachRiseOfTheNetwork)
+{
+    Network(false);
+    Name("Kitchen");
+    EXPECT_EQ(m_posts, 0);
+    Name("");
+    EXPECT_EQ(m_posts, 1);
+    Network(true); // while the first is on its way
+    EXPECT_EQ(m_posts, 1);
+    Posted(true);
+    EXPECT_EQ(m_posts, 2);
+    Posted(true);
+    Name("Kitchen");
+    Network(true);
+    m_simulation.RunFor(minutes(60));
+    EXPECT_EQ(m_posts, 2);
+    Network(false);
+    Network(true);
+    EXPECT_EQ(m_posts, 3);
+}
+
+TEST_F(AdvertiserTest, AsksAgainWhileNobodyServesThePath)
+{
+    Network(true);
+    for (int attempt = 1; attempt <= 8; ++attempt)
+    {
+        EXPECT_EQ(m_posts, attempt);
+        Posted(false);
+        EXPECT_EQ(m_posts, attempt) << "not at once";
+        m_simulation.RunFor(seconds(5));
+    }
+    Posted(true);
+    m_simulation.RunFor(minutes(60));
+    EXPECT_EQ(m_posts, 9);
+}
+
+TEST_F(AdvertiserTest, DoesNotFightForEverWithARenamedRecord)
+{
+    // Each post is followed by the own record as posted, then as mDNS has it.
+    Name("Kitchen #2");
+    int seen = 0;
+    for (int second = 0; second < 3600; ++second)
+    {
+        if (m_posts != seen)
+        {
+            seen = m_posts;
+            Posted(true);
+            Name("Kitchen");
+            Name("Kitchen #2");
+        }
+        m_simulation.RunFor(seconds(1));
+    }
+    EXPECT_GE(m_posts, 6);
+    EXPECT_LE(m_posts, 20) << "in an hour";
+
+    Name("Kitchen");
+    m_simulation.RunFor(minutes(30));
+    const int before = m_posts;
+    Name("Impostor"); // after a long peace: at once
+    EXPECT_EQ(m_posts, before + 1);
+}
+
+TEST_F(AdvertiserTest, ASecondWrongNameWithinThePauseIsNotForgotten)
+{
+    Name("Other");
+    Posted(true);
+    Name("Kitchen");
+    Name("Other");
+    EXPECT_EQ(m_posts, 1);
+    m_simulation.RunFor(milliseconds(5000));
+    EXPECT_EQ(m_posts, 2);
+    Posted(true);
+    Name("Other");
+    Name("Kitchen");
+    m_simulation.RunFor(minutes(10));
+    EXPECT_EQ(m_posts, 2) << "it was right again when the pause was over";
+}
+
+TEST(HubDescription, OptionsWinOverTheFileAndTheGuidIsTheUnits)
+{
+    const std::string path = testing::TempDir() + "hub-description.json";
+    std::ofstream(path) << R"({"deviceName":"From file","productColor":"Red","guid":"stolen","country":"DE"})";
+    Options options(DescriptionOptions());
+    const char* words[] = {"hub-service", path.c_str(), "--name", "Kitchen", "--type=Soundbar"};
+    ASSERT_TRUE(options.Parse(5, words));
+    HUBAPI::AdvertisementInfo info;
+    std::string error;
+    ASSERT_TRUE(ReadDescription(options, info, error)) << error;
+    EXPECT_EQ(info.ShortDebugString(),
+              R"(deviceName: "Kitchen" guid: "guid.is.not.set.perhaps.x86" ecosys: "ORB2" productType: "Soundbar" )"
+              R"(productColor: "Red" country: "DE")");
+
+    for (const char* text : {"[]", "{}", "", R"({"deviceName":5})"})
+    {
+        std::ofstream(path) << text;
+        Options fileOnly(DescriptionOptions());
+        ASSERT_TRUE(fileOnly.Parse(2, words));
+        HUBAPI::AdvertisementInfo none;
+        EXPECT_FALSE(ReadDescription(fileOnly, none, error)) << text;
+    }
+}
+
+TEST(HubClientTest, HearsOfTheOwnRecordAndPosts)
+{
+    FakeGateway gateway;
+    NotifyTargetTaskIF* const task = IL::CreateTask("HubClientTest", "");
+    HUBAPI::AdvertisementInfo info;
+    info.set_devicename("Kitchen");
+    info.set_guid("G");
+    HubClient client(task, info);
+    client.Start("localhost", gateway.Port());
+    EXPECT_EQ(gateway.Take("subscribe")["params"]["path"], "/sonarix/info");
+    EXPECT_EQ(gateway.Take("subscribe")["params"]["path"], "/network/status");
+    const json getInfo = gateway.Take("get");
+    EXPECT_EQ(getInfo["params"]["path"], "/sonarix/info");
+    gateway.AnswerError(gateway.Take("get"), 404, "nobody serves it");
+    gateway.Answer(getInfo, {{"guid", "G"}});
+
+    json post = gateway.Take("post");
+    EXPECT_EQ(post["params"]["path"], "/startDiscoveryAdvertisement");
+    EXPECT_EQ(post["params"]["body"], json({{"deviceName", "Kitchen"}, {"guid", "G"}}));
+    gateway.AnswerError(post, 404, "nobody serves it");
+    post = gateway.Take("post");
+    gateway.Answer(post, post["params"]["body"]);
+    gateway.Notify("/sonarix/info", {{"friendlyname", "Kitchen"}});
+    gateway.Notify("/network/status", {{"isPrimaryUp", true}});
+    gateway.Answer(gateway.Take("post"), json::object());
+    IL::StopTask(task);
+    IL::JoinTask(task);
+}
