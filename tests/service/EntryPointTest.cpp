@@ -1,12 +1,21 @@
 #include "ServiceProcess.h"
 
 #include "DPrint.h"
+#include "DiscoveryServicePorticoClient.h"
+#include "FakeDiscovery.h"
+#include "FakePortico.h"
+#include "ForkedRun.h"
+#include "MdnsDiscoveryProtocol.h"
 #include "ServiceEntry.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -26,6 +35,32 @@ const char* const kStarted = "JoinTasks";
 const char* const kCrashStart = "------- SonarixService Segmentation Fault Start --------";
 const char* const kCrashEnd = "-------- SonarixService Segmentation Fault End ---------";
 const char* const kCrashShutdown = "-------- SonarixService Shutting Down Cleanly where possible ---------";
+
+/// Runs the entry point in a process of its own, after `prepare`; whatever it prints is the result's output.
+ForkedResult RunEntryPoint(const std::function<void()>& prepare)
+{
+    std::string runDir = (std::filesystem::temp_directory_path() / "sonarix-run-XXXXXX").string();
+    mkdtemp(runDir.data());
+    const ForkedResult result = RunForked(
+        [&]
+        {
+            setenv("SONARIX_RUN_DIR", runDir.c_str(), 1);
+            prepare();
+            return RunService();
+        });
+    std::filesystem::remove_all(runDir);
+    return result;
+}
+
+/// An mDNS protocol that says so when something destroys it.
+std::shared_ptr<MdnsDiscoveryProtocolIF> MakeTellingMdnsProtocol()
+{
+    return {new FakeMdnsDiscoveryProtocol, [](FakeMdnsDiscoveryProtocol* mdns)
+            {
+                std::cerr << "mDNS destroyed" << std::endl;
+                delete mdns;
+            }};
+}
 
 } // namespace
 
@@ -69,6 +104,35 @@ TEST(EntryPointTest, CrashReportIsOneLineForEachFrame)
         });
     DPrint::SetSink(nullptr);
     EXPECT_THAT(lines, ElementsAre(kCrashStart, "first()", "<unresolved>", "100%s", kCrashEnd, kCrashShutdown));
+}
+
+TEST(EntryPointTest, ExceptionOfTheConstructorIsToldOnTheStandardLogStream)
+{
+    const ForkedResult result = RunEntryPoint(
+        []
+        {
+            MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
+                                                      { throw std::runtime_error("no mDNS today"); });
+        });
+    EXPECT_EQ(result.m_exitStatus, 1) << result.HowItEnded();
+    EXPECT_EQ(result.m_output, "SonarixService: Caught top level exception: no mDNS today\n");
+}
+
+TEST(EntryPointTest, ExceptionOfInitializeLeavesWithoutDestructorsAndShutdown)
+{
+    const ForkedResult result = RunEntryPoint(
+        []
+        {
+            static FakePortico s_portico;
+            MdnsDiscoveryProtocol::SetFactoryOverride(MakeTellingMdnsProtocol);
+            DiscoveryServicePorticoClient::SetFactoryOverride(
+                [](NotifyTargetTaskIF*, const std::shared_ptr<DiscoveryServiceControllerIF>&,
+                   const std::shared_ptr<PorticoClientIF>&, const std::shared_ptr<DiscoveryServiceAggregatorIF>&)
+                    -> std::shared_ptr<DiscoveryServicePorticoClientIF> { throw std::runtime_error("no gateway"); });
+        });
+    EXPECT_EQ(result.m_exitStatus, 1) << result.HowItEnded();
+    EXPECT_THAT(result.m_output, HasSubstr("\nSonarixService: Caught top level exception: no gateway\n"));
+    EXPECT_THAT(result.m_output, Not(HasSubstr("mDNS")));
 }
 
 TEST(EntryPointTest, TermAndIntEndItBySignalWithoutTheShutdownSequence)
