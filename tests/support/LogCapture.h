@@ -1,0 +1,45 @@
+#pragma once
+
+#include "DPrint.h"
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Collects all lines of the log while it lives, instead of standard error. One at a time; any thread may log.
+///
+///     LogCapture log("3,MdnsService=7");
+///     ...
+///     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0u) << log.Text();
+class LogCapture final
+{
+public:
+    struct Line
+    {
+        std::string m_channel;
+        DPrint::Level m_level;
+        std::string m_text;
+
+        bool operator==(const Line&) const = default;
+    };
+
+    /// `levels` in the form of SONARIX_LOG, in force until the capture's end.
+    explicit LogCapture(const std::string& levels = "3");
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Line> Lines() const;
+    std::size_t Count(DPrint::Level level) const;
+    bool Contains(const std::string& part) const; ///< in the text of some line
+    /// Until a line with `part` has come (true) or `limit` is over (false).
+    bool WaitFor(const std::string& part, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    std::string Text() const; ///< all lines, to be shown when an expectation fails
+    void Clear();
+
+private:
+    struct State;
+    std::shared_ptr<State> m_state; ///< shared with the sink, in which a late thread may still be
+};
