@@ -204,6 +204,22 @@ TEST_F(PorticoClientTest, TakenPathIsAskedForUntilItIsFree)
     EXPECT_TRUE(gateway.TakeAny(700).is_null()) << "still asking for a path that nobody wants any more";
 }
 
+TEST_F(PorticoClientTest, RefusedOpenIsTriedAgain)
+{
+    FakeGateway gateway;
+    gateway.SetMute({"open"});
+    const auto client = Create(gateway.Port());
+    Get(*client, "/status");
+    for (int attempt = 0; attempt < 2; ++attempt)
+    {
+        gateway.AnswerError(gateway.Take("open"), -32602, "not you");
+    }
+    EXPECT_EQ(CodeOf(m_outcomes.Take()->error), 503);
+    EXPECT_EQ(m_connects.Take(), false);
+    gateway.Answer(gateway.Take("open"), json::object());
+    EXPECT_EQ(m_connects.Take(), true);
+}
+
 TEST_F(PorticoClientTest, HeartbeatsComeWithGuidAndStatus)
 {
     FakeGateway gateway;

@@ -81,7 +81,8 @@ public:
     virtual void SendNotification(const std::string& path, const google::protobuf::Message& message,
                                   const double& version) = 0;
 
-    /// Ends the client's activity: no callback starts after it returns to the caller.
+    /// Ends the client's activity: no callback starts after it returns to the caller. It waits for one that runs,
+    /// unless it is called from within. So does the destructor.
     virtual void Shutdown() = 0;
 
     template <class T>

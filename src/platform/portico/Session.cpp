@@ -106,7 +106,10 @@ void Session::HandleOpenAnswer(const std::string& errorBody)
     }
     if (!errorBody.empty())
     {
-        DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": the gateway refused to open: " << Shortened(errorBody));
+        if (!m_isToldMissing)
+        {
+            DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": the gateway refused to open: " << Shortened(errorBody));
+        }
         m_connection->Close();
         HandleClosed("refused");
         return;
@@ -261,6 +264,10 @@ void Session::Call(const std::string& method, const std::string& params, Pending
 
 void Session::Notify(const std::string& path, const std::string& body, double version)
 {
+    if (m_isClosed)
+    {
+        return;
+    }
     std::string frame = JsonRpc::Notification("notify", JsonRpc::PathParams(path, version, body));
     if (m_isOpen && IsServed(path))
     {
