@@ -1,0 +1,62 @@
+#include "Heartbeat.h"
+
+#include <utility>
+
+namespace Gateway
+{
+
+Heartbeat::Heartbeat(const Surroundings& surroundings, Check check, Tell tell)
+    : m_surroundings(surroundings)
+    , m_check(std::move(check))
+    , m_tell(std::move(tell))
+    , m_period("PorticoGatewayCheckPeriod", surroundings.task)
+    , m_limit("PorticoGatewayCheckLimit", surroundings.task)
+{
+}
+
+Heartbeat::~Heartbeat() = default;
+
+void Heartbeat::CheckNow()
+{
+    if (m_isUnderWay)
+    {
+        return;
+    }
+    m_isUnderWay = true;
+    const unsigned int number = ++m_number;
+    m_period.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkPeriod.count()), [this] { CheckNow(); });
+    m_limit.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkLimit.count()),
+                   [this, number] { HandleResult(number, false); });
+    m_check(
+        [this, number, alive = std::weak_ptr(m_alive)](const Answer& answer)
+        {
+            if (alive.lock())
+            {
+                const bool isFailure =
+                    answer.code == NOT_SERVED || answer.code == UNREACHABLE || answer.code == NO_ANSWER;
+                HandleResult(number, !(answer.IsError() && isFailure));
+            }
+        });
+}
+
+void Heartbeat::HandleResult(unsigned int check, bool isPassed)
+{
+    if (!m_isUnderWay || check != m_number)
+    {
+        return;
+    }
+    m_isUnderWay = false;
+    m_limit.Cancel();
+    if (!m_surroundings.hasOwnList())
+    {
+        return;
+    }
+    const Status status = isPassed ? ONLINE : OFFLINE;
+    if (m_told != status || status == OFFLINE)
+    {
+        m_told = status;
+        m_tell(status);
+    }
+}
+
+} // namespace Gateway

@@ -1,0 +1,54 @@
+#include "MdnsLookup.h"
+
+#include "MdnsWorker.h"
+#include "Task.h"
+
+#include <utility>
+
+namespace Gateway
+{
+
+MdnsLookup::MdnsLookup(NotifyTargetTaskIF* task)
+    : m_task(task)
+{
+}
+
+MdnsLookup::~MdnsLookup()
+{
+    if (m_worker == nullptr)
+    {
+        return;
+    }
+    IL::BreakThread(
+        [worker = m_worker, task = m_workerTask]
+        {
+            worker->Stop();
+            IL::StopTask(task);
+        },
+        m_workerTask);
+}
+
+void MdnsLookup::Find(const std::string& guid, AddressesCallback callback)
+{
+    if (m_worker == nullptr)
+    {
+        m_workerTask = IL::CreateTask("PorticoGatewayMdns", "");
+        m_worker = std::make_shared<MdnsWorker>(m_workerTask);
+    }
+    const auto answer = [task = m_task, alive = std::weak_ptr(m_alive),
+                         callback = std::move(callback)](const std::vector<std::string>& addresses)
+    {
+        IL::BreakThread(
+            [alive, callback, addresses]
+            {
+                if (alive.lock())
+                {
+                    callback(addresses);
+                }
+            },
+            task);
+    };
+    IL::BreakThread([worker = m_worker, guid, answer] { worker->Find(guid, answer); }, m_workerTask);
+}
+
+} // namespace Gateway

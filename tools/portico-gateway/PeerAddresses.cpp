@@ -1,0 +1,94 @@
+#include "PeerAddresses.h"
+
+#include "ProductTable.h"
+#include "Router.h"
+#include "Task.h"
+
+#include <optional>
+#include <utility>
+
+namespace Gateway
+{
+namespace
+{
+
+const std::string kTablePath = "/sonarix/products";
+
+} // namespace
+
+PeerAddresses::PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std::string& peersFile,
+                             std::unique_ptr<MdnsLookupIF> mdns)
+    : m_task(task)
+    , m_router(router)
+    , m_file(peersFile)
+    , m_mdns(std::move(mdns))
+    , m_limit("PorticoGatewayTable", task)
+{
+}
+
+PeerAddresses::~PeerAddresses() = default;
+
+void PeerAddresses::AskTable(const std::string& guid, PeersCallback callback)
+{
+    if (const std::optional<Peer> given = m_file.Find(guid))
+    {
+        IL::BreakThread([callback = std::move(callback), peer = *given] { callback({peer}); }, m_task);
+        return;
+    }
+    m_waiting.push_back({guid, std::move(callback)});
+    if (m_waiting.size() > 1)
+    {
+        return;
+    }
+    const unsigned int question = ++m_question;
+    m_limit.PostIn(static_cast<unsigned int>(kTableLimit.count()), [this, question] { HandleTable(question, {}); });
+    const auto handle = [this, question](const Answer& answer) { HandleTable(question, answer.result); };
+    IL::BreakThread(
+        [this, handle, alive = std::weak_ptr(m_alive)]
+        {
+            if (alive.lock())
+            {
+                m_router.Send({"get", kTablePath, "1.0", std::nullopt}, Origin::LOCAL,
+                              [handle, alive](const Answer& answer)
+                              {
+                                  if (alive.lock())
+                                  {
+                                      handle(answer);
+                                  }
+                              });
+            }
+        },
+        m_task);
+}
+
+void PeerAddresses::HandleTable(unsigned int question, const std::string& productList)
+{
+    if (question != m_question)
+    {
+        return;
+    }
+    ++m_question;
+    m_limit.Cancel();
+    const std::vector<Waiting> waiting = std::exchange(m_waiting, {});
+    for (const Waiting& each : waiting)
+    {
+        const std::optional<std::string> address = FindAddress(productList, each.guid);
+        each.callback(address ? std::vector<Peer>{Peer{*address, kLanPort, false}} : std::vector<Peer>());
+    }
+}
+
+void PeerAddresses::AskMdns(const std::string& guid, PeersCallback callback)
+{
+    m_mdns->Find(guid,
+                 [callback = std::move(callback)](const std::vector<std::string>& addresses)
+                 {
+                     std::vector<Peer> peers;
+                     for (const std::string& address : addresses)
+                     {
+                         peers.push_back({address, kLanPort, false});
+                     }
+                     callback(peers);
+                 });
+}
+
+} // namespace Gateway

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "MdnsLookup.h"
+#include "Peer.h"
+#include "PeersFile.h"
+#include "RpcFrame.h"
+#include "Timers.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+class NotifyTargetTaskIF;
+
+namespace Gateway
+{
+
+class Router;
+
+/// Where other products are: as the peers file has it, else as the product table of this product has it; and, to be
+/// asked when that does not lead there, as mDNS has it. One GET of the table serves all that ask meanwhile.
+/// Task: the gateway's; answers come on it, never from inside the call. Owner: the gateway.
+class PeerAddresses final
+{
+public:
+    using PeersCallback = std::function<void(const std::vector<Peer>& peers)>; ///< the likeliest first; may be empty
+
+    PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std::string& peersFile,
+                  std::unique_ptr<MdnsLookupIF> mdns);
+    ~PeerAddresses();
+    PeerAddresses(const PeerAddresses&) = delete;
+    PeerAddresses& operator=(const PeerAddresses&) = delete;
+
+    void AskTable(const std::string& guid, PeersCallback callback);
+    void AskMdns(const std::string& guid, PeersCallback callback);
+
+    /// The own service answers from memory; one that does not is passed over.
+    static constexpr std::chrono::milliseconds kTableLimit{2000};
+
+private:
+    struct Waiting
+    {
+        std::string guid;
+        PeersCallback callback;
+    };
+
+    void HandleTable(unsigned int question, const std::string& productList);
+
+    NotifyTargetTaskIF* m_task;
+    Router& m_router;
+    const PeersFile m_file;
+    const std::unique_ptr<MdnsLookupIF> m_mdns;
+    std::vector<Waiting> m_waiting;
+    unsigned int m_question = 0; ///< counts, so that an answer after the limit finds nobody
+    MessageTimer m_limit;
+    const std::shared_ptr<bool> m_alive = std::make_shared<bool>(true); ///< seen weakly by what is on its way
+};
+
+} // namespace Gateway

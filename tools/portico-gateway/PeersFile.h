@@ -1,0 +1,25 @@
+#pragma once
+
+#include "Peer.h"
+
+#include <optional>
+#include <string>
+
+namespace Gateway
+{
+
+/// A file of lines `guid host[:port]`, IPv6 hosts in brackets where a port follows; empty lines and lines that begin
+/// with '#' are passed over. Read at each question, so that it can be edited while the gateway runs.
+class PeersFile final
+{
+public:
+    explicit PeersFile(std::string path); ///< empty: there is none
+
+    /// The first line for the guid. A line that cannot be read is skipped with one log line.
+    std::optional<Peer> Find(const std::string& guid) const;
+
+private:
+    const std::string m_path;
+};
+
+} // namespace Gateway

@@ -1,0 +1,73 @@
+#include "ProductTable.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+namespace Gateway
+{
+namespace
+{
+
+using Json = nlohmann::json;
+
+/// Both forms are legal: the record itself, or an object whose sole key is the record's name.
+Json ReadRecord(const std::string& text, const char* name)
+{
+    Json record = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (record.is_object() && record.size() == 1 && record.contains(name))
+    {
+        return record[name];
+    }
+    return record;
+}
+
+std::string Text(const Json& object, const char* key)
+{
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+bool IsNumeric(const std::string& address)
+{
+    std::array<unsigned char, sizeof(in6_addr)> ignored{};
+    return inet_pton(AF_INET, address.c_str(), ignored.data()) == 1 ||
+           inet_pton(AF_INET6, address.c_str(), ignored.data()) == 1;
+}
+
+} // namespace
+
+std::optional<std::string> FindAddress(const std::string& productList, const std::string& guid)
+{
+    const Json list = ReadRecord(productList, "ProductList");
+    const auto products = list.is_object() ? list.find("products") : list.end();
+    if (!list.is_object() || products == list.end() || !products->is_array())
+    {
+        return std::nullopt;
+    }
+    for (const Json& row : *products)
+    {
+        const auto info = row.is_object() ? row.find("productinfo") : row.end();
+        if (!row.is_object() || info == row.end() || !info->is_object() || Text(*info, "guid") != guid)
+        {
+            continue;
+        }
+        const std::string address = Text(*info, "ipaddress");
+        if (IsNumeric(address))
+        {
+            return address;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string FindGuid(const std::string& productInfo)
+{
+    const Json info = ReadRecord(productInfo, "ProductInfo");
+    return info.is_object() ? Text(info, "guid") : std::string();
+}
+
+} // namespace Gateway

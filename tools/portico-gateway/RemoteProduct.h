@@ -1,0 +1,116 @@
+#pragma once
+
+#include "Peer.h"
+#include "PendingRequests.h"
+#include "RpcFrame.h"
+#include "Surroundings.h"
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace WebSocket
+{
+class Connection;
+}
+
+namespace Gateway
+{
+
+/// One client's way to another product: the connection to that product's gateway, made when it is needed and made
+/// again by the next request after it has gone; subscriptions are renewed then.
+/// Task: everything on the gateway's, answers too. Owner: the client's connection; destroyed, it calls nobody.
+/// Never retries by itself: the heartbeat's checks are what comes back to it.
+///
+///     IDLE --request--> RESOLVING --> CONNECTING --> IDENTIFYING --> READY --gone--> IDLE
+///       ^                   ^             |  next address  |
+///       +--- all failed ----+-------------+----------------+      mDNS is asked when the first addresses fail
+class RemoteProduct final
+{
+public:
+    struct Callbacks
+    {
+        /// (path, version, body) of a subscription.
+        std::function<void(const std::string&, const std::string&, const std::string&)> notified;
+        std::function<void()> lost; ///< a connection that was there has gone
+    };
+
+    RemoteProduct(const Surroundings& surroundings, std::string guid, std::string subProtocol, std::string service,
+                  Callbacks callbacks);
+    ~RemoteProduct();
+    RemoteProduct(const RemoteProduct&) = delete;
+    RemoteProduct& operator=(const RemoteProduct&) = delete;
+
+    /// Connects where there is no connection. UNREACHABLE where that fails, or has just failed.
+    void Send(const Request& request, AnswerCallback answer);
+    /// As Send, but tries anew also just after a failure.
+    void SendCheck(const Request& request, AnswerCallback answer);
+    /// Holds from now on, reached or not; an error that the product answers ends it.
+    void Subscribe(const std::string& path, const std::string& version, int scope, AnswerCallback answer);
+    void Unsubscribe(const std::string& path);
+
+    static constexpr std::size_t kMaxWaiting = 1024;       ///< requests while there is no connection
+    static constexpr std::size_t kMaxSubscriptions = 4096; ///< paths
+
+private:
+    enum class State
+    {
+        IDLE,
+        RESOLVING,
+        CONNECTING,
+        IDENTIFYING, ///< the gateway there is asked who it is
+        READY,
+    };
+    struct Waiting
+    {
+        Request request;
+        AnswerCallback answer;
+    };
+
+    void Park(const Request& request, AnswerCallback answer);
+    void StartAttempt();
+    void TryNext();
+    void Connect(const Peer& peer);
+    void HandleOpened();
+    void HandleOpenAnswer(const Answer& answer);
+    void Identify();
+    void HandleReady();
+    void HandleMessage(const std::string& text);
+    void HandleClosed(const std::string& reason);
+    void Fail(const std::string& reason);
+    /// True where the answer shows that another product answers there; the connection is given up then.
+    bool IsImpostor(const Request& request, const Answer& answer);
+
+    void Carry(const Request& request, const AnswerCallback& answer);
+    void Call(const std::string& method, const std::string& params, AnswerCallback answer);
+    void SendSubscription(const std::string& path, AnswerCallback answer);
+    Answer Unreachable(const std::string& reason) const;
+
+    const Surroundings& m_surroundings;
+    const std::string m_guid;
+    const std::string m_subProtocol;
+    const std::string m_service;
+    const Callbacks m_callbacks;
+
+    State m_state = State::IDLE;
+    std::shared_ptr<WebSocket::Connection> m_connection;
+    Peer m_peer;               ///< the one in use or being tried
+    std::vector<Peer> m_toTry; ///< of this attempt
+    std::vector<Peer> m_tried;
+    bool m_isMdnsAsked = false; ///< in this attempt
+    bool m_isMdnsPending = false;
+    std::int64_t m_failedAtMs = 0;
+    std::string m_lastReason;
+    bool m_isToldUnreachable = false; ///< one log line for a product that is away, not one for each attempt
+
+    std::deque<Waiting> m_waiting;
+    PendingRequests m_pending;
+    std::map<std::string, std::string> m_subscriptions; ///< path, parameters
+    const std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
+};
+
+} // namespace Gateway

@@ -1,0 +1,97 @@
+#include "Subscriptions.h"
+
+namespace Gateway
+{
+
+Subscriptions::Subscriptions(const Router& router)
+    : m_router(router)
+{
+}
+
+Answer Subscriptions::Add(SubscriberIF* subscriber, const std::string& path, Origin origin)
+{
+    std::set<std::string>& paths = m_paths[subscriber];
+    const std::size_t limit = origin == Origin::LAN ? kMaxPathsLan : kMaxPathsLocal;
+    if (paths.size() >= limit && paths.count(path) == 0)
+    {
+        return Answer::Error(UNREACHABLE, "too many subscriptions", {});
+    }
+    paths.insert(path);
+    m_subscribers[path][subscriber] = origin;
+    return Answer::Empty();
+}
+
+void Subscriptions::Remove(SubscriberIF* subscriber, const std::string& path)
+{
+    const auto paths = m_paths.find(subscriber);
+    if (paths == m_paths.end() || paths->second.erase(path) == 0)
+    {
+        return;
+    }
+    const auto subscribers = m_subscribers.find(path);
+    subscribers->second.erase(subscriber);
+    if (subscribers->second.empty())
+    {
+        m_subscribers.erase(subscribers);
+    }
+}
+
+void Subscriptions::Forget(SubscriberIF* subscriber)
+{
+    const auto found = m_paths.find(subscriber);
+    if (found == m_paths.end())
+    {
+        return;
+    }
+    const std::set<std::string> paths = found->second;
+    for (const std::string& path : paths)
+    {
+        Remove(subscriber, path);
+    }
+    m_paths.erase(subscriber);
+}
+
+void Subscriptions::TellLast(SubscriberIF* subscriber, const std::string& path, Origin origin) const
+{
+    const auto last = m_last.find(path);
+    if (last != m_last.end() && (origin == Origin::LOCAL || m_router.IsPublic(path, last->second.server)))
+    {
+        subscriber->Tell(last->second.frame);
+    }
+}
+
+void Subscriptions::Notify(const PathServerIF* server, const std::string& path, const std::string& version,
+                           const std::string& body)
+{
+    const std::string frame = NotifyFrame(path, version, body);
+    m_last[path] = Last{server, frame};
+    const auto found = m_subscribers.find(path);
+    if (found == m_subscribers.end())
+    {
+        return;
+    }
+    const bool isPublic = m_router.IsPublic(path, server);
+    for (const auto& [subscriber, origin] : found->second)
+    {
+        if (origin == Origin::LOCAL || isPublic)
+        {
+            subscriber->Tell(frame);
+        }
+    }
+}
+
+void Subscriptions::DropLast(const PathServerIF* server, const std::string& path)
+{
+    const auto last = m_last.find(path);
+    if (last != m_last.end() && last->second.server == server)
+    {
+        m_last.erase(last);
+    }
+}
+
+void Subscriptions::DropLast(const PathServerIF* server)
+{
+    std::erase_if(m_last, [server](const auto& last) { return last.second.server == server; });
+}
+
+} // namespace Gateway

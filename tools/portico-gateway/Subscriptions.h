@@ -1,0 +1,61 @@
+#pragma once
+
+#include "Router.h"
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+
+namespace Gateway
+{
+
+/// A client that is told of notifications. Sending must not call back into the subscriptions.
+class SubscriberIF
+{
+public:
+    virtual ~SubscriberIF() = default;
+    virtual void Tell(const std::string& frame) = 0;
+};
+
+/// Who is told of which path, and each path's last notification for those who come later.
+/// A subscription holds for a path that nobody serves yet; a notification is kept while its server serves the path.
+/// Task: the gateway's. Owner: the gateway. Never keeps a subscriber alive: each tells when it goes.
+class Subscriptions final
+{
+public:
+    explicit Subscriptions(const Router& router);
+    Subscriptions(const Subscriptions&) = delete;
+    Subscriptions& operator=(const Subscriptions&) = delete;
+
+    /// An error where the subscriber has too many; one that has the path already keeps it.
+    Answer Add(SubscriberIF* subscriber, const std::string& path, Origin origin);
+    void Remove(SubscriberIF* subscriber, const std::string& path);
+    void Forget(SubscriberIF* subscriber);
+
+    /// Tells the path's last notification to one that has just come.
+    void TellLast(SubscriberIF* subscriber, const std::string& path, Origin origin) const;
+    /// From the server of the path to all that may see it.
+    void Notify(const PathServerIF* server, const std::string& path, const std::string& version,
+                const std::string& body);
+    /// The server serves the path no more: what it said last is no news to anybody.
+    void DropLast(const PathServerIF* server, const std::string& path);
+    void DropLast(const PathServerIF* server);
+
+    static constexpr std::size_t kMaxPathsLocal = 4096; ///< of one subscriber
+    static constexpr std::size_t kMaxPathsLan = 64;
+
+private:
+    struct Last
+    {
+        const PathServerIF* server;
+        std::string frame;
+    };
+
+    const Router& m_router;
+    std::map<std::string, std::map<SubscriberIF*, Origin>> m_subscribers; ///< by path
+    std::map<SubscriberIF*, std::set<std::string>> m_paths;               ///< the same by subscriber
+    std::map<std::string, Last> m_last;
+};
+
+} // namespace Gateway
