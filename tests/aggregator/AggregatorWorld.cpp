@@ -4,7 +4,6 @@
 #include "DiscoveryServiceAggregator.h"
 #include "ProtoToMarkup.h"
 #include "Task.h"
-#include "ThreadMutex.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -43,44 +42,19 @@ const testing::Environment* const s_files = testing::AddGlobalTestEnvironment(ne
 
 } // namespace
 
-struct LogLines::State
+LogLines::QuietAfterwards::~QuietAfterwards()
 {
-    mutable CThreadMutex mutex;
-    std::vector<Line> lines;
-};
-
-LogLines::LogLines()
-    : m_state(std::make_shared<State>())
-{
-    DPrint::SetLevels("7");
-    DPrint::SetSink(
-        [state = m_state](const std::string& /*channel*/, DPrint::Level level, const std::string& text)
-        {
-            const ScopedMutex lock(state->mutex);
-            state->lines.push_back({static_cast<int>(level), text});
-        });
-}
-
-LogLines::~LogLines()
-{
-    DPrint::SetSink(nullptr);
     DPrint::SetLevels("1");
 }
 
 std::size_t LogLines::Count(const std::string& part, int level) const
 {
-    const ScopedMutex lock(m_state->mutex);
-    return static_cast<std::size_t>(std::count_if(m_state->lines.begin(), m_state->lines.end(),
-                                                  [&](const Line& line) {
-                                                      return (level == 0 || line.level == level) &&
-                                                             line.text.find(part) != std::string::npos;
+    const std::vector<LogCapture::Line> lines = m_capture.Lines();
+    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(),
+                                                  [&](const LogCapture::Line& line) {
+                                                      return (level == 0 || static_cast<int>(line.m_level) == level) &&
+                                                             line.m_text.find(part) != std::string::npos;
                                                   }));
-}
-
-void LogLines::Forget() const
-{
-    const ScopedMutex lock(m_state->mutex);
-    m_state->lines.clear();
 }
 
 Sonarix::Product Report::Product() const

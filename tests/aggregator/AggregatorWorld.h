@@ -3,6 +3,7 @@
 #include "DiscoveryServiceAggregatorIF.h"
 #include "FakeDiscovery.h"
 #include "FakePortico.h"
+#include "LogCapture.h"
 #include "Simulation.h"
 #include "Sonarix.pb.h"
 
@@ -21,22 +22,19 @@ inline const char* const kOwn = "m-own"; // so that there are guids before it an
 class LogLines
 {
 public:
-    LogLines();
-    ~LogLines();
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-
     std::size_t Count(const std::string& part, int level = 0) const; ///< level 0: any
-    void Forget() const;
+    void Forget()
+    {
+        m_capture.Clear();
+    }
 
 private:
-    struct Line
+    struct QuietAfterwards
     {
-        int level;
-        std::string text;
+        ~QuietAfterwards();
     };
-    struct State;
-    std::shared_ptr<State> m_state;
+    QuietAfterwards m_quiet;
+    LogCapture m_capture{"7"};
 };
 
 /// A report as a discovery source makes it.

@@ -41,7 +41,7 @@ using RefreshTest = AggregatorTest;
 TEST_F(OfflineProductsTest, AProductIsGivenUpAfter1800SecondsAndStaysListed)
 {
     StartWithOnline({"a"});
-    const LogLines log;
+    LogLines log;
     m_world.Heartbeat("a", HEARTBEAT_OFFLINE);
     EXPECT_EQ(log.Count(FiresIn(1800000), 3), 1U);
     EXPECT_EQ(log.Count("secondsToNextTimeout = 1800.000000", 4), 1U);
@@ -71,7 +71,7 @@ TEST_F(OfflineProductsTest, AnAnswerInTimeEndsTheWatch)
     m_world.Heartbeat("a", HEARTBEAT_OFFLINE);
     m_world.Pass(1799s);
     m_world.Answer("a");
-    const LogLines log;
+    LogLines log;
     m_world.Pass(5h);
     EXPECT_TRUE(m_world.IsWatched("a"));
     EXPECT_EQ(log.Count(""), 0U);
@@ -89,7 +89,7 @@ TEST_F(OfflineProductsTest, SeveralProductsEachHaveTheirOwnTime)
     m_world.Heartbeat("b", HEARTBEAT_OFFLINE);
     m_world.Pass(600s);
     m_world.Heartbeat("a", HEARTBEAT_OFFLINE);
-    const LogLines log;
+    LogLines log;
     m_world.Pass(1200s);
     EXPECT_FALSE(m_world.IsWatched("b"));
     EXPECT_TRUE(m_world.IsWatched("a"));
@@ -105,7 +105,7 @@ TEST_F(OfflineProductsTest, ANewProductWithoutAStampKeepsThePassGoing)
 {
     StartWithOnline({"b"}); // its answer makes the first pass
     m_world.Ssdp("a");
-    const LogLines log;
+    LogLines log;
     m_world.Heartbeat("b", 1042);
     EXPECT_EQ(log.Count("No devices are stamped as offline...waiting the max amount possible: 1800", 3), 1U);
     EXPECT_EQ(log.Count(FiresIn(1800000), 3), 1U);
@@ -121,7 +121,7 @@ TEST_F(OfflineProductsTest, AReportOfAGivenUpProductWatchesItUntilTheNextPassOrI
     m_world.Pass(1900s);
     ASSERT_FALSE(m_world.IsWatched("a"));
 
-    const LogLines log;
+    LogLines log;
     const std::string pronounced = "Product a already pronounced dead by reaper. Don't try connecting to it";
     m_world.Ssdp("a", SXCommon::ONLINE);
     EXPECT_EQ(log.Count(pronounced), 0U);
@@ -145,7 +145,7 @@ TEST_F(OfflineProductsTest, AStampOfTheFarPastIsLeftOutOfTheCalculation)
     m_world.Heartbeat("a", HEARTBEAT_OFFLINE);
     m_world.Pass(1801s);
     ASSERT_FALSE(m_world.IsWatched("a"));
-    const LogLines log;
+    LogLines log;
     m_world.Ssdp("c"); // watched, OFFLINE, no stamp
     m_world.Heartbeat("b", 1042);
     EXPECT_EQ(log.Count("Product has timed out in the future?? Deering until then. Guid: a", 1), 1U);
