@@ -72,7 +72,7 @@ public:
     /// Not 0, since a product's clock is not 0 either when its service starts.
     static constexpr std::chrono::milliseconds kStart{1'000'000};
     /// So many steps without the clock going on are a live-lock: the process ends with the seed printed.
-    static constexpr std::uint64_t kMaxStepsAtOneInstant = 10'000'000;
+    static constexpr std::uint64_t kMaxStepsAtOneInstant = 1'000'000;
     /// A wait without limit that lasts longer is for something that never comes.
     static constexpr std::chrono::hours kMaxWait{24 * 366};
 

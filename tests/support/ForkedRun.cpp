@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <poll.h>
 #include <sys/wait.h>
@@ -16,6 +17,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr int kExceptionStatus = 125;
+constexpr char kChildVariable[] = "SONARIX_TEST_RUN_ANEW";
 
 [[noreturn]] void RunChild(int output, const std::function<int()>& body)
 {
@@ -114,4 +116,22 @@ ForkedResult RunForked(const std::function<int()>& body, std::chrono::millisecon
         result.m_signal = WTERMSIG(status);
     }
     return result;
+}
+
+ForkedResult RunTestAnew(const std::string& test, const std::function<void()>& prepare)
+{
+    return RunForked(
+        [&]
+        {
+            prepare();
+            ::setenv(kChildVariable, "1", 1);
+            const std::string filter = "--gtest_filter=" + test;
+            ::execl("/proc/self/exe", "test", filter.c_str(), "--gtest_brief=1", nullptr);
+            return kExceptionStatus;
+        });
+}
+
+bool IsRunAnew()
+{
+    return std::getenv(kChildVariable) != nullptr;
 }

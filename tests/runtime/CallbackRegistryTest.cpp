@@ -1,0 +1,288 @@
+#include "CallbackRegistry.h"
+
+#include "RealTask.h"
+#include "Watched.h"
+
+#include <gmock/gmock.h>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class CallbackRegistryTest : public testing::Test
+{
+protected:
+    using Registry = CallbackRegistry<std::string>;
+
+    CallbackConnection Add(const std::string& name)
+    {
+        return m_registry->Connect([this, name](const std::string& text) { m_calls.push_back(name + text); });
+    }
+
+    std::vector<std::string> Send(const std::string& text = "", const CallbackConnection& except = {})
+    {
+        m_calls.clear();
+        m_registry->Send(text, except);
+        return m_calls;
+    }
+
+    std::vector<std::string> m_calls;
+    int m_emptied = 0;
+    std::unique_ptr<Registry> m_registry = std::make_unique<Registry>(Callback<void>([this] { ++m_emptied; }));
+};
+
+TEST_F(CallbackRegistryTest, CallsInOrderOfConnectionAndSkipsExcept)
+{
+    Add("a"); // a dropped handle leaves the subscription in force
+    const CallbackConnection b = Add("b");
+    CallbackConnection c = Add("c");
+    EXPECT_THAT(Send("1"), ElementsAre("a1", "b1", "c1"));
+    EXPECT_THAT(Send("2", b), ElementsAre("a2", "c2"));
+
+    c = Add("d"); // overwriting a handle does not disconnect either
+    b.Disconnect();
+    b.Disconnect();
+    EXPECT_FALSE(b.IsConnected());
+    EXPECT_THAT(Send("3", b), ElementsAre("a3", "c3", "d3"));
+    EXPECT_EQ(m_emptied, 0);
+}
+
+TEST_F(CallbackRegistryTest, LeavingAndJoiningInTheMiddleOfASend)
+{
+    CallbackConnection self;
+    CallbackConnection later;
+    const auto lifetime = std::make_shared<int>(0);
+    self = m_registry->Connect(
+        [&, lifetime](const std::string&)
+        {
+            self.Disconnect();
+            self.Disconnect();
+            later.Disconnect();
+            EXPECT_FALSE(later.IsConnected());
+            EXPECT_GT(lifetime.use_count(), 1) << "destroyed under its own feet";
+            m_calls.push_back("self");
+            Add("new");
+        });
+    later = Add("later");
+    Add("last");
+    EXPECT_THAT(Send(), ElementsAre("self", "last"));
+    EXPECT_THAT(Send(), ElementsAre("last", "new"));
+    EXPECT_EQ(m_emptied, 0);
+}
+
+TEST_F(CallbackRegistryTest, OnEmptyFiresAtEachEmptying)
+{
+    const CallbackConnection first = Add("first");
+    first.Disconnect();
+    EXPECT_EQ(m_emptied, 1);
+
+    CallbackConnection self;
+    self = m_registry->Connect(
+        [&](const std::string&)
+        {
+            self.Disconnect();
+            m_calls.push_back("self");
+            EXPECT_EQ(m_emptied, 1) << "only at the end of the Send";
+        });
+    EXPECT_THAT(Send(), ElementsAre("self"));
+    EXPECT_EQ(m_emptied, 2);
+
+    m_registry->DisconnectAll(); // empty already
+    EXPECT_EQ(m_emptied, 2);
+    Add("a");
+    Add("b");
+    m_registry->DisconnectAll();
+    EXPECT_EQ(m_emptied, 3);
+    EXPECT_THAT(Send(), IsEmpty());
+}
+
+TEST_F(CallbackRegistryTest, DisconnectAllInsideASendTakesEffectAtItsEnd)
+{
+    m_registry->Connect([this](const std::string&) { m_registry->DisconnectAll(); });
+    const CallbackConnection later = Add("later");
+    EXPECT_THAT(Send(), ElementsAre("later")) << "still connected until the Send is over";
+    EXPECT_FALSE(later.IsConnected());
+    later.Disconnect();
+    EXPECT_EQ(m_emptied, 1);
+    EXPECT_THAT(Send(), IsEmpty());
+}
+
+TEST_F(CallbackRegistryTest, NestedSend)
+{
+    CallbackConnection nesting;
+    CallbackConnection leaving;
+    bool nested = false;
+    nesting = m_registry->Connect(
+        [&](const std::string&)
+        {
+            m_calls.push_back("nesting");
+            if (!nested)
+            {
+                nested = true;
+                leaving.Disconnect();
+                m_registry->Send("inner", {});
+                // The inner Send has ended the sending for both: this removal is done at once.
+                nesting.Disconnect();
+            }
+        });
+    leaving = Add("leaving ");
+    Add("last ");
+    EXPECT_THAT(Send("outer"), ElementsAre("nesting", "nesting", "last inner", "last outer"));
+    EXPECT_THAT(Send("again"), ElementsAre("last again"));
+}
+
+TEST_F(CallbackRegistryTest, DestroyedInASend)
+{
+    CallbackConnection killer;
+    killer = m_registry->Connect(
+        [&](const std::string&)
+        {
+            m_registry.reset();
+            m_calls.push_back("killer");
+            killer.Disconnect();
+        });
+    const CallbackConnection later = Add("later");
+    const auto* const registry = m_registry.get();
+    registry->Send("", {});
+    EXPECT_THAT(m_calls, ElementsAre("killer"));
+    EXPECT_FALSE(later.IsConnected());
+    later.Disconnect(); // after the registry's end
+    EXPECT_EQ(m_emptied, 0) << "its owner is gone too";
+}
+
+TEST_F(CallbackRegistryTest, OnEmptyMayDestroyTheRegistry)
+{
+    auto owned = std::make_unique<std::optional<Registry>>();
+    std::string told;
+    owned->emplace(Callback<void>(
+        [&told, &owned, text = std::string("a text longer than what fits into a string itself")]
+        {
+            owned.reset();
+            told = text;
+        }));
+    const CallbackConnection connection = (*owned)->Connect([](const std::string&) {});
+    connection.Disconnect();
+    EXPECT_EQ(told, "a text longer than what fits into a string itself");
+}
+
+// What a callback holds may end other subscriptions when it is destroyed; with the mutex held, two registries that
+// do so to each other from two threads would wait for each other.
+TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
+{
+    struct Probe
+    {
+        Probe(const std::shared_ptr<CThreadMutex>& mutex, bool* free)
+            : m_mutex(mutex)
+            , m_free(free)
+        {
+        }
+        Probe(const Probe&) = delete;
+        Probe& operator=(const Probe&) = delete;
+        ~Probe()
+        {
+            // The mutex is recursive: only another thread can tell.
+            RealTask other;
+            Watched<bool> obtained;
+            IL::BreakThread(
+                [&]
+                {
+                    m_mutex->Obtain(CThreadMutex::SUSPEND_FOREVER);
+                    m_mutex->Release();
+                    obtained.Set(true);
+                },
+                other.Get());
+            *m_free = obtained.WaitFor(true, std::chrono::seconds(2));
+        }
+        std::shared_ptr<CThreadMutex> m_mutex;
+        bool* m_free;
+    };
+    const auto mutex = std::make_shared<CThreadMutex>();
+    CallbackRegistry<> registry({}, mutex);
+    bool freeAtDisconnect = false;
+    bool freeAtDisconnectAll = false;
+    bool freeAfterSend = false;
+    registry.Connect([probe = std::make_shared<Probe>(mutex, &freeAtDisconnect)] {}).Disconnect();
+    registry.Connect([probe = std::make_shared<Probe>(mutex, &freeAtDisconnectAll)] {});
+    registry.DisconnectAll();
+    CallbackConnection victim;
+    registry.Connect([&victim] { victim.Disconnect(); });
+    victim = registry.Connect([probe = std::make_shared<Probe>(mutex, &freeAfterSend)] {});
+    registry.Send({});
+    EXPECT_TRUE(freeAtDisconnect);
+    EXPECT_TRUE(freeAtDisconnectAll);
+    EXPECT_TRUE(freeAfterSend);
+}
+
+TEST_F(CallbackRegistryTest, ScopedConnectionEndsWithItsOwner)
+{
+    {
+        ScopedConnection scoped = Add("first");
+        scoped = Add("second"); // ends the first
+        EXPECT_THAT(Send(), ElementsAre("second"));
+    }
+    EXPECT_THAT(Send(), IsEmpty());
+    EXPECT_EQ(m_emptied, 1) << "the second came before the first went";
+}
+
+// Two senders at once, a third thread that joins and leaves, a subscriber that leaves by itself, and at the end
+// the registry goes while a Send may still run.
+TEST(CallbackRegistryThreads, TwoSendersWhileOthersComeAndGo)
+{
+    constexpr int kRounds = 300;
+    for (int repetition = 0; repetition < 5; ++repetition)
+    {
+        auto registry = std::make_shared<CallbackRegistry<int>>();
+        std::atomic<int> steady = 0;
+        registry->Connect([&steady](const int&) { ++steady; });
+
+        RealTask first("first");
+        RealTask second("second");
+        RealTask third("third");
+        for (const RealTask* sender : {&first, &second})
+        {
+            IL::BreakThread(
+                [registry]
+                {
+                    for (int i = 0; i < kRounds; ++i)
+                    {
+                        registry->Send(i, {});
+                    }
+                },
+                sender->Get());
+        }
+        IL::BreakThread(
+            [registry]
+            {
+                for (int i = 0; i < kRounds; ++i)
+                {
+                    const auto self = std::make_shared<Watched<CallbackConnection>>();
+                    const auto calls = std::make_shared<std::atomic<int>>(0);
+                    self->Set(registry->Connect(
+                        [self, calls](const int&)
+                        {
+                            self->Get().Disconnect();
+                            ++*calls;
+                        }));
+                    const CallbackConnection gone = registry->Connect([](const int&) {});
+                    gone.Disconnect();
+                    EXPECT_FALSE(gone.IsConnected());
+                    self->Get().Disconnect();
+                    self->Set({}); // the callback holds itself
+                }
+            },
+            third.Get());
+        registry.reset(); // the last sender takes it along
+        first.Drain();
+        second.Drain();
+        third.Drain();
+        EXPECT_EQ(steady, 2 * kRounds);
+    }
+}
+
+} // namespace

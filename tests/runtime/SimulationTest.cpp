@@ -1,0 +1,344 @@
+#include "Simulation.h"
+
+#include "AsyncCallback.h"
+#include "ConditionSemaphore.h"
+#include "ForkedRun.h"
+#include "LogCapture.h"
+#include "MonotonicClock.h"
+#include "RandomSequence.h"
+#include "SeedRunner.h"
+#include "Task.h"
+#include "Timers.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+/// Three tasks that post to each other with timers in between, for a simulated hour.
+struct ThreeTasks
+{
+    explicit ThreeTasks(std::uint64_t seed)
+    {
+        IL::Simulation simulation(seed);
+        std::vector<NotifyTargetTaskIF*> tasks;
+        std::vector<std::shared_ptr<APTimerIF>> timers;
+        for (const char* name : {"A", "B", "C"})
+        {
+            tasks.push_back(IL::CreateTask(name, ""));
+            timers.push_back(APTimerFactory::CreateTimer(tasks.back(), name));
+            timers.back()->SetTimeouts(1000, 60'000);
+            timers.back()->Start(
+                [&, name]
+                {
+                    m_order += name;
+                    auto* const other = tasks[simulation.Random(tasks.size())];
+                    IL::BreakThread([this, other] { m_order += other->Name(); }, other);
+                });
+        }
+        simulation.RunFor(1h);
+        m_fingerprint = simulation.Fingerprint();
+        m_events = simulation.Events();
+    }
+    std::string m_order;
+    std::uint64_t m_fingerprint = 0;
+    std::uint64_t m_events = 0;
+};
+
+TEST(Simulation, TheSameSeedGivesTheSameRunAndAnotherSeedAnother)
+{
+    std::set<std::string> orders;
+    std::set<std::uint64_t> fingerprints;
+    for (std::uint64_t seed = 0; seed < 20; ++seed)
+    {
+        const ThreeTasks first(seed);
+        const ThreeTasks second(seed);
+        EXPECT_EQ(first.m_order, second.m_order);
+        EXPECT_EQ(first.m_fingerprint, second.m_fingerprint);
+        EXPECT_EQ(first.m_events, 60u * 3 * 2);
+        orders.insert(first.m_order);
+        fingerprints.insert(first.m_fingerprint);
+    }
+    EXPECT_EQ(orders.size(), 20u);
+    EXPECT_EQ(fingerprints.size(), 20u);
+
+    // Fixed for good: a seed of an old report must still give its run.
+    IL::RandomSequence sequence(0); // the published first numbers of xoshiro256** seeded by splitmix64
+    EXPECT_EQ(sequence.Next(), 11091344671253066420U);
+    EXPECT_EQ(sequence.Next(), 13793997310169335082U);
+}
+
+TEST(Simulation, EachTaskIsFirstInFirstOutAndOnlyTheOrderAmongThemVaries)
+{
+    std::set<std::string> orders;
+    for (std::uint64_t seed = 0; seed < 50; ++seed)
+    {
+        IL::Simulation simulation(seed);
+        auto* const low = IL::CreateTask("low", "");
+        auto* const high = IL::CreateTask("high", "");
+        std::string order;
+        for (char i = 0; i < 4; ++i)
+        {
+            IL::BreakThread([&order, i] { order += static_cast<char>('a' + i); }, low);
+            IL::BreakThread([&order, i] { order += static_cast<char>('A' + i); }, high);
+        }
+        simulation.RunUntilIdle();
+        std::string lower;
+        std::string upper;
+        for (const char letter : order)
+        {
+            (letter >= 'a' ? lower : upper) += letter;
+        }
+        EXPECT_EQ(lower, "abcd");
+        EXPECT_EQ(upper, "ABCD");
+        orders.insert(order);
+    }
+    EXPECT_GT(orders.size(), 20u);
+}
+
+TEST(Simulation, TimeJumpsAndEndsWhereItWasAskedTo)
+{
+    IL::Simulation simulation(3);
+    auto* const task = IL::CreateTask("task", "");
+    const std::time_t begin = MonotonicClock::NowSec();
+    EXPECT_GT(begin, 0);
+    int ticks = 0;
+    const auto timer = APTimerFactory::CreateTimer(task, "tick");
+    timer->SetTimeouts(30'000, 30'000);
+    timer->Start([&ticks] { ++ticks; });
+    const auto realBegin = std::chrono::steady_clock::now();
+    simulation.RunFor(30 * 24h);
+    EXPECT_LT(std::chrono::steady_clock::now() - realBegin, 20s) << "thirty days, in far less";
+    EXPECT_EQ(ticks, 30 * 24 * 120);
+    EXPECT_EQ(MonotonicClock::NowSec() - begin, 30 * 24 * 3600);
+
+    simulation.RunUntilIdle(); // nothing due: time stands still
+    EXPECT_EQ(MonotonicClock::NowSec() - begin, 30 * 24 * 3600);
+    EXPECT_TRUE(simulation.RunUntil([&] { return ticks == 30 * 24 * 120 + 2; }, 1h));
+    EXPECT_EQ(MonotonicClock::NowSec() - begin, 30 * 24 * 3600 + 60);
+    EXPECT_FALSE(simulation.RunUntil([] { return false; }, 10s));
+    EXPECT_EQ(MonotonicClock::NowSec() - begin, 30 * 24 * 3600 + 70);
+}
+
+TEST(Simulation, ScriptedWorldRunsOutsideTheTasks)
+{
+    IL::Simulation simulation(3);
+    auto* const task = IL::CreateTask("task", "");
+    std::string order;
+    simulation.Schedule(2s, [&] { order += task->IsCurrent() ? "inside" : "2 "; });
+    simulation.Schedule(1s,
+                        [&]
+                        {
+                            order += "1 ";
+                            IL::BreakThread([&] { order += task->IsCurrent() ? "task " : "outside"; }, task);
+                        });
+    simulation.RunFor(1500ms);
+    EXPECT_EQ(order, "1 task ");
+    simulation.RunFor(1s);
+    EXPECT_EQ(order, "1 task 2 ");
+}
+
+TEST(Simulation, WaitStepsTheOthersAndNeverTheWaiter)
+{
+    IL::Simulation simulation(5);
+    auto* const waiter = IL::CreateTask("waiter", "");
+    auto* const helper = IL::CreateTask("helper", "");
+    std::vector<std::string> events;
+    IL::BreakThread(
+        [&]
+        {
+            ConditionSemaphore semaphore(0);
+            const std::int64_t begin = MonotonicClock::NowMs();
+            IL::BreakThread([&] { events.emplace_back("own entry"); }, waiter);
+            MessageTimer own("own", waiter);
+            own.PostIn(1, [&] { events.emplace_back("own timer"); });
+            MessageTimer timer("timer", helper);
+            timer.PostIn(200,
+                         [&]
+                         {
+                             EXPECT_TRUE(helper->IsCurrent());
+                             EXPECT_FALSE(waiter->IsCurrent());
+                             semaphore.Signal();
+                         });
+            EXPECT_TRUE(semaphore.Wait(1000));
+            EXPECT_TRUE(waiter->IsCurrent());
+            EXPECT_EQ(MonotonicClock::NowMs() - begin, 200);
+            EXPECT_FALSE(semaphore.Wait(1000));
+            EXPECT_EQ(MonotonicClock::NowMs() - begin, 1200);
+            EXPECT_FALSE(semaphore.Wait(0));
+            own.Cancel(); // due for more than a second
+            events.emplace_back("waited");
+        },
+        waiter);
+    simulation.RunFor(1h);
+    EXPECT_THAT(events, ElementsAre("waited", "own entry"));
+}
+
+TEST(Simulation, JoinStepsUntilTheTaskHasEnded)
+{
+    const LogCapture log;
+    IL::Simulation simulation(5);
+    auto* const task = IL::CreateTask("task", "");
+    auto* const owner = IL::CreateTask("owner", "");
+    std::vector<std::string> events;
+    const CallbackConnection gone = task->ConnectStopNotification([&] { events.emplace_back("disconnected"); });
+    task->ConnectStopNotification([] { throw std::runtime_error("a stop notification"); });
+    task->ConnectStopNotification([&] { events.emplace_back(task->IsCurrent() ? "on task" : "elsewhere"); });
+    IL::BreakThread(
+        [&]
+        {
+            events.emplace_back("begins");
+            IL::BreakThread([&] { events.emplace_back("thrown away"); }, task);
+            IL::BreakThread(
+                [&]
+                {
+                    IL::StopTask(task);
+                    IL::JoinTask(task);
+                    events.emplace_back("joined");
+                    IL::JoinTask(owner); // itself
+                },
+                owner);
+            gone.Disconnect();
+        },
+        task);
+    EXPECT_TRUE(simulation.RunUntil([&] { return !events.empty() && events.back() == "joined"; }, 1s));
+    EXPECT_THAT(events, testing::AnyOf(ElementsAre("begins", "on task", "joined"),
+                                       ElementsAre("begins", "thrown away", "on task", "joined")));
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 2u) << log.Text();
+}
+
+TEST(Simulation, EndsWithWorkPending)
+{
+    const auto held = std::make_shared<int>(0);
+    NotifyTargetTaskIF* task = nullptr;
+    std::unique_ptr<MessageTimer> timer;
+    std::unique_ptr<MessageTimer> due;
+    {
+        IL::Simulation simulation(1);
+        task = IL::CreateTask("task", "");
+        timer = std::make_unique<MessageTimer>("timer", task);
+        due = std::make_unique<MessageTimer>("due", task);
+        timer->PostIn(1000, [held] {});
+        due->PostIn(0, [held] {});
+        simulation.Schedule(1s, [held] {});
+        struct PostsAtItsEnd
+        {
+            NotifyTargetTaskIF* m_task;
+            ~PostsAtItsEnd()
+            {
+                IL::BreakThread([] {}, m_task);
+            }
+        };
+        IL::BreakThread([last = std::make_shared<PostsAtItsEnd>(task), held] {}, task);
+    }
+    EXPECT_EQ(held.use_count(), 1);
+    timer->PostIn(1, [] { ADD_FAILURE(); });
+    timer.reset();
+    due.reset();
+    IL::BreakThread([] { ADD_FAILURE(); }, task);
+    IL::StopTask(task);
+    IL::JoinTask(task);
+    EXPECT_EQ(task->Name(), "task");
+}
+
+/// What cannot go on ends the process with the seed and the reason.
+std::string Fatal(const std::function<void(IL::Simulation&)>& body)
+{
+    const ForkedResult result = RunForked(
+        [&body]
+        {
+            IL::Simulation simulation(42);
+            body(simulation);
+            return 0;
+        });
+    EXPECT_EQ(result.m_signal, SIGABRT) << result.m_output;
+    EXPECT_THAT(result.m_output, HasSubstr("seed 42"));
+    return result.m_output;
+}
+
+void PostForever(NotifyTargetTaskIF* task)
+{
+    IL::BreakThread([task] { PostForever(task); }, task);
+}
+
+TEST(Simulation, SaysWhyItCannotGoOn)
+{
+    EXPECT_THAT(Fatal(
+                    [](IL::Simulation& simulation)
+                    {
+                        PostForever(IL::CreateTask("Busybody", ""));
+                        simulation.RunFor(1s);
+                    }),
+                HasSubstr("live-lock: time stands still, last stepped Busybody"));
+    EXPECT_THAT(Fatal([](IL::Simulation&) { IL::JoinTask(IL::CreateTask("Endless", "")); }),
+                HasSubstr("Endless, which nothing stops"));
+    EXPECT_THAT(Fatal(
+                    [](IL::Simulation& simulation)
+                    {
+                        auto* const below = IL::CreateTask("Below", "");
+                        auto* const above = IL::CreateTask("Above", "");
+                        IL::BreakThread(
+                            [=]
+                            {
+                                IL::BreakThread([=] { IL::JoinTask(below); }, above);
+                                ConditionSemaphore(0).Wait(1000);
+                            },
+                            below);
+                        simulation.RunFor(10s);
+                    }),
+                HasSubstr("Below, which waits further down the stack"));
+}
+
+TEST(SeedRunnerTest, FailingSeedsComeWithTheCommandThatRunsThemAlone)
+{
+    if (IsRunAnew())
+    {
+        SeedRunner::ForEach(
+            SeedRunner::Range(1, 5),
+            [](std::uint64_t seed)
+            {
+                EXPECT_NE(seed, 2u);
+                if (seed == 3)
+                {
+                    std::abort();
+                }
+                if (seed == 4)
+                {
+                    std::fprintf(stderr, "four hangs\n");
+                    ConditionSemaphore(0).Wait(600'000);
+                }
+            },
+            1500ms);
+        return;
+    }
+    const std::string self = "SeedRunnerTest.FailingSeedsComeWithTheCommandThatRunsThemAlone";
+    const ForkedResult all = RunTestAnew(self, [] { ::unsetenv("SONARIX_SEED"); });
+    EXPECT_EQ(all.m_exitStatus, 1);
+    EXPECT_THAT(all.m_output, Not(HasSubstr("seed 1 failed")));
+    EXPECT_THAT(all.m_output, HasSubstr("seed 2 failed (status 1)"));
+    EXPECT_THAT(all.m_output, HasSubstr("Expected: (seed) != (2u)"));
+    EXPECT_THAT(all.m_output, HasSubstr("seed 3 failed (signal 6)"));
+    EXPECT_THAT(all.m_output, HasSubstr("runtime-test --gtest_filter=" + self));
+    EXPECT_THAT(all.m_output, HasSubstr("seed 4 failed (time limit); alone: SONARIX_SEED=4 /"));
+    EXPECT_THAT(all.m_output, HasSubstr("four hangs"));
+
+    const ForkedResult alone = RunTestAnew(self, [] { ::setenv("SONARIX_SEED", "3", 1); });
+    EXPECT_EQ(alone.m_signal, SIGABRT) << "in the test's own process, ready for a debugger";
+    EXPECT_TRUE(RunTestAnew(self, [] { ::setenv("SONARIX_SEED", "77", 1); }).Succeeded());
+}
+
+} // namespace

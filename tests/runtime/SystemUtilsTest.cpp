@@ -1,0 +1,118 @@
+#include "SystemUtils.h"
+
+#include "ForkedRun.h"
+#include "LogCapture.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+using testing::HasSubstr;
+
+class SystemUtilsTest : public testing::Test
+{
+protected:
+    SystemUtilsTest()
+    {
+        char pattern[] = "/tmp/sonarix-test-XXXXXX";
+        m_directory = ::mkdtemp(pattern);
+        ::setenv("SONARIX_RUN_DIR", (m_directory + "/a/run").c_str(), 1);
+    }
+    ~SystemUtilsTest() override
+    {
+        ::unsetenv("SONARIX_RUN_DIR");
+        std::filesystem::remove_all(m_directory);
+    }
+
+    std::string m_directory;
+};
+
+int TakeTheLock()
+{
+    SystemUtils::ThereCanBeOnlyOne();
+    return 0;
+}
+
+TEST_F(SystemUtilsTest, ASecondInstanceSaysWhoHoldsTheLockAndLeaves)
+{
+    for (int round = 0; round < 2; ++round) // the lock goes with its holder
+    {
+        std::string second;
+        const ForkedResult first = RunForked(
+            []
+            {
+                ::umask(077);
+                TakeTheLock();
+                const ForkedResult other = RunForked(&TakeTheLock);
+                std::printf("holder %d second %d says %s", ::getpid(), other.m_exitStatus, other.m_output.c_str());
+                return 0;
+            });
+        ASSERT_TRUE(first.Succeeded()) << first.m_output;
+        int holder = 0;
+        ASSERT_EQ(std::sscanf(first.m_output.c_str(), "holder %d", &holder), 1);
+        EXPECT_THAT(first.m_output, HasSubstr("second 1 says"));
+        EXPECT_THAT(first.m_output,
+                    HasSubstr("already running: process " + std::to_string(holder) + " (runtime-test) holds"));
+        EXPECT_EQ(std::count(first.m_output.begin(), first.m_output.end(), '\n'), 1);
+    }
+    struct stat status = {};
+    ASSERT_EQ(::stat(SystemUtils::RunDir().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0755U) << "whatever the umask";
+}
+
+TEST_F(SystemUtilsTest, ARunDirectoryThatCannotBeMadeEndsTheProcess)
+{
+    std::ofstream(m_directory + "/a") << "a file in the way";
+    for (const std::string directory : {"/a/run", "/a"})
+    {
+        ::setenv("SONARIX_RUN_DIR", (m_directory + directory).c_str(), 1);
+        const ForkedResult result = RunForked(&TakeTheLock);
+        EXPECT_EQ(result.m_exitStatus, 1);
+        EXPECT_THAT(result.m_output, HasSubstr(m_directory + directory));
+        EXPECT_EQ(std::count(result.m_output.begin(), result.m_output.end(), '\n'), 1) << result.m_output;
+    }
+    ::setenv("SONARIX_RUN_DIR", (m_directory + "/with/slash/").c_str(), 1);
+    EXPECT_TRUE(RunForked(&TakeTheLock).Succeeded());
+    ::setenv("SONARIX_RUN_DIR", "", 1);
+    EXPECT_EQ(SystemUtils::RunDir(), "/run/sonarix");
+}
+
+TEST_F(SystemUtilsTest, ReadFile)
+{
+    const LogCapture log;
+    const std::string path = m_directory + "/file";
+    const std::string text = std::string(10'000, 'x') + std::string("\0end", 4);
+    std::ofstream(path) << text;
+    EXPECT_EQ(SystemUtils::ReadFile(path), text);
+    std::ofstream(path, std::ios::trunc).flush();
+    EXPECT_EQ(SystemUtils::ReadFile(path), "");
+    EXPECT_THAT(SystemUtils::ReadFile("/proc/self/comm").value_or(""), HasSubstr("runtime-test"));
+    EXPECT_FALSE(SystemUtils::ReadFile(m_directory + "/missing"));
+    EXPECT_FALSE(SystemUtils::ReadFile(path + "/below-a-file"));
+    EXPECT_EQ(log.Lines().size(), 0u) << "a missing file is no failure: " << log.Text();
+
+    EXPECT_FALSE(SystemUtils::ReadFile(m_directory));
+    ASSERT_EQ(::mkfifo((m_directory + "/pipe").c_str(), 0600), 0);
+    EXPECT_FALSE(SystemUtils::ReadFile(m_directory + "/pipe")) << "and does not wait for a writer";
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 2u) << log.Text();
+    EXPECT_TRUE(log.Contains(m_directory + "/pipe"));
+}
+
+TEST(Backtrace, NamesTheLibrariesAndGoesDownToTheBottom)
+{
+    const std::vector<std::string> frames = backtrace();
+    ASSERT_GT(frames.size(), 3u);
+    EXPECT_THAT(frames, testing::Contains(HasSubstr("__libc_start_main")));
+    EXPECT_THAT(frames, testing::Contains(HasSubstr("runtime-test")));
+}
+
+} // namespace

@@ -1,0 +1,281 @@
+#include "CallbackConnection.h"
+#include "ConditionSemaphore.h"
+#include "LogCapture.h"
+#include "RealTask.h"
+#include "TaskIo.h"
+#include "Watched.h"
+
+#include <array>
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/connect_pair.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <chrono>
+#include <gmock/gmock.h>
+#include <pthread.h>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using testing::ElementsAre;
+
+TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
+{
+    const RealTask target("ATaskWithALongName");
+    constexpr int kEach = 500;
+    std::vector<int> seen; // not guarded: the task is its guard
+    {
+        const RealTask first("first");
+        const RealTask second("second");
+        for (const int offset : {0, kEach})
+        {
+            IL::BreakThread(
+                [&, offset]
+                {
+                    for (int i = 0; i < kEach; ++i)
+                    {
+                        IL::BreakThread([&seen, value = offset + i] { seen.push_back(value); }, target.Get());
+                    }
+                },
+                (offset == 0 ? first : second).Get());
+        }
+        first.Drain();
+        second.Drain();
+    }
+    target.Drain();
+    ASSERT_EQ(seen.size(), std::size_t{2 * kEach});
+    int low = 0;
+    int high = kEach;
+    for (const int value : seen)
+    {
+        EXPECT_EQ(value, value < kEach ? low++ : high++);
+    }
+
+    std::array<char, 16> name{};
+    target.Run([&name] { pthread_getname_np(pthread_self(), name.data(), name.size()); });
+    EXPECT_STREQ(name.data(), "ATaskWithALongN");
+    EXPECT_EQ(target.Get()->Name(), "ATaskWithALongName");
+}
+
+TEST(Task, GoesOnAfterExceptionsOfAnyKind)
+{
+    const LogCapture log;
+    const RealTask task("Thrower");
+    IL::BreakThread([] { throw std::runtime_error("standard text"); }, task.Get());
+    IL::BreakThread([] { throw 5; }, task.Get());
+    IL::BreakThread(nullptr, task.Get());
+    task.Drain();
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 3u) << log.Text();
+    EXPECT_TRUE(log.Contains("standard text") && log.Contains("type int") && log.Contains("bad_function_call"));
+}
+
+TEST(Task, StopLetsTheRunningEntryEndAndThrowsTheRestAway)
+{
+    const RealTask task;
+    Watched<std::vector<std::string>> events;
+    const auto add = [&events](const std::string& event)
+    { events.Change([&event](std::vector<std::string>& all) { all.push_back(event); }); };
+    ConditionSemaphore entered(0);
+    ConditionSemaphore goOn(0);
+    struct AtDestruction
+    {
+        std::function<void()> m_function;
+        ~AtDestruction()
+        {
+            m_function();
+        }
+    };
+
+    const CallbackConnection gone = task.Get()->ConnectStopNotification([&] { add("disconnected one"); });
+    task.Get()->ConnectStopNotification([] { throw std::runtime_error("a stop notification"); });
+    task.Get()->ConnectStopNotification([&]
+                                        { add(task.Get()->IsCurrent() ? "notified on task" : "notified elsewhere"); });
+    IL::BreakThread(
+        [&]
+        {
+            entered.Signal();
+            goOn.Wait(10'000);
+            add("entry ended");
+        },
+        task.Get());
+    // An entry that is thrown away may still reach the task when it is destroyed.
+    auto dying = std::make_shared<AtDestruction>();
+    dying->m_function = [&]
+    {
+        add("thrown away");
+        IL::BreakThread([&] { add("posted after the stop"); }, task.Get());
+    };
+    IL::BreakThread([owned = std::move(dying), &add] { add("queued entry"); }, task.Get());
+
+    ASSERT_TRUE(entered.Wait(10'000));
+    const LogCapture log;
+    IL::StopTask(task.Get());
+    IL::StopTask(task.Get());
+    gone.Disconnect();
+    goOn.Signal();
+
+    // Several may wait for the end, before and after it.
+    std::vector<std::thread> joiners;
+    for (int i = 0; i < 4; ++i)
+    {
+        joiners.emplace_back([&task] { IL::JoinTask(task.Get()); });
+    }
+    IL::JoinTask(task.Get());
+    EXPECT_THAT(events.Get(), ElementsAre("entry ended", "thrown away", "notified on task"));
+    for (std::thread& joiner : joiners)
+    {
+        joiner.join();
+    }
+    IL::JoinTask(task.Get());
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1u) << log.Text();
+
+    bool atOnce = false;
+    task.Get()->ConnectStopNotification([&atOnce] { atOnce = true; });
+    EXPECT_TRUE(atOnce);
+    IL::BreakThread([&add] { add("posted after the end"); }, task.Get());
+    EXPECT_THROW(task.Run([] {}), std::future_error);
+    EXPECT_EQ(events.Get().size(), 3u);
+}
+
+TEST(Task, StopsFromItsOwnEntryAndCannotJoinItself)
+{
+    const LogCapture log;
+    const RealTask task("Selfish");
+    std::atomic<bool> after = false;
+    IL::BreakThread(
+        [&]
+        {
+            IL::StopTask(task.Get());
+            IL::JoinTask(task.Get());
+            IL::BreakThread([&after] { after = true; }, task.Get());
+        },
+        task.Get());
+    IL::JoinTask(task.Get());
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1u) << log.Text();
+    EXPECT_FALSE(after);
+}
+
+TEST(Task, StopsWhileOthersPost)
+{
+    for (int repetition = 0; repetition < 30; ++repetition)
+    {
+        const RealTask target("target");
+        const RealTask poster("poster");
+        Watched<bool> posting;
+        std::atomic<bool> ended = false;
+        std::atomic<int> late = 0;
+        IL::BreakThread(
+            [&]
+            {
+                for (int i = 0; i < 2000; ++i)
+                {
+                    IL::BreakThread([&] { late += ended ? 1 : 0; }, target.Get());
+                    if (i == 10)
+                    {
+                        posting.Set(true);
+                    }
+                }
+            },
+            poster.Get());
+        posting.WaitFor(true);
+        target.StopAndJoin();
+        ended = true;
+        poster.Drain();
+        EXPECT_EQ(late, 0);
+    }
+}
+
+// The usual end of an owner: stop, join, go. What is still in flight towards it, entries and the handlers of its
+// sockets, must not touch it any more.
+TEST(Task, OwnerDestroyedWithCallsAndReadsInFlight)
+{
+    using Socket = boost::asio::local::stream_protocol::socket;
+    struct Owner
+    {
+        explicit Owner(NotifyTargetTaskIF* task)
+            : m_here(IL::IoContextOf(task))
+            , m_there(IL::IoContextOf(task))
+        {
+            boost::asio::local::connect_pair(m_here, m_there);
+        }
+        void Read(Watched<int>& bytes)
+        {
+            boost::asio::async_read(m_here, boost::asio::buffer(m_byte),
+                                    [this, &bytes, alive = m_alive](boost::system::error_code error, std::size_t)
+                                    {
+                                        if (!error)
+                                        {
+                                            bytes.Change([](int& count) { ++count; });
+                                            Read(bytes);
+                                        }
+                                    });
+        }
+        std::array<char, 1> m_byte{};
+        std::shared_ptr<int> m_alive = std::make_shared<int>(0);
+        Socket m_here;
+        Socket m_there;
+    };
+    const RealTask task;
+    Watched<int> bytes;
+    auto owner = std::make_unique<Owner>(task.Get());
+    task.Run(
+        [&]
+        {
+            owner->Read(bytes);
+            boost::asio::write(owner->m_there, boost::asio::buffer("12", 2));
+        });
+    EXPECT_TRUE(bytes.WaitFor(2));
+    for (int i = 0; i < 100; ++i)
+    {
+        IL::BreakThread([alive = owner->m_alive, raw = owner.get()] { ++*raw->m_alive; }, task.Get());
+    }
+    const std::weak_ptr<int> alive = owner->m_alive;
+    task.StopAndJoin();
+    EXPECT_EQ(alive.use_count(), 1) << "entries and the pending read are thrown away with the task";
+    owner.reset();
+    EXPECT_TRUE(alive.expired());
+}
+
+TEST(Task, ManyTasksComeAndGoWithoutHoldingDescriptors)
+{
+    // More than a process may have descriptors for, if each kept its reactor.
+    std::atomic<int> ran = 0;
+    for (int i = 0; i < 1500; ++i)
+    {
+        const RealTask task("short");
+        IL::BreakThread([&ran] { ++ran; }, task.Get());
+        task.Drain();
+    }
+    EXPECT_EQ(ran, 1500);
+}
+
+TEST(Semaphore, CountsSignalsAndGivesUpInTime)
+{
+    ConditionSemaphore semaphore(1);
+    EXPECT_TRUE(semaphore.Wait(0));
+    EXPECT_FALSE(semaphore.Wait(0));
+    semaphore.Signal();
+    semaphore.Signal();
+    EXPECT_TRUE(semaphore.Wait(10'000));
+    EXPECT_TRUE(semaphore.Wait(10'000));
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(semaphore.Wait(30));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(30));
+
+    // Destroyed by the waiter as soon as it is woken, while the signaller may still be inside.
+    const RealTask task;
+    for (int i = 0; i < 200; ++i)
+    {
+        auto shortLived = std::make_unique<ConditionSemaphore>(0);
+        IL::BreakThread([raw = shortLived.get()] { raw->Signal(); }, task.Get());
+        EXPECT_TRUE(shortLived->Wait(10'000));
+    }
+}
+
+} // namespace

@@ -1,0 +1,248 @@
+#include "Timers.h"
+
+#include "ConditionSemaphore.h"
+#include "LogCapture.h"
+#include "MonotonicClock.h"
+#include "RealTask.h"
+#include "Simulation.h"
+#include "Watched.h"
+
+#include <atomic>
+#include <chrono>
+#include <gmock/gmock.h>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+class SimulatedTimers : public testing::Test
+{
+protected:
+    /// Milliseconds since the test's begin.
+    std::int64_t Now() const
+    {
+        return MonotonicClock::NowMs() - m_begin;
+    }
+    Callback<void> Note()
+    {
+        return [this]
+        {
+            EXPECT_TRUE(m_task->IsCurrent());
+            m_fired.push_back(Now());
+        };
+    }
+
+    IL::Simulation m_simulation{7};
+    NotifyTargetTaskIF* m_task = IL::CreateTask("Timed", "");
+    std::int64_t m_begin = MonotonicClock::NowMs();
+    std::vector<std::int64_t> m_fired;
+};
+
+TEST_F(SimulatedTimers, OneShotFiresOnceAndArmingAgainReplaces)
+{
+    MessageTimer timer("timer", m_task);
+    timer.PostIn(1000, Note());
+    m_simulation.RunFor(400ms);
+    timer.PostIn(1000, Note());
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(m_fired, ElementsAre(1400));
+    timer.PostIn(0, Note());
+    timer.PostIn(5,
+                 [this, note = Note(), &timer]
+                 {
+                     note();
+                     timer.PostIn(5, note); // from its own callback
+                 });
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(m_fired, ElementsAre(1400, 3'600'405, 3'600'410));
+}
+
+TEST_F(SimulatedTimers, RepeatsUntilStoppedAndRestarts)
+{
+    const std::shared_ptr<APTimerIF> timer = APTimerFactory::CreateTimer(m_task, "timer");
+    timer->SetTimeouts(10, 1000);
+    timer->Start(Note());
+    m_simulation.RunFor(2500ms);
+    EXPECT_THAT(m_fired, ElementsAre(10, 1010, 2010));
+    timer->SetTimeouts(700, 0); // in force from the next start on
+    m_simulation.RunFor(600ms);
+    timer->Start(Note());
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(m_fired, ElementsAre(10, 1010, 2010, 3010, 3800));
+
+    int ticks = 0;
+    timer->SetTimeouts(1, 1);
+    timer->Start(
+        [&]
+        {
+            if (++ticks == 3)
+            {
+                timer->Stop();
+            }
+            throw std::runtime_error("a tick");
+        });
+    const LogCapture log;
+    m_simulation.RunFor(1h);
+    EXPECT_EQ(ticks, 3) << "goes on after an exception, not after its Stop";
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 3u) << log.Text();
+}
+
+TEST_F(SimulatedTimers, TaskStoppedWithTimersArmed)
+{
+    const auto held = std::make_shared<int>(0);
+    auto timer = std::make_unique<MessageTimer>("timer", m_task);
+    const std::shared_ptr<APTimerIF> repeating = APTimerFactory::CreateTimer(m_task, "repeating");
+    repeating->SetTimeouts(5, 5);
+    repeating->Start([held] {});
+    timer->PostIn(5, [held] {});
+    m_simulation.RunFor(4ms);
+    IL::StopTask(m_task);
+    IL::JoinTask(m_task);
+    EXPECT_EQ(held.use_count(), 1) << "callbacks go with the task";
+    timer->PostIn(5, Note());
+    repeating->Start(Note());
+    timer.reset();
+    m_simulation.RunFor(30 * 24h);
+    EXPECT_TRUE(m_fired.empty());
+}
+
+TEST(SimulatedTimersSeeds, CancelledWhenDueDoesNotFireInAnyOrder)
+{
+    int cancelledFirst = 0;
+    for (std::uint64_t seed = 1; seed <= 50; ++seed)
+    {
+        IL::Simulation simulation(seed);
+        auto* const task = IL::CreateTask("Timed", "");
+        std::optional<MessageTimer> victim(std::in_place, "victim", task);
+        MessageTimer killer("killer", task);
+        bool killed = false;
+        bool fired = false;
+        victim->PostIn(1000,
+                       [&]
+                       {
+                           EXPECT_FALSE(killed);
+                           fired = true;
+                       });
+        killer.PostIn(1000,
+                      [&]
+                      {
+                          victim.reset(); // both are due at this instant
+                          killed = true;
+                      });
+        simulation.RunFor(1h);
+        EXPECT_TRUE(killed);
+        cancelledFirst += fired ? 0 : 1;
+    }
+    EXPECT_GT(cancelledFirst, 10);
+    EXPECT_LT(cancelledFirst, 40) << "the seed gives the order of what is due at one instant";
+}
+
+TEST(RealTimers, DueAlreadyButCancelledOrDestroyedOnTheTask)
+{
+    const RealTask task;
+    std::atomic<int> fired = 0;
+    std::optional<MessageTimer> destroyed(std::in_place, "destroyed", task.Get());
+    MessageTimer cancelled("cancelled", task.Get());
+    MessageTimer replaced("replaced", task.Get());
+    MessageTimer kept("kept", task.Get());
+    ConditionSemaphore done(0);
+    task.Run(
+        [&]
+        {
+            destroyed->PostIn(1, [&] { ++fired; });
+            cancelled.PostIn(1, [&] { ++fired; });
+            replaced.PostIn(1, [&] { ++fired; });
+            kept.PostIn(2, [&] { done.Signal(); });
+            ConditionSemaphore never(0);
+            never.Wait(20); // holds the task up until all are due
+            destroyed.reset();
+            cancelled.Cancel();
+            replaced.PostIn(3, [&] { done.Signal(); });
+        });
+    EXPECT_TRUE(done.Wait(10'000));
+    EXPECT_TRUE(done.Wait(10'000));
+    EXPECT_EQ(fired, 0);
+}
+
+TEST(RealTimers, FireInTheOrderOfTheirTimesAndNeverEarly)
+{
+    const RealTask task;
+    Watched<std::string> order;
+    MessageTimer late("late", task.Get());
+    MessageTimer early("early", task.Get());
+    const auto before = std::chrono::steady_clock::now();
+    late.PostIn(40, [&] { order.Change([](std::string& text) { text += "late"; }); });
+    early.PostIn(20,
+                 [&]
+                 {
+                     EXPECT_GE(std::chrono::steady_clock::now() - before, 20ms);
+                     order.Change([](std::string& text) { text += "early "; });
+                     throw std::runtime_error("from a timer");
+                 });
+    const LogCapture log;
+    EXPECT_TRUE(order.WaitFor("early late"));
+    EXPECT_TRUE(log.Contains("from a timer"));
+
+    const std::shared_ptr<APTimerIF> repeating = APTimerFactory::CreateTimer(task.Get(), "repeating");
+    Watched<int> ticks;
+    repeating->SetTimeouts(0, 2);
+    repeating->Start([&] { ticks.Change([](int& count) { ++count; }); });
+    EXPECT_TRUE(ticks.WaitUntil([](int count) { return count >= 5; }));
+    task.Run([&] { repeating->Stop(); });
+    const int atStop = ticks.Get();
+    task.Drain();
+    EXPECT_EQ(ticks.Get(), atStop);
+}
+
+TEST(RealTimers, ArmedAndCancelledFromEverywhereWhileTheTaskStops)
+{
+    for (int repetition = 0; repetition < 20; ++repetition)
+    {
+        const RealTask target("target");
+        auto timer = std::make_unique<MessageTimer>("timer", target.Get());
+        const std::shared_ptr<APTimerIF> repeating = APTimerFactory::CreateTimer(target.Get(), "repeating");
+        std::atomic<bool> ended = false;
+        std::atomic<int> late = 0;
+        const auto count = [&] { late += ended ? 1 : 0; };
+        const auto churn = [&]
+        {
+            for (int i = 0; i < 200; ++i)
+            {
+                timer->PostIn(i % 2, count);
+                repeating->SetTimeouts(0, 1);
+                repeating->Start(count);
+                (i % 3 == 0) ? timer->Cancel() : repeating->Stop();
+                MessageTimer("short-lived", target.Get()).PostIn(0, [] {});
+            }
+        };
+        {
+            const RealTask first("first");
+            const RealTask second("second");
+            Watched<bool> running;
+            IL::BreakThread(churn, first.Get());
+            IL::BreakThread(
+                [&]
+                {
+                    running.Set(true);
+                    churn();
+                },
+                second.Get());
+            running.WaitFor(true);
+            target.StopAndJoin();
+            ended = true;
+            first.Drain();
+            second.Drain();
+        }
+        timer.reset(); // after the end of its task
+        EXPECT_EQ(late, 0);
+    }
+}
+
+} // namespace
