@@ -33,7 +33,7 @@ GatewayProgram::GatewayProgram(NotifyTargetTaskIF* task, const Settings& setting
     , m_settings(settings)
     , m_router(settings.ownGuid)
     , m_subscriptions(m_router)
-    , m_addresses(task, m_router, settings.peersFile,
+    , m_addresses(task, m_router, settings.peersFile, settings.peerPort,
                   mdns != nullptr ? std::move(mdns) : std::make_unique<MdnsLookup>(task))
     , m_surroundings{task, settings.ownGuid, settings.timings, m_router, m_subscriptions, m_addresses, nullptr, [this] {
                          return m_hasOwnList;

@@ -27,10 +27,11 @@ namespace Gateway
 /// Where the gateway listens and what it knows.
 struct Settings
 {
-    std::uint16_t port = 8084;        ///< on the loopback addresses; 0: any
-    std::uint16_t lanPort = kLanPort; ///< on every address; 0: any
-    std::string tlsDir;               ///< ca.pem, cert.pem, key.pem; empty: no TLS
-    std::string peersFile;            ///< empty: none
+    std::uint16_t port = 8084;         ///< on the loopback addresses; 0: any
+    std::uint16_t lanPort = kLanPort;  ///< on every address; 0: any
+    std::uint16_t peerPort = kLanPort; ///< where other products listen
+    std::string tlsDir;                ///< ca.pem, cert.pem, key.pem; empty: no TLS
+    std::string peersFile;             ///< empty: none
     std::string ownGuid;
     Timings timings;
 };

@@ -28,7 +28,7 @@ MdnsWorker::~MdnsWorker() = default;
 
 void MdnsWorker::Find(const std::string& guid, AddressesCallback callback)
 {
-    if (m_browser == nullptr)
+    if (m_browser == nullptr && MonotonicClock::NowMs() >= m_noBackendUntilMs)
     {
         StartBackend();
     }
@@ -86,6 +86,10 @@ void MdnsWorker::StartBackend()
         m_task);
     m_browsingSinceMs = MonotonicClock::NowMs();
     m_browser = MDNS::BrowserFactory::Create(true, false, connected, restart);
+    if (m_browser == nullptr)
+    {
+        m_noBackendUntilMs = m_browsingSinceMs + kBackendPause.count();
+    }
 }
 
 void MdnsWorker::DropBackend()

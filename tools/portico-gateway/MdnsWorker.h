@@ -47,6 +47,8 @@ public:
     /// Records that are followed; a neighbour that invents more is passed over.
     static constexpr std::size_t kMaxRecords = 4096;
     static constexpr std::size_t kMaxQuestions = 1024;
+    /// Where there is no D-Bus, trying again sooner only fills the log.
+    static constexpr std::chrono::milliseconds kBackendPause{30000};
 
 private:
     struct Record
@@ -85,6 +87,7 @@ private:
     std::shared_ptr<MDNS::Browser> m_browser;
     unsigned int m_backend = 0; ///< counts backends, so that a late report of an old one is known as such
     std::int64_t m_browsingSinceMs = 0;
+    std::int64_t m_noBackendUntilMs = 0;
     std::vector<CallbackConnection> m_browses;
     std::map<MDNS::ServiceId, Record> m_records;
     std::deque<MDNS::ServiceId> m_toResolve;

@@ -16,11 +16,12 @@ const std::string kTablePath = "/sonarix/products";
 
 } // namespace
 
-PeerAddresses::PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std::string& peersFile,
+PeerAddresses::PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std::string& peersFile, std::uint16_t port,
                              std::unique_ptr<MdnsLookupIF> mdns)
     : m_task(task)
     , m_router(router)
     , m_file(peersFile)
+    , m_port(port)
     , m_mdns(std::move(mdns))
     , m_limit("PorticoGatewayTable", task)
 {
@@ -73,19 +74,19 @@ void PeerAddresses::HandleTable(unsigned int question, const std::string& produc
     for (const Waiting& each : waiting)
     {
         const std::optional<std::string> address = FindAddress(productList, each.guid);
-        each.callback(address ? std::vector<Peer>{Peer{*address, kLanPort, false}} : std::vector<Peer>());
+        each.callback(address ? std::vector<Peer>{Peer{*address, m_port, false}} : std::vector<Peer>());
     }
 }
 
 void PeerAddresses::AskMdns(const std::string& guid, PeersCallback callback)
 {
     m_mdns->Find(guid,
-                 [callback = std::move(callback)](const std::vector<std::string>& addresses)
+                 [callback = std::move(callback), port = m_port](const std::vector<std::string>& addresses)
                  {
                      std::vector<Peer> peers;
                      for (const std::string& address : addresses)
                      {
-                         peers.push_back({address, kLanPort, false});
+                         peers.push_back({address, port, false});
                      }
                      callback(peers);
                  });

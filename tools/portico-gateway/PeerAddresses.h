@@ -27,7 +27,8 @@ class PeerAddresses final
 public:
     using PeersCallback = std::function<void(const std::vector<Peer>& peers)>; ///< the likeliest first; may be empty
 
-    PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std::string& peersFile,
+    /// `port`: of every address that is not written in the file.
+    PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std::string& peersFile, std::uint16_t port,
                   std::unique_ptr<MdnsLookupIF> mdns);
     ~PeerAddresses();
     PeerAddresses(const PeerAddresses&) = delete;
@@ -51,6 +52,7 @@ private:
     NotifyTargetTaskIF* m_task;
     Router& m_router;
     const PeersFile m_file;
+    const std::uint16_t m_port;
     const std::unique_ptr<MdnsLookupIF> m_mdns;
     std::vector<Waiting> m_waiting;
     unsigned int m_question = 0; ///< counts, so that an answer after the limit finds nobody
