@@ -1,0 +1,381 @@
+#include "DPrint.h"
+#include "FakeMdns.h"
+#include "LogCapture.h"
+#include "MdnsServiceFactory.h"
+#include "MdnsServiceIF.h"
+#include "ProtoToMarkup.h"
+#include "Simulation.h"
+#include "Sonarix.pb.h"
+#include "SonarixPb.pb.h"
+#include "Task.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace SonarixService;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace
+{
+
+const char* const kRenderer = "_kova-lanyard._tcp";
+const char* const kClock = "_kova-clock._tcp";
+const char* const kAccessory = "_kova-accessory._tcp";
+
+/// The mDNS logic on a simulated task, with a faked LAN under it.
+class MdnsServiceBrowseTest : public testing::Test
+{
+protected:
+    using Filter = MdnsServiceIF::Filter_t;
+
+    void Start()
+    {
+        m_service = MdnsServiceFactory::Create(m_task, true, false);
+        m_simulation.RunUntilIdle();
+    }
+
+    /// Everything that such a subscriber hears, as "STATE name guid".
+    std::shared_ptr<std::vector<std::string>>
+    Subscribe(MdnsServiceIF::DiscoverableDeviceType type = MdnsServiceIF::RENDERER,
+              const Filter& filter = {MdnsServiceIF::FILTER_ALL, ""})
+    {
+        auto heard = std::make_shared<std::vector<std::string>>();
+        m_service->RegisterForProductUpdates(
+            filter, type,
+            [this, heard](const Sonarix::Product& product)
+            {
+                m_last = product;
+                heard->push_back(SXCommon::ProductState_Name(product.state()) + " " +
+                                 product.productinfo().friendlyname() + " " + product.productinfo().guid());
+            },
+            [this](const CallbackConnection& connection, const bool&) { m_connection = connection; });
+        m_simulation.RunUntilIdle();
+        return heard;
+    }
+
+    Sonarix::ProductList List(const std::string& type)
+    {
+        Sonarix::ProductList result;
+        bool isAnswered = false;
+        m_service->GetProductList(type,
+                                  [&](const Sonarix::ProductList& list)
+                                  {
+                                      result = list;
+                                      isAnswered = true;
+                                  });
+        EXPECT_FALSE(isAnswered) << "answered on the caller's thread";
+        m_simulation.RunUntilIdle();
+        EXPECT_TRUE(isAnswered);
+        return result;
+    }
+
+    void Announce(const std::string& name, const std::string& type, const std::map<std::string, std::string>& txt = {})
+    {
+        m_mdns.Announce(FakeMdns::MakeService(name, type, txt));
+        m_simulation.RunUntilIdle();
+    }
+    void Withdraw(const std::string& name, const std::string& type)
+    {
+        m_mdns.Withdraw(name, type);
+        m_simulation.RunUntilIdle();
+    }
+
+    LogCapture m_log;
+    IL::Simulation m_simulation{1};
+    FakeMdns m_mdns;
+    NotifyTargetTaskIF* const m_task = IL::CreateTask("MdnsTask", "");
+    std::shared_ptr<MdnsServiceIF> m_service;
+    CallbackConnection m_connection;
+    Sonarix::Product m_last;
+};
+
+TEST_F(MdnsServiceBrowseTest, AResolvedServiceIsAProductUntilItsRemoval)
+{
+    Start();
+    EXPECT_THAT(m_mdns.Calls(),
+                ElementsAre("browse _kova-lanyard._tcp", "browse _kova-clock._tcp", "browse _kova-accessory._tcp"));
+    const auto heard = Subscribe();
+    Announce("Kitchen", kRenderer,
+             {{"GUID", "g-1"},
+              {"MANUFACTURER", "Kova"},
+              {"ECOSYS", "ORB2"},
+              {"PTYPE", "T"},
+              {"PNAME", "N"},
+              {"PCOLOR", "C"},
+              {"SWVERSION", "1.2"},
+              {"MAC", "00:11"},
+              {"DEVICEIP", "192.168.1.1"},
+              {"GroupingVersion", R"({"major_version":1,"minor_version":2})"},
+              {"AudioPayloadVersion", R"({"major_version":7})"},
+              {"CLOCKDOMAIN", "d"},
+              {"LEADERELECTED", "true"},
+              {"BATTERY", "TRUE"},
+              {"CONNECTIONTYPE", "WIFI"}});
+    EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1"));
+    EXPECT_EQ(
+        ProtoToMarkup::ToJson(m_last, true, false, false),
+        R"({"protocols":["MDNS"],"serviceid":{"type":"_kova-lanyard._tcp"},"state":"ONLINE","productinfo":{)"
+        R"("macaddress":"00:11","ipaddress":"10.0.0.9","guid":"g-1","friendlyname":"Kitchen","manufacturer":"Kova",)"
+        R"("modelname":"N","ecosystem":"ORB2","producttype":"T","productcolor":"C","softwareversion":"1.2",)"
+        R"("multiroom":{"Audio_Payload_Version":{"major_version":7},"Grouping_Version":{"major_version":1,)"
+        R"("minor_version":2}},"clockinfo":{"connection":"WIFI","clockdomain":"d","leaderelected":true,)"
+        R"("hasbattery":false}}})");
+
+    // A late subscriber hears what is known, a list holds the same.
+    EXPECT_THAT(*Subscribe(), ElementsAre("ONLINE Kitchen g-1"));
+    ASSERT_THAT(List(kRenderer).products(), SizeIs(1));
+    EXPECT_EQ(List(kRenderer).products(0).SerializeAsString(), m_last.SerializeAsString());
+    EXPECT_THAT(List(kClock).products(), IsEmpty());
+
+    // The same name once more, as over a second interface: resolved and told again.
+    m_mdns.ReportAgain("Kitchen", kRenderer);
+    m_simulation.RunUntilIdle();
+    EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1", "ONLINE Kitchen g-1"));
+
+    m_connection.Disconnect(); // the late subscriber leaves
+    Withdraw("Kitchen", kRenderer);
+    EXPECT_EQ(heard->back(), "OFFLINE Kitchen g-1") << "the removal carries the last records";
+    EXPECT_EQ(heard->size(), 3U);
+    EXPECT_THAT(List(kRenderer).products(), IsEmpty());
+}
+
+TEST_F(MdnsServiceBrowseTest, ASecondReportCancelsTheResolveUnderWay)
+{
+    Start();
+    const auto heard = Subscribe();
+    m_mdns.SetAnswersResolves(false);
+    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
+    m_mdns.ReportAgain("Kitchen", kRenderer);
+    m_simulation.RunUntilIdle();
+    EXPECT_EQ(m_mdns.PendingResolves(), 2U);
+    m_mdns.AnswerResolves();
+    m_simulation.RunUntilIdle();
+    EXPECT_THAT(*heard, SizeIs(1));
+
+    // Removed before it ever resolved: nothing to tell.
+    Announce("Bath", kRenderer);
+    Withdraw("Bath", kRenderer);
+    m_mdns.AnswerResolves();
+    m_simulation.RunUntilIdle();
+    EXPECT_THAT(*heard, SizeIs(1));
+    EXPECT_TRUE(m_log.Contains("No callbacks for removed Service"));
+}
+
+TEST_F(MdnsServiceBrowseTest, FiltersAndTypesDecideWhoHears)
+{
+    Start();
+    const auto byName = Subscribe(MdnsServiceIF::RENDERER, {MdnsServiceIF::FILTER_NAME, "itch"});
+    const auto byMac = Subscribe(MdnsServiceIF::RENDERER, {MdnsServiceIF::FILTER_MAC, "00:11"});
+    const auto byUnknown = Subscribe(MdnsServiceIF::RENDERER, {7, "Kitchen"});
+    const auto all = Subscribe();
+    const auto servers = Subscribe(MdnsServiceIF::SERVER);
+    const auto clocks = Subscribe(MdnsServiceIF::CLOCK);
+    const auto accessories = Subscribe(MdnsServiceIF::ACCESSORY);
+    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}, {"MAC", "00:11:22"}});
+    Announce("Bath", kRenderer, {{"GUID", "g-2"}, {"MAC", "00:11"}});
+    Announce("Hall", kClock, {{"GUID", "g-3"}});
+    Announce("Accessory", kAccessory, {{"GUID", "g-4"}});
+    Announce("Empty", "");
+    EXPECT_THAT(*byName, ElementsAre("ONLINE Kitchen g-1"));
+    EXPECT_THAT(*byMac, ElementsAre("ONLINE Bath g-2"));
+    EXPECT_THAT(*byUnknown, IsEmpty());
+    EXPECT_THAT(*all, ElementsAre("ONLINE Kitchen g-1", "ONLINE Bath g-2"));
+    EXPECT_THAT(*servers, IsEmpty());
+    EXPECT_THAT(*clocks, ElementsAre("ONLINE Hall g-3"));
+    EXPECT_THAT(*accessories, ElementsAre("ONLINE Accessory g-4"));
+
+    // A failed resolve has no records: it is nobody's by MAC, and without a guid for who hears all.
+    m_mdns.FallSilent("Bath", kRenderer);
+    m_mdns.ReportAgain("Bath", kRenderer);
+    m_simulation.RunUntilIdle();
+    EXPECT_THAT(*byMac, SizeIs(1));
+    EXPECT_EQ(all->back(), "OFFLINE Bath ");
+    EXPECT_THAT(List(kRenderer).products(), SizeIs(2)) << "the table keeps what it knew";
+}
+
+TEST_F(MdnsServiceBrowseTest, OneNameUnderTwoTypesIsOneEntry)
+{
+    Start();
+    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
+    Announce("Kitchen", kClock, {{"GUID", "g-1"}});
+    EXPECT_THAT(List(kRenderer).products(), IsEmpty()) << "the type that resolved last has it";
+    EXPECT_THAT(List(kClock).products(), SizeIs(1));
+    Withdraw("Kitchen", kRenderer);
+    EXPECT_THAT(List(kClock).products(), IsEmpty()) << "the removal of either erases it";
+}
+
+TEST_F(MdnsServiceBrowseTest, ClocksAreResolvedEveryFiveMinutes)
+{
+    Start();
+    m_service->AddService(FakeMdns::MakeService("Own", kClock, {{"GUID", "own"}}));
+    m_simulation.RunUntilIdle();
+    m_service->BroadcastInitialDeviceAnnouncement({});
+    const auto heard = Subscribe(MdnsServiceIF::CLOCK);
+    Announce("Peer", kClock, {{"GUID", "g-1"}, {"LEADERELECTED", "false"}});
+    EXPECT_THAT(*heard, ElementsAre("ONLINE Own own", "ONLINE Peer g-1"));
+
+    // Each discovery pushes the next round five minutes away.
+    m_simulation.RunFor(299s);
+    Announce("Other", kClock, {{"GUID", "g-2"}});
+    m_simulation.RunFor(299s);
+    EXPECT_THAT(*heard, SizeIs(3));
+    m_mdns.Announce(FakeMdns::MakeService("Peer", kClock, {{"GUID", "g-1"}, {"LEADERELECTED", "true"}}));
+    m_mdns.FallSilent("Other", kClock);
+    m_simulation.RunFor(1s);
+    EXPECT_THAT(*heard, ElementsAre("ONLINE Own own", "ONLINE Peer g-1", "ONLINE Other g-2", "OFFLINE Other ",
+                                    "ONLINE Peer g-1"))
+        << "every clock but the own one";
+    EXPECT_TRUE(m_last.productinfo().clockinfo().leaderelected());
+
+    // A peer that failed is tried again in the next round.
+    m_mdns.Announce(FakeMdns::MakeService("Other", kClock, {{"GUID", "g-2"}}));
+    m_simulation.RunFor(300s);
+    EXPECT_THAT(*heard, SizeIs(7));
+    EXPECT_EQ((*heard)[5], "ONLINE Other g-2");
+
+    // With the last clock the rounds end, and the next discovery starts them afresh.
+    m_service->RemoveService(FakeMdns::MakeService("Own", kClock));
+    Withdraw("Peer", kClock);
+    Withdraw("Other", kClock);
+    m_mdns.ClearCalls();
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(m_mdns.Calls(), IsEmpty());
+    Announce("Peer", kClock, {{"GUID", "g-1"}});
+    m_simulation.RunFor(300s);
+    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Peer", "resolve Peer"));
+}
+
+TEST_F(MdnsServiceBrowseTest, TheDaemonsDeathKeepsTheTableAndItsReturnFillsIt)
+{
+    Start();
+    const auto heard = Subscribe();
+    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
+    Announce("Bath", kRenderer, {{"GUID", "g-2"}});
+    Announce("Hall", kClock, {{"GUID", "g-3"}});
+    m_mdns.ClearCalls();
+    m_mdns.KillDaemon();
+    m_mdns.Withdraw("Bath", kRenderer);
+    m_simulation.RunFor(1h);
+    EXPECT_EQ(m_mdns.BrowsersMade(), 6) << "each backend is replaced once, and waits";
+    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains(testing::HasSubstr("resolve"))))
+        << "no clock round while the daemon is away";
+    EXPECT_THAT(*heard, SizeIs(2));
+    EXPECT_THAT(List(kRenderer).products(), SizeIs(2));
+
+    m_mdns.StartDaemon();
+    m_mdns.EnterRunningAgain(); // a client that is connected already does nothing
+    m_simulation.RunUntilIdle();
+    EXPECT_EQ(heard->back(), "ONLINE Kitchen g-1") << "reported as new, resolved again";
+    EXPECT_THAT(*heard, SizeIs(3));
+    EXPECT_THAT(List(kRenderer).products(), SizeIs(2)) << "nobody has told of Bath's end";
+    EXPECT_THAT(m_mdns.Calls(), testing::Contains("stop browser").Times(3));
+}
+
+TEST_F(MdnsServiceBrowseTest, AFactoryWithoutABackendStaysSilentUntilTheNextService)
+{
+    m_mdns.SetHasBus(false);
+    Start();
+    m_service->AddService(FakeMdns::MakeService("Own", kClock));
+    m_simulation.RunFor(1h);
+    EXPECT_EQ(m_mdns.BrowsersMade(), 3);
+    EXPECT_EQ(m_mdns.PublishersMade(), 1);
+    m_service->StopService();
+    m_simulation.RunUntilIdle();
+
+    m_mdns.SetHasBus(true);
+    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
+    Start();
+    EXPECT_THAT(*Subscribe(), ElementsAre("ONLINE Kitchen g-1"));
+}
+
+TEST_F(MdnsServiceBrowseTest, NothingIsHeardAfterTheStop)
+{
+    Start();
+    const auto heard = Subscribe(MdnsServiceIF::CLOCK);
+    m_mdns.SetAnswersResolves(false);
+    Announce("Hall", kClock, {{"GUID", "g-1"}});
+    const std::weak_ptr<MdnsServiceIF> watch = m_service;
+    m_service->StopService();
+    m_mdns.Announce(FakeMdns::MakeService("Late", kClock)); // on its way when the stop is
+    m_connection.Disconnect();
+    m_connection = {};
+    m_service.reset();
+    m_simulation.RunUntilIdle();
+    m_mdns.AnswerResolves();
+    m_mdns.KillDaemon();
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(*heard, IsEmpty());
+    EXPECT_EQ(m_mdns.BrowsersMade(), 3);
+    EXPECT_TRUE(watch.expired()) << "something holds the stopped service";
+}
+
+TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
+{
+    Start();
+    const auto heard = Subscribe();
+    const std::string binary("\x00\xFF\x80\xC0\xAF", 5);
+    Announce("Bad \xFF name", kRenderer,
+             {{"GUID", "g-1"},
+              {"", "nothing"},
+              {"PNAME", binary},
+              {"ECOSYS", ""},
+              {binary, "x"},
+              {"PCOLOR", std::string(255, 'x')},
+              {"SWVERSION", "\xED\xA0\x80"},
+              {"AudioPayloadVersion", "1.2"},
+              {"GroupingVersion", R"({"major_version":99999999999})"},
+              {"NowPlayingVersion", R"([{"major_version":1}])"},
+              {"ClockSyncProtocolVersion", R"({"major_version":3,"else":[[[1]]]})"},
+              {"PlaybackRequestVersion", std::string(255, '[')}});
+    EXPECT_THAT(*heard, ElementsAre("ONLINE Bad \xEF\xBF\xBD name g-1"));
+    const Sonarix::ProductInfo& info = m_last.productinfo();
+    EXPECT_FALSE(info.has_modelname());
+    EXPECT_FALSE(info.has_softwareversion());
+    EXPECT_EQ(info.productcolor().size(), 255U);
+    EXPECT_TRUE(info.has_ecosystem());
+    EXPECT_EQ(info.multiroom().clocksync_protocol_version().major_version(), 3);
+    EXPECT_EQ(info.multiroom().ByteSizeLong(), 4U) << info.multiroom().ShortDebugString();
+
+    Announce("Good", kRenderer, {{"GUID", "g-2"}});
+    EXPECT_NO_THROW(ProtoToMarkup::ToJson(List(kRenderer), true, false, false));
+    m_mdns.ReportAgain("Bad \xFF name", kRenderer); // not told of a second time
+    m_simulation.RunUntilIdle();
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_ERROR), 0U) << m_log.Text();
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << m_log.Text();
+    EXPECT_TRUE(m_log.Contains("PNAME SWVERSION AudioPayloadVersion NowPlayingVersion PlaybackRequestVersion "
+                               "GroupingVersion"))
+        << m_log.Text();
+}
+
+TEST(MdnsServiceNoneTest, WithoutABackendNothingEverComes)
+{
+    const LogCapture log("4");
+    IL::Simulation simulation(1);
+    NotifyTargetTaskIF* const task = IL::CreateTask("MdnsTask", "");
+    for (const auto& [useBackend, forceNone] : {std::pair{false, false}, {true, true}, {false, true}})
+    {
+        const std::shared_ptr<MdnsServiceIF> service = MdnsServiceFactory::Create(task, useBackend, forceNone);
+        service->BroadcastInitialDeviceAnnouncement({});
+        service->AddService(FakeMdns::MakeService("Own", kClock));
+        int results = 0;
+        service->UpdateServiceTxtRecords(FakeMdns::MakeService("Own", kClock),
+                                         [&results](const bool& result) { results += result ? 1 : 100; });
+        service->GetProductList(kClock, [&results](const Sonarix::ProductList& list)
+                                { results += list.products_size() == 0 ? 10 : 100; });
+        service->StopService();
+        simulation.RunFor(1h);
+        EXPECT_EQ(results, 11);
+    }
+    EXPECT_TRUE(log.Contains("Browsing is disabled") && log.Contains("Publishing is disabled"));
+    EXPECT_FALSE(log.Contains("Avahi"));
+}
+
+} // namespace

@@ -1,0 +1,215 @@
+#include "FakeMdns.h"
+#include "LogCapture.h"
+#include "MdnsServiceFactory.h"
+#include "MdnsServiceIF.h"
+#include "Simulation.h"
+#include "SonarixPb.pb.h"
+#include "Task.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+using namespace SonarixService;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+namespace
+{
+
+const char* const kRenderer = "_kova-lanyard._tcp";
+const char* const kClock = "_kova-clock._tcp";
+const char* const kAccessory = "_kova-accessory._tcp";
+
+SonarixPb::DeviceInfo Device(const std::string& name)
+{
+    SonarixPb::DeviceInfo info;
+    info.set_guid("g-own");
+    info.set_friendlyname(name);
+    info.set_devicetype("RENDERER");
+    return info;
+}
+
+/// The mDNS logic on a simulated task. What it asks of its backends stands in the faked LAN; browsing is left out.
+class MdnsServicePublishTest : public testing::Test
+{
+protected:
+    void Start()
+    {
+        m_service = MdnsServiceFactory::Create(m_task, true, false);
+        Settle();
+    }
+    void Settle()
+    {
+        m_simulation.RunUntilIdle();
+    }
+    /// What was put on and taken off the network since the last look.
+    std::vector<std::string> News()
+    {
+        Settle();
+        std::vector<std::string> news;
+        for (const std::string& call : m_mdns.Calls())
+        {
+            if (call.find("browse") == std::string::npos && call.find("resolve") == std::string::npos &&
+                call.find("stop") == std::string::npos)
+            {
+                news.push_back(call);
+            }
+        }
+        m_mdns.ClearCalls();
+        return news;
+    }
+    std::optional<bool> Update(const MDNS::Service& service)
+    {
+        std::optional<bool> answer;
+        m_service->UpdateServiceTxtRecords(service, [&answer](const bool& result) { answer = result; });
+        Settle();
+        return answer;
+    }
+
+    LogCapture m_log;
+    IL::Simulation m_simulation{1};
+    FakeMdns m_mdns;
+    NotifyTargetTaskIF* const m_task = IL::CreateTask("MdnsTask", "");
+    std::shared_ptr<MdnsServiceIF> m_service;
+};
+
+TEST_F(MdnsServicePublishTest, TheAnnouncementHoldsTheWholeSetOfRecords)
+{
+    Start();
+    SonarixPb::DeviceInfo info = Device("Kitchen");
+    info.set_manufacturer("Kova");
+    info.set_ecosystem("ORB2");
+    info.set_producttype("T");
+    info.set_modelname("N");
+    info.set_productcolor("C");
+    info.set_softwareversion("1.2");
+    info.mutable_multiroom_versions()->mutable_grouping_version()->set_major_version(2);
+    info.mutable_multiroom_versions()->mutable_zonecontrol_version()->set_major_version(9);
+    m_service->BroadcastInitialDeviceAnnouncement(info);
+    Settle();
+    const MDNS::Service* const published = m_mdns.Find("Kitchen", kRenderer);
+    ASSERT_NE(published, nullptr);
+    EXPECT_EQ(published->interface, -1);
+    EXPECT_EQ(published->protocol, MDNS::Protocol::INET);
+    EXPECT_EQ(published->domain, "local");
+    EXPECT_EQ(published->address, Network::IpAddress(8090));
+    EXPECT_THAT(published->txt,
+                ElementsAre(Pair("AudioControlProtocolVersion", "{}"), Pair("AudioPayloadVersion", "{}"),
+                            Pair("ClockSyncProtocolVersion", "{}"), Pair("ECOSYS", "ORB2"), Pair("GUID", "g-own"),
+                            Pair("GroupingVersion", R"({"major_version":2})"), Pair("MANUFACTURER", "Kova"),
+                            Pair("NowPlayingVersion", "{}"), Pair("PCOLOR", "C"), Pair("PNAME", "N"),
+                            Pair("PTYPE", "T"), Pair("PlaybackRequestVersion", "{}"), Pair("SWVERSION", "1.2")));
+
+    // One main record: an accessory's takes its place, under its own name and type.
+    m_mdns.ClearCalls();
+    m_service->BroadcastInitialAccessoryAnnouncement(Device("Bath"));
+    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Accessory _kova-accessory._tcp"));
+    EXPECT_THAT(m_mdns.Find("Accessory", kAccessory)->txt, ElementsAre(Pair("GUID", "g-own")));
+
+    // What is no renderer has no type: the backend refuses it.
+    info.set_devicetype("SERVER");
+    m_service->BroadcastInitialDeviceAnnouncement(info);
+    EXPECT_THAT(News(), ElementsAre("withdraw Accessory _kova-accessory._tcp", "publish Kitchen "));
+}
+
+TEST_F(MdnsServicePublishTest, WhatIsHandedInBeforeTheDaemonRunsFollowsTheAnnouncement)
+{
+    m_mdns.KillDaemon();
+    Start();
+    m_service->AddService(FakeMdns::MakeService("Z", "_z._tcp"));
+    m_service->AddService(FakeMdns::MakeService("Own", kClock));
+    m_mdns.StartDaemon();
+    EXPECT_THAT(News(), IsEmpty()) << "no main record yet";
+
+    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    EXPECT_THAT(News(), ElementsAre("publish Kitchen _kova-lanyard._tcp")) << "the others wait for the next start";
+    m_service->AddService(FakeMdns::MakeService("A", "_a._tcp"));
+    EXPECT_THAT(News(), ElementsAre("publish A _a._tcp")) << "once the publisher is up, an add goes out at once";
+
+    m_mdns.KillDaemon();
+    m_mdns.StartDaemon();
+    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "withdraw A _a._tcp",
+                                    "publish Kitchen _kova-lanyard._tcp", "publish A _a._tcp",
+                                    "publish Own _kova-clock._tcp", "publish Z _z._tcp"))
+        << "the main record first, then by type";
+
+    // A collision of host names: everything again.
+    m_mdns.EnterRunningAgain();
+    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Kitchen _kova-lanyard._tcp",
+                                    "withdraw A _a._tcp", "publish A _a._tcp", "withdraw Own _kova-clock._tcp",
+                                    "publish Own _kova-clock._tcp", "withdraw Z _z._tcp", "publish Z _z._tcp"));
+    EXPECT_EQ(m_mdns.PublishersMade(), 2);
+}
+
+TEST_F(MdnsServicePublishTest, OneRecordForEachType)
+{
+    Start();
+    m_service->AddService(FakeMdns::MakeService("First", "_a._tcp"));
+    m_service->AddService(FakeMdns::MakeService("Second", "_a._tcp"));
+    EXPECT_THAT(News(), ElementsAre("publish First _a._tcp", "withdraw First _a._tcp", "publish Second _a._tcp"));
+    m_service->RemoveService(FakeMdns::MakeService("Second", "_b._tcp"));
+    EXPECT_THAT(News(), IsEmpty());
+    m_service->RemoveService(FakeMdns::MakeService("Whatever", "_a._tcp"));
+    m_service->RemoveService(FakeMdns::MakeService("Whatever", "_a._tcp"));
+    EXPECT_THAT(News(), ElementsAre("withdraw Second _a._tcp"));
+    EXPECT_TRUE(m_log.Contains("Removing service Second - _a._tcp"));
+}
+
+TEST_F(MdnsServicePublishTest, ANameThatACollisionChangedIsKept)
+{
+    m_mdns.Announce(FakeMdns::MakeService("Kitchen", kRenderer));
+    m_mdns.Announce(FakeMdns::MakeService("Own", "_a._tcp"));
+    Start();
+    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    m_service->AddService(FakeMdns::MakeService("Own", "_a._tcp", {{"K", "1"}}));
+    Settle();
+    EXPECT_NE(m_mdns.Find("Kitchen #2", kRenderer), nullptr);
+    EXPECT_EQ(Update(FakeMdns::MakeService("Own #2", "_a._tcp", {{"K", "2"}})), true);
+    EXPECT_EQ(m_mdns.Find("Own #2", "_a._tcp")->txt.at("K"), "2");
+
+    // An update goes to the network alone: after the daemon's return the records are those of the add.
+    m_mdns.ClearCalls();
+    m_mdns.KillDaemon();
+    m_mdns.StartDaemon();
+    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen #2 _kova-lanyard._tcp", "withdraw Own #2 _a._tcp",
+                                    "publish Kitchen #2 _kova-lanyard._tcp", "publish Own #2 _a._tcp"));
+    EXPECT_EQ(m_mdns.Find("Own #2", "_a._tcp")->txt.at("K"), "1");
+}
+
+TEST_F(MdnsServicePublishTest, AnUpdateOfWhatIsNotThereAddsIt)
+{
+    m_mdns.KillDaemon();
+    Start();
+    EXPECT_EQ(Update(FakeMdns::MakeService("Own", "_a._tcp")), true) << "kept, though nothing has reached the network";
+    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    m_mdns.StartDaemon();
+    EXPECT_THAT(News(), ElementsAre("publish Kitchen _kova-lanyard._tcp", "publish Own _a._tcp"));
+    EXPECT_EQ(Update(FakeMdns::MakeService("New", "_b._tcp")), true);
+    EXPECT_THAT(News(), ElementsAre("publish New _b._tcp"));
+
+    EXPECT_EQ(Update(FakeMdns::MakeService("Other", "_b._tcp")), false) << "the backend's answer as it is";
+    EXPECT_THAT(News(), ElementsAre("update Other _b._tcp"));
+}
+
+TEST_F(MdnsServicePublishTest, TheStopWithdrawsEverythingAndAReportThatComesLateIsHarmless)
+{
+    Start();
+    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    m_service->AddService(FakeMdns::MakeService("Own", kClock));
+    Settle();
+    m_mdns.ClearCalls();
+    m_mdns.EnterRunningAgain(); // on its way when the stop is
+    m_service->StopService();
+    m_mdns.EnterRunningAgain();
+    Settle();
+    EXPECT_EQ(m_mdns.Find("Kitchen", kRenderer), nullptr);
+    EXPECT_EQ(m_mdns.Find("Own", kClock), nullptr);
+    EXPECT_TRUE(m_log.Contains("Publisher was destroyed already."));
+}
+
+} // namespace
