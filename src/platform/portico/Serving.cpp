@@ -20,7 +20,7 @@ constexpr int kCodeTimeout = 504;
 
 } // namespace
 
-void Session::Add(std::shared_ptr<Registration> registration)
+void Session::Add(const std::shared_ptr<Registration>& registration)
 {
     if (m_isClosed)
     {
@@ -66,7 +66,8 @@ void Session::Announce(const std::shared_ptr<Registration>& registration)
     {
         if (!errorBody.empty() && m_isOpen)
         {
-            DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": subscription to " << path << ": " << errorBody);
+            DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: subscription to %s: %s", Name().c_str(), path.c_str(),
+                    errorBody.c_str());
         }
     };
     Call("subscribe", JsonRpc::SubscribeParams(registration->path, registration->version, registration->scope),

@@ -231,7 +231,7 @@ void Session::Request(const std::string& method, const std::string& path, const 
         }
         catch (const std::exception& failure)
         {
-            DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": answer to a request: " << failure.what());
+            DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: answer to a request: %s", Name().c_str(), failure.what());
         }
         slot->Clear();
     };

@@ -55,7 +55,7 @@ public:
     /// For good: closes the connection, which withdraws whatever was served, and calls nobody any more.
     void Close();
 
-    void Add(std::shared_ptr<Registration> registration);
+    void Add(const std::shared_ptr<Registration>& registration);
     /// Takes a registration or a request away; `owner` is its slot.
     void Remove(const SlotIF* owner);
     void Request(const std::string& method, const std::string& path, const std::string& body, double version,
