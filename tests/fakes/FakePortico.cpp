@@ -3,6 +3,7 @@
 #include "PorticoError.pb.h"
 #include "ProtoToMarkup.h"
 
+#include <algorithm>
 #include <list>
 
 namespace
@@ -450,8 +451,11 @@ FakePortico::~FakePortico()
 
 std::shared_ptr<FakeConnection> FakePortico::Find(const std::string& serviceName) const
 {
-    const std::vector<std::shared_ptr<FakeConnection>> made = Made(serviceName);
-    return made.empty() ? nullptr : made.back();
+    const ScopedMutex lock(m_mutex);
+    const auto found = std::find_if(m_made.rbegin(), m_made.rend(),
+                                    [&serviceName](const std::shared_ptr<FakeConnection>& connection)
+                                    { return connection->serviceName == serviceName; });
+    return found == m_made.rend() ? nullptr : *found;
 }
 
 std::vector<std::shared_ptr<FakeConnection>> FakePortico::Made(const std::string& serviceName) const

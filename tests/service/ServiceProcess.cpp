@@ -47,6 +47,7 @@ ServiceProcess::ServiceProcess(const std::string& runDir, const std::vector<std:
     std::vector<std::string> argv{SONARIX_SERVICE_PROGRAM};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
 
+    const char* const tsanOptions = std::getenv("TSAN_OPTIONS");
     std::vector<std::string> environment;
     for (char** variable = environ; *variable != nullptr; ++variable)
     {
@@ -55,7 +56,9 @@ ServiceProcess::ServiceProcess(const std::string& runDir, const std::vector<std:
     for (const std::string& variable :
          {"SONARIX_RUN_DIR=" + m_runDir, "SONARIX_ETC_DIR=" + m_runDir + "/", "SONARIX_MFG_DATA=" + m_runDir + "/none",
           "SONARIX_PRODUCT_CONFIG=" + m_runDir + "/none", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + m_runDir + "/none",
-          std::string("SONARIX_LOG=4")})
+          std::string("SONARIX_LOG=4"),
+          // The crash handler allocates on purpose.
+          "TSAN_OPTIONS=" + std::string(tsanOptions != nullptr ? tsanOptions : "") + ":report_signal_unsafe=0"})
     {
         const std::string name = variable.substr(0, variable.find('=') + 1);
         std::erase_if(environment, [&name](const std::string& other) { return other.starts_with(name); });

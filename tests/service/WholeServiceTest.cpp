@@ -1,0 +1,303 @@
+#include "World.h"
+
+#include "SeedRunner.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace
+{
+
+constexpr std::size_t kSeeds = 25;
+constexpr std::size_t kSeedsOfALongRun = 10;
+
+/// Under many orders of the tasks' work, each in a process of its own.
+void ForEachOrder(const std::function<void(World&)>& body, bool isAccessory = false, std::size_t seeds = kSeeds)
+{
+    SeedRunner::ForEach(SeedRunner::Range(1, seeds),
+                        [&](std::uint64_t seed)
+                        {
+                            World world(seed, isAccessory);
+                            body(world);
+                        });
+}
+
+std::vector<std::string> Published(const World& world)
+{
+    std::vector<std::string> calls = world.mdns.Calls();
+    std::erase_if(calls, [](const std::string& call) { return !call.starts_with("publish"); });
+    return calls;
+}
+
+} // namespace
+
+TEST(WholeServiceTest, NeighbourOfAWarmStartBecomesOnlineByItsOwnAnswerAlone)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.Appear("kitchen"); // the mDNS daemon knows it before we are there
+            world.StartService();
+            EXPECT_EQ(world.StateOf("kitchen"), "absent") << "the mode is not known yet";
+            EXPECT_EQ(world.ClientFor("kitchen"), nullptr);
+
+            ASSERT_TRUE(world.Gateway()->AnswerText(
+                "/network/status",
+                R"({"isPrimaryUp":true,"primary":"WIRED_ETH","primaryIpAddress":"10.0.0.1","interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})"));
+            world.simulation.RunFor(seconds(1));
+            EXPECT_EQ(world.StateOf("kitchen"), "OFFLINE");
+            ASSERT_TRUE(world.ClientFor("kitchen"));
+            EXPECT_EQ(world.ClientFor("kitchen")->subProtocol, "tarsier");
+
+            world.Gateway()->ForgetNotifications();
+            ASSERT_TRUE(world.Answer("kitchen"));
+            world.simulation.RunUntilIdle();
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE");
+            ASSERT_FALSE(world.Gateway()->Notifications("/sonarix/products").empty());
+            EXPECT_THAT(world.Gateway()->Notifications("/sonarix/products").back(), HasSubstr("ONLINE"));
+        });
+}
+
+TEST(WholeServiceTest, WithoutAGatewayAtTheStartTheFirstNotificationSetsItGoing)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.StartService();
+            world.Gateway()->Fail("/network/status", 503, 0, "no gateway");
+            world.Gateway()->Fail("/network/wifi/stationUsage", 503, 0, "no gateway");
+            world.Appear("kitchen");
+            world.simulation.RunFor(minutes(1));
+            EXPECT_EQ(world.Gateway()->Requests("/network/status").size(), 1U);
+            world.SetNetwork(true);
+            world.KeepAnswering();
+            world.simulation.RunFor(seconds(5));
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE");
+        });
+}
+
+TEST(WholeServiceTest, AnnouncementWaitsForTheNetworkAndTheLastOneCounts)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.StartService();
+            EXPECT_FALSE(world.Advertise("Attic")->isError);
+            EXPECT_FALSE(world.Advertise("Bedroom")->isError);
+            world.simulation.RunFor(seconds(5));
+            EXPECT_THAT(Published(world), IsEmpty());
+
+            world.SetNetwork(true);
+            world.simulation.RunFor(seconds(1));
+            EXPECT_THAT(Published(world), ElementsAre("publish Bedroom _kova-lanyard._tcp"));
+            const auto info = world.Gateway()->Call(Portico::Verb::GET, "/sonarix/info");
+            world.KeepAnswering();
+            world.simulation.RunFor(seconds(5));
+            EXPECT_THAT(info->body, HasSubstr("Bedroom"));
+            EXPECT_EQ(world.StateOf("own"), "ONLINE");
+        });
+}
+
+TEST(WholeServiceTest, NetworkDownAndUpBringsBackNeighboursAndAnnouncement)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.StartService();
+            world.KeepAnswering();
+            world.SetNetwork(true);
+            world.Advertise("Bedroom");
+            world.Appear("kitchen");
+            world.simulation.RunFor(seconds(5));
+            ASSERT_EQ(world.StateOf("kitchen"), "ONLINE");
+            ASSERT_EQ(world.StateOf("own"), "ONLINE");
+
+            world.mdns.ClearCalls();
+            world.SetNetwork(false);
+            world.simulation.RunFor(seconds(30));
+            EXPECT_THAT(world.mdns.Calls(), Contains("stop publisher"));
+            EXPECT_EQ(std::count(world.mdns.Calls().begin(), world.mdns.Calls().end(), "stop browser"), 3);
+            EXPECT_EQ(world.StateOf("kitchen"), "absent") << "the change of mode forgot it";
+            world.Advertise("Bedroom"); // parked
+            world.Appear("hall");
+            world.simulation.RunFor(seconds(30));
+            EXPECT_THAT(Published(world), IsEmpty());
+
+            world.mdns.ClearCalls();
+            world.SetNetwork(true);
+            world.simulation.RunFor(seconds(5));
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE");
+            EXPECT_EQ(world.StateOf("hall"), "ONLINE");
+            EXPECT_EQ(world.StateOf("own"), "ONLINE");
+            EXPECT_THAT(Published(world), ElementsAre("publish Bedroom _kova-lanyard._tcp"));
+        });
+}
+
+TEST(WholeServiceTest, GatewayRestartLeavesTheTableRightAndRestartsNothing)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.StartService();
+            world.KeepAnswering();
+            world.SetNetwork(true);
+            world.Advertise("Bedroom");
+            world.Appear("kitchen");
+            world.simulation.RunFor(seconds(5));
+            world.mdns.ClearCalls();
+            const std::size_t connections = world.portico.Made().size();
+
+            world.Vanish("kitchen", false); // while nobody could see it
+            world.RestartGateway();
+            world.simulation.RunFor(seconds(5));
+            EXPECT_EQ(world.StateOf("kitchen"), "OFFLINE");
+            world.Appear("kitchen");
+            world.RestartGateway();
+            world.simulation.RunFor(seconds(5));
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE");
+            EXPECT_EQ(world.StateOf("own"), "ONLINE");
+            EXPECT_THAT(world.mdns.Calls(), IsEmpty());
+            EXPECT_EQ(world.portico.Made().size(), connections);
+        });
+}
+
+TEST(WholeServiceTest, DeathOfTheMdnsDaemonIsANormalState)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.StartService();
+            world.KeepAnswering();
+            world.SetNetwork(true);
+            world.Advertise("Bedroom");
+            world.Appear("kitchen");
+            world.Appear("hall");
+            world.simulation.RunFor(seconds(5));
+
+            world.mdns.KillDaemon();
+            world.Vanish("hall", true);
+            world.simulation.RunFor(minutes(10));
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE") << "the heartbeat judges, not mDNS";
+            EXPECT_EQ(world.StateOf("hall"), "OFFLINE");
+
+            world.mdns.ClearCalls();
+            world.Appear("attic");
+            world.mdns.StartDaemon();
+            world.simulation.RunFor(seconds(5));
+            EXPECT_EQ(world.StateOf("attic"), "ONLINE");
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE");
+            EXPECT_THAT(Published(world), ElementsAre("publish Bedroom _kova-lanyard._tcp"));
+        });
+}
+
+TEST(WholeServiceTest, AccessoryAnnouncesItselfAndReachesOthersByMutualTls)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            world.Appear("kitchen");
+            world.StartService();
+            world.KeepAnswering();
+            world.SetNetwork(true);
+            world.SetNetwork(true);
+            world.simulation.RunFor(seconds(5));
+            EXPECT_THAT(Published(world), ElementsAre("publish Accessory _kova-accessory._tcp"));
+            EXPECT_EQ(world.StateOf("kitchen"), "ONLINE");
+            EXPECT_EQ(world.ClientFor("kitchen")->subProtocol, "tarsier_mTLS");
+
+            world.SetNetwork(false);
+            world.mdns.ClearCalls();
+            world.SetNetwork(true);
+            world.simulation.RunFor(seconds(5));
+            EXPECT_THAT(Published(world), ElementsAre("publish Accessory _kova-accessory._tcp"));
+        },
+        true);
+}
+
+/// Hours in which anything may happen at any time; then a quiet minute, and the table must be right.
+TEST(WholeServiceTest, AfterAnyHoursAQuietMinuteMakesTheTableRight)
+{
+    ForEachOrder(
+        [](World& world)
+        {
+            const std::vector<std::string> names{"attic", "bath", "cellar", "den", "eaves"};
+            bool isDaemonRunning = true;
+            bool isNetworkUp = false;
+            world.StartService();
+            world.KeepAnswering();
+            const auto setNetwork = [&](bool isUp)
+            {
+                const bool isRise = isUp && !isNetworkUp;
+                isNetworkUp = isUp;
+                world.SetNetwork(isUp);
+                if (isRise)
+                {
+                    world.Advertise("Bedroom"); // as the sibling does at each rise
+                }
+            };
+            const auto setDaemon = [&](bool isRunning)
+            {
+                if (isRunning != isDaemonRunning)
+                {
+                    isDaemonRunning = isRunning;
+                    isRunning ? world.mdns.StartDaemon() : world.mdns.KillDaemon();
+                }
+            };
+            for (int event = 0; event < 200; ++event)
+            {
+                const std::string& name = names[world.simulation.Random(names.size())];
+                switch (world.simulation.Random(8))
+                {
+                case 0:
+                    setNetwork(!isNetworkUp);
+                    break;
+                case 1:
+                    setDaemon(!isDaemonRunning);
+                    break;
+                case 2:
+                    world.RestartGateway();
+                    break;
+                case 3:
+                case 4:
+                    world.Vanish(name, world.simulation.Random(2) == 0);
+                    break;
+                default:
+                    world.Vanish(name, true); // a product that returns announces itself anew
+                    world.Appear(name);
+                }
+                // Now and then long enough for the connection of a lost product to be let go.
+                const bool isLong = world.simulation.Random(40) == 0;
+                world.simulation.RunFor(isLong ? minutes(40)
+                                               : std::chrono::milliseconds(world.simulation.Random(40'000)));
+            }
+            setDaemon(true);
+            setNetwork(true);
+            world.simulation.RunFor(minutes(1));
+            for (const std::string& name : names)
+            {
+                if (world.IsThere(name))
+                {
+                    EXPECT_EQ(world.StateOf(name), "ONLINE") << name;
+                }
+                else
+                {
+                    EXPECT_NE(world.StateOf(name), "ONLINE") << name;
+                }
+            }
+            EXPECT_EQ(world.StateOf("own"), "ONLINE");
+        },
+        false, kSeedsOfALongRun);
+}

@@ -1,0 +1,221 @@
+#include "World.h"
+
+#include "DiscoveryServiceController.h"
+#include "ProtoToMarkup.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+using namespace SonarixService;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+namespace
+{
+
+const char* const kInfo = "/sonarix/info";
+const char* const kType = "_kova-lanyard._tcp";
+
+const char* const kUp =
+    R"({"isPrimaryUp":true,"primary":"WIRED_ETH","primaryIpAddress":"10.0.0.1","interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})";
+const char* const kDown =
+    R"({"isPrimaryUp":false,"primary":"WIRED_ETH","interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})";
+
+void SetFile(const char* variable, const std::string& path, const std::string& content)
+{
+    std::ofstream(path) << content;
+    setenv(variable, path.c_str(), 1);
+}
+
+} // namespace
+
+World::World(std::uint64_t seed, bool isAccessory)
+    : simulation(seed)
+    , log("3")
+{
+    std::string name = (std::filesystem::temp_directory_path() / "world-XXXXXX").string();
+    m_directory = mkdtemp(name.data());
+    SetFile("SONARIX_MFG_DATA", m_directory + "/mfg.json", R"({"guid":"own"})");
+    SetFile("SONARIX_PRODUCT_CONFIG", m_directory + "/config.json",
+            isAccessory ? R"({"accessoryMode":true})" : R"({"accessoryMode":false})");
+    setenv("SONARIX_ETC_DIR", (m_directory + "/").c_str(), 1);
+}
+
+World::~World()
+{
+    std::filesystem::remove_all(m_directory);
+    // Held for the life of the process, as the entry point does.
+    static std::vector<std::shared_ptr<DiscoveryServiceController>> s_controllers;
+    s_controllers.push_back(std::move(m_controller));
+}
+
+void World::StartService()
+{
+    m_controller = std::make_shared<DiscoveryServiceController>();
+    m_controller->Initialize();
+    simulation.RunUntilIdle();
+}
+
+void World::Appear(const std::string& name)
+{
+    m_neighbours[name] = true;
+    mdns.Announce(FakeMdns::MakeService(name, kType, {{"GUID", name}, {"ECOSYS", "ORB2"}}));
+}
+
+void World::Vanish(const std::string& name, bool saysGoodbye)
+{
+    m_neighbours[name] = false;
+    if (saysGoodbye)
+    {
+        mdns.Withdraw(name, kType);
+    }
+}
+
+bool World::IsThere(const std::string& name) const
+{
+    const auto found = m_neighbours.find(name);
+    return found != m_neighbours.end() && found->second;
+}
+
+void World::SetNetwork(bool isUp)
+{
+    m_status = isUp ? kUp : kDown;
+    Gateway()->PushText("/network/status", m_status);
+    simulation.RunUntilIdle();
+}
+
+void World::RestartGateway()
+{
+    for (const std::shared_ptr<FakeConnection>& connection : portico.Made())
+    {
+        while (connection->IsOpen() && connection->Fail(kInfo, 503, 0, "the connection went"))
+        {
+        }
+    }
+    m_heartbeats.clear();
+    Gateway()->PushText("/network/status", m_status);
+    simulation.RunUntilIdle();
+}
+
+std::shared_ptr<const FakeAnswer> World::Advertise(const std::string& name)
+{
+    auto answer = Gateway()->Call(Portico::Verb::POST, "/startDiscoveryAdvertisement",
+                                  R"({"deviceName":")" + name + R"(","guid":"own","ecosys":"ORB2"})");
+    simulation.RunUntilIdle();
+    return answer;
+}
+
+void World::KeepAnswering()
+{
+    Pump(0);
+}
+
+void World::Pump(int second)
+{
+    AnswerAll();
+    AnswerOwn();
+    if (second % 3 == 0)
+    {
+        SendHeartbeats();
+    }
+    simulation.Schedule(seconds(1), [this, second] { Pump(second + 1); });
+}
+
+bool World::Answer(const std::string& name)
+{
+    const std::shared_ptr<FakeConnection> client = ClientFor(name);
+    bool isAnswered = false;
+    while (client && client->AnswerText(kInfo, R"({"guid":")" + name + R"(","friendlyname":")" + name + R"("})"))
+    {
+        isAnswered = true;
+    }
+    return isAnswered;
+}
+
+void World::AnswerAll()
+{
+    for (const auto& [name, isThere] : m_neighbours)
+    {
+        const std::shared_ptr<FakeConnection> client = ClientFor(name);
+        if (isThere)
+        {
+            Answer(name);
+        }
+        else
+        {
+            while (client && client->Fail(kInfo, 504, 0, "no answer"))
+            {
+            }
+        }
+    }
+}
+
+void World::AnswerOwn()
+{
+    const std::shared_ptr<FakeConnection> client = ClientFor("own");
+    if (!client || client->Waiting(kInfo) == 0)
+    {
+        return;
+    }
+    const auto answer = Gateway()->Call(Portico::Verb::GET, kInfo);
+    simulation.Schedule(milliseconds(10),
+                        [client, answer]
+                        {
+                            while (answer->isDone && client->AnswerText(kInfo, answer->body))
+                            {
+                            }
+                        });
+}
+
+void World::SendHeartbeats()
+{
+    std::vector<std::pair<std::string, bool>> products(m_neighbours.begin(), m_neighbours.end());
+    products.emplace_back("own", true);
+    for (const auto& [name, isThere] : products)
+    {
+        const std::shared_ptr<FakeConnection> client = ClientFor(name);
+        if (!client || !client->IsOpen())
+        {
+            continue;
+        }
+        const auto told = m_heartbeats.find(client.get());
+        if (told == m_heartbeats.end() || told->second != isThere || !isThere)
+        {
+            m_heartbeats[client.get()] = isThere;
+            client->SendHeartbeat(isThere ? HEARTBEAT_ONLINE : HEARTBEAT_OFFLINE);
+        }
+    }
+}
+
+Sonarix::ProductList World::List()
+{
+    const auto answer = Gateway()->Call(Portico::Verb::GET, "/sonarix/products");
+    simulation.RunUntilIdle();
+    Sonarix::ProductList list;
+    ProtoToMarkup::FromJson(answer->body, &list);
+    return list;
+}
+
+std::string World::StateOf(const std::string& name)
+{
+    const Sonarix::ProductList list = List();
+    for (const Sonarix::Product& product : list.products())
+    {
+        if (product.productinfo().guid() == name)
+        {
+            return SXCommon::ProductState_Name(product.state());
+        }
+    }
+    return "absent";
+}
+
+std::shared_ptr<FakeConnection> World::Gateway() const
+{
+    return portico.Find("SonarixService");
+}
+
+std::shared_ptr<FakeConnection> World::ClientFor(const std::string& guid) const
+{
+    return portico.Find("DiscoveryServiceAggregator-" + guid);
+}
