@@ -82,12 +82,14 @@ class Reactor:
     def _drain_wake(self):
         self._wake_read.recv(_READ_SIZE)
 
+    def _until_due(self):
+        return max(0.0, self._timers[0][0] - time.monotonic()) if self._timers else None
+
     def _run(self):
         stopped = False
         while not stopped:
             stopped = self._stopped  # seen before the last round, so that this still serves what came earlier
-            timeout = max(0.0, self._timers[0][0] - time.monotonic()) if self._timers else None
-            for key, _ in self._selector.select(timeout):
+            for key, _ in self._selector.select(0 if stopped else self._until_due()):
                 key.data()
             with self._lock:
                 posted, self._posted = self._posted, []
