@@ -57,12 +57,18 @@ void detail::LogThrownByCallback() noexcept
 
 struct AvahiImpl::Owner
 {
-    std::shared_ptr<AvahiImpl> impl;
-
+    explicit Owner(std::shared_ptr<AvahiImpl> owned)
+        : impl(std::move(owned))
+    {
+    }
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
     ~Owner()
     {
         impl->Stop();
     }
+
+    const std::shared_ptr<AvahiImpl> impl;
 };
 
 std::shared_ptr<AvahiImpl> AvahiImpl::Create(Callback<> connected, Callback<> restart)
@@ -73,7 +79,7 @@ std::shared_ptr<AvahiImpl> AvahiImpl::Create(Callback<> connected, Callback<> re
         impl->m_clientConnection.Disconnect();
         return nullptr;
     }
-    return {std::make_shared<Owner>(Owner{impl}), impl.get()};
+    return {std::make_shared<Owner>(impl), impl.get()};
 }
 
 AvahiImpl::AvahiImpl(Key, Callback<> connected, Callback<> restart)

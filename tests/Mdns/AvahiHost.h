@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+/// A host of its own for a test of the Avahi backend: network, mount and process namespaces with a private /run, a
+/// message bus and an mDNS daemon. Needs the right to make namespaces.
+///
+///     TEST(AvahiImplTest, Something)
+///     {
+///         if (!AvahiHost::Enter()) // runs this very test again, inside
+///             return;
+///         AvahiHost host;
+///         host.StartDaemon();
+///         ...
+///     }
+///
+/// Whatever runs inside ends with the test's process, however that ends.
+class AvahiHost final
+{
+public:
+    /// True inside. Outside it runs the current test in a new namespace, fails where that fails, and gives false.
+    static bool Enter();
+
+    /// With an address on the loopback interface and the bus running; not yet the mDNS daemon.
+    AvahiHost();
+    ~AvahiHost();
+    AvahiHost(const AvahiHost&) = delete;
+    AvahiHost& operator=(const AvahiHost&) = delete;
+
+    void StartDaemon();
+    void KillDaemon(); ///< by signal 9
+    void KillBus();
+
+    /// Multicasts, as another host would, that the instance is served elsewhere.
+    void ClaimInstance(const std::string& name, const std::string& type);
+
+private:
+    static pid_t Spawn(const std::vector<std::string>& command, int inheritedFd = -1);
+    static void Kill(pid_t& pid);
+
+    pid_t m_bus = -1;
+    pid_t m_daemon = -1;
+};
