@@ -20,8 +20,10 @@ void Heartbeat::CheckNow()
 {
     if (m_isUnderWay)
     {
+        m_isDue = true;
         return;
     }
+    m_isDue = false;
     m_isUnderWay = true;
     const unsigned int number = ++m_number;
     m_period.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkPeriod.count()), [this] { CheckNow(); });
@@ -47,6 +49,10 @@ void Heartbeat::HandleResult(unsigned int check, bool isPassed)
     }
     m_isUnderWay = false;
     m_limit.Cancel();
+    if (m_isDue)
+    {
+        m_period.PostIn(0, [this] { CheckNow(); });
+    }
     if (!m_surroundings.hasOwnList())
     {
         return;

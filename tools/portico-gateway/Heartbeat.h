@@ -31,7 +31,7 @@ public:
     Heartbeat(const Heartbeat&) = delete;
     Heartbeat& operator=(const Heartbeat&) = delete;
 
-    /// Begins a check unless one is under way. The first call starts the regular ones.
+    /// Begins a check, after the one that is under way. The first call starts the regular ones.
     void CheckNow();
 
 private:
@@ -42,6 +42,7 @@ private:
     const Tell m_tell;
     unsigned int m_number = 0; ///< of the last check
     bool m_isUnderWay = false;
+    bool m_isDue = false; ///< the next one, while one is under way
     std::optional<Status> m_told;
     MessageTimer m_period;
     MessageTimer m_limit;
