@@ -1,0 +1,75 @@
+#include "DiscoveryServiceController.h"
+#include "DiscoveryServicePorticoClient.h"
+#include "FakeDiscovery.h"
+#include "FakePortico.h"
+#include "ForkedRun.h"
+#include "MdnsDiscoveryProtocol.h"
+#include "Task.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace SonarixService;
+
+namespace
+{
+
+FakePortico* s_portico = nullptr;
+NotifyTargetTaskIF* s_task = nullptr;
+
+/// Between the aggregator's construction and the gateway client's, as early as a request can come.
+std::shared_ptr<DiscoveryServicePorticoClientIF> MakeClientAfterAChildWasPosted(
+    NotifyTargetTaskIF* task, const std::shared_ptr<DiscoveryServiceControllerIF>& controller,
+    const std::shared_ptr<PorticoClientIF>& portico, const std::shared_ptr<DiscoveryServiceAggregatorIF>& aggregator)
+{
+    s_task = task;
+    s_portico->Find("DiscoveryServiceOverPortico")
+        ->Call(Portico::Verb::POST, "/sonarix/private/products",
+               R"({"state":"ONLINE","productinfo":{"guid":"child","ecosystem":"ORB2"}})");
+    return std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
+}
+
+/// Until everything that is queued on the task now has run.
+void Drain()
+{
+    std::promise<void> drained;
+    IL::BreakThread([&drained] { drained.set_value(); }, s_task);
+    drained.get_future().wait();
+}
+
+} // namespace
+
+/// With threads: nothing that the start subscribes to meets a half-built system.
+TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
+{
+    const ForkedResult result = RunForked(
+        []
+        {
+            FakePortico portico;
+            s_portico = &portico;
+            setenv("SONARIX_MFG_DATA", "/nonexistent/mfg.json", 1);
+            setenv("SONARIX_PRODUCT_CONFIG", "/nonexistent/config.json", 1);
+            setenv("SONARIX_ETC_DIR", "/nonexistent/", 1);
+            MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
+                                                      { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
+            DiscoveryServicePorticoClient::SetFactoryOverride(MakeClientAfterAChildWasPosted);
+
+            const auto controller = std::make_shared<DiscoveryServiceController>();
+            controller->Initialize();
+            // Request, signal, merge, notification: each posts the next.
+            for (int hop = 0; hop < 4; ++hop)
+            {
+                Drain();
+            }
+            const std::vector<std::string> lists = portico.Find("SonarixService")->Notifications("/sonarix/products");
+            EXPECT_THAT(lists, testing::ElementsAre(testing::HasSubstr("child")));
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+    EXPECT_TRUE(result.Succeeded()) << result.HowItEnded() << '\n' << result.m_output;
+}
