@@ -1,0 +1,84 @@
+#!/usr/bin/python3
+"""The laboratory from the command line: --once again and again, and commands from another terminal."""
+import os
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+from labcase import BIN_DIR, CONVERGENCE_SECONDS, LOGS, TOOLS, lines_until
+
+ROUNDS = 5
+
+
+class Once(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="sonarix-lab-state-")
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.command = [os.path.join(TOOLS, "sonarix-lab"), "--bin-dir", BIN_DIR, "--state-dir", self.folder]
+
+    def run_lab(self, *arguments, seconds=120):
+        return subprocess.run([*self.command, *arguments], capture_output=True, text=True, timeout=seconds, check=False)
+
+    def test_again_and_again(self):
+        times = []
+        for number in range(ROUNDS):
+            begin = time.monotonic()
+            result = self.run_lab("--once", "--logs", os.path.join(LOGS, f"Once-{number + 1}"))
+            times.append(time.monotonic() - begin)
+            self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
+            self.assertLess(times[-1], CONVERGENCE_SECONDS)
+        print("converged and gone after " + " ".join(f"{seconds:.1f}" for seconds in times) + " s")
+
+    def test_eight_products(self):
+        result = self.run_lab("--products", "8", "--once", "--logs", os.path.join(LOGS, "Once-eight"))
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
+        print(result.stdout.splitlines()[-1])
+
+    def test_kill_waits_for_its_effect(self):
+        result = self.run_lab("--once", "--kill", "kitchen")
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
+        self.assertIn("every other product lists kitchen as OFFLINE", result.stdout.splitlines()[-1])
+
+    def test_time_limit_says_who_is_missing(self):
+        result = self.run_lab("--products", "2", "--once", "--time-limit", "0.01")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(len(result.stderr.splitlines()), 1)
+        self.assertIn("kitchen lacks bedroom", result.stderr)
+
+    def test_another_terminal(self):
+        """--kill, --start, --link-down and --exec reach the laboratory that runs; Ctrl-C ends all of it."""
+        with subprocess.Popen([*self.command, "--products", "2"], stdout=subprocess.PIPE, text=False,
+                              start_new_session=True) as lab:
+            lines = lines_until(lab.stdout, time.monotonic() + 100)
+
+            def wait_for(text):
+                for line in lines:
+                    if text in line:
+                        return
+                self.fail(f"no line \"{text}\"")
+
+            try:
+                wait_for("every product lists every other as ONLINE")
+                inside = self.run_lab("--exec", "bedroom", "portico", "get", "/sonarix/products")
+                self.assertIn('"friendlyname": "Kitchen"', inside.stdout)
+                self.assertEqual(self.run_lab("--kill", "kitchen").returncode, 0)
+                wait_for("bedroom lists kitchen as OFFLINE")
+                self.assertEqual(self.run_lab("--start", "kitchen").returncode, 0)
+                wait_for("bedroom lists kitchen as ONLINE")
+                self.assertEqual(self.run_lab("--link-down", "kitchen", "0.1").returncode, 0)
+                wait_for("kitchen: link up")
+                unknown = self.run_lab("--kill", "cupboard")
+                self.assertEqual(unknown.returncode, 1)
+                self.assertIn("there are kitchen, bedroom", unknown.stderr)
+            finally:
+                lab.send_signal(signal.SIGINT)
+                lab.stdout.read()
+                self.assertEqual(lab.wait(10), 0)
+        self.assertEqual(os.listdir(self.folder), ["lock"])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

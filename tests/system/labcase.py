@@ -1,0 +1,172 @@
+"""What the system tests share: a laboratory for all cases of a class, and looks at what products publish and log."""
+import os
+import re
+import selectors
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+TOOLS = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../tools/lab")
+sys.path.insert(0, TOOLS)
+
+from sonarix_lab import Lab, LabTimeout  # noqa: E402
+from sonarix_lab.laboratory import BIN_DIR as RELEASE_BIN_DIR  # noqa: E402
+
+BIN_DIR = os.environ.get("SONARIX_BIN_DIR", RELEASE_BIN_DIR)
+LOGS = os.environ.get("SONARIX_SYSTEM_LOGS", os.path.join(tempfile.gettempdir(), "sonarix-system-logs"))
+CONVERGENCE_SECONDS = 60
+RENDERER_TYPE = "_kova-lanyard._tcp"
+TXT_KEYS = {"GUID", "MANUFACTURER", "ECOSYS", "PTYPE", "PNAME", "PCOLOR", "SWVERSION", "AudioPayloadVersion",
+            "AudioControlProtocolVersion", "ClockSyncProtocolVersion", "NowPlayingVersion", "PlaybackRequestVersion",
+            "GroupingVersion"}
+
+
+def everybody_online(tables):
+    return not tables.missing()
+
+
+class LabCase(unittest.TestCase):
+    """One laboratory for the whole class, as `shape` has it; each case leaves it with everybody ONLINE."""
+
+    shape = {"products": 3}
+
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory(prefix="sonarix-lab-state-")
+        cls.addClassCleanup(cls.folder.cleanup)
+        cls.changes = []
+        cls.lab = Lab(**cls.shape, bin_dir=BIN_DIR, state_dir=cls.folder.name,
+                      log_dir=os.path.join(LOGS, cls.__name__), on_change=cls._changed)
+        cls.lab.open()
+        cls.addClassCleanup(cls.lab.close)
+        cls.lab.wait_until(everybody_online, CONVERGENCE_SECONDS, "everybody ONLINE at the start")
+
+    @classmethod
+    def _changed(cls, seconds, text):
+        cls.changes.append(f"{seconds:9.3f} s  {text}")
+
+    def setUp(self):
+        self.all_online(CONVERGENCE_SECONDS, "before the case")
+        self._deaths_before = len(self.lab.deaths)
+        self._changes_before = len(self.changes)
+
+    def tearDown(self):
+        self.assertEqual(self.lab.deaths[self._deaths_before:], [], "programs ended by themselves")
+        if self._outcome_is_bad():
+            print(f"--- changes during {self.id()}; logs in {os.path.join(LOGS, type(self).__name__)}",
+                  *self.changes[self._changes_before:], sep="\n", file=sys.stderr)
+
+    def _outcome_is_bad(self):
+        result = self._outcome.result
+        return any(test is self for test, _ in result.failures + result.errors) or not self._outcome.success
+
+    # ---- states --------------------------------------------------------------------------------------------------
+
+    def all_online(self, seconds, what):
+        """Every product lists every other as ONLINE, within that time; how long it took."""
+        return self.lab.wait_until(everybody_online, seconds, f"everybody ONLINE {what}")
+
+    def stays(self, condition, seconds, what):
+        """The condition holds now, and through all changes of that time."""
+        try:
+            self.lab.wait_until(lambda tables: not condition(tables), seconds)
+        except LabTimeout:
+            return
+        self.fail(f"did not stay so for {seconds:g} s: {what}")
+
+    def others(self, name):
+        return [product.name for product in self.lab.products if product.name != name and not product.stranger]
+
+    def service_pids(self):
+        return {product.name: product.pid("service") for product in self.lab.products if not product.stranger}
+
+    # ---- mDNS ----------------------------------------------------------------------------------------------------
+
+    def published(self, observer, instance, service_type=RENDERER_TYPE, seconds=15, accept=lambda address, txt: True):
+        """(port, TXT) of an acceptable record as avahi-browse resolves it in a product's namespace, waited for.
+
+        What has just changed may stand in the mDNS daemon's cache for another second, hence the asking again.
+        """
+        deadline, seen = time.monotonic() + seconds, []
+        while time.monotonic() < deadline:
+            browse = self.lab.run(observer, ["avahi-browse", "-rpt", service_type], timeout=seconds)
+            records = [line.split(";", 9) for line in browse.stdout.splitlines() if line.startswith("=")]
+            seen = [fields for fields in records
+                    if fields[2] == "IPv4" and unescape(fields[3]) == instance.encode()]
+            for fields in seen:
+                if accept(fields[7], parse_txt(fields[9])):
+                    return int(fields[8]), parse_txt(fields[9])
+            time.sleep(0.2)
+        return self.fail(f"{observer} does not resolve \"{instance}\" of {service_type} within {seconds} s: {seen}")
+
+    def assert_published(self, name, **options):
+        """The whole record of a product, seen from another one."""
+        product = self.lab.product(name)
+        port, txt = self.published(self.others(name)[0], product.spoken_name, **options)
+        self.assertEqual(port, 8090)
+        self.assertEqual({key.decode() for key in txt}, TXT_KEYS)
+        self.assertEqual(txt[b"GUID"].decode(), product.guid)
+        self.assertEqual(txt[b"MANUFACTURER"], b"Kova")
+        self.assertEqual(txt[b"ECOSYS"], b"ORB2")
+        self.assertEqual(txt[b"PTYPE"], b"SPEAKER")
+        self.assertEqual(txt[b"PNAME"], b"Sonarix One")
+        return txt
+
+    # ---- logs ----------------------------------------------------------------------------------------------------
+
+    def log_size(self, name, program="service"):
+        return os.path.getsize(self.lab.product(name).log_path(program))
+
+    def log_since(self, name, offset, program="service"):
+        with open(self.lab.product(name).log_path(program), "rb") as file:
+            file.seek(offset)
+            return file.read().decode(errors="replace").splitlines()
+
+    def wait_for_log(self, name, offset, text, seconds=10):
+        """Waits until a line with the text has come; the lines since the offset."""
+        deadline = time.monotonic() + seconds
+        while True:
+            lines = self.log_since(name, offset)
+            if any(text in line for line in lines):
+                return lines
+            if time.monotonic() > deadline:
+                self.fail(f"{name} does not log \"{text}\" within {seconds} s")
+            time.sleep(0.05)
+
+
+def grave(lines):
+    """Lines of level 1 and 2."""
+    return [line for line in lines if re.match(r"\S+ [012] ", line)]
+
+
+def lines_until(pipe, deadline):
+    """The lines of a pipe up to a point of time."""
+    pending = b""
+    with selectors.DefaultSelector() as selector:
+        selector.register(pipe, selectors.EVENT_READ)
+        while (rest := deadline - time.monotonic()) > 0 and selector.select(rest):
+            data = os.read(pipe.fileno(), 65536)
+            if not data:
+                return
+            *lines, pending = (pending + data).split(b"\n")
+            yield from (line.decode() for line in lines)
+
+
+def unescape(text):
+    """avahi-browse's form of bytes: \\ and three decimal digits, or \\ and the character itself."""
+    return re.sub(rb"\\(\d{3}|.)", lambda match: bytes([int(match[1])]) if match[1].isdigit() and len(match[1]) == 3
+                  else match[1], text.encode(), flags=re.DOTALL)
+
+
+def parse_txt(text):
+    """key -> value of "a=b" "c=d" as avahi-browse prints it."""
+    strings = [unescape(item) for item in re.findall(r'"((?:[^"\\]|\\.)*)"', text)]
+    return dict(string.partition(b"=")[::2] for string in strings)
+
+
+def cpu_seconds(pid):
+    with open(f"/proc/{pid}/stat", "rb") as file:
+        fields = file.read().rpartition(b")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
