@@ -17,7 +17,7 @@ public:
 
     template <class F>
     requires(!std::is_base_of_v<Callback, std::remove_cvref_t<F>> && std::is_invocable_v<F&, const Args&...>)
-        Callback(F&& function)
+        Callback(F&& function) // NOLINT(bugprone-forwarding-reference-overload): the constraint keeps copies out
         : m_function(std::forward<F>(function))
     {
     }

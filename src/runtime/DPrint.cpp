@@ -274,6 +274,7 @@ void DPrint::LogFormatted(Level level, const char* format, va_list args) const
         std::array<char, 1024> buffer;
         va_list again;
         va_copy(again, args);
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has begun it
         const int length = std::vsnprintf(buffer.data(), buffer.size(), format, args);
         std::string text;
         if (length < 0)

@@ -95,7 +95,7 @@ private:
         {                                                                                                              \
             std::ostringstream dprintStream;                                                                           \
             (channel).Prefix(dprintStream, (level), __func__);                                                         \
-            dprintStream << text;                                                                                      \
+            dprintStream << text; /* NOLINT(bugprone-macro-parentheses): a chain of << */                              \
             (channel).Put(dprintStream, (level));                                                                      \
         }                                                                                                              \
     } while (false)

@@ -76,13 +76,13 @@ CallbackConnection SimulatedTask::ConnectStopNotification(const Callback<void>& 
 void SimulatedTask::ArmAlarm(const std::shared_ptr<SimulatedAlarm>& alarm, std::int64_t firstMs, std::int64_t repeatMs,
                              const Callback<void>& callback)
 {
-    const Callback<void> armed = callback; // may be a part of what the cancelling destroys
+    Callback<void> armed = callback; // may be a part of what the cancelling destroys
     CancelAlarm(alarm);
     if (m_scheduler == nullptr || m_stopping)
     {
         return;
     }
-    alarm->m_callback = armed;
+    alarm->m_callback = std::move(armed);
     alarm->m_repeatMs = repeatMs;
     m_scheduler->CheckThread("a timer of " + m_name);
     m_scheduler->Arm(alarm, firstMs);

@@ -19,7 +19,7 @@ TEST(Callback, EmptyOnesMayBeCalledAndStayEmptyWhenConverted)
     const Callback<int> empty;
     empty(1);
     const Callback<void> none;
-    const Callback<> converted = none;
+    const Callback<> converted(none); // NOLINT(performance-unnecessary-copy-initialization): the point
     EXPECT_FALSE(converted);
     EXPECT_FALSE(Callback<void>(converted));
     EXPECT_FALSE(Callback<int>(std::function<void(const int&)>()));
@@ -61,6 +61,7 @@ TEST_F(AsyncCallbackTest, RunsOnItsTaskLaterWithCopiesOfTheArguments)
         text = "after ";
         number = 2;
     }
+    EXPECT_EQ(text + std::to_string(number), "after 2");
     EXPECT_EQ(m_seen, "") << "the caller does not wait, and nothing runs on it";
     m_simulation.RunUntilIdle();
     EXPECT_EQ(m_seen, "before 1") << "a call in flight outlives every copy of the callback";

@@ -237,6 +237,12 @@ TEST(Simulation, EndsWithWorkPending)
         simulation.Schedule(1s, [held] {});
         struct PostsAtItsEnd
         {
+            explicit PostsAtItsEnd(NotifyTargetTaskIF* target)
+                : m_task(target)
+            {
+            }
+            PostsAtItsEnd(const PostsAtItsEnd&) = delete;
+            PostsAtItsEnd& operator=(const PostsAtItsEnd&) = delete;
             NotifyTargetTaskIF* m_task;
             ~PostsAtItsEnd()
             {

@@ -3,6 +3,7 @@
 #include "LogCapture.h"
 #include "RealTask.h"
 #include "TaskIo.h"
+#include "Timers.h"
 #include "Watched.h"
 
 #include <array>
@@ -13,7 +14,10 @@
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
+#include <filesystem>
 #include <gmock/gmock.h>
+#include <iterator>
+#include <memory>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -49,7 +53,7 @@ TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
         second.Drain();
     }
     target.Drain();
-    ASSERT_EQ(seen.size(), std::size_t{2 * kEach});
+    ASSERT_EQ(seen.size(), std::size_t{2} * kEach);
     int low = 0;
     int high = kEach;
     for (const int value : seen)
@@ -122,6 +126,7 @@ TEST(Task, StopLetsTheRunningEntryEndAndThrowsTheRestAway)
 
     // Several may wait for the end, before and after it.
     std::vector<std::thread> joiners;
+    joiners.reserve(4);
     for (int i = 0; i < 4; ++i)
     {
         joiners.emplace_back([&task] { IL::JoinTask(task.Get()); });
@@ -242,17 +247,34 @@ TEST(Task, OwnerDestroyedWithCallsAndReadsInFlight)
     EXPECT_TRUE(alive.expired());
 }
 
-TEST(Task, ManyTasksComeAndGoWithoutHoldingDescriptors)
+std::ptrdiff_t OpenDescriptors()
 {
-    // More than a process may have descriptors for, if each kept its reactor.
-    std::atomic<int> ran = 0;
-    for (int i = 0; i < 1500; ++i)
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+TEST(Task, HoldsDescriptorsOnlyWhileItHasTimersAndRuns)
+{
+    const RealTask first; // whatever the process opens once
+    first.Drain();
+    const std::ptrdiff_t before = OpenDescriptors();
+    std::vector<std::unique_ptr<RealTask>> tasks;
+    for (int i = 0; i < 20; ++i)
     {
-        const RealTask task("short");
-        IL::BreakThread([&ran] { ++ran; }, task.Get());
-        task.Drain();
+        tasks.push_back(std::make_unique<RealTask>("short"));
+        tasks.back()->Drain();
     }
-    EXPECT_EQ(ran, 1500);
+    EXPECT_EQ(OpenDescriptors(), before) << "a task at rest";
+
+    std::vector<std::unique_ptr<MessageTimer>> timers;
+    Watched<int> fired;
+    for (const std::unique_ptr<RealTask>& task : tasks)
+    {
+        timers.push_back(std::make_unique<MessageTimer>("timer", task->Get()));
+        timers.back()->PostIn(0, [&fired] { fired.Change([](int& count) { ++count; }); });
+    }
+    EXPECT_TRUE(fired.WaitFor(20));
+    tasks.clear();
+    EXPECT_EQ(OpenDescriptors(), before) << "tasks that have ended, their timers still there";
 }
 
 TEST(Semaphore, CountsSignalsAndGivesUpInTime)

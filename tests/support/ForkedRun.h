@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -18,7 +19,7 @@ struct ForkedResult
     }
     std::string HowItEnded() const; ///< "status 1", "signal 6", "time limit"
 
-    static constexpr std::size_t kMaxOutput = 256 * 1024;
+    static constexpr std::size_t kMaxOutput = std::size_t{256} * 1024;
 };
 
 /// Runs `body` in a process of its own, which leaves by _exit with what `body` returns (125 and the text for an
