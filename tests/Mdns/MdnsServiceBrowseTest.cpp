@@ -36,6 +36,20 @@ class MdnsServiceBrowseTest : public testing::Test
 protected:
     using Filter = MdnsServiceIF::Filter_t;
 
+    /// A subscription holds the service until it is disconnected, and so does what runs.
+    ~MdnsServiceBrowseTest() override
+    {
+        for (const CallbackConnection& connection : m_connections)
+        {
+            connection.Disconnect();
+        }
+        if (m_service)
+        {
+            m_service->StopService();
+            m_simulation.RunUntilIdle();
+        }
+    }
+
     void Start()
     {
         m_service = MdnsServiceFactory::Create(m_task, true, false);
@@ -56,7 +70,7 @@ protected:
                 heard->push_back(SXCommon::ProductState_Name(product.state()) + " " +
                                  product.productinfo().friendlyname() + " " + product.productinfo().guid());
             },
-            [this](const CallbackConnection& connection, const bool&) { m_connection = connection; });
+            [this](const CallbackConnection& connection, const bool&) { m_connections.push_back(connection); });
         m_simulation.RunUntilIdle();
         return heard;
     }
@@ -93,7 +107,7 @@ protected:
     FakeMdns m_mdns;
     NotifyTargetTaskIF* const m_task = IL::CreateTask("MdnsTask", "");
     std::shared_ptr<MdnsServiceIF> m_service;
-    CallbackConnection m_connection;
+    std::vector<CallbackConnection> m_connections;
     Sonarix::Product m_last;
 };
 
@@ -140,7 +154,7 @@ TEST_F(MdnsServiceBrowseTest, AResolvedServiceIsAProductUntilItsRemoval)
     m_simulation.RunUntilIdle();
     EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1", "ONLINE Kitchen g-1"));
 
-    m_connection.Disconnect(); // the late subscriber leaves
+    m_connections.back().Disconnect(); // the late subscriber leaves
     Withdraw("Kitchen", kRenderer);
     EXPECT_EQ(heard->back(), "OFFLINE Kitchen g-1") << "the removal carries the last records";
     EXPECT_EQ(heard->size(), 3U);
@@ -305,8 +319,8 @@ TEST_F(MdnsServiceBrowseTest, NothingIsHeardAfterTheStop)
     const std::weak_ptr<MdnsServiceIF> watch = m_service;
     m_service->StopService();
     m_mdns.Announce(FakeMdns::MakeService("Late", kClock)); // on its way when the stop is
-    m_connection.Disconnect();
-    m_connection = {};
+    m_connections.back().Disconnect();
+    m_connections.clear();
     m_service.reset();
     m_simulation.RunUntilIdle();
     m_mdns.AnswerResolves();

@@ -38,6 +38,11 @@ SonarixPb::DeviceInfo Device(const std::string& name)
 class MdnsServicePublishTest : public testing::Test
 {
 protected:
+    ~MdnsServicePublishTest() override
+    {
+        m_service->StopService();
+        Settle();
+    }
     void Start()
     {
         m_service = MdnsServiceFactory::Create(m_task, true, false);
