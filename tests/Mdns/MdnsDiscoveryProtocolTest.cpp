@@ -299,6 +299,8 @@ TEST(MdnsDiscoveryProtocolRoadTest, RenderersAndClocksBecomeProductsAcrossRestar
     EXPECT_THAT(heard, testing::UnorderedElementsAre("ONLINE Bath", "ONLINE Kitchen", "ONLINE Hall"));
 
     mdns.Withdraw("Kitchen", "_kova-lanyard._tcp"); // on its way when the end comes
+    protocol->Stop();
+    simulation.RunUntilIdle();
     IL::StopTask(services.m_task);
     protocol.reset();
 }
