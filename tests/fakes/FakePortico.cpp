@@ -92,7 +92,7 @@ struct FakeConnection::State
         const ScopedMutex lock(*mutex);
         for (auto request = waiting.begin(); request != waiting.end();)
         {
-            const std::shared_ptr<WaitingRequest> taken = *request;
+            std::shared_ptr<WaitingRequest> taken = *request;
             if (!taken->isConnected)
             {
                 request = waiting.erase(request);
