@@ -25,10 +25,18 @@ void Advertiser::HandleNetwork(bool isPrimaryUp)
 void Advertiser::HandleOwnName(const std::string& name)
 {
     m_isNameWrong = name != m_name;
-    if (m_isNameWrong)
+    if (!m_isNameWrong)
     {
-        PostForName();
+        return;
     }
+    // A service that knows no name has been started anew and announces nothing. What mDNS still remembers of the
+    // product may soon put the name right; the announcement is owed all the same.
+    if (name.empty() && !m_isPosting)
+    {
+        PostNow();
+        return;
+    }
+    PostForName();
 }
 
 void Advertiser::PostForName()

@@ -15,8 +15,8 @@ class NotifyTargetTaskIF;
 /// Task: everything on the task given, the destructor too. One post at a time.
 ///
 /// A record that mDNS renamed after a collision comes back with the new name after each post. So that this does not
-/// go on for ever at the speed of the network, posts because of the name keep pauses, which grow while they do not
-/// last; a rise of the network never waits.
+/// go on for ever at the speed of the network, posts because of another name keep pauses, which grow while they do
+/// not last; a record without a name, and a rise of the network, never wait.
 class Advertiser final
 {
 public:

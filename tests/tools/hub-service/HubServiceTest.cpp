@@ -120,6 +120,19 @@ TEST_F(AdvertiserTest, DoesNotFightForEverWithARenamedRecord)
     EXPECT_EQ(m_posts, before + 1);
 }
 
+TEST_F(AdvertiserTest, EachRestartOfTheServiceIsToldAtOnce)
+{
+    for (int restart = 1; restart <= 10; ++restart)
+    {
+        Name("");
+        Name("Kitchen"); // mDNS still has the record of the service before
+        EXPECT_EQ(m_posts, restart);
+        Posted(true);
+        Name("Kitchen");
+        m_simulation.RunFor(milliseconds(100));
+    }
+}
+
 TEST_F(AdvertiserTest, ASecondWrongNameWithinThePauseIsNotForgotten)
 {
     Name("Other");
