@@ -12,6 +12,9 @@ namespace
 
 const DPrint s_log("PorticoGateway");
 
+/// Names and guids come into log lines.
+constexpr std::size_t kMaxNameBytes = 256;
+
 } // namespace
 
 ClientConnection::ClientConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection,
@@ -95,9 +98,11 @@ void ClientConnection::HandleFrame(const Frame& frame, const AnswerCallback& ans
             answer(Answer::Error(INVALID_REQUEST, "the connection is open already", ownGuid));
             return;
         }
-        if (!frame.params.service)
+        const bool isNamed = frame.params.service && frame.params.service->size() <= kMaxNameBytes &&
+                             frame.params.guid.size() <= kMaxNameBytes;
+        if (!isNamed)
         {
-            answer(Answer::Error(INVALID_PARAMS, "no service", ownGuid));
+            answer(Answer::Error(INVALID_PARAMS, "no service, or one with too long a name", ownGuid));
             return;
         }
         Open(frame.params,

@@ -137,6 +137,7 @@ void GatewayProgram::HandleServed(const std::string& verb, const std::string& pa
         return;
     }
     m_hasOwnList = true;
+    // Once the client that serves it has its answer.
     IL::BreakThread(
         [this, alive = std::weak_ptr(m_alive)]
         {

@@ -41,6 +41,13 @@ void Heartbeat::CheckNow()
         });
 }
 
+void Heartbeat::HandleOwnList()
+{
+    m_isUnderWay = false;
+    ++m_number;
+    CheckNow();
+}
+
 void Heartbeat::HandleResult(unsigned int check, bool isPassed)
 {
     if (!m_isUnderWay || check != m_number)

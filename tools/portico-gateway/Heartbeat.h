@@ -33,6 +33,8 @@ public:
 
     /// Begins a check, after the one that is under way. The first call starts the regular ones.
     void CheckNow();
+    /// The own service has served its list: a check that went without it does not count, and another begins.
+    void HandleOwnList();
 
 private:
     void HandleResult(unsigned int check, bool isPassed);

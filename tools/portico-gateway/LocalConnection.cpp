@@ -64,9 +64,13 @@ void LocalConnection::OpenProduct(const std::string& guid)
 
 void LocalConnection::HandleOwnList()
 {
+    if (m_remote != nullptr)
+    {
+        m_remote->HandleOwnList();
+    }
     if (m_heartbeat != nullptr)
     {
-        m_heartbeat->CheckNow();
+        m_heartbeat->HandleOwnList();
     }
 }
 

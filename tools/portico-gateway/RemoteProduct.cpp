@@ -154,33 +154,55 @@ Answer RemoteProduct::Unreachable(const std::string& reason) const
 
 void RemoteProduct::StartAttempt()
 {
+    ++m_attempt;
     m_state = State::RESOLVING;
     m_toTry.clear();
     m_tried.clear();
     m_isMdnsAsked = false;
-    m_isMdnsPending = false;
     if (m_subProtocol == kTlsSubProtocol && m_surroundings.tls == nullptr)
     {
-        IL::BreakThread(
-            [this, alive = std::weak_ptr(m_alive)]
-            {
-                if (alive.lock())
-                {
-                    Fail("no certificates, start the gateway with --tls-dir");
-                }
-            },
-            m_surroundings.task);
+        const auto fail =
+            ForThisAttempt([this](const auto&) { Fail("no certificates, start the gateway with --tls-dir"); });
+        IL::BreakThread([fail] { fail({}); }, m_surroundings.task);
         return;
     }
-    m_surroundings.addresses.AskTable(m_guid,
-                                      [this, alive = std::weak_ptr(m_alive)](const std::vector<Peer>& peers)
-                                      {
-                                          if (alive.lock())
-                                          {
-                                              m_toTry = peers;
-                                              TryNext();
-                                          }
-                                      });
+    const bool isKnown = !m_tablePeers.empty() && MonotonicClock::NowMs() - m_tableAskedAtMs < kTableMemory.count();
+    if (isKnown)
+    {
+        m_toTry = m_tablePeers;
+        TryNext();
+        return;
+    }
+    m_surroundings.addresses.AskTable(m_guid, ForThisAttempt(
+                                                  [this](const std::vector<Peer>& peers)
+                                                  {
+                                                      m_tablePeers = peers;
+                                                      m_tableAskedAtMs = MonotonicClock::NowMs();
+                                                      m_toTry = peers;
+                                                      TryNext();
+                                                  }));
+}
+
+std::function<void(const std::vector<Peer>&)>
+RemoteProduct::ForThisAttempt(std::function<void(const std::vector<Peer>&)> callback) const
+{
+    return [this, attempt = m_attempt, callback = std::move(callback),
+            alive = std::weak_ptr(m_alive)](const std::vector<Peer>& peers)
+    {
+        if (alive.lock() && attempt == m_attempt && m_state == State::RESOLVING)
+        {
+            callback(peers);
+        }
+    };
+}
+
+void RemoteProduct::HandleOwnList()
+{
+    m_failedAtMs = 0;
+    if (m_state == State::RESOLVING)
+    {
+        StartAttempt();
+    }
 }
 
 void RemoteProduct::TryNext()
@@ -205,15 +227,12 @@ void RemoteProduct::TryNext()
     }
     m_isMdnsAsked = true;
     m_state = State::RESOLVING;
-    m_surroundings.addresses.AskMdns(m_guid,
-                                     [this, alive = std::weak_ptr(m_alive)](const std::vector<Peer>& peers)
-                                     {
-                                         if (alive.lock() && m_state == State::RESOLVING)
-                                         {
-                                             m_toTry = peers;
-                                             TryNext();
-                                         }
-                                     });
+    m_surroundings.addresses.AskMdns(m_guid, ForThisAttempt(
+                                                 [this](const std::vector<Peer>& peers)
+                                                 {
+                                                     m_toTry = peers;
+                                                     TryNext();
+                                                 }));
 }
 
 void RemoteProduct::Connect(const Peer& peer)
@@ -297,6 +316,7 @@ void RemoteProduct::HandleReady()
 {
     m_state = State::READY;
     m_failedAtMs = 0;
+    m_readySinceMs = MonotonicClock::NowMs();
     m_isToldUnreachable = false;
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is reached at %s", m_service.c_str(), m_guid.c_str(),
             m_peer.host.c_str());
@@ -351,7 +371,10 @@ void RemoteProduct::HandleClosed(const std::string& reason)
     {
         each.answer(Unreachable(reason));
     }
-    m_callbacks.lost();
+    if (MonotonicClock::NowMs() - m_readySinceMs >= kStableAfter.count())
+    {
+        m_callbacks.lost();
+    }
 }
 
 void RemoteProduct::Fail(const std::string& reason)

@@ -5,7 +5,9 @@
 #include "RpcFrame.h"
 #include "Surroundings.h"
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -52,9 +54,15 @@ public:
     /// Holds from now on, reached or not; an error that the product answers ends it.
     void Subscribe(const std::string& path, const std::string& version, int scope, AnswerCallback answer);
     void Unsubscribe(const std::string& path);
+    /// The product table can be asked now: an attempt that goes on without it begins anew.
+    void HandleOwnList();
 
     static constexpr std::size_t kMaxWaiting = 1024;       ///< requests while there is no connection
     static constexpr std::size_t kMaxSubscriptions = 4096; ///< paths
+    /// A row's address does not change while its product is away, so that not each attempt asks for it.
+    static constexpr std::chrono::milliseconds kTableMemory{10000};
+    /// A connection that stood for less is not missed at once: who closes each one would make us spin.
+    static constexpr std::chrono::milliseconds kStableAfter{1000};
 
 private:
     enum class State
@@ -73,6 +81,9 @@ private:
 
     void Park(const Request& request, AnswerCallback answer);
     void StartAttempt();
+    /// What an address look-up calls: nothing happens where its attempt is over.
+    std::function<void(const std::vector<Peer>&)>
+    ForThisAttempt(std::function<void(const std::vector<Peer>&)> callback) const;
     void TryNext();
     void Connect(const Peer& peer);
     void HandleOpened();
@@ -101,8 +112,11 @@ private:
     Peer m_peer;               ///< the one in use or being tried
     std::vector<Peer> m_toTry; ///< of this attempt
     std::vector<Peer> m_tried;
-    bool m_isMdnsAsked = false; ///< in this attempt
-    bool m_isMdnsPending = false;
+    bool m_isMdnsAsked = false;     ///< in this attempt
+    unsigned int m_attempt = 0;     ///< counts
+    std::vector<Peer> m_tablePeers; ///< as the table gave them last
+    std::int64_t m_tableAskedAtMs = 0;
+    std::int64_t m_readySinceMs = 0;
     std::int64_t m_failedAtMs = 0;
     std::string m_lastReason;
     bool m_isToldUnreachable = false; ///< one log line for a product that is away, not one for each attempt

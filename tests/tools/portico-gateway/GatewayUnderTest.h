@@ -35,6 +35,7 @@ public:
         return found != m_addresses.end() ? found->second : std::vector<std::string>();
     }
     std::atomic<int> questions{0};
+    std::atomic<bool> isSilent{false}; ///< no question is answered
 
 private:
     mutable std::mutex m_mutex;
@@ -121,6 +122,10 @@ private:
         void Find(const std::string& guid, AddressesCallback callback) override
         {
             ++m_lookup.questions;
+            if (m_lookup.isSilent)
+            {
+                return;
+            }
             IL::BreakThread([callback = std::move(callback), found = m_lookup.Get(guid)] { callback(found); }, m_task);
         }
 

@@ -288,8 +288,8 @@ protected:
         settings.peerPort = m_far.LanPort();
         return settings;
     }
-    /// The far product answers at 127.0.0.1, nobody does at this one.
-    static constexpr const char* kNowhere = "127.0.0.99";
+    /// The far product answers at each loopback address; the kernel lets no connection go to this one.
+    static constexpr const char* kNowhere = "255.255.255.255";
 
     GatewayUnderTest m_far{"far"};
     Service m_farService{m_far.Port(), {{"guid", "far"}}};
@@ -331,6 +331,38 @@ TEST_F(GatewayAddresses, ComeFromMdnsWhenTheRowLeadsNowhere)
     client.Open("Client", "far");
     EXPECT_EQ(client.Call("get", {{"path", "/sonarix/info"}})["result"]["guid"], "far");
     EXPECT_EQ(client.TakeHeartbeat(), kOnline);
+    EXPECT_EQ(near.ListRequests(), 1);
+    EXPECT_EQ(m_near.lookup.questions, 2);
+}
+
+TEST_F(GatewayAddresses, AreAskedForAnewWhenTheOwnServiceComesBack)
+{
+    m_farService.ServeInfo();
+    m_near.lookup.isSilent = true;
+    RpcClient client(m_near.Port());
+    client.Open("Client", "far"); // as after the gateway's restart: the service's own connection comes later
+    const int get = client.Ask("get", {{"path", "/sonarix/info"}});
+    EXPECT_FALSE(client.Has("heartbeat", 300ms));
+    EXPECT_EQ(m_near.lookup.questions, 1);
+    Service near(m_near.Port(), {{"guid", "near"}}, {{"products", {Row("far", "127.0.0.1")}}});
+    near.ServeList();
+    EXPECT_EQ(client.AnswerTo(get)["result"]["guid"], "far");
+    EXPECT_EQ(client.TakeHeartbeat(), kOnline) << "nothing was said of the time without the table";
+    EXPECT_FALSE(client.Has("heartbeat", 300ms));
+}
+
+TEST_F(GatewayAddresses, AreNotAskedForAtEachAttempt)
+{
+    Service near(m_near.Port(), {{"guid", "near"}}, {{"products", {Row("away", kNowhere)}}});
+    near.ServeList();
+    RpcClient client(m_near.Port());
+    client.Open("Client", "away");
+    for (int i = 0; i < 5; ++i)
+    {
+        EXPECT_EQ(client.TakeHeartbeat(), kOffline);
+    }
+    EXPECT_EQ(near.ListRequests(), 1);
+    EXPECT_GE(m_near.lookup.questions, 4) << "mDNS may have a new address";
 }
 
 TEST_F(GatewayAddresses, AreNotBelievedWhereAnotherProductAnswers)
