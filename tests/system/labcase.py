@@ -101,9 +101,13 @@ class LabCase(unittest.TestCase):
             time.sleep(0.2)
         return self.fail(f"{observer} does not resolve \"{instance}\" of {service_type} within {seconds} s: {seen}")
 
-    def assert_published(self, name, **options):
-        """The whole record of a product, seen from another one."""
+    def assert_published(self, name, since=None, **options):
+        """The whole record of a product, seen from another one. `since` is a size of the service's log: what the mDNS
+        daemons still remember of before does not count.
+        """
         product = self.lab.product(name)
+        if since is not None:
+            self.wait_for_log(name, since, f"Service {product.spoken_name}: established", 15)
         port, txt = self.published(self.others(name)[0], product.spoken_name, **options)
         self.assertEqual(port, 8090)
         self.assertEqual({key.decode() for key in txt}, TXT_KEYS)
