@@ -89,10 +89,11 @@ private:
         HANDSHAKE,
     };
 
-    /// A few buffers of a sequence: header and body of a frame go out together, and a partial transfer is legal.
+    /// The first buffers of a sequence: all of a frame, or of an HTTP answer, go out together. A partial transfer
+    /// is legal.
     struct Pieces
     {
-        std::array<iovec, 4> parts;
+        std::array<iovec, 16> parts;
         std::size_t count = 0;
     };
 
