@@ -228,6 +228,12 @@ void DiscoveryServiceAggregator::HandleProductUpdate(const Sonarix::Product& pro
         return;
     }
     TrackProduct(product);
+    if (product.state() == SXCommon::OFFLINE && IsPronouncedDead(guid, m_products, m_offlineStamps))
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+               "Product " << guid << " already pronounced dead by reaper. Don't try connecting to it");
+    }
+    ConnectToRemoteProduct(guid); // a product that was given up is asked once more, too
 }
 
 void DiscoveryServiceAggregator::TrackProduct(const Sonarix::Product& product)
@@ -249,13 +255,6 @@ void DiscoveryServiceAggregator::TrackProduct(const Sonarix::Product& product)
         entry.set_state(state);
         PutBackAddress(*entry.mutable_productinfo(), address);
     }
-
-    if (product.state() == SXCommon::OFFLINE && IsPronouncedDead(guid, m_products, m_offlineStamps))
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-               "Product " << guid << " already pronounced dead by reaper. Don't try connecting to it");
-    }
-    ConnectToRemoteProduct(guid); // a product that was given up is asked once more, too
 }
 
 void DiscoveryServiceAggregator::HandleAddChild(const Sonarix::Product& product)

@@ -13,6 +13,7 @@
 
 #include <limits>
 #include <optional>
+#include <string>
 #include <utility>
 
 namespace SonarixService
@@ -93,7 +94,7 @@ std::uint64_t DiscoveryServiceAggregator::ComputeMsToNextClosestTimeoutMs(const 
     {
         closest = kOfflineLimitSec; // also where every stamp was left out
     }
-    DPRINTF(s_aggregatorLog, DPrint::LEVEL_DEBUG, "secondsToNextTimeout = %f", closest);
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG, "secondsToNextTimeout = " << std::to_string(closest));
     return static_cast<std::uint64_t>(closest * 1000.0);
 }
 
@@ -107,9 +108,8 @@ void DiscoveryServiceAggregator::PeriodicReapOfflineProducts()
         // until the second is over, would find the same again.
         ms = kNextSecondMs;
     }
-    DPRINTF(s_aggregatorLog, DPrint::LEVEL_INFO,
-            "Setting timer for next HandleReapOfflineProducts. Fires in %llu milliseconds ",
-            static_cast<unsigned long long>(ms));
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+           "Setting timer for next HandleReapOfflineProducts. Fires in " << ms << " milliseconds ");
     m_reapTimer.PostIn(static_cast<unsigned int>(ms), [this] { HandleReapOfflineProducts(); });
 }
 

@@ -162,7 +162,10 @@ void DiscoveryServiceAggregator::HandleOurProductModeChange(const ProductMode& p
 
     if (previous == SXCommon::UNKNOWN_MODE && !m_cachedMdnsUpdates.empty())
     {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Playing-back any mDNS updates we received while initializing");
         PlayBackMdnsUpdates();
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+               "Done playing-back any mDNS updates we received while initializing");
     }
 }
 
@@ -178,7 +181,6 @@ void DiscoveryServiceAggregator::ForgetOtherProducts()
 
 void DiscoveryServiceAggregator::PlayBackMdnsUpdates()
 {
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Playing-back any mDNS updates we received while initializing");
     std::vector<Sonarix::Product> updates;
     updates.swap(m_cachedMdnsUpdates);
     for (const Sonarix::Product& update : updates)
@@ -195,7 +197,6 @@ void DiscoveryServiceAggregator::PlayBackMdnsUpdates()
     }
     updates.clear();
     updates.swap(m_cachedMdnsUpdates); // keeps the storage
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Done playing-back any mDNS updates we received while initializing");
 }
 
 DiscoveryServiceAggregator::ProductMode

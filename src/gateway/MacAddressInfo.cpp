@@ -60,7 +60,10 @@ std::string MacAddressReader::GetMacFromDeviceTree() const
         return {};
     }
     std::array<char, 6> bytes{};
-    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!file.read(bytes.data(), static_cast<std::streamsize>(bytes.size())))
+    {
+        return {};
+    }
 
     std::string mac;
     for (const char byte : bytes)

@@ -72,6 +72,16 @@ bool AppendEscaped(std::string& line, const std::string& text, std::size_t limit
     constexpr char kHex[] = "0123456789abcdef";
     for (std::size_t at = 0; at < text.size();)
     {
+        if (text[at] == '\n') // an indented record: its line ends and indents become one blank
+        {
+            at = text.find_first_not_of(" \n", at);
+            at = at == std::string::npos ? text.size() : at;
+            if (at < text.size() && line.size() < limit)
+            {
+                line += ' ';
+            }
+            continue;
+        }
         const std::size_t length = PrintableLength(text, at);
         if (line.size() + (length == 0 ? 4 : length) > limit)
         {

@@ -1,3 +1,5 @@
+#include "DPrint.h"
+#include "JsonNesting.h"
 #include "ProtoToMarkup.h"
 
 #include <google/protobuf/descriptor.h>
@@ -7,6 +9,8 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 
 namespace
@@ -17,8 +21,31 @@ using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using nlohmann::json;
 
-/// As deep as protobuf's own reader goes; nothing of ours nests ten levels.
-constexpr int kMaxDepth = 100;
+const DPrint s_log("ProtoToMarkup");
+
+/// One line for each enumerator that we do not know, not one for each record that holds it: a neighbour of a later
+/// generation sends it with every answer.
+void TellUnknownEnumerator(const FieldDescriptor& field, const std::string& value)
+{
+    constexpr std::size_t kMaxTold = 256;
+    static std::mutex s_mutex;
+    static std::set<std::string> s_told;
+    const std::string what = field.full_name() + ": " + value.substr(0, 64);
+    const std::lock_guard lock(s_mutex);
+    if (s_told.size() < kMaxTold && s_told.insert(what).second)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, "unknown enumerator, its field stays unset: " << what);
+    }
+}
+
+bool IsKnownEnumerator(const json& value, const google::protobuf::EnumDescriptor& type)
+{
+    if (value.is_string())
+    {
+        return type.FindValueByName(value.get<std::string>()) != nullptr;
+    }
+    return !value.is_number_integer() || type.FindValueByNumber(value.get<int>()) != nullptr;
+}
 
 const FieldDescriptor* FindField(const Descriptor& type, const std::string& key)
 {
@@ -26,13 +53,17 @@ const FieldDescriptor* FindField(const Descriptor& type, const std::string& key)
     return field != nullptr ? field : type.FindFieldByCamelcaseName(key);
 }
 
-void CheckKinds(const json& object, const Descriptor& type, int depth);
+void CheckKinds(const json& object, const Descriptor& type);
 
-void CheckElement(const json& value, const FieldDescriptor& field, int depth)
+void CheckElement(const json& value, const FieldDescriptor& field)
 {
     if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE && value.is_object())
     {
-        CheckKinds(value, *field.message_type(), depth + 1);
+        CheckKinds(value, *field.message_type());
+    }
+    if (field.cpp_type() == FieldDescriptor::CPPTYPE_ENUM && !IsKnownEnumerator(value, *field.enum_type()))
+    {
+        TellUnknownEnumerator(field, value.is_string() ? value.get<std::string>() : value.dump());
     }
     if (field.cpp_type() == FieldDescriptor::CPPTYPE_BOOL && !value.is_boolean())
     {
@@ -41,12 +72,8 @@ void CheckElement(const json& value, const FieldDescriptor& field, int depth)
 }
 
 /// What protobuf's reader lets pass: one value where a list belongs, "true" as a text.
-void CheckKinds(const json& object, const Descriptor& type, int depth)
+void CheckKinds(const json& object, const Descriptor& type)
 {
-    if (depth > kMaxDepth)
-    {
-        throw ProtoToMarkup::MarkupError("nested too deep");
-    }
     for (const auto& [key, value] : object.items())
     {
         const FieldDescriptor* const field = FindField(type, key);
@@ -56,7 +83,7 @@ void CheckKinds(const json& object, const Descriptor& type, int depth)
         }
         if (!field->is_repeated())
         {
-            CheckElement(value, *field, depth);
+            CheckElement(value, *field);
             continue;
         }
         if (!value.is_array())
@@ -65,7 +92,7 @@ void CheckKinds(const json& object, const Descriptor& type, int depth)
         }
         for (const json& element : value)
         {
-            CheckElement(element, *field, depth);
+            CheckElement(element, *field);
         }
     }
 }
@@ -73,6 +100,10 @@ void CheckKinds(const json& object, const Descriptor& type, int depth)
 /// Reads strict JSON: protobuf's own reader takes bare keys, single quotes and trailing commas too.
 json ParseObject(const std::string& text)
 {
+    if (ProtoToMarkup::IsNestedTooDeep(text))
+    {
+        throw ProtoToMarkup::MarkupError("nested too deep");
+    }
     json document;
     try
     {
@@ -111,7 +142,7 @@ std::string Shorten(std::string text)
 
 void Read(const std::string& text, const json& object, Message* message)
 {
-    CheckKinds(object, *message->GetDescriptor(), 0);
+    CheckKinds(object, *message->GetDescriptor());
     google::protobuf::util::JsonParseOptions options;
     options.ignore_unknown_fields = true;
     const std::unique_ptr<Message> fresh(message->New());

@@ -1,5 +1,7 @@
 #include "JsonRpc.h"
 
+#include "JsonNesting.h"
+
 #include <nlohmann/json.hpp>
 
 namespace
@@ -88,6 +90,10 @@ namespace Portico::JsonRpc
 
 Frame Parse(const std::string& text)
 {
+    if (ProtoToMarkup::IsNestedTooDeep(text)) // bodies are written out again, a stack frame a level
+    {
+        return Invalid("nested too deep");
+    }
     const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!document.is_object())
     {

@@ -14,7 +14,7 @@ class Message;
 }
 
 /// What the gateway client reports by itself.
-enum PORTICO_CLIENT_ERRORS
+enum PORTICO_CLIENT_ERRORS : int // any status that a gateway may send is a value of it
 {
     HEARTBEAT_ONLINE = 1040,  ///< the remote product answers
     HEARTBEAT_OFFLINE = 1041, ///< the remote product does not answer

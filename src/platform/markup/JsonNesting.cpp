@@ -1,0 +1,34 @@
+#include "JsonNesting.h"
+
+#include <cstddef>
+
+bool ProtoToMarkup::IsNestedTooDeep(const std::string& text)
+{
+    int depth = 0;
+    bool isInString = false;
+    for (std::size_t at = 0; at < text.size(); ++at)
+    {
+        const char letter = text[at];
+        if (isInString)
+        {
+            at += letter == '\\' ? 1U : 0U;
+            isInString = letter != '"';
+        }
+        else if (letter == '"')
+        {
+            isInString = true;
+        }
+        else if (letter == '[' || letter == '{')
+        {
+            if (++depth > kMaxJsonNesting)
+            {
+                return true;
+            }
+        }
+        else if (letter == ']' || letter == '}')
+        {
+            --depth;
+        }
+    }
+    return false;
+}
