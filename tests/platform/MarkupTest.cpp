@@ -1,4 +1,5 @@
 // The JSON form of records, on the client library's own record and on protobuf's.
+#include "LogCapture.h"
 #include "PorticoError.pb.h"
 #include "ProtoToMarkup.h"
 
@@ -64,6 +65,11 @@ TEST(Markup, UnknownFieldsAndEnumeratorsLeaveTheirFieldUnset)
     EXPECT_FALSE(field.has_name()) << "the message is replaced, not merged into";
     FromJson(R"({"typeName":"t"})", &field);
     EXPECT_EQ(field.type_name(), "t");
+
+    const LogCapture log;
+    FromJson(R"({"label":"LABEL_LATER"})", &field);
+    FromJson(R"({"label":"LABEL_LATER"})", &field);
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U) << "told once, not with every record that holds it";
 }
 
 TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
