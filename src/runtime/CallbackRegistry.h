@@ -95,7 +95,7 @@ private:
         std::shared_ptr<CThreadMutex> m_mutex;
         Callback<void> m_onEmpty;
         NodeList m_connections;
-        std::list<Iterator> m_pendingRemovals; ///< put off while a Send runs
+        std::list<Iterator> m_pendingRemovals; ///< put off while a Send runs; else empty
         bool m_sending = false;                ///< one flag, not a count: the end of a nested Send clears it for both
 
         void Remove(Iterator node)
@@ -108,8 +108,6 @@ private:
                 }
                 return;
             }
-            // The nested Send of a subscriber may have ended with this node still on the list of removals.
-            m_pendingRemovals.remove(node);
             m_connections.erase(node);
             NotifyIfEmpty();
         }
@@ -150,7 +148,6 @@ private:
             }
             const NodeList leaving = std::move(m_connections);
             m_connections.clear();
-            m_pendingRemovals.clear();
             for (const Node& connection : leaving)
             {
                 connection->Detach(garbage);

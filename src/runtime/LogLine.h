@@ -18,8 +18,9 @@ std::string Plain(const std::string& channel, int level, const std::string& text
 /// "<6>MdnsService: text\n", the form in which journald reads a priority from a service's standard error.
 std::string Journal(const std::string& channel, int level, const std::string& text);
 
-/// Appends `text` to `line` until `limit` bytes: control characters and bytes that are no UTF-8 become \xNN, so
-/// that a name from the LAN can neither begin a line of its own nor steer a terminal. False: cut off there.
+/// Appends `text` to `line` until `limit` bytes: line ends with what is indented after them become one blank, other
+/// control characters and bytes that are no UTF-8 become \xNN, so that a name from the LAN can neither begin a line
+/// of its own nor steer a terminal. False: cut off there.
 bool AppendEscaped(std::string& line, const std::string& text, std::size_t limit);
 
 } // namespace LogLine

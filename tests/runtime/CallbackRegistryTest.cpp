@@ -137,6 +137,20 @@ TEST_F(CallbackRegistryTest, NestedSend)
     EXPECT_THAT(Send("again"), ElementsAre("last again"));
 }
 
+TEST_F(CallbackRegistryTest, WhoHasLeftInItsOwnCallIsNotCalledByANestedSend)
+{
+    CallbackConnection self;
+    self = m_registry->Connect(
+        [&](const std::string&)
+        {
+            m_calls.push_back("self");
+            self.Disconnect();
+            m_registry->Send("inner", {});
+        });
+    Add("other ");
+    EXPECT_THAT(Send("outer"), ElementsAre("self", "other inner", "other outer"));
+}
+
 TEST_F(CallbackRegistryTest, DestroyedInASend)
 {
     CallbackConnection killer;

@@ -175,6 +175,8 @@ TEST(RealTimers, FireInTheOrderOfTheirTimesAndNeverEarly)
 {
     const RealTask task;
     Watched<std::string> order;
+    MessageTimer farAway("far away", task.Get());
+    farAway.PostIn(3'600'000, [] { ADD_FAILURE(); }); // the ones armed later come first all the same
     MessageTimer late("late", task.Get());
     MessageTimer early("early", task.Get());
     const auto before = std::chrono::steady_clock::now();
