@@ -37,10 +37,11 @@ void MdnsWorker::Find(const std::string& guid, AddressesCallback callback)
         callback({});
         return;
     }
-    Question question{guid, std::move(callback), MonotonicClock::NowMs() + kLimit.count(), {}};
+    const std::int64_t now = MonotonicClock::NowMs();
+    Question question{guid, std::move(callback), now + kLimit.count(), {}};
     for (const auto& [id, record] : m_records)
     {
-        if (record.guid == guid) // its address may be another by now
+        if (record.guid == guid && now >= record.restsUntilMs) // its address may be another by now
         {
             question.awaited.insert(id);
         }
@@ -199,7 +200,11 @@ void MdnsWorker::HandleResolved(unsigned int backend, const MDNS::ServiceId& id,
     record.isResolving = false;
     record.resolve.Disconnect();
     --m_resolving;
-    if (host != MDNS::kNotSeen)
+    if (host == MDNS::kNotSeen)
+    {
+        record.restsUntilMs = MonotonicClock::NowMs() + kResolvePause.count();
+    }
+    else
     {
         const auto guid = service.txt.find(kGuidKey);
         record.guid = guid != service.txt.end() ? guid->second : std::string();

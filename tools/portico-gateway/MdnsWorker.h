@@ -47,6 +47,8 @@ public:
     /// Records that are followed; a neighbour that invents more is passed over.
     static constexpr std::size_t kMaxRecords = 4096;
     static constexpr std::size_t kMaxQuestions = 1024;
+    /// A record whose product has gone without a goodbye fails at each resolve, which is a line in the log each.
+    static constexpr std::chrono::milliseconds kResolvePause{10000};
     /// Where there is no D-Bus, trying again sooner only fills the log.
     static constexpr std::chrono::milliseconds kBackendPause{30000};
 
@@ -58,6 +60,7 @@ private:
         CallbackConnection resolve; ///< under way
         bool isResolving = false;
         bool isQueued = false;
+        std::int64_t restsUntilMs = 0; ///< after a resolve that failed
     };
     struct Question
     {

@@ -90,6 +90,29 @@ TEST_F(GatewayMdns, AnswersInTimeWhatNobodyKnows)
     EXPECT_THAT(**third, ElementsAre("10.0.0.2")) << "the last that was known";
 }
 
+TEST_F(GatewayMdns, LeavesARecordAloneThatNobodyAnswersFor)
+{
+    m_mdns.Announce(Product("Kitchen", "g-1", "10.0.0.1"));
+    Ask("g-1");
+    m_simulation.RunFor(100ms);
+    m_mdns.FallSilent("Kitchen", "_kova-lanyard._tcp");
+    m_mdns.ClearCalls();
+    for (int i = 0; i < 5; ++i) // the checks of a product that is away
+    {
+        auto answer = Ask("g-1");
+        m_simulation.RunFor(2s);
+        ASSERT_TRUE(answer->has_value());
+        EXPECT_THAT(**answer, ElementsAre("10.0.0.1"));
+    }
+    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Kitchen"));
+    m_mdns.Announce(Product("Kitchen", "g-1", "10.0.0.2"));
+    m_simulation.RunFor(1s);
+    auto answer = Ask("g-1");
+    m_simulation.RunFor(100ms);
+    ASSERT_TRUE(answer->has_value());
+    EXPECT_THAT(**answer, ElementsAre("10.0.0.2"));
+}
+
 TEST_F(GatewayMdns, ComesBackAfterTheDaemonAndLivesWithoutABus)
 {
     m_mdns.SetHasBus(false);

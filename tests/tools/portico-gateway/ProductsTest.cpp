@@ -200,7 +200,7 @@ TEST_F(GatewayProducts, NoticesADeathAndRenewsEverythingAfterTheReturn)
     EXPECT_EQ(RpcClient::Code(lost), 503);
     EXPECT_EQ(lost["error"]["data"]["guid"], "far");
     EXPECT_EQ(client.TakeHeartbeat(), kOffline);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
     EXPECT_EQ(RpcClient::Code(client.Call("get", {{"path", "/sonarix/info"}})), 503);
     EXPECT_EQ(RpcClient::Code(client.Call("subscribe", {{"path", "/other"}})), 0) << "holds, reached or not";
 
