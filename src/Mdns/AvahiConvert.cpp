@@ -86,7 +86,7 @@ StringList ToStringList(const std::map<std::string, std::string>& txt)
     items.reserve(txt.size());
     for (const auto& [key, value] : txt)
     {
-        items.push_back(key + "=" + value);
+        items.emplace_back(key).append("=").append(value);
     }
     std::vector<const char*> pointers;
     pointers.reserve(items.size());

@@ -98,6 +98,8 @@ private:
     void ReResolveClock(const Record& sb);
     void RestartReResolveTimer(const Record& sb);
     CallbackConnection StartResolve(const MDNS::ServiceId& id, const Record& sb);
+    /// One-shot: frees what the backend holds for the resolve.
+    void EndResolve(const std::string& name, const Record& sb);
     void StopServiceAction();
 
     // Products.

@@ -8,7 +8,6 @@
 #include "Sonarix.pb.h"
 #include "SonarixPb.pb.h"
 #include "Timers.h"
-#include "Utf8Text.h"
 
 #include <utility>
 
@@ -28,7 +27,7 @@ void LogUnusableRecords(const MDNS::Service& s)
     if (!leftOut.empty())
     {
         DPRINTF(s_log, DPrint::LEVEL_WARNING, "%s of %s: TXT records that cannot be used are left out: %s",
-                ReplaceInvalidUtf8(s.name).c_str(), s.type.c_str(), leftOut.c_str());
+                s.name.c_str(), s.type.c_str(), leftOut.c_str());
     }
 }
 
@@ -114,7 +113,7 @@ void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, 
     {
         DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() non-existent device", "Resolved");
         m_productRegistry.Send(s, SonarixPb::OFFLINE, CallbackConnection());
-        sb->resolvers[s.name].connection.Disconnect();
+        EndResolve(s.name, sb);
         return;
     }
     const auto [entry, isNew] = m_discovered.try_emplace(s.name);
@@ -125,7 +124,16 @@ void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, 
         LogUnusableRecords(s);
     }
     m_productRegistry.Send(s, SonarixPb::ONLINE, CallbackConnection());
-    sb->resolvers[s.name].connection.Disconnect();
+    EndResolve(s.name, sb);
+}
+
+void MdnsService::EndResolve(const std::string& name, const Record& sb)
+{
+    const auto entry = sb->resolvers.find(name);
+    if (entry != sb->resolvers.end()) // else the answer was on its way when the service or the backend went
+    {
+        entry->second.connection.Disconnect();
+    }
 }
 
 void MdnsService::ReResolveClock(const Record& sb)

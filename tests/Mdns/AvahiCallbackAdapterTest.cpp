@@ -51,12 +51,14 @@ TEST(AvahiCallbackAdapterTest, TheUserDataIsFoundWhereverItStands)
     Library<Middle> middle;
     const auto [handle2, connection2] = detail::AdapterOf<Middle>::Create(
         [&](const char* a, int b) { heard = a + std::to_string(b); }, middle.Constructor());
+    EXPECT_EQ(handle2, &middle);
     middle.m_callback("middle ", middle.m_userData, 2);
     EXPECT_EQ(heard, "middle 2");
 
     Library<Last> last;
     const auto [handle3, connection3] = detail::AdapterOf<Last>::Create(
-        [&](int a, std::string b, double) { heard = b + std::to_string(a); }, last.Constructor());
+        [&](int a, const std::string& b, double) { heard = b + std::to_string(a); }, last.Constructor());
+    EXPECT_EQ(handle3, &last);
     last.m_callback(3, "last ", 0.5, last.m_userData);
     EXPECT_EQ(heard, "last 3");
 

@@ -153,6 +153,7 @@ void AvahiHost::ClaimInstance(const std::string& name, const std::string& type)
 pid_t AvahiHost::Spawn(const std::vector<std::string>& command, int inheritedFd)
 {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& argument : command)
     {
         arguments.push_back(const_cast<char*>(argument.c_str()));

@@ -27,7 +27,6 @@
 using namespace SonarixService;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 namespace
 {
