@@ -1,5 +1,20 @@
 # Sourced by ./run, ./test and .ci/run.
 
+# install_without_services PACKAGE...: by apt, with $root before each command. Debian asks policy-rc.d whether a
+# package may start its services: no, for as long as this runs, however it ends.
+install_without_services()
+(
+    policy=/usr/sbin/policy-rc.d
+    apt=("${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
+    if [ ! -e "$policy" ]; then
+        trap '"${root[@]}" rm -f "$policy"' EXIT
+        trap 'exit 1' INT TERM HUP
+        printf '#!/bin/sh\nexit 101\n' | "${root[@]}" tee "$policy"
+        "${root[@]}" chmod 755 "$policy"
+    fi
+    "${apt[@]}" update && "${apt[@]}" install --no-install-recommends "$@"
+)
+
 # install_packages LIST: installs those Debian packages of LIST (separated by blanks or lines, # to the end of a
 # line is a comment) that are missing. Starts none of their services. Says in one line why it cannot go on.
 install_packages()
@@ -24,16 +39,8 @@ install_packages()
         root=(sudo -n)
     fi
     echo "installing ${missing[*]}"
-    local policy=/usr/sbin/policy-rc.d status=0
-    if [ -e "$policy" ]; then
-        policy=
-    else
-        printf '#!/bin/sh\nexit 101\n' | "${root[@]}" tee "$policy" >/dev/null
-        "${root[@]}" chmod 755 "$policy"
-    fi
-    local apt=("${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
-    { "${apt[@]}" update && "${apt[@]}" install --no-install-recommends "${missing[@]}"; } >/dev/null || status=1
-    [ -z "$policy" ] || "${root[@]}" rm -f "$policy"
+    local status=0
+    install_without_services "${missing[@]}" >/dev/null || status=1
     if [ $status -ne 0 ]; then
         echo "$0: could not install ${missing[*]}; is the package mirror reachable?" >&2
     fi

@@ -13,7 +13,8 @@ namespace SonarixService
 class SsdpDiscoveryProtocolIF;
 class MdnsDiscoveryProtocolIF;
 
-/// The controller as the objects that it owns see it. All on the controller's task.
+/// The controller as the objects that it owns see it. SetNetworkStatus on the controller's task; the two accessors
+/// from any thread, since what they give is fixed with the construction.
 class DiscoveryServiceControllerIF
 {
 public:
