@@ -7,7 +7,7 @@ import tempfile
 import time
 import unittest
 
-from labcase import BIN_DIR, CONVERGENCE_SECONDS, LOGS, TOOLS, lines_until
+from labcase import BIN_DIR, CONVERGENCE_SECONDS, LOGS, LabCase, TOOLS, lines_until
 
 ROUNDS = 5
 
@@ -78,6 +78,31 @@ class Once(unittest.TestCase):
                 lab.stdout.read()
                 self.assertEqual(lab.wait(10), 0)
         self.assertEqual(os.listdir(self.folder), ["lock"])
+
+
+class Lan(LabCase):
+    """--lan, on a network that a laboratory makes: the stranger's bus and mDNS daemon are that machine's."""
+
+    shape = {"products": 1, "strangers": 1}
+
+    def test_one_service_on_the_machines_network(self):
+        with tempfile.TemporaryDirectory() as folder:
+            lan = self.lab.product("stranger-1").popen(
+                [os.path.join(TOOLS, "sonarix-lab"), "--lan", "--interface", "eth0", "--bin-dir", BIN_DIR,
+                 "--state-dir", folder, "--logs", os.path.join(LOGS, "Lan-machine")], stdout=subprocess.PIPE)
+            try:
+                heard = lines_until(lan.stdout, time.monotonic() + 60)
+                self.assertTrue(any("lists" in line and "ONLINE" in line and '"Kitchen"' in line for line in heard))
+                self.lab.wait_until(lambda tables: any(
+                    (row.state, row.name) == ("ONLINE", "Stranger 1") for row in tables.rows("kitchen").values()), 30,
+                    "the kitchen lists the machine")
+            finally:
+                lan.send_signal(signal.SIGINT)
+                lan.stdout.read()
+                lan.stdout.close()
+                self.assertEqual(lan.wait(10), 0)
+            self.assertEqual(os.listdir(folder), ["lock"])
+        self.assertTrue(self.lab.product("stranger-1").pid("avahi"), "the machine's own daemon goes on")
 
 
 if __name__ == "__main__":
