@@ -4,24 +4,17 @@
 
 #include <filesystem>
 #include <fstream>
-#include <string>
+#include <unistd.h>
 
 using namespace SonarixService;
 
 namespace
 {
 
-const char* const kDeviceTree = "/proc/device-tree/ocp/macaddr/mac-address";
-
 /// A machine's files in a directory of its own.
 class MacAddressInfoTest : public testing::Test
 {
 protected:
-    MacAddressInfoTest()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "mac-XXXXXX").string();
-        m_root = mkdtemp(name.data());
-    }
     ~MacAddressInfoTest() override
     {
         std::filesystem::remove_all(m_root);
@@ -33,50 +26,37 @@ protected:
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << content;
     }
-    void WriteInterface(const std::string& name, const std::string& content) const
-    {
-        Write("/sys/class/net/" + name + "/address", content);
-    }
 
-    std::string m_root;
+    const std::string m_root = testing::TempDir() + "mac-" + std::to_string(getpid());
+    const MacAddressReader m_reader{m_root};
 };
 
 } // namespace
 
-TEST_F(MacAddressInfoTest, InterfaceFileGivesTwelveUpperCaseDigits)
+TEST_F(MacAddressInfoTest, InterfaceFileGivesUpToTwelveUpperCaseDigitsAndNoMadeUpOnes)
 {
-    const MacAddressReader reader(m_root);
-    WriteInterface("eth0", "aa:bb:cc:00:11:22\n");
-    WriteInterface("eth1", "AA-bb-CC-00-11-2f and more"); // the separators are not looked at
-    EXPECT_EQ(reader.GetMAC("eth0"), "AABBCC001122");
-    EXPECT_EQ(reader.GetMAC("eth1"), "AABBCC00112F");
-    EXPECT_EQ(reader.GetMAC("eth2"), "");
-}
-
-TEST_F(MacAddressInfoTest, ShortOrEmptyInterfaceFileGivesNoMadeUpDigits)
-{
-    const MacAddressReader reader(m_root);
-    WriteInterface("eth0", "");
-    WriteInterface("eth1", "aa:b");
-    EXPECT_EQ(reader.GetMAC("eth0"), "");
-    EXPECT_EQ(reader.GetMAC("eth1"), "AAB");
+    const char* const rows[][2] = {{"aa:bb:cc:00:11:22\n", "AABBCC001122"},
+                                   {"AA-bb-CC-00-11-2f and more", "AABBCC00112F"}, // separators are not looked at
+                                   {"aa:b", "AAB"},
+                                   {"", ""}};
+    for (const auto& [content, digits] : rows)
+    {
+        Write("/sys/class/net/eth0/address", content);
+        EXPECT_EQ(m_reader.GetMAC("eth0"), digits);
+    }
 }
 
 TEST_F(MacAddressInfoTest, WiredBeforeDeviceTreeBeforeWireless)
 {
-    const MacAddressReader reader(m_root);
-    EXPECT_EQ(reader.GetPrimaryMAC(), "");
-    EXPECT_EQ(reader.GetMacFromDeviceTree(), "");
+    EXPECT_EQ(m_reader.GetPrimaryMAC(), "");
 
-    WriteInterface("wlan0", "02:00:00:00:00:01\n");
-    EXPECT_EQ(reader.GetWiredMAC(), "");
-    EXPECT_EQ(reader.GetPrimaryMAC(), "020000000001");
+    Write("/sys/class/net/wlan0/address", "02:00:00:00:00:01\n");
+    EXPECT_EQ(m_reader.GetWiredMAC(), "");
+    EXPECT_EQ(m_reader.GetPrimaryMAC(), "020000000001");
 
-    Write(kDeviceTree, std::string("\x00\x1A\x2B\x3C\x4D\xFE", 6));
-    EXPECT_EQ(reader.GetWiredMAC(), "001A2B3C4DFE");
-    EXPECT_EQ(reader.GetPrimaryMAC(), "001A2B3C4DFE");
+    Write("/proc/device-tree/ocp/macaddr/mac-address", std::string("\x00\x1A\x2B\x3C\x4D\xFE", 6));
+    EXPECT_EQ(m_reader.GetPrimaryMAC(), "001A2B3C4DFE");
 
-    WriteInterface("eth0", "02:00:00:00:00:02\n");
-    EXPECT_EQ(reader.GetWiredMAC(), "020000000002");
-    EXPECT_EQ(reader.GetPrimaryMAC(), "020000000002");
+    Write("/sys/class/net/eth0/address", "02:00:00:00:00:02\n");
+    EXPECT_EQ(m_reader.GetPrimaryMAC(), "020000000002");
 }
