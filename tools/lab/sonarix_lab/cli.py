@@ -183,21 +183,24 @@ class _Course:
 
     def follow(self, view):
         """Returns (message, status) at the end of --once; otherwise goes on until it is interrupted."""
-        headline = "looking for one another"
         while True:
-            view.draw(self._lab, headline)
+            view.draw(self._lab, self._lab.look(self._headline))
             if self._steps and self._lab.look(self._steps[0][1]):
-                headline = f"{self._steps.pop(0)[2]} ({self._step_seconds():.1f} s)"
-                view.changed(self._lab.seconds, headline)
+                done = f"{self._steps.pop(0)[2]} ({self._step_seconds():.1f} s)"
+                view.changed(self._lab.seconds, done)
                 self._step_begin = self._lab.seconds
                 if self._steps:
                     self._lab.handle(self._steps[0][0])
                 elif self._options.once:
-                    return headline, 0
+                    return done, 0
                 continue
             if self._options.once and self._step_seconds() > self._time_limit():
                 return self._failure(), 1
             self._lab.wait_change(1.0)
+
+    def _headline(self, tables):
+        missing = tables.missing()
+        return describe_missing(missing) if missing else "every product lists every other as ONLINE"
 
     def _step_seconds(self):
         return self._lab.seconds - self._step_begin
