@@ -22,6 +22,11 @@ const DPrint s_log("mDNS");
 
 CallbackConnection AvahiImpl::Browse(std::string type, Callback<ServiceId> added, Callback<ServiceId> removed)
 {
+    if (!IsText({-1, Protocol::UNSPEC, {}, type, {}}))
+    {
+        AVAHI_ERROR_LINE(s_log, "avahi_service_browser_new", AVAHI_ERR_INVALID_SERVICE_TYPE);
+        return {};
+    }
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
     auto [browser, connection] = detail::AdapterOf<AvahiServiceBrowserCallback>::Create(
         [self = shared_from_this(), added = std::move(added), removed = std::move(removed)](
@@ -84,6 +89,11 @@ void AvahiImpl::BrowseResult(const Callback<ServiceId>& added, const Callback<Se
 
 CallbackConnection AvahiImpl::Resolve(ServiceId id, Callback<std::string, Service> resolved)
 {
+    if (!IsText(id))
+    {
+        AVAHI_ERROR_LINE(s_log, "avahi_service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
+        return {};
+    }
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
     auto [resolver, connection] = detail::AdapterOf<AvahiServiceResolverCallback>::Create(
         [self = shared_from_this(), resolved = std::move(resolved)](
@@ -136,7 +146,8 @@ void AvahiImpl::ResolveResult(const Callback<std::string, Service>& resolved, Av
         if (!avahi_is_valid_service_type_strict(service.type.c_str()))
         {
             DPRINTF(s_log, DPrint::LEVEL_ERROR, "Resolved service \"%s\" with unknown service type: %s, %s (%s)",
-                    service.name.c_str(), service.type.c_str(), service.domain.c_str(), address.host().c_str());
+                    service.name.c_str(), service.type.c_str(), service.domain.c_str(),
+                    Network::IpAddress(address, Network::IpAddress::Family::STREAM).ToString().c_str());
             return;
         }
         service.address = Network::IpAddress(address, FamilyOfType(service.type));

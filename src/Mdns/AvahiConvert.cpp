@@ -1,5 +1,7 @@
 #include "AvahiConvert.h"
 
+#include "Utf8.h"
+
 #include <avahi-common/domain.h>
 
 #include <array>
@@ -22,6 +24,11 @@ proto_cvtr::operator Protocol() const
     default:
         return Protocol::UNSPEC;
     }
+}
+
+bool IsText(const ServiceId& id)
+{
+    return Utf8::IsValid(id.name) && Utf8::IsValid(id.type) && Utf8::IsValid(id.domain);
 }
 
 AvahiProtocol ToAvahi(Protocol protocol)
@@ -82,6 +89,10 @@ std::map<std::string, std::string> ToTxtMap(const AvahiStringList* list)
 
 StringList ToStringList(const std::map<std::string, std::string>& txt)
 {
+    if (txt.empty())
+    {
+        return StringList(nullptr); // the library's empty list; from an empty array it makes none, but aborts
+    }
     std::vector<std::string> items;
     items.reserve(txt.size());
     for (const auto& [key, value] : txt)

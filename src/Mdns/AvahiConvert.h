@@ -57,6 +57,9 @@ private:
 
 AvahiProtocol ToAvahi(Protocol protocol);
 
+/// True where all texts of the id are UTF-8. Others must not reach the library: its bus aborts the process on them.
+bool IsText(const ServiceId& id);
+
 /// `port` in host byte order. A null `address` gives an empty host and port 0.
 Network::AddrInfo ToAddrInfo(const AvahiAddress* address, std::uint16_t port);
 

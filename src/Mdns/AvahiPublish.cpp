@@ -34,6 +34,11 @@ using AvahiString = std::unique_ptr<char, AvahiFree>;
 
 CallbackConnection AvahiImpl::PublishService(const Service& s, Callback<Service> published)
 {
+    if (!IsText(s))
+    {
+        AVAHI_ERROR_LINE(s_log, "avahi_entry_group_add_service_strlst", AVAHI_ERR_INVALID_SERVICE_NAME);
+        return {};
+    }
     // Shared with the group's callback, so that a collision can rename it; under the poll's lock from here on.
     const auto service = std::make_shared<Service>(s);
 
@@ -176,6 +181,11 @@ void AvahiImpl::PublishResult(Service& service, const Callback<Service>& publish
 
 bool AvahiImpl::UpdateService(const Service& s)
 {
+    if (!IsText(s))
+    {
+        AVAHI_ERROR_LINE(s_log, "avahi_entry_group_update_service_txt_strlst", AVAHI_ERR_INVALID_SERVICE_NAME);
+        return false;
+    }
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
     const auto group = m_groups.find(s.name);
     if (group == m_groups.end())

@@ -64,10 +64,18 @@ std::shared_ptr<MdnsServiceIF> MdnsDiscoveryProtocol::MdnsService()
     return m_mdnsService;
 }
 
-void MdnsDiscoveryProtocol::AddRegistration(const CallbackConnection& connection)
+void MdnsDiscoveryProtocol::AddRegistration(const CallbackConnection& connection,
+                                            const std::shared_ptr<MdnsServiceIF>& service)
 {
-    const ScopedMutex lock(m_mutex);
-    m_registrations.push_back(connection);
+    {
+        const ScopedMutex lock(m_mutex);
+        if (service && service == m_mdnsService)
+        {
+            m_registrations.push_back(connection);
+            return;
+        }
+    }
+    connection.Disconnect(); // stopped meanwhile
 }
 
 void MdnsDiscoveryProtocol::Start()
@@ -92,10 +100,10 @@ void MdnsDiscoveryProtocol::Start()
         },
         m_task);
     const AsyncCallback<CallbackConnection, bool> registered(
-        [this](const CallbackConnection& connection, const bool& enabled)
+        [this, of = std::weak_ptr<MdnsServiceIF>(service)](const CallbackConnection& connection, const bool& enabled)
         {
             DPRINT(s_log, DPrint::LEVEL_DEBUG, "RegistrationStatusCallback : enabled = " << Text(enabled));
-            AddRegistration(connection);
+            AddRegistration(connection, of.lock());
         },
         m_task);
     service->RegisterForProductUpdates({MdnsServiceIF::FILTER_ALL, ""}, MdnsServiceIF::RENDERER, product, registered);
@@ -266,24 +274,11 @@ void MdnsDiscoveryProtocol::BroadcastInitialAccessoryAnnouncement(const SonarixP
 void MdnsDiscoveryProtocol::NetworkWentUp()
 {
     DPRINT(s_log, DPrint::LEVEL_INFO, "NetworkWentUp");
-    std::shared_ptr<MdnsServiceIF> mdns;
-    std::optional<SonarixPb::DeviceInfo> device;
-    std::optional<SonarixPb::DeviceInfo> accessory;
-    Parked removes;
-    Parked adds;
-    {
-        const ScopedMutex lock(m_mutex);
-        m_networkIsUp = true;
-        mdns = m_mdnsService;
-        if (mdns)
-        {
-            device.swap(m_deferredDevice);
-            accessory.swap(m_deferredAccessory);
-            removes.swap(m_pendingRemoves);
-            adds.swap(m_pendingAdds);
-        }
-    }
-    if (!mdns)
+    // Held to the end, so that no newer request of another task overtakes what was parked: the operations of the
+    // service only copy and post.
+    const ScopedMutex lock(m_mutex);
+    m_networkIsUp = true;
+    if (!m_mdnsService)
     {
         DPRINT(s_log, DPrint::LEVEL_ERROR, "MdnsService not started yet, what was deferred stays so");
         return;
@@ -291,24 +286,28 @@ void MdnsDiscoveryProtocol::NetworkWentUp()
 
     // The announcement first, since the other records wait for it; removals before adds, so that a service that was
     // replaced ends up present.
-    if (device)
+    if (m_deferredDevice)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, "Broadcasting deferred initial device announcement");
-        mdns->BroadcastInitialDeviceAnnouncement(*device);
+        m_mdnsService->BroadcastInitialDeviceAnnouncement(*m_deferredDevice);
+        m_deferredDevice.reset();
     }
-    if (accessory)
+    if (m_deferredAccessory)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, "Broadcasting deferred initial accessory announcement");
-        mdns->BroadcastInitialAccessoryAnnouncement(*accessory);
+        m_mdnsService->BroadcastInitialAccessoryAnnouncement(*m_deferredAccessory);
+        m_deferredAccessory.reset();
     }
-    for (const auto& [key, service] : removes)
+    for (const auto& [key, service] : m_pendingRemoves)
     {
-        mdns->RemoveService(ToMdnsService(service));
+        m_mdnsService->RemoveService(ToMdnsService(service));
     }
-    for (const auto& [key, service] : adds)
+    m_pendingRemoves.clear();
+    for (const auto& [key, service] : m_pendingAdds)
     {
-        mdns->AddService(ToMdnsService(service));
+        m_mdnsService->AddService(ToMdnsService(service));
     }
+    m_pendingAdds.clear();
 }
 
 void MdnsDiscoveryProtocol::NetworkWentDown()

@@ -25,7 +25,7 @@ class MdnsServiceIF;
 /// Task: operations run on the caller's task, from several; products come on the mDNS task.
 /// Owner: the controller, for the life of the process. The destructor waits for the end of the mDNS task, which it
 /// does not stop by itself.
-/// Never blocks on the network and never calls out with its mutex held.
+/// Never blocks on the network and holds its mutex for copies, and for the replay, whose calls only post.
 ///
 /// Limitations: parked requests have no limit in time or number.
 class MdnsDiscoveryProtocol final : public MdnsDiscoveryProtocolIF,
@@ -60,13 +60,13 @@ private:
     using Parked = std::map<std::string, SonarixPb::Service>; ///< by name, type and domain, joined
 
     std::shared_ptr<MdnsServiceIF> MdnsService();
-    void AddRegistration(const CallbackConnection& connection);
+    void AddRegistration(const CallbackConnection& connection, const std::shared_ptr<MdnsServiceIF>& service);
 
     CallbackRegistry<const Sonarix::Product> m_productRegistry;
     CallbackRegistry<> m_restartRegistry;
     NotifyTargetTaskIF* m_task;
 
-    CThreadMutex m_mutex; ///< guards everything below, for copies only
+    CThreadMutex m_mutex; ///< guards everything below, for copies and for the replay
     bool m_networkIsUp = false;
     std::shared_ptr<MdnsServiceIF> m_mdnsService;  ///< null when stopped
     std::list<CallbackConnection> m_registrations; ///< the subscriptions held on m_mdnsService

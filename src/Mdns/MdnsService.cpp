@@ -70,6 +70,7 @@ void MdnsService::StopService()
 
 void MdnsService::StopServiceAction()
 {
+    m_isStopped = true;
     DisconnectPublisher();
     for (const auto& [type, sb] : m_browsers)
     {

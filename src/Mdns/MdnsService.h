@@ -98,8 +98,6 @@ private:
     void ReResolveClock(const Record& sb);
     void RestartReResolveTimer(const Record& sb);
     CallbackConnection StartResolve(const MDNS::ServiceId& id, const Record& sb);
-    /// One-shot: frees what the backend holds for the resolve.
-    void EndResolve(const std::string& name, const Record& sb);
     void StopServiceAction();
 
     // Products.
@@ -140,6 +138,7 @@ private:
     const bool m_forceNone;
     std::string m_ownClockName; ///< instance name of this product's own clock; empty when none is added
     std::shared_ptr<APTimerIF> m_reResolveTimer;
+    bool m_isStopped = false; ///< for good: no failed backend is replaced any more
 };
 
 } // namespace SonarixService

@@ -22,6 +22,10 @@ const DPrint s_log("MdnsService");
 /// One line for all that is wrong with a neighbour's records.
 void LogUnusableRecords(const MDNS::Service& s)
 {
+    if (!s_log.IsLog(DPrint::LEVEL_WARNING))
+    {
+        return;
+    }
     Sonarix::ProductInfo ignored;
     const std::string leftOut = GetProductInfoFromService(&ignored, s);
     if (!leftOut.empty())
@@ -109,11 +113,17 @@ void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, 
 {
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() hostname: %s s.id: %s ServiceType: %s ", "Resolved", hostname.c_str(),
             s.name.c_str(), sb->serviceType.c_str());
+    const auto resolver = sb->resolvers.find(s.name);
+    if (resolver == sb->resolvers.end())
+    {
+        return; // on its way when the service or the backend went: nobody would ever take its entry away
+    }
+    const CallbackConnection resolve = resolver->second.connection;
     if (hostname == MDNS::kNotSeen)
     {
         DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() non-existent device", "Resolved");
         m_productRegistry.Send(s, SonarixPb::OFFLINE, CallbackConnection());
-        EndResolve(s.name, sb);
+        resolve.Disconnect();
         return;
     }
     const auto [entry, isNew] = m_discovered.try_emplace(s.name);
@@ -124,16 +134,7 @@ void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, 
         LogUnusableRecords(s);
     }
     m_productRegistry.Send(s, SonarixPb::ONLINE, CallbackConnection());
-    EndResolve(s.name, sb);
-}
-
-void MdnsService::EndResolve(const std::string& name, const Record& sb)
-{
-    const auto entry = sb->resolvers.find(name);
-    if (entry != sb->resolvers.end()) // else the answer was on its way when the service or the backend went
-    {
-        entry->second.connection.Disconnect();
-    }
+    resolve.Disconnect(); // one-shot: frees what the backend holds for it
 }
 
 void MdnsService::ReResolveClock(const Record& sb)
@@ -178,6 +179,10 @@ void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
 void MdnsService::ReconnectClient(const Record& sb)
 {
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ReconnectClient", sb->serviceType.c_str());
+    if (m_isStopped) // the backend failed while the stop was on its way
+    {
+        return;
+    }
     DisconnectClient(sb);
     sb->browser.reset();
     CreateBrowser(sb);

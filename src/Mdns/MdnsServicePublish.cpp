@@ -172,6 +172,10 @@ void MdnsService::ServicePublished(const MDNS::ServiceId& id, const MDNS::Servic
 void MdnsService::ReconnectPublisher()
 {
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "ReconnectPublisher");
+    if (m_isStopped) // the backend failed while the stop was on its way
+    {
+        return;
+    }
     DisconnectPublisher();
     const auto self = shared_from_this();
     const AsyncCallback<> connected([self] { self->PublisherConnected(); }, m_task);

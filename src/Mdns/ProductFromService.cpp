@@ -3,7 +3,7 @@
 #include "MdnsTypes.h"
 #include "ProtoToMarkup.h"
 #include "Sonarix.pb.h"
-#include "Utf8Text.h"
+#include "Utf8.h"
 
 namespace SonarixService
 {
@@ -28,7 +28,7 @@ public:
         {
             return nullptr;
         }
-        if (ReplaceInvalidUtf8(record->second) != record->second)
+        if (!Utf8::IsValid(record->second))
         {
             m_leftOut += m_leftOut.empty() ? key : std::string(" ") + key;
             return nullptr;
@@ -120,7 +120,7 @@ std::string GetProductInfoFromService(Sonarix::ProductInfo* info, const MDNS::Se
     txt.Copy("CONNECTIONTYPE", [clock](const std::string& value) { clock->set_connection(ToConnectionType(value)); });
 
     info->set_ipaddress(service.address.ipaddr()); // what was resolved beats what the record claims
-    info->set_friendlyname(ReplaceInvalidUtf8(service.name));
+    info->set_friendlyname(Utf8::ReplaceInvalid(service.name));
     return txt.LeftOut();
 }
 

@@ -1,5 +1,7 @@
 #include "LogLine.h"
 
+#include "Utf8.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
@@ -9,36 +11,14 @@ namespace
 
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";
 
-/// Length of the well-formed UTF-8 character at `at` that may be shown as it is; 0: to be escaped.
+/// Length of the UTF-8 character at `at` that may be shown as it is; 0: to be escaped, byte for byte.
 std::size_t PrintableLength(const std::string& text, std::size_t at)
 {
-    const auto byte = [&](std::size_t offset) -> unsigned
-    { return at + offset < text.size() ? static_cast<unsigned char>(text[at + offset]) : 0U; };
-    const auto continues = [&](std::size_t offset) { return (byte(offset) & 0xC0U) == 0x80U; };
-
-    const unsigned lead = byte(0);
-    if (lead < 0x80)
-    {
-        return lead >= 0x20 && lead != 0x7F ? 1 : 0;
-    }
-    if (lead >= 0xC2 && lead <= 0xDF)
-    {
-        const bool c1Control = lead == 0xC2 && byte(1) < 0xA0;
-        return continues(1) && !c1Control ? 2 : 0;
-    }
-    if (lead >= 0xE0 && lead <= 0xEF)
-    {
-        const bool overlong = lead == 0xE0 && byte(1) < 0xA0;
-        const bool surrogate = lead == 0xED && byte(1) >= 0xA0;
-        return continues(1) && continues(2) && !overlong && !surrogate ? 3 : 0;
-    }
-    if (lead >= 0xF0 && lead <= 0xF4)
-    {
-        const bool overlong = lead == 0xF0 && byte(1) < 0x90;
-        const bool tooBig = lead == 0xF4 && byte(1) >= 0x90;
-        return continues(1) && continues(2) && continues(3) && !overlong && !tooBig ? 4 : 0;
-    }
-    return 0;
+    const std::size_t length = Utf8::SequenceLength(text, at);
+    const unsigned lead = static_cast<unsigned char>(text[at]);
+    const bool isC0Control = length == 1 && (lead < 0x20 || lead == 0x7F);
+    const bool isC1Control = length == 2 && lead == 0xC2 && static_cast<unsigned char>(text[at + 1]) < 0xA0;
+    return isC0Control || isC1Control ? 0 : length;
 }
 
 /// From our levels to syslog's: critical, error, warning, info, and debug for all the rest.

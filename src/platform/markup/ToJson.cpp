@@ -17,7 +17,7 @@ using google::protobuf::Reflection;
 
 void CheckText(const FieldDescriptor& field, const std::string& text)
 {
-    if (field.type() == FieldDescriptor::TYPE_STRING && !ProtoToMarkup::IsUtf8(text))
+    if (field.type() == FieldDescriptor::TYPE_STRING && !Utf8::IsValid(text))
     {
         throw ProtoToMarkup::MarkupError("field " + field.full_name() + " is not UTF-8");
     }

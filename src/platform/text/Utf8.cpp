@@ -1,25 +1,19 @@
-#include "Utf8Text.h"
+#include "Utf8.h"
 
-#include <cstddef>
 #include <cstdint>
 
-namespace SonarixService
+namespace Utf8
 {
 
-namespace
+std::size_t SequenceLength(std::string_view text, std::size_t at)
 {
-
-/// The length of the well-formed sequence at `at`, 0 where there is none: no overlong form, no surrogate, nothing
-/// above U+10FFFF.
-std::size_t SequenceLength(const std::string& text, std::size_t at)
-{
-    const auto byte = [&text](std::size_t index) -> unsigned
+    const auto byte = [text](std::size_t index) -> unsigned
     { return index < text.size() ? static_cast<std::uint8_t>(text[index]) : 0U; };
     const auto within = [](unsigned value, unsigned low, unsigned high) { return low <= value && value <= high; };
     const unsigned first = byte(at);
     if (first < 0x80)
     {
-        return 1;
+        return at < text.size() ? 1 : 0;
     }
     const std::size_t length = within(first, 0xC2, 0xDF)   ? 2
                                : within(first, 0xE0, 0xEF) ? 3
@@ -37,9 +31,21 @@ std::size_t SequenceLength(const std::string& text, std::size_t at)
     return length;
 }
 
-} // namespace
+bool IsValid(std::string_view text)
+{
+    for (std::size_t at = 0; at < text.size();)
+    {
+        const std::size_t length = SequenceLength(text, at);
+        if (length == 0)
+        {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
 
-std::string ReplaceInvalidUtf8(const std::string& text)
+std::string ReplaceInvalid(std::string_view text)
 {
     std::string result;
     for (std::size_t at = 0; at < text.size();)
@@ -57,4 +63,4 @@ std::string ReplaceInvalidUtf8(const std::string& text)
     return result;
 }
 
-} // namespace SonarixService
+} // namespace Utf8
