@@ -1,45 +1,37 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
+#include "Watched.h"
+
 #include <deque>
-#include <mutex>
 #include <optional>
-#include <utility>
 
 /// What callbacks on other threads put, for the test to take in order.
 template <class T>
 class Inbox
 {
 public:
-    void Put(T value)
+    void Put(const T& value)
     {
-        const std::scoped_lock lock(m_mutex);
-        m_values.push_back(std::move(value));
-        m_changed.notify_all();
+        m_values.Change([&](auto& all) { all.push_back(value); });
     }
 
     /// Nothing after `limit`.
     std::optional<T> Take(std::chrono::milliseconds limit = std::chrono::seconds(10))
     {
-        std::unique_lock lock(m_mutex);
-        if (!m_changed.wait_for(lock, limit, [this] { return !m_values.empty(); }))
+        std::optional<T> taken;
+        if (m_values.WaitUntil([](const auto& all) { return !all.empty(); }, limit))
         {
-            return std::nullopt;
+            taken = m_values.Get().front();
+            m_values.Change([](auto& all) { all.pop_front(); });
         }
-        T value = std::move(m_values.front());
-        m_values.pop_front();
-        return value;
+        return taken;
     }
 
     bool IsEmpty() const
     {
-        const std::scoped_lock lock(m_mutex);
-        return m_values.empty();
+        return m_values.Get().empty();
     }
 
 private:
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<T> m_values;
+    Watched<std::deque<T>> m_values;
 };
