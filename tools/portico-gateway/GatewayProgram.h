@@ -52,10 +52,6 @@ public:
 
     std::uint16_t Port() const;
     std::uint16_t LanPort() const;
-    std::size_t ClientCount() const
-    {
-        return m_clients.size();
-    }
 
 private:
     bool ListenLocal(std::string& error);

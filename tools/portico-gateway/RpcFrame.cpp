@@ -1,5 +1,7 @@
 #include "RpcFrame.h"
 
+#include "JsonNesting.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -16,38 +18,6 @@ using Json = nlohmann::ordered_json; // bodies go on in the order in which they 
 std::string Dump(const Json& value)
 {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-/// Deeper values are refused: writing them out again takes a stack frame a level.
-bool IsNestedTooDeep(const std::string& text)
-{
-    int depth = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i)
-    {
-        const char letter = text[i];
-        if (inString)
-        {
-            i += letter == '\\' ? 1U : 0U;
-            inString = letter != '"';
-        }
-        else if (letter == '"')
-        {
-            inString = true;
-        }
-        else if (letter == '[' || letter == '{')
-        {
-            if (++depth > kMaxNesting)
-            {
-                return true;
-            }
-        }
-        else if (letter == ']' || letter == '}')
-        {
-            --depth;
-        }
-    }
-    return false;
 }
 
 Frame Invalid(int code, const std::string& message, const std::string& id = "null")
@@ -206,7 +176,7 @@ Answer Answer::Error(int code, const std::string& message, const std::string& gu
 
 Frame ParseFrame(const std::string& text)
 {
-    if (IsNestedTooDeep(text))
+    if (ProtoToMarkup::IsNestedTooDeep(text)) // values are written out again, a stack frame a level
     {
         return Invalid(PARSE_ERROR, "nested too deep");
     }

@@ -77,13 +77,11 @@ struct Request
     std::optional<std::string> body;
 };
 
-/// Never throws, whatever the text holds: nesting is bounded before anything is parsed.
+/// Never throws, whatever the text holds: nesting is bounded (kMaxJsonNesting) before anything is parsed.
 Frame ParseFrame(const std::string& text);
 
 /// A path is text from a client: longer than this it is an invalid parameter.
 inline constexpr std::size_t kMaxPathBytes = 1024;
-/// Nesting above this is a parse error; records do not come near.
-inline constexpr int kMaxNesting = 100;
 
 std::string ToJson(const std::string& text); ///< with quotes
 

@@ -2,50 +2,23 @@
 
 #include "GatewayProgram.h"
 #include "RealTask.h"
+#include "Watched.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <unistd.h>
-
-/// What mDNS knows in a test. Shared by the test's thread and the gateway's task.
-class FakeLookup
-{
-public:
-    void Set(const std::string& guid, const std::vector<std::string>& addresses)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_addresses[guid] = addresses;
-    }
-    std::vector<std::string> Get(const std::string& guid) const
-    {
-        const std::lock_guard lock(m_mutex);
-        const auto found = m_addresses.find(guid);
-        return found != m_addresses.end() ? found->second : std::vector<std::string>();
-    }
-    std::atomic<int> questions{0};
-    std::atomic<bool> isSilent{false}; ///< no question is answered
-
-private:
-    mutable std::mutex m_mutex;
-    std::map<std::string, std::vector<std::string>> m_addresses;
-};
-
 /// A gateway on a task of its own, on free ports, with checks that follow each other quickly.
 ///
 ///     GatewayUnderTest gateway("own-guid");
-///     RpcClient client(gateway.Port());
+///     RpcClient client(gateway.Port(), "Name");
 class GatewayUnderTest final
 {
 public:
@@ -53,11 +26,8 @@ public:
         : m_settings(std::move(settings))
     {
         m_settings.ownGuid = guid;
-        if (m_settings.port == Gateway::Settings().port)
-        {
-            m_settings.port = 0;
-            m_settings.lanPort = 0;
-        }
+        m_settings.port = 0;
+        m_settings.lanPort = 0;
         m_settings.timings.checkPeriod = std::chrono::milliseconds(100);
         m_settings.timings.retryPause = std::chrono::milliseconds(50);
         Start();
@@ -76,7 +46,7 @@ public:
             [this]
             {
                 m_program = std::make_unique<Gateway::GatewayProgram>(m_task->Get(), m_settings,
-                                                                      std::make_unique<Lookup>(m_task->Get(), lookup));
+                                                                      std::make_unique<Lookup>(m_task->Get(), *this));
                 std::string error;
                 ASSERT_TRUE(m_program->Start(error)) << error;
                 m_settings.port = m_program->Port(); // the same ones after a restart
@@ -101,70 +71,36 @@ public:
     {
         return m_settings.lanPort;
     }
-    std::size_t ClientCount() const
-    {
-        std::size_t count = 0;
-        m_task->Run([&] { count = m_program->ClientCount(); });
-        return count;
-    }
 
-    FakeLookup lookup;
+    Watched<std::map<std::string, std::vector<std::string>>> mdns; ///< addresses by guid
+    std::atomic<int> mdnsQuestions{0};
+    std::atomic<bool> isMdnsSilent{false}; ///< no question is answered
 
 private:
     class Lookup final : public Gateway::MdnsLookupIF
     {
     public:
-        Lookup(NotifyTargetTaskIF* task, FakeLookup& lookup)
+        Lookup(NotifyTargetTaskIF* task, GatewayUnderTest& owner)
             : m_task(task)
-            , m_lookup(lookup)
+            , m_owner(owner)
         {
         }
         void Find(const std::string& guid, AddressesCallback callback) override
         {
-            ++m_lookup.questions;
-            if (m_lookup.isSilent)
+            ++m_owner.mdnsQuestions;
+            if (!m_owner.isMdnsSilent)
             {
-                return;
+                IL::BreakThread([callback = std::move(callback), found = m_owner.mdns.Get()[guid]] { callback(found); },
+                                m_task);
             }
-            IL::BreakThread([callback = std::move(callback), found = m_lookup.Get(guid)] { callback(found); }, m_task);
         }
 
     private:
         NotifyTargetTaskIF* m_task;
-        FakeLookup& m_lookup;
+        GatewayUnderTest& m_owner;
     };
 
     Gateway::Settings m_settings;
     std::unique_ptr<RealTask> m_task;
     std::unique_ptr<Gateway::GatewayProgram> m_program;
-};
-
-/// A file of a test's own, gone with it.
-class TemporaryFile final
-{
-public:
-    explicit TemporaryFile(const std::string& text)
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "gateway-test-XXXXXX").string();
-        const int descriptor = mkstemp(pattern.data());
-        EXPECT_GE(descriptor, 0);
-        std::ofstream("/proc/self/fd/" + std::to_string(descriptor)) << text;
-        close(descriptor);
-        m_path = pattern;
-    }
-    ~TemporaryFile()
-    {
-        std::error_code ignored;
-        std::filesystem::remove(m_path, ignored);
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    const std::string& Path() const
-    {
-        return m_path;
-    }
-
-private:
-    std::string m_path;
 };

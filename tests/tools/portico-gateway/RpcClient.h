@@ -2,72 +2,194 @@
 
 #include "RealTask.h"
 #include "Watched.h"
+#include "WebSocket.h"
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
-namespace WebSocket
-{
-class Connection;
-struct Target;
-} // namespace WebSocket
-
-/// A client of the gateway that speaks the protocol word by word, for a test's thread.
+/// A client of the gateway that speaks the protocol word by word, for a test's thread. Goes as a process that ends.
 ///
-///     RpcClient client(gateway.Port());
-///     client.Open("Name");
-///     EXPECT_EQ(client.Call("get", {{"path", "/p"}})["error"]["code"], 404);
+///     RpcClient client(gateway.Port(), "Name");
+///     EXPECT_EQ(client.Code("get", {{"path", "/p"}}), 404);
 ///     client.Take("get");  // a request that came in; answer it with client.Answer(request, {...})
 class RpcClient final
 {
 public:
     using Json = nlohmann::json;
 
-    explicit RpcClient(std::uint16_t port, const std::string& subProtocol = "tarsier");
-    explicit RpcClient(const WebSocket::Target& target);
-    ~RpcClient(); ///< goes as a process that ends
+    /// Without a service nothing is opened.
+    explicit RpcClient(std::uint16_t port, const std::string& service = {}, const std::string& guid = {},
+                       const std::string& subProtocol = "tarsier")
+    {
+        WebSocket::Target target;
+        target.host = "127.0.0.1";
+        target.port = port;
+        target.subProtocol = subProtocol;
+        m_task.Run(
+            [&]
+            {
+                WebSocket::Connection::Handlers handlers;
+                handlers.message = [this](const std::string& text) { Handle(Json::parse(text)); };
+                m_connection = WebSocket::Connect(m_task.Get(), target, std::move(handlers), {});
+            });
+        if (!service.empty())
+        {
+            Do("open", {{"service", service}, {"guid", guid}});
+        }
+    }
+    ~RpcClient()
+    {
+        m_task.StopAndJoin(); // its socket is closed without a goodbye
+    }
     RpcClient(const RpcClient&) = delete;
     RpcClient& operator=(const RpcClient&) = delete;
 
-    /// Opens; a failed one fails the test.
-    void Open(const std::string& service, const std::string& guid = {});
-    void Serve(const std::string& verb, const std::string& path, int scope);
-    void Subscribe(const std::string& path);
-    void Notify(const std::string& path, const Json& body);
+    void Serve(const std::string& verb, const std::string& path, int scope)
+    {
+        Do("serve", {{"verb", verb}, {"path", path}, {"scope", scope}, {"version", 1.0}, {"label", "Unknown"}});
+    }
+    /// Serves and answers gets by itself, unless mute: then they are there to be taken.
+    void ServeRecord(const std::string& path, int scope, const Json& record)
+    {
+        m_task.Run([&] { m_records[path] = record; });
+        Serve("get", path, scope);
+    }
+    void Subscribe(const std::string& path)
+    {
+        Do("subscribe", {{"path", path}, {"version", 1.0}, {"scope", 0}});
+    }
+    void Notify(const std::string& path, const Json& body)
+    {
+        Send(
+            {{"jsonrpc", "2.0"}, {"method", "notify"}, {"params", {{"path", path}, {"version", 1.0}, {"body", body}}}});
+    }
 
     /// A request, and the whole frame that answers it; null, and a failed test, after 10 s.
-    Json Call(const std::string& method, const Json& params);
-    int Ask(const std::string& method, const Json& params); ///< the id, to be given to AnswerTo
-    Json AnswerTo(const Json& id);
-    void Answer(const Json& request, const Json& result);
-    void AnswerError(const Json& request, const Json& error);
+    Json Call(const std::string& method, const Json& params)
+    {
+        return AnswerTo(Ask(method, params));
+    }
+    /// A request, and the error code of its answer, 0 for a result.
+    int Code(const std::string& method, const Json& params)
+    {
+        return Code(Call(method, params));
+    }
+    static int Code(const Json& answer)
+    {
+        return answer.contains("error") ? answer["error"]["code"].get<int>() : 0;
+    }
+    int Ask(const std::string& method, const Json& params) ///< the id, to be given to AnswerTo
+    {
+        const int id = ++m_lastId;
+        Send({{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}});
+        return id;
+    }
+    Json AnswerTo(const Json& id)
+    {
+        return TakeFrame([&](const Json& frame) { return !frame.contains("method") && frame["id"] == id; },
+                         "answer to " + id.dump());
+    }
+    void Answer(const Json& request, const Json& content, const char* kind = "result")
+    {
+        Send({{"jsonrpc", "2.0"}, {"id", request["id"]}, {kind, content}});
+    }
+
+    void AnswerByItself(const Json& request) ///< one that came while mute
+    {
+        m_task.Run([&] { Handle(request); });
+    }
 
     /// The next frame of that method that came in, not seen again; null, and a failed test, after 10 s.
-    Json Take(const std::string& method);
-    /// The next status of a heartbeat; 0, and a failed test, after 10 s.
-    int TakeHeartbeat();
+    Json Take(const std::string& method)
+    {
+        return TakeFrame([&](const Json& frame) { return frame.value("method", "") == method; }, method);
+    }
+    Json TakeBody() ///< of the next notification
+    {
+        const Json frame = Take("notify");
+        return frame.is_null() ? frame : frame["params"]["body"];
+    }
+    int TakeHeartbeat() ///< its status; 0 where none came
+    {
+        const Json frame = Take("heartbeat");
+        return frame.is_null() ? 0 : frame["params"]["status"].get<int>();
+    }
     /// Whether a frame of that method is there, or comes within `limit`; it stays there.
-    bool Has(const std::string& method, std::chrono::milliseconds limit = std::chrono::milliseconds(0)) const;
-    void Forget(const std::string& method); ///< all frames of that method that came so far
+    bool Has(const std::string& method, std::chrono::milliseconds limit = std::chrono::milliseconds(0)) const
+    {
+        const auto isIt = [&](const Json& frame) { return frame.value("method", "") == method; };
+        return m_frames.WaitUntil([&](const auto& all) { return std::any_of(all.begin(), all.end(), isIt); }, limit);
+    }
+    /// Whether a notification has come, once all that the gateway had to say before now is here.
+    bool HearsNothing()
+    {
+        Code("get", {{"path", "/nobody serves this"}});
+        return !Has("notify");
+    }
 
-    void Send(const Json& frame);
-    void SendText(const std::string& text);
-    bool WaitForClosed(std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    void Send(const Json& frame)
+    {
+        SendText(frame.dump());
+    }
+    void SendText(const std::string& text)
+    {
+        m_task.Run([&] { m_connection->Send(text); });
+    }
 
-    static int Code(const Json& answer); ///< of an error; 0: a result
+    std::atomic<bool> isMute{false};
+    std::atomic<int> answered{0}; ///< by itself
 
 private:
+    void Do(const std::string& method, const Json& params)
+    {
+        const Json answer = Call(method, params);
+        EXPECT_EQ(answer["result"], Json::object()) << method << " -> " << answer;
+    }
+    void Handle(const Json& frame)
+    {
+        if (!isMute && frame.value("method", "") == "get" && m_records.contains(frame["params"]["path"]))
+        {
+            ++answered;
+            const Json answer = {
+                {"jsonrpc", "2.0"}, {"id", frame["id"]}, {"result", m_records[frame["params"]["path"]]}};
+            m_connection->Send(answer.dump());
+            return;
+        }
+        m_frames.Change([&](auto& frames) { frames.push_back(frame); });
+    }
     template <class Matches>
-    Json TakeFrame(Matches matches, const std::string& what);
+    Json TakeFrame(Matches matches, const std::string& what)
+    {
+        const auto find = [&](auto& frames) { return std::find_if(frames.begin(), frames.end(), matches); };
+        Json taken;
+        if (!m_frames.WaitUntil([&](const auto& all) { return find(all) != all.end(); }))
+        {
+            ADD_FAILURE() << "no " << what;
+            return taken;
+        }
+        m_frames.Change(
+            [&](auto& frames)
+            {
+                const auto found = find(frames);
+                taken = std::move(*found);
+                frames.erase(found);
+            });
+        return taken;
+    }
 
-    RealTask m_task{"RpcClient"};
-    std::shared_ptr<WebSocket::Connection> m_connection;
+    std::shared_ptr<WebSocket::Connection> m_connection; ///< on the task, as m_records
+    std::map<std::string, Json> m_records;
     Watched<std::deque<Json>> m_frames;
-    Watched<bool> m_isClosed{false};
     int m_lastId = 0;
+    RealTask m_task{"RpcClient"};
 };
