@@ -49,7 +49,7 @@ _AVAHI_CONFIGURATION = """[server]
 host-name={host}
 allow-interfaces=eth0
 use-ipv4=yes
-use-ipv6=yes
+use-ipv6={ipv6}
 [wide-area]
 enable-wide-area=no
 [publish]
@@ -135,7 +135,10 @@ class Product:
         if self.namespace:
             os.makedirs(self._outside("/run/dbus"), exist_ok=True)
             self._write(f"{self._files}/dbus.conf", _DBUS_CONFIGURATION)
-            self._write(f"{self._files}/avahi.conf", _AVAHI_CONFIGURATION.format(host=self.name))
+            # A product's record is on IPv4 alone, and so is what a stranger makes up: of a record on both, the services
+            # hear twice, and ask for its IPv4 address by IPv6 too, where a daemon does not tell it.
+            ipv6 = "no" if self.stranger else "yes"
+            self._write(f"{self._files}/avahi.conf", _AVAHI_CONFIGURATION.format(host=self.name, ipv6=ipv6))
 
     def start(self, program):
         """Starts a program that is not running. The bus listens when this returns, nothing else is waited for."""
