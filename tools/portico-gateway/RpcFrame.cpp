@@ -176,7 +176,7 @@ Answer Answer::Error(int code, const std::string& message, const std::string& gu
 
 Frame ParseFrame(const std::string& text)
 {
-    if (ProtoToMarkup::IsNestedTooDeep(text)) // values are written out again, a stack frame a level
+    if (JsonText::IsNestedTooDeep(text)) // values are written out again, a stack frame a level
     {
         return Invalid(PARSE_ERROR, "nested too deep");
     }

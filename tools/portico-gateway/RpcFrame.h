@@ -77,7 +77,7 @@ struct Request
     std::optional<std::string> body;
 };
 
-/// Never throws, whatever the text holds: nesting is bounded (kMaxJsonNesting) before anything is parsed.
+/// Never throws, whatever the text holds: nesting is bounded (JsonText::kMaxNesting) before anything is parsed.
 Frame ParseFrame(const std::string& text);
 
 /// A path is text from a client: longer than this it is an invalid parameter.

@@ -100,7 +100,7 @@ void CheckKinds(const json& object, const Descriptor& type)
 /// Reads strict JSON: protobuf's own reader takes bare keys, single quotes and trailing commas too.
 json ParseObject(const std::string& text)
 {
-    if (ProtoToMarkup::IsNestedTooDeep(text))
+    if (JsonText::IsNestedTooDeep(text))
     {
         throw ProtoToMarkup::MarkupError("nested too deep");
     }

@@ -90,7 +90,7 @@ namespace Portico::JsonRpc
 
 Frame Parse(const std::string& text)
 {
-    if (ProtoToMarkup::IsNestedTooDeep(text)) // bodies are written out again, a stack frame a level
+    if (JsonText::IsNestedTooDeep(text)) // bodies are written out again, a stack frame a level
     {
         return Invalid("nested too deep");
     }

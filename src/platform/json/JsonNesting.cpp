@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-bool ProtoToMarkup::IsNestedTooDeep(const std::string& text)
+bool JsonText::IsNestedTooDeep(const std::string& text)
 {
     int depth = 0;
     bool isInString = false;
@@ -20,7 +20,7 @@ bool ProtoToMarkup::IsNestedTooDeep(const std::string& text)
         }
         else if (letter == '[' || letter == '{')
         {
-            if (++depth > kMaxJsonNesting)
+            if (++depth > kMaxNesting)
             {
                 return true;
             }
