@@ -8,7 +8,6 @@
 
 using google::protobuf::DescriptorProto;
 using google::protobuf::FieldDescriptorProto;
-using google::protobuf::FieldOptions;
 using ProtoToMarkup::FromJson;
 using ProtoToMarkup::MarkupError;
 using ProtoToMarkup::ToJson;
@@ -34,13 +33,9 @@ TEST(Markup, RefusesToWriteWhatCannotBeRead)
 {
     for (const char* text : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "ok\x80"})
     {
-        DescriptorProto nested;
-        nested.add_field()->set_name(text);
-        EXPECT_THROW(ToJson(nested, true, false, false), MarkupError) << text;
-        DescriptorProto list;
-        list.add_reserved_name("fine");
-        list.add_reserved_name(text);
-        EXPECT_THROW(ToJson(list, true, false, false), MarkupError) << text;
+        DescriptorProto record;
+        record.add_nested_type()->add_reserved_name(text);
+        EXPECT_THROW(ToJson(record, true, false, false), MarkupError) << text;
     }
     Portico::Error error;
     error.set_message("\xf4\x8f\xbf\xbf \xed\x9f\xbf \xee\x80\x80");
@@ -56,20 +51,16 @@ TEST(Markup, RefusesToWriteWhatCannotBeRead)
 
 TEST(Markup, UnknownFieldsAndEnumeratorsLeaveTheirFieldUnset)
 {
+    const LogCapture log;
     FieldDescriptorProto field;
     FromJson(R"({"name":"n","type":"TYPE_NEW","label":77,"unknown":{"a":[1,{"b":null}]},"number":null})", &field);
     EXPECT_EQ(field.ShortDebugString(), R"(name: "n")");
-    FromJson(R"({"type":"TYPE_BOOL","label":1,"type_name":"t"})", &field);
-    EXPECT_EQ(field.type(), FieldDescriptorProto::TYPE_BOOL);
-    EXPECT_EQ(field.label(), FieldDescriptorProto::LABEL_OPTIONAL);
-    EXPECT_FALSE(field.has_name()) << "the message is replaced, not merged into";
-    FromJson(R"({"typeName":"t"})", &field);
-    EXPECT_EQ(field.type_name(), "t");
-
-    const LogCapture log;
+    FromJson(R"({"type":"TYPE_BOOL","label":1,"typeName":"t"})", &field); // replaces
+    EXPECT_EQ(field.ShortDebugString(), R"(label: LABEL_OPTIONAL type: TYPE_BOOL type_name: "t")");
+    const std::size_t before = log.Count(DPrint::LEVEL_ERROR);
     FromJson(R"({"label":"LABEL_LATER"})", &field);
     FromJson(R"({"label":"LABEL_LATER"})", &field);
-    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U) << "told once, not with every record that holds it";
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), before + 1) << "told once, not with every record that holds it";
 }
 
 TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
@@ -79,68 +70,47 @@ TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
     {
         deep += R"({"nested_type":[)";
     }
-    const std::string texts[] = {"",
-                                 " ",
-                                 "null",
-                                 "5",
-                                 "\"x\"",
-                                 "[1]",
-                                 "[{\"name\":\"x\"}]",
-                                 "{",
-                                 R"({"name":"x"} x)",
-                                 R"({"name":"x"}{})",
-                                 R"({name:'x'})",
-                                 R"({"name":"x",})",
-                                 R"({"name":1})",
-                                 R"({"name":["x"]})",
-                                 R"({"name":{"x":1}})",
-                                 R"({"field":"x"})",
-                                 R"({"field":{"name":"x"}})",
-                                 R"({"field":["x"]})",
-                                 R"({"reserved_name":"x"})",
-                                 R"({"reserved_name":["x",1]})",
-                                 R"({"options":[]})",
-                                 R"({"options":{"deprecated":"true"}})",
-                                 R"({"options":{"deprecated":1}})",
-                                 R"({"field":[{"number":1.5}]})",
-                                 R"({"field":[{"number":99999999999}]})",
-                                 R"({"field":[{"number":1e999}]})",
-                                 R"({"name":"\ud800"})",
-                                 "{\"name\":\"\xff\"}",
-                                 "{\"name\":\"a\nb\"}",
-                                 deep};
+    std::vector<std::string> texts = {"", "null", R"([{"name":"x"}])", "{", deep};
+    for (const char* member :
+         {R"("name":1)", R"("name":{"x":1})", R"("name":"x",)", R"("name":"x"} x)", R"("name":"\ud800")",
+          "\"name\":\"\xff\"", R"("field":{"name":"x"})", R"("field":["x"])", R"("field":[{"number":1.5}])",
+          R"("field":[{"number":99999999999}])", R"("reserved_name":["x",1])", R"("options":{"deprecated":1})"})
+    {
+        texts.push_back(std::string("{") + member + "}");
+    }
     for (const std::string& text : texts)
     {
+        const std::string start = text.substr(0, 60);
         DescriptorProto message;
         message.set_name("kept");
         try
         {
             FromJson(text, &message);
-            ADD_FAILURE() << text.substr(0, 60);
+            ADD_FAILURE() << start;
         }
         catch (const MarkupError& error)
         {
             EXPECT_LT(std::string(error.what()).size(), 400U);
             Portico::Error answer; // which travels on as JSON
             answer.set_message(error.what());
-            EXPECT_NO_THROW(ToJson(answer, true, false, false)) << text.substr(0, 60);
+            EXPECT_NO_THROW(ToJson(answer, true, false, false)) << start;
         }
-        EXPECT_EQ(message.ShortDebugString(), R"(name: "kept")") << text.substr(0, 60);
+        EXPECT_EQ(message.ShortDebugString(), R"(name: "kept")") << start;
     }
 }
 
 TEST(Markup, UnwrapsTheRootOnlyWhereItIsTheSoleKey)
 {
+    const char* const rows[][2] = {{R"( {"Error" : {"code":3,"message":"}"} } )", R"(code: 3 message: "}")"},
+                                   {R"({"Error":{"code":4},"code":5})", "code: 5"},
+                                   {R"({"code":6})", "code: 6"},
+                                   {R"({"Error":5})", ""}}; // an unknown field
     Portico::Error error;
-    FromJson(R"( {"Error" : {"code":3,"message":"}"} } )", &error, "Error");
-    EXPECT_EQ(error.code(), 3);
-    EXPECT_EQ(error.message(), "}");
-    FromJson(R"({"Error":{"code":4},"code":5})", &error, "Error");
-    EXPECT_EQ(error.code(), 5);
-    FromJson(R"({"code":6})", &error, "Error");
-    EXPECT_EQ(error.code(), 6);
-    FromJson(R"({"Error":5})", &error, "Error"); // an unknown field
-    EXPECT_EQ(error.ShortDebugString(), "");
+    for (const auto& [text, content] : rows)
+    {
+        FromJson(text, &error, "Error");
+        EXPECT_EQ(error.ShortDebugString(), content);
+    }
     FromJson(R"({"Error":{"code":3}})", &error);
     EXPECT_FALSE(error.has_code());
     EXPECT_THROW(FromJson(R"([{"Error":{}}])", &error, "Error"), MarkupError);

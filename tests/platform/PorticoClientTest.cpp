@@ -97,7 +97,7 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     gateway.SendText(R"({"jsonrpc":"2.0","id":)" + get["id"].dump() + R"(,"result":{"zeta":1,"alpha":2}})");
     EXPECT_EQ(m_ends.Take(), R"({"zeta":1,"alpha":2})"); // in the order in which it was written
 
-    gateway.Send({{"jsonrpc", "2.0"}, {"method", "heartbeat"}, {"params", {{"guid", "G"}, {"status", 1041}}}});
+    gateway.Send({{"method", "heartbeat"}, {"params", {{"guid", "G"}, {"status", 1041}}}});
     EXPECT_EQ(m_heartbeats.Take(), "G1041");
 
     // Frames that make no sense change nothing.
