@@ -393,3 +393,26 @@ TEST_F(PorticoClientTest, FiveHundredClientsShareOneThread)
     clients.clear();
     EXPECT_TRUE(gateway.WaitForConnections(0));
 }
+
+TEST_F(PorticoClientTest, WhatIsLargerThanTheGatewayTakesIsNotSent)
+{
+    constexpr std::size_t kLimit = 4U << 20U;
+    Portico::Error large = Record(2);
+    large.set_message(std::string(kLimit, 'x'));
+    FakeGateway gateway;
+    const auto client = Create(gateway.Port());
+    Serve(*client, "/mine", [&large](const Response& response, const Response&) { response(large); });
+    Send(*client, Portico::Verb::POST, "/early", '"' + large.message() + '"');
+    EXPECT_EQ(TakeError()["code"], 413);
+    gateway.Take("serve");
+    Send(*client, Portico::Verb::POST, "/status", '"' + large.message() + '"');
+    EXPECT_EQ(TakeError()["message"], "the request is larger than 4 MiB");
+    client->SendNotification("/mine", large, 1.0);
+    gateway.Request(1, "get", "/mine", nullptr);
+    EXPECT_EQ(gateway.TakeAnswer()["error"]["message"], "the answer is larger than 4 MiB");
+    const std::size_t envelope =
+        std::string(R"({"jsonrpc":"2.0","id":5,"method":"post","params":{"path":"/fits","version":1.0,"body":""}})")
+            .size();
+    Send(*client, Portico::Verb::POST, "/fits", '"' + std::string(kLimit - envelope, 'x') + '"');
+    EXPECT_EQ(gateway.Take("post")["params"]["path"], "/fits") << "and the connection stands";
+}

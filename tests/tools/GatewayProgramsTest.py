@@ -79,8 +79,8 @@ class GatewayPrograms(unittest.TestCase):
         self.running.append(program)
         return program
 
-    def start_gateway(self):
-        gateway = self.start("portico-gateway")
+    def start_gateway(self, *words):
+        gateway = self.start("portico-gateway", *words)
         self.assertEqual(self.wait_for_answer("get", "/nobody").returncode, 1)
         return gateway
 
@@ -109,6 +109,28 @@ class GatewayPrograms(unittest.TestCase):
         self.assertEqual((result.returncode, result.stdout), (1, ""))
         self.assertIn("404", result.stderr)
         self.assertEqual(portico("post", "/nobody", "-", input="{").returncode, 2)
+
+    def test_what_the_gateway_does_not_take_ends_in_its_words(self):
+        peers, body = (os.path.join(self.folder.name, name) for name in ("peers", "body"))
+        with open(peers, "w", encoding="ascii") as file:
+            file.write("other localhost\n")  # our own LAN port
+        with open(body, "w", encoding="ascii") as file:
+            json.dump("x" * (4 << 20), file)
+        self.start_gateway("--peers", peers)
+        self.start("network-status")
+        self.start("portico", "watch", "/network/status").take()
+        for words, reason in ((["post", "/x", "@" + body], "larger than 4 MiB"),
+                              (["--guid", "g" * 300, "get", "/x"], "too long a name"),
+                              (["--guid", "g" * 300, "watch", "/x"], "too long a name"),
+                              (["--port", "8090", "watch", "/network/status"], "404"),
+                              (["--guid", "other", "watch", "/network/status"], "404")):
+            result = portico(*words)
+            self.assertEqual((result.returncode, result.stdout), (1, ""), words)
+            self.assertIn(reason, result.stderr)
+        with open("/dev/full", "w", encoding="ascii") as full:
+            result = subprocess.run([BIN + "/portico", "get", "/network/status"], stdout=full, stderr=subprocess.PIPE,
+                                    timeout=LIMIT, check=False)
+        self.assertEqual((result.returncode, result.stderr), (1, b"portico: standard output cannot be written\n"))
 
     def test_network_status_follows_the_kernel_and_outlives_the_gateway(self):
         ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
@@ -156,7 +178,7 @@ class GatewayPrograms(unittest.TestCase):
         watch.take(lambda record: record.get("primaryIpAddress") == "10.97.0.9")
 
     def test_hub_service_says_so_and_waits(self):
-        self.start_gateway()
+        gateway = self.start_gateway()
         ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
         self.addCleanup(ip, "link", "del", "eth0")
         for link in ("eth0", "far0"):
@@ -167,6 +189,9 @@ class GatewayPrograms(unittest.TestCase):
         while "/startDiscoveryAdvertisement: error 404" not in hub.err.get(timeout=LIMIT):
             pass
         self.assertIsNone(hub.process.poll())
+        gateway.kill()
+        while hub.err.get(timeout=LIMIT) != "hub-service: no gateway at localhost:8084; is it running?\n":
+            pass
 
 
 def enter_namespace():

@@ -22,6 +22,11 @@ void Advertiser::HandleNetwork(bool isPrimaryUp)
     m_isPrimaryUp = isPrimaryUp;
 }
 
+void Advertiser::ForgetNetwork()
+{
+    m_isPrimaryUp = false;
+}
+
 void Advertiser::HandleOwnName(const std::string& name)
 {
     m_isNameWrong = name != m_name;

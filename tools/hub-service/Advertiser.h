@@ -32,6 +32,8 @@ public:
     /// `name` is what the own record says now, empty where it lacks one.
     void HandleOwnName(const std::string& name);
     void HandleNetwork(bool isPrimaryUp);
+    /// Nobody tells us of the network any more: what is heard next may be another rise, and counts as one.
+    void ForgetNetwork();
     /// A post that failed, since nobody serves the path yet, is tried again with pauses up to 5 s.
     void HandlePosted(bool isAccepted);
 

@@ -46,21 +46,27 @@ void HubClient::Start(const std::string& host, int port)
     IL::BreakThread(
         [this, host, port]
         {
+            m_gateway = host + ":" + std::to_string(port);
             m_advertiser.emplace(m_task, m_info.devicename(), [this] { PostDescription(); });
-            Portico::ConnectCallback onConnect(
-                [this](const bool& isConnected)
-                {
-                    if (isConnected)
-                    {
-                        Ask();
-                    }
-                },
-                m_task);
+            Portico::ConnectCallback onConnect([this](const bool& isConnected) { HandleConnection(isConnected); },
+                                               m_task);
             m_client =
                 Portico::PorticoClient::Create("HubService", host, port, "tarsier", "", &onConnect, std::nullopt, {});
             Subscribe();
         },
         m_task);
+}
+
+void HubClient::HandleConnection(bool isConnected)
+{
+    m_isConnected = isConnected;
+    if (isConnected)
+    {
+        Ask();
+        return;
+    }
+    std::cerr << "hub-service: no gateway at " << m_gateway << "; is it running?\n";
+    m_advertiser->ForgetNetwork();
 }
 
 void HubClient::Subscribe()
@@ -105,7 +111,7 @@ void HubClient::HandlePosted(const std::string& errorBody)
         DPRINT(s_log, DPrint::LEVEL_INFO, "advertised as \"" << m_info.devicename() << "\"");
         m_lastError.clear();
     }
-    else if (const std::string error = Describe(errorBody); error != m_lastError)
+    else if (const std::string error = Describe(errorBody); m_isConnected && error != m_lastError)
     {
         m_lastError = error;
         std::cerr << "hub-service: " << kAdvertisePath << ": " << error << "; asking again\n";

@@ -22,6 +22,7 @@ public:
     void Start(const std::string& host, int port);
 
 private:
+    void HandleConnection(bool isConnected);
     void Subscribe();
     void Ask();
     void PostDescription();
@@ -30,6 +31,8 @@ private:
     NotifyTargetTaskIF* m_task;
     const HUBAPI::AdvertisementInfo m_info;
     std::shared_ptr<PorticoClientIF> m_client;
+    std::string m_gateway; ///< host and port, for people
+    bool m_isConnected = false;
     std::string m_lastError; ///< one line for each new trouble, not for each attempt
     std::optional<Advertiser> m_advertiser;
 };

@@ -17,6 +17,8 @@
 namespace
 {
 
+const DPrint s_log("NetworkStatus");
+
 constexpr const char* kHelp = R"(Usage: network-status [OPTION]...
 Watch the kernel's links and addresses, and serve /network/status and
 /network/wifi/stationUsage through the local API gateway.
@@ -45,7 +47,9 @@ int Watch(NetlinkMonitor& monitor, StatusBuilder& builder, Publisher& publisher)
         const auto links = ReadLinks();
         if (!links)
         {
-            return Fail(std::string("cannot read the links: ") + std::strerror(errno), 1);
+            DPRINT(s_log, DPrint::LEVEL_ERROR,
+                   "cannot read the links, waiting for their next change: " << std::strerror(errno));
+            continue;
         }
         publisher.Update(builder.Build(*links));
     }

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cerrno>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -16,7 +17,16 @@ namespace
 
 using nlohmann::ordered_json;
 
-/// On the conversation's own task, but for the constructor and Wait().
+constexpr int kUnreachable = 503;
+
+std::string Describe(const std::string& errorBody)
+{
+    const ordered_json error = ordered_json::parse(errorBody);
+    return "error " + std::to_string(error.value("code", 0)) + "-" + std::to_string(error.value("subcode", 0)) + ": " +
+           error.value("message", "");
+}
+
+/// On the conversation's own task, but for the constructor and Run().
 class Conversation
 {
 public:
@@ -29,18 +39,27 @@ public:
     ExitStatus Run()
     {
         Portico::ConnectCallback onConnect([this](const bool& isConnected) { HandleConnection(isConnected); }, m_task);
+        Portico::CommonClientCreationInfo info;
+        info.onRefused.emplace([this](const std::string&, const std::string& error) { HandleError(error); }, m_task);
         m_client = Portico::PorticoClient::Create("portico", m_command.host, m_command.port, "tarsier", m_command.guid,
-                                                  &onConnect, std::nullopt, {});
-        if (m_command.isWatch)
-        {
-            const AsyncCallback<std::string> onBody([this](const std::string& body) { PrintLine(body); }, m_task);
-            m_client->RegisterNotificationText(m_command.path, onBody, Portico::EndpointScope::PUBLIC, 1.0, 0);
-        }
-        else
+                                                  &onConnect, std::nullopt, info);
+        if (!m_command.isWatch)
         {
             const AsyncCallback<std::string, std::string> onDone(
                 [this](const std::string& body, const std::string& error) { HandleAnswer(body, error); }, m_task);
             m_client->SendText(m_command.verb, m_command.path, m_command.body, onDone, 1.0);
+        }
+        else if (m_command.guid.empty())
+        {
+            Watch();
+        }
+        else
+        {
+            // The gateway agrees to any subscription while it does not reach the product yet. With an answer of
+            // the product there, it tells what the product says.
+            const AsyncCallback<std::string, std::string> onReached(
+                [this](const std::string&, const std::string& error) { HandleReached(error); }, m_task);
+            m_client->SendText(Portico::Verb::GET, "/sonarix/info", {}, onReached, 1.0);
         }
         const ExitStatus status = m_ended.get_future().get();
         m_client->Shutdown();
@@ -50,8 +69,28 @@ public:
     }
 
 private:
+    void Watch()
+    {
+        const AsyncCallback<std::string> onBody([this](const std::string& body) { PrintLine(body); }, m_task);
+        m_client->RegisterNotificationText(m_command.path, onBody, Portico::EndpointScope::PUBLIC, 1.0, 0);
+    }
+
+    void HandleReached(const std::string& error)
+    {
+        if (m_hasEnded)
+        {
+            return;
+        }
+        if (m_isConnected && !error.empty() && ordered_json::parse(error).value("code", 0) == kUnreachable)
+        {
+            std::cerr << "portico: " << Describe(error) << "; watching all the same\n";
+        }
+        Watch();
+    }
+
     void HandleConnection(bool isConnected)
     {
+        m_isConnected = isConnected;
         const bool wasEverConnected = m_wasEverConnected;
         m_wasEverConnected = m_wasEverConnected || isConnected;
         if (isConnected || m_hasEnded)
@@ -67,37 +106,48 @@ private:
         {
             std::cerr << "portico: the gateway went; watching on as soon as it is back\n";
         }
+        else
+        {
+            std::cerr << "portico: the gateway went before it answered\n";
+            End(EXIT_NO_GATEWAY);
+        }
     }
 
     void HandleAnswer(const std::string& body, const std::string& error)
     {
-        if (m_hasEnded || (!error.empty() && !m_wasEverConnected)) // the connection callback says it better
-        {
-            return;
-        }
         if (!error.empty())
         {
-            PrintError(ordered_json::parse(error, nullptr, false));
-            End(EXIT_ERROR_ANSWER);
-            return;
+            HandleError(error);
         }
-        std::cout << ordered_json::parse(body).dump(2) << std::endl;
-        End(EXIT_ANSWERED);
+        else if (!m_hasEnded)
+        {
+            std::cout << ordered_json::parse(body).dump(2) << std::endl;
+            End(EXIT_ANSWERED);
+        }
     }
 
-    void PrintError(const ordered_json& error)
+    void HandleError(const std::string& text)
     {
-        std::cerr << "portico: " << m_command.path << ": error " << error.value("code", 0) << "-"
-                  << error.value("subcode", 0) << ": " << error.value("message", "") << "\n";
+        if (m_hasEnded) // why there is no answer has been told
+        {
+            return;
+        }
+        std::cerr << "portico: " << m_command.path << ": " << Describe(text) << "\n";
+        End(EXIT_ERROR_ANSWER);
     }
 
     void PrintLine(const std::string& body)
     {
         std::cout << body << std::endl;
-        if (!std::cout && !m_hasEnded) // the reader is gone
+        if (std::cout || m_hasEnded)
         {
-            End(EXIT_ANSWERED);
+            return;
         }
+        if (errno == EPIPE) // the reader has seen enough
+        {
+            std::cout.clear();
+        }
+        End(EXIT_ANSWERED);
     }
 
     void End(ExitStatus status)
@@ -110,6 +160,7 @@ private:
     NotifyTargetTaskIF* m_task;
     std::shared_ptr<PorticoClientIF> m_client;
     std::promise<ExitStatus> m_ended;
+    bool m_isConnected = false;
     bool m_wasEverConnected = false;
     bool m_hasEnded = false;
 };

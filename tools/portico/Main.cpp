@@ -24,7 +24,8 @@ Talk to the product's local API gateway.
   --port PORT          default 8084
   --help, --version
 
-Exit status: 0 answered, 1 an error was answered, 2 usage, 3 no gateway.
+Exit status: 0 answered, 1 an error was answered or the answer could not be
+written, 2 usage, 3 no gateway.
 
 Examples:
   portico get /sonarix/products
@@ -63,7 +64,11 @@ int Run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    const int status = Run(argc, argv);
-    std::cout.flush();
+    int status = Run(argc, argv);
+    if (!std::cout.flush())
+    {
+        std::cerr << "portico: standard output cannot be written\n";
+        status = EXIT_ERROR_ANSWER;
+    }
     _exit(status); // the library's I/O task never stops; statics are not to go under its feet
 }

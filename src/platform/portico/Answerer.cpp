@@ -71,11 +71,11 @@ void Answerer::Fail(const char* text)
 void Answerer::Post(std::string frame)
 {
     IL::BreakThread(
-        [weak = m_session, epoch = m_epoch, text = std::move(frame)]
+        [weak = m_session, epoch = m_epoch, id = m_id, text = std::move(frame)]
         {
             if (const std::shared_ptr<Session> session = weak.lock())
             {
-                session->Reply(epoch, text);
+                session->Reply(epoch, id, text);
             }
         },
         m_io);

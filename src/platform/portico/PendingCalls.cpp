@@ -22,7 +22,7 @@ bool PendingCalls::Add(const MakeFrame& makeFrame, const Send& send, Done done, 
     {
         return false;
     }
-    const std::uint64_t id = m_lastId + 1;
+    const std::uint64_t id = NextId();
     std::string frame = makeFrame(id);
     if (!send && m_waitingBytes + frame.size() > kMaxWaitingBytes)
     {

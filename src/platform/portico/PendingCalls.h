@@ -40,6 +40,10 @@ public:
     /// Goes out at once where `send` is set, otherwise waits for SendWaiting(). False, and nothing kept: full.
     /// `owner` is what Drop() finds it by.
     [[nodiscard]] bool Add(const MakeFrame& makeFrame, const Send& send, Done done, const void* owner);
+    std::uint64_t NextId() const
+    {
+        return m_lastId + 1;
+    } ///< what Add() will ask a frame for
     void SendWaiting(const Send& send);
 
     /// An answer to a request that is no longer there is ignored.

@@ -37,6 +37,7 @@ std::shared_ptr<PorticoClientIF> PorticoClient::Create(std::string serviceName, 
         settings.onConnect = *connectCallback;
     }
     settings.onHeartbeat = std::move(heartbeatCallback);
+    settings.onRefused = info.onRefused;
     return std::make_shared<GatewayClient>(IoTask(), std::move(settings));
 }
 

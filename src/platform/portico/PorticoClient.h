@@ -10,12 +10,18 @@
 namespace Portico
 {
 
+/// (path, error body): the gateway refused a subscription to `path`, or, where that is empty, the connection itself.
+using RefusalCallback = AsyncCallback<const std::string, const std::string>;
+
 /// Settings that all clients share; the defaults are what the service uses.
 struct CommonClientCreationInfo
 {
+    /// A refused connection is told once until one stands, before the connect callback's false; the client tries on.
+    std::optional<RefusalCallback> onRefused = std::nullopt;
 };
 
-/// Tells on a task that the connection stands (true), or that it went or could not be made (false, once for each).
+/// Tells on a task that the connection stands (true), or that it went or could not be made (false, once for each);
+/// requests that end because of that end afterwards.
 using ConnectCallback = AsyncCallback<const bool>;
 /// (guid, status): what the gateway finds out about the product that the connection was opened for.
 using HeartbeatCallback = AsyncCallback<const std::string, const PORTICO_CLIENT_ERRORS>;
@@ -39,7 +45,8 @@ public:
 /// connection goes, it ends in its error callback with code 503 or 504. A path that the gateway still sees with
 /// somebody else (409) is asked for again with the same pauses. A notification that cannot go out yet is held, the
 /// last one of each path, until the gateway has agreed to serve the path. The answer of a handler is dropped where
-/// the connection of its request has gone.
+/// the connection of its request has gone. A message of more than 4 MiB is not sent, since the gateway would end the
+/// connection: the request or the answer ends in an error (413) instead, of a notification a line of log remains.
 class PorticoClient
 {
 public:

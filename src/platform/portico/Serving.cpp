@@ -68,6 +68,7 @@ void Session::Announce(const std::shared_ptr<Registration>& registration)
         {
             DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: subscription to %s: %s", Name().c_str(), path.c_str(),
                     errorBody.c_str());
+            TellRefused(path, errorBody);
         }
     };
     Call("subscribe", JsonRpc::SubscribeParams(registration->path, registration->version, registration->scope),

@@ -18,9 +18,11 @@ const DPrint s_log("PorticoClient");
 /// A connection that stood for less does not count as one: the next pause goes on growing.
 constexpr std::chrono::milliseconds kStableAfter{1000};
 
+constexpr int kCodeTooLarge = 413;
 constexpr int kCodeUnavailable = 503;
 constexpr int kCodeTimeout = 504;
 constexpr std::size_t kMaxLoggedBytes = 2048;
+constexpr std::size_t kMaxFrameBytes = WebSocket::Limits{}.maxMessageBytes; ///< the gateway's bound is the same
 
 std::string Shortened(const std::string& text)
 {
@@ -106,22 +108,32 @@ void Session::HandleOpenAnswer(const std::string& errorBody)
     }
     if (!errorBody.empty())
     {
-        if (!m_isToldMissing)
+        if (!std::exchange(m_isToldRefused, true))
         {
             DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": the gateway refused to open: " << Shortened(errorBody));
+            TellRefused({}, errorBody);
         }
         m_connection->Close();
-        HandleClosed("refused");
+        Reconnect("refused", errorBody);
         return;
     }
     m_isConnected = true;
     m_isToldMissing = false;
+    m_isToldRefused = false;
     m_connectedSinceMs = MonotonicClock::NowMs();
     DPRINT(s_log, DPrint::LEVEL_INFO, Name() << ": connected to the gateway");
     TellConnected(true);
 }
 
 void Session::HandleClosed(const std::string& reason)
+{
+    Reconnect(reason,
+              ErrorText(kCodeUnavailable, 0,
+                        "no gateway at " + m_settings.host + ":" + std::to_string(m_settings.port) + ": " + reason));
+}
+
+/// Every request ends in `errorBody`.
+void Session::Reconnect(const std::string& reason, const std::string& errorBody)
 {
     const bool wasConnected = std::exchange(m_isConnected, false);
     m_isOpen = false;
@@ -145,13 +157,11 @@ void Session::HandleClosed(const std::string& reason)
         registration->retry.reset();
     }
     m_reconnectTimer.PostIn(static_cast<unsigned int>(m_backoff.Next().count()), [this] { Connect(); });
-    m_calls.FailAll(
-        ErrorText(kCodeUnavailable, 0,
-                  "no gateway at " + m_settings.host + ":" + std::to_string(m_settings.port) + ": " + reason));
     if (isNews)
     {
-        TellConnected(false);
+        TellConnected(false); // first: whoever hears of a failed request knows why
     }
+    m_calls.FailAll(errorBody);
 }
 
 void Session::HandleMessage(const std::string& text)
@@ -220,6 +230,15 @@ void Session::TellConnected(bool isConnected)
     }
 }
 
+void Session::TellRefused(const std::string& path, const std::string& errorBody)
+{
+    const ScopedMutex lock(m_gate->mutex);
+    if (m_settings.onRefused && m_gate->isOpen)
+    {
+        (*m_settings.onRefused)(path, errorBody);
+    }
+}
+
 void Session::Request(const std::string& method, const std::string& path, const std::string& body, double version,
                       const std::shared_ptr<RequestSlot>& slot)
 {
@@ -242,6 +261,11 @@ void Session::Request(const std::string& method, const std::string& path, const 
     }
     const std::string params = JsonRpc::PathParams(path, version, body);
     const auto makeFrame = [&](std::uint64_t id) { return JsonRpc::Request(id, method, params); };
+    if (makeFrame(m_calls.NextId()).size() > kMaxFrameBytes)
+    {
+        done({}, ErrorText(kCodeTooLarge, 0, "the request is larger than 4 MiB"));
+        return;
+    }
     const PendingCalls::Send send =
         m_isOpen ? PendingCalls::Send([this](std::string frame) { Send(std::move(frame)); }) : nullptr;
     if (m_isClosed || !m_calls.Add(makeFrame, send, done, slot.get()))
@@ -269,6 +293,12 @@ void Session::Notify(const std::string& path, const std::string& body, double ve
         return;
     }
     std::string frame = JsonRpc::Notification("notify", JsonRpc::PathParams(path, version, body));
+    if (frame.size() > kMaxFrameBytes)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR,
+               Name() << ": a notification of " << path << " is larger than 4 MiB and is not sent");
+        return;
+    }
     if (m_isOpen && IsServed(path))
     {
         m_held.Take(path);
@@ -281,12 +311,18 @@ void Session::Notify(const std::string& path, const std::string& body, double ve
     }
 }
 
-void Session::Reply(std::uint64_t epoch, std::string frame)
+void Session::Reply(std::uint64_t epoch, const std::string& id, std::string frame)
 {
-    if (epoch == m_epoch)
+    if (epoch != m_epoch)
     {
-        Send(std::move(frame));
+        return;
     }
+    if (frame.size() > kMaxFrameBytes)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": the answer to a request is larger than 4 MiB and is not sent");
+        frame = JsonRpc::Error(id, ErrorText(kCodeTooLarge, 0, "the answer is larger than 4 MiB"));
+    }
+    Send(std::move(frame));
 }
 
 void Session::Send(std::string frame)

@@ -43,6 +43,7 @@ public:
         std::string guid;
         std::optional<ConnectCallback> onConnect;
         std::optional<HeartbeatCallback> onHeartbeat;
+        std::optional<RefusalCallback> onRefused;
     };
     using RequestSlot = Slot<std::string, std::string>; ///< (body, error body)
 
@@ -61,8 +62,8 @@ public:
     void Request(const std::string& method, const std::string& path, const std::string& body, double version,
                  const std::shared_ptr<RequestSlot>& slot);
     void Notify(const std::string& path, const std::string& body, double version);
-    /// The answer of a handler, for the connection that its request came by.
-    void Reply(std::uint64_t epoch, std::string frame);
+    /// The answer to request `id`, for the connection that it came by.
+    void Reply(std::uint64_t epoch, const std::string& id, std::string frame);
 
     std::string ErrorText(int code, int subcode, const std::string& message) const;
 
@@ -71,6 +72,7 @@ private:
     void HandleOpened();
     void HandleOpenAnswer(const std::string& errorBody);
     void HandleClosed(const std::string& reason);
+    void Reconnect(const std::string& reason, const std::string& errorBody);
     void HandleMessage(const std::string& text);
     void HandleRequest(const JsonRpc::Frame& frame);
     void HandleNotification(const JsonRpc::Frame& frame);
@@ -87,6 +89,7 @@ private:
     void Call(const std::string& method, const std::string& params, PendingCalls::Done done);
     void Send(std::string frame);
     void TellConnected(bool isConnected);
+    void TellRefused(const std::string& path, const std::string& errorBody);
     std::string Name() const; ///< for log lines
 
     NotifyTargetTaskIF* m_io;
@@ -97,6 +100,7 @@ private:
     bool m_isOpen = false;        ///< frames can be sent
     bool m_isConnected = false;   ///< the gateway has answered `open`
     bool m_isToldMissing = false; ///< one line for a gateway that is not there, not one for each attempt
+    bool m_isToldRefused = false; ///< likewise for one that does not open
     bool m_isClosed = false;      ///< for good
     std::int64_t m_connectedSinceMs = 0;
     Backoff m_backoff;

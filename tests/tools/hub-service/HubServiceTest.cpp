@@ -77,6 +77,11 @@ TEST_F(AdvertiserTest, PostsForAMissingNameAndForEachRiseOfTheNetwork)
     Network(false);
     Network(true);
     EXPECT_EQ(m_posts, 3);
+    Posted(true);
+    Network(true);
+    m_advertiser->ForgetNetwork(); // it may have gone and come back unheard
+    Network(true);
+    EXPECT_EQ(m_posts, 4);
 }
 
 TEST_F(AdvertiserTest, AsksAgainWhileNobodyServesThePath)
