@@ -41,12 +41,11 @@ public:
 
     void Start()
     {
-        m_task = std::make_unique<RealTask>("PorticoGateway");
-        m_task->Run(
+        m_task.Run(
             [this]
             {
-                m_program = std::make_unique<Gateway::GatewayProgram>(m_task->Get(), m_settings,
-                                                                      std::make_unique<Lookup>(m_task->Get(), *this));
+                m_program = std::make_unique<Gateway::GatewayProgram>(m_task.Get(), m_settings,
+                                                                      std::make_unique<Lookup>(m_task.Get(), *this));
                 std::string error;
                 ASSERT_TRUE(m_program->Start(error)) << error;
                 m_settings.port = m_program->Port(); // the same ones after a restart
@@ -56,11 +55,7 @@ public:
     /// As a process that is killed: sockets go, nothing is said.
     void Kill()
     {
-        if (m_task != nullptr)
-        {
-            m_task->Run([this] { m_program.reset(); });
-            m_task.reset();
-        }
+        m_task.Run([this] { m_program.reset(); });
     }
 
     std::uint16_t Port() const
@@ -101,6 +96,6 @@ private:
     };
 
     Gateway::Settings m_settings;
-    std::unique_ptr<RealTask> m_task;
-    std::unique_ptr<Gateway::GatewayProgram> m_program;
+    std::unique_ptr<Gateway::GatewayProgram> m_program; ///< on the task
+    RealTask m_task{"PorticoGateway"};
 };

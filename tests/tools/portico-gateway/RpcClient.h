@@ -104,11 +104,6 @@ public:
         Send({{"jsonrpc", "2.0"}, {"id", request["id"]}, {kind, content}});
     }
 
-    void AnswerByItself(const Json& request) ///< one that came while mute
-    {
-        m_task.Run([&] { Handle(request); });
-    }
-
     /// The next frame of that method that came in, not seen again; null, and a failed test, after 10 s.
     Json Take(const std::string& method)
     {
