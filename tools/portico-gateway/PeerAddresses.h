@@ -51,7 +51,7 @@ private:
 
     NotifyTargetTaskIF* m_task;
     Router& m_router;
-    const PeersFile m_file;
+    PeersFile m_file;
     const std::uint16_t m_port;
     const std::unique_ptr<MdnsLookupIF> m_mdns;
     std::vector<Waiting> m_waiting;

@@ -54,12 +54,14 @@ PeersFile::PeersFile(std::string path)
 {
 }
 
-std::optional<Peer> PeersFile::Find(const std::string& guid) const
+std::optional<Peer> PeersFile::Find(const std::string& guid)
 {
     if (m_path.empty())
     {
         return std::nullopt;
     }
+    std::optional<Peer> first;
+    std::set<std::string> unreadable;
     std::ifstream file(m_path);
     std::string line;
     while (std::getline(file, line))
@@ -74,14 +76,18 @@ std::optional<Peer> PeersFile::Find(const std::string& guid) const
         const std::optional<Peer> peer = words >> place ? ReadPlace(place) : std::nullopt;
         if (!peer)
         {
-            DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: no guid and host[:port]: %s", m_path.c_str(), line.c_str());
+            if (unreadable.insert(line).second && m_told.count(line) == 0)
+            {
+                DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: no guid and host[:port]: %s", m_path.c_str(), line.c_str());
+            }
         }
-        else if (name == guid)
+        else if (name == guid && !first)
         {
-            return peer;
+            first = peer;
         }
     }
-    return std::nullopt;
+    m_told = std::move(unreadable);
+    return first;
 }
 
 } // namespace Gateway

@@ -3,6 +3,7 @@
 #include "Peer.h"
 
 #include <optional>
+#include <set>
 #include <string>
 
 namespace Gateway
@@ -15,11 +16,12 @@ class PeersFile final
 public:
     explicit PeersFile(std::string path); ///< empty: there is none
 
-    /// The first line for the guid. A line that cannot be read is skipped with one log line.
-    std::optional<Peer> Find(const std::string& guid) const;
+    /// The first line for the guid. A line that cannot be read is skipped, and logged once as long as it stands there.
+    std::optional<Peer> Find(const std::string& guid);
 
 private:
     const std::string m_path;
+    std::set<std::string> m_told; ///< the lines of the last reading that could not be read
 };
 
 } // namespace Gateway

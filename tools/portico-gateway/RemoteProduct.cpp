@@ -69,11 +69,24 @@ void RemoteProduct::Park(const Request& request, AnswerCallback answer)
         answer(Unreachable("too many requests wait for it"));
         return;
     }
+    const std::size_t bytes = request.body ? request.body->size() : 0;
+    if (m_waitingBytes + bytes > kMaxWaitingBytes)
+    {
+        answer(Unreachable("too much waits for it"));
+        return;
+    }
+    m_waitingBytes += bytes;
     m_waiting.push_back({request, std::move(answer)});
     if (m_state == State::IDLE)
     {
         StartAttempt();
     }
+}
+
+std::deque<RemoteProduct::Waiting> RemoteProduct::TakeWaiting()
+{
+    m_waitingBytes = 0;
+    return std::exchange(m_waiting, {});
 }
 
 void RemoteProduct::Subscribe(const std::string& path, const std::string& version, int scope, AnswerCallback answer)
@@ -83,7 +96,7 @@ void RemoteProduct::Subscribe(const std::string& path, const std::string& versio
         answer(Answer::Error(UNREACHABLE, "too many subscriptions", m_guid));
         return;
     }
-    m_subscriptions[path] =
+    m_subscriptions[path].params =
         R"({"path":)" + ToJson(path) + R"(,"version":)" + version + R"(,"scope":)" + std::to_string(scope) + "}";
     if (m_state != State::READY)
     {
@@ -94,7 +107,15 @@ void RemoteProduct::Subscribe(const std::string& path, const std::string& versio
         }
         return;
     }
-    SendSubscription(path, std::move(answer));
+    SendSubscription(path,
+                     [this, path, answer = std::move(answer)](const Answer& answered)
+                     {
+                         if (answered.IsError())
+                         {
+                             m_subscriptions.erase(path);
+                         }
+                         answer(answered);
+                     });
 }
 
 void RemoteProduct::Unsubscribe(const std::string& path)
@@ -103,27 +124,45 @@ void RemoteProduct::Unsubscribe(const std::string& path)
     m_subscriptions.erase(path);
 }
 
-void RemoteProduct::SendSubscription(const std::string& path, AnswerCallback answer)
+void RemoteProduct::SendSubscription(const std::string& path, AnswerCallback refusedOrDone)
 {
-    const std::string params = m_subscriptions[path];
-    Call("subscribe", params,
-         [this, path, answer = std::move(answer)](const Answer& answered)
+    Call("subscribe", m_subscriptions[path].params,
+         [this, answer = std::move(refusedOrDone)](const Answer& answered)
          {
-             const bool isRefused = answered.IsError() && answered.code != UNREACHABLE && answered.code != NO_ANSWER;
-             if (isRefused)
-             {
-                 m_subscriptions.erase(path);
-             }
+             // Without a connection, or without an answer in time, nothing was refused: it is renewed later.
+             const bool isRefused = answered.IsError() && m_state == State::READY && answered.code != NO_ANSWER;
              answer(isRefused ? answered : Answer::Empty());
          });
 }
 
+void RemoteProduct::Renew(const std::string& path)
+{
+    SendSubscription(path,
+                     [this, path](const Answer& answered)
+                     {
+                         const auto found = m_subscriptions.find(path);
+                         if (found == m_subscriptions.end())
+                         {
+                             return;
+                         }
+                         const bool isNews = answered.IsError() && !found->second.isToldRefused;
+                         found->second.isToldRefused = answered.IsError();
+                         if (isNews)
+                         {
+                             DPRINTF(s_log, DPrint::LEVEL_WARNING, "%s: product %s refuses the subscription of %s: %d",
+                                     m_service.c_str(), m_guid.c_str(), path.c_str(), answered.code);
+                         }
+                     });
+}
+
 void RemoteProduct::Carry(const Request& request, const AnswerCallback& answer)
 {
+    // The request itself is not kept: its body may be large, and many wait.
+    const bool isTelling = request.verb == "get" && request.path == kInfoPath;
     const auto id = m_pending.Add(m_surroundings.timings.carriedRequestLimit,
-                                  [this, request, answer](const Answer& answered)
+                                  [this, isTelling, answer](const Answer& answered)
                                   {
-                                      const bool isImpostor = IsImpostor(request, answered);
+                                      const bool isImpostor = isTelling && IsImpostor(answered);
                                       answer(isImpostor ? Unreachable("another product answers there") : answered);
                                   });
     if (!id)
@@ -251,6 +290,7 @@ void RemoteProduct::Connect(const Peer& peer)
     WebSocket::Limits limits;
     limits.handshakeTimeout = m_surroundings.timings.connectLimit;
     limits.idleTimeout = kIdleTimeout;
+    limits.maxQueuedBytes += kMaxWaitingBytes; // what has waited goes out at once
     WebSocket::Connection::Handlers handlers;
     handlers.opened = [this] { HandleOpened(); };
     handlers.message = [this](const std::string& text) { HandleMessage(text); };
@@ -289,10 +329,10 @@ void RemoteProduct::Identify()
 {
     const Request request{"get", kInfoPath, "1.0", std::nullopt};
     const auto id = m_pending.Add(m_surroundings.timings.checkLimit,
-                                  [this, request](const Answer& answer)
+                                  [this](const Answer& answer)
                                   {
                                       // A product whose service is not up yet has no name, and is let pass.
-                                      if (m_state == State::IDENTIFYING && !IsImpostor(request, answer))
+                                      if (m_state == State::IDENTIFYING && !IsImpostor(answer))
                                       {
                                           HandleReady();
                                       }
@@ -300,9 +340,9 @@ void RemoteProduct::Identify()
     m_connection->Send(CallFrame(*id, request));
 }
 
-bool RemoteProduct::IsImpostor(const Request& request, const Answer& answer)
+bool RemoteProduct::IsImpostor(const Answer& answer)
 {
-    const bool isTelling = request.verb == "get" && request.path == kInfoPath && !answer.IsError() && !m_peer.isGiven;
+    const bool isTelling = !answer.IsError() && !m_peer.isGiven;
     const std::string guid = isTelling ? FindGuid(answer.result) : std::string();
     if (guid.empty() || guid == m_guid)
     {
@@ -321,15 +361,15 @@ void RemoteProduct::HandleReady()
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is reached at %s", m_service.c_str(), m_guid.c_str(),
             m_peer.host.c_str());
     std::vector<std::string> paths;
-    for (const auto& [path, params] : m_subscriptions)
+    for (const auto& [path, subscription] : m_subscriptions)
     {
         paths.push_back(path);
     }
     for (const std::string& path : paths)
     {
-        SendSubscription(path, [](const Answer&) {});
+        Renew(path);
     }
-    const std::deque<Waiting> waiting = std::exchange(m_waiting, {});
+    const std::deque<Waiting> waiting = TakeWaiting();
     for (const Waiting& each : waiting)
     {
         Carry(each.request, each.answer);
@@ -366,7 +406,7 @@ void RemoteProduct::HandleClosed(const std::string& reason)
     }
     m_state = State::IDLE;
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is lost: %s", m_service.c_str(), m_guid.c_str(), reason.c_str());
-    const std::deque<Waiting> waiting = std::exchange(m_waiting, {});
+    const std::deque<Waiting> waiting = TakeWaiting();
     for (const Waiting& each : waiting)
     {
         each.answer(Unreachable(reason));
@@ -388,7 +428,7 @@ void RemoteProduct::Fail(const std::string& reason)
         DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is not reachable: %s", m_service.c_str(), m_guid.c_str(),
                 reason.c_str());
     }
-    const std::deque<Waiting> waiting = std::exchange(m_waiting, {});
+    const std::deque<Waiting> waiting = TakeWaiting();
     for (const Waiting& each : waiting)
     {
         each.answer(Unreachable(reason));

@@ -51,14 +51,16 @@ public:
     void Send(const Request& request, AnswerCallback answer);
     /// As Send, but tries anew also just after a failure.
     void SendCheck(const Request& request, AnswerCallback answer);
-    /// Holds from now on, reached or not; an error that the product answers ends it.
+    /// Holds from now on, reached or not, and is renewed at each connection; only an `answer` that is an error ends it.
+    /// A product that refuses it later is logged, and is asked again at the next connection.
     void Subscribe(const std::string& path, const std::string& version, int scope, AnswerCallback answer);
     void Unsubscribe(const std::string& path);
     /// The product table can be asked now: an attempt that goes on without it begins anew.
     void HandleOwnList();
 
-    static constexpr std::size_t kMaxWaiting = 1024;       ///< requests while there is no connection
-    static constexpr std::size_t kMaxSubscriptions = 4096; ///< paths
+    static constexpr std::size_t kMaxWaiting = 1024;           ///< requests while there is no connection
+    static constexpr std::size_t kMaxWaitingBytes = 8U << 20U; ///< of their bodies
+    static constexpr std::size_t kMaxSubscriptions = 4096;     ///< paths
     /// A row's address does not change while its product is away, so that not each attempt asks for it.
     static constexpr std::chrono::milliseconds kTableMemory{10000};
     /// A connection that stood for less is not missed at once: who closes each one would make us spin.
@@ -78,8 +80,14 @@ private:
         Request request;
         AnswerCallback answer;
     };
+    struct Subscription
+    {
+        std::string params;
+        bool isToldRefused = false; ///< one log line, not one for each connection
+    };
 
     void Park(const Request& request, AnswerCallback answer);
+    std::deque<Waiting> TakeWaiting();
     void StartAttempt();
     /// What an address look-up calls: nothing happens where its attempt is over.
     std::function<void(const std::vector<Peer>&)>
@@ -93,12 +101,13 @@ private:
     void HandleMessage(const std::string& text);
     void HandleClosed(const std::string& reason);
     void Fail(const std::string& reason);
-    /// True where the answer shows that another product answers there; the connection is given up then.
-    bool IsImpostor(const Request& request, const Answer& answer);
+    /// True where the answer to kInfoPath shows that another product answers there; the connection is given up then.
+    bool IsImpostor(const Answer& answer);
 
     void Carry(const Request& request, const AnswerCallback& answer);
     void Call(const std::string& method, const std::string& params, AnswerCallback answer);
-    void SendSubscription(const std::string& path, AnswerCallback answer);
+    void SendSubscription(const std::string& path, AnswerCallback refusedOrDone);
+    void Renew(const std::string& path);
     Answer Unreachable(const std::string& reason) const;
 
     const Surroundings& m_surroundings;
@@ -122,8 +131,9 @@ private:
     bool m_isToldUnreachable = false; ///< one log line for a product that is away, not one for each attempt
 
     std::deque<Waiting> m_waiting;
+    std::size_t m_waitingBytes = 0;
     PendingRequests m_pending;
-    std::map<std::string, std::string> m_subscriptions; ///< path, parameters
+    std::map<std::string, Subscription> m_subscriptions; ///< by path
     const std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
 };
 

@@ -18,18 +18,25 @@ void Router::SetServedCallback(std::function<void(const std::string&, const std:
 
 Answer Router::Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope)
 {
-    if (m_paths.size() >= kMaxPaths && m_paths.count(path) == 0)
+    const auto found = m_paths.find(path);
+    if (found != m_paths.end() && found->second.count(verb) != 0)
     {
-        return Answer::Error(UNREACHABLE, "too many paths are served", m_ownGuid);
+        Endpoint& endpoint = found->second.at(verb);
+        if (endpoint.server != server)
+        {
+            return Answer::Error(PATH_TAKEN, verb + " " + path + " is served by another client", m_ownGuid);
+        }
+        endpoint.scope = scope;
+        return Answer::Empty();
     }
-    auto& verbs = m_paths[path];
-    const auto [endpoint, isNew] = verbs.try_emplace(verb, Endpoint{server, scope});
-    if (!isNew && endpoint->second.server != server)
+    std::size_t& served = m_served[server];
+    if (served >= kMaxServed)
     {
-        return Answer::Error(PATH_TAKEN, verb + " " + path + " is served by another client", m_ownGuid);
+        return Answer::Error(UNREACHABLE, "this client serves too many paths", m_ownGuid);
     }
-    endpoint->second.scope = scope;
-    if (isNew && m_onServed)
+    ++served;
+    m_paths[path][verb] = Endpoint{server, scope};
+    if (m_onServed)
     {
         m_onServed(verb, path);
     }
@@ -45,6 +52,7 @@ Answer Router::Withdraw(PathServerIF* server, const std::string& verb, const std
         return Answer::Error(NOT_SERVED, "this client does not serve " + verb + " " + path, m_ownGuid);
     }
     found->second.erase(endpoint);
+    --m_served[server];
     if (found->second.empty())
     {
         m_paths.erase(found);
@@ -54,6 +62,7 @@ Answer Router::Withdraw(PathServerIF* server, const std::string& verb, const std
 
 void Router::Forget(PathServerIF* server)
 {
+    m_served.erase(server);
     for (auto path = m_paths.begin(); path != m_paths.end();)
     {
         std::erase_if(path->second, [server](const auto& verb) { return verb.second.server == server; });

@@ -3,6 +3,7 @@
 #include "PendingRequests.h"
 #include "RpcFrame.h"
 
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <string>
@@ -38,6 +39,7 @@ public:
     void SetServedCallback(std::function<void(const std::string& verb, const std::string& path)> callback);
 
     /// PATH_TAKEN where another client serves this verb of the path; serving it twice changes its scope.
+    /// UNREACHABLE where this client serves kMaxServed already; the others' do not count.
     Answer Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope);
     /// NOT_SERVED where this client does not serve it.
     Answer Withdraw(PathServerIF* server, const std::string& verb, const std::string& path);
@@ -52,8 +54,7 @@ public:
     /// Whether other products see the path: one of its verbs, of `server` where given, has scope 0.
     bool IsPublic(const std::string& path, const PathServerIF* server = nullptr) const;
 
-    /// One client serves at most so many; more are refused.
-    static constexpr std::size_t kMaxPaths = 16384;
+    static constexpr std::size_t kMaxServed = 16384; ///< by one client, each verb of a path counted
 
 private:
     struct Endpoint
@@ -65,6 +66,7 @@ private:
     const std::string m_ownGuid;
     std::function<void(const std::string&, const std::string&)> m_onServed;
     std::map<std::string, std::map<std::string, Endpoint>> m_paths; ///< path, verb
+    std::map<const PathServerIF*, std::size_t> m_served;            ///< how many each has there
 };
 
 } // namespace Gateway

@@ -1,7 +1,17 @@
 #include "Subscriptions.h"
 
+#include "DPrint.h"
+
+#include <iterator>
+
 namespace Gateway
 {
+namespace
+{
+
+const DPrint s_log("PorticoGateway");
+
+} // namespace
 
 Subscriptions::Subscriptions(const Router& router)
     : m_router(router)
@@ -64,7 +74,7 @@ void Subscriptions::Notify(const PathServerIF* server, const std::string& path, 
                            const std::string& body)
 {
     const std::string frame = NotifyFrame(path, version, body);
-    m_last[path] = Last{server, frame};
+    KeepLast(server, path, frame);
     const auto found = m_subscribers.find(path);
     if (found == m_subscribers.end())
     {
@@ -85,13 +95,49 @@ void Subscriptions::DropLast(const PathServerIF* server, const std::string& path
     const auto last = m_last.find(path);
     if (last != m_last.end() && last->second.server == server)
     {
-        m_last.erase(last);
+        Erase(last);
     }
 }
 
 void Subscriptions::DropLast(const PathServerIF* server)
 {
-    std::erase_if(m_last, [server](const auto& last) { return last.second.server == server; });
+    for (auto last = m_last.begin(); last != m_last.end();)
+    {
+        const auto next = std::next(last);
+        if (last->second.server == server)
+        {
+            Erase(last);
+        }
+        last = next;
+    }
+}
+
+void Subscriptions::KeepLast(const PathServerIF* server, const std::string& path, const std::string& frame)
+{
+    if (const auto old = m_last.find(path); old != m_last.end())
+    {
+        Erase(old); // where the new one is not kept, the old one is no news either
+    }
+    if (m_lastBytes + frame.size() <= kMaxLastBytes)
+    {
+        m_lastBytes += frame.size();
+        m_last[path] = Last{server, frame};
+        return;
+    }
+    if (!m_isToldFull)
+    {
+        m_isToldFull = true;
+        DPRINTF(s_log, DPrint::LEVEL_WARNING,
+                "the last notification of %s is not kept: %zu bytes of others are, of %zu at most", path.c_str(),
+                m_lastBytes, kMaxLastBytes);
+    }
+}
+
+void Subscriptions::Erase(std::map<std::string, Last>::iterator last)
+{
+    m_lastBytes -= last->second.frame.size();
+    m_last.erase(last);
+    m_isToldFull = m_isToldFull && m_lastBytes > kMaxLastBytes / 2;
 }
 
 } // namespace Gateway

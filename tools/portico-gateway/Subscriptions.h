@@ -19,7 +19,8 @@ public:
 };
 
 /// Who is told of which path, and each path's last notification for those who come later.
-/// A subscription holds for a path that nobody serves yet; a notification is kept while its server serves the path.
+/// A subscription holds for a path that nobody serves yet; a notification is kept while its server serves the path,
+/// unless it would take all that are kept over kMaxLastBytes: those who come later hear nothing of it then.
 /// Task: the gateway's. Owner: the gateway. Never keeps a subscriber alive: each tells when it goes.
 class Subscriptions final
 {
@@ -44,6 +45,7 @@ public:
 
     static constexpr std::size_t kMaxPathsLocal = 4096; ///< of one subscriber
     static constexpr std::size_t kMaxPathsLan = 64;
+    static constexpr std::size_t kMaxLastBytes = 64U << 20U; ///< of last notifications, of all paths together
 
 private:
     struct Last
@@ -52,10 +54,15 @@ private:
         std::string frame;
     };
 
+    void KeepLast(const PathServerIF* server, const std::string& path, const std::string& frame);
+    void Erase(std::map<std::string, Last>::iterator last);
+
     const Router& m_router;
     std::map<std::string, std::map<SubscriberIF*, Origin>> m_subscribers; ///< by path
     std::map<SubscriberIF*, std::set<std::string>> m_paths;               ///< the same by subscriber
     std::map<std::string, Last> m_last;
+    std::size_t m_lastBytes = 0;
+    bool m_isToldFull = false; ///< until half of the bytes are free again
 };
 
 } // namespace Gateway

@@ -766,6 +766,7 @@ public:
 
 private:
     void OnAccepted(const ErrorCode& error, Socket socket);
+    void SayFull();
     void Pause(const ErrorCode& error);
 
     Acceptor m_acceptor;
@@ -774,6 +775,7 @@ private:
     std::shared_ptr<const AcceptedCallback> m_accepted; ///< null: stopped
     const std::shared_ptr<Places> m_places = std::make_shared<Places>();
     std::optional<std::chrono::steady_clock::time_point> m_saidAt;
+    bool m_isFullSaid = false; ///< until a tenth of the places is free: peers that come and go fill no log
 };
 
 bool Acceptance::Bind(std::string& error)
@@ -806,6 +808,7 @@ void Acceptance::AcceptNext()
     }
     if (m_places->m_taken >= m_options->maxConnections)
     {
+        SayFull();
         m_places->m_onFree = [weak = weak_from_this()]
         {
             if (const std::shared_ptr<Acceptance> self = weak.lock())
@@ -815,6 +818,8 @@ void Acceptance::AcceptNext()
         };
         return;
     }
+    const std::size_t tenth = std::max<std::size_t>(1, m_options->maxConnections / 10);
+    m_isFullSaid = m_isFullSaid && m_places->m_taken + tenth > m_options->maxConnections;
     m_acceptor.async_accept([self = shared_from_this()](const ErrorCode& error, Socket socket)
                             { self->OnAccepted(error, std::move(socket)); });
 }
@@ -844,6 +849,16 @@ void Acceptance::OnAccepted(const ErrorCode& error, Socket socket)
                         });
     }
     AcceptNext();
+}
+
+void Acceptance::SayFull()
+{
+    if (!m_isFullSaid)
+    {
+        m_isFullSaid = true;
+        DPRINTF(s_log, DPrint::LEVEL_WARNING, "accepting on port %u waits: all %zu places are taken",
+                static_cast<unsigned>(Port()), m_options->maxConnections);
+    }
 }
 
 void Acceptance::Pause(const ErrorCode& error)
