@@ -13,93 +13,77 @@ using namespace MDNS;
 namespace
 {
 
-using First = void (*)(void*, int);
-using Middle = void (*)(const char*, void*, int);
+using Event = void (*)(int, void*, const char*);
+using Adapter = detail::AdapterOf<Event>;
 
 /// A C library that remembers the one callback that it was given.
-template <class Callback>
 struct Library
 {
-    Callback m_callback = nullptr;
+    Event m_callback = nullptr;
     void* m_userData = nullptr;
 
-    auto Create(typename detail::AdapterOf<Callback>::Base::Function function)
+    CallbackConnection Create(Adapter::Base::Function function)
     {
-        return detail::AdapterOf<Callback>::Create(std::move(function),
-                                                   [this](Callback callback, void* userData)
-                                                   {
-                                                       m_callback = callback;
-                                                       m_userData = userData;
-                                                       return this;
-                                                   });
+        const auto remember = [this](Event callback, void* userData)
+        {
+            m_callback = callback;
+            m_userData = userData;
+            return this;
+        };
+        return Adapter::Create(std::move(function), remember).second;
+    }
+    void Tell() const
+    {
+        m_callback(7, m_userData, "seven");
     }
 };
 
-TEST(AvahiCallbackAdapterTest, TheUserDataIsFoundWhereverItStandsAndNothingIsThrown)
+TEST(AvahiCallbackAdapterTest, ACallbackMayEndItsOwnAdapterAndThrow)
 {
     const LogCapture log;
-    std::string heard;
-    Library<First> first;
-    const auto thrower = first.Create([](int) { throw std::runtime_error("broken"); });
-    first.m_callback(first.m_userData, 1);
-    EXPECT_TRUE(log.Contains("a callback has thrown: broken"));
-
-    Library<Middle> middle;
-    const auto [handle, connection] = middle.Create([&](const char* a, int b) { heard = a + std::to_string(b); });
-    EXPECT_EQ(handle, &middle);
-    middle.m_callback("middle ", middle.m_userData, 2);
-    EXPECT_EQ(heard, "middle 2");
-    connection.Disconnect();
-    connection.Disconnect();
-    EXPECT_FALSE(connection.IsConnected());
-    middle.m_callback("late ", middle.m_userData, 3);
-    EXPECT_EQ(heard, "middle 2");
-}
-
-TEST(AvahiCallbackAdapterTest, ACallbackMayEndItsOwnAdapter)
-{
-    Library<First> library;
+    Library library;
     CallbackConnection connection;
-    const auto token = std::make_shared<int>(7);
-    int heard = 0;
-    auto created = library.Create(
-        [&connection, &heard, token](int)
+    const auto token = std::make_shared<std::string>("token ");
+    std::string heard;
+    connection = library.Create(
+        [&connection, &heard, token](int number, const std::string& text)
         {
             connection.Disconnect();
-            connection = {}; // the last handle
-            heard += *token; // what the function holds outlives the call
+            connection = {};                                // the last handle
+            heard = *token + std::to_string(number) + text; // what the function holds outlives the call
+            throw std::runtime_error("broken");
         });
-    connection = std::move(created.second);
-    created.second = {};
-    library.m_callback(library.m_userData, 1);
-    EXPECT_EQ(heard, 7);
+    library.Tell();
+    EXPECT_EQ(heard, "token 7seven");
     EXPECT_EQ(token.use_count(), 1) << "and no longer than it";
+    EXPECT_TRUE(log.Contains("a callback has thrown: broken"));
 }
 
 TEST(CleanupConnectionTest, CleansUpOnceBeforeTheAdapterGoes)
 {
-    Library<First> library;
+    Library library;
     int heard = 0;
     int cleanups = 0;
-    auto created = library.Create([&heard](int a) { heard += a; });
+    CallbackConnection adapter = library.Create([&heard](int, const char*) { ++heard; });
     CallbackConnection connection = MakeCleanupConnection(
         [&]
         {
             ++cleanups;
-            library.m_callback(library.m_userData, 1); // a last event while the object is being freed
+            library.Tell(); // a last event while the object is being freed
         },
-        created.second);
+        adapter);
     connection.Disconnect();
+    EXPECT_FALSE(connection.IsConnected() || adapter.IsConnected());
+    connection.Disconnect();
+    library.Tell();
     EXPECT_EQ(heard, 1);
-    EXPECT_FALSE(connection.IsConnected() || created.second.IsConnected());
-    connection.Disconnect();
     connection = {};
     EXPECT_EQ(cleanups, 1);
 
-    created = library.Create([](int) {});
-    MakeCleanupConnection([&cleanups] { ++cleanups; }, created.second); // the last handle goes at once
+    adapter = library.Create([](int, const char*) {});
+    MakeCleanupConnection([&cleanups] { ++cleanups; }, adapter); // the last handle goes at once
     EXPECT_EQ(cleanups, 2);
-    EXPECT_FALSE(created.second.IsConnected());
+    EXPECT_FALSE(adapter.IsConnected());
 }
 
 } // namespace

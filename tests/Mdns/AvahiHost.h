@@ -2,7 +2,6 @@
 
 #include <string>
 #include <sys/types.h>
-#include <vector>
 
 /// A host of its own for a test of the Avahi backend: network, mount and process namespaces with a private /run, a
 /// message bus and an mDNS daemon. Needs the right to make namespaces.
@@ -33,13 +32,10 @@ public:
     void KillDaemon(); ///< by signal 9
     void KillBus();
 
-    /// Multicasts, as another host would, that the instance is served elsewhere.
-    void ClaimInstance(const std::string& name, const std::string& type);
+    /// Multicasts, as another host would, that this instance of "_kova-test._udp" is served elsewhere.
+    void ClaimInstance(const std::string& name);
 
 private:
-    static pid_t Spawn(const std::vector<std::string>& command, int inheritedFd = -1);
-    static void Kill(pid_t& pid);
-
     pid_t m_bus = -1;
     pid_t m_daemon = -1;
 };

@@ -1,7 +1,6 @@
 #include "MdnsServiceFixture.h"
 #include "ProtoToMarkup.h"
 #include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
 
 #include <gmock/gmock.h>
 
@@ -15,6 +14,18 @@ using testing::SizeIs;
 
 namespace
 {
+
+/// From "KEY=value" each.
+std::map<std::string, std::string> Txt(const std::vector<std::string>& records)
+{
+    std::map<std::string, std::string> txt;
+    for (const std::string& record : records)
+    {
+        const std::size_t end = record.find('=');
+        txt[record.substr(0, end)] = record.substr(end + 1);
+    }
+    return txt;
+}
 
 class MdnsServiceBrowseTest : public MdnsServiceFixture
 {
@@ -66,20 +77,9 @@ TEST_F(MdnsServiceBrowseTest, AResolvedServiceIsAProductUntilItsRemoval)
                 ElementsAre("browse _kova-lanyard._tcp", "browse _kova-clock._tcp", "browse _kova-accessory._tcp"));
     const auto heard = Subscribe();
     Announce("Kitchen", kRenderer,
-             {{"GUID", "g-1"},
-              {"MANUFACTURER", "Kova"},
-              {"ECOSYS", "ORB2"},
-              {"PTYPE", "T"},
-              {"PNAME", "N"},
-              {"PCOLOR", "C"},
-              {"SWVERSION", "1.2"},
-              {"MAC", "00:11"},
-              {"DEVICEIP", "192.168.1.1"},
-              {"GroupingVersion", R"({"major_version":1,"minor_version":2})"},
-              {"CLOCKDOMAIN", "d"},
-              {"LEADERELECTED", "true"},
-              {"BATTERY", "TRUE"},
-              {"CONNECTIONTYPE", "WIFI"}});
+             Txt({"GUID=g-1", "MANUFACTURER=Kova", "ECOSYS=ORB2", "PTYPE=T", "PNAME=N", "PCOLOR=C", "SWVERSION=1.2",
+                  "MAC=00:11", "DEVICEIP=192.168.1.1", R"(GroupingVersion={"major_version":1,"minor_version":2})",
+                  "CLOCKDOMAIN=d", "LEADERELECTED=true", "BATTERY=TRUE", "CONNECTIONTYPE=WIFI"}));
     EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1"));
     EXPECT_EQ(
         ProtoToMarkup::ToJson(m_last, true, false, false),
@@ -275,18 +275,11 @@ TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
     const auto heard = Subscribe();
     const std::string binary("\x00\xFF\x80\xC0\xAF", 5);
     Announce("Bad \xFF name", kRenderer,
-             {{"GUID", "g-1"},
-              {"", "nothing"},
-              {"PNAME", binary},
-              {"ECOSYS", ""},
-              {binary, "x"},
-              {"PCOLOR", std::string(255, 'x')},
-              {"SWVERSION", "\xED\xA0\x80"},
-              {"AudioPayloadVersion", "1.2"},
-              {"GroupingVersion", R"({"major_version":99999999999})"},
-              {"NowPlayingVersion", R"([{"major_version":1}])"},
-              {"ClockSyncProtocolVersion", R"({"major_version":3,"else":[[[1]]]})"},
-              {"PlaybackRequestVersion", std::string(255, '[')}});
+             Txt({"GUID=g-1", "=nothing", "PNAME=" + binary, "ECOSYS=", binary + "=x",
+                  "PCOLOR=" + std::string(255, 'x'), "SWVERSION=\xED\xA0\x80", "AudioPayloadVersion=1.2",
+                  R"(GroupingVersion={"major_version":99999999999})", R"(NowPlayingVersion=[{"major_version":1}])",
+                  R"(ClockSyncProtocolVersion={"major_version":3,"else":[[[1]]]})",
+                  "PlaybackRequestVersion=" + std::string(255, '[')}));
     EXPECT_THAT(*heard, ElementsAre("ONLINE Bad \xEF\xBF\xBD name g-1"));
     const Sonarix::ProductInfo& info = m_last.productinfo();
     EXPECT_FALSE(info.has_modelname());
@@ -304,27 +297,6 @@ TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
     EXPECT_TRUE(m_log.Contains("PNAME SWVERSION AudioPayloadVersion NowPlayingVersion PlaybackRequestVersion "
                                "GroupingVersion"))
         << m_log.Text();
-}
-
-TEST(MdnsServiceNoneTest, TheDisabledBackendsAnswerAndStaySilent)
-{
-    const LogCapture log("4");
-    IL::Simulation simulation(1);
-    NotifyTargetTaskIF* const task = IL::CreateTask("MdnsTask", "");
-    for (const auto& [useBackend, forceNone] : {std::pair{false, false}, {true, true}})
-    {
-        const std::shared_ptr<MdnsServiceIF> service = MdnsServiceFactory::Create(task, useBackend, forceNone);
-        service->BroadcastInitialDeviceAnnouncement({});
-        service->AddService(FakeMdns::MakeService("Own", kClock));
-        bool isUpdated = false;
-        service->UpdateServiceTxtRecords(FakeMdns::MakeService("Own", kClock),
-                                         [&](const bool& result) { isUpdated = result; });
-        service->StopService();
-        simulation.RunFor(1h);
-        EXPECT_TRUE(isUpdated);
-    }
-    EXPECT_TRUE(log.Contains("Browsing is disabled") && log.Contains("Publishing is disabled"));
-    EXPECT_FALSE(log.Contains("Avahi"));
 }
 
 } // namespace

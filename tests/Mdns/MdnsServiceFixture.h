@@ -2,9 +2,11 @@
 
 #include "FakeMdns.h"
 #include "LogCapture.h"
+#include "MdnsService.h"
 #include "MdnsServiceFactory.h"
 #include "MdnsServiceIF.h"
 #include "Simulation.h"
+#include "SonarixPb.pb.h"
 #include "Task.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +19,52 @@
 inline const char* const kRenderer = "_kova-lanyard._tcp";
 inline const char* const kClock = "_kova-clock._tcp";
 inline const char* const kAccessory = "_kova-accessory._tcp";
+
+inline SonarixPb::DeviceInfo MakeDevice(const std::string& name)
+{
+    SonarixPb::DeviceInfo info;
+    info.set_guid("g-own");
+    info.set_friendlyname(name);
+    info.set_devicetype("RENDERER");
+    return info;
+}
+
+/// What was put on, changed on and taken off the network since the last look.
+inline std::vector<std::string> News(FakeMdns& mdns)
+{
+    std::vector<std::string> news = mdns.Calls();
+    mdns.ClearCalls();
+    std::erase_if(
+        news, [](const std::string& call)
+        { return !call.starts_with("publish") && !call.starts_with("update") && !call.starts_with("withdraw"); });
+    return news;
+}
+
+/// Makes the mDNS logic as always, and remembers it and its task.
+class RememberingFactory final : public SonarixService::MdnsServiceFactory::detail::MdnsServiceFactoryIF
+{
+public:
+    RememberingFactory()
+    {
+        SonarixService::MdnsServiceFactory::SetOverride(this);
+    }
+    ~RememberingFactory() override
+    {
+        SonarixService::MdnsServiceFactory::SetOverride(nullptr);
+    }
+    std::shared_ptr<SonarixService::MdnsServiceIF> Create(NotifyTargetTaskIF* task, bool useBackend,
+                                                          bool forceNone) override
+    {
+        const auto service = std::make_shared<SonarixService::MdnsService>(task, useBackend, forceNone);
+        m_task = task;
+        m_made.push_back(service);
+        service->StartService();
+        return service;
+    }
+
+    NotifyTargetTaskIF* m_task = nullptr;
+    std::vector<std::weak_ptr<SonarixService::MdnsServiceIF>> m_made;
+};
 
 /// The mDNS logic on a simulated task, with a faked LAN under it.
 class MdnsServiceFixture : public testing::Test

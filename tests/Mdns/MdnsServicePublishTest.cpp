@@ -1,7 +1,7 @@
 #include "MdnsServiceFixture.h"
-#include "SonarixPb.pb.h"
 
 #include <gmock/gmock.h>
+#include <google/protobuf/text_format.h>
 
 #include <optional>
 
@@ -13,32 +13,14 @@ using testing::Pair;
 namespace
 {
 
-SonarixPb::DeviceInfo Device(const std::string& name)
-{
-    SonarixPb::DeviceInfo info;
-    info.set_guid("g-own");
-    info.set_friendlyname(name);
-    info.set_devicetype("RENDERER");
-    return info;
-}
-
 /// What the service asks of its backends stands in the faked LAN; browsing is left out.
 class MdnsServicePublishTest : public MdnsServiceFixture
 {
 protected:
-    /// What was put on and taken off the network since the last look.
     std::vector<std::string> News()
     {
         Settle();
-        std::vector<std::string> news = m_mdns.Calls();
-        std::erase_if(news,
-                      [](const std::string& call)
-                      {
-                          return call.find("browse") != std::string::npos ||
-                                 call.find("resolve") != std::string::npos || call.find("stop") != std::string::npos;
-                      });
-        m_mdns.ClearCalls();
-        return news;
+        return ::News(m_mdns);
     }
     std::optional<bool> Update(const MDNS::Service& service)
     {
@@ -52,15 +34,12 @@ protected:
 TEST_F(MdnsServicePublishTest, TheAnnouncementHoldsTheWholeSetOfRecords)
 {
     Start();
-    SonarixPb::DeviceInfo info = Device("Kitchen");
-    info.set_manufacturer("Kova");
-    info.set_ecosystem("ORB2");
-    info.set_producttype("T");
-    info.set_modelname("N");
-    info.set_productcolor("C");
-    info.set_softwareversion("1.2");
-    info.mutable_multiroom_versions()->mutable_grouping_version()->set_major_version(2);
-    info.mutable_multiroom_versions()->mutable_zonecontrol_version()->set_major_version(9);
+    SonarixPb::DeviceInfo info = MakeDevice("Kitchen");
+    google::protobuf::TextFormat::Parser().MergeFromString(
+        R"(manufacturer: "Kova" ecosystem: "ORB2" producttype: "T" modelname: "N" productcolor: "C")"
+        R"(softwareversion: "1.2" multiroom_versions { Grouping_Version { major_version: 2 })"
+        R"(ZoneControl_Version { major_version: 9 } })",
+        &info);
     m_service->BroadcastInitialDeviceAnnouncement(info);
     Settle();
     const MDNS::Service* const published = m_mdns.Find("Kitchen", kRenderer);
@@ -75,7 +54,7 @@ TEST_F(MdnsServicePublishTest, TheAnnouncementHoldsTheWholeSetOfRecords)
 
     // One main record: an accessory's takes its place, under its own name and type.
     m_mdns.ClearCalls();
-    m_service->BroadcastInitialAccessoryAnnouncement(Device("Bath"));
+    m_service->BroadcastInitialAccessoryAnnouncement(MakeDevice("Bath"));
     EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Accessory _kova-accessory._tcp"));
     EXPECT_THAT(m_mdns.Find("Accessory", kAccessory)->txt, ElementsAre(Pair("GUID", "g-own")));
 
@@ -94,7 +73,7 @@ TEST_F(MdnsServicePublishTest, WhatIsHandedInBeforeTheDaemonRunsFollowsTheAnnoun
     m_mdns.StartDaemon();
     EXPECT_THAT(News(), IsEmpty()) << "no main record yet";
 
-    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    m_service->BroadcastInitialDeviceAnnouncement(MakeDevice("Kitchen"));
     EXPECT_THAT(News(), ElementsAre("publish Kitchen _kova-lanyard._tcp")) << "the others wait for the next start";
     m_service->AddService(FakeMdns::MakeService("A", "_a._tcp"));
     EXPECT_THAT(News(), ElementsAre("publish A _a._tcp")) << "once the publisher is up, an add goes out at once";
@@ -135,7 +114,7 @@ TEST_F(MdnsServicePublishTest, ANameThatACollisionChangedIsKept)
     Announce("Kitchen", kRenderer);
     Announce("Own", "_a._tcp");
     Start();
-    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    m_service->BroadcastInitialDeviceAnnouncement(MakeDevice("Kitchen"));
     m_service->AddService(FakeMdns::MakeService("Own", "_a._tcp", {{"K", "1"}}));
     Settle();
     EXPECT_NE(m_mdns.Find("Kitchen #2", kRenderer), nullptr);
@@ -154,7 +133,7 @@ TEST_F(MdnsServicePublishTest, ANameThatACollisionChangedIsKept)
 TEST_F(MdnsServicePublishTest, TheStopWithdrawsEverythingAndWhatComesLateRevivesNothing)
 {
     Start();
-    m_service->BroadcastInitialDeviceAnnouncement(Device("Kitchen"));
+    m_service->BroadcastInitialDeviceAnnouncement(MakeDevice("Kitchen"));
     m_service->AddService(FakeMdns::MakeService("Own", kClock));
     Settle();
     m_mdns.EnterRunningAgain(); // on its way when the stop is
