@@ -1,127 +1,121 @@
-// What is on its way when the aggregator goes, and real tasks beside it.
+// What is on its way when the aggregator goes, sources that are not there, and real tasks beside it.
 
 #include "AggregatorWorld.h"
 #include "DiscoveryServiceAggregator.h"
-#include "Task.h"
+#include "RealTask.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <future>
 #include <thread>
 
 using namespace std::chrono_literals;
+using testing::ElementsAre;
 
-namespace
+TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
 {
+    StartAs(SXCommon::HOST);
+    Ssdp({"a"});
+    Answer("a");
+    Heartbeat("a", HEARTBEAT_OFFLINE); // the reap timer runs
+    simulation.RunFor(6h);
+    ASSERT_EQ(mdns->WaitingLists(), 1U); // a refresh waits for its answer
+    simulation.RunFor(1s);
+    Ssdp({"b"});
+    const auto remote = Remote("b");
+    const auto notified = lists.size();
 
-const char* const kInfoPath = "/sonarix/info";
-
-} // namespace
-
-TEST(AggregatorLifetimeTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
-{
-    AggregatorWorld world;
-    world.StartAs(SXCommon::HOST);
-    world.Ssdp("a");
-    world.Answer("a");
-    world.Heartbeat("a", HEARTBEAT_OFFLINE); // the reap timer runs
-    world.Pass(6h);
-    ASSERT_EQ(world.mdns->WaitingLists(), 1U); // a refresh waits for its answer
-    world.Pass(1s);
-    const std::weak_ptr<SonarixService::DiscoveryServiceAggregatorIF> weak = world.aggregator;
-    world.Ssdp("b");
-    const auto remote = world.Remote("b");
-    const auto heartbeat = remote->Heartbeat();
-
-    world.ssdp->Report(Report{.guid = "c", .protocols = {SXCommon::SSDP}}.Product());
-    world.mdns->Report(Report{.guid = "d", .protocols = {SXCommon::MDNS}}.Product());
-    remote->Push(kInfoPath, AggregatorWorld::Info("b"));
-    remote->Answer(kInfoPath, AggregatorWorld::Info("b"));
+    ssdp->Report(Report{"c"}.By({SXCommon::SSDP}));
+    mdns->Report(Report{"d"}.By({SXCommon::MDNS}));
+    remote->PushText(kInfoPath, R"({"guid":"b"})");
+    remote->AnswerText(kInfoPath, R"({"guid":"b"})");
     remote->SendHeartbeat(HEARTBEAT_OFFLINE);
-    world.portico.Find("DiscoveryServiceOverPortico")
+    portico.Find("DiscoveryServiceOverPortico")
         ->Call(Portico::Verb::POST, "/sonarix/private/products", R"({"productinfo":{"guid":"x","ecosystem":"ORB2"}})");
 
-    world.aggregator.reset();
+    const std::weak_ptr<SonarixService::DiscoveryServiceAggregatorIF> weak = aggregator;
+    aggregator.reset();
     ASSERT_TRUE(weak.expired());
-    EXPECT_EQ(world.portico.OpenConnections(), 0U);
-    const std::size_t made = world.portico.Made().size();
+    const auto made = portico.Made();
+    EXPECT_TRUE(std::none_of(made.begin(), made.end(), [](const auto& connection) { return connection->IsOpen(); }));
 
     Sonarix::ProductList list;
-    *list.add_products() = Report{.guid = "e"}.Product();
-    world.mdns->AnswerList(list);
-    world.ssdp->Report(Report{.guid = "f", .protocols = {SXCommon::SSDP}}.Product()); // nobody disconnected us
-    (*heartbeat)("b", HEARTBEAT_ONLINE);
-    world.Pass(24h);
-    EXPECT_EQ(world.portico.Made().size(), made);
-    EXPECT_TRUE(world.lists.empty() || world.lists.back().products_size() <= 2);
+    *list.add_products() = Report{"e"}.By({SXCommon::MDNS});
+    mdns->AnswerList(list);
+    Ssdp({"f"}); // nobody disconnected us
+    (*remote->heartbeat)("b", HEARTBEAT_ONLINE);
+    simulation.RunFor(24h);
+    EXPECT_EQ(portico.Made().size(), made.size());
+    EXPECT_EQ(lists.size(), notified);
 }
 
-TEST(AggregatorLifetimeTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
+TEST_F(AggregatorTest, ASourceThatIsNotThereIsTakenUpOnceAndAfterShutdownNothingComesInOrGoesOut)
 {
+    controller->mdns = nullptr;
+    StartAs(SXCommon::HOST);
+    simulation.RunFor(7h); // a refresh
+    controller->mdns = mdns;
+    SetMode(SXCommon::HOST);
+    SetMode(SXCommon::HOST);
+    EXPECT_EQ(mdns->registrations, 1);
+    Mdns({"a"});
+    EXPECT_THAT(Guids(), ElementsAre("a"));
+
+    aggregator->Shutdown();
+    aggregator->Shutdown();
+    Ssdp({"b"});
+    Mdns({"c"});
+    Answer("a");
+    aggregator->SetSupportedWifiBands({"x"});
+    EXPECT_THAT(Guids(), ElementsAre("a"));
+    EXPECT_TRUE(lists.empty() && infos.empty());
+    EXPECT_FALSE(portico.Find("DiscoveryServiceOverPortico")->IsOpen());
+}
+
+TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
+{
+    const LogCapture quiet;
     FakePortico portico;
-    auto ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
-    auto mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
-    auto controller = std::make_shared<FakeController>();
+    const auto ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
+    const auto mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
+    const auto controller = std::make_shared<FakeController>();
     controller->ssdp = ssdp;
     controller->mdns = mdns;
-    NotifyTargetTaskIF* const task = IL::CreateTask("DiscoveryServiceControllerTask", "");
-    const auto onTask = [task](const std::function<void()>& function)
-    {
-        std::promise<void> done;
-        IL::BreakThread(
-            [&]
-            {
-                function();
-                done.set_value();
-            },
-            task);
-        done.get_future().wait();
-    };
-
+    const RealTask task;
     std::shared_ptr<SonarixService::DiscoveryServiceAggregatorIF> aggregator;
-    onTask(
+    task.Run(
         [&]
         {
-            aggregator = SonarixService::DiscoveryServiceAggregator::Create(task, controller);
+            aggregator = SonarixService::DiscoveryServiceAggregator::Create(task.Get(), controller);
             aggregator->InitializeProtocols(SXCommon::HOST, "10.0.0.1");
         });
 
-    constexpr int kReports = 200;
-    const auto guid = [](int number) { return "g" + std::to_string(number % 20); };
-    std::thread first(
-        [&]
-        {
-            for (int i = 0; i < kReports; ++i)
+    const auto repeat = [](const std::function<void(const std::string&)>& act)
+    {
+        return std::thread(
+            [act]
             {
-                ssdp->Report(Report{.guid = guid(i), .protocols = {SXCommon::SSDP}}.Product());
-            }
-        });
-    std::thread second(
-        [&]
-        {
-            for (int i = 0; i < kReports; ++i)
-            {
-                mdns->Report(Report{.guid = guid(i), .protocols = {SXCommon::MDNS}}.Product());
-            }
-        });
-    std::thread gateway(
-        [&]
-        {
-            for (int i = 0; i < kReports; ++i)
-            {
-                if (const auto remote = portico.Find("DiscoveryServiceAggregator-" + guid(i)))
+                for (int i = 0; i < 200; ++i)
                 {
-                    remote->Answer(kInfoPath, AggregatorWorld::Info(guid(i)));
-                    remote->SendHeartbeat(i % 3 == 0 ? HEARTBEAT_OFFLINE : HEARTBEAT_ONLINE);
+                    act("g" + std::to_string(i % 20));
                 }
-            }
-        });
-    first.join();
-    second.join();
-    gateway.join();
-
-    onTask(
+            });
+    };
+    std::thread threads[] = {repeat([&](const std::string& guid) { ssdp->Report(Report{guid}.By({SXCommon::SSDP})); }),
+                             repeat([&](const std::string& guid) { mdns->Report(Report{guid}.By({SXCommon::MDNS})); }),
+                             repeat(
+                                 [&](const std::string& guid)
+                                 {
+                                     if (const auto remote = portico.Find("DiscoveryServiceAggregator-" + guid))
+                                     {
+                                         remote->AnswerText(kInfoPath, R"({"guid":")" + guid + R"("})");
+                                         remote->SendHeartbeat(guid < "g15" ? HEARTBEAT_OFFLINE : HEARTBEAT_ONLINE);
+                                     }
+                                 })};
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    task.Run(
         [&]
         {
             Sonarix::ProductList list;
@@ -129,13 +123,11 @@ TEST(AggregatorLifetimeTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
             EXPECT_EQ(list.products_size(), 20);
             for (const Sonarix::Product& product : list.products())
             {
-                EXPECT_THAT(product.protocols(), testing::ElementsAre(SXCommon::SSDP, SXCommon::MDNS));
+                EXPECT_THAT(product.protocols(), ElementsAre(SXCommon::SSDP, SXCommon::MDNS));
             }
         });
-    ssdp->Report(Report{.guid = "late", .protocols = {SXCommon::SSDP}}.Product());
-    onTask([&] { aggregator.reset(); });
-    ssdp->Report(Report{.guid = "later", .protocols = {SXCommon::SSDP}}.Product());
-    onTask([] {});
-    IL::StopTask(task);
-    IL::JoinTask(task);
+    ssdp->Report(Report{"late"}.By({SXCommon::SSDP}));
+    task.Run([&] { aggregator.reset(); });
+    ssdp->Report(Report{"later"}.By({SXCommon::SSDP}));
+    task.Drain();
 }

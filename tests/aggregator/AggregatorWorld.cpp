@@ -1,6 +1,5 @@
 #include "AggregatorWorld.h"
 
-#include "DPrint.h"
 #include "DiscoveryServiceAggregator.h"
 #include "ProtoToMarkup.h"
 #include "Task.h"
@@ -13,21 +12,17 @@
 namespace
 {
 
-const char* const kInfoPath = "/sonarix/info";
-
 /// Manufacturing data are read once a process; the version files are not there unless a test makes some.
 class Files final : public testing::Environment
 {
 public:
     void SetUp() override
     {
-        std::string folder = (std::filesystem::temp_directory_path() / "aggregator-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(folder.data()), nullptr);
-        m_folder = folder;
-        std::ofstream(folder + "/mfg.json") << R"({"guid":")" << kOwn << R"("})";
-        setenv("SONARIX_MFG_DATA", (folder + "/mfg.json").c_str(), 1);
-        setenv("SONARIX_ETC_DIR", (folder + "/").c_str(), 1);
-        DPrint::SetLevels("1");
+        ASSERT_NE(mkdtemp(m_folder.data()), nullptr);
+        std::ofstream(m_folder + "/mfg.json") << R"({"guid":")" << kOwn << R"("})";
+        setenv("SONARIX_MFG_DATA", (m_folder + "/mfg.json").c_str(), 1);
+        std::filesystem::create_directory(m_folder + "/etc");
+        setenv("SONARIX_ETC_DIR", (m_folder + "/etc/").c_str(), 1);
     }
     void TearDown() override
     {
@@ -35,59 +30,45 @@ public:
     }
 
 private:
-    std::string m_folder;
+    std::string m_folder = (std::filesystem::temp_directory_path() / "aggregator-test-XXXXXX").string();
 };
 
 const testing::Environment* const s_files = testing::AddGlobalTestEnvironment(new Files);
 
 } // namespace
 
-LogLines::QuietAfterwards::~QuietAfterwards()
-{
-    DPrint::SetLevels("1");
-}
-
-std::size_t LogLines::Count(const std::string& part, int level) const
-{
-    const std::vector<LogCapture::Line> lines = m_capture.Lines();
-    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(),
-                                                  [&](const LogCapture::Line& line) {
-                                                      return (level == 0 || static_cast<int>(line.m_level) == level) &&
-                                                             line.m_text.find(part) != std::string::npos;
-                                                  }));
-}
-
-Sonarix::Product Report::Product() const
+Sonarix::Product Report::By(const std::vector<SXCommon::DiscoveryProtocol>& protocols) const
 {
     Sonarix::Product product;
-    for (const SXCommon::DiscoveryProtocol protocol : protocols)
-    {
-        product.add_protocols(protocol);
-    }
+    product.mutable_protocols()->Add(protocols.begin(), protocols.end());
     product.mutable_serviceid()->set_type(type);
     product.set_state(state);
-    product.mutable_productinfo()->set_guid(guid);
-    product.mutable_productinfo()->set_ecosystem("ORB2");
+    Sonarix::ProductInfo& info = *product.mutable_productinfo();
+    info.set_guid(guid);
+    info.set_ecosystem(ecosystem);
     if (!address.empty())
     {
-        product.mutable_productinfo()->set_ipaddress(address);
+        info.set_ipaddress(address);
     }
     if (!name.empty())
     {
-        product.mutable_productinfo()->set_friendlyname(name);
+        info.set_friendlyname(name);
+    }
+    if (more)
+    {
+        more(info);
     }
     return product;
 }
 
-AggregatorWorld::AggregatorWorld(std::uint64_t seed)
-    : simulation(seed)
+AggregatorWorld::AggregatorWorld(std::uint64_t seed, const std::string& logLevels)
+    : log(logLevels)
+    , simulation(seed)
     , task(IL::CreateTask("DiscoveryServiceControllerTask", ""))
 {
     controller->ssdp = ssdp;
     controller->mdns = mdns;
 }
-
-AggregatorWorld::~AggregatorWorld() = default;
 
 void AggregatorWorld::Start()
 {
@@ -97,33 +78,23 @@ void AggregatorWorld::Start()
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::StartAs(SXCommon::ProductMode mode, const std::string& address)
+void AggregatorWorld::StartAs(SXCommon::ProductMode mode)
 {
     Start();
-    SetMode(mode, address);
+    SetMode(mode);
     infos.clear();
 }
 
-void AggregatorWorld::Ssdp(const Sonarix::Product& product)
+void AggregatorWorld::Ssdp(const Report& report)
 {
-    ssdp->Report(product);
+    ssdp->Report(report.By({SXCommon::SSDP}));
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Mdns(const Sonarix::Product& product)
+void AggregatorWorld::Mdns(const Report& report)
 {
-    mdns->Report(product);
+    mdns->Report(report.By({SXCommon::MDNS}));
     simulation.RunUntilIdle();
-}
-
-void AggregatorWorld::Ssdp(const std::string& guid, SXCommon::ProductState state)
-{
-    Ssdp(Report{.guid = guid, .state = state, .protocols = {SXCommon::SSDP}}.Product());
-}
-
-void AggregatorWorld::Mdns(const std::string& guid, SXCommon::ProductState state)
-{
-    Mdns(Report{.guid = guid, .state = state, .protocols = {SXCommon::MDNS}}.Product());
 }
 
 std::shared_ptr<const FakeAnswer> AggregatorWorld::Child(Portico::Verb verb, const Sonarix::Product& product)
@@ -134,39 +105,27 @@ std::shared_ptr<const FakeAnswer> AggregatorWorld::Child(Portico::Verb verb, con
     return answer;
 }
 
-void AggregatorWorld::SetMode(SXCommon::ProductMode mode)
-{
-    SetMode(mode, Own().ipaddress());
-}
-
 void AggregatorWorld::SetMode(SXCommon::ProductMode mode, const std::string& address)
 {
     aggregator->InitializeProtocols(mode, address);
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Heartbeat(const std::string& guid, int status)
+void AggregatorWorld::Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status)
 {
-    ASSERT_TRUE(Remote(guid)) << guid;
-    ASSERT_TRUE(Remote(guid)->SendHeartbeat(static_cast<PORTICO_CLIENT_ERRORS>(status))) << guid;
+    ASSERT_TRUE(IsWatched(guid) && Remote(guid)->SendHeartbeat(status)) << guid;
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Answer(const std::string& guid, const Sonarix::ProductInfo& info)
+void AggregatorWorld::Answer(const std::string& guid, const std::string& json)
 {
-    ASSERT_TRUE(Remote(guid)) << guid;
-    ASSERT_TRUE(Remote(guid)->Answer(kInfoPath, info)) << guid;
+    ASSERT_TRUE(IsWatched(guid) && Remote(guid)->AnswerText(kInfoPath, json)) << guid;
     simulation.RunUntilIdle();
 }
 
 void AggregatorWorld::Answer(const std::string& guid)
 {
-    Answer(guid, Info(guid));
-}
-
-void AggregatorWorld::Pass(std::chrono::milliseconds duration)
-{
-    simulation.RunFor(duration);
+    Answer(guid, R"({"guid":")" + guid + R"("})");
 }
 
 std::shared_ptr<FakeConnection> AggregatorWorld::Remote(const std::string& guid) const
@@ -176,13 +135,7 @@ std::shared_ptr<FakeConnection> AggregatorWorld::Remote(const std::string& guid)
 
 bool AggregatorWorld::IsWatched(const std::string& guid) const
 {
-    const std::shared_ptr<FakeConnection> remote = Remote(guid);
-    return remote && remote->IsOpen();
-}
-
-std::size_t AggregatorWorld::Queries(const std::string& guid) const
-{
-    return Remote(guid) ? Remote(guid)->Requests(kInfoPath).size() : 0;
+    return Remote(guid) && Remote(guid)->IsOpen();
 }
 
 Sonarix::ProductList AggregatorWorld::List() const
@@ -197,29 +150,17 @@ std::vector<std::string> AggregatorWorld::Guids() const
 {
     std::vector<std::string> guids;
     const Sonarix::ProductList list = List();
-    for (const Sonarix::Product& product : list.products())
-    {
-        guids.push_back(product.productinfo().guid());
-    }
+    std::transform(list.products().begin(), list.products().end(), std::back_inserter(guids),
+                   [](const Sonarix::Product& product) { return product.productinfo().guid(); });
     return guids;
 }
 
 Sonarix::Product AggregatorWorld::Row(const std::string& guid) const
 {
     const Sonarix::ProductList list = List();
-    for (const Sonarix::Product& product : list.products())
-    {
-        if (product.productinfo().guid() == guid)
-        {
-            return product;
-        }
-    }
-    return {};
-}
-
-SXCommon::ProductState AggregatorWorld::State(const std::string& guid) const
-{
-    return Row(guid).state();
+    const auto row = std::find_if(list.products().begin(), list.products().end(),
+                                  [&guid](const Sonarix::Product& one) { return one.productinfo().guid() == guid; });
+    return row != list.products().end() ? *row : Sonarix::Product();
 }
 
 Sonarix::ProductInfo AggregatorWorld::Own() const
@@ -229,13 +170,9 @@ Sonarix::ProductInfo AggregatorWorld::Own() const
     return own;
 }
 
-Sonarix::ProductInfo AggregatorWorld::Info(const std::string& guid, const std::string& name)
+std::ptrdiff_t AggregatorWorld::Logged(const std::string& part) const
 {
-    Sonarix::ProductInfo info;
-    info.set_guid(guid);
-    if (!name.empty())
-    {
-        info.set_friendlyname(name);
-    }
-    return info;
+    const std::vector<LogCapture::Line> lines = log.Lines();
+    return std::count_if(lines.begin(), lines.end(),
+                         [&part](const LogCapture::Line& line) { return line.m_text.find(part) != std::string::npos; });
 }

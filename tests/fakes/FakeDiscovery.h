@@ -18,18 +18,41 @@
 /// The order in which several fakes were called: give one to all of them.
 using FakeCalls = std::vector<std::string>;
 
-/// SSDP discovery that a test speaks for. On one thread: the test's, or that of the one task that uses it.
+/// What both discovery sources have in common. On one thread: the test's, or that of the one task that uses it.
+template <class Source>
+class FakeSource : public Source
+{
+public:
+    explicit FakeSource(std::shared_ptr<FakeCalls> log = std::make_shared<FakeCalls>())
+        : calls(std::move(log))
+    {
+    }
+    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) override
+    {
+        ++registrations;
+        return m_registry.Connect(callback);
+    }
+    void Report(const Sonarix::Product& product)
+    {
+        m_registry.Send(product, CallbackConnection());
+    }
+
+    const std::shared_ptr<FakeCalls> calls;
+    int registrations = 0;
+
+private:
+    CallbackRegistry<const Sonarix::Product> m_registry;
+};
+
+/// SSDP discovery that a test speaks for.
 ///
 ///     auto ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
 ///     ssdp->Report(product);       // as a search would: to every subscriber
 ///     *ssdp->list.add_products() = product; // what GetProductList gives
-class FakeSsdpDiscoveryProtocol final : public SonarixService::SsdpDiscoveryProtocolIF
+class FakeSsdpDiscoveryProtocol final : public FakeSource<SonarixService::SsdpDiscoveryProtocolIF>
 {
 public:
-    explicit FakeSsdpDiscoveryProtocol(std::shared_ptr<FakeCalls> log = std::make_shared<FakeCalls>())
-        : calls(std::move(log))
-    {
-    }
+    using FakeSource::FakeSource;
 
     void Start(const std::string& interfaceName) override
     {
@@ -39,45 +62,27 @@ public:
     {
         calls->push_back("ssdp Stop");
     }
-    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) override
-    {
-        ++registrations;
-        return m_registry.Connect(callback);
-    }
     void GetProductList(Sonarix::ProductList& filled) override
     {
         calls->push_back("ssdp GetProductList");
         filled = list;
     }
 
-    void Report(const Sonarix::Product& product)
-    {
-        m_registry.Send(product, CallbackConnection());
-    }
-
-    const std::shared_ptr<FakeCalls> calls;
     Sonarix::ProductList list;
-    int registrations = 0;
-
-private:
-    CallbackRegistry<const Sonarix::Product> m_registry;
 };
 
-/// mDNS discovery and publishing that a test speaks for. On one thread, as above.
+/// mDNS discovery and publishing that a test speaks for.
 ///
 ///     auto mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
 ///     mdns->Report(product);
-///     mdns->isStopped = true;      // lists are answered at once, empty
+///     mdns->answerAtOnce.emplace(); // lists are answered at once, with this: empty
 ///     mdns->AnswerList(list);      // answers the oldest GetProductList that waits, now
-class FakeMdnsDiscoveryProtocol final : public SonarixService::MdnsDiscoveryProtocolIF
+class FakeMdnsDiscoveryProtocol final : public FakeSource<SonarixService::MdnsDiscoveryProtocolIF>
 {
 public:
     using ListCallback = Callback<const Sonarix::ProductList>;
 
-    explicit FakeMdnsDiscoveryProtocol(std::shared_ptr<FakeCalls> log = std::make_shared<FakeCalls>())
-        : calls(std::move(log))
-    {
-    }
+    using FakeSource::FakeSource;
 
     void Start() override
     {
@@ -87,41 +92,28 @@ public:
     {
         calls->push_back("mdns Stop");
     }
-    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) override
+    CallbackConnection RegisterForServiceRestartNotification(const Callback<>& /*callback*/) override
     {
-        ++registrations;
-        return m_registry.Connect(callback);
-    }
-    CallbackConnection RegisterForServiceRestartNotification(const Callback<>& callback) override
-    {
-        return m_restarts.Connect(callback);
+        return {};
     }
     void GetProductList(const std::string& serviceType, const ListCallback& callback) override
     {
         calls->push_back("mdns GetProductList " + serviceType);
-        if (isStopped || answerAtOnce)
+        m_waiting.push_back(callback);
+        if (answerAtOnce)
         {
-            callback(answerAtOnce.value_or(Sonarix::ProductList()));
-        }
-        else
-        {
-            m_waiting.push_back(callback);
+            AnswerList(*answerAtOnce);
         }
     }
-    bool AddService(const SonarixPb::Service& service) override
+    bool AddService(const SonarixPb::Service& /*service*/) override
     {
-        calls->push_back("mdns AddService " + service.id().name());
         return true;
     }
-    void UpdateServiceTxtRecords(const SonarixPb::Service& service, const Callback<bool>& result) override
+    void UpdateServiceTxtRecords(const SonarixPb::Service& /*service*/, const Callback<bool>& result) override
     {
-        calls->push_back("mdns UpdateServiceTxtRecords " + service.id().name());
         result(true);
     }
-    void RemoveService(const SonarixPb::Service& service) override
-    {
-        calls->push_back("mdns RemoveService " + service.id().name());
-    }
+    void RemoveService(const SonarixPb::Service& /*service*/) override {}
     void BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info) override
     {
         calls->push_back("mdns BroadcastInitialDeviceAnnouncement");
@@ -141,14 +133,6 @@ public:
         calls->push_back("mdns NetworkWentDown");
     }
 
-    void Report(const Sonarix::Product& product)
-    {
-        m_registry.Send(product, CallbackConnection());
-    }
-    void Restarted()
-    {
-        m_restarts.Send(CallbackConnection());
-    }
     std::size_t WaitingLists() const
     {
         return m_waiting.size();
@@ -166,15 +150,10 @@ public:
         return true;
     }
 
-    const std::shared_ptr<FakeCalls> calls;
     std::vector<SonarixPb::DeviceInfo> announcements;
-    bool isStopped = false;
     std::optional<Sonarix::ProductList> answerAtOnce; ///< lists are answered at once, with this
-    int registrations = 0;
 
 private:
-    CallbackRegistry<const Sonarix::Product> m_registry;
-    CallbackRegistry<> m_restarts;
     std::deque<ListCallback> m_waiting;
 };
 

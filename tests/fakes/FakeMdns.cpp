@@ -1,6 +1,7 @@
 #include "FakeMdns.h"
 
 #include "BrowserFactory.h"
+#include "CallbackRegistry.h"
 #include "MdnsClient.h"
 #include "PublisherFactory.h"
 
@@ -8,63 +9,14 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <map>
 #include <netinet/in.h>
+#include <set>
 #include <utility>
 
 namespace
 {
 
 using Key = std::pair<std::string, std::string>; ///< name and type
-
-/// Runs `end` once, at the disconnection or with the last handle.
-class FakeConnection final : public CallbackConnectionIF
-{
-public:
-    explicit FakeConnection(std::function<void()> end)
-        : m_end(std::move(end))
-    {
-    }
-    ~FakeConnection() override
-    {
-        Disconnect();
-    }
-    void Disconnect() override
-    {
-        if (const std::function<void()> end = std::exchange(m_end, nullptr))
-        {
-            end();
-        }
-    }
-    bool IsConnected() const override
-    {
-        return m_end != nullptr;
-    }
-
-private:
-    std::function<void()> m_end;
-};
-
-Network::IpAddress MakeAddress(const std::string& host, std::uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
-    return {Network::AddrInfo(reinterpret_cast<const sockaddr*>(&address), sizeof address),
-            Network::IpAddress::Family::STREAM};
-}
-
-CallbackConnection MakeConnection(std::function<void()> end)
-{
-    return CallbackConnection(std::make_shared<FakeConnection>(std::move(end)));
-}
-
-struct Backend
-{
-    Callback<> connected;
-    Callback<> restart;
-};
 
 struct Browsing
 {
@@ -76,7 +28,7 @@ struct Browsing
 struct Resolving
 {
     MDNS::ServiceId id;
-    Callback<std::string, MDNS::Service> resolved;
+    std::shared_ptr<CallbackRegistry<std::string, MDNS::Service>> resolved; ///< cancelled: of nobody
 };
 
 } // namespace
@@ -84,100 +36,70 @@ struct Resolving
 struct FakeMdns::Lan
 {
     std::map<Key, MDNS::Service> services;
-    std::map<Key, bool> silent;
+    std::set<Key> silent;
     std::list<std::weak_ptr<Backend>> backends; ///< with the daemon that runs, or waiting for one
     std::list<Browsing> browsings;
     std::list<Resolving> resolvings;
     std::vector<std::string> calls;
+    std::map<std::string, int> made;
     bool daemonRuns = true;
     bool hasBus = true;
     bool answersResolves = true;
-    int browsersMade = 0;
-    int publishersMade = 0;
+    std::list<CallbackRegistry<>> connections; ///< of one connection each; last, as their ends touch the others
 
+    CallbackConnection Until(const Callback<>& end)
+    {
+        return connections.emplace_back(end).Connect({});
+    }
     void Add(const MDNS::Service& service)
     {
-        const Key key{service.name, service.type};
-        if (services.insert_or_assign(key, service).second)
+        if (services.insert_or_assign({service.name, service.type}, service).second)
         {
-            Report(service);
+            Report(service, &Browsing::added);
         }
     }
     void Remove(const Key& key)
     {
-        const auto found = services.find(key);
-        if (found == services.end())
+        if (const auto gone = services.extract(key))
         {
-            return;
-        }
-        const MDNS::ServiceId id = found->second;
-        services.erase(found);
-        if (!daemonRuns)
-        {
-            return;
-        }
-        for (const Browsing& browsing : browsings)
-        {
-            if (browsing.type == id.type)
-            {
-                browsing.removed(id);
-            }
+            Report(gone.mapped(), &Browsing::removed);
         }
     }
-    void Report(const MDNS::ServiceId& id) const
+    void Report(const MDNS::ServiceId& id, Callback<MDNS::ServiceId> Browsing::*how) const
     {
-        if (!daemonRuns)
-        {
-            return;
-        }
         for (const Browsing& browsing : browsings)
         {
-            if (browsing.type == id.type)
+            if (daemonRuns && browsing.type == id.type)
             {
-                browsing.added(id);
+                (browsing.*how)(id);
             }
         }
     }
     void Answer(const Resolving& resolving) const
     {
         const Key key{resolving.id.name, resolving.id.type};
-        const auto found = services.find(key);
-        if (found == services.end() || silent.count(key) != 0)
-        {
-            resolving.resolved(MDNS::kNotSeen, MDNS::Service{resolving.id, {}, {}});
-            return;
-        }
-        resolving.resolved("host.local", found->second);
-    }
-    /// Null where no backend can be made. It is told of the running daemon at once, and ends with the pointer.
-    std::shared_ptr<Backend> Make(Callback<> connected, Callback<> restart)
-    {
-        if (!hasBus)
-        {
-            return nullptr;
-        }
-        auto backend = std::make_shared<Backend>(Backend{std::move(connected), std::move(restart)});
-        backends.push_back(backend);
-        if (daemonRuns)
-        {
-            backend->connected();
-        }
-        return backend;
+        const bool isSeen = services.contains(key) && !silent.contains(key);
+        resolving.resolved->Send(isSeen ? "host.local" : MDNS::kNotSeen,
+                                 isSeen ? services.at(key) : MDNS::Service{resolving.id, {}, {}}, {});
     }
 };
 
-class FakeMdns::Browser final : public MDNS::Browser
+/// Either kind: it is told of the daemon until its Stop().
+class FakeMdns::Backend final : public MDNS::Browser, public MDNS::Publisher
 {
 public:
-    Browser(std::shared_ptr<Lan> lan, std::shared_ptr<Backend> backend)
-        : m_lan(std::move(lan))
-        , m_backend(std::move(backend))
+    Backend(std::shared_ptr<Lan> lan, std::string name, Callback<> onConnected, Callback<> onRestart)
+        : connected(std::move(onConnected))
+        , restart(std::move(onRestart))
+        , m_lan(std::move(lan))
+        , m_name(std::move(name))
     {
     }
     void Stop() override
     {
-        m_lan->calls.push_back("stop browser");
-        m_backend.reset();
+        m_lan->calls.push_back("stop " + m_name);
+        connected.Clear();
+        restart.Clear();
     }
     CallbackConnection Browse(std::string type, Callback<MDNS::ServiceId> added,
                               Callback<MDNS::ServiceId> removed) override
@@ -191,8 +113,8 @@ public:
                 added(service);
             }
         }
-        return MakeConnection(
-            [lan = m_lan, browsing]
+        return m_lan->Until(
+            [lan = m_lan.get(), browsing]
             {
                 lan->calls.push_back("unbrowse " + browsing->type);
                 lan->browsings.erase(browsing);
@@ -201,39 +123,15 @@ public:
     CallbackConnection Resolve(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved) override
     {
         m_lan->calls.push_back("resolve " + id.name);
+        const Resolving resolving{id, std::make_shared<CallbackRegistry<std::string, MDNS::Service>>()};
+        const CallbackConnection connection = resolving.resolved->Connect(resolved);
+        m_lan->resolvings.push_back(resolving);
         if (m_lan->answersResolves)
         {
-            m_lan->Answer({std::move(id), std::move(resolved)});
-            return MakeConnection([] {});
+            m_lan->Answer(resolving);
+            m_lan->resolvings.pop_back();
         }
-        const auto token = std::make_shared<bool>(true);
-        m_lan->resolvings.push_back({id, [token, resolved](const std::string& host, const MDNS::Service& service)
-                                     {
-                                         if (*token)
-                                         {
-                                             resolved(host, service);
-                                         }
-                                     }});
-        return MakeConnection([token] { *token = false; });
-    }
-
-private:
-    const std::shared_ptr<Lan> m_lan;
-    std::shared_ptr<Backend> m_backend;
-};
-
-class FakeMdns::Publisher final : public MDNS::Publisher
-{
-public:
-    Publisher(std::shared_ptr<Lan> lan, std::shared_ptr<Backend> backend)
-        : m_lan(std::move(lan))
-        , m_backend(std::move(backend))
-    {
-    }
-    void Stop() override
-    {
-        m_lan->calls.push_back("stop publisher");
-        m_backend.reset();
+        return connection;
     }
     CallbackConnection PublishService(const MDNS::Service& s, Callback<MDNS::Service> published) override
     {
@@ -243,15 +141,14 @@ public:
             return {};
         }
         MDNS::Service service = s;
-        for (int number = 2; m_lan->services.count({service.name, service.type}) != 0; ++number)
+        for (int number = 2; m_lan->services.contains({service.name, service.type}); ++number)
         {
             service.name = s.name + " #" + std::to_string(number);
         }
         m_lan->Add(service);
         published(service);
-        const Key key{service.name, service.type};
-        return MakeConnection(
-            [lan = m_lan, key]
+        return m_lan->Until(
+            [lan = m_lan.get(), key = Key{service.name, service.type}]
             {
                 lan->calls.push_back("withdraw " + key.first + " " + key.second);
                 lan->Remove(key);
@@ -260,70 +157,76 @@ public:
     bool UpdateService(const MDNS::Service& s) override
     {
         m_lan->calls.push_back("update " + s.name + " " + s.type);
-        const auto found = m_lan->services.find({s.name, s.type});
-        if (found == m_lan->services.end())
+        const auto known = m_lan->services.find({s.name, s.type});
+        const bool isKnown = known != m_lan->services.end();
+        if (isKnown)
         {
-            return false;
+            known->second.txt = s.txt;
         }
-        found->second.txt = s.txt;
-        return true;
+        return isKnown;
     }
+
+    static void TellAll(const std::list<std::weak_ptr<Backend>>& backends, Callback<> Backend::*what)
+    {
+        for (const std::weak_ptr<Backend>& each : backends)
+        {
+            if (const std::shared_ptr<Backend> backend = each.lock())
+            {
+                (*backend.*what)();
+            }
+        }
+    }
+
+    Callback<> connected;
+    Callback<> restart;
 
 private:
     const std::shared_ptr<Lan> m_lan;
-    std::shared_ptr<Backend> m_backend;
+    const std::string m_name;
 };
 
-class FakeMdns::BrowserFactory final : public MDNS::BrowserFactory::detail::BrowserFactoryIF
+/// Takes the place of one of the two factories while it lives.
+template <class FactoryIF, class Made, void (*SetOverride)(FactoryIF*)>
+class FakeMdns::Factory final : public FactoryIF
 {
 public:
-    explicit BrowserFactory(std::shared_ptr<Lan> lan)
+    Factory(std::shared_ptr<Lan> lan, std::string name)
         : m_lan(std::move(lan))
+        , m_name(std::move(name))
     {
-        MDNS::BrowserFactory::SetOverride(this);
+        SetOverride(this);
     }
-    ~BrowserFactory() override
+    ~Factory() override
     {
-        MDNS::BrowserFactory::SetOverride(nullptr);
+        SetOverride(nullptr);
     }
-    std::shared_ptr<MDNS::Browser> Create(bool, bool, Callback<> connected, Callback<> restart) override
+    std::shared_ptr<Made> Create(bool, bool, Callback<> connected, Callback<> restart) override
     {
-        ++m_lan->browsersMade;
-        const std::shared_ptr<Backend> backend = m_lan->Make(std::move(connected), std::move(restart));
-        return backend ? std::make_shared<Browser>(m_lan, backend) : nullptr;
+        ++m_lan->made[m_name];
+        if (!m_lan->hasBus)
+        {
+            return nullptr;
+        }
+        auto backend = std::make_shared<Backend>(m_lan, m_name, std::move(connected), std::move(restart));
+        m_lan->backends.push_back(backend);
+        if (m_lan->daemonRuns)
+        {
+            backend->connected();
+        }
+        return backend;
     }
 
 private:
     const std::shared_ptr<Lan> m_lan;
-};
-
-class FakeMdns::PublisherFactory final : public MDNS::PublisherFactory::detail::PublisherFactoryIF
-{
-public:
-    explicit PublisherFactory(std::shared_ptr<Lan> lan)
-        : m_lan(std::move(lan))
-    {
-        MDNS::PublisherFactory::SetOverride(this);
-    }
-    ~PublisherFactory() override
-    {
-        MDNS::PublisherFactory::SetOverride(nullptr);
-    }
-    std::shared_ptr<MDNS::Publisher> Create(bool, bool, Callback<> connected, Callback<> restart) override
-    {
-        ++m_lan->publishersMade;
-        const std::shared_ptr<Backend> backend = m_lan->Make(std::move(connected), std::move(restart));
-        return backend ? std::make_shared<Publisher>(m_lan, backend) : nullptr;
-    }
-
-private:
-    const std::shared_ptr<Lan> m_lan;
+    const std::string m_name;
 };
 
 FakeMdns::FakeMdns()
     : m_lan(std::make_shared<Lan>())
-    , m_browserFactory(std::make_unique<BrowserFactory>(m_lan))
-    , m_publisherFactory(std::make_unique<PublisherFactory>(m_lan))
+    , m_factories{std::make_shared<Factory<MDNS::BrowserFactory::detail::BrowserFactoryIF, MDNS::Browser,
+                                           MDNS::BrowserFactory::SetOverride>>(m_lan, "browser"),
+                  std::make_shared<Factory<MDNS::PublisherFactory::detail::PublisherFactoryIF, MDNS::Publisher,
+                                           MDNS::PublisherFactory::SetOverride>>(m_lan, "publisher")}
 {
 }
 
@@ -337,7 +240,12 @@ MDNS::Service FakeMdns::MakeService(const std::string& name, const std::string& 
                                     const std::map<std::string, std::string>& txt, const std::string& host,
                                     int interface)
 {
-    return {{interface, MDNS::Protocol::INET, name, type, "local"}, MakeAddress(host, 8090), txt};
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(8090);
+    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
+    const Network::AddrInfo info(reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return {{interface, MDNS::Protocol::INET, name, type, "local"}, {info, Network::IpAddress::Family::STREAM}, txt};
 }
 
 void FakeMdns::Announce(const MDNS::Service& service)
@@ -353,12 +261,17 @@ void FakeMdns::Withdraw(const std::string& name, const std::string& type)
 
 void FakeMdns::ReportAgain(const std::string& name, const std::string& type)
 {
-    m_lan->Report(m_lan->services.at({name, type}));
+    m_lan->Report(m_lan->services.at({name, type}), &Browsing::added);
+}
+
+void FakeMdns::ReportGone(const std::string& name, const std::string& type)
+{
+    m_lan->Report(m_lan->services.at({name, type}), &Browsing::removed);
 }
 
 void FakeMdns::FallSilent(const std::string& name, const std::string& type)
 {
-    m_lan->silent[{name, type}] = true;
+    m_lan->silent.insert({name, type});
 }
 
 const MDNS::Service* FakeMdns::Find(const std::string& name, const std::string& type) const
@@ -370,13 +283,9 @@ const MDNS::Service* FakeMdns::Find(const std::string& name, const std::string& 
 void FakeMdns::KillDaemon()
 {
     m_lan->daemonRuns = false;
-    for (const std::weak_ptr<Backend>& failed : std::exchange(m_lan->backends, {}))
-    {
-        if (const std::shared_ptr<Backend> backend = failed.lock())
-        {
-            backend->restart();
-        }
-    }
+    std::list<std::weak_ptr<Backend>> failed;
+    failed.swap(m_lan->backends);
+    Backend::TellAll(failed, &Backend::restart);
 }
 
 void FakeMdns::StartDaemon()
@@ -387,13 +296,7 @@ void FakeMdns::StartDaemon()
 
 void FakeMdns::EnterRunningAgain()
 {
-    for (const std::weak_ptr<Backend>& running : m_lan->backends)
-    {
-        if (const std::shared_ptr<Backend> backend = running.lock())
-        {
-            backend->connected();
-        }
-    }
+    Backend::TellAll(m_lan->backends, &Backend::connected);
 }
 
 void FakeMdns::SetHasBus(bool hasBus)
@@ -432,10 +335,10 @@ void FakeMdns::ClearCalls()
 
 int FakeMdns::BrowsersMade() const
 {
-    return m_lan->browsersMade;
+    return m_lan->made["browser"];
 }
 
 int FakeMdns::PublishersMade() const
 {
-    return m_lan->publishersMade;
+    return m_lan->made["publisher"];
 }

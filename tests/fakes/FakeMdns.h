@@ -38,6 +38,8 @@ public:
     void Withdraw(const std::string& name, const std::string& type);
     /// A service that is known is reported once more, as from another interface.
     void ReportAgain(const std::string& name, const std::string& type);
+    /// Its removal is reported though resolves still find it, as when one of its interfaces goes.
+    void ReportGone(const std::string& name, const std::string& type);
     /// The service can't be resolved from now on, though its removal was never heard.
     void FallSilent(const std::string& name, const std::string& type);
     /// Null where the LAN has none.
@@ -63,13 +65,11 @@ public:
     int PublishersMade() const;
 
 private:
-    class Browser;
-    class Publisher;
-    class BrowserFactory;
-    class PublisherFactory;
+    class Backend;
+    template <class FactoryIF, class Made, void (*SetOverride)(FactoryIF*)>
+    class Factory;
     struct Lan;
 
     const std::shared_ptr<Lan> m_lan;
-    std::unique_ptr<BrowserFactory> m_browserFactory;
-    std::unique_ptr<PublisherFactory> m_publisherFactory;
+    const std::vector<std::shared_ptr<void>> m_factories;
 };

@@ -1,124 +1,101 @@
 #include "FakePortico.h"
 
+#include "CallbackRegistry.h"
 #include "PorticoError.pb.h"
 #include "ProtoToMarkup.h"
 
 #include <algorithm>
+#include <array>
 #include <list>
 
 namespace
 {
+
+using Done = Callback<std::string, std::string>;
+using TextsByPath = std::map<std::string, std::vector<std::string>>;
 
 std::string Text(const google::protobuf::Message& record)
 {
     return ProtoToMarkup::ToJson(record, true, false, false);
 }
 
-const char* Name(Portico::Verb verb)
+std::string Name(Portico::Verb verb)
 {
-    switch (verb)
-    {
-    case Portico::Verb::GET:
-        return "GET";
-    case Portico::Verb::POST:
-        return "POST";
-    case Portico::Verb::PUT:
-        return "PUT";
-    case Portico::Verb::DELETE:
-        break;
-    }
-    return "DELETE";
+    constexpr std::array kNames = {"GET", "POST", "PUT", "DELETE"};
+    return kNames.at(static_cast<std::size_t>(verb));
 }
 
-/// Something registered, until Disconnect().
+/// Something registered, until its connection is disconnected.
 template <class T>
-struct Registered final : public CallbackConnectionIF
+struct Registered
 {
-    Registered(std::shared_ptr<CThreadMutex> lock, std::string name, T what)
-        : mutex(std::move(lock))
-        , path(std::move(name))
-        , value(std::move(what))
-    {
-    }
-    void Disconnect() override
-    {
-        const ScopedMutex lock(*mutex);
-        isConnected = false;
-    }
-    bool IsConnected() const override
-    {
-        const ScopedMutex lock(*mutex);
-        return isConnected;
-    }
+    std::string path;
+    T value;
+    CallbackConnection connection;
 
-    const std::shared_ptr<CThreadMutex> mutex;
-    const std::string path;
-    const T value;
-    bool isConnected = true;
+    bool IsFor(const std::string& wanted) const
+    {
+        return connection.IsConnected() && path == wanted;
+    }
 };
-
-using Done = Callback<std::string, std::string>;
-using WaitingRequest = Registered<Done>;
-using Subscription = Registered<Callback<std::string>>;
-using Served = Registered<std::pair<Portico::Verb, FakeConnection::Endpoint>>;
 
 } // namespace
 
 struct FakeConnection::State
 {
-    const std::shared_ptr<CThreadMutex> mutex = std::make_shared<CThreadMutex>();
+    mutable CThreadMutex mutex;
     bool isOpen = true;
-    std::optional<Portico::ConnectCallback> connect;
-    std::optional<Portico::HeartbeatCallback> heartbeat;
-    std::vector<FakeRequest> requests;
-    std::list<std::shared_ptr<WaitingRequest>> waiting;
-    std::map<std::string, std::string> always;
-    std::vector<std::shared_ptr<Subscription>> subscriptions;
-    std::vector<std::shared_ptr<Served>> served;
-    std::vector<std::pair<std::string, std::string>> notifications;
+    CallbackRegistry<> connections; ///< calls nobody: it only knows which of them are in force
+    std::list<Registered<Done>> waiting;
+    std::list<Registered<Callback<std::string>>> subscriptions;
+    std::list<Registered<std::pair<Portico::Verb, Endpoint>>> served;
+    TextsByPath requests;
+    TextsByPath notifications;
     std::vector<std::string> log;
+
+    template <class T>
+    CallbackConnection Register(std::list<Registered<T>>& where, const std::string& what, const std::string& path,
+                                const T& value)
+    {
+        const ScopedMutex lock(mutex);
+        log.push_back(what + " " + path);
+        where.push_back({path, value, connections.Connect({})});
+        return where.back().connection;
+    }
 
     void Close()
     {
-        const ScopedMutex lock(*mutex);
+        const ScopedMutex lock(mutex);
         isOpen = false;
+        connections.DisconnectAll();
         waiting.clear();
         subscriptions.clear();
         served.clear();
     }
 
-    std::shared_ptr<WaitingRequest> TakeWaiting(const std::string& path)
+    std::vector<std::string> Texts(const TextsByPath& texts, const std::string& path) const
     {
-        const ScopedMutex lock(*mutex);
-        for (auto request = waiting.begin(); request != waiting.end();)
-        {
-            std::shared_ptr<WaitingRequest> taken = *request;
-            if (!taken->isConnected)
-            {
-                request = waiting.erase(request);
-                continue;
-            }
-            if (taken->path == path)
-            {
-                waiting.erase(request);
-                return taken;
-            }
-            ++request;
-        }
-        return nullptr;
+        const ScopedMutex lock(mutex);
+        const auto found = texts.find(path);
+        return found != texts.end() ? found->second : std::vector<std::string>();
     }
 
-    std::shared_ptr<Served> FindServed(Portico::Verb verb, const std::string& path) const
+    bool Finish(const std::string& path, const std::string& body, const std::string& error)
     {
-        const ScopedMutex lock(*mutex);
-        for (const std::shared_ptr<Served>& endpoint : served)
+        Done done;
         {
-            if (endpoint->isConnected && endpoint->path == path && endpoint->value.first == verb)
+            const ScopedMutex lock(mutex);
+            const auto request = std::find_if(waiting.begin(), waiting.end(),
+                                              [&path](const auto& candidate) { return candidate.IsFor(path); });
+            if (request == waiting.end())
             {
-                return endpoint;
+                return false;
             }
+            done = request->value;
+            waiting.erase(request);
         }
-        return nullptr;
+        done(body, error);
+        return true;
     }
 };
 
@@ -136,203 +113,118 @@ public:
     }
 
     CallbackConnection RegisterGet(const std::string& path, const GetHandler& handler,
-                                   const Portico::EndpointScope& scope, const double& version, const std::string& label,
-                                   const int& option) override
+                                   const Portico::EndpointScope& scope, const double& /*version*/,
+                                   const std::string& /*label*/, const int& /*option*/) override
     {
-        return Serve(Portico::Verb::GET, path, {handler, {}, scope, version, label, option});
+        return Serve(Portico::Verb::GET, path, {handler, {}, scope});
     }
 
     CallbackConnection RegisterBody(Portico::Verb verb, const std::string& path, const BodyHandler& handler,
-                                    const Portico::EndpointScope& scope, const double& version,
-                                    const std::string& label, const int& option) override
+                                    const Portico::EndpointScope& scope, const double& /*version*/,
+                                    const std::string& /*label*/, const int& /*option*/) override
     {
-        return Serve(verb, path, {{}, handler, scope, version, label, option});
+        return Serve(verb, path, {{}, handler, scope});
     }
 
     CallbackConnection RegisterNotificationText(const std::string& path, const Callback<std::string>& callback,
                                                 const Portico::EndpointScope& /*scope*/, const double& /*version*/,
                                                 const int& /*option*/) override
     {
-        const ScopedMutex lock(*m_state->mutex);
-        m_state->log.push_back("SUBSCRIBE " + path);
-        auto subscription = std::make_shared<Subscription>(m_state->mutex, path, callback);
-        m_state->subscriptions.push_back(subscription);
-        return CallbackConnection(subscription);
+        return m_state->Register(m_state->subscriptions, "SUBSCRIBE", path, callback);
     }
 
-    CallbackConnection SendText(Portico::Verb verb, const std::string& path, const std::string& body,
-                                const Callback<std::string, std::string>& done, const double& version) override
+    CallbackConnection SendText(Portico::Verb verb, const std::string& path, const std::string& body, const Done& done,
+                                const double& /*version*/) override
     {
-        auto request = std::make_shared<WaitingRequest>(m_state->mutex, path, done);
-        std::optional<std::string> answer;
-        {
-            const ScopedMutex lock(*m_state->mutex);
-            m_state->log.push_back(std::string(Name(verb)) + " " + path);
-            m_state->requests.push_back({verb, path, body, version});
-            const auto always = m_state->always.find(path);
-            if (always != m_state->always.end())
-            {
-                answer = always->second;
-            }
-            else
-            {
-                m_state->waiting.push_back(request);
-            }
-        }
-        if (answer)
-        {
-            done(*answer, std::string());
-        }
-        return CallbackConnection(request);
+        const ScopedMutex lock(m_state->mutex);
+        m_state->requests[path].push_back(body);
+        return m_state->Register(m_state->waiting, Name(verb), path, done);
     }
 
     void SendNotification(const std::string& path, const google::protobuf::Message& message,
                           const double& /*version*/) override
     {
         const std::string text = Text(message);
-        const ScopedMutex lock(*m_state->mutex);
+        const ScopedMutex lock(m_state->mutex);
         m_state->log.push_back("NOTIFY " + path);
-        m_state->notifications.emplace_back(path, text);
+        m_state->notifications[path].push_back(text);
     }
 
     void Shutdown() override
     {
         {
-            const ScopedMutex lock(*m_state->mutex);
-            m_state->log.push_back("SHUTDOWN");
+            const ScopedMutex lock(m_state->mutex);
+            m_state->log.emplace_back("SHUTDOWN");
         }
         m_state->Close();
     }
 
 private:
-    CallbackConnection Serve(Portico::Verb verb, const std::string& path, Endpoint endpoint)
+    CallbackConnection Serve(Portico::Verb verb, const std::string& path, const Endpoint& endpoint)
     {
-        const ScopedMutex lock(*m_state->mutex);
-        m_state->log.push_back(std::string("SERVE ") + Name(verb) + " " + path);
-        auto served = std::make_shared<Served>(m_state->mutex, path, std::make_pair(verb, std::move(endpoint)));
-        m_state->served.push_back(served);
-        return CallbackConnection(served);
+        return m_state->Register(m_state->served, "SERVE " + Name(verb), path, {verb, endpoint});
     }
 
     const std::shared_ptr<State> m_state;
 };
 
 FakeConnection::FakeConnection(std::string name, std::string hostName, int portNumber, std::string protocol,
-                               std::string product, Portico::ConnectCallback* connect,
-                               const std::optional<Portico::HeartbeatCallback>& heartbeat)
+                               std::string product, std::optional<Portico::HeartbeatCallback> heartbeatCallback)
     : serviceName(std::move(name))
     , host(std::move(hostName))
     , port(portNumber)
     , subProtocol(std::move(protocol))
     , guid(std::move(product))
+    , heartbeat(std::move(heartbeatCallback))
     , m_state(std::make_shared<State>())
 {
-    if (connect != nullptr)
-    {
-        m_state->connect = *connect;
-    }
-    m_state->heartbeat = heartbeat;
 }
-
-FakeConnection::~FakeConnection() = default;
 
 bool FakeConnection::IsOpen() const
 {
-    const ScopedMutex lock(*m_state->mutex);
+    const ScopedMutex lock(m_state->mutex);
     return m_state->isOpen;
 }
 
-std::vector<FakeRequest> FakeConnection::Requests(const std::string& path) const
+std::vector<std::string> FakeConnection::Requests(const std::string& path) const
 {
-    const ScopedMutex lock(*m_state->mutex);
-    std::vector<FakeRequest> found;
-    for (const FakeRequest& request : m_state->requests)
-    {
-        if (request.path == path)
-        {
-            found.push_back(request);
-        }
-    }
-    return found;
+    return m_state->Texts(m_state->requests, path);
 }
 
 std::size_t FakeConnection::Waiting(const std::string& path) const
 {
-    const ScopedMutex lock(*m_state->mutex);
-    std::size_t count = 0;
-    for (const std::shared_ptr<WaitingRequest>& request : m_state->waiting)
-    {
-        count += request->isConnected && request->path == path ? 1U : 0U;
-    }
-    return count;
-}
-
-bool FakeConnection::Answer(const std::string& path, const google::protobuf::Message& record)
-{
-    return AnswerText(path, Text(record));
+    const ScopedMutex lock(m_state->mutex);
+    return static_cast<std::size_t>(std::count_if(m_state->waiting.begin(), m_state->waiting.end(),
+                                                  [&path](const auto& request) { return request.IsFor(path); }));
 }
 
 bool FakeConnection::AnswerText(const std::string& path, const std::string& json)
 {
-    const std::shared_ptr<WaitingRequest> request = m_state->TakeWaiting(path);
-    if (request)
-    {
-        request->value(json, std::string());
-    }
-    return request != nullptr;
+    return m_state->Finish(path, json, {});
 }
 
-bool FakeConnection::Fail(const std::string& path, int code, int subcode, const std::string& message,
-                          const std::string& product)
+bool FakeConnection::Fail(const std::string& path, int code, int subcode, const std::string& message)
 {
     Portico::Error error;
     error.set_code(code);
     error.set_subcode(subcode);
     error.set_message(message);
-    error.set_guid(product);
-    const std::shared_ptr<WaitingRequest> request = m_state->TakeWaiting(path);
-    if (request)
-    {
-        request->value(std::string(), Text(error));
-    }
-    return request != nullptr;
-}
-
-void FakeConnection::AnswerAlways(const std::string& path, const std::string& json)
-{
-    const ScopedMutex lock(*m_state->mutex);
-    m_state->always[path] = json;
-}
-
-std::size_t FakeConnection::Subscriptions(const std::string& path) const
-{
-    const ScopedMutex lock(*m_state->mutex);
-    std::size_t count = 0;
-    for (const std::shared_ptr<Subscription>& subscription : m_state->subscriptions)
-    {
-        count += subscription->isConnected && subscription->path == path ? 1U : 0U;
-    }
-    return count;
-}
-
-bool FakeConnection::Push(const std::string& path, const google::protobuf::Message& record)
-{
-    return PushText(path, Text(record));
+    return m_state->Finish(path, {}, Text(error));
 }
 
 bool FakeConnection::PushText(const std::string& path, const std::string& json)
 {
-    std::vector<std::shared_ptr<Subscription>> subscriptions;
+    std::list<Registered<Callback<std::string>>> subscriptions;
     {
-        const ScopedMutex lock(*m_state->mutex);
+        const ScopedMutex lock(m_state->mutex);
         subscriptions = m_state->subscriptions;
     }
     bool isPushed = false;
-    for (const std::shared_ptr<Subscription>& subscription : subscriptions)
+    for (const auto& subscription : subscriptions)
     {
-        if (subscription->path == path && subscription->IsConnected())
+        if (subscription.IsFor(path))
         {
-            subscription->value(json);
+            subscription.value(json);
             isPushed = true;
         }
     }
@@ -341,7 +233,6 @@ bool FakeConnection::PushText(const std::string& path, const std::string& json)
 
 bool FakeConnection::SendHeartbeat(PORTICO_CLIENT_ERRORS status)
 {
-    const std::optional<Portico::HeartbeatCallback> heartbeat = Heartbeat();
     if (!heartbeat || !IsOpen())
     {
         return false;
@@ -350,43 +241,24 @@ bool FakeConnection::SendHeartbeat(PORTICO_CLIENT_ERRORS status)
     return true;
 }
 
-std::optional<Portico::HeartbeatCallback> FakeConnection::Heartbeat() const
-{
-    const ScopedMutex lock(*m_state->mutex);
-    return m_state->heartbeat;
-}
-
-bool FakeConnection::SendConnected(bool isConnected)
-{
-    std::optional<Portico::ConnectCallback> connect;
-    {
-        const ScopedMutex lock(*m_state->mutex);
-        connect = m_state->connect;
-    }
-    if (!connect || !IsOpen())
-    {
-        return false;
-    }
-    (*connect)(isConnected);
-    return true;
-}
-
-bool FakeConnection::Serves(Portico::Verb verb, const std::string& path) const
-{
-    return m_state->FindServed(verb, path) != nullptr;
-}
-
 std::optional<FakeConnection::Endpoint> FakeConnection::FindEndpoint(Portico::Verb verb, const std::string& path) const
 {
-    const std::shared_ptr<Served> served = m_state->FindServed(verb, path);
-    return served ? std::optional<Endpoint>(served->value.second) : std::nullopt;
+    const ScopedMutex lock(m_state->mutex);
+    for (const auto& endpoint : m_state->served)
+    {
+        if (endpoint.IsFor(path) && endpoint.value.first == verb)
+        {
+            return endpoint.value.second;
+        }
+    }
+    return std::nullopt;
 }
 
 std::shared_ptr<const FakeAnswer> FakeConnection::Call(Portico::Verb verb, const std::string& path,
                                                        const std::string& json)
 {
-    const std::shared_ptr<Served> served = m_state->FindServed(verb, path);
-    if (!served)
+    const std::optional<Endpoint> endpoint = FindEndpoint(verb, path);
+    if (!endpoint)
     {
         return nullptr;
     }
@@ -401,41 +273,25 @@ std::shared_ptr<const FakeAnswer> FakeConnection::Call(Portico::Verb verb, const
                 answer->isDone = true;
             });
     };
-    const Endpoint& endpoint = served->value.second;
-    if (verb == Portico::Verb::GET)
-    {
-        endpoint.get(fill(false), fill(true));
-    }
-    else
-    {
-        endpoint.body(json, fill(false), fill(true));
-    }
+    endpoint->get(fill(false), fill(true)); // one of the two is empty
+    endpoint->body(json, fill(false), fill(true));
     return answer;
 }
 
 std::vector<std::string> FakeConnection::Notifications(const std::string& path) const
 {
-    const ScopedMutex lock(*m_state->mutex);
-    std::vector<std::string> found;
-    for (const auto& [notified, text] : m_state->notifications)
-    {
-        if (notified == path)
-        {
-            found.push_back(text);
-        }
-    }
-    return found;
+    return m_state->Texts(m_state->notifications, path);
 }
 
 void FakeConnection::ForgetNotifications()
 {
-    const ScopedMutex lock(*m_state->mutex);
+    const ScopedMutex lock(m_state->mutex);
     m_state->notifications.clear();
 }
 
 std::vector<std::string> FakeConnection::Log() const
 {
-    const ScopedMutex lock(*m_state->mutex);
+    const ScopedMutex lock(m_state->mutex);
     return m_state->log;
 }
 
@@ -452,48 +308,25 @@ FakePortico::~FakePortico()
 std::shared_ptr<FakeConnection> FakePortico::Find(const std::string& serviceName) const
 {
     const ScopedMutex lock(m_mutex);
-    const auto found = std::find_if(m_made.rbegin(), m_made.rend(),
-                                    [&serviceName](const std::shared_ptr<FakeConnection>& connection)
-                                    { return connection->serviceName == serviceName; });
+    const auto found =
+        std::find_if(m_made.rbegin(), m_made.rend(),
+                     [&serviceName](const auto& connection) { return connection->serviceName == serviceName; });
     return found == m_made.rend() ? nullptr : *found;
 }
 
-std::vector<std::shared_ptr<FakeConnection>> FakePortico::Made(const std::string& serviceName) const
+std::vector<std::shared_ptr<FakeConnection>> FakePortico::Made() const
 {
     const ScopedMutex lock(m_mutex);
-    if (serviceName.empty())
-    {
-        return m_made;
-    }
-    std::vector<std::shared_ptr<FakeConnection>> found;
-    for (const std::shared_ptr<FakeConnection>& connection : m_made)
-    {
-        if (connection->serviceName == serviceName)
-        {
-            found.push_back(connection);
-        }
-    }
-    return found;
-}
-
-std::size_t FakePortico::OpenConnections() const
-{
-    std::size_t count = 0;
-    for (const std::shared_ptr<FakeConnection>& connection : Made())
-    {
-        count += connection->IsOpen() ? 1U : 0U;
-    }
-    return count;
+    return m_made;
 }
 
 std::shared_ptr<PorticoClientIF> FakePortico::Create(const std::string& serviceName, const std::string& host, int port,
                                                      const std::string& subProtocol, const std::string& guid,
-                                                     Portico::ConnectCallback* connectCallback,
+                                                     Portico::ConnectCallback* /*connectCallback*/,
                                                      const std::optional<Portico::HeartbeatCallback>& heartbeatCallback,
                                                      const Portico::CommonClientCreationInfo& /*info*/)
 {
-    auto connection = std::make_shared<FakeConnection>(serviceName, host, port, subProtocol, guid, connectCallback,
-                                                       heartbeatCallback);
+    auto connection = std::make_shared<FakeConnection>(serviceName, host, port, subProtocol, guid, heartbeatCallback);
     auto client = std::make_shared<FakeConnection::Client>(connection->m_state);
     const ScopedMutex lock(m_mutex);
     m_made.push_back(std::move(connection));

@@ -21,14 +21,6 @@ struct FakeAnswer
     std::string body; ///< the record's JSON, on one line
 };
 
-struct FakeRequest
-{
-    Portico::Verb verb = Portico::Verb::GET;
-    std::string path;
-    std::string body;
-    double version = 0;
-};
-
 /// One connection to the gateway that the tested code made, as the test sees it: it answers requests, pushes
 /// notifications, sends heartbeats and calls served endpoints. Outlives the client itself; once that is gone or
 /// shut down, IsOpen() is false and every operation that would call it does nothing and returns false.
@@ -41,9 +33,6 @@ public:
         PorticoClientIF::GetHandler get;
         PorticoClientIF::BodyHandler body;
         Portico::EndpointScope scope = Portico::EndpointScope::PUBLIC;
-        double version = 0;
-        std::string label;
-        int option = 0;
     };
 
     /// How it was made.
@@ -52,40 +41,28 @@ public:
     const int port;
     const std::string subProtocol;
     const std::string guid;
+    const std::optional<Portico::HeartbeatCallback> heartbeat; ///< a copy of it is what is on its way
 
     FakeConnection(std::string name, std::string hostName, int portNumber, std::string protocol, std::string product,
-                   Portico::ConnectCallback* connect, const std::optional<Portico::HeartbeatCallback>& heartbeat);
-    ~FakeConnection();
-    FakeConnection(const FakeConnection&) = delete;
-    FakeConnection& operator=(const FakeConnection&) = delete;
+                   std::optional<Portico::HeartbeatCallback> heartbeatCallback);
 
     bool IsOpen() const;
 
     // --- what the tested code asked for ---
-    std::vector<FakeRequest> Requests(const std::string& path) const; ///< all so far, in order
+    std::vector<std::string> Requests(const std::string& path) const; ///< the bodies of all so far, in order
     std::size_t Waiting(const std::string& path) const;               ///< those without an answer yet
 
     /// Answers the oldest waiting request on `path`. False where there is none.
-    bool Answer(const std::string& path, const google::protobuf::Message& record);
     bool AnswerText(const std::string& path, const std::string& json);
-    bool Fail(const std::string& path, int code, int subcode, const std::string& message,
-              const std::string& product = {});
-    /// From now on each request on `path` is answered at once, before it returns.
-    void AnswerAlways(const std::string& path, const std::string& json);
+    bool Fail(const std::string& path, int code, int subcode, const std::string& message);
 
     // --- what the gateway sends by itself ---
-    std::size_t Subscriptions(const std::string& path) const; ///< those in force
     /// To all subscriptions of `path`. False where there is none.
-    bool Push(const std::string& path, const google::protobuf::Message& record);
     bool PushText(const std::string& path, const std::string& json);
     /// With the guid that the connection was opened for.
     bool SendHeartbeat(PORTICO_CLIENT_ERRORS status);
-    /// A copy of the heartbeat callback: what is on its way while the client goes.
-    std::optional<Portico::HeartbeatCallback> Heartbeat() const;
-    bool SendConnected(bool isConnected);
 
     // --- what the tested code serves ---
-    bool Serves(Portico::Verb verb, const std::string& path) const;
     std::optional<Endpoint> FindEndpoint(Portico::Verb verb, const std::string& path) const;
     /// Null where nobody serves it.
     std::shared_ptr<const FakeAnswer> Call(Portico::Verb verb, const std::string& path, const std::string& json = {});
@@ -101,11 +78,11 @@ private:
     class Client;
     struct State;
 
-    std::shared_ptr<State> m_state;
+    const std::shared_ptr<State> m_state;
 };
 
 /// The gateway in the same process, for the simulated engine and for real tasks. Takes the place of the client
-/// library from its construction to its end. Never answers by itself, unless AnswerAlways says so.
+/// library from its construction to its end. Never answers by itself.
 ///
 ///     FakePortico portico;
 ///     auto aggregator = DiscoveryServiceAggregator::Create(task, controller);
@@ -121,14 +98,11 @@ class FakePortico final : public Portico::PorticoClientFactoryIF
 public:
     FakePortico();
     ~FakePortico() override;
-    FakePortico(const FakePortico&) = delete;
-    FakePortico& operator=(const FakePortico&) = delete;
 
     /// The latest connection of that service name, open or not; null where there was none.
     std::shared_ptr<FakeConnection> Find(const std::string& serviceName) const;
-    /// Every connection made so far, in order, of that service name; an empty name: all.
-    std::vector<std::shared_ptr<FakeConnection>> Made(const std::string& serviceName = {}) const;
-    std::size_t OpenConnections() const;
+    /// Every connection made so far, in order.
+    std::vector<std::shared_ptr<FakeConnection>> Made() const;
 
     std::shared_ptr<PorticoClientIF> Create(const std::string& serviceName, const std::string& host, int port,
                                             const std::string& subProtocol, const std::string& guid,
