@@ -1,9 +1,10 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 
 /// A certification authority of a test's own in a temporary directory, by the openssl command.
@@ -16,10 +17,7 @@ public:
     WebSocketCertificates()
     {
         std::string pattern = (std::filesystem::temp_directory_path() / "websocket-tls-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-        {
-            throw std::runtime_error("no temporary directory");
-        }
+        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
         m_root = pattern;
         Run("openssl req -x509 " + NewKey(m_root + "/ca-key.pem") + " -out " + m_root + "/ca.pem -days 2 -subj /CN=ca");
     }
@@ -54,10 +52,7 @@ private:
     }
     static void Run(const std::string& command)
     {
-        if (std::system((command + " >/dev/null 2>&1").c_str()) != 0)
-        {
-            throw std::runtime_error("failed: " + command);
-        }
+        EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << command;
     }
 
     std::string m_root;

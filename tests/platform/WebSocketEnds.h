@@ -5,9 +5,9 @@
 #include "WebSocket.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What a test sees of one connection; its connection lives on the task of its Ends.
@@ -22,9 +22,9 @@ struct WebSocketEnd
     {
         return messages.WaitUntil([count](const auto& all) { return all.size() >= count; });
     }
-    bool WaitForClosed() const
+    bool WaitForClosed(std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {
-        return closed.WaitUntil([](const auto& all) { return !all.empty(); });
+        return closed.WaitUntil([](const auto& all) { return !all.empty(); }, limit);
     }
     WebSocket::Connection::Handlers Record()
     {
@@ -38,30 +38,23 @@ struct WebSocketEnd
 class WebSocketEnds
 {
 public:
-    explicit WebSocketEnds(WebSocket::ListenOptions options = {})
+    explicit WebSocketEnds(const WebSocket::Limits& limits = {}, WebSocket::ListenOptions options = {})
     {
-        if (options.subProtocols.empty())
+        options.limits = limits;
+        options.subProtocols = {"tarsier"};
+        const auto accept = [this](std::shared_ptr<WebSocket::Connection> connection)
         {
-            options.subProtocols = {"tarsier"};
-        }
-        m_task.Run(
-            [&]
-            {
-                m_listener = WebSocket::Listen(
-                    m_task.Get(), options,
-                    [this](std::shared_ptr<WebSocket::Connection> connection)
-                    {
-                        auto end = std::make_shared<WebSocketEnd>();
-                        end->connection = std::move(connection);
-                        end->connection->SetHandlers(end->Record());
-                        accepted.Change([&](auto& all) { all.push_back(end); });
-                    },
-                    m_error);
-            });
+            auto end = std::make_shared<WebSocketEnd>();
+            end->connection = std::move(connection);
+            end->connection->SetHandlers(end->Record());
+            accepted.Change([&](auto& all) { all.push_back(end); });
+        };
+        std::string error;
+        task.Run([&] { m_listener = WebSocket::Listen(task.Get(), options, accept, error); });
     }
     ~WebSocketEnds()
     {
-        m_task.StopAndJoin();
+        task.StopAndJoin();
     }
     WebSocketEnds(const WebSocketEnds&) = delete;
     WebSocketEnds& operator=(const WebSocketEnds&) = delete;
@@ -70,52 +63,32 @@ public:
     {
         return m_listener->Port();
     }
-    const RealTask& Task() const
-    {
-        return m_task;
-    }
-    void CloseListener()
-    {
-        m_task.Run([this] { m_listener.reset(); });
-    }
-
     WebSocket::Target Here(const std::string& subProtocol = "tarsier") const
     {
-        WebSocket::Target target;
-        target.host = "127.0.0.1";
-        target.port = Port();
-        target.subProtocol = subProtocol;
-        return target;
+        return {"127.0.0.1", Port(), subProtocol, nullptr, ""};
     }
-
     std::shared_ptr<WebSocketEnd> Connect(const WebSocket::Target& target, const WebSocket::Limits& limits = {})
     {
         auto end = std::make_shared<WebSocketEnd>();
-        m_task.Run(
-            [&]
-            {
-                end->connection = WebSocket::Connect(m_task.Get(), target, end->Record(), limits);
-                m_connected.push_back(end);
-            });
+        m_connected.push_back(end);
+        task.Run([&] { end->connection = WebSocket::Connect(task.Get(), target, end->Record(), limits); });
         return end;
     }
-
-    std::shared_ptr<WebSocketEnd> WaitForAccepted(std::size_t index = 0) const
+    /// Waits for it; throws where it does not come.
+    std::shared_ptr<WebSocketEnd> Accepted(std::size_t index = 0) const
     {
-        const bool isThere = accepted.WaitUntil([index](const auto& all) { return all.size() > index; });
-        return isThere ? accepted.Get()[index] : nullptr;
+        accepted.WaitUntil([index](const auto& all) { return all.size() > index; });
+        return accepted.Get().at(index);
     }
-
     void Send(const std::shared_ptr<WebSocketEnd>& end, const std::string& text) const
     {
-        m_task.Run([&] { end->connection->Send(text); });
+        task.Run([&] { end->connection->Send(text); });
     }
 
+    const RealTask task{"WebSocketTest"};
     Watched<std::vector<std::shared_ptr<WebSocketEnd>>> accepted;
 
 private:
     std::shared_ptr<WebSocket::Listener> m_listener;
-    std::string m_error;
-    std::vector<std::shared_ptr<WebSocketEnd>> m_connected; ///< die after the task
-    RealTask m_task{"WebSocketTest"};
+    std::vector<std::shared_ptr<WebSocketEnd>> m_connected; ///< die after the task's end
 };
