@@ -23,11 +23,11 @@ protected:
     }
 
     /// Each reading has a process of its own, since one of the files is read once a process. Gives 10 times the lines
-    /// of level 1, plus 1 where the guid is "G", plus 2 in accessory mode; `path` is read after `text` went to m_path.
-    int Read(const std::string& text, const std::string& path) const
+    /// of level 1, plus 1 where the guid is "G", plus 2 in accessory mode.
+    int Read(const std::string& text, const std::string& below = "") const
     {
         std::ofstream(m_path) << text;
-        const auto read = [&path]
+        const auto read = [path = m_path + below]
         {
             setenv("SONARIX_MFG_DATA", path.c_str(), 1);
             setenv("SONARIX_PRODUCT_CONFIG", path.c_str(), 1);
@@ -40,11 +40,6 @@ protected:
         };
         return RunForked(read).m_exitStatus;
     }
-    int Read(const std::string& text) const
-    {
-        return Read(text, m_path);
-    }
-
     const std::string m_path = testing::TempDir() + "config-data-" + std::to_string(getpid());
 };
 
@@ -65,6 +60,5 @@ TEST_F(ConfigDataTest, WhatIsNotAsItShouldBeIsToldInOneLineAndLeftOut)
     EXPECT_EQ(Read(R"({"accessoryMode":true,"other":[1]})"), 12);
     EXPECT_EQ(Read(R"({"guid":"G","accessoryMode":"true"})"), 11);
 
-    EXPECT_EQ(Read("", m_path + "/missing"), 0) << "no file, no line";
-    EXPECT_EQ(Read("", testing::TempDir()), 20) << "a folder cannot be read";
+    EXPECT_EQ(Read("", "/missing"), 0) << "no file, no line";
 }

@@ -83,6 +83,7 @@ TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
         const std::string start = text.substr(0, 60);
         DescriptorProto message;
         message.set_name("kept");
+        Portico::Error answer; // which travels on as JSON
         try
         {
             FromJson(text, &message);
@@ -90,11 +91,9 @@ TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
         }
         catch (const MarkupError& error)
         {
-            EXPECT_LT(std::string(error.what()).size(), 400U);
-            Portico::Error answer; // which travels on as JSON
             answer.set_message(error.what());
-            EXPECT_NO_THROW(ToJson(answer, true, false, false)) << start;
         }
+        EXPECT_LT(ToJson(answer, true, false, false).size(), 500U) << start;
         EXPECT_EQ(message.ShortDebugString(), R"(name: "kept")") << start;
     }
 }

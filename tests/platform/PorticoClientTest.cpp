@@ -34,7 +34,7 @@ protected:
     {
         const Portico::HeartbeatCallback onHeartbeat(
             [this](const std::string& from, const PORTICO_CLIENT_ERRORS& status)
-            { m_heartbeats.Put(from + std::to_string(status)); },
+            { m_told.Put(from + std::to_string(status)); },
             m_task.Get());
         Portico::ConnectCallback onConnect([this](const bool& is) { m_connects.Put(is); }, m_task.Get());
         return Portico::PorticoClient::Create("Tester", "localhost", port, "tarsier", guid, &onConnect, onHeartbeat,
@@ -42,16 +42,12 @@ protected:
     }
 
     /// Its end comes to m_ends: the body or the error.
-    CallbackConnection Send(PorticoClientIF& client, Portico::Verb verb, const std::string& path,
+    CallbackConnection Send(PorticoClientIF& client, const std::string& path, Portico::Verb verb = Portico::Verb::GET,
                             const std::string& body = {})
     {
         const auto end = [this](const std::string& answer, const std::string& error)
         { m_ends.Put(error.empty() ? answer : error); };
         return client.SendText(verb, path, body, end, 1.0);
-    }
-    CallbackConnection Get(PorticoClientIF& client, const std::string& path)
-    {
-        return Send(client, Portico::Verb::GET, path);
     }
     json TakeError()
     {
@@ -70,7 +66,6 @@ protected:
     }
 
     Inbox<bool> m_connects;
-    Inbox<std::string> m_heartbeats;
     Inbox<std::string> m_ends;
     Inbox<std::string> m_told;
     RealTask m_task;
@@ -83,7 +78,7 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     FakeGateway gateway;
     const auto client = Create(gateway.Port(), "someone");
     Listen(*client, m_told);
-    Get(*client, "/status");
+    Send(*client, "/status");
     Serve(*client, "/mine");
 
     const json open = gateway.Take("open");
@@ -98,7 +93,7 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     EXPECT_EQ(m_ends.Take(), R"({"zeta":1,"alpha":2})"); // in the order in which it was written
 
     gateway.Send({{"method", "heartbeat"}, {"params", {{"guid", "G"}, {"status", 1041}}}});
-    EXPECT_EQ(m_heartbeats.Take(), "G1041");
+    EXPECT_EQ(m_told.Take(), "G1041");
 
     // Frames that make no sense change nothing.
     for (const char* frame :
@@ -123,7 +118,7 @@ TEST_F(PorticoClientTest, GatewayThatIsNotThereOrRefusesIsTriedAgain)
     const std::uint16_t port = gateway->Port();
     gateway.reset();
     const auto client = Create(port, "someone");
-    Get(*client, "/status");
+    Send(*client, "/status");
     const json error = TakeError();
     EXPECT_EQ(error["code"], 503);
     EXPECT_EQ(error["guid"], "someone");
@@ -148,7 +143,7 @@ TEST_F(PorticoClientTest, ComesBackByItselfWithAllThatWasInForce)
     Serve(*client, "/one");
     Listen(*client, m_told);
     Serve(*client, "/two");
-    Get(*client, "/slow");
+    Send(*client, "/slow");
     gateway->Take("get");
 
     gateway.reset();
@@ -211,18 +206,11 @@ TEST_F(PorticoClientTest, HandlerAnswersLaterOnceAndForItsOwnConnection)
     gateway->Take("serve");
     gateway->Request(1, "get", "/later", nullptr);
     const auto first = waiting.Take().value();
-    std::thread(
-        [&first]
-        {
-            Portico::Error error = Record(503);
-            error.set_message("MDNS Service not available.");
-            first.second(error);
-            first.first(Record(1));
-        })
-        .join();
-    EXPECT_EQ(
-        gateway->TakeAnswer()["error"],
-        json({{"code", 503}, {"message", "MDNS Service not available."}, {"data", {{"subcode", 0}, {"guid", ""}}}}));
+    Portico::Error error = Record(503);
+    error.set_message("not available");
+    std::thread([&] { first.second(error), first.first(Record(1)); }).join();
+    EXPECT_EQ(gateway->TakeAnswer()["error"],
+              json({{"code", 503}, {"message", "not available"}, {"data", {{"subcode", 0}, {"guid", ""}}}}));
 
     gateway->Request(2, "get", "/later", nullptr);
     const auto second = waiting.Take().value();
@@ -235,35 +223,19 @@ TEST_F(PorticoClientTest, HandlerAnswersLaterOnceAndForItsOwnConnection)
     EXPECT_EQ(gateway->TakeAnswer()["id"], 3);
 }
 
-TEST_F(PorticoClientTest, BodiesThatDoNotParseAndHandlersThatThrow)
+TEST_F(PorticoClientTest, BodyThatDoesNotParseAndHandlerThatThrowsEndInAnError)
 {
     FakeGateway gateway;
     const auto client = Create(gateway.Port());
-    client->RegisterPost<Portico::Error>(
-        "/in",
-        [](const Portico::Error& body, const Response& response, const Response&)
-        {
-            if (body.code() == 13)
-            {
-                throw std::logic_error("thirteen");
-            }
-            response(body);
-        },
-        EndpointScope::PUBLIC, 1.0, "Unknown", 0);
+    const auto fail = [](const Portico::Error&, const Response&, const Response&) { throw std::logic_error("mine"); };
+    client->RegisterPost<Portico::Error>("/in", fail, EndpointScope::PUBLIC, 1.0, "Unknown", 0);
     gateway.Take("serve");
-    const auto answer = [&gateway](const json& body)
-    {
-        gateway.Request(1, "post", "/in", body);
-        return gateway.TakeAnswer();
-    };
-    EXPECT_EQ(answer({{"code", 5}, {"unknown", true}})["result"], json({{"code", 5}}));
-    EXPECT_EQ(answer({{"Error", {{"code", 6}}}})["result"], json({{"code", 6}}));
     for (const json& body : {json({{"code", "text"}}), json(nullptr), json({{"code", 13}})})
     {
-        const json error = answer(body)["error"];
-        EXPECT_EQ(error["code"], 0);
+        gateway.Request(1, "post", "/in", body);
+        const json error = gateway.TakeAnswer()["error"];
         EXPECT_EQ(error["data"]["subcode"], 2005);
-        EXPECT_EQ(error["message"] == "thirteen", body.is_object() && body["code"] == 13);
+        EXPECT_EQ(error["message"] == "mine", body == json({{"code", 13}}));
     }
 }
 
@@ -286,9 +258,7 @@ TEST_F(PorticoClientTest, AnswersComeAsRecordsOrErrors)
     EXPECT_EQ(errors.Take().value().ShortDebugString(), R"(code: 404 subcode: 7 message: "nobody" guid: "G")");
     gateway.Answer(send(), json::array());
     const Portico::Error unreadable = errors.Take().value();
-    EXPECT_EQ(unreadable.guid(), "1");
-    EXPECT_TRUE(unreadable.has_code());
-    EXPECT_EQ(unreadable.subcode(), 2005);
+    EXPECT_TRUE(unreadable.has_code() && unreadable.subcode() == 2005) << unreadable.ShortDebugString();
 
     client->RegisterNotification<Portico::Error>(
         "/told",
@@ -305,9 +275,9 @@ TEST_F(PorticoClientTest, AnswersComeAsRecordsOrErrors)
     EXPECT_EQ(results.Take().value().code(), 1);
     EXPECT_EQ(results.Take().value().code(), 2);
 
-    Send(*client, Portico::Verb::POST, "/in", "{oops"); // is not sent
+    Send(*client, "/in", Portico::Verb::POST, "{oops"); // is not sent
     EXPECT_EQ(TakeError()["subcode"], 2005);
-    Send(*client, Portico::Verb::DELETE, "/in", R"({"a":[1]})");
+    Send(*client, "/in", Portico::Verb::DELETE, R"({"a":[1]})");
     EXPECT_EQ(gateway.Take("delete")["params"]["body"], json({{"a", {1}}}));
 }
 
@@ -319,7 +289,7 @@ TEST_F(PorticoClientTest, DisconnectedMeansNoMoreCalls)
     const CallbackConnection one = Listen(*client, m_told);
     const CallbackConnection two = Listen(*client, second);
     const CallbackConnection served = Serve(*client, "/mine");
-    const CallbackConnection request = Get(*client, "/slow");
+    const CallbackConnection request = Send(*client, "/slow");
     const json get = gateway.Take("get");
 
     request.Disconnect();
@@ -343,7 +313,7 @@ TEST_F(PorticoClientTest, EndedClientCallsNobody)
     auto client = Create(gateway.Port(), "G");
     const CallbackConnection listening = Listen(*client, m_told);
     EXPECT_EQ(m_connects.Take(), true);
-    Get(*client, "/slow");
+    Send(*client, "/slow");
     gateway.Take("get");
     gateway.Notify("/told", 1);
     EXPECT_EQ(m_told.Take(), "1");
@@ -372,7 +342,7 @@ TEST_F(PorticoClientTest, EndedClientCallsNobody)
     EXPECT_EQ(m_connects.Take(), true);
     shut->Shutdown();
     EXPECT_TRUE(gateway.WaitForConnections(0));
-    Get(*shut, "/late");
+    Send(*shut, "/late");
     EXPECT_FALSE(m_connects.Take(milliseconds(300))); // stays away
     EXPECT_TRUE(m_ends.IsEmpty());
 }
@@ -402,10 +372,10 @@ TEST_F(PorticoClientTest, WhatIsLargerThanTheGatewayTakesIsNotSent)
     FakeGateway gateway;
     const auto client = Create(gateway.Port());
     Serve(*client, "/mine", [&large](const Response& response, const Response&) { response(large); });
-    Send(*client, Portico::Verb::POST, "/early", '"' + large.message() + '"');
+    Send(*client, "/early", Portico::Verb::POST, '"' + large.message() + '"');
     EXPECT_EQ(TakeError()["code"], 413);
     gateway.Take("serve");
-    Send(*client, Portico::Verb::POST, "/status", '"' + large.message() + '"');
+    Send(*client, "/status", Portico::Verb::POST, '"' + large.message() + '"');
     EXPECT_EQ(TakeError()["message"], "the request is larger than 4 MiB");
     client->SendNotification("/mine", large, 1.0);
     gateway.Request(1, "get", "/mine", nullptr);
@@ -413,6 +383,6 @@ TEST_F(PorticoClientTest, WhatIsLargerThanTheGatewayTakesIsNotSent)
     const std::size_t envelope =
         std::string(R"({"jsonrpc":"2.0","id":5,"method":"post","params":{"path":"/fits","version":1.0,"body":""}})")
             .size();
-    Send(*client, Portico::Verb::POST, "/fits", '"' + std::string(kLimit - envelope, 'x') + '"');
+    Send(*client, "/fits", Portico::Verb::POST, '"' + std::string(kLimit - envelope, 'x') + '"');
     EXPECT_EQ(gateway.Take("post")["params"]["path"], "/fits") << "and the connection stands";
 }
