@@ -37,28 +37,23 @@ class CheckLayers(unittest.TestCase):
             result = subprocess.run([CHECK, root], capture_output=True, text=True, check=False)
             return result.returncode, result.stdout.splitlines(), result.stderr
 
-    def assert_offence(self, changes, line):
-        self.assertEqual(self.run_on(changes), (1, [line], ""))
-
     def test_a_tree_in_order_passes_silently(self):
         self.assertEqual(self.run_on({}), (0, [], ""))
 
-    def test_an_include_against_the_layers_is_reported(self):
-        self.assert_offence({"src/low/Low.h": '\n#include "Middle.h"\n'},
-                            "src/low/Low.h:2: Middle.h: src/low does not link src/middle")
-        self.assert_offence({"src/low/Low.h": "# include <Middle.h>\n"},
-                            "src/low/Low.h:1: Middle.h: src/low does not link src/middle")
-        self.assert_offence({"src/hidden/Hidden.proto": 'import "Other.proto";', "src/high/Other.proto": ""},
-                            "src/hidden/Hidden.proto:1: Other.pb.h: src/hidden does not link src/high")
-
-    def test_a_private_link_is_for_its_own_folder_alone(self):
-        self.assert_offence({"src/high/High.cpp": '#include "Hidden.h"\n'},
-                            "src/high/High.cpp:1: Hidden.h: src/high does not link src/hidden")
-
-    def test_an_unknown_header_and_a_folder_without_target_are_reported(self):
-        self.assert_offence({"src/high/High.cpp": '#include "Gone.h"\n'},
-                            "src/high/High.cpp:1: Gone.h: no such header under src/")
-        self.assert_offence({"src/stray/Stray.cpp": ""}, "src/stray/Stray.cpp: belongs to no sonarix_library")
+    def test_offences_are_reported(self):
+        for changes, line in (
+            ({"src/low/Low.h": '\n#include "Middle.h"\n'},
+             "src/low/Low.h:2: Middle.h: src/low does not link src/middle"),
+            ({"src/low/Low.h": "# include <Middle.h>\n"},
+             "src/low/Low.h:1: Middle.h: src/low does not link src/middle"),
+            ({"src/hidden/Hidden.proto": 'import "Other.proto";', "src/high/Other.proto": ""},
+             "src/hidden/Hidden.proto:1: Other.pb.h: src/hidden does not link src/high"),
+            ({"src/high/High.cpp": '#include "Hidden.h"\n'},  # linked PRIVATE, by another folder
+             "src/high/High.cpp:1: Hidden.h: src/high does not link src/hidden"),
+            ({"src/high/High.cpp": '#include "Gone.h"\n'}, "src/high/High.cpp:1: Gone.h: no such header under src/"),
+            ({"src/stray/Stray.cpp": ""}, "src/stray/Stray.cpp: belongs to no sonarix_library"),
+        ):
+            self.assertEqual(self.run_on(changes), (1, [line], ""))
 
 
 if __name__ == "__main__":

@@ -92,59 +92,44 @@ class GatewayPrograms(unittest.TestCase):
             if result.returncode != 3 or time.monotonic() > end:
                 return result
 
+    def check(self, status, said, name, *words, **options):
+        result = subprocess.run([f"{BIN}/{name}", *words], capture_output=True, text=True, timeout=LIMIT, **options)
+        self.assertEqual(result.returncode, status, [name, *words])
+        self.assertIn(said, result.stdout if status == 0 else result.stderr)
+
     def test_exit_status_says_what_happened(self):
-        for name in ("portico", "network-status", "hub-service"):
+        for name in ("portico", "network-status", "hub-service", "portico-gateway"):
             for option in ("--help", "--version"):
-                result = subprocess.run([f"{BIN}/{name}", option], capture_output=True, text=True, timeout=LIMIT)
-                self.assertEqual((result.returncode, result.stderr), (0, ""), name + option)
-                self.assertIn(name, result.stdout)
-            self.assertEqual(subprocess.run([f"{BIN}/{name}", "--nonsense"], capture_output=True,
-                                            timeout=LIMIT).returncode, 2)
+                self.check(0, name, name, option)
+            self.check(2, "", name, "--nonsense")
+        for words in (["--port"], ["--port", "x"], ["--port", "65536"], ["--port", ""], ["extra"]):
+            self.check(2, "", "portico-gateway", *words)
         for words in (["get", "/x"], ["watch", "/x"], ["post", "/x", "{}"]):
-            result = portico(*words)
-            self.assertEqual(result.returncode, 3, words)
-            self.assertEqual(result.stderr, "portico: no gateway at localhost:8084; is it running?\n")
+            self.check(3, "portico: no gateway at localhost:8084; is it running?\n", "portico", *words)
         self.start_gateway()
-        result = portico("post", "/nobody", "-", input='{"a": 1}')
-        self.assertEqual((result.returncode, result.stdout), (1, ""))
-        self.assertIn("404", result.stderr)
-        self.assertEqual(portico("post", "/nobody", "-", input="{").returncode, 2)
+        self.check(1, "404", "portico", "post", "/nobody", "-", input='{"a": 1}')
+        self.check(2, "", "portico", "post", "/nobody", "-", input="{")
+        self.check(1, "Address already in use", "portico-gateway", "--lan-port", "0")
+        self.check(1, "Address already in use", "portico-gateway", "--port", "0")
+        self.check(1, "/nowhere/ca.pem", "portico-gateway", "--port", "0", "--lan-port", "0", "--tls-dir", "/nowhere")
 
-    def test_what_the_gateway_does_not_take_ends_in_its_words(self):
-        peers, body = (os.path.join(self.folder.name, name) for name in ("peers", "body"))
-        with open(peers, "w", encoding="ascii") as file:
-            file.write("other localhost\n")  # our own LAN port
-        with open(body, "w", encoding="ascii") as file:
-            json.dump("x" * (4 << 20), file)
-        self.start_gateway("--peers", peers)
-        self.start("network-status")
-        self.start("portico", "watch", "/network/status").take()
-        for words, reason in ((["post", "/x", "@" + body], "larger than 4 MiB"),
-                              (["--guid", "g" * 300, "get", "/x"], "too long a name"),
-                              (["--guid", "g" * 300, "watch", "/x"], "too long a name"),
-                              (["--port", "8090", "watch", "/network/status"], "404"),
-                              (["--guid", "other", "watch", "/network/status"], "404")):
-            result = portico(*words)
-            self.assertEqual((result.returncode, result.stdout), (1, ""), words)
-            self.assertIn(reason, result.stderr)
-        with open("/dev/full", "w", encoding="ascii") as full:
-            result = subprocess.run([BIN + "/portico", "get", "/network/status"], stdout=full, stderr=subprocess.PIPE,
-                                    timeout=LIMIT, check=False)
-        self.assertEqual((result.returncode, result.stderr), (1, b"portico: standard output cannot be written\n"))
-
-    def test_network_status_follows_the_kernel_and_outlives_the_gateway(self):
+    def make_link(self, *address):
+        """eth0 with a cable, and its far end."""
         ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
         self.addCleanup(ip, "link", "del", "eth0")
+        for link in ("eth0", "far0"):
+            ip("link", "set", link, "up")
+        if address:
+            ip("address", "add", *address, "dev", "eth0")
+
+    def test_network_status_follows_the_kernel_and_outlives_the_gateway(self):
         gateway = self.start_gateway()
         watch = self.start("portico", "watch", "/network/status")
         self.start("network-status", "--primary", "eth0", "--wifi-bands", "2.4,5")
         self.assertFalse(watch.take()["isPrimaryUp"])
-        ip("link", "set", "eth0", "up")
-        ip("link", "set", "far0", "up")
-        ip("address", "add", "10.99.0.1/24", "broadcast", "10.99.0.255", "dev", "eth0")
+        self.make_link("10.99.0.1/24", "broadcast", "10.99.0.255")
         status = watch.take(lambda record: record["isPrimaryUp"])
         self.assertEqual((status["primary"], status["primaryIpAddress"]), ("WIRED_ETH", "10.99.0.1"))
-        self.assertEqual((status["interfaces"][0]["name"], status["interfaces"][0]["state"]), ("eth0", "UP"))
         self.assertEqual(status["interfaces"][0]["ipInfo"], {"ipAddress": "10.99.0.1", "subnetMask": "255.255.255.0",
                                                              "broadcastAddress": "10.99.0.255"})
         usage = portico("get", "/network/wifi/stationUsage")
@@ -164,10 +149,7 @@ class GatewayPrograms(unittest.TestCase):
         self.assertIn("the gateway went", watch.err.get(timeout=LIMIT))
 
     def test_burst_of_changes_ends_in_the_last_state(self):
-        ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
-        self.addCleanup(ip, "link", "del", "eth0")
-        ip("link", "set", "eth0", "up")
-        ip("link", "set", "far0", "up")
+        self.make_link()
         self.start_gateway()
         watch = self.start("portico", "watch", "/network/status")
         self.start("network-status", "--primary", "eth0")
