@@ -107,12 +107,4 @@ TEST_F(SystemUtilsTest, ReadFile)
     EXPECT_TRUE(log.Contains(m_directory + "/pipe"));
 }
 
-TEST(Backtrace, NamesTheLibrariesAndGoesDownToTheBottom)
-{
-    const std::vector<std::string> frames = backtrace();
-    ASSERT_GT(frames.size(), 3u);
-    EXPECT_THAT(frames, testing::Contains(HasSubstr("__libc_start_main")));
-    EXPECT_THAT(frames, testing::Contains(HasSubstr("runtime-test")));
-}
-
 } // namespace
