@@ -40,6 +40,7 @@ struct FakeMdns::Lan
     std::list<std::weak_ptr<Backend>> backends; ///< with the daemon that runs, or waiting for one
     std::list<Browsing> browsings;
     std::list<Resolving> resolvings;
+    std::list<Resolving> resolved; ///< their connections stay connected, as a daemon's do
     std::vector<std::string> calls;
     std::map<std::string, int> made;
     bool daemonRuns = true;
@@ -129,7 +130,7 @@ public:
         if (m_lan->answersResolves)
         {
             m_lan->Answer(resolving);
-            m_lan->resolvings.pop_back();
+            m_lan->resolved.splice(m_lan->resolved.end(), m_lan->resolvings, --m_lan->resolvings.end());
         }
         return connection;
     }
