@@ -1,5 +1,7 @@
 #include "GatewayUnderTest.h"
+#include "Router.h"
 #include "RpcClient.h"
+#include "Subscriptions.h"
 
 #include <gtest/gtest.h>
 
@@ -14,11 +16,9 @@ const std::vector<std::string> kSeeds = {
     R"({"jsonrpc":"2.0","id":1,"method":"open","params":{"service":"Fuzz","guid":""}})",
     R"({"jsonrpc":"2.0","id":3,"method":"post","params":{"path":"/p","version":1.0,"body":{"a":[1,{"b":null}]}}})",
     R"({"jsonrpc":"2.0","id":"x","method":"serve","params":{"verb":"get","path":"/q","scope":0,"version":1.0}})",
-    R"({"jsonrpc":"2.0","id":4,"method":"withdraw","params":{"verb":"get","path":"/q","scope":0}})",
     R"({"jsonrpc":"2.0","id":5,"method":"subscribe","params":{"path":"/p","version":1.0,"scope":0}})",
     R"({"jsonrpc":"2.0","method":"notify","params":{"path":"/q","version":1.0,"body":"\u00e4\ud83d\ude00"}})",
     R"({"jsonrpc":"2.0","id":1,"result":{"products":[{"productinfo":{"guid":"g","ipaddress":"10.0.0.1"}}]}})",
-    R"({"jsonrpc":"2.0","id":2,"error":{"code":404,"message":"m","data":{"subcode":5,"guid":"g"}}})",
     R"({"jsonrpc":"2.0","id":18446744073709551616,"error":{"code":1e999,"message":7,"data":[]}})",
 };
 
@@ -57,6 +57,44 @@ TEST(GatewayHostile, MutatedFramesAreAnsweredOrDropped)
     }
     EXPECT_EQ(bystander.Code("get", {{"path", "/nobody"}}), 404);
     EXPECT_TRUE(bystander.Has("post")) << "some still reach the code behind the parser";
+}
+
+struct Client : Gateway::PathServerIF, Gateway::SubscriberIF
+{
+    void Handle(const Gateway::Request&, const Gateway::AnswerCallback&) override {}
+    void Tell(const std::string&) override
+    {
+        ++told;
+    }
+    int told = 0;
+};
+
+TEST(GatewayHostile, AGreedyClientLeavesRoomForTheOthers)
+{
+    Gateway::Router router("own");
+    Client greedy;
+    Client modest;
+    for (std::size_t i = 0; i < Gateway::Router::kMaxServed; ++i)
+    {
+        ASSERT_FALSE(router.Serve(&greedy, "get", "/" + std::to_string(i), 0).IsError());
+    }
+    EXPECT_EQ(router.Serve(&greedy, "get", "/more", 0).code, Gateway::UNREACHABLE);
+    EXPECT_FALSE(router.Serve(&greedy, "get", "/0", 1).IsError()) << "another scope is nothing new";
+    EXPECT_FALSE(router.Serve(&modest, "get", "/more", 0).IsError());
+    router.Withdraw(&greedy, "get", "/0");
+    EXPECT_FALSE(router.Serve(&greedy, "get", "/1 more", 0).IsError());
+
+    Gateway::Subscriptions subscriptions(router);
+    const std::string large(Gateway::Subscriptions::kMaxLastBytes / 2, '1');
+    subscriptions.Notify(&greedy, "/1", "1.0", large);
+    subscriptions.Notify(&modest, "/more", "1.0", "1");
+    subscriptions.Notify(&modest, "/more", "1.0", large);
+    subscriptions.TellLast(&modest, "/more", Gateway::Origin::LOCAL);
+    EXPECT_EQ(modest.told, 0) << "neither what is too much nor what was before it";
+    subscriptions.DropLast(&greedy);
+    subscriptions.Notify(&modest, "/more", "1.0", large);
+    subscriptions.TellLast(&modest, "/more", Gateway::Origin::LOCAL);
+    EXPECT_EQ(modest.told, 1);
 }
 
 } // namespace
