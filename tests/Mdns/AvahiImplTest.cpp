@@ -194,31 +194,25 @@ TEST(AvahiImplTest, InstancesEndFromAnyThreadWithCallsInFlight)
     for (int round = 0; round < 20; ++round)
     {
         // Ended from within a callback on the poll thread, which has the last reference.
-        struct Everything
-        {
-            std::shared_ptr<AvahiImpl> impl;
-            CallbackConnection browse;
-            CallbackConnection resolve;
-        };
-        auto owned = std::make_shared<Everything>();
+        auto owned = std::make_shared<std::pair<std::shared_ptr<AvahiImpl>, std::vector<CallbackConnection>>>();
         Watched<bool> isDone{false};
         Watched<bool> isOurs{false};
-        owned->impl = AvahiImpl::Create({}, {});
+        owned->first = AvahiImpl::Create({}, {});
         const auto end = [owned, &isDone, &isOurs](const ServiceId&)
         {
             if (isOurs.WaitFor(true) && !isDone.Get())
             {
-                owned->browse.Disconnect();
-                owned->resolve.Disconnect();
-                owned->impl->Stop();
+                for (const CallbackConnection& connection : owned->second)
+                {
+                    connection.Disconnect();
+                }
+                owned->first->Stop();
                 *owned = {};
                 isDone.Set(true);
             }
         };
-        AvahiImpl& impl = *owned->impl;
-        const CallbackConnection browse = impl.Browse(kType, end, {});
-        owned->resolve = impl.Resolve(MakeService("Kitchen"), {});
-        owned->browse = browse;
+        AvahiImpl& impl = *owned->first;
+        owned->second = {impl.Browse(kType, end, {}), impl.Resolve(MakeService("Kitchen"), {})};
         owned.reset();
         isOurs.Set(true);
         EXPECT_TRUE(isDone.WaitFor(true)) << log.Text();

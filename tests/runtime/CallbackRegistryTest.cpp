@@ -159,25 +159,20 @@ TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
 {
     const auto mutex = std::make_shared<CThreadMutex>();
     int probed = 0;
-    const auto probe = [&]
+    const auto obtain = [&](const void*)
     {
-        return std::shared_ptr<void>(nullptr,
-                                     [&](void*)
-                                     {
-                                         RealTask other; // the mutex is recursive: only another thread can tell
-                                         Watched<bool> obtained;
-                                         IL::BreakThread(
-                                             [&]
-                                             {
-                                                 mutex->Obtain(CThreadMutex::SUSPEND_FOREVER);
-                                                 mutex->Release();
-                                                 obtained.Set(true);
-                                             },
-                                             other.Get());
-                                         EXPECT_TRUE(obtained.WaitFor(true, std::chrono::seconds(2)));
-                                         ++probed;
-                                     });
+        const RealTask other; // the mutex is recursive: only another thread can tell
+        Watched<bool> obtained;
+        const auto take = [&]
+        {
+            const ScopedMutex lock(*mutex);
+            obtained.Set(true);
+        };
+        IL::BreakThread(take, other.Get());
+        EXPECT_TRUE(obtained.WaitFor(true, std::chrono::seconds(2)));
+        ++probed;
     };
+    const auto probe = [&] { return std::shared_ptr<void>(nullptr, obtain); };
     CallbackRegistry<> registry({}, mutex);
     registry.Connect([held = probe()] {}).Disconnect();
     registry.Connect([held = probe()] {});
@@ -221,13 +216,7 @@ TEST(CallbackRegistryThreads, TwoSendersWhileOthersComeAndGo)
                 for (int i = 0; i < kRounds; ++i)
                 {
                     const auto self = std::make_shared<Watched<CallbackConnection>>();
-                    const auto calls = std::make_shared<std::atomic<int>>(0);
-                    self->Set(registry->Connect(
-                        [self, calls](const int&)
-                        {
-                            self->Get().Disconnect();
-                            ++*calls;
-                        }));
+                    self->Set(registry->Connect([self](const int&) { self->Get().Disconnect(); }));
                     const CallbackConnection gone = registry->Connect([](const int&) {});
                     gone.Disconnect();
                     EXPECT_FALSE(gone.IsConnected());

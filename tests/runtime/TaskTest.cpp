@@ -29,27 +29,20 @@ using testing::ElementsAre;
 
 TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
 {
-    const RealTask target("ATaskWithALongName");
+    const RealTask target;
+    const RealTask other;
     constexpr int kEach = 500;
     std::vector<int> seen; // not guarded: the task is its guard
+    const auto post = [&](int first)
     {
-        const RealTask first("first");
-        const RealTask second("second");
-        for (const int offset : {0, kEach})
+        for (int i = 0; i < kEach; ++i)
         {
-            IL::BreakThread(
-                [&, offset]
-                {
-                    for (int i = 0; i < kEach; ++i)
-                    {
-                        IL::BreakThread([&seen, value = offset + i] { seen.push_back(value); }, target.Get());
-                    }
-                },
-                (offset == 0 ? first : second).Get());
+            IL::BreakThread([&seen, value = first + i] { seen.push_back(value); }, target.Get());
         }
-        first.Drain();
-        second.Drain();
-    }
+    };
+    IL::BreakThread([&post] { post(kEach); }, other.Get());
+    post(0);
+    other.Drain();
     target.Drain();
     ASSERT_EQ(seen.size(), std::size_t{2} * kEach);
     int low = 0;

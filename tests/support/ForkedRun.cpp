@@ -2,9 +2,9 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <poll.h>
 #include <sys/wait.h>
@@ -17,7 +17,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr int kExceptionStatus = 125;
-constexpr char kChildVariable[] = "SONARIX_TEST_RUN_ANEW";
+constexpr std::chrono::seconds kLimit{60};
 
 [[noreturn]] void RunChild(int output, const std::function<int()>& body)
 {
@@ -32,10 +32,6 @@ constexpr char kChildVariable[] = "SONARIX_TEST_RUN_ANEW";
     catch (const std::exception& exception)
     {
         std::fprintf(stderr, "exception: %s\n", exception.what());
-    }
-    catch (...)
-    {
-        std::fprintf(stderr, "exception of unknown type\n");
     }
     std::fflush(nullptr);
     ::_exit(status);
@@ -77,7 +73,7 @@ std::string ForkedResult::HowItEnded() const
     return m_signal != 0 ? "signal " + std::to_string(m_signal) : "status " + std::to_string(m_exitStatus);
 }
 
-ForkedResult RunForked(const std::function<int()>& body, std::chrono::milliseconds limit)
+ForkedResult RunForked(const std::function<int()>& body)
 {
     int ends[2];
     if (::pipe(ends) != 0)
@@ -97,7 +93,7 @@ ForkedResult RunForked(const std::function<int()>& body, std::chrono::millisecon
     }
     ::close(ends[1]);
     ForkedResult result;
-    result.m_timedOut = !ReadUntilClosed(ends[0], Clock::now() + limit, result.m_output);
+    result.m_timedOut = !ReadUntilClosed(ends[0], Clock::now() + kLimit, result.m_output);
     ::close(ends[0]);
     if (result.m_timedOut)
     {
@@ -116,22 +112,4 @@ ForkedResult RunForked(const std::function<int()>& body, std::chrono::millisecon
         result.m_signal = WTERMSIG(status);
     }
     return result;
-}
-
-ForkedResult RunTestAnew(const std::string& test, const std::function<void()>& prepare)
-{
-    return RunForked(
-        [&]
-        {
-            prepare();
-            ::setenv(kChildVariable, "1", 1);
-            const std::string filter = "--gtest_filter=" + test;
-            ::execl("/proc/self/exe", "test", filter.c_str(), "--gtest_brief=1", nullptr);
-            return kExceptionStatus;
-        });
-}
-
-bool IsRunAnew()
-{
-    return std::getenv(kChildVariable) != nullptr;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -22,14 +21,6 @@ struct ForkedResult
     static constexpr std::size_t kMaxOutput = std::size_t{256} * 1024;
 };
 
-/// Runs `body` in a process of its own, which leaves by _exit with what `body` returns (125 and the text for an
-/// exception). One that takes longer than `limit` is killed. `body` starts no thread where the caller has some.
-ForkedResult RunForked(const std::function<int()>& body, std::chrono::milliseconds limit = std::chrono::seconds(60));
-
-/// Executes this very program anew for the test `test` alone ("Suite.Name"), which asks IsRunAnew() for its
-/// part. For what a process does only once, or what ends a test as failed.
-/// `prepare` runs first in the new process, before the program does.
-ForkedResult RunTestAnew(const std::string& test, const std::function<void()>& prepare);
-
-/// True in the process that RunTestAnew made.
-bool IsRunAnew();
+/// Runs `body` in a process of its own, which leaves by _exit with what `body` returns (125 and the text for a
+/// std::exception). One that takes longer than a minute is killed. `body` starts no thread where the caller has some.
+ForkedResult RunForked(const std::function<int()>& body);

@@ -5,38 +5,12 @@
 #include <climits>
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <optional>
+#include <numeric>
 #include <string>
 #include <unistd.h>
 
 namespace
 {
-
-std::optional<std::uint64_t> SeedFromEnvironment()
-{
-    const char* const seed = std::getenv("SONARIX_SEED");
-    if (seed == nullptr || *seed == '\0')
-    {
-        return std::nullopt;
-    }
-    return std::strtoull(seed, nullptr, 10);
-}
-
-/// Whether `body` itself failed; what failed in the test before it does not count.
-bool BodySucceeds(const SeedRunner::Body& body, std::uint64_t seed)
-{
-    const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
-    const int before = result.total_part_count();
-    body(seed);
-    for (int part = before; part < result.total_part_count(); ++part)
-    {
-        if (result.GetTestPartResult(part).failed())
-        {
-            return false;
-        }
-    }
-    return true;
-}
 
 std::string CommandFor(std::uint64_t seed)
 {
@@ -53,34 +27,32 @@ std::string CommandFor(std::uint64_t seed)
 std::vector<std::uint64_t> SeedRunner::Range(std::uint64_t first, std::size_t count)
 {
     std::vector<std::uint64_t> seeds(count);
-    for (std::uint64_t& seed : seeds)
-    {
-        seed = first++;
-    }
+    std::iota(seeds.begin(), seeds.end(), first);
     return seeds;
 }
 
-void SeedRunner::ForEach(const std::vector<std::uint64_t>& seeds, const Body& body, std::chrono::milliseconds limit)
+void SeedRunner::ForEach(const std::vector<std::uint64_t>& seeds, const Body& body)
 {
-    if (const std::optional<std::uint64_t> only = SeedFromEnvironment())
+    const char* const only = std::getenv("SONARIX_SEED");
+    if (only != nullptr && *only != '\0')
     {
-        body(*only);
+        body(std::strtoull(only, nullptr, 10));
         return;
     }
-    std::size_t failures = 0;
     for (const std::uint64_t seed : seeds)
     {
-        const ForkedResult result = RunForked([&] { return BodySucceeds(body, seed) ? 0 : 1; }, limit);
-        if (result.Succeeded())
+        const ForkedResult result = RunForked(
+            [&]
+            {
+                body(seed);
+                return testing::Test::HasFailure() ? 1 : 0;
+            });
+        if (!result.Succeeded())
         {
-            continue;
-        }
-        ADD_FAILURE() << "seed " << seed << " failed (" << result.HowItEnded() << "); alone: " << CommandFor(seed)
-                      << '\n'
-                      << result.m_output;
-        if (++failures == kMaxFailures)
-        {
-            break;
+            ADD_FAILURE() << "seed " << seed << " failed (" << result.HowItEnded() << "); alone: " << CommandFor(seed)
+                          << '\n'
+                          << result.m_output;
+            return; // this failure would count for the seeds after it
         }
     }
 }
