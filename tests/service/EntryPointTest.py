@@ -1,0 +1,67 @@
+#!/usr/bin/python3
+"""The daemon as a process, with no system bus and no gateway that it could reach: its signals and its single instance.
+
+Usage: EntryPointTest.py PROGRAM
+"""
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PROGRAM = ""
+
+
+class EntryPoint(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        none = folder.name + "/none"
+        self.environment = {**os.environ, "SONARIX_RUN_DIR": folder.name, "SONARIX_ETC_DIR": folder.name + "/",
+                            "SONARIX_MFG_DATA": none, "SONARIX_PRODUCT_CONFIG": none, "SONARIX_LOG": "4",
+                            "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + none,
+                            # The crash handler allocates on purpose.
+                            "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":report_signal_unsafe=0"}
+
+    def start(self, *arguments):
+        service = subprocess.Popen([PROGRAM, *arguments], env=self.environment, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(service.communicate)
+        self.addCleanup(service.kill)
+        return service
+
+    def start_fully(self, *arguments):
+        service = self.start(*arguments)
+        self.assertTrue(any("JoinTasks" in line for line in service.stderr), "ended before its start was done")
+        return service
+
+    def test_fault_logs_its_frames_and_leaves_with_status_one(self):
+        service = self.start_fully("--version", "--nonsense")  # arguments are ignored
+        service.send_signal(signal.SIGSEGV)
+        said = service.communicate(timeout=30)[1]
+        self.assertEqual(service.returncode, 1)
+        # Any thread may be the one that faults; the handler is on its stack.
+        self.assertRegex(said, r"(?s)Segmentation Fault Start -.*SonarixService::LogCrash.*"
+                               r"Segmentation Fault End -.*Shutting Down Cleanly where possible")
+
+    def test_term_and_int_end_it_by_signal_without_the_shutdown_sequence(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            service = self.start_fully()
+            service.send_signal(signal.SIGPIPE)  # ignored, as for a write to a closed socket
+            service.send_signal(number)
+            self.assertNotIn("Shutdown", service.communicate(timeout=30)[1])
+            self.assertEqual(service.returncode, -number)
+
+    def test_second_instance_says_who_holds_the_lock_and_leaves(self):
+        first = self.start_fully()
+        second = self.start()
+        self.assertIn(str(first.pid), second.communicate(timeout=30)[1])
+        self.assertEqual(second.returncode, 1)
+        first.kill()  # a lock whose holder was killed is free
+        first.wait()
+        self.start_fully()
+
+
+if __name__ == "__main__":
+    PROGRAM = sys.argv.pop(1)
+    unittest.main(verbosity=2)
