@@ -113,6 +113,24 @@ class GatewayPrograms(unittest.TestCase):
         self.check(1, "Address already in use", "portico-gateway", "--port", "0")
         self.check(1, "/nowhere/ca.pem", "portico-gateway", "--port", "0", "--lan-port", "0", "--tls-dir", "/nowhere")
 
+    def test_what_the_gateway_does_not_take_ends_in_its_words(self):
+        peers, body = (os.path.join(self.folder.name, name) for name in ("peers", "body"))
+        with open(peers, "w", encoding="ascii") as file:
+            file.write("other localhost\n")  # our own LAN port
+        with open(body, "w", encoding="ascii") as file:
+            json.dump("x" * (4 << 20), file)
+        self.start_gateway("--peers", peers)
+        self.start("network-status")
+        self.start("portico", "watch", "/network/status").take()
+        self.check(1, "larger than 4 MiB", "portico", "post", "/x", "@" + body)
+        for command in ("get", "watch"):
+            self.check(1, "too long a name", "portico", "--guid", "g" * 300, command, "/x")
+        for way in (["--port", "8090"], ["--guid", "other"]):
+            self.check(1, "error 404", "portico", *way, "watch", "/network/status")
+        with open("/dev/full", "w", encoding="ascii") as full:
+            status = subprocess.run([BIN + "/portico", "get", "/network/status"], stdout=full, check=False).returncode
+        self.assertEqual(status, 1)
+
     def make_link(self, *address):
         """eth0 with a cable, and its far end."""
         ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
