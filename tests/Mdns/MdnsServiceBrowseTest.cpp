@@ -235,21 +235,6 @@ TEST_F(MdnsServiceBrowseTest, TheDaemonsDeathKeepsTheTableAndItsReturnFillsIt)
     EXPECT_THAT(m_mdns.Calls(), testing::Contains("stop browser").Times(3));
 }
 
-TEST_F(MdnsServiceBrowseTest, WithoutABackendItStaysSilentUntilTheNextService)
-{
-    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
-    m_mdns.SetHasBus(false);
-    Start();
-    m_service->AddService(FakeMdns::MakeService("Own", kClock));
-    EXPECT_THAT(List(kRenderer).products(), IsEmpty());
-    m_service->StopService();
-    m_mdns.SetHasBus(true);
-    m_simulation.RunFor(1h);
-    EXPECT_THAT(m_mdns.Calls(), IsEmpty());
-    Start();
-    EXPECT_THAT(*Subscribe(), ElementsAre("ONLINE Kitchen g-1"));
-}
-
 TEST_F(MdnsServiceBrowseTest, NothingIsHeardAfterTheStop)
 {
     Start();
