@@ -2,14 +2,13 @@
 
 #include "DiscoveryServiceController.h"
 #include "ProtoToMarkup.h"
+#include "Sonarix.pb.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 using namespace SonarixService;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
 
 namespace
 {
@@ -26,6 +25,17 @@ void SetFile(const char* variable, const std::string& path, const std::string& c
 {
     std::ofstream(path) << content;
     setenv(variable, path.c_str(), 1);
+}
+
+/// To all that waits on the connection; without a body it fails. False where nothing waits.
+bool AnswerEach(const std::shared_ptr<FakeConnection>& client, const std::string& body)
+{
+    bool isAnswered = false;
+    while (client && (body.empty() ? client->Fail(kInfo, 503, 0, "no answer") : client->AnswerText(kInfo, body)))
+    {
+        isAnswered = true;
+    }
+    return isAnswered;
 }
 
 } // namespace
@@ -59,23 +69,17 @@ void World::StartService()
 
 void World::Appear(const std::string& name)
 {
-    m_neighbours[name] = true;
+    products[name] = true;
     mdns.Announce(FakeMdns::MakeService(name, kType, {{"GUID", name}, {"ECOSYS", "ORB2"}}));
 }
 
 void World::Vanish(const std::string& name, bool saysGoodbye)
 {
-    m_neighbours[name] = false;
+    products[name] = false;
     if (saysGoodbye)
     {
         mdns.Withdraw(name, kType);
     }
-}
-
-bool World::IsThere(const std::string& name) const
-{
-    const auto found = m_neighbours.find(name);
-    return found != m_neighbours.end() && found->second;
 }
 
 void World::SetNetwork(bool isUp)
@@ -89,9 +93,7 @@ void World::RestartGateway()
 {
     for (const std::shared_ptr<FakeConnection>& connection : portico.Made())
     {
-        while (connection->IsOpen() && connection->Fail(kInfo, 503, 0, "the connection went"))
-        {
-        }
+        AnswerEach(connection, "");
     }
     m_heartbeats.clear();
     Gateway()->PushText("/network/status", m_status);
@@ -106,100 +108,59 @@ std::shared_ptr<const FakeAnswer> World::Advertise(const std::string& name)
     return answer;
 }
 
-void World::KeepAnswering()
+void World::KeepAnswering(int second)
 {
-    Pump(0);
-}
-
-void World::Pump(int second)
-{
-    AnswerAll();
-    AnswerOwn();
-    if (second % 3 == 0)
+    for (const auto& [name, isThere] : products)
     {
-        SendHeartbeats();
-    }
-    simulation.Schedule(seconds(1), [this, second] { Pump(second + 1); });
-}
-
-bool World::Answer(const std::string& name)
-{
-    const std::shared_ptr<FakeConnection> client = ClientFor(name);
-    bool isAnswered = false;
-    while (client && client->AnswerText(kInfo, R"({"guid":")" + name + R"(","friendlyname":")" + name + R"("})"))
-    {
-        isAnswered = true;
-    }
-    return isAnswered;
-}
-
-void World::AnswerAll()
-{
-    for (const auto& [name, isThere] : m_neighbours)
-    {
-        const std::shared_ptr<FakeConnection> client = ClientFor(name);
         if (isThere)
         {
             Answer(name);
         }
         else
         {
-            while (client && client->Fail(kInfo, 504, 0, "no answer"))
-            {
-            }
+            AnswerEach(ClientFor(name), "");
+        }
+        if (second % 3 == 0)
+        {
+            SendHeartbeat(name, isThere);
         }
     }
+    simulation.Schedule(std::chrono::seconds(1), [this, second] { KeepAnswering(second + 1); });
 }
 
-void World::AnswerOwn()
+bool World::Answer(const std::string& name)
 {
-    const std::shared_ptr<FakeConnection> client = ClientFor("own");
+    const std::shared_ptr<FakeConnection> client = ClientFor(name);
+    if (name != "own")
+    {
+        return AnswerEach(client, R"({"guid":")" + name + R"(","friendlyname":")" + name + R"("})");
+    }
     if (!client || client->Waiting(kInfo) == 0)
     {
-        return;
+        return false;
     }
     const auto answer = Gateway()->Call(Portico::Verb::GET, kInfo);
-    simulation.Schedule(milliseconds(10),
-                        [client, answer]
-                        {
-                            while (answer->isDone && client->AnswerText(kInfo, answer->body))
-                            {
-                            }
-                        });
+    simulation.Schedule(std::chrono::milliseconds(10),
+                        [client, answer] { return answer->isDone && AnswerEach(client, answer->body); });
+    return true;
 }
 
-void World::SendHeartbeats()
+void World::SendHeartbeat(const std::string& name, bool isThere)
 {
-    std::vector<std::pair<std::string, bool>> products(m_neighbours.begin(), m_neighbours.end());
-    products.emplace_back("own", true);
-    for (const auto& [name, isThere] : products)
+    const std::shared_ptr<FakeConnection> client = ClientFor(name);
+    if (client && client->IsOpen() && (!isThere || !m_heartbeats[client.get()]))
     {
-        const std::shared_ptr<FakeConnection> client = ClientFor(name);
-        if (!client || !client->IsOpen())
-        {
-            continue;
-        }
-        const auto told = m_heartbeats.find(client.get());
-        if (told == m_heartbeats.end() || told->second != isThere || !isThere)
-        {
-            m_heartbeats[client.get()] = isThere;
-            client->SendHeartbeat(isThere ? HEARTBEAT_ONLINE : HEARTBEAT_OFFLINE);
-        }
+        m_heartbeats[client.get()] = isThere;
+        client->SendHeartbeat(isThere ? HEARTBEAT_ONLINE : HEARTBEAT_OFFLINE);
     }
 }
 
-Sonarix::ProductList World::List()
+std::string World::StateOf(const std::string& name)
 {
     const auto answer = Gateway()->Call(Portico::Verb::GET, "/sonarix/products");
     simulation.RunUntilIdle();
     Sonarix::ProductList list;
     ProtoToMarkup::FromJson(answer->body, &list);
-    return list;
-}
-
-std::string World::StateOf(const std::string& name)
-{
-    const Sonarix::ProductList list = List();
     for (const Sonarix::Product& product : list.products())
     {
         if (product.productinfo().guid() == name)

@@ -4,7 +4,6 @@
 #include "FakePortico.h"
 #include "LogCapture.h"
 #include "Simulation.h"
-#include "Sonarix.pb.h"
 
 #include <cstdint>
 #include <map>
@@ -42,7 +41,6 @@ public:
 
     void Appear(const std::string& name);                   ///< a neighbour is there, answers and announces itself
     void Vanish(const std::string& name, bool saysGoodbye); ///< and answers no more
-    bool IsThere(const std::string& name) const;
 
     /// The network service notifies. Up: eth0 with 10.0.0.1. Down: no address.
     void SetNetwork(bool isUp);
@@ -51,14 +49,14 @@ public:
     /// The sibling's request for the own description; the answer, when there is one.
     std::shared_ptr<const FakeAnswer> Advertise(const std::string& name);
 
-    /// From now on, each second: neighbours that are there answer, the others fail; the own client is answered by the
+    /// From now on, each second: products that are there answer, the others fail; the own client is answered by the
     /// service itself; each third second a heartbeat at every change and for every failure.
-    void KeepAnswering();
-    /// One neighbour's answer to all that it was asked. False where nobody asked.
+    void KeepAnswering(int second = 0);
+    /// One product's answer to all that it was asked. False where nobody asked.
     bool Answer(const std::string& name);
 
-    Sonarix::ProductList List();                  ///< as GET "/sonarix/products" gives it
-    std::string StateOf(const std::string& name); ///< of its row; "absent" where there is none
+    /// Of its row in GET "/sonarix/products"; "absent" where there is none.
+    std::string StateOf(const std::string& name);
 
     std::shared_ptr<FakeConnection> Gateway() const; ///< the service's main connection
     std::shared_ptr<FakeConnection> ClientFor(const std::string& guid) const;
@@ -67,16 +65,13 @@ public:
     FakeMdns mdns;
     FakePortico portico;
     LogCapture log;
+    std::map<std::string, bool> products{{"own", true}}; ///< whether it is there
 
 private:
-    void AnswerAll();
-    void AnswerOwn();
-    void SendHeartbeats();
-    void Pump(int second);
+    void SendHeartbeat(const std::string& name, bool isThere);
 
     std::string m_directory;
     std::shared_ptr<SonarixService::DiscoveryServiceController> m_controller;
     std::string m_status;
-    std::map<std::string, bool> m_neighbours;           ///< name: whether it is there
     std::map<const FakeConnection*, bool> m_heartbeats; ///< what each client was told last
 };
