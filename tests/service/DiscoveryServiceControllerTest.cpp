@@ -10,14 +10,11 @@
 #include "OptionalParts.h"
 #include "ProtoToMarkup.h"
 #include "Simulation.h"
-#include "Task.h"
-#include "TaskGate.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -131,11 +128,6 @@ TEST_F(DiscoveryServiceControllerTest, ConstructionPreparesInitializeMakesTheRes
     m_controller->Initialize();
     EXPECT_THAT(m_calls, ElementsAre("gateway Initialize", "ipc Initialize"));
     EXPECT_EQ(m_portico.Made().size(), 1U);
-    const auto gateway = m_portico.Find("SonarixService");
-    ASSERT_TRUE(gateway);
-    EXPECT_EQ(gateway->host, "localhost");
-    EXPECT_EQ(gateway->port, 8084);
-    EXPECT_EQ(gateway->subProtocol, "tarsier");
     m_calls.clear();
     m_controller.reset();
     EXPECT_THAT(m_calls, ElementsAre("mdns Stop", "ssdp Stop", "gateway Shutdown", "ipc Shutdown"));
@@ -171,39 +163,4 @@ TEST_F(DiscoveryServiceControllerTest, StatusWithoutAPrimaryInterfaceIsDown)
     // An unset type, primary or of an interface, reads as the first one.
     EXPECT_THAT(Effect(Status(R"({"isPrimaryUp":true,"interfaces":[{"name":"usb0"}]})")),
                 ElementsAre("mdns Start", "ssdp Start usb0", "mdns NetworkWentUp"));
-}
-
-TEST_F(DiscoveryServiceControllerTest, PartsThatThisBuildLacksAreEmptyAndMissedNowhere)
-{
-    OptionalParts::SetSsdpFactoryOverride(nullptr);
-    OptionalParts::SetIPCServerFactoryOverride(nullptr);
-    m_controller = std::make_shared<DiscoveryServiceController>();
-    m_controller->Initialize();
-    EXPECT_FALSE(m_controller->GetSsdpDiscoveryProtocol());
-    EXPECT_TRUE(m_controller->GetMdnsDiscoveryProtocol());
-    EXPECT_THAT(Effect(kUpWired), ElementsAre("mdns Start", "mdns NetworkWentUp"));
-    EXPECT_THAT(Effect(kDown), ElementsAre("mdns NetworkWentDown", "mdns Stop"));
-    m_calls.clear();
-    m_controller.reset();
-    EXPECT_THAT(m_calls, ElementsAre("mdns Stop", "gateway Shutdown"));
-}
-
-TEST(TaskGateTest, WhatIsPostedWithinIsDispatchedAfterwardsInOrder)
-{
-    IL::Simulation simulation(1);
-    NotifyTargetTaskIF* const task = IL::CreateTask("Task", "");
-    std::vector<std::string> order;
-
-    std::optional<TaskGate> gate;
-    gate.emplace(task);
-    IL::BreakThread([&order] { order.emplace_back("first"); }, task);
-    simulation.Schedule(std::chrono::milliseconds(500),
-                        [&]
-                        {
-                            IL::BreakThread([&order] { order.emplace_back("second"); }, task);
-                            order.emplace_back("opened");
-                            gate.reset();
-                        });
-    simulation.RunFor(std::chrono::seconds(1));
-    EXPECT_THAT(order, ElementsAre("opened", "first", "second"));
 }

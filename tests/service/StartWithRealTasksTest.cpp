@@ -35,14 +35,6 @@ std::shared_ptr<DiscoveryServicePorticoClientIF> MakeClientAfterAChildWasPosted(
     return std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
 }
 
-/// Until everything that is queued on the task now has run.
-void Drain()
-{
-    std::promise<void> drained;
-    IL::BreakThread([&drained] { drained.set_value(); }, s_task);
-    drained.get_future().wait();
-}
-
 } // namespace
 
 /// With threads: nothing that the start subscribes to meets a half-built system.
@@ -65,7 +57,9 @@ TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
             // Request, signal, merge, notification: each posts the next.
             for (int hop = 0; hop < 4; ++hop)
             {
-                Drain();
+                std::promise<void> drained;
+                IL::BreakThread([&drained] { drained.set_value(); }, s_task);
+                drained.get_future().wait();
             }
             const std::vector<std::string> lists = portico.Find("SonarixService")->Notifications("/sonarix/products");
             EXPECT_THAT(lists, testing::ElementsAre(testing::HasSubstr("child")));

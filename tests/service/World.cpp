@@ -85,7 +85,10 @@ void World::Vanish(const std::string& name, bool saysGoodbye)
 void World::SetNetwork(bool isUp)
 {
     m_status = isUp ? kUp : kDown;
-    Gateway()->PushText("/network/status", m_status);
+    if (!Gateway()->AnswerText("/network/status", m_status))
+    {
+        Gateway()->PushText("/network/status", m_status);
+    }
     simulation.RunUntilIdle();
 }
 

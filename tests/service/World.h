@@ -42,7 +42,7 @@ public:
     void Appear(const std::string& name);                   ///< a neighbour is there, answers and announces itself
     void Vanish(const std::string& name, bool saysGoodbye); ///< and answers no more
 
-    /// The network service notifies. Up: eth0 with 10.0.0.1. Down: no address.
+    /// The network service answers the first question, later it notifies. Up: eth0 with 10.0.0.1. Down: no address.
     void SetNetwork(bool isUp);
     /// Every request in flight fails; the network service notifies anew, and heartbeats start over.
     void RestartGateway();
