@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <memory>
@@ -32,6 +33,10 @@ std::shared_ptr<DiscoveryServicePorticoClientIF> MakeClientAfterAChildWasPosted(
     s_portico->Find("DiscoveryServiceOverPortico")
         ->Call(Portico::Verb::POST, "/sonarix/private/products",
                R"({"state":"ONLINE","productinfo":{"guid":"child","ecosystem":"ORB2"}})");
+    static std::promise<void> s_isReached;
+    IL::BreakThread([] { s_isReached.set_value(); }, task);
+    EXPECT_EQ(s_isReached.get_future().wait_for(std::chrono::milliseconds(50)), std::future_status::timeout)
+        << "the task takes up its work after the construction";
     return std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
 }
 
