@@ -120,19 +120,6 @@ TEST_F(AdvertiserTest, DoesNotFightForEverWithARenamedRecord)
     EXPECT_EQ(m_posts, before + 1);
 }
 
-TEST_F(AdvertiserTest, EachRestartOfTheServiceIsToldAtOnce)
-{
-    for (int restart = 1; restart <= 10; ++restart)
-    {
-        Name("");
-        Name("Kitchen"); // mDNS still has the record of the service before
-        EXPECT_EQ(m_posts, restart);
-        Posted(true);
-        Name("Kitchen");
-        m_simulation.RunFor(100ms);
-    }
-}
-
 TEST_F(AdvertiserTest, ASecondWrongNameWithinThePauseIsNotForgotten)
 {
     Name("Other");
@@ -162,12 +149,4 @@ TEST(HubDescription, OptionsWinOverTheFileAndTheGuidIsTheUnits)
     EXPECT_EQ(info.ShortDebugString(),
               R"(deviceName: "Kitchen" guid: "guid.is.not.set.perhaps.x86" ecosys: "ORB2" productType: "Soundbar" )"
               R"(productColor: "Red" country: "DE")");
-
-    for (const char* text : {"[]", "{}", "", R"({"deviceName":5})"})
-    {
-        std::ofstream(path) << text;
-        Options fileOnly(DescriptionOptions());
-        ASSERT_TRUE(fileOnly.Parse(2, words));
-        EXPECT_FALSE(ReadDescription(fileOnly, info, error)) << text;
-    }
 }
