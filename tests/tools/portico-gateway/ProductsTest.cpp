@@ -270,7 +270,7 @@ TEST_F(GatewayProducts, BoundsWhatWaitsAndKeepsWhatTheProductRefuses)
     server = std::make_unique<RpcClient>(m_far.Port(), "Server");
     server->Serve("get", "/p", 0);
     server->Notify("/p", {{"n", 1}});
-    EXPECT_EQ(client.TakeBody(), Json({{"n", 1}}));
+    EXPECT_EQ(client.TakeBody(), Json({{"n", 1}})) << log.Text();
 }
 
 } // namespace
