@@ -265,6 +265,7 @@ TEST_F(GatewayProducts, BoundsWhatWaitsAndKeepsWhatTheProductRefuses)
                             [](const auto& line) { return line.m_text.find("nonsense") != std::string::npos; }),
               1);
 
+    m_near.isMdnsSilent = false; // an attempt while the other is away ends
     m_far.Kill();
     m_far.Start();
     server = std::make_unique<RpcClient>(m_far.Port(), "Server");
