@@ -1,5 +1,6 @@
 #include "MdnsDiscoveryProtocol.h"
 
+#include "ConditionSemaphore.h"
 #include "MdnsServiceFixture.h"
 #include "RealTask.h"
 #include "Sonarix.pb.h"
@@ -36,6 +37,8 @@ class MdnsDiscoveryProtocolTest : public testing::Test
 protected:
     ~MdnsDiscoveryProtocolTest() override
     {
+        m_protocol->Stop();
+        m_simulation.RunUntilIdle(); // what the stop has posted frees the logic
         IL::StopTask(m_factory.m_task);
         m_protocol.reset();
     }
@@ -206,6 +209,10 @@ TEST(MdnsDiscoveryProtocolThreadsTest, ManyTasksAtOnceAndAnEndWithCallsInFlight)
     }
     EXPECT_EQ(restarts, 200);
     EXPECT_EQ(factory.m_made.size(), 201U);
+    protocol->Stop();
+    ConditionSemaphore isFreed(0); // what the stop has posted frees the logic
+    IL::BreakThread([&isFreed] { isFreed.Signal(); }, factory.m_task);
+    EXPECT_TRUE(isFreed.Wait(10'000));
     IL::StopTask(factory.m_task);
     protocol.reset();
 }
