@@ -35,22 +35,6 @@ class Accessory(LabCase):
         self.all_online(CONVERGENCE_SECONDS, "after the accessory's return")
         self.published("kitchen", "Accessory", "_kova-accessory._tcp")
 
-    def test_nobody_without_a_certificate_of_ours(self):
-        """The hosts' port answers TLS to those that show a certificate of the same authority, and to no others."""
-        address = self.lab.look(lambda tables: tables.own("kitchen").address)
-        tls = "/run/product/tls"
-        connect = ["openssl", "s_client", "-quiet", "-connect", f"{address}:8090", "-CAfile", f"{tls}/ca.pem",
-                   "-verify_return_error", "-verify_hostname", self.lab.product("kitchen").guid]
-        ours = ["-cert", f"{tls}/cert.pem", "-key", f"{tls}/key.pem"]
-        upgrade = (f"GET / HTTP/1.1\r\nHost: {address}\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                   "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
-                   "Sec-WebSocket-Protocol: tarsier_mTLS\r\n\r\n")
-        script = f"(printf %s '{upgrade}'; sleep 2) | timeout 5 \"$@\""
-        with_ours = self.lab.run("accessory-1", ["bash", "-c", script, "-", *connect, *ours])
-        self.assertIn("101 Switching", with_ours.stdout, with_ours.stderr)
-        without = self.lab.run("accessory-1", ["bash", "-c", script, "-", *connect])
-        self.assertNotIn("101 Switching", without.stdout)
-
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -25,6 +25,9 @@ class Discovery(LabCase):
                 for field in ("guid", "ecosystem", "manufacturer", "producttype", "modelname", "productcolor",
                               "softwareversion", "multiroom", "capabilities", "configurations"):
                     self.assertEqual(listed[field], own[field], f"{observer} of {target}: {field}")
+            for key, value in self.assert_published(observer).items():
+                if key.endswith(b"Version"):
+                    self.assertIsInstance(json.loads(value), dict, key)
 
     def test_own_record_holds_files_network_and_description(self):
         info = self.lab.get("kitchen", "/sonarix/info")
@@ -32,46 +35,16 @@ class Discovery(LabCase):
         self.assertEqual(info["configurations"]["currentProductMode"], "HOST")
         self.assertEqual(info["multiroom"]["Audio_Payload_Version"], {"major_version": 2, "minor_version": 1})
         self.assertEqual(info["multiroom"]["PlaybackRequest_Version"], {"major_version": 2, "minor_version": 2})
-        self.assertNotIn("ZoneControl_Version", info["multiroom"])
-        self.assertEqual(info["capabilities"]["numChannels"], 2)
-        self.assertEqual(info["capabilities"]["supportedWifiBands"], sorted(info["capabilities"]["supportedWifiBands"]))
-        self.assertEqual(len(info["capabilities"]["supportedWifiBands"]), 2)
         self.assertEqual((info["friendlyname"], info["devicetype"], info["country"]), ("Kitchen", "RENDERER", "CH"))
         link = json.loads(self.lab.run("kitchen", ["ip", "-json", "link", "show", "eth0"]).stdout)[0]
         self.assertEqual(info["macaddress"].replace(":", "").lower(), link["address"].replace(":", ""))
 
-    def test_published_record_has_the_full_set(self):
-        for name in ("kitchen", "bedroom", "office"):
-            txt = self.assert_published(name)
-            for key, value in txt.items():
-                if key.endswith(b"Version"):
-                    self.assertIsInstance(json.loads(value), dict, key)
-
-    def test_portico_get(self):
-        products = self.lab.portico("kitchen", "get", "/sonarix/products")
-        self.assertEqual((products.returncode, products.stderr), (0, ""))
-        self.assertEqual(len(json.loads(products.stdout)["products"]), 3)
-        self.assertIn("\n  ", products.stdout)
-
+    def test_portico_asks_another_product(self):
         bedroom = self.lab.product("bedroom").guid
         other = self.lab.portico("kitchen", "--guid", bedroom, "get", "/sonarix/info")
         self.assertEqual(json.loads(other.stdout)["guid"], bedroom)
         hidden = self.lab.portico("kitchen", "--guid", bedroom, "get", "/sonarix/products")
         self.assertEqual((hidden.returncode, hidden.stdout), (1, ""), "scope 1 is not for other products")
-
-    def test_portico_says_what_is_wrong(self):
-        nobody = self.lab.portico("kitchen", "get", "/nowhere")
-        self.assertEqual((nobody.returncode, nobody.stdout), (1, ""))
-        self.assertIn("404", nobody.stderr)
-        malformed = self.lab.portico("kitchen", "post", "/startDiscoveryAdvertisement", '{"deviceName": [1]}')
-        self.assertEqual(malformed.returncode, 1)
-        self.assertIn("2005", malformed.stderr)
-        self.assertEqual(self.lab.portico("kitchen", "fetch", "/sonarix/info").returncode, 2)
-        absent = self.lab.run("stranger-1", [f"{self.lab.product('kitchen').environment['PATH'].split(':')[0]}/portico",
-                                             "get", "/sonarix/info"])
-        self.assertEqual(absent.returncode, 3)
-        self.assertEqual(len(absent.stderr.splitlines()), 1)
-        self.assertIn("no gateway at localhost:8084", absent.stderr)
 
     def test_posted_description_reaches_watchers_rows_and_record(self):
         product = self.lab.product("office")
@@ -94,26 +67,20 @@ class Discovery(LabCase):
         self.assert_published("office", accept=lambda _, txt: txt[b"PCOLOR"] == b"RED")
 
     def test_changed_name_reaches_the_others_and_stays(self):
-        new = "Küche \"Süd\"; 2"
+        for new in ("Küche \"Süd\"; 2", "Kitchen"):
+            def renamed(tables, new=new):
+                return tables.own("kitchen").name == new and all(
+                    row is not None and (row.name, row.state) == (new, "ONLINE") for row in
+                    (tables.row(observer, "kitchen") for observer in ("kitchen", "bedroom", "office")))
 
-        def renamed(tables):
-            return all(row is not None and (row.name, row.state) == (new, "ONLINE") for row in
-                       (tables.row(observer, "kitchen") for observer in ("kitchen", "bedroom", "office")))
-
-        self.lab.rename("kitchen", new)
-        seconds = self.lab.wait_until(renamed, 15, f"everybody lists the kitchen as {new}")
-        print(f"new name listed by all after {seconds:.1f} s")
-        # The old name goes from the network a little after the new one has come; it must not come back in the tables.
-        self.lab.wait_until(lambda tables: tables.own("kitchen").name == new, 15, "the own record has the new name")
-        time.sleep(3)
-        self.lab.wait_until(renamed, 5, f"everybody still lists the kitchen as {new}")
-        self.stays(renamed, 5, "the new name")
-        self.assert_published("kitchen")
-
-        self.lab.rename("kitchen", "Kitchen")
-        self.lab.wait_until(lambda tables: tables.own("kitchen").name == "Kitchen" and
-                            all(tables.row(observer, "kitchen").name == "Kitchen"
-                                for observer in ("kitchen", "bedroom", "office")), 15, "the old name again")
+            self.lab.rename("kitchen", new)
+            seconds = self.lab.wait_until(renamed, 15, f"everybody lists the kitchen as {new}")
+            print(f"new name listed by all after {seconds:.1f} s")
+            # The old name goes from the network a little after the new one has come; it must not stay in the tables.
+            time.sleep(3)
+            self.lab.wait_until(renamed, 10, f"everybody still lists the kitchen as {new}")
+            self.stays(renamed, 3, "the new name")
+            self.assert_published("kitchen")
 
     def test_changed_address(self):
         new = self.lab.change_address("bedroom")

@@ -101,9 +101,11 @@ class Hostile(LabCase):
         self.assertEqual(kitchen["multiroom"]["Audio_Payload_Version"], {"major_version": 2, "minor_version": 1})
         self.assertEqual(kitchen["ipaddress"], "10.77.0.11")
 
+        before = self.log_size("kitchen")
         self.withdraw(publisher)
         for name in OBSERVERS:
             self.wait_for_log(name, offsets[name], "Removed() s.id: Impostor")
+        self.wait_for_log("kitchen", before, "HandleAdvertisement", 15)  # the farewell was taken for the own record's
         self.lab.wait_until(self.right_rows, 15, "all rows right after the impostor has gone")
         for name in OBSERVERS:
             self.assert_one_grave_line(self.log_since(name, offsets[name]))

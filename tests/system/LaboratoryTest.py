@@ -39,8 +39,7 @@ class Processes(unittest.TestCase):
             from sonarix_lab import Lab
             lab = Lab(products=2, state_dir={self.folder!r}, programs={DAEMONS!r})
             lab.open()
-            lab.product("kitchen").popen(["sleep", "infinity"])
-            print("open", flush=True)
+            lab.product("kitchen").popen(["sh", "-c", "echo open; exec sleep infinity >&-"])
             time.sleep(600)
         """)
         process = subprocess.Popen([sys.executable, "-B", "-c", script], stdout=subprocess.PIPE)
@@ -68,20 +67,6 @@ class Processes(unittest.TestCase):
             self.assertTrue(all(other.product("kitchen").pid(program) for program in DAEMONS))
             self.assertEqual(other.deaths, [])
 
-    def test_nothing_is_left_after_the_end(self):
-        lab = self.small_lab(self.folder)
-        with lab:
-            left = self.alive()
-            self.assertEqual(len(left), 4)
-        self.assertEqual([pid for pid in left if processes.start_time(pid)], [])
-        self.assertEqual(os.listdir(self.folder), ["lock"])
-
-    def test_only_one_at_a_time(self):
-        with self.small_lab(self.folder) as lab:
-            with self.assertRaisesRegex(LabError, "runs already"):
-                self.small_lab(self.folder).open()
-            self.assertEqual(lab.deaths, [])
-
     def test_a_pid_that_is_another_process_by_now_is_spared(self):
         started = processes.start_time(os.getppid())
         self.assertEqual(processes.find("no such mark", [(os.getppid(), started)], []), {os.getppid()})
@@ -89,14 +74,21 @@ class Processes(unittest.TestCase):
         machine = [processes.network_namespace("self")]
         self.assertEqual(processes.find("no such mark", [], machine), set())
 
-    def test_a_program_that_ends_by_itself_is_told(self):
+    def test_tells_of_ends_is_alone_and_leaves_nothing(self):
         with self.small_lab(self.folder) as lab:
+            left = self.alive()
+            self.assertEqual(len(left), 4)
+            with self.assertRaisesRegex(LabError, "runs already"):
+                self.small_lab(self.folder).open()
+            self.assertEqual(lab.deaths, [])
             os.kill(lab.product("kitchen").pid("avahi"), signal.SIGKILL)
             lab.wait_until(lambda _: lab.deaths, 5)
             self.assertRegex(lab.deaths[0], "^kitchen: avahi was ended by signal 9")
             lab.start("kitchen", "avahi")
             lab.kill("kitchen", "avahi")
             self.assertEqual(len(lab.deaths), 1)
+        self.assertEqual([pid for pid in left if processes.start_time(pid)], [])
+        self.assertEqual(os.listdir(self.folder), ["lock"])
 
 
 class CannotGoOn(unittest.TestCase):
@@ -140,18 +132,15 @@ class Table(unittest.TestCase):
         self.assertEqual(describe_missing(self.tables.missing()), "remote lacks bedroom (OFFLINE)")
         self.tables.set_list("remote", both)
         self.assertEqual(self.tables.missing(), [])
-        self.tables.clear("remote")
-        self.assertEqual(len(self.tables.missing()), 2)
 
     def test_only_what_a_person_sees_is_a_change(self):
         self.seconds = 1.5
         self.tables.set_list("kitchen", [product("guid-bedroom", "OFFLINE", "Bedroom")])
         self.seconds = 2.5
         changed = product("guid-bedroom", "OFFLINE", "Bedroom")
-        changed["productinfo"]["productcolor"] = "RED"
+        changed["serviceid"] = {}
         self.tables.set_list("kitchen", [changed])
         self.assertEqual(self.tables.since("kitchen", "bedroom"), 1.5)
-        self.assertEqual(self.tables.row("kitchen", "bedroom").record, changed)
         self.seconds = 3.5
         self.tables.set_list("kitchen", [product("guid-bedroom", "ONLINE", "Bedroom", "10.77.0.12")])
         self.assertEqual(self.tables.since("kitchen", "bedroom"), 3.5)
@@ -167,8 +156,6 @@ class Table(unittest.TestCase):
         self.assertEqual(wide[1].split(), ["PRODUCT", "MODE", "ADDRESS", "PROTOCOL", "kitchen", "bedroom", "remote"])
         self.assertEqual(wide[2].split(), ["kitchen", "HOST", "10.77.0.11", "MDNS", ".", "ONLINE", "4.2", "-"])
         self.assertEqual(wide[-1].split(), ["somebody", "-", "-", "MDNS", "-", "OFFLINE", "4.2", "-"])
-        narrow = table_lines(self.tables, max(map(len, wide[1:])) - 1)
-        self.assertIn("on 4.2", narrow[2])
 
 
 if __name__ == "__main__":

@@ -36,31 +36,23 @@ class LabCase(unittest.TestCase):
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix="sonarix-lab-state-")
         cls.addClassCleanup(cls.folder.cleanup)
-        cls.changes = []
+        os.makedirs(LOGS, exist_ok=True)
+        changes = cls.changes = cls.enterClassContext(
+            open(os.path.join(LOGS, cls.__name__ + "-changes.log"), "w", encoding="utf-8", buffering=1))
         cls.lab = Lab(**cls.shape, bin_dir=BIN_DIR, state_dir=cls.folder.name,
-                      log_dir=os.path.join(LOGS, cls.__name__), on_change=cls._changed)
+                      log_dir=os.path.join(LOGS, cls.__name__),
+                      on_change=lambda seconds, text: print(f"{seconds:9.3f} s  {text}", file=changes))
         cls.lab.open()
         cls.addClassCleanup(cls.lab.close)
         cls.lab.wait_until(everybody_online, CONVERGENCE_SECONDS, "everybody ONLINE at the start")
 
-    @classmethod
-    def _changed(cls, seconds, text):
-        cls.changes.append(f"{seconds:9.3f} s  {text}")
-
     def setUp(self):
+        print("---", self.id(), file=self.changes)
         self.all_online(CONVERGENCE_SECONDS, "before the case")
         self._deaths_before = len(self.lab.deaths)
-        self._changes_before = len(self.changes)
 
     def tearDown(self):
         self.assertEqual(self.lab.deaths[self._deaths_before:], [], "programs ended by themselves")
-        if self._outcome_is_bad():
-            print(f"--- changes during {self.id()}; logs in {os.path.join(LOGS, type(self).__name__)}",
-                  *self.changes[self._changes_before:], sep="\n", file=sys.stderr)
-
-    def _outcome_is_bad(self):
-        result = self._outcome.result
-        return any(test is self for test, _ in result.failures + result.errors) or not self._outcome.success
 
     # ---- states --------------------------------------------------------------------------------------------------
 
@@ -112,10 +104,8 @@ class LabCase(unittest.TestCase):
         self.assertEqual(port, 8090)
         self.assertEqual({key.decode() for key in txt}, TXT_KEYS)
         self.assertEqual(txt[b"GUID"].decode(), product.guid)
-        self.assertEqual(txt[b"MANUFACTURER"], b"Kova")
-        self.assertEqual(txt[b"ECOSYS"], b"ORB2")
-        self.assertEqual(txt[b"PTYPE"], b"SPEAKER")
-        self.assertEqual(txt[b"PNAME"], b"Sonarix One")
+        self.assertEqual([txt[key] for key in (b"MANUFACTURER", b"ECOSYS", b"PTYPE", b"PNAME")],
+                         [b"Kova", b"ORB2", b"SPEAKER", b"Sonarix One"])
         return txt
 
     # ---- logs ----------------------------------------------------------------------------------------------------
