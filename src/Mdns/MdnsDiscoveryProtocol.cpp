@@ -229,19 +229,20 @@ void MdnsDiscoveryProtocol::RemoveService(const SonarixPb::Service& service)
     }
 }
 
+std::pair<bool, std::shared_ptr<MdnsServiceIF>>
+MdnsDiscoveryProtocol::PassOrDefer(const SonarixPb::DeviceInfo& info, std::optional<SonarixPb::DeviceInfo>& deferred)
+{
+    const ScopedMutex lock(m_mutex);
+    if (!m_networkIsUp)
+    {
+        deferred = info;
+    }
+    return {m_networkIsUp, m_mdnsService};
+}
+
 void MdnsDiscoveryProtocol::BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info)
 {
-    bool isUp = false;
-    std::shared_ptr<MdnsServiceIF> mdns;
-    {
-        const ScopedMutex lock(m_mutex);
-        isUp = m_networkIsUp;
-        mdns = m_mdnsService;
-        if (!isUp)
-        {
-            m_deferredDevice = info;
-        }
-    }
+    const auto [isUp, mdns] = PassOrDefer(info, m_deferredDevice);
     DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << Text(isUp));
     if (isUp && mdns)
     {
@@ -252,17 +253,7 @@ void MdnsDiscoveryProtocol::BroadcastInitialDeviceAnnouncement(const SonarixPb::
 
 void MdnsDiscoveryProtocol::BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& info)
 {
-    bool isUp = false;
-    std::shared_ptr<MdnsServiceIF> mdns;
-    {
-        const ScopedMutex lock(m_mutex);
-        isUp = m_networkIsUp;
-        mdns = m_mdnsService;
-        if (!isUp)
-        {
-            m_deferredAccessory = info;
-        }
-    }
+    const auto [isUp, mdns] = PassOrDefer(info, m_deferredAccessory);
     DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << Text(isUp));
     if (isUp && mdns)
     {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 class NotifyTargetTaskIF;
 
@@ -60,6 +61,9 @@ private:
     using Parked = std::map<std::string, SonarixPb::Service>; ///< by name, type and domain, joined
 
     std::shared_ptr<MdnsServiceIF> MdnsService();
+    /// Keeps `info` in `deferred` while the network is down. Gives whether it is up, and the service.
+    std::pair<bool, std::shared_ptr<MdnsServiceIF>> PassOrDefer(const SonarixPb::DeviceInfo& info,
+                                                                std::optional<SonarixPb::DeviceInfo>& deferred);
     void AddRegistration(const CallbackConnection& connection, const std::shared_ptr<MdnsServiceIF>& service);
 
     CallbackRegistry<const Sonarix::Product> m_productRegistry;

@@ -3,6 +3,7 @@
 #include "DiscoveryServiceAggregator.h"
 #include "ProtoToMarkup.h"
 #include "Task.h"
+#include "TempDirectory.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,19 +19,14 @@ class Files final : public testing::Environment
 public:
     void SetUp() override
     {
-        ASSERT_NE(mkdtemp(m_folder.data()), nullptr);
-        std::ofstream(m_folder + "/mfg.json") << R"({"guid":")" << kOwn << R"("})";
-        setenv("SONARIX_MFG_DATA", (m_folder + "/mfg.json").c_str(), 1);
-        std::filesystem::create_directory(m_folder + "/etc");
-        setenv("SONARIX_ETC_DIR", (m_folder + "/etc/").c_str(), 1);
-    }
-    void TearDown() override
-    {
-        std::filesystem::remove_all(m_folder);
+        std::ofstream(m_folder.Path() + "/mfg.json") << R"({"guid":")" << kOwn << R"("})";
+        setenv("SONARIX_MFG_DATA", (m_folder.Path() + "/mfg.json").c_str(), 1);
+        std::filesystem::create_directory(m_folder.Path() + "/etc");
+        setenv("SONARIX_ETC_DIR", (m_folder.Path() + "/etc/").c_str(), 1);
     }
 
 private:
-    std::string m_folder = (std::filesystem::temp_directory_path() / "aggregator-test-XXXXXX").string();
+    TempDirectory m_folder;
 };
 
 const testing::Environment* const s_files = testing::AddGlobalTestEnvironment(new Files);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TempDirectory.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,15 +18,7 @@ class WebSocketCertificates final
 public:
     WebSocketCertificates()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "websocket-tls-XXXXXX").string();
-        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-        m_root = pattern;
         Run("openssl req -x509 " + NewKey(m_root + "/ca-key.pem") + " -out " + m_root + "/ca.pem -days 2 -subj /CN=ca");
-    }
-    ~WebSocketCertificates()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_root, ignored);
     }
     WebSocketCertificates(const WebSocketCertificates&) = delete;
     WebSocketCertificates& operator=(const WebSocketCertificates&) = delete;
@@ -55,5 +49,6 @@ private:
         EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << command;
     }
 
-    std::string m_root;
+    TempDirectory m_directory;
+    const std::string& m_root = m_directory.Path();
 };

@@ -2,6 +2,7 @@
 
 #include "ForkedRun.h"
 #include "LogCapture.h"
+#include "TempDirectory.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -23,17 +24,15 @@ class SystemUtilsTest : public testing::Test
 protected:
     SystemUtilsTest()
     {
-        char pattern[] = "/tmp/sonarix-test-XXXXXX";
-        m_directory = ::mkdtemp(pattern);
         ::setenv("SONARIX_RUN_DIR", (m_directory + "/a/run").c_str(), 1);
     }
     ~SystemUtilsTest() override
     {
         ::unsetenv("SONARIX_RUN_DIR");
-        std::filesystem::remove_all(m_directory);
     }
 
-    std::string m_directory;
+    TempDirectory m_temporary;
+    const std::string& m_directory = m_temporary.Path();
 };
 
 int TakeTheLock()

@@ -6,12 +6,12 @@
 #include "ForkedRun.h"
 #include "LogCapture.h"
 #include "MdnsDiscoveryProtocol.h"
+#include "TempDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -43,8 +43,8 @@ TEST(EntryPointTest, ExceptionIsToldOnTheStandardLogStreamAndLeavesWithoutDestru
 {
     for (const std::string thrower : {"constructor", "Initialize"})
     {
-        std::string runDir = (std::filesystem::temp_directory_path() / "sonarix-run-XXXXXX").string();
-        setenv("SONARIX_RUN_DIR", mkdtemp(runDir.data()), 1);
+        const TempDirectory runDir;
+        setenv("SONARIX_RUN_DIR", runDir.Path().c_str(), 1);
         static bool s_constructorThrows;
         s_constructorThrows = thrower == "constructor";
         const ForkedResult result = RunForked(
@@ -66,7 +66,6 @@ TEST(EntryPointTest, ExceptionIsToldOnTheStandardLogStreamAndLeavesWithoutDestru
                     { throw std::runtime_error("Initialize"); });
                 return RunService();
             });
-        std::filesystem::remove_all(runDir);
         EXPECT_EQ(result.m_exitStatus, 1) << result.HowItEnded();
         EXPECT_THAT(result.m_output,
                     testing::EndsWith("SonarixService: Caught top level exception: " + thrower + "\n"));

@@ -44,17 +44,14 @@ World::World(std::uint64_t seed, bool isAccessory)
     : simulation(seed)
     , log("3")
 {
-    std::string name = (std::filesystem::temp_directory_path() / "world-XXXXXX").string();
-    m_directory = mkdtemp(name.data());
-    SetFile("SONARIX_MFG_DATA", m_directory + "/mfg.json", R"({"guid":"own"})");
-    SetFile("SONARIX_PRODUCT_CONFIG", m_directory + "/config.json",
+    SetFile("SONARIX_MFG_DATA", m_directory.Path() + "/mfg.json", R"({"guid":"own"})");
+    SetFile("SONARIX_PRODUCT_CONFIG", m_directory.Path() + "/config.json",
             isAccessory ? R"({"accessoryMode":true})" : R"({"accessoryMode":false})");
-    setenv("SONARIX_ETC_DIR", (m_directory + "/").c_str(), 1);
+    setenv("SONARIX_ETC_DIR", (m_directory.Path() + "/").c_str(), 1);
 }
 
 World::~World()
 {
-    std::filesystem::remove_all(m_directory);
     // Held for the life of the process, as the entry point does.
     static std::vector<std::shared_ptr<DiscoveryServiceController>> s_controllers;
     s_controllers.push_back(std::move(m_controller));

@@ -4,6 +4,7 @@
 #include "FakePortico.h"
 #include "LogCapture.h"
 #include "Simulation.h"
+#include "TempDirectory.h"
 
 #include <cstdint>
 #include <map>
@@ -69,7 +70,7 @@ public:
 private:
     void SendHeartbeat(const std::string& name, bool isThere);
 
-    std::string m_directory;
+    TempDirectory m_directory;
     std::shared_ptr<SonarixService::DiscoveryServiceController> m_controller;
     std::string m_status;
     std::map<const FakeConnection*, bool> m_heartbeats; ///< what each client was told last
