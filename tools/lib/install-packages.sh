@@ -22,7 +22,8 @@ install_packages()
     local list=$1 wanted=() missing=() package
     mapfile -t wanted < <(sed 's/#.*//' "$list" | tr -s '[:space:]' '\n' | sed '/^$/d')
     local installed
-    installed=$(dpkg-query -W -f='${db:Status-Status} ${Package}\n' "${wanted[@]}" 2>/dev/null | sed -n 's/^installed //p')
+    # dpkg-query fails as soon as it has never heard of one of them, and still lists the others.
+    installed=$({ dpkg-query -W -f='${db:Status-Status} ${Package}\n' "${wanted[@]}" 2>/dev/null || true; } | sed -n 's/^installed //p')
     for package in "${wanted[@]}"; do
         grep -qxF -- "$package" <<<"$installed" || missing+=("$package")
     done
