@@ -4,8 +4,9 @@
 #include <charconv>
 #include <utility>
 
-Options::Options(std::vector<std::string> valued)
+Options::Options(std::vector<std::string> valued, std::vector<std::string> flags)
     : m_valued(std::move(valued))
+    , m_flags(std::move(flags))
 {
 }
 
@@ -39,6 +40,11 @@ bool Options::TakeOption(const std::string& text, const char* next, bool& usedNe
     if (text == "help" || text == "version")
     {
         (text == "help" ? m_help : m_version) = true;
+        return true;
+    }
+    if (std::find(m_flags.begin(), m_flags.end(), text) != m_flags.end())
+    {
+        m_values[text];
         return true;
     }
     const std::size_t equals = text.find('=');

@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
-/// A command line of `--name value` (or `--name=value`) options and plain words. A value; never prints.
+/// A command line of `--name value` (or `--name=value`) options, flags and plain words. A value; never prints.
 class Options
 {
 public:
-    /// `valued`: the names, without dashes, of the options that are known; `--help` and `--version` always are.
-    explicit Options(std::vector<std::string> valued);
+    /// `valued`, `flags`: the names, without dashes, of the options that are known; `--help` and `--version` always
+    /// are.
+    explicit Options(std::vector<std::string> valued, std::vector<std::string> flags = {});
 
     /// False, with the reason in Error().
     [[nodiscard]] bool Parse(int argc, const char* const* argv);
@@ -30,6 +31,10 @@ public:
     }
     std::optional<std::string> Get(const std::string& name) const;
     std::string Get(const std::string& name, const std::string& fallback) const;
+    bool Has(const std::string& flag) const
+    {
+        return m_values.count(flag) != 0;
+    }
     const std::vector<std::string>& Words() const
     {
         return m_words;
@@ -42,6 +47,7 @@ private:
     bool TakeOption(const std::string& text, const char* next, bool& usedNext);
 
     std::vector<std::string> m_valued;
+    std::vector<std::string> m_flags;
     std::map<std::string, std::string> m_values;
     std::vector<std::string> m_words;
     std::string m_error;

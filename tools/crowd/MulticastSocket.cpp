@@ -1,0 +1,176 @@
+#include "MulticastSocket.h"
+
+#include "TaskIo.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/udp.hpp>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <linux/filter.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <utility>
+
+namespace
+{
+
+constexpr std::uint32_t kGroup = 0xE00000FB; // 224.0.0.251
+constexpr std::uint16_t kPort = 5353;
+constexpr std::size_t kMaxDatagramBytes = 9000;
+constexpr int kBufferBytes = 4 << 20; // queries of many clients at once, answers of many products at once
+constexpr int kDatagramsAtOnce = 64;  // then others of the task have their turn
+
+sockaddr_in GroupAddress()
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kPort);
+    address.sin_addr.s_addr = htonl(kGroup);
+    return address;
+}
+
+template <class Value>
+bool Set(int descriptor, int level, int option, const Value& value)
+{
+    return setsockopt(descriptor, level, option, &value, sizeof value) == 0;
+}
+
+/// The flag of responses is the top bit of the third byte behind the UDP header.
+bool DropResponses(int descriptor)
+{
+    std::array<sock_filter, 4> code{{
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 8 + 2),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x80, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
+    }};
+    const sock_fprog program{code.size(), code.data()};
+    return Set(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, program);
+}
+
+/// As much as this process may have.
+void EnlargeBuffers(int descriptor)
+{
+    if (!Set(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, kBufferBytes))
+    {
+        Set(descriptor, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
+    }
+    if (!Set(descriptor, SOL_SOCKET, SO_SNDBUFFORCE, kBufferBytes))
+    {
+        Set(descriptor, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
+    }
+}
+
+} // namespace
+
+struct MulticastSocket::Impl
+{
+    Impl(boost::asio::io_context& io, Received received)
+        : m_socket(io)
+        , m_received(std::move(received))
+    {
+    }
+
+    void Wait()
+    {
+        m_socket.async_wait(boost::asio::ip::udp::socket::wait_read,
+                            [this](const boost::system::error_code& error)
+                            {
+                                if (error != boost::asio::error::operation_aborted)
+                                {
+                                    Drain();
+                                    Wait();
+                                }
+                            });
+    }
+
+    void Drain()
+    {
+        for (int count = 0; count < kDatagramsAtOnce; ++count)
+        {
+            sockaddr_in sender{};
+            socklen_t length = sizeof sender;
+            const ssize_t size = recvfrom(m_socket.native_handle(), m_buffer.data(), m_buffer.size(), MSG_DONTWAIT,
+                                          reinterpret_cast<sockaddr*>(&sender), &length);
+            if (size < 0)
+            {
+                return;
+            }
+            m_received(m_buffer.data(), static_cast<std::size_t>(size),
+                       static_cast<std::uint64_t>(sender.sin_addr.s_addr) << 16U | sender.sin_port);
+        }
+    }
+
+    boost::asio::ip::udp::socket m_socket;
+    const Received m_received;
+    unsigned m_interface = 0;
+    std::array<std::uint8_t, kMaxDatagramBytes> m_buffer{};
+};
+
+MulticastSocket::MulticastSocket(NotifyTargetTaskIF* task, Received received)
+    : m_impl(std::make_unique<Impl>(IL::IoContextOf(task), std::move(received)))
+{
+}
+
+MulticastSocket::~MulticastSocket() = default;
+
+bool MulticastSocket::Open(const std::string& interface, std::string& error)
+{
+    m_impl->m_interface = if_nametoindex(interface.c_str());
+    if (m_impl->m_interface == 0)
+    {
+        error = "no interface " + interface;
+        return false;
+    }
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0)
+    {
+        error = std::strerror(errno);
+        return false;
+    }
+    m_impl->m_socket.assign(boost::asio::ip::udp::v4(), descriptor);
+    EnlargeBuffers(descriptor);
+    ip_mreqn membership{};
+    membership.imr_multiaddr.s_addr = htonl(kGroup);
+    membership.imr_ifindex = static_cast<int>(m_impl->m_interface);
+    const sockaddr_in group = GroupAddress();
+    const bool isDone = Set(descriptor, SOL_SOCKET, SO_REUSEADDR, 1) && Set(descriptor, SOL_SOCKET, SO_REUSEPORT, 1) &&
+                        Set(descriptor, IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
+                        Set(descriptor, IPPROTO_IP, IP_MULTICAST_TTL, 255) && DropResponses(descriptor) &&
+                        Set(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership) &&
+                        bind(descriptor, reinterpret_cast<const sockaddr*>(&group), sizeof group) == 0;
+    if (!isDone)
+    {
+        error = "224.0.0.251:5353 on " + interface + ": " + std::strerror(errno);
+        return false;
+    }
+    m_impl->Wait();
+    return true;
+}
+
+bool MulticastSocket::Send(const std::vector<std::uint8_t>& bytes, std::uint32_t source)
+{
+    sockaddr_in group = GroupAddress();
+    iovec data{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in_pktinfo))> control{};
+    msghdr message{};
+    message.msg_name = &group;
+    message.msg_namelen = sizeof group;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_ifindex = static_cast<int>(m_impl->m_interface);
+    info.ipi_spec_dst.s_addr = htonl(source);
+    std::memcpy(CMSG_DATA(header), &info, sizeof info);
+    const bool isSent = sendmsg(m_impl->m_socket.native_handle(), &message, MSG_DONTWAIT) >= 0;
+    return isSent || (errno != EAGAIN && errno != ENOBUFS); // no network: as if it had been sent there
+}

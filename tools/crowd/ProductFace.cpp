@@ -1,0 +1,132 @@
+#include "ProductFace.h"
+
+#include "RpcFrame.h"
+#include "WebSocket.h"
+
+#include <utility>
+
+namespace
+{
+
+const std::string kInfoPath = "/sonarix/info";
+constexpr const char* kSubProtocol = "tarsier";
+constexpr std::size_t kMaxMessageBytes = 64U << 10U;
+
+Gateway::Answer Answered(const Gateway::Frame& frame, const std::string& guid, const std::string& record, bool isOpen)
+{
+    using Gateway::Answer;
+    const Gateway::Params& params = frame.params;
+    if (!params.malformed.empty())
+    {
+        return Answer::Error(Gateway::INVALID_PARAMS, "malformed: " + params.malformed, guid);
+    }
+    if (frame.method == "open")
+    {
+        return params.guid.empty()
+                   ? Answer::Empty()
+                   : Answer::Error(Gateway::INVALID_PARAMS, "no product is reached through another", guid);
+    }
+    if (!isOpen)
+    {
+        return Answer::Error(Gateway::INVALID_REQUEST, "open comes first", guid);
+    }
+    if (frame.method != "get" && frame.method != "subscribe")
+    {
+        return Answer::Error(Gateway::METHOD_NOT_FOUND, frame.method + " is not for other products", guid);
+    }
+    if (params.path != kInfoPath)
+    {
+        return Answer::Error(Gateway::NOT_SERVED, "nobody serves " + params.path.value_or("no path"), guid);
+    }
+    return frame.method == "get" ? Answer::Result(record) : Answer::Empty();
+}
+
+} // namespace
+
+ProductFace::ProductFace(NotifyTargetTaskIF* task, std::string guid, std::string address, std::uint16_t port,
+                         std::uint64_t& requestCount)
+    : m_task(task)
+    , m_guid(std::move(guid))
+    , m_address(std::move(address))
+    , m_port(port)
+    , m_requestCount(requestCount)
+{
+}
+
+ProductFace::~ProductFace() = default;
+
+bool ProductFace::Listen(std::string& error)
+{
+    if (m_listener != nullptr)
+    {
+        return true;
+    }
+    WebSocket::ListenOptions options;
+    options.address = m_address;
+    options.port = m_port;
+    options.subProtocols = {kSubProtocol};
+    options.maxConnections = kMaxConnections;
+    options.limits.maxMessageBytes = kMaxMessageBytes;
+    m_listener = WebSocket::Listen(
+        m_task, options,
+        [this](std::shared_ptr<WebSocket::Connection> connection) { HandleAccepted(std::move(connection)); }, error);
+    return m_listener != nullptr;
+}
+
+void ProductFace::Close()
+{
+    m_listener.reset();
+    m_clients.clear();
+}
+
+void ProductFace::SetRecord(std::string json)
+{
+    m_record = std::move(json);
+    const std::string told = Gateway::NotifyFrame(kInfoPath, "1.0", m_record);
+    for (auto& [number, client] : m_clients)
+    {
+        if (client.isSubscribed)
+        {
+            client.connection->Send(told);
+        }
+    }
+}
+
+void ProductFace::HandleAccepted(std::shared_ptr<WebSocket::Connection> connection)
+{
+    const std::uint64_t number = ++m_clientNumber;
+    Client& client = m_clients[number];
+    client.connection = std::move(connection);
+    client.connection->SetHandlers({nullptr, [this, &client](const std::string& text) { HandleMessage(client, text); },
+                                    [this, number](const std::string&) { m_clients.erase(number); }});
+}
+
+void ProductFace::HandleMessage(Client& client, const std::string& text)
+{
+    ++m_requestCount;
+    const Gateway::Frame frame = Gateway::ParseFrame(text);
+    if (frame.kind == Gateway::Frame::Kind::INVALID)
+    {
+        client.connection->Send(Gateway::AnswerFrame(frame.id.value_or("null"), frame.answer));
+        return;
+    }
+    if (frame.kind == Gateway::Frame::Kind::ANSWER)
+    {
+        return;
+    }
+    const Gateway::Answer answer = Answered(frame, m_guid, m_record, client.isOpen);
+    if (frame.id)
+    {
+        client.connection->Send(Gateway::AnswerFrame(*frame.id, answer));
+    }
+    if (answer.IsError())
+    {
+        return;
+    }
+    client.isOpen = true;
+    if (frame.method == "subscribe")
+    {
+        client.isSubscribed = true;
+        client.connection->Send(Gateway::NotifyFrame(kInfoPath, "1.0", m_record));
+    }
+}

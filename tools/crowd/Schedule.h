@@ -1,0 +1,41 @@
+#pragma once
+
+#include "Timers.h"
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+class NotifyTargetTaskIF;
+
+/// Many things to do later with one timer. Task: all on the one given. Owner: outlived by what the actions capture.
+class Schedule final
+{
+public:
+    using Action = std::function<void()>;
+
+    explicit Schedule(NotifyTargetTaskIF* task);
+    ~Schedule();
+    Schedule(const Schedule&) = delete;
+    Schedule& operator=(const Schedule&) = delete;
+
+    /// Actions of the same millisecond run in the order in which they were given. None can be withdrawn.
+    void In(unsigned int milliseconds, Action action);
+
+private:
+    struct Entry
+    {
+        std::int64_t dueMs;
+        std::uint64_t number;
+        Action action;
+    };
+
+    static bool IsLater(const Entry& left, const Entry& right);
+    void Arm();
+    void RunDue();
+
+    std::vector<Entry> m_heap; ///< the next one in front
+    std::uint64_t m_number = 0;
+    std::int64_t m_armedForMs = 0; ///< 0: not armed
+    MessageTimer m_timer;
+};
