@@ -7,7 +7,7 @@ import subprocess
 import sys
 import uuid
 
-from . import control, ledger
+from . import control, crowd, ledger
 from .errors import LabError
 from .laboratory import BIN_DIR, Lab
 from .product import outer_environment
@@ -28,6 +28,7 @@ with --once, their effect is waited for too.
 
 examples:
   {prog} --products 8
+  {prog} --crowd 200
   {prog} --once --kill kitchen            # how long until the others list it as OFFLINE?
   {prog} --link-down bedroom 30           # from another terminal, or at the start
   {prog} --exec kitchen portico get /sonarix/products
@@ -75,6 +76,8 @@ def _parse(arguments):
     parser.add_argument("--products", type=_count, default=3, metavar="N", help="how many; 3 unless given")
     parser.add_argument("--accessory", type=_count, default=0, metavar="N",
                         help="as many more in accessory mode, which reach their hosts by mutual TLS")
+    parser.add_argument("--crowd", type=_count, default=0, metavar="N",
+                        help=f"as many simulated products besides, {crowd.MOST} at most, which the others list")
     parser.add_argument("--once", action="store_true",
                         help="end with status 0 as soon as every product lists every other as ONLINE, "
                              "with 1 after the time limit, saying who is missing")
@@ -100,6 +103,8 @@ def _parse(arguments):
     options = parser.parse_args(arguments)
     if options.execute is not None and len(options.execute) < 2:
         parser.error("--exec wants the name of a product and a command")
+    if options.crowd > crowd.MOST:
+        parser.error(f"--crowd has room for {crowd.MOST}")
     if options.products < 1:
         parser.error("--products wants one at least")
     return options
@@ -158,7 +163,7 @@ def _make_lab(options, view):
     common = {"bin_dir": options.bin_dir, "state_dir": options.state_dir, "log_dir": options.logs,
               "log_levels": options.log_levels, "on_change": view.changed}
     if not options.lan:
-        return Lab(options.products, options.accessory, **common)
+        return Lab(options.products, options.accessory, crowd=options.crowd, **common)
     return Lab.on_lan(_machine_name(), _machine_guid(), _lan_interface(options.interface), **common)
 
 
@@ -216,7 +221,8 @@ class _Course:
         if self._options.lan:
             return all(tables.state(name, name) == "ONLINE" for name in tables.members)
         alive = self._alive()
-        return not [1 for observer, target, _ in tables.missing() if observer in alive and target in alive]
+        counting = {*alive, *tables.crowd}
+        return not [1 for observer, target, _ in tables.missing() if observer in alive and target in counting]
 
     def _failure(self):
         missing = self._lab.look(lambda tables: tables.missing())

@@ -11,6 +11,7 @@ from functools import partial
 from . import namespaces
 from .certificates import Authority
 from .control import ControlServer
+from .crowd import PROGRAM as CROWD_PROGRAM, Crowd
 from .errors import LabError, LabTimeout
 from .ledger import DEFAULT_FOLDER, Ledger
 from .product import PROGRAMS, Product, Surroundings, check_programs, guid_of
@@ -35,16 +36,18 @@ class Lab:
         lab.wait_until(lambda tables: tables.offline("kitchen", ["bedroom", "office"]), 10)
 
     Its operations are for one thread of the caller's. `on_change(seconds, text)` is called from a thread of the
-    laboratory's with each change. `programs` leaves out what a test does not need.
+    laboratory's with each change. `programs` leaves out what a test does not need. `crowd` simulated products are
+    listed by the real ones, but list nobody.
     """
 
-    def __init__(self, products=3, accessories=0, strangers=0, *, bin_dir=BIN_DIR, state_dir=DEFAULT_FOLDER,
+    def __init__(self, products=3, accessories=0, strangers=0, crowd=0, *, bin_dir=BIN_DIR, state_dir=DEFAULT_FOLDER,
                  log_dir=None, log_levels="3", programs=PROGRAMS, on_change=None):
         if products + accessories + strangers > _MOST_PRODUCTS:
             raise LabError(f"has room for {_MOST_PRODUCTS} products")
         self._plan = ([(self._room(i), "host") for i in range(products)]
                       + [(f"accessory-{i + 1}", "accessory") for i in range(accessories)]
                       + [(f"stranger-{i + 1}", "stranger") for i in range(strangers)])
+        self._crowd_size = crowd
         self._bin_dir = os.path.abspath(bin_dir)
         self._state_dir = state_dir
         self._log_dir = log_dir
@@ -72,7 +75,8 @@ class Lab:
 
     def open(self):
         """Makes the network and starts every program; none is waited for but the buses."""
-        check_programs(self._bin_dir, self._programs, lan=self._lan_interface is not None)
+        check_programs(self._bin_dir, self._programs, lan=self._lan_interface is not None,
+                       more=[CROWD_PROGRAM] if self._crowd_size else [])
         try:
             self._open()
         except BaseException:
@@ -91,6 +95,9 @@ class Lab:
         self._watches = {}
         if self._ledger:
             self._ledger.kill_all()
+        if self.crowd:
+            self.crowd.close()
+            self.crowd = None
         if self._reactor:
             self._reactor.stop()
             self._reactor = None
@@ -201,6 +208,16 @@ class Lab:
         self._start(product, "hub")
         self._note(f"{product.name}: renamed to \"{new}\"")
 
+    def start_crowd(self, count, **options):
+        """Brings simulated products onto the network, once in a laboratory's life; returns when all of them listen.
+        What they can be told afterwards is `crowd`'s. Options as of Crowd.start.
+        """
+        self.crowd = Crowd(count)
+        with self._changed:
+            self._tables.add_crowd(self.crowd.guids)
+        self.crowd.start(self._around, self._bridge, **options)
+        self._note(f"a crowd of {count} started")
+
     def run(self, name, command, **options):
         """Runs a command in a product to its end; options and result as of subprocess.run, output as text."""
         return self.product(name).run(command, **options)
@@ -242,14 +259,15 @@ class Lab:
         self._namespaces = []
         self._next_address = 200
         self._closing = False
+        self.crowd = None
         self._bridge = self._control = self._reactor = self._ledger = self._scratch = None
 
     def _open(self):
         self._ledger = Ledger(self._state_dir)
         self._reactor = Reactor()
         self._scratch = tempfile.mkdtemp(prefix="sonarix-lab-")
-        around = Surroundings(self._ledger, self._reactor, self._bin_dir, self._make_log_dir(), self._log_levels,
-                              self._died)
+        self._around = around = Surroundings(self._ledger, self._reactor, self._bin_dir, self._make_log_dir(), self._log_levels,
+                                             self._died)
         authority = Authority(os.path.join(self._scratch, "ca"))
         if self._lan_interface:
             self._add_lan_product(around)
@@ -266,6 +284,8 @@ class Lab:
         for product in self._products.values():
             for program in self._programs_of(product):
                 self._start(product, program)
+        if self._crowd_size:
+            self.start_crowd(self._crowd_size)
 
     def _add_product(self, around, number, name, kind):
         namespace = namespaces.Namespace(self._ledger, name)

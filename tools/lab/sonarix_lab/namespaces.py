@@ -10,6 +10,12 @@ from .errors import LabError
 _NETWORK = "10.77.0"
 _PREFIX = 24
 
+# A simulated product's address is one of many of its host. It is routed there: on the link itself, each would take a
+# place in the kernel's neighbour table, which all namespaces share.
+CROWD_HOSTS = 4
+_FIRST_CROWD_HOST = 241
+_CROWD_PREFIX = 22
+
 # The outer /sys would show the machine's own links; a fresh /run gives each product its own bus, mDNS daemon and
 # sockets. The machine's static mDNS services are no business of a product.
 _PRODUCT_SETUP = """
@@ -83,8 +89,12 @@ class Bridge:
                            f"link set port{number} master bridge0 up")
         # Without this the link-local address, and what is announced on it, would wait a second for its duplicates.
         subprocess.run([*namespace.enter(), "sh", "-c", "echo 0 > /proc/sys/net/ipv6/conf/eth0/accept_dad"], check=True)
-        namespace.ip(f"address add {address(number)}/{_PREFIX} dev eth0", "link set eth0 up",
-                     "route add 224.0.0.0/4 dev eth0")
+        namespace.ip(f"address add {address(number)}/{_PREFIX} dev eth0", "link set eth0 up", *_routes(number))
+
+    def plug_crowd(self, index, namespace):
+        """The cable of a host of simulated products, which answers for all addresses of its range."""
+        self.plug(_FIRST_CROWD_HOST + index, namespace)
+        namespace.ip(f"route add local {crowd_range(index)} dev lo")
 
     def set_carrier(self, number, up):
         """Down, the product sees what it sees when its cable is pulled: addresses stay, the carrier goes."""
@@ -95,9 +105,23 @@ def address(number):
     return f"{_NETWORK}.{number}"
 
 
+def crowd_range(index):
+    return f"10.77.{32 + 4 * index}.0/{_CROWD_PREFIX}"
+
+
+def first_crowd_address(index):
+    return f"10.77.{32 + 4 * index}.1"
+
+
+def _routes(number=None):
+    hosts = ((index, _FIRST_CROWD_HOST + index) for index in range(CROWD_HOSTS))
+    return ["route replace 224.0.0.0/4 dev eth0",
+            *(f"route replace {crowd_range(index)} via {address(host)}" for index, host in hosts if host != number)]
+
+
 def change_address(namespace, new):
     """As at a new lease: the old address goes, then the new one comes."""
     links = json.loads(subprocess.run([*namespace.enter(), "ip", "-json", "-4", "address", "show", "dev", "eth0"],
                                       capture_output=True, check=True).stdout)
     old = [f"address del {info['local']}/{info['prefixlen']} dev eth0" for info in links[0]["addr_info"]]
-    namespace.ip(*old, f"address add {new}/{_PREFIX} dev eth0", "route replace 224.0.0.0/4 dev eth0")
+    namespace.ip(*old, f"address add {new}/{_PREFIX} dev eth0", *_routes())

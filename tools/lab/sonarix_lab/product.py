@@ -248,10 +248,10 @@ def outer_environment():
     return {name: value for name, value in os.environ.items() if not name.startswith("DBUS_")}
 
 
-def check_programs(bin_dir, programs, lan):
+def check_programs(bin_dir, programs, lan, more=()):
     """Raises a LabError that says what is missing on this machine."""
     own = [_OWN_PROGRAMS[program] for program in programs if program in _OWN_PROGRAMS]
-    for program in own + (["portico"] if own else []):
+    for program in [*own, *more] + (["portico"] if own else []):
         if not os.access(os.path.join(bin_dir, program), os.X_OK):
             raise LabError(f"needs {bin_dir}/{program}: build first, ./run does")
     path = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"

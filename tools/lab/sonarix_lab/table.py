@@ -52,6 +52,9 @@ class Tables:
         self._clock = clock
         self._on_change = on_change
         self._names = {}   # guid -> product
+        self._guids = {}   # the other way round
+        self._crowd = {}   # guids of simulated products, in order
+        self._told = {}    # product -> tenths of the crowd that it was told to list as ONLINE
         self._hosts = []
         self._members = []
         self._own = {}     # product -> Own
@@ -60,11 +63,25 @@ class Tables:
 
     def add(self, name, guid, accessory):
         self._names[guid] = name
+        self._guids[name] = guid
         self._members.append(name)
         if not accessory:
             self._hosts.append(name)
         self._own[name] = Own()
         self._rows[name] = {}
+
+    def add_crowd(self, guids):
+        """Products that count, but have no table of their own."""
+        self._crowd.update(dict.fromkeys(guids))
+
+    @property
+    def crowd(self):
+        return list(self._crowd)
+
+    def crowd_online(self, observer):
+        """How many of the crowd the observer lists as ONLINE."""
+        rows = self._rows[observer]
+        return sum(1 for guid in self._crowd if guid in rows and rows[guid].state == ONLINE)
 
     @property
     def members(self):
@@ -78,8 +95,8 @@ class Tables:
         return {self._names.get(guid, guid): row for guid, row in self._rows[observer].items()}
 
     def row(self, observer, target):
-        """The row of `target` in the list of `observer`, or None."""
-        return self.rows(observer).get(target)
+        """The row of `target`, a product or a guid, in the list of `observer`, or None."""
+        return self._rows[observer].get(self._guids.get(target, target))
 
     def state(self, observer, target):
         row = self.row(observer, target)
@@ -87,8 +104,7 @@ class Tables:
 
     def since(self, observer, target):
         """Seconds from the laboratory's start to the row's last change, or None."""
-        guids = [guid for guid, name in self._names.items() if name == target]
-        return self._since.get((observer, guids[0] if guids else target))
+        return self._since.get((observer, self._guids.get(target, target)))
 
     def set_list(self, observer, products):
         """A whole list, as the observer has published it."""
@@ -102,6 +118,7 @@ class Tables:
             if old is None or old.shown() != row.shown():
                 self._since[(observer, guid)] = self._clock()
                 self._tell(observer, guid, row)
+        self._tell_crowd(observer)
 
     def set_own(self, name, info):
         own, old = Own.of(info), self._own[name]
@@ -113,11 +130,13 @@ class Tables:
         """The observer has ended: what it said counts no more."""
         self._own[observer] = replace(Own(), name=self._own[observer].name)
         self._rows[observer] = {}
+        self._tell_crowd(observer)
 
     def missing(self):
-        """(observer, target, state) for each product that should list a host as ONLINE and doesn't."""
+        """(observer, target, state) for each product that should list a host, or one of the crowd, as ONLINE and
+        doesn't."""
         return [(observer, target, self.state(observer, target))
-                for observer in self._members for target in self._hosts
+                for observer in self._members for target in [*self._hosts, *self._crowd]
                 if observer != target and self.state(observer, target) != ONLINE]
 
     def online(self, target, observers=None):
@@ -132,12 +151,28 @@ class Tables:
     def _drop(self, observer, guid):
         del self._rows[observer][guid]
         self._since.pop((observer, guid), None)
-        self._on_change(f"{observer} no longer lists {self._names.get(guid, guid)}")
+        if guid not in self._crowd:
+            self._on_change(f"{observer} no longer lists {self._names.get(guid, guid)}")
 
     def _tell(self, observer, guid, row):
+        if guid in self._crowd:
+            return
         target = self._names.get(guid, guid or "a product with no guid")
         self._on_change(f"{observer} lists {target} as {row.state}  {row.address or 'no address'}  "
                         f"{'+'.join(row.protocols) or 'no protocol'}  \"{row.name}\"")
+
+    def _tell_crowd(self, observer):
+        """A line for each tenth, not one for each of hundreds of products."""
+        if not self._crowd:
+            return
+        online = self.crowd_online(observer)
+        tenths = 10 * online // len(self._crowd)
+        if tenths != self._told.get(observer, 0):
+            self._told[observer] = tenths
+            self._on_change(f"{observer} lists {online}/{len(self._crowd)} of the crowd as ONLINE")
+
+
+_MOST_NAMED = 5
 
 
 def describe_missing(missing):
@@ -145,4 +180,6 @@ def describe_missing(missing):
     by_observer = {}
     for observer, target, state in missing:
         by_observer.setdefault(observer, []).append(f"{target} ({state or 'not listed'})")
-    return "; ".join(f"{observer} lacks {', '.join(targets)}" for observer, targets in by_observer.items())
+    return "; ".join(f"{observer} lacks {', '.join(targets[:_MOST_NAMED])}"
+                     + (f" and {len(targets) - _MOST_NAMED} more" if len(targets) > _MOST_NAMED else "")
+                     for observer, targets in by_observer.items())

@@ -12,6 +12,7 @@ _REST_OF_SCREEN = "\x1b[J"
 _COLOURS = {"ONLINE": "\x1b[32m", "OFFLINE": "\x1b[31m"}
 _PLAIN = "\x1b[0m"
 _KEPT_CHANGES = 200
+_CROWD = "crowd"
 
 
 class LineView:
@@ -79,6 +80,8 @@ def table_lines(tables, width):
         listed = [tables.row(observer, name) for observer in members if observer != name]
         protocols = sorted({protocol for row in listed if row for protocol in row.protocols})
         rows.append([name, own.mode or "-", own.address or "-", "+".join(protocols) or "-"])
+    if tables.crowd:
+        rows.append([_CROWD, "-", "-", "-"])
     rows += [[guid, "-", row.address or "-", "+".join(row.protocols) or "-"] for guid, row in _foreign(tables).items()]
 
     wide = [[_cell(tables, observer, row[0], False) for observer in members] for row in rows]
@@ -97,14 +100,18 @@ def table_lines(tables, width):
 def _foreign(tables):
     """Rows of products that are none of the laboratory's."""
     found = {}
+    known = {*tables.members, *tables.crowd}
     for observer in tables.members:
         for name, row in tables.rows(observer).items():
-            if name not in tables.members and name:
+            if name and name not in known:
                 found.setdefault(name, row)
     return found
 
 
 def _cell(tables, observer, target, narrow):
+    if target == _CROWD:
+        count = f"{tables.crowd_online(observer)}/{len(tables.crowd)}"
+        return count if narrow else f"{count} ONLINE"
     row = tables.row(observer, target)
     if row is None:
         return "." if observer == target else "-"
