@@ -157,6 +157,22 @@ class Table(unittest.TestCase):
         self.assertEqual(wide[2].split(), ["kitchen", "HOST", "10.77.0.11", "MDNS", ".", "ONLINE", "4.2", "-"])
         self.assertEqual(wide[-1].split(), ["somebody", "-", "-", "MDNS", "-", "OFFLINE", "4.2", "-"])
 
+    def test_a_crowd_is_counted(self):
+        crowd = [f"crowd-{index:05}" for index in range(20)]
+        self.tables.add_crowd(crowd)
+        before = len(self.tables.missing())
+        for online in range(20):
+            self.tables.set_list("kitchen", [product(guid, "ONLINE" if index < online else "OFFLINE")
+                                             for index, guid in enumerate(crowd)])
+        self.assertEqual(len(self.said), 9, self.said)  # at each tenth
+        self.assertEqual(self.said[-1], "kitchen lists 18/20 of the crowd as ONLINE")
+        self.assertEqual(len(self.tables.missing()), before - 19)
+        self.assertIn("bedroom lacks kitchen (not listed), crowd-00000 (not listed), crowd-00001 (not listed), "
+                      "crowd-00002 (not listed), crowd-00003 (not listed) and 16 more",
+                      describe_missing(self.tables.missing()))
+        lines = table_lines(self.tables, 200)
+        self.assertEqual(lines[-1].split(), ["crowd", "-", "-", "-", "19/20", "ONLINE", "0/20", "ONLINE", "0/20", "ONLINE"])
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

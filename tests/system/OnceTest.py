@@ -31,6 +31,12 @@ class Once(unittest.TestCase):
             self.assertLess(times[-1], CONVERGENCE_SECONDS)
         print("converged and gone after " + " ".join(f"{seconds:.1f}" for seconds in times) + " s")
 
+    def test_crowd_is_waited_for(self):
+        result = self.run_lab("--products", "2", "--crowd", "30", "--once")
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
+        for name in ("kitchen", "bedroom"):
+            self.assertIn(f"{name} lists 30/30 of the crowd as ONLINE", result.stdout)
+
     def test_kill_waits_for_its_effect(self):
         result = self.run_lab("--once", "--kill", "kitchen")
         self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)

@@ -31,6 +31,7 @@ class LabCase(unittest.TestCase):
     """One laboratory for the whole class, as `shape` has it; each case leaves it with everybody ONLINE."""
 
     shape = {"products": 3}
+    convergence_seconds = CONVERGENCE_SECONDS
 
     @classmethod
     def setUpClass(cls):
@@ -44,11 +45,11 @@ class LabCase(unittest.TestCase):
                       on_change=lambda seconds, text: print(f"{seconds:9.3f} s  {text}", file=changes))
         cls.lab.open()
         cls.addClassCleanup(cls.lab.close)
-        cls.lab.wait_until(everybody_online, CONVERGENCE_SECONDS, "everybody ONLINE at the start")
+        cls.lab.wait_until(everybody_online, cls.convergence_seconds, "everybody ONLINE at the start")
 
     def setUp(self):
         print("---", self.id(), file=self.changes)
-        self.all_online(CONVERGENCE_SECONDS, "before the case")
+        self.all_online(self.convergence_seconds, "before the case")
         self._deaths_before = len(self.lab.deaths)
 
     def tearDown(self):

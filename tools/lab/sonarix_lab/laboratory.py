@@ -129,9 +129,9 @@ class Lab:
         return time.monotonic() - begin
 
     def wait_change(self, timeout):
-        """Waits for the next change of anything, or for the time."""
+        """Waits for the next change of anything, or for the time; False where that was over first."""
         with self._changed:
-            self._changed.wait(timeout)
+            return self._changed.wait(timeout)
 
     def look(self, question):
         """question(tables), asked while nothing changes."""
