@@ -170,6 +170,7 @@ void AvahiImpl::ClientStatus(AvahiClient* client, int state)
         break;
     case AVAHI_CLIENT_FAILURE:
         AVAHI_ERROR_LINE(s_log, "ClientStatus", avahi_client_errno(client));
+        m_resolves.CancelAll(); // or each end of one would start another that can only fail
         m_restart();
         break;
     case AVAHI_CLIENT_CONNECTING:
@@ -186,6 +187,7 @@ void AvahiImpl::Stop()
     {
         return;
     }
+    CancelResolves();
     if (m_pollThread.IsCurrent())
     {
         avahi_threaded_poll_quit(m_poll);

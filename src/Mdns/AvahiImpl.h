@@ -2,6 +2,7 @@
 
 #include "AvahiPollThread.h"
 #include "MdnsClient.h"
+#include "ResolveQueue.h"
 
 #include <atomic>
 #include <map>
@@ -26,8 +27,10 @@ namespace MDNS
 /// nothing meanwhile.
 ///
 /// Design: the adapter of the client's callbacks holds the instance until Stop(), and each browser, resolver and
-/// group holds it until it is disconnected, so that no event finds a dead instance. Avahi's poll lock is the only
-/// lock, held around everything that touches Avahi's objects or m_groups (AvahiPollThread).
+/// group holds it until it ends, so that no event finds a dead instance. Avahi's poll lock is the only
+/// lock, held around everything that touches Avahi's objects, m_resolves or m_groups (AvahiPollThread).
+/// A resolver is freed with its one answer, on the poll thread; the daemon answers for each within 5 s, with a failure
+/// where nobody else does, so that no place in m_resolves is held for ever. What fails or is stopped calls no more.
 class AvahiImpl final : public Browser, public Publisher, public std::enable_shared_from_this<AvahiImpl>
 {
     struct Key
@@ -45,6 +48,8 @@ public:
 
     CallbackConnection Browse(std::string type, Callback<ServiceId> added, Callback<ServiceId> removed) override;
     CallbackConnection Resolve(ServiceId id, Callback<std::string, Service> resolved) override;
+    CallbackConnection ResolveAgain(ServiceId id, Callback<std::string, Service> resolved) override;
+    void CancelResolves() override;
     CallbackConnection PublishService(const Service& s, Callback<Service> published) override;
     bool UpdateService(const Service& s) override;
     void Stop() override;
@@ -52,12 +57,16 @@ public:
 private:
     /// What Create() hands out points here: with its end the instance is stopped, whoever forgot to.
     struct Owner;
+    class AskedResolve;
 
     bool Start();
     void ClientStatus(AvahiClient* client, int state);
     void BrowseResult(const Callback<ServiceId>& added, const Callback<ServiceId>& removed, int event,
                       const ServiceId& id);
-    void ResolveResult(const Callback<std::string, Service>& resolved, AvahiServiceResolver* resolver, int event,
+    CallbackConnection QueueResolve(ServiceId id, Callback<std::string, Service> resolved, ResolveQueue::Order order);
+    /// With the poll's lock held.
+    CallbackConnection StartResolver(const ResolveQueue::AskPtr& ask);
+    void ResolveResult(const ResolveQueue::AskPtr& ask, AvahiServiceResolver* resolver, int event,
                        const std::string& host, const Network::AddrInfo& address, Service service);
     void PublishResult(Service& service, const Callback<Service>& published, AvahiEntryGroup* group, int state);
 
@@ -72,6 +81,8 @@ private:
     Callback<> m_connected;                           ///< at each entry into the running state
     Callback<> m_restart;                             ///< at each failure that needs a new instance
     std::map<std::string, AvahiEntryGroup*> m_groups; ///< by final instance name
+    ResolveQueue m_resolves{[this](const ResolveQueue::AskPtr& ask) { return StartResolver(ask); }};
+    bool m_toldOfLimit = false; ///< another limit of the daemon comes with another daemon, and that with an instance
     AvahiPollThread m_pollThread;
     std::atomic<bool> m_stopped{false};
 };

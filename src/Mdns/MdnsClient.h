@@ -5,6 +5,7 @@
 #include "MdnsTypes.h"
 
 #include <string>
+#include <utility>
 
 namespace MDNS
 {
@@ -27,8 +28,17 @@ public:
     virtual CallbackConnection Browse(std::string type, Callback<ServiceId> added, Callback<ServiceId> removed) = 0;
 
     /// One result, then nothing: the host name and the whole service, or "NOT SEEN" and a service that holds the id
-    /// alone. Disconnecting cancels. Empty connection: failed.
+    /// alone. May wait until others are done. Disconnecting cancels. Empty connection: failed.
     virtual CallbackConnection Resolve(ServiceId id, Callback<std::string, Service> resolved) = 0;
+
+    /// Resolve() for a name that failed before: where resolves wait, it lets every other go first.
+    virtual CallbackConnection ResolveAgain(ServiceId id, Callback<std::string, Service> resolved)
+    {
+        return Resolve(std::move(id), std::move(resolved));
+    }
+
+    /// Ends every resolve without a result; for an owner that cancels all, since cancelling one starts the next.
+    virtual void CancelResolves() {}
 };
 
 /// Puts services on the network.

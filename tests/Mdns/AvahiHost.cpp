@@ -94,11 +94,12 @@ AvahiHost::~AvahiHost()
     KillBus();
 }
 
-void AvahiHost::StartDaemon()
+void AvahiHost::StartDaemon(std::size_t objectsPerClient)
 {
     std::filesystem::remove_all("/run/avahi-daemon"); // what a killed one leaves behind
     std::ofstream("/run/avahi.conf") << "[server]\nhost-name=lab\nuse-ipv6=no\nallow-interfaces=lo\n"
-                                        "[publish]\npublish-hinfo=no\npublish-workstation=no\n";
+                                     << "objects-per-client-max=" << objectsPerClient
+                                     << "\n[publish]\npublish-hinfo=no\npublish-workstation=no\n";
     m_daemon = Spawn("exec avahi-daemon --no-chroot --no-rlimits -f /run/avahi.conf");
 }
 

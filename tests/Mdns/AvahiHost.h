@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <sys/types.h>
 
@@ -28,7 +29,8 @@ public:
     AvahiHost(const AvahiHost&) = delete;
     AvahiHost& operator=(const AvahiHost&) = delete;
 
-    void StartDaemon();
+    /// `objectsPerClient`: the browsers, resolvers and groups that the daemon allows a client at once.
+    void StartDaemon(std::size_t objectsPerClient = 1024);
     void KillDaemon(); ///< by signal 9
     void KillBus();
 

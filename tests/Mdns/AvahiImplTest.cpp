@@ -9,9 +9,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <list>
 #include <map>
 #include <set>
+#include <vector>
 
 using namespace MDNS;
 using namespace std::chrono_literals;
@@ -73,22 +76,26 @@ struct Seen
     }
 };
 
-/// The host's answer to a resolve, as soon as it has such records.
+/// The host's answer to a resolve, asked for until it has such records: what was just changed may not be told yet.
 Service Resolve(Backend& backend, const ServiceId& id, const std::map<std::string, std::string>& txt)
 {
-    Watched<Service> answer;
-    const CallbackConnection connection =
-        backend.impl->Resolve(id,
-                              [&answer](const std::string& host, const Service& service)
-                              {
-                                  EXPECT_EQ(host, "lab.local");
-                                  answer.Set(service);
-                              });
-    EXPECT_TRUE(connection.IsConnected());
-    EXPECT_TRUE(answer.WaitUntil([&](const Service& service) { return service.name == id.name && service.txt == txt; }))
-        << testing::PrintToString(answer.Get().txt);
-    connection.Disconnect();
-    return answer.Get();
+    Watched<int> answers{0};
+    Service answer;
+    for (int attempt = 1; attempt <= 50 && (answer.name != id.name || answer.txt != txt); ++attempt)
+    {
+        const CallbackConnection connection = backend.impl->Resolve(id,
+                                                                    [&](const std::string& host, const Service& service)
+                                                                    {
+                                                                        EXPECT_EQ(host, "lab.local");
+                                                                        answer = service;
+                                                                        answers.Change([](int& count) { ++count; });
+                                                                    });
+        EXPECT_TRUE(connection.IsConnected());
+        EXPECT_TRUE(answers.WaitFor(attempt)) << "one answer to each";
+        connection.Disconnect();
+    }
+    EXPECT_EQ(answer.txt, txt);
+    return answer;
 }
 
 TEST(AvahiImplTest, WhatIsPublishedIsBrowsedAndResolvedUnderTheNameThatItGot)
@@ -218,6 +225,109 @@ TEST(AvahiImplTest, InstancesEndFromAnyThreadWithCallsInFlight)
         EXPECT_TRUE(isDone.WaitFor(true)) << log.Text();
     }
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
+}
+
+/// The daemon itself counts: it refuses a client more than a browser and the resolvers that may run at once.
+TEST(AvahiImplTest, ABurstOfResolvesWaitsForItsTurn)
+{
+    if (!AvahiHost::Enter())
+    {
+        return;
+    }
+    const LogCapture log;
+    AvahiHost host;
+    host.StartDaemon(1 + ResolveQueue::kMaxRunning);
+    std::list<Backend> publishers;
+    std::list<Published> services;
+    for (int i = 0; i < 120; ++i)
+    {
+        if (i % 30 == 0)
+        {
+            ASSERT_TRUE(publishers.emplace_back().connected.WaitFor(1));
+        }
+        services.emplace_back(publishers.back(), MakeService(std::to_string(i)));
+    }
+    Backend browser;
+    ASSERT_TRUE(browser.connected.WaitFor(1));
+    Watched<std::map<std::string, std::string>> answers; // host by name
+    const auto resolve = [&](const std::string& name)
+    {
+        return browser.impl->Resolve(MakeService(name), [&answers](const std::string& from, const Service& service)
+                                     { answers.Change([&](auto& all) { all[service.name] = from; }); });
+    };
+    const auto countOf = [](const std::string& from)
+    {
+        return [from](const std::map<std::string, std::string>& all)
+        { return std::count_if(all.begin(), all.end(), [&](const auto& each) { return each.second == from; }); };
+    };
+    std::list<CallbackConnection> asked; // on the poll thread
+    ScopedConnection browse =
+        browser.impl->Browse(kType, [&](const ServiceId& id) { asked.push_back(resolve(id.name)); }, {});
+    EXPECT_TRUE(answers.WaitUntil([&](const auto& all) { return countOf("lab.local")(all) == 120; })) << log.Text();
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
+
+    // Names that nobody answers for hold every place until they are cancelled, or the daemon gives up.
+    std::vector<CallbackConnection> silent;
+    for (std::size_t i = 0; i < ResolveQueue::kMaxRunning; ++i)
+    {
+        silent.push_back(resolve("Nobody " + std::to_string(i)));
+    }
+    EXPECT_FALSE(browser.impl->Browse(kDatagram, {}, {}).IsConnected()) << "no more objects than expected";
+    EXPECT_TRUE(log.Contains("avahi_service_browser_new: Too many objects")) << log.Text();
+    answers.Set({});
+    const CallbackConnection waiting = resolve("7");
+    const CallbackConnection never = resolve("8");
+    never.Disconnect();
+    EXPECT_FALSE(answers.WaitUntil([](const auto& all) { return !all.empty(); }, 300ms));
+    silent[3].Disconnect();
+    EXPECT_TRUE(answers.WaitFor({{"7", "lab.local"}}, 3s)) << log.Text();
+    EXPECT_TRUE(
+        answers.WaitUntil([&](const auto& all) { return countOf(kNotSeen)(all) == ResolveQueue::kMaxRunning - 1; }))
+        << log.Text();
+    EXPECT_EQ(answers.Get().size(), ResolveQueue::kMaxRunning) << "neither of the cancelled";
+
+    // A full queue is stopped, or loses its daemon, without another start or call.
+    for (const bool isStop : {true, false})
+    {
+        Watched<int> calls{0};
+        Watched<int> restarts{0};
+        auto impl = AvahiImpl::Create({}, [&] { restarts.Change([](int& count) { ++count; }); });
+        const std::weak_ptr<AvahiImpl> watch = impl;
+        std::list<CallbackConnection> connections;
+        for (std::size_t i = 0; i < 2 * ResolveQueue::kMaxRunning; ++i)
+        {
+            connections.push_back(impl->ResolveAgain(MakeService("Nobody"), [&](const std::string&, const Service&)
+                                                     { calls.Change([](int& count) { ++count; }); }));
+            EXPECT_TRUE(connections.back().IsConnected());
+        }
+        if (isStop)
+        {
+            impl->Stop();
+        }
+        else
+        {
+            host.KillDaemon();
+            EXPECT_TRUE(restarts.WaitFor(1));
+        }
+        connections.clear();
+        impl.reset();
+        EXPECT_TRUE(watch.expired());
+        EXPECT_EQ(calls.Get(), 0);
+        EXPECT_FALSE(log.Contains("avahi_service_resolver")) << log.Text();
+    }
+
+    // A daemon that allows too few says so once, and what it refuses is told at the call.
+    host.StartDaemon(4);
+    Backend poor;
+    ASSERT_TRUE(poor.connected.WaitFor(1));
+    silent.clear();
+    for (int i = 0; i < 8; ++i)
+    {
+        silent.push_back(poor.impl->Resolve(MakeService("Nobody"), {}));
+        EXPECT_EQ(silent.back().IsConnected(), i < 4);
+    }
+    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1U) << log.Text();
+    EXPECT_TRUE(log.Contains("objects-per-client-max")) << log.Text();
 }
 
 /// The whole mDNS logic on the real backends beside instances of the test's own, while the daemon comes and goes.

@@ -4,6 +4,7 @@
 #include "CallbackRegistry.h"
 #include "MdnsClient.h"
 #include "PublisherFactory.h"
+#include "ResolveQueue.h"
 
 #include <arpa/inet.h>
 #include <cstdint>
@@ -40,7 +41,6 @@ struct FakeMdns::Lan
     std::list<std::weak_ptr<Backend>> backends; ///< with the daemon that runs, or waiting for one
     std::list<Browsing> browsings;
     std::list<Resolving> resolvings;
-    std::list<Resolving> resolved; ///< their connections stay connected, as a daemon's do
     std::vector<std::string> calls;
     std::map<std::string, int> made;
     bool daemonRuns = true;
@@ -86,7 +86,9 @@ struct FakeMdns::Lan
 };
 
 /// Either kind: it is told of the daemon until its Stop().
-class FakeMdns::Backend final : public MDNS::Browser, public MDNS::Publisher
+class FakeMdns::Backend final : public MDNS::Browser,
+                                public MDNS::Publisher,
+                                public std::enable_shared_from_this<Backend>
 {
 public:
     Backend(std::shared_ptr<Lan> lan, std::string name, Callback<> onConnected, Callback<> onRestart)
@@ -99,6 +101,7 @@ public:
     void Stop() override
     {
         m_lan->calls.push_back("stop " + m_name);
+        m_resolves.CancelAll();
         connected.Clear();
         restart.Clear();
     }
@@ -123,16 +126,15 @@ public:
     }
     CallbackConnection Resolve(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved) override
     {
-        m_lan->calls.push_back("resolve " + id.name);
-        const Resolving resolving{id, std::make_shared<CallbackRegistry<std::string, MDNS::Service>>()};
-        const CallbackConnection connection = resolving.resolved->Connect(resolved);
-        m_lan->resolvings.push_back(resolving);
-        if (m_lan->answersResolves)
-        {
-            m_lan->Answer(resolving);
-            m_lan->resolved.splice(m_lan->resolved.end(), m_lan->resolvings, --m_lan->resolvings.end());
-        }
-        return connection;
+        return Queue(std::move(id), std::move(resolved), MDNS::ResolveQueue::Order::FIRST);
+    }
+    CallbackConnection ResolveAgain(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved) override
+    {
+        return Queue(std::move(id), std::move(resolved), MDNS::ResolveQueue::Order::AGAIN);
+    }
+    void CancelResolves() override
+    {
+        m_resolves.CancelAll();
     }
     CallbackConnection PublishService(const MDNS::Service& s, Callback<MDNS::Service> published) override
     {
@@ -167,23 +169,68 @@ public:
         return isKnown;
     }
 
-    static void TellAll(const std::list<std::weak_ptr<Backend>>& backends, Callback<> Backend::*what)
+    /// The daemon has gone: nothing that was asked for is answered any more.
+    void Fail()
     {
-        for (const std::weak_ptr<Backend>& each : backends)
-        {
-            if (const std::shared_ptr<Backend> backend = each.lock())
-            {
-                (*backend.*what)();
-            }
-        }
+        m_resolves.CancelAll();
+        restart();
     }
 
     Callback<> connected;
     Callback<> restart;
 
 private:
+    /// Connected until it is disconnected, also after the answer.
+    class AskedResolve final : public CallbackConnectionIF
+    {
+    public:
+        AskedResolve(std::weak_ptr<Backend> backend, MDNS::ResolveQueue::AskPtr ask)
+            : m_backend(std::move(backend))
+            , m_ask(std::move(ask))
+        {
+        }
+        bool IsConnected() const override
+        {
+            return m_ask != nullptr;
+        }
+        void Disconnect() override
+        {
+            const MDNS::ResolveQueue::AskPtr ask = std::exchange(m_ask, nullptr);
+            if (const std::shared_ptr<Backend> backend = m_backend.lock(); backend && ask)
+            {
+                backend->m_resolves.Cancel(ask);
+            }
+        }
+
+    private:
+        const std::weak_ptr<Backend> m_backend;
+        MDNS::ResolveQueue::AskPtr m_ask;
+    };
+
+    CallbackConnection Queue(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved,
+                             MDNS::ResolveQueue::Order order)
+    {
+        const auto ask = m_resolves.Add(std::move(id), std::move(resolved), order);
+        return CallbackConnection(std::make_shared<AskedResolve>(weak_from_this(), ask));
+    }
+    CallbackConnection Start(const MDNS::ResolveQueue::AskPtr& ask)
+    {
+        m_lan->calls.push_back("resolve " + ask->id.name);
+        const Resolving resolving{ask->id, std::make_shared<CallbackRegistry<std::string, MDNS::Service>>()};
+        const CallbackConnection connection = resolving.resolved->Connect(
+            [this, ask](const std::string& host, const MDNS::Service& s) { m_resolves.Answer(ask, host, s); });
+        m_lan->resolvings.push_back(resolving);
+        if (m_lan->answersResolves)
+        {
+            m_lan->resolvings.pop_back();
+            m_lan->Answer(resolving);
+        }
+        return connection;
+    }
+
     const std::shared_ptr<Lan> m_lan;
     const std::string m_name;
+    MDNS::ResolveQueue m_resolves{[this](const MDNS::ResolveQueue::AskPtr& ask) { return Start(ask); }};
 };
 
 /// Takes the place of one of the two factories while it lives.
@@ -284,9 +331,13 @@ const MDNS::Service* FakeMdns::Find(const std::string& name, const std::string& 
 void FakeMdns::KillDaemon()
 {
     m_lan->daemonRuns = false;
-    std::list<std::weak_ptr<Backend>> failed;
-    failed.swap(m_lan->backends);
-    Backend::TellAll(failed, &Backend::restart);
+    for (const std::weak_ptr<Backend>& each : std::exchange(m_lan->backends, {}))
+    {
+        if (const std::shared_ptr<Backend> backend = each.lock())
+        {
+            backend->Fail();
+        }
+    }
 }
 
 void FakeMdns::StartDaemon()
@@ -297,7 +348,13 @@ void FakeMdns::StartDaemon()
 
 void FakeMdns::EnterRunningAgain()
 {
-    Backend::TellAll(m_lan->backends, &Backend::connected);
+    for (const std::weak_ptr<Backend>& each : m_lan->backends)
+    {
+        if (const std::shared_ptr<Backend> backend = each.lock())
+        {
+            backend->connected();
+        }
+    }
 }
 
 void FakeMdns::SetHasBus(bool hasBus)
