@@ -2,6 +2,7 @@
 
 #include "DPrint.h"
 #include "MdnsClient.h"
+#include "MonotonicClock.h"
 #include "ProductFromService.h"
 #include "ServiceTypes.h"
 #include "Sonarix.pb.h"
@@ -44,6 +45,8 @@ MdnsService::MdnsService(NotifyTargetTaskIF* task, bool useBackend, bool forceNo
     , m_useBackend(useBackend)
     , m_forceNone(forceNone)
     , m_reResolveTimer(APTimerFactory::CreateTimer(m_task, "RestartResolver"))
+    , m_retries(static_cast<std::uint64_t>(MonotonicClock::NowMs())) // neighbours started at other times
+    , m_retryTimer(APTimerFactory::CreateTimer(m_task, "RetryResolve"))
 {
     m_reResolveTimer->SetTimeouts(kReResolveMilliseconds, 0);
 }

@@ -5,9 +5,13 @@
 #include "CallbackRegistry.h"
 #include "MdnsServiceIF.h"
 #include "MdnsTypes.h"
+#include "RetrySchedule.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 class APTimerIF;
@@ -34,9 +38,12 @@ namespace SonarixService
 /// nothing here needs a lock; the registry has its own.
 /// Owner: MdnsDiscoveryProtocol, which is the only caller. Everything posted and every callback holds the object.
 /// Never asks whether a product is alive: a resolved service is ONLINE until its removal or a failed resolve.
+/// A name that is browsed and does not resolve is asked for again by RetrySchedule, until it resolves or is removed or
+/// its backend goes: where many answer at once, answers get lost. Nothing wakes the task while all is resolved.
 ///
-/// Limits: none on the number of services. A backend that fails is replaced at once and without end; one that cannot
-/// be made stays away until the next restart of the service.
+/// Limits: none of its own on the number of services; one line when they near what the mDNS daemon keeps. A backend
+/// that fails is replaced at once and without end; one that cannot be made stays away until the next restart of the
+/// service.
 class MdnsService final : public MdnsServiceIF, public std::enable_shared_from_this<MdnsService>
 {
 public:
@@ -60,12 +67,21 @@ public:
     /// Between the resolves of a clock, whose records change without the browser's notice.
     static constexpr unsigned int kReResolveMilliseconds = 300000;
 
+    /// What the mDNS daemon keeps for an interface unless it is configured otherwise, and drops beyond in silence.
+    static constexpr std::size_t kDaemonCacheRecords = 4096;
+    static constexpr std::size_t kRecordsOfService = 4; ///< PTR, SRV, TXT and its host's A
+    static constexpr std::size_t kManyServices = kDaemonCacheRecords / kRecordsOfService * 9 / 10; ///< worth a warning
+    static constexpr std::size_t kManyNoMore = kDaemonCacheRecords / kRecordsOfService * 8 / 10; ///< and then a new one
+
 private:
     /// One instance name that a browser has reported. Outlives its resolve, because clocks are resolved again.
     struct ResolverEntry
     {
         MDNS::ServiceId id;
         CallbackConnection connection;
+        std::uint64_t ask = 0;      ///< number of its last resolve: the answers of others come too late
+        unsigned int failures = 0;  ///< in a row, since it was last reported
+        bool isToldOffline = false; ///< since it last resolved
     };
 
     /// What is known of one service type; bound into every callback of that type.
@@ -94,10 +110,16 @@ private:
     void DisconnectClient(const Record& sb);
     void Discovered(const MDNS::ServiceId& id, const Record& sb);
     void Removed(const MDNS::ServiceId& id, const Record& sb);
-    void Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb);
+    void Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb, std::uint64_t ask);
     void ReResolveClock(const Record& sb);
     void RestartReResolveTimer(const Record& sb);
-    CallbackConnection StartResolve(const MDNS::ServiceId& id, const Record& sb);
+    /// Cancels what is under way for the name and asks for it anew, behind all others where it has failed.
+    void StartResolve(ResolverEntry& entry, const Record& sb);
+    void ResolveFailed(ResolverEntry& entry, const Record& sb);
+    void RetryDue();
+    /// After each change of m_retries.
+    void SetRetryTimer();
+    void NoteServiceCount();
     void StopServiceAction();
 
     // Products.
@@ -138,6 +160,11 @@ private:
     const bool m_forceNone;
     std::string m_ownClockName; ///< instance name of this product's own clock; empty when none is added
     std::shared_ptr<APTimerIF> m_reResolveTimer;
+    std::uint64_t m_lastAsk = 0;
+    RetrySchedule m_retries;
+    std::shared_ptr<APTimerIF> m_retryTimer;
+    std::optional<std::int64_t> m_retryTimerMs; ///< for when it is set; empty: it stands
+    bool m_toldManyServices = false;
     bool m_isStopped = false; ///< for good: no failed backend is replaced any more
 };
 

@@ -3,12 +3,14 @@
 #include "DPrint.h"
 #include "MdnsClient.h"
 #include "MdnsService.h"
+#include "MonotonicClock.h"
 #include "ProductFromService.h"
 #include "ServiceTypes.h"
 #include "Sonarix.pb.h"
 #include "SonarixPb.pb.h"
 #include "Timers.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace SonarixService
@@ -86,21 +88,91 @@ void MdnsService::Discovered(const MDNS::ServiceId& id, const Record& sb)
                 sb->serviceType.c_str());
         return;
     }
-    sb->resolvers[id.name].connection.Disconnect(); // a second report cancels a resolve under way
+    ResolverEntry& entry = sb->resolvers[id.name];
+    entry.id = id;
+    entry.failures = 0;
     if (sb->type == CLOCK)
     {
         RestartReResolveTimer(sb);
     }
-    sb->resolvers[id.name] = {id, StartResolve(id, sb)};
+    StartResolve(entry, sb);
+    NoteServiceCount();
 }
 
-CallbackConnection MdnsService::StartResolve(const MDNS::ServiceId& id, const Record& sb)
+void MdnsService::StartResolve(ResolverEntry& entry, const Record& sb)
 {
+    entry.connection.Disconnect(); // a second report cancels a resolve under way
+    entry.ask = ++m_lastAsk;
     const AsyncCallback<std::string, MDNS::Service> resolved(
-        [self = shared_from_this(), sb](const std::string& hostname, const MDNS::Service& s)
-        { self->Resolved(hostname, s, sb); },
+        [self = shared_from_this(), sb, ask = entry.ask](const std::string& hostname, const MDNS::Service& s)
+        { self->Resolved(hostname, s, sb, ask); },
         m_task);
-    return sb->browser->Resolve(id, resolved);
+    m_retries.Forget({sb->type, entry.id.name});
+    entry.connection =
+        entry.failures == 0 ? sb->browser->Resolve(entry.id, resolved) : sb->browser->ResolveAgain(entry.id, resolved);
+    if (entry.connection == nullptr)
+    {
+        ResolveFailed(entry, sb);
+    }
+    SetRetryTimer();
+}
+
+void MdnsService::ResolveFailed(ResolverEntry& entry, const Record& sb)
+{
+    ++entry.failures;
+    m_retries.Plan({sb->type, entry.id.name}, entry.failures, MonotonicClock::NowMs());
+}
+
+void MdnsService::RetryDue()
+{
+    m_retryTimerMs.reset();
+    for (const auto& [type, name] : m_retries.TakeDue(MonotonicClock::NowMs()))
+    {
+        const Record& sb = m_browsers.at(type); // they are forgotten with their record, and with their entry
+        ResolverEntry& entry = sb->resolvers.at(name);
+        DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s() s.id: %s ServiceType: %s failures: %u", "RetryDue", name.c_str(),
+                sb->serviceType.c_str(), entry.failures);
+        StartResolve(entry, sb);
+    }
+    SetRetryTimer();
+}
+
+void MdnsService::SetRetryTimer()
+{
+    const std::optional<std::int64_t> next = m_retries.NextMs();
+    if (next == m_retryTimerMs)
+    {
+        return;
+    }
+    m_retryTimerMs = next;
+    m_retryTimer->Stop();
+    if (next)
+    {
+        const std::int64_t pause = std::max<std::int64_t>(*next - MonotonicClock::NowMs(), 1);
+        m_retryTimer->SetTimeouts(static_cast<unsigned int>(pause), 0);
+        m_retryTimer->Start([self = shared_from_this()] { self->RetryDue(); });
+    }
+}
+
+void MdnsService::NoteServiceCount()
+{
+    std::size_t count = 0;
+    for (const auto& [type, sb] : m_browsers)
+    {
+        count += sb->resolvers.size();
+    }
+    if (count >= kManyServices && !m_toldManyServices)
+    {
+        m_toldManyServices = true;
+        DPRINTF(s_log, DPrint::LEVEL_WARNING,
+                "%zu services are known; avahi-daemon keeps about %zu unless told otherwise, and drops the rest "
+                "without a word: raise cache-entries-max in avahi-daemon.conf, see \"Many products\" in the manual",
+                count, kDaemonCacheRecords / kRecordsOfService);
+    }
+    else if (count < kManyNoMore)
+    {
+        m_toldManyServices = false;
+    }
 }
 
 void MdnsService::RestartReResolveTimer(const Record& sb)
@@ -109,26 +181,36 @@ void MdnsService::RestartReResolveTimer(const Record& sb)
     m_reResolveTimer->Start([self = shared_from_this(), sb] { self->ReResolveClock(sb); });
 }
 
-void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb)
+void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb, std::uint64_t ask)
 {
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() hostname: %s s.id: %s ServiceType: %s ", "Resolved", hostname.c_str(),
             s.name.c_str(), sb->serviceType.c_str());
     const auto resolver = sb->resolvers.find(s.name);
-    if (resolver == sb->resolvers.end())
+    if (resolver == sb->resolvers.end() || resolver->second.ask != ask)
     {
-        return; // on its way when the service or the backend went: nobody would ever take its entry away
+        return; // on its way when the service or the backend went, or was asked for anew
     }
-    const CallbackConnection resolve = resolver->second.connection;
+    ResolverEntry& entry = resolver->second;
+    const CallbackConnection resolve = entry.connection;
     if (hostname == MDNS::kNotSeen)
     {
         DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() non-existent device", "Resolved");
-        m_productRegistry.Send(s, SonarixPb::OFFLINE, CallbackConnection());
+        ResolveFailed(entry, sb);
+        SetRetryTimer();
+        if (!std::exchange(entry.isToldOffline, true))
+        {
+            m_productRegistry.Send(s, SonarixPb::OFFLINE, CallbackConnection());
+        }
         resolve.Disconnect();
         return;
     }
-    const auto [entry, isNew] = m_discovered.try_emplace(s.name);
-    const bool isNews = isNew || entry->second.txt != s.txt;
-    entry->second = s;
+    entry.failures = 0;
+    entry.isToldOffline = false;
+    m_retries.Forget({sb->type, s.name});
+    SetRetryTimer();
+    const auto [known, isNew] = m_discovered.try_emplace(s.name);
+    const bool isNews = isNew || known->second.txt != s.txt;
+    known->second = s;
     if (isNews)
     {
         LogUnusableRecords(s);
@@ -144,7 +226,7 @@ void MdnsService::ReResolveClock(const Record& sb)
     {
         if (name != m_ownClockName)
         {
-            entry = {entry.id, StartResolve(entry.id, sb)};
+            StartResolve(entry, sb);
         }
     }
     RestartReResolveTimer(sb);
@@ -159,6 +241,9 @@ void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
     {
         resolver->second.connection.Disconnect();
         sb->resolvers.erase(resolver);
+        m_retries.Forget({sb->type, id.name});
+        SetRetryTimer();
+        NoteServiceCount();
     }
     if (sb->type == CLOCK && sb->resolvers.empty())
     {
@@ -197,11 +282,18 @@ void MdnsService::DisconnectClient(const Record& sb)
     }
     sb->browseConnection.Disconnect();
     sb->browseConnection = {};
+    if (sb->browser)
+    {
+        sb->browser->CancelResolves(); // one by one, each would start another that waits
+    }
     for (const auto& [name, entry] : sb->resolvers)
     {
         entry.connection.Disconnect();
     }
     sb->resolvers.clear();
+    m_retries.ForgetType(sb->type);
+    SetRetryTimer();
+    NoteServiceCount();
     if (sb->browser && sb->connected)
     {
         sb->browser->Stop();

@@ -1,10 +1,13 @@
 #include "MdnsServiceFixture.h"
 #include "ProtoToMarkup.h"
+#include "ResolveQueue.h"
 #include "Sonarix.pb.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
+#include <set>
 
 using namespace SonarixService;
 using namespace std::chrono_literals;
@@ -56,6 +59,42 @@ protected:
         Settle();
         return lists.at(0);
     }
+    /// Neighbours that are browsed but answer for nothing.
+    void AnnounceSilent(const std::vector<std::string>& names)
+    {
+        m_mdns.SetAnswersResolves(false);
+        for (const std::string& name : names)
+        {
+            Announce(name, kRenderer);
+            m_mdns.FallSilent(name, kRenderer);
+        }
+        m_mdns.SetAnswersResolves(true);
+        m_mdns.AnswerResolves();
+        Settle();
+        m_mdns.ClearCalls();
+    }
+    /// The times between the next `count` resolves of a name, from now on.
+    const std::vector<std::chrono::milliseconds>& PausesUntilAsked(const std::string& name, std::size_t count)
+    {
+        m_pauses.clear();
+        std::int64_t last = m_simulation.NowMs();
+        while (m_pauses.size() < count && m_simulation.RunUntil([&] { return IsAsked(name); }, 5min))
+        {
+            m_pauses.emplace_back(m_simulation.NowMs() - last);
+            last = m_simulation.NowMs();
+            m_mdns.ClearCalls();
+        }
+        return m_pauses;
+    }
+    bool IsAsked(const std::string& name) const
+    {
+        const std::vector<std::string>& calls = m_mdns.Calls();
+        return std::find(calls.begin(), calls.end(), "resolve " + name) != calls.end();
+    }
+    static testing::Matcher<std::chrono::milliseconds> Around(std::chrono::milliseconds pause)
+    {
+        return testing::AllOf(testing::Ge(pause * 4 / 5), testing::Le(pause * 6 / 5));
+    }
     void Withdraw(const std::string& name, const std::string& type)
     {
         m_mdns.Withdraw(name, type);
@@ -68,6 +107,7 @@ protected:
     }
 
     Sonarix::Product m_last;
+    std::vector<std::chrono::milliseconds> m_pauses;
 };
 
 TEST_F(MdnsServiceBrowseTest, AResolvedServiceIsAProductUntilItsRemoval)
@@ -191,11 +231,15 @@ TEST_F(MdnsServiceBrowseTest, ClocksAreResolvedEveryFiveMinutes)
         << "every clock but the own one";
     EXPECT_TRUE(m_last.productinfo().clockinfo().leaderelected());
 
-    // A peer that failed is tried again in the next round.
+    // A peer that failed is asked for before the next round, and again in it.
     m_mdns.Announce(FakeMdns::MakeService("Other", kClock, {{"GUID", "g-2"}}));
-    m_simulation.RunFor(300s);
-    EXPECT_THAT(*heard, SizeIs(7));
-    EXPECT_EQ((*heard)[5], "ONLINE Other g-2");
+    m_simulation.RunFor(6s);
+    EXPECT_THAT(*heard, SizeIs(6));
+    EXPECT_EQ(heard->back(), "ONLINE Other g-2");
+    m_simulation.RunFor(293s);
+    EXPECT_THAT(*heard, SizeIs(6));
+    m_simulation.RunFor(1s);
+    EXPECT_THAT(*heard, SizeIs(8));
 
     // With the last clock the rounds end, and the next discovery starts them afresh.
     m_service->RemoveService(FakeMdns::MakeService("Own", kClock));
@@ -207,6 +251,124 @@ TEST_F(MdnsServiceBrowseTest, ClocksAreResolvedEveryFiveMinutes)
     Announce("Peer", kClock, {{"GUID", "g-1"}});
     m_simulation.RunFor(300s);
     EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Peer", "resolve Peer"));
+}
+
+TEST_F(MdnsServiceBrowseTest, WhatDoesNotResolveIsAskedForAgainUntilItDoes)
+{
+    Start();
+    const auto heard = Subscribe();
+    AnnounceSilent({"Kitchen"});
+    EXPECT_THAT(*heard, ElementsAre("OFFLINE Kitchen "));
+    EXPECT_THAT(PausesUntilAsked("Kitchen", 8), ElementsAre(Around(5s), Around(10s), Around(20s), Around(40s),
+                                                            Around(60s), Around(60s), Around(60s), Around(60s)));
+    EXPECT_THAT(std::set(m_pauses.begin() + 4, m_pauses.end()), SizeIs(testing::Gt(1))) << "no jitter";
+    EXPECT_THAT(*heard, SizeIs(1)) << "told once";
+
+    ReportAgain("Kitchen"); // as over another interface: asked at once, and soon again
+    EXPECT_THAT(PausesUntilAsked("Kitchen", 3), ElementsAre(0ms, Around(5s), Around(10s)));
+    EXPECT_THAT(*heard, SizeIs(1));
+    m_mdns.Announce(FakeMdns::MakeService("Kitchen", kRenderer, {{"GUID", "g-1"}}));
+    m_simulation.RunFor(25s);
+    EXPECT_THAT(*heard, ElementsAre("OFFLINE Kitchen ", "ONLINE Kitchen g-1"));
+    m_mdns.ClearCalls();
+    const std::uint64_t events = m_simulation.Events();
+    m_simulation.RunFor(1h);
+    EXPECT_EQ(m_simulation.Events(), events) << "nothing wakes while all is resolved";
+
+    // A failure after a success is the first again.
+    m_mdns.FallSilent("Kitchen", kRenderer);
+    ReportAgain("Kitchen");
+    EXPECT_THAT(PausesUntilAsked("Kitchen", 3), ElementsAre(0ms, Around(5s), Around(10s)));
+    EXPECT_THAT(*heard, ElementsAre("OFFLINE Kitchen ", "ONLINE Kitchen g-1", "OFFLINE Kitchen "));
+
+    // It ends with the removal, with the backend, and with the service.
+    AnnounceSilent({"Bath"});
+    Withdraw("Kitchen", kRenderer);
+    m_mdns.ClearCalls();
+    m_simulation.RunFor(7s);
+    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Bath"));
+    m_mdns.KillDaemon();
+    m_mdns.ClearCalls();
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains("resolve Bath")));
+    m_mdns.StartDaemon();
+    Settle();
+    m_service->StopService();
+    Settle();
+    m_mdns.ClearCalls();
+    m_simulation.RunFor(1h);
+    EXPECT_THAT(m_mdns.Calls(), IsEmpty());
+}
+
+TEST_F(MdnsServiceBrowseTest, WhatIsNewIsAskedForBeforeWhatHasFailed)
+{
+    Start();
+    const auto heard = Subscribe();
+    std::vector<std::string> silent(MDNS::ResolveQueue::kMaxRunning + 8);
+    std::generate(silent.begin(), silent.end(), [n = 0]() mutable { return "Silent " + std::to_string(n++); });
+    AnnounceSilent(silent);
+    EXPECT_THAT(*heard, SizeIs(silent.size())) << "each was asked for in its turn";
+
+    m_mdns.SetAnswersResolves(false);
+    m_simulation.RunFor(7s); // all are due again
+    EXPECT_EQ(m_mdns.PendingResolves(), MDNS::ResolveQueue::kMaxRunning);
+    Announce("New", kRenderer, {{"GUID", "g-1"}});
+    Announce("Clock", kClock); // has a backend of its own, with places of its own
+    EXPECT_EQ(m_mdns.PendingResolves(), MDNS::ResolveQueue::kMaxRunning + 1);
+    m_mdns.ClearCalls();
+    m_mdns.AnswerResolves();
+    EXPECT_EQ(m_mdns.Calls().at(0), "resolve New");
+    EXPECT_THAT(m_mdns.Calls(), SizeIs(9));
+    m_mdns.AnswerResolves();
+    Settle();
+    EXPECT_EQ(heard->back(), "ONLINE New g-1");
+    EXPECT_THAT(*heard, SizeIs(silent.size() + 1));
+
+    // A resolve that cannot even be started is tried again as well, but says nothing about the product.
+    m_mdns.SetAnswersResolves(true);
+    m_mdns.SetRefusesResolves(true);
+    Announce("Refused", kRenderer, {{"GUID", "g-2"}});
+    m_mdns.SetRefusesResolves(false);
+    EXPECT_THAT(*heard, SizeIs(silent.size() + 1));
+    m_simulation.RunFor(6s);
+    EXPECT_EQ(heard->back(), "ONLINE Refused g-2");
+    EXPECT_THAT(*heard, SizeIs(silent.size() + 2));
+
+    m_mdns.SetAnswersResolves(false);
+    m_simulation.RunFor(72s);
+    m_mdns.ClearCalls();
+    m_service->StopService();
+    Settle();
+    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains(testing::HasSubstr("resolve"))))
+        << "the end of those that run starts none of those that wait";
+}
+
+TEST_F(MdnsServiceBrowseTest, OneLineEachTimeTheDaemonsCacheIsNearlyFull)
+{
+    Start();
+    auto announceUpTo = [this, n = std::size_t{0}](std::size_t count) mutable
+    {
+        for (; n < count; ++n)
+        {
+            m_mdns.Announce(FakeMdns::MakeService(std::to_string(n), n % 2 == 0 ? kRenderer : kClock));
+        }
+        for (; n > count; --n)
+        {
+            m_mdns.Withdraw(std::to_string(n - 1), (n - 1) % 2 == 0 ? kRenderer : kClock);
+        }
+        Settle();
+    };
+    announceUpTo(MdnsService::kManyServices - 1);
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 0U) << m_log.Text();
+    announceUpTo(MdnsService::kManyServices + 100);
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << "the types count together";
+    EXPECT_TRUE(m_log.Contains("cache-entries-max"));
+    announceUpTo(MdnsService::kManyNoMore);
+    announceUpTo(MdnsService::kManyServices);
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << "the same approach";
+    announceUpTo(MdnsService::kManyNoMore - 1);
+    announceUpTo(MdnsService::kManyServices);
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 2U);
 }
 
 TEST_F(MdnsServiceBrowseTest, TheDaemonsDeathKeepsTheTableAndItsReturnFillsIt)

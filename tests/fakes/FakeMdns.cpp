@@ -46,6 +46,7 @@ struct FakeMdns::Lan
     bool daemonRuns = true;
     bool hasBus = true;
     bool answersResolves = true;
+    bool refusesResolves = false;
     std::list<CallbackRegistry<>> connections; ///< of one connection each; last, as their ends touch the others
 
     CallbackConnection Until(const Callback<>& end)
@@ -211,19 +212,25 @@ private:
                              MDNS::ResolveQueue::Order order)
     {
         const auto ask = m_resolves.Add(std::move(id), std::move(resolved), order);
-        return CallbackConnection(std::make_shared<AskedResolve>(weak_from_this(), ask));
+        return ask ? CallbackConnection(std::make_shared<AskedResolve>(weak_from_this(), ask)) : CallbackConnection();
     }
     CallbackConnection Start(const MDNS::ResolveQueue::AskPtr& ask)
     {
         m_lan->calls.push_back("resolve " + ask->id.name);
+        if (m_lan->refusesResolves)
+        {
+            return {};
+        }
         const Resolving resolving{ask->id, std::make_shared<CallbackRegistry<std::string, MDNS::Service>>()};
         const CallbackConnection connection = resolving.resolved->Connect(
             [this, ask](const std::string& host, const MDNS::Service& s) { m_resolves.Answer(ask, host, s); });
-        m_lan->resolvings.push_back(resolving);
         if (m_lan->answersResolves)
         {
-            m_lan->resolvings.pop_back();
             m_lan->Answer(resolving);
+        }
+        else
+        {
+            m_lan->resolvings.push_back(resolving);
         }
         return connection;
     }
@@ -374,6 +381,11 @@ void FakeMdns::AnswerResolves()
     {
         m_lan->Answer(resolving);
     }
+}
+
+void FakeMdns::SetRefusesResolves(bool refuses)
+{
+    m_lan->refusesResolves = refuses;
 }
 
 std::size_t FakeMdns::PendingResolves() const

@@ -55,7 +55,10 @@ public:
     /// False: resolves wait for AnswerResolves().
     void SetAnswersResolves(bool answers);
     void AnswerResolves();
+    /// Those that have been started, at most ResolveQueue::kMaxRunning a backend, and those cancelled since.
     std::size_t PendingResolves() const;
+    /// True: the daemon can start no resolve.
+    void SetRefusesResolves(bool refuses);
 
     /// What the backends were asked for, in order: "browse TYPE", "unbrowse TYPE", "resolve NAME", "publish NAME
     /// TYPE", "withdraw NAME TYPE", "update NAME TYPE", "stop browser", "stop publisher".
