@@ -7,6 +7,8 @@ import unittest
 
 from labcase import LabCase, lines_until
 
+CHILDREN = "/sonarix/private/products"
+
 
 class Discovery(LabCase):
     shape = {"products": 3, "strangers": 1}
@@ -81,6 +83,50 @@ class Discovery(LabCase):
             self.lab.wait_until(renamed, 10, f"everybody still lists the kitchen as {new}")
             self.stays(renamed, 3, "the new name")
             self.assert_published("kitchen")
+
+    def test_children_come_and_go_with_their_parent(self):
+        def is_child_of_kitchen(tables, expected):
+            records = [tables.own("kitchen").record, *(tables.row(observer, "kitchen").record["productinfo"]
+                                                       for observer in ("kitchen", "bedroom", "office"))]
+            return all(record.get("children", []) == expected for record in records)
+
+        def change(verb, child, expected):
+            answer = self.lab.portico("kitchen", verb, CHILDREN, json.dumps(child))
+            self.assertEqual((answer.returncode, json.loads(answer.stdout)), (0, {}), answer.stderr)
+            self.lab.wait_until(lambda tables: is_child_of_kitchen(tables, [each["productinfo"] for each in expected]),
+                                10, f"{verb} of {child['productinfo']['guid']} has reached all records of its parent")
+            # Last in the list, though their guids come before all others.
+            products = self.lab.get("kitchen", "/sonarix/products")["products"]
+            self.assertEqual(products[3:], expected)
+            self.assertEqual(len(self.lab.get("bedroom", "/sonarix/products")["products"]), 3, "no rows of their own")
+
+        bass = {"state": "ONLINE", "productinfo": {"guid": "!bass", "friendlyname": "Bass", "ecosystem": "ORB2"}}
+        rear = {"state": "OFFLINE", "productinfo": {"guid": "!rear", "friendlyname": "Rear", "ecosystem": "ORB2",
+                                                    "configurations": {"currentProductMode": "ACCESSORY"}}}
+        bare = {"productinfo": {"guid": "!rear", "ecosystem": "ORB2"}}
+        change("put", rear, [rear])
+        change("post", bass, [bass, rear])
+        change("post", bare, [bass, bare])
+        change("delete", rear, [bass])
+        change("delete", bass, [])
+
+    def test_what_is_no_child_is_answered_in_words(self):
+        before = self.lab.get("kitchen", "/sonarix/info")
+        for verb in ("post", "put", "delete"):
+            for body, words in (('{"state":', "the body is no JSON"), ("[1]", "the JSON is no object"),
+                                ('{"productinfo":"x"}', 'invalid value "x"'), ('{"protocols":"MDNS"}', "is no list"),
+                                ('{"state":["ONLINE"]}', "state: Proto field is not repeating"),
+                                ('{"productinfo":{"guid":7,"ecosystem":"ORB2"}}', "invalid value 7")):
+                answer = self.lab.portico("kitchen", verb, CHILDREN, body)
+                self.assertNotEqual(answer.returncode, 0, body)
+                self.assertEqual((answer.stdout, len(answer.stderr.splitlines())), ("", 1), body)
+                self.assertIn(words, answer.stderr)
+        kitchen = self.lab.product("kitchen").guid
+        stranger = {"productinfo": {"guid": "x", "ecosystem": "ORB2"}}
+        elsewhere = self.lab.portico("bedroom", "--guid", kitchen, "post", CHILDREN, json.dumps(stranger))
+        self.assertEqual((elsewhere.returncode, elsewhere.stdout), (1, ""))
+        self.assertIn("nobody serves " + CHILDREN, elsewhere.stderr)
+        self.assertEqual(self.lab.get("kitchen", "/sonarix/info"), before)
 
     def test_changed_address(self):
         new = self.lab.change_address("bedroom")
