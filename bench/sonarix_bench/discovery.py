@@ -1,0 +1,228 @@
+"""How soon a product lists what is there, beside `avahi-browse` of the same type in the same place.
+
+Both begin with an mDNS daemon that was started a moment before and has heard nothing, and with a crowd that is quiet.
+The time begins where the process is started, the service's with gateway and network up. For the service it ends where
+a subscriber of the product's list has the list in which the product is ONLINE: resolved, connected to by its gateway,
+and answered for by the product itself. For avahi-browse it ends with the resolved line; it asks the product nothing.
+"""
+import os
+import re
+import subprocess
+import threading
+import time
+from dataclasses import dataclass, field
+from datetime import datetime
+
+from . import counters, machine
+from .figures import Row
+from .world import CROWD_GUID, CROWD_NAME, Reader, World
+
+TYPE = "_kova-lanyard._tcp"
+RECEIVE_BUFFER = 4 << 20
+#: What an mDNS daemon needs for more than about a thousand products.
+LARGE_NETWORK = ("cache-entries-max=20000", "objects-per-client-max=8192")
+
+
+@dataclass
+class Arrivals:
+    """When how many had been found."""
+    count: int
+    seconds: list = field(default_factory=list)  # of the first, the second, ...
+    complete: threading.Event = field(default_factory=threading.Event)
+
+    def __post_init__(self):
+        self.reached(0, 0)
+
+    def reached(self, found, seconds):
+        self.seconds += [seconds] * (found - len(self.seconds))
+        if len(self.seconds) >= self.count:
+            self.complete.set()
+
+    @property
+    def found(self):
+        return len(self.seconds)
+
+    @property
+    def first(self):
+        return self.seconds[0] if self.seconds else None
+
+    @property
+    def median(self):
+        middle = (self.count - 1) // 2
+        return self.seconds[middle] if len(self.seconds) > middle else None
+
+    @property
+    def last(self):
+        return self.seconds[-1] if self.seconds else None
+
+
+@dataclass
+class ServiceRun:
+    published: Arrivals
+    lists: int = 0          # how many the subscriber got
+    mebibytes: float = 0.0  # and how large they were in all
+    table: Arrivals = None  # the same products in the service's own table, by its log
+    cpu: dict = None        # program -> processor seconds until the last was found
+
+
+@dataclass(frozen=True)
+class Course:
+    count: int
+    label: str
+    runs: int
+    seconds: float                # after which what was not found counts as lost
+    settings: dict = field(default_factory=dict)
+    avahi: tuple = ()
+    limits: dict = field(default_factory=dict)
+
+
+def courses(options):
+    buffer = {machine.RECEIVE_BUFFER: RECEIVE_BUFFER}
+    neighbours = {machine.NEIGHBOURS_SOFT: 8192, machine.NEIGHBOURS_HARD: 16384}
+    small = {"ratio": "<= 1.5", "found": ">= 1"}
+    every = [
+        Course(10, "10", 5, 30, limits=small),
+        Course(100, "100", 5, 30, limits=small),
+        Course(500, "500", 3, 30, limits={"ratio": "<= 1", "found": ">= 1"}),
+        Course(500, "500, 4 MiB buffer", 3, 30, buffer, limits={"last": "<= 3", "share": ">= 1"}),
+        Course(1500, "1,500, all raised", 2, 60, {**buffer, **neighbours}, LARGE_NETWORK, {"share": ">= 1"}),
+    ]
+    if options.count:
+        every = [course for course in every if course.count in options.count] or [
+            Course(count, str(count), 3, 30) for count in options.count]
+    if options.quick:
+        every = [Course(**{**vars(course), "runs": 1}) for course in every if course.label not in ("500", every[-1].label)
+                 or options.count]
+    return every
+
+
+def run(options, say):
+    rows = []
+    for course in courses(options):
+        runs = options.runs or course.runs
+        with machine.raised(course.settings), \
+                World(options.bin_dir, course.count, avahi=course.avahi, log_dir=options.logs) as world:
+            pairs = []
+            for number in range(runs):
+                browse = browse_once(world, course)
+                service = service_once(world, course)
+                say(f"discovery {course.label}, run {number + 1} of {runs}: avahi-browse {_told(browse)}; "
+                    f"service {_told(service.published)}, in its table {_told(service.table)}, {service.lists} lists of "
+                    f"{service.mebibytes:.1f} MiB in all; "
+                    + ", ".join(f"{name} {seconds:.2f} s" for name, seconds in service.cpu.items()) + " of processor")
+                pairs.append((browse, service))
+            if world.deaths:
+                raise RuntimeError("; ".join(world.deaths))
+        rows += _rows(course, pairs)
+    return rows
+
+
+def browse_once(world, course):
+    world.start_cold()
+    arrivals, names = Arrivals(course.count), set()
+
+    def line_came(seconds, line):
+        fields = line.split(b";")
+        if fields[0] == b"=" and fields[2] == b"IPv4" and fields[3].startswith(CROWD_NAME.encode()):
+            names.add(fields[3])
+            arrivals.reached(len(names), seconds)
+
+    begin = time.monotonic()
+    process = world.product.popen(["stdbuf", "-oL", "avahi-browse", "-rp", TYPE], stdout=subprocess.PIPE)
+    reader = Reader(process, begin, line_came)
+    arrivals.complete.wait(course.seconds)
+    reader.stop()
+    return arrivals
+
+
+def service_once(world, course, settled=False):
+    """`settled`: goes on until the product lists itself, too, as every one does once it is announced."""
+    world.start_cold("gateway", "network", "hub")
+    published = Arrivals(course.count)
+    run_ = ServiceRun(published)
+    own = f'"guid":"{world.product.guid}"'.encode()
+
+    self_listed = threading.Event()
+
+    def list_came(seconds, line):
+        run_.lists += 1
+        run_.mebibytes += len(line) / (1 << 20)
+        online, is_own = _online(line, own)
+        published.reached(online - is_own, seconds)
+        if is_own:
+            self_listed.set()
+
+    log_begin = os.path.getsize(world.log("service")) if os.path.exists(world.log("service")) else 0
+    before = {program: counters.cpu_seconds(world.product.pid(program)) for program in ("avahi", "gateway")}
+    watch = world.watch()
+    begin, begin_clock = time.monotonic(), time.time()
+    reader = Reader(watch, begin, list_came)
+    world.product.start("service")
+    published.complete.wait(course.seconds)
+    after = {program: counters.cpu_seconds(world.product.pid(program)) for program in ("service", "avahi", "gateway")}
+    if settled:
+        self_listed.wait(course.seconds)
+    reader.stop()
+    run_.cpu = {program: seconds - before.get(program, 0) for program, seconds in after.items()}
+    run_.table = _table_of_log(world.log("service"), log_begin, begin_clock, course.count)
+    return run_
+
+
+def _online(line, own_guid):
+    """How many rows of a list are ONLINE, and 1 if the product itself is among them. Counted in the text: to read
+    each of the large lists would take more of the machine than what is measured."""
+    state = b'"state":"ONLINE"'
+    at = line.find(own_guid)
+    own = line.rfind(b'"state":', 0, at) if at >= 0 else -1
+    return line.count(state), int(own >= 0 and line.startswith(state, own))
+
+
+def _table_of_log(path, offset, begin_clock, count):
+    """The service tells of each answer of a product before it publishes the list."""
+    arrivals, seen = Arrivals(count), set()
+    with open(path, "rb") as file:
+        file.seek(offset)
+        for line in file:
+            match = re.match(rb"(\S+) 3 DiscoveryServiceAggregator: HandleRemoteProductInfo: guid (\S+)", line)
+            if match and match[2].startswith(CROWD_GUID.encode()) and match[2] not in seen:
+                seen.add(match[2])
+                arrivals.reached(len(seen), datetime.fromisoformat(match[1].decode()).timestamp() - begin_clock)
+    return arrivals
+
+
+def _rows(course, pairs):
+    browses = [browse for browse, _ in pairs]
+    services = [service for _, service in pairs]
+    published = [service.published for service in services]
+
+    def row(name, samples, unit="", limit=None):
+        return Row.of("discovery", f"{course.label}: {name}", samples, unit, course.limits.get(limit, ""))
+
+    rows = [
+        row("last ONLINE / last of avahi-browse", [_ratio(service.last, browse.last)
+                                                   for service, browse in zip(published, browses)], "", "ratio"),
+        row("found / found by avahi-browse", [_ratio(service.found, browse.found)
+                                              for service, browse in zip(published, browses)], "", "found"),
+        row("found / there", [service.found / course.count for service in published], "", "share"),
+    ]
+    for name in ("first", "median", "last"):
+        rows.append(row(f"{name} ONLINE", [getattr(service, name) for service in published], "s",
+                        "last" if name == "last" else None))
+    rows.append(row("last ONLINE in the service's own table", [service.table.last for service in services], "s"))
+    for name in ("first", "median", "last"):
+        rows.append(row(f"{name} of avahi-browse", [getattr(browse, name) for browse in browses], "s"))
+    rows.append(row("found by avahi-browse / there", [browse.found / course.count for browse in browses]))
+    for program in ("service", "avahi", "gateway"):
+        rows.append(row(f"processor time of the {'mDNS daemon' if program == 'avahi' else program}",
+                        [service.cpu[program] for service in services], "s"))
+    rows.append(row("lists published / product", [service.lists / course.count for service in services]))
+    return rows
+
+
+def _ratio(ours, theirs):
+    return ours / theirs if ours is not None and theirs else None
+
+
+def _told(arrivals):
+    last = f"{arrivals.last:.2f} s" if arrivals.seconds else "never"
+    return f"{arrivals.found} of {arrivals.count}, the last at {last}"

@@ -1,0 +1,65 @@
+"""How often the daemon wakes while nothing happens: by itself, and for what others do.
+
+A wake-up is the end of a voluntary context switch, summed over the daemon's threads. To tell the daemon's own from
+what it is woken for, the product's gateway is stopped (SIGSTOP) for a minute: everything that other processes ask of
+the daemon comes through it, but for the mDNS daemon's signals. Then it goes on, and the difference is what it causes.
+"""
+import os
+import signal
+import time
+
+from . import counters
+from .discovery import Course, service_once
+from .figures import Row
+from .world import World
+
+#: The last request of the start has its answer, but its time limit of 15 s still has a timer.
+_SETTLE_SECONDS = 18
+
+
+def run(options, say):
+    seconds = 15 if options.quick else 60
+    crowd = (options.count or [100])[0]
+    alone, alone_checked = _measure(options, say, seconds, "nobody there")
+    among, among_checked = _measure(options, say, seconds, f"{crowd} products there", crowd=crowd)
+    _, asked = _measure(options, say, seconds, "one whole product there", others=1)
+    return [
+        Row("idle", f"context switches of its own in {seconds} s, nobody there", alone, "", "<= 0"),
+        Row("idle", f"context switches of its own in {seconds} s, {crowd} products listed", among, "", "<= 0"),
+        Row("idle", "wake-ups a minute for the gateway, nobody there", alone_checked),
+        Row("idle", f"wake-ups a minute for the gateway, for each of {crowd} listed products",
+            (among_checked - alone_checked) / crowd),
+        Row("idle", "wake-ups a minute for a whole product that checks this one", asked - alone_checked),
+    ]
+
+
+def _measure(options, say, seconds, what, crowd=0, others=0):
+    """Switches of any kind with the gateway stopped, wake-ups a minute with it."""
+    with World(options.bin_dir, crowd, others, log_dir=options.logs) as world:
+        service_once(world, Course(crowd, what, 1, 60), settled=True)
+        time.sleep(_SETTLE_SECONDS)
+        gateway = world.product.pid("gateway")
+        own = {}
+        if not others:  # which would take this product for dead meanwhile
+            os.kill(gateway, signal.SIGSTOP)
+            time.sleep(1)  # what it had asked is answered
+            own = _switches(world, seconds)
+            os.kill(gateway, signal.SIGCONT)
+            time.sleep(5)
+        caused = _switches(world, seconds / 2)
+    wakeups = sum(voluntary for voluntary, _ in caused.values()) / (seconds / 2) * 60
+    say(f"idle, {what}: of its own " + (_told(own) if not others else "not looked at")
+        + f" in {seconds} s; with the gateway {_told(caused)} in {seconds / 2:g} s")
+    return sum(voluntary + involuntary for voluntary, involuntary in own.values()), wakeups
+
+
+def _switches(world, seconds):
+    pid = world.product.pid("service")
+    before = counters.switches(pid)
+    time.sleep(seconds)
+    return counters.switches_since(pid, before)
+
+
+def _told(grown):
+    return ", ".join(f"{name} {voluntary}+{involuntary}"
+                     for (name, _), (voluntary, involuntary) in grown.items()) or "nothing"

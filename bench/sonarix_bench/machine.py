@@ -1,0 +1,31 @@
+"""Settings of the machine that a bench raises: they are not a namespace's own, and are put back at the end."""
+import contextlib
+import os
+
+RECEIVE_BUFFER = "net/core/rmem_default"
+NEIGHBOURS_SOFT = "net/ipv4/neigh/default/gc_thresh2"
+NEIGHBOURS_HARD = "net/ipv4/neigh/default/gc_thresh3"
+
+
+@contextlib.contextmanager
+def raised(settings):
+    """`settings`: name below /proc/sys -> value. What is higher already stays."""
+    before = {name: _read(name) for name in settings}
+    try:
+        for name, value in settings.items():
+            if before[name] < value:
+                _write(name, value)
+        yield
+    finally:
+        for name, value in reversed(before.items()):
+            _write(name, value)
+
+
+def _read(name):
+    with open(os.path.join("/proc/sys", name), encoding="ascii") as file:
+        return int(file.read())
+
+
+def _write(name, value):
+    with open(os.path.join("/proc/sys", name), "w", encoding="ascii") as file:
+        file.write(str(value))
