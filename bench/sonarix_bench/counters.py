@@ -20,6 +20,12 @@ def private_dirty(pid):
         return sum(int(line.split()[1]) for line in file if line.startswith("Private_Dirty:"))
 
 
+def peak_resident(pid):
+    """KiB: the most that has ever been resident."""
+    with open(f"/proc/{pid}/status", encoding="utf-8") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("VmHWM:"))
+
+
 def switches(pid):
     """thread -> (voluntary, involuntary). A voluntary one is a sleep, and so has a wake-up to come."""
     counts = {}

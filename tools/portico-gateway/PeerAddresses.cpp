@@ -4,6 +4,7 @@
 #include "Router.h"
 #include "Task.h"
 
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -71,10 +72,12 @@ void PeerAddresses::HandleTable(unsigned int question, const std::string& produc
     ++m_question;
     m_limit.Cancel();
     const std::vector<Waiting> waiting = std::exchange(m_waiting, {});
+    const std::map<std::string, std::string> addresses = ReadAddresses(productList);
     for (const Waiting& each : waiting)
     {
-        const std::optional<std::string> address = FindAddress(productList, each.guid);
-        each.callback(address ? std::vector<Peer>{Peer{*address, m_port, false}} : std::vector<Peer>());
+        const auto found = addresses.find(each.guid);
+        each.callback(found != addresses.end() ? std::vector<Peer>{Peer{found->second, m_port, false}}
+                                               : std::vector<Peer>());
     }
 }
 

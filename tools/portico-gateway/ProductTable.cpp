@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -40,28 +41,29 @@ bool IsNumeric(const std::string& address)
 
 } // namespace
 
-std::optional<std::string> FindAddress(const std::string& productList, const std::string& guid)
+std::map<std::string, std::string> ReadAddresses(const std::string& productList)
 {
+    std::map<std::string, std::string> addresses;
     const Json list = ReadRecord(productList, "ProductList");
     const auto products = list.is_object() ? list.find("products") : list.end();
     if (!list.is_object() || products == list.end() || !products->is_array())
     {
-        return std::nullopt;
+        return addresses;
     }
     for (const Json& row : *products)
     {
         const auto info = row.is_object() ? row.find("productinfo") : row.end();
-        if (!row.is_object() || info == row.end() || !info->is_object() || Text(*info, "guid") != guid)
+        if (!row.is_object() || info == row.end() || !info->is_object())
         {
             continue;
         }
-        const std::string address = Text(*info, "ipaddress");
+        std::string address = Text(*info, "ipaddress");
         if (IsNumeric(address))
         {
-            return address;
+            addresses.emplace(Text(*info, "guid"), std::move(address));
         }
     }
-    return std::nullopt;
+    return addresses;
 }
 
 std::string FindGuid(const std::string& productInfo)
