@@ -3,7 +3,8 @@
 //     build/release/bench/bench-connections build/release/bin/portico-gateway 3900
 //
 // Starts that gateway on loopback, connects the clients to it step by step from this one process, each with a
-// subscription, and prints what both processes have grown by. Figures are counts of one run; nothing is timed.
+// subscription, and prints what both processes have grown by: a line of name, value, unit and demand for each figure,
+// separated by tabs, as bench/run reads them. Figures are counts of one run; nothing is timed.
 
 #include "AsyncCallback.h"
 #include "ConditionSemaphore.h"
@@ -156,13 +157,13 @@ int main(int argc, char** argv)
     bool isWhole = ConnectUpTo(1, port, task, clients); // what the first one brings along is nobody's share
     const long ownBase = PrivateDirty(::getpid());
     const long gatewayBase = PrivateDirty(gateway.Pid());
-    std::printf("%8s  %22s  %22s\n", "clients", "client KiB/connection", "gateway KiB/connection");
     for (std::size_t count = 100; isWhole && clients.size() < most; count *= 3)
     {
         isWhole = ConnectUpTo(std::min(count, most), port, task, clients);
         const auto others = static_cast<double>(clients.size() - 1);
-        std::printf("%8zu  %22.1f  %22.1f\n", clients.size(),
-                    static_cast<double>(PrivateDirty(::getpid()) - ownBase) / others,
+        std::printf("a connection's client, of %zu\t%.1f\tKiB\t\n", clients.size(),
+                    static_cast<double>(PrivateDirty(::getpid()) - ownBase) / others);
+        std::printf("a connection's gateway, of %zu\t%.1f\tKiB\t\n", clients.size(),
                     static_cast<double>(PrivateDirty(gateway.Pid()) - gatewayBase) / others);
     }
     clients.clear();

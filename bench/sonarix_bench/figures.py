@@ -67,14 +67,16 @@ def markdown(rows):
     return "\n".join([lines[0], rule, *lines[1:]])
 
 
-def of_program(bench, command):
-    """The rows that a program prints: name, value, unit and limit, separated by tabs; other lines are its own talk."""
+def of_program(bench, command, say):
+    """The rows that a program prints: name, value, unit and demand, separated by tabs. Other lines are its own talk."""
     result = subprocess.run(command, capture_output=True, text=True, check=False)
     rows = []
     for line in result.stdout.splitlines():
         fields = line.split("\t")
         if len(fields) in (3, 4):
-            rows.append(Row(bench, fields[0], float(fields[1]), fields[2], fields[3] if len(fields) == 4 else ""))
+            rows.append(Row(bench, fields[0].removeprefix(bench + " "), float(fields[1]), *fields[2:]))
+        elif line.strip():
+            say(f"{bench}: {line}")
     if result.returncode != 0 or not rows:
         said = (result.stderr.strip() or result.stdout.strip()).splitlines()
         raise RuntimeError(f"{command[0]} ended with status {result.returncode}" + (f": {said[-1]}" if said else ""))

@@ -7,18 +7,17 @@ from .figures import of_program
 
 def _program(name, *arguments):
     def run(options, say):
-        program = os.path.join(options.bin_dir, "../bench", f"bench-{name}")
+        program = os.path.normpath(os.path.join(options.bin_dir, "../bench", f"bench-{name}"))
         if not os.access(program, os.X_OK):
-            raise RuntimeError(f"needs {os.path.normpath(program)}: build first")
-        rows = of_program(name, [program, *[argument.format(bin_dir=options.bin_dir) for argument in arguments]])
-        say(f"{name}: {len(rows)} figures")
-        return rows
+            raise RuntimeError(f"needs {program}: build first")
+        gateway = os.path.join(options.bin_dir, "portico-gateway")
+        return of_program(name, [program, *[argument.format(gateway=gateway) for argument in arguments]], say)
 
     return run
 
 
 BENCHES = {
-    "connections": _program("connections", "{bin_dir}/portico-gateway", "1000"),
-    "publish": _program("publish"),
+    "connections": _program("connections", "{gateway}", "1000"),
+    "publish": _program("publish", "{gateway}"),
     "micro": _program("micro"),
 }
