@@ -1,0 +1,104 @@
+#include "MessageFilter.h"
+
+#include "AnnouncementGate.h"
+#include "MonotonicClock.h"
+
+#include <libgssdp/gssdp.h>
+#include <libsoup/soup.h>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const char* const kSignal = "message-received";
+
+/// The client's types of message.
+enum MessageType
+{
+    DISCOVERY_REQUEST = 0,
+    DISCOVERY_RESPONSE = 1,
+    ANNOUNCEMENT = 2,
+};
+
+/// The signal, or 0 where it is not as we know it.
+guint FindSignal()
+{
+    const guint id = g_signal_lookup(kSignal, GSSDP_TYPE_CLIENT);
+    GSignalQuery query{};
+    if (id != 0)
+    {
+        g_signal_query(id, &query);
+    }
+    const auto isType = [&query](guint index, GType type)
+    { return (query.param_types[index] & ~G_SIGNAL_TYPE_STATIC_SCOPE) == type; };
+    return query.n_params == 4 && isType(0, G_TYPE_STRING) && isType(1, G_TYPE_UINT) && isType(2, G_TYPE_INT) &&
+                   isType(3, SOUP_TYPE_MESSAGE_HEADERS)
+               ? id
+               : 0;
+}
+
+/// As the browser reads it.
+std::optional<std::string_view> Header(SoupMessageHeaders* headers, const char* name)
+{
+    const char* const value = soup_message_headers_get_one(headers, name);
+    return value != nullptr ? std::optional<std::string_view>(value) : std::nullopt;
+}
+
+SsdpMessage ToMessage(int type, SoupMessageHeaders* headers)
+{
+    SsdpMessage message;
+    switch (type)
+    {
+    case DISCOVERY_RESPONSE:
+        message.kind = SsdpMessage::Kind::ANSWER;
+        message.target = Header(headers, "ST");
+        break;
+    case ANNOUNCEMENT:
+        message.kind = SsdpMessage::Kind::NOTIFY;
+        message.target = Header(headers, "NT");
+        message.nts = Header(headers, "NTS");
+        break;
+    case DISCOVERY_REQUEST:
+    default:
+        return message;
+    }
+    message.usn = Header(headers, "USN");
+    message.location = Header(headers, "Location");
+    message.furtherLocations = Header(headers, "AL");
+    return message;
+}
+
+} // namespace
+
+MessageFilter::MessageFilter(GSSDPClient* client, AnnouncementGate& gate)
+    : m_client(client)
+    , m_gate(gate)
+    , m_signalId(FindSignal())
+{
+    if (m_signalId != 0)
+    {
+        m_handlerId = g_signal_connect(client, kSignal, G_CALLBACK(&MessageFilter::OnMessageReceived), this);
+    }
+}
+
+MessageFilter::~MessageFilter()
+{
+    if (m_handlerId != 0)
+    {
+        g_signal_handler_disconnect(m_client, m_handlerId);
+    }
+}
+
+void MessageFilter::OnMessageReceived(GSSDPClient* client, const char* fromIp, unsigned, int type,
+                                      SoupMessageHeaders* headers, void* self)
+{
+    auto* const filter = static_cast<MessageFilter*>(self);
+    if (!filter->m_gate.Admit(ToMessage(type, headers), fromIp, MonotonicClock::NowMs()))
+    {
+        g_signal_stop_emission(client, filter->m_signalId, 0);
+    }
+}
+
+} // namespace SonarixService

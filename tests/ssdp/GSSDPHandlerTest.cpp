@@ -1,0 +1,211 @@
+#include "GSSDPHandler.h"
+
+#include "GlibLog.h"
+#include "LogCapture.h"
+#include "TestLan.h"
+#include "Watched.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+using namespace SonarixService;
+using testing::ElementsAre;
+
+namespace
+{
+
+const std::string kTarget = "urn:schemas-upnp-org:device:MediaRenderer:1";
+const char* const kAlive = "ssdp:alive";
+const char* const kByebye = "ssdp:byebye";
+
+std::string Usn(const std::string& guid)
+{
+    return "uuid:" + guid + "::" + kTarget;
+}
+
+std::string Description(const std::string& address)
+{
+    return "http://" + address + ":49152/description.xml";
+}
+
+using Event = std::tuple<GSSDPHandlerIF::ResourceStatus, std::string, std::string>;
+using Events = std::vector<Event>;
+
+Event Available(const std::string& guid, const std::string& address)
+{
+    return {GSSDPHandlerIF::RESOURCE_AVAILABLE, Usn(guid), Description(address)};
+}
+
+Event Unavailable(const std::string& guid)
+{
+    return {GSSDPHandlerIF::RESOURCE_UNAVAILABLE, Usn(guid), ""};
+}
+
+/// The real handler, and what it published.
+struct Unit
+{
+    explicit Unit(const char* interface = "eth0")
+        : handler(std::make_unique<GSSDPHandler>(interface))
+    {
+        handler->RegisterForSearchStatus([this](GSSDPHandlerIF::SearchStatus status)
+                                         { statuses.Change([status](auto& list) { list.push_back(status); }); });
+        handler->RegisterForResourceStatus(
+            [this](GSSDPHandlerIF::ResourceStatus status, const std::string& usn, const std::string& location)
+            { events.Change([&](Events& list) { list.emplace_back(status, usn, location); }); });
+    }
+
+    bool Sees(const Events& expected)
+    {
+        return events.WaitUntil(
+            [&expected](const Events& seen)
+            {
+                return std::all_of(expected.begin(), expected.end(),
+                                   [&seen](const Event& event)
+                                   { return std::find(seen.begin(), seen.end(), event) != seen.end(); });
+            });
+    }
+    bool Completes(std::size_t searches)
+    {
+        return statuses.WaitUntil(
+            [searches](const auto& list)
+            {
+                return std::count(list.begin(), list.end(), GSSDPHandlerIF::SEARCH_COMPLETE) ==
+                       static_cast<std::ptrdiff_t>(searches);
+            });
+    }
+
+    Watched<std::vector<GSSDPHandlerIF::SearchStatus>> statuses;
+    Watched<Events> events;
+    std::unique_ptr<GSSDPHandler> handler; ///< ends first
+};
+
+TEST(GSSDPHandlerTest, EachSearchReportsAnewWhatIsThere)
+{
+    const LogCapture log("7");
+    TestLan lan;
+    lan.AddDevice("10.77.0.2", TestLan::Answer(kTarget, Usn("kitchen"), Description("10.77.0.2")));
+    lan.AddDevice("10.77.0.3", TestLan::Answer(kTarget, Usn("hall"), Description("10.77.0.3")));
+    lan.AddDevice("10.77.0.4",
+                  TestLan::Answer("upnp:rootdevice", "uuid:tv::upnp:rootdevice", Description("10.77.0.4")));
+    Unit unit;
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 2)) << log.Text(); // lasts a second at least
+    EXPECT_FALSE(unit.handler->StartSearch(kTarget, 0)) << "a timed search is not overtaken";
+    EXPECT_TRUE(log.Contains("StartSearch - Search already in progress"));
+    ASSERT_TRUE(unit.Sees({Available("kitchen", "10.77.0.2"), Available("hall", "10.77.0.3")})) << log.Text();
+    ASSERT_TRUE(unit.Completes(1));
+
+    // Between searches: a goodbye counts from the one who announced, and is taken back by an announcement.
+    unit.events.Set({});
+    lan.Multicast("10.77.0.9", TestLan::Notify(kByebye, kTarget, Usn("kitchen"), ""));
+    lan.Multicast("10.77.0.3", TestLan::Notify(kByebye, kTarget, Usn("hall"), ""));
+    lan.Multicast("10.77.0.3", TestLan::Notify(kAlive, kTarget, Usn("hall"), Description("10.77.0.3")));
+    ASSERT_TRUE(unit.Sees({Available("hall", "10.77.0.3")})) << log.Text();
+    EXPECT_THAT(unit.events.Get(), ElementsAre(Unavailable("hall"), Available("hall", "10.77.0.3")));
+
+    // A search without a time-out never completes, and a later one takes over.
+    for (const int timeoutSec : {0, -1, 1})
+    {
+        unit.events.Set({});
+        ASSERT_TRUE(unit.handler->StartSearch(kTarget, timeoutSec));
+        ASSERT_TRUE(unit.Sees({Unavailable("kitchen"), Unavailable("hall"), Available("kitchen", "10.77.0.2"),
+                               Available("hall", "10.77.0.3")}))
+            << log.Text();
+    }
+    ASSERT_TRUE(unit.Completes(2));
+    using Handler = GSSDPHandlerIF;
+    EXPECT_THAT(unit.statuses.Get(),
+                ElementsAre(Handler::SEARCH_IN_PROGRESS, Handler::SEARCH_COMPLETE, Handler::SEARCH_IN_PROGRESS,
+                            Handler::SEARCH_IN_PROGRESS, Handler::SEARCH_IN_PROGRESS, Handler::SEARCH_COMPLETE));
+    EXPECT_TRUE(
+        log.Contains("GSSDPMainLoopRestartBrowser - Restarting browser on eth0 (10.77.0.1) with filter: " + kTarget));
+    unit.handler.reset();
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
+}
+
+TEST(GSSDPHandlerTest, DatagramsThatWouldKillTheBrowserDoNotReachIt)
+{
+    const LogCapture log;
+    TestLan lan;
+    lan.AddDevice("10.77.0.2", TestLan::Answer(kTarget, Usn("first"), Description("10.77.0.2")));
+    Unit unit;
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 0));
+    ASSERT_TRUE(unit.Sees({Available("first", "10.77.0.2")})) << log.Text(); // the search has begun
+    for (const char* const usn : {"nocolon", "uuid"})
+    {
+        const std::string bootIds = "BOOTID.UPNP.ORG: 1\r\nNEXTBOOTID.UPNP.ORG: 2\r\n";
+        for (const char* const nts : {kAlive, kByebye, "ssdp:update", "ssdp:alivenot"})
+        {
+            lan.Multicast("10.77.0.2", TestLan::Notify(nts, kTarget, usn, Description("10.77.0.2"), bootIds));
+        }
+        lan.Multicast("10.77.0.2", TestLan::Answer("x" + kTarget + "2", usn, Description("10.77.0.2")));
+        lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget + "\xE2\x82", Usn("cut"), Description("10.77.0.2")));
+    }
+    lan.Multicast("192.168.9.9", TestLan::Notify(kAlive, kTarget, Usn("stranger"), Description("192.168.9.9")));
+    lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget, Usn("lure"), Description("127.0.0.1")));
+    lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget, Usn("last"), Description("10.77.0.2")));
+    ASSERT_TRUE(unit.Sees({Available("last", "10.77.0.2")})) << log.Text();
+    EXPECT_THAT(unit.events.Get(), ElementsAre(Available("first", "10.77.0.2"), Available("last", "10.77.0.2")));
+    EXPECT_TRUE(log.Contains("192.168.9.9 is not heard, the sender is not on the interface's link")) << log.Text();
+}
+
+TEST(GSSDPHandlerTest, SearchesGoOnAfterTheLinkHasBeenAway)
+{
+    const LogCapture log;
+    TestLan lan;
+    lan.AddDevice("10.77.0.2", TestLan::Answer(kTarget, Usn("kitchen"), Description("10.77.0.2")));
+    Unit unit;
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 1));
+    ASSERT_TRUE(unit.Sees({Available("kitchen", "10.77.0.2")}) && unit.Completes(1)) << log.Text();
+
+    TestLan::Ip("link set eth0 down");
+    unit.events.Set({});
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 1));
+    ASSERT_TRUE(unit.Sees({Unavailable("kitchen")}) && unit.Completes(2));
+    EXPECT_TRUE(log.WaitFor("gssdp-client: Error sending SSDP packet")) << log.Text();
+
+    TestLan::Ip("link set eth0 up");
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 1));
+    EXPECT_TRUE(unit.Sees({Available("kitchen", "10.77.0.2")})) << log.Text();
+}
+
+TEST(GSSDPHandlerTest, AnInterfaceWithoutAnAddressRefusesEverySearch)
+{
+    const LogCapture log("4");
+    TestLan lan;
+    TestLan::Ip("address flush dev eth0 scope global"); // an IPv6 link-local address stays
+    for (const char* const interface : {"nope0", "eth0"})
+    {
+        Unit unit(interface);
+        EXPECT_TRUE(log.Contains("GSSDPMainLoop: Error creating the GSSDP handler client: ")) << log.Text();
+        EXPECT_FALSE(unit.handler->StartSearch(kTarget, 1));
+        EXPECT_TRUE(log.Contains("StartSearch - Not ready"));
+        unit.handler.reset();
+        EXPECT_THAT(unit.statuses.Get(), ElementsAre());
+    }
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 2U) << log.Text();
+}
+
+TEST(GSSDPHandlerTest, WarningsThatNeighboursCauseDoNotFillTheLog)
+{
+    const LogCapture log;
+    TestLan lan;
+    lan.AddDevice("10.77.0.9", TestLan::Answer(kTarget, Usn("first"), Description("10.77.0.9")));
+    Unit unit;
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 0));
+    ASSERT_TRUE(unit.Sees({Available("first", "10.77.0.9")}));
+    for (int i = 0; i < 40; ++i)
+    {
+        const std::string address = "10.77.0." + std::to_string(2 + i % 4);
+        lan.Multicast(address, TestLan::Notify(kAlive, kTarget, Usn(std::to_string(i)), Description(address),
+                                               "CACHE-CONTROL: never\r\n"));
+    }
+    ASSERT_TRUE(unit.Sees({Available("39", "10.77.0.5")})) << log.Text();
+    EXPECT_TRUE(log.Contains("Invalid 'Cache-Control' header")) << log.Text();
+    EXPECT_LE(log.Count(DPrint::LEVEL_WARNING), static_cast<std::size_t>(GlibLog::kMaxLines)) << log.Text();
+}
+
+} // namespace
