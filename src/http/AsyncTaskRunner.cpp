@@ -1,0 +1,155 @@
+#include "AsyncTaskRunner.h"
+
+#include "CTask.h"
+#include "CaughtException.h"
+#include "DPrint.h"
+
+#include <atomic>
+#include <list>
+#include <mutex>
+#include <utility>
+
+namespace
+{
+
+const DPrint s_log("AsyncTaskRunner");
+
+constexpr const char* kTaskName = "Async Task";
+constexpr std::size_t kManyTasks = 19;
+
+class AsyncTaskList;
+
+class MyCTask final : public CTask
+{
+public:
+    MyCTask(std::shared_ptr<Threads_Http::IRunnable> runnable, std::shared_ptr<AsyncTaskList> list)
+        : CTask(kTaskName, false, CTask::NOT_REALTIME, -1)
+        , m_runnable(std::move(runnable))
+        , m_list(std::move(list))
+    {
+    }
+    bool IsFinished() const
+    {
+        return m_finished;
+    }
+    void Finish()
+    {
+        m_finished = true;
+    }
+
+private:
+    void Body() override;
+
+    const std::shared_ptr<Threads_Http::IRunnable> m_runnable;
+    const std::shared_ptr<AsyncTaskList> m_list;
+    std::atomic<bool> m_finished = false;
+};
+
+/// All tasks that run. Each of them holds the list and is held by it, until it is reaped.
+class AsyncTaskList final
+{
+public:
+    void Add(const std::shared_ptr<MyCTask>& task)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_tasks.push_back(task);
+        ++m_count;
+        if (m_count > kManyTasks)
+        {
+            s_log.LogWarning("Potentially too many async tasks running: %zd", m_count);
+        }
+    }
+
+    void RemoveFinished()
+    {
+        std::list<std::shared_ptr<MyCTask>> finished; // destroyed after the lock
+        const std::lock_guard lock(m_mutex);
+        for (auto task = m_tasks.begin(); task != m_tasks.end();)
+        {
+            const auto next = std::next(task);
+            if ((*task)->IsFinished())
+            {
+                finished.splice(finished.end(), m_tasks, task);
+                --m_count;
+            }
+            task = next;
+        }
+    }
+
+    /// Lets go of all; those that run hold themselves until they end.
+    void Release()
+    {
+        std::list<std::shared_ptr<MyCTask>> all;
+        const std::lock_guard lock(m_mutex);
+        all.swap(m_tasks);
+        m_count = 0;
+    }
+
+    std::size_t Count() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_count;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::list<std::shared_ptr<MyCTask>> m_tasks;
+    std::size_t m_count = 0;
+};
+
+void MyCTask::Body()
+{
+    try
+    {
+        m_runnable->Run();
+    }
+    catch (...)
+    {
+        IL::LogCaughtException(kTaskName);
+    }
+    m_finished = true;
+    m_list->RemoveFinished();
+}
+
+const std::shared_ptr<AsyncTaskList>& TheList()
+{
+    struct Owner
+    {
+        std::shared_ptr<AsyncTaskList> m_list = std::make_shared<AsyncTaskList>();
+        ~Owner()
+        {
+            m_list->Release();
+        }
+    };
+    static const Owner s_owner;
+    return s_owner.m_list;
+}
+
+} // namespace
+
+namespace Threads_Http
+{
+
+void StartAsyncTask(const std::shared_ptr<IRunnable>& runnable)
+{
+    const std::shared_ptr<AsyncTaskList>& list = TheList();
+    const auto task = std::make_shared<MyCTask>(runnable, list);
+    list->Add(task);
+    try
+    {
+        task->Start();
+    }
+    catch (...)
+    {
+        task->Finish();
+        list->RemoveFinished();
+        throw;
+    }
+}
+
+std::size_t CountAsyncTasks()
+{
+    return TheList()->Count();
+}
+
+} // namespace Threads_Http

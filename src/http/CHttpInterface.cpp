@@ -1,0 +1,277 @@
+#include "CHttpInterface.h"
+
+#include "DPrint.h"
+#include "RequestLine.h"
+#include "RunTask.h"
+#include "SimpleURLFetcher.h"
+#include "SimpleURLFetcherCallback.h"
+
+#include <utility>
+
+namespace
+{
+
+const DPrint s_log("HttpIF");
+
+Http::Bytes BytesOf(const std::string& text)
+{
+    return {text.begin(), text.end()};
+}
+
+std::shared_ptr<Http::ISimpleURLFetcherCallback> MakeCallback(Http::HSMRequester requester, std::string requestData)
+{
+    return std::make_shared<Http::HSMSimpleURLFetcherCallback>(std::move(requester), std::move(requestData));
+}
+
+} // namespace
+
+HttpOpHandle::HttpOpHandle(std::shared_ptr<IRunTask> task)
+    : m_task(std::move(task))
+{
+    s_log.LogVerbose("HttpOpHandle::HttpOpHandle");
+}
+
+int HttpOpHandle::GetAttemptCount() const
+{
+    return m_task ? m_task->GetAttemptCount() : 0;
+}
+
+void HttpOpHandle::Cancel()
+{
+    s_log.LogVerbose("HttpOpHandle::Cancel");
+    if (m_task)
+    {
+        m_task->Cancel();
+    }
+}
+
+bool HttpOpHandle::WasRateLimited() const
+{
+    return m_task && m_task->WasRateLimited();
+}
+
+CHttpInterface::CHttpInterface(bool defaultRetries, const std::string& proxy)
+    : m_settings(std::make_unique<HttpSettings>())
+    , m_line(std::make_shared<RequestLine>())
+{
+    m_settings->proxy = proxy;
+    if (defaultRetries)
+    {
+        m_settings->retryStatusCodes = {0, 502, 503, 504};
+        m_settings->backoffValues = {15, 60, 240, 960};
+    }
+}
+
+CHttpInterface::~CHttpInterface() = default;
+
+void CHttpInterface::InjectFetcher(std::shared_ptr<Http::SimpleURLFetcher> fetcher)
+{
+    m_fetcher = std::move(fetcher);
+}
+
+HttpRequest CHttpInterface::MakeRequest(const std::string& url, int method) const
+{
+    HttpRequest request;
+    request.url = url;
+    request.method = static_cast<HttpRequest::Method>(method);
+    request.settings = *m_settings;
+    return request;
+}
+
+IHttpInterface::OpHandle CHttpInterface::StartRequest(HttpRequest request, const Http::Headers& headers,
+                                                      std::shared_ptr<Http::ISimpleURLFetcherCallback> callback)
+{
+    request.headers = headers;
+    const auto task = std::make_shared<RunTask>(std::move(request), std::move(callback), m_fetcher, m_line);
+    m_line->Start(task, m_maxRunningRequests);
+    return std::make_shared<HttpOpHandle>(task);
+}
+
+IHttpInterface::OpHandle CHttpInterface::PostBinaryData(const std::string& url, const Http::Bytes& body,
+                                                        const std::string& contentType,
+                                                        const ResponseCallback& callback, std::uint32_t userValue,
+                                                        const std::string& userText, std::uint32_t userValue2,
+                                                        std::uint32_t userValue3, const Http::Headers& headers)
+{
+    s_log.LogVerbose("CHttpInterface::PostBinaryData(url:%s)\n", url.c_str());
+    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_POST);
+    request.body = body;
+    request.contentType = contentType;
+    return StartRequest(
+        std::move(request), headers,
+        MakeCallback({callback, userValue, userText, userValue2, userValue3}, std::string(body.begin(), body.end())));
+}
+
+IHttpInterface::OpHandle CHttpInterface::Post(const std::string& url, const std::string& body,
+                                              const std::string& contentType, const ResponseCallback& callback,
+                                              std::uint32_t userValue, const std::string& userText,
+                                              std::uint32_t userValue2, std::uint32_t userValue3,
+                                              const Http::Headers& headers)
+{
+    s_log.LogVerbose("CHttpInterface::Post(url:%s)\n", url.c_str());
+    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_POST);
+    request.body = BytesOf(body);
+    request.contentType = contentType;
+    return StartRequest(std::move(request), headers,
+                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, body));
+}
+
+IHttpInterface::OpHandle CHttpInterface::Get(const std::string& url, const ResponseCallback& callback,
+                                             std::uint32_t userValue, const std::string& userText,
+                                             std::uint32_t userValue2, std::uint32_t userValue3,
+                                             const Http::Headers& headers)
+{
+    s_log.LogVerbose("CHttpInterface::Get(url:%s)\n", url.c_str());
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_GET), headers,
+                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, {}));
+}
+
+IHttpInterface::OpHandle CHttpInterface::Put(const std::string& url, const std::string& body,
+                                             const std::string& contentType, const ResponseCallback& callback,
+                                             std::uint32_t userValue, const std::string& userText,
+                                             std::uint32_t userValue2, std::uint32_t userValue3,
+                                             const Http::Headers& headers)
+{
+    s_log.LogVerbose("CHttpInterface::Put(url:%s)\n", url.c_str());
+    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_PUT);
+    request.body = BytesOf(body);
+    request.contentType = contentType;
+    return StartRequest(std::move(request), headers,
+                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, body));
+}
+
+IHttpInterface::OpHandle CHttpInterface::Delete(const std::string& url, const std::string& contentType,
+                                                const ResponseCallback& callback, std::uint32_t userValue,
+                                                const std::string& userText, std::uint32_t userValue2,
+                                                std::uint32_t userValue3, const Http::Headers& headers)
+{
+    s_log.LogVerbose("CHttpInterface::Delete(url:%s)\n", url.c_str());
+    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_DELETE);
+    request.contentType = contentType;
+    return StartRequest(std::move(request), headers,
+                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, {}));
+}
+
+IHttpInterface::OpHandle CHttpInterface::Delete(const std::string& url, const std::string& contentType,
+                                                const ResponseCallback& callback, std::uint32_t userValue,
+                                                const std::string& userText, std::uint32_t userValue2,
+                                                std::uint32_t userValue3, const Http::Headers& headers,
+                                                const std::vector<int>& retryBackoff)
+{
+    s_log.LogVerbose("CHttpInterface::Delete(url:%s) with retryBackoff\n", url.c_str());
+    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_DELETE);
+    request.contentType = contentType;
+    request.settings.backoffValues = retryBackoff;
+    return StartRequest(std::move(request), headers,
+                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, {}));
+}
+
+IHttpInterface::OpHandle CHttpInterface::GetUrlAsFile(const std::string& url, const std::string& fileName,
+                                                      const ResponseCallback& callback, std::uint32_t userValue,
+                                                      const std::string& userText, std::uint32_t userValue2,
+                                                      std::uint32_t userValue3, const Http::Headers& headers)
+{
+    s_log.LogVerbose("CHttpInterface::GetUrlAsFile(url:%s)\n", url.c_str());
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_GET), headers,
+                        std::make_shared<Http::HSMFileFetcherCallback>(
+                            Http::HSMRequester{callback, userValue, userText, userValue2, userValue3}, fileName));
+}
+
+void CHttpInterface::SetFollowRedirects(bool follow)
+{
+    m_settings->followRedirects = follow;
+}
+
+void CHttpInterface::SetRetries(int retries)
+{
+    m_settings->retries = retries;
+}
+
+int CHttpInterface::GetRetries() const
+{
+    return m_settings->retries;
+}
+
+void CHttpInterface::SetRateLimitHandling(bool handle)
+{
+    m_settings->rateLimitHandling = handle;
+}
+
+void CHttpInterface::SetDefaultRetryValue(unsigned seconds)
+{
+    m_settings->m_DefaultRetryValue = seconds;
+}
+
+void CHttpInterface::SetRetryType(int type)
+{
+    m_settings->retryType = type;
+}
+
+void CHttpInterface::DisableRetries()
+{
+    m_settings->retriesDisabled = true;
+}
+
+void CHttpInterface::EnableRetries()
+{
+    m_settings->retriesDisabled = false;
+}
+
+void CHttpInterface::SetRetryDelay(int seconds)
+{
+    m_settings->retryDelay = seconds;
+}
+
+void CHttpInterface::SetMaxRetryValue(unsigned seconds)
+{
+    m_settings->maxRetryValue = seconds;
+}
+
+int CHttpInterface::GetRetryDelay() const
+{
+    return m_settings->retryDelay;
+}
+
+void CHttpInterface::SetReserved(int) {}
+
+void CHttpInterface::Reserved() {}
+
+void CHttpInterface::SetTimeout(int seconds)
+{
+    m_settings->timeoutSec = seconds;
+    if (m_fetcher)
+    {
+        m_fetcher->SetTimeOut(static_cast<float>(seconds));
+    }
+}
+
+void CHttpInterface::SetRetryBackoff(const std::vector<int>& values, bool repeat)
+{
+    m_settings->backoffValues = values;
+    m_settings->m_RetryBackoffRepeat = repeat;
+}
+
+void CHttpInterface::SetRetryStatusCodes(const std::vector<int>& values)
+{
+    m_settings->retryStatusCodes = values;
+}
+
+void CHttpInterface::SetRetryOnAnyStatus(bool retry)
+{
+    m_settings->retryOnAnyStatus = retry;
+}
+
+void CHttpInterface::SetMaxAnswerBytes(std::size_t bytes)
+{
+    m_settings->maxAnswerBytes = bytes;
+}
+
+void CHttpInterface::SetMaxRunningRequests(std::size_t count)
+{
+    m_maxRunningRequests = count;
+}
+
+void CHttpInterface::DiscardRequests()
+{
+    m_line->Discard();
+}
