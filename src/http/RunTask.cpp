@@ -413,7 +413,8 @@ std::uint32_t RunTask::CalculateRetrySleepValue(int behavior, std::uint32_t valu
                                        << " setting retry after to the limit");
         seconds = limit;
     }
-    const auto range = static_cast<std::uint64_t>(std::lround(static_cast<double>(seconds) * kJitter));
+    const auto range =
+        static_cast<std::uint64_t>(std::round(static_cast<float>(static_cast<double>(seconds) * kJitter)));
     DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Using a randomness factor of +-:" << range);
     // A rate-limited wait is never shortened: the retry must not land before the limit ends. Numbers of the kernel's,
     // because those of an unseeded generator would have all products of a network retry in step.

@@ -213,8 +213,8 @@ bool SimpleURLFetcher::SetTimeOut(float seconds)
         return false;
     }
     // 24 days are as good as what is longer, and fit into a long everywhere.
-    const auto milliseconds = static_cast<long>(std::clamp(seconds * 1000.0F, -1.0F, 2.1e9F));
-    if (curl_easy_setopt(m_curlHandle, CURLOPT_TIMEOUT_MS, milliseconds) != CURLE_OK)
+    const auto milliseconds = static_cast<long>(std::clamp(seconds * 1000.0F, 0.0F, 2.1e9F));
+    if (seconds < 0 || curl_easy_setopt(m_curlHandle, CURLOPT_TIMEOUT_MS, milliseconds) != CURLE_OK)
     {
         s_log.LogCritical("SetTimeOut, curl_easy_setup error, returning an error");
         return false;

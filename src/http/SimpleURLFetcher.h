@@ -59,7 +59,7 @@ public:
     bool SetProxy(const std::string& proxy);
     bool SetValidateServerCertificate(bool validate);
     bool SetValidateHostCertificate(bool validate);
-    /// For connecting, and for the whole exchange; 0 is no limit. False also for what libcurl refuses: below 0.
+    /// For connecting, and for the whole exchange; 0 is no limit. False also below 0, which changes nothing.
     bool SetTimeOut(float seconds);
     bool SetFollowRedirects(bool follow);
     bool SetSimpleAuthentication(const std::string& user, const std::string& password);

@@ -1,0 +1,548 @@
+#include "CHttpInterface.h"
+#include "AsyncTaskRunner.h"
+#include "EventWaiter.h"
+#include "ForkedRun.h"
+#include "HttpServer.h"
+#include "LogCapture.h"
+#include "TempDirectory.h"
+#include "Watched.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gmock/gmock.h>
+#include <map>
+#include <memory>
+#include <optional>
+#include <pthread.h>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <sys/resource.h>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+using Responses = Watched<std::vector<Http::HSMResponse>>;
+
+IHttpInterface::ResponseCallback Into(Responses& responses)
+{
+    return [&responses](const Http::HSMResponse& response)
+    { responses.Change([&response](std::vector<Http::HSMResponse>& all) { all.push_back(response); }); };
+}
+
+IHttpInterface::OpHandle Get(CHttpInterface& http, const std::string& url, Responses& responses)
+{
+    return http.Get(url, Into(responses), 0, "", 0, 0, {});
+}
+
+bool Come(const Responses& responses, std::size_t count)
+{
+    return responses.WaitUntil([count](const std::vector<Http::HSMResponse>& all) { return all.size() == count; });
+}
+
+std::size_t RequestThreads()
+{
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+    {
+        std::string name;
+        std::getline(std::ifstream(entry.path() / "comm"), name);
+        count += name == "Async Task" ? 1 : 0;
+    }
+    return count;
+}
+
+/// The kernel says nothing when a thread ends, so this looks until none is left.
+bool AllThreadsEnd()
+{
+    for (int i = 0; i < 1000 && (RequestThreads() != 0 || Threads_Http::CountAsyncTasks() != 0); ++i)
+    {
+        std::this_thread::sleep_for(10ms);
+    }
+    return RequestThreads() == 0 && Threads_Http::CountAsyncTasks() == 0;
+}
+
+// First of all: the stack of a thread that has ended would do for a new one. Not with sanitizers, whose shadows need
+// all the addresses they can get.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(CHttpInterface, WithoutAThreadTheRequesterGetsTheExceptionAndTheNextOneWorks)
+{
+    const ForkedResult result = RunForked(
+        []
+        {
+            HttpServer server([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(200)); });
+            Responses responses;
+            CHttpInterface http(false, "");
+            http.SetMaxRunningRequests(1);
+            rlimit before{};
+            getrlimit(RLIMIT_AS, &before);
+            const rlimit none{1, before.rlim_max};
+            setrlimit(RLIMIT_AS, &none);
+            bool thrown = false;
+            try
+            {
+                Get(http, server.Url("/"), responses);
+            }
+            catch (const std::system_error&)
+            {
+                thrown = true;
+            }
+            setrlimit(RLIMIT_AS, &before);
+            const bool isClean = Threads_Http::CountAsyncTasks() == 0;
+            Get(http, server.Url("/"), responses);
+            return (thrown ? 0 : 1) + (isClean ? 0 : 2) + (Come(responses, 1) ? 0 : 4);
+        });
+    EXPECT_TRUE(result.Succeeded()) << result.HowItEnded() << result.m_output;
+}
+#endif
+
+TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
+{
+    HttpServer server(
+        [](HttpServer::Exchange& exchange)
+        {
+            exchange.Send(HttpServer::Answer(exchange.Asked().m_target == "/404" ? 404 : 200, {"X-Answer: yes"},
+                                             exchange.Asked().m_method + " " + exchange.Asked().m_body));
+        });
+    const TempDirectory directory;
+    Responses responses;
+    std::atomic<int> onOwnThread = 0;
+    const auto callback = [&](const Http::HSMResponse& response)
+    {
+        std::array<char, 16> name{};
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        onOwnThread += std::string(name.data()) == "Async Task" ? 1 : 0;
+        Into(responses)(response);
+    };
+    CHttpInterface http(false, "");
+    const std::string url = server.Url("/x");
+    http.Get(url, {}, 0, "", 0, 0, {}); // delivers nothing
+    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 1; }));
+
+    const std::string file = directory.Path() + "/file";
+    const std::vector<std::pair<std::string, std::function<void()>>> operations = {
+        {"POST text",
+         [&] {
+             http.Post(url, "text", "text/plain", callback, 1, "user", 2, 3, {{"X-Asked", "1"}});
+         }},
+        {"POST bin",
+         [&] {
+             http.PostBinaryData(url, {'b', 'i', 'n'}, "a/b", callback, 1, "user", 2, 3, {});
+         }},
+        {"PUT text", [&] { http.Put(url, "text", "text/plain", callback, 1, "user", 2, 3, {}); }},
+        {"DELETE ", [&] { http.Delete(url, "text/plain", callback, 1, "user", 2, 3, {}); }},
+        {"DELETE ", [&] { http.Delete(url, "text/plain", callback, 1, "user", 2, 3, {}, {60}); }},
+        {"GET ",
+         [&] {
+             http.Get(url, callback, 1, "user", 2, 3, {{"X-Asked", "1"}});
+         }},
+        {"", [&] { http.GetUrlAsFile(url, file, callback, 1, "user", 2, 3, {}); }},
+        {"GET ", [&] { http.Get(server.Url("/404"), callback, 1, "user", 2, 3, {}); }},
+    };
+    for (std::size_t i = 0; i < operations.size(); ++i)
+    {
+        operations[i].second();
+        ASSERT_TRUE(Come(responses, i + 1));
+        const Http::HSMResponse response = responses.Get().back();
+        EXPECT_EQ(response.body, operations[i].first);
+        EXPECT_EQ(response.requestData, i < 3 ? response.body.substr(response.body.find(' ') + 1) : "");
+        EXPECT_EQ(response.url, response.effectiveUrl);
+        EXPECT_EQ(response.headers.at("X-Answer"), "yes");
+        EXPECT_EQ(response.success, response.status == 200);
+        EXPECT_EQ(response.curlStatus, 0);
+        EXPECT_EQ(response.userText + std::to_string(response.userValue) + std::to_string(response.userValue2) +
+                      std::to_string(response.userValue3),
+                  "user123");
+    }
+    EXPECT_EQ(onOwnThread, static_cast<int>(operations.size()));
+    EXPECT_EQ(std::filesystem::file_size(file), 4u);
+    EXPECT_EQ(responses.Get().back().status, 404);
+    const std::vector<HttpServer::Request> requests = server.Requests().Get();
+    EXPECT_EQ(requests.at(1).m_headers.at("X-Asked") + requests.at(6).m_headers.at("X-Asked"), "11");
+    EXPECT_EQ(requests.at(2).m_headers.at("Content-Type"), "a/b");
+    EXPECT_TRUE(AllThreadsEnd());
+}
+
+// One answer, and what follows it: delivered at once, or a wait of a length in a range.
+struct RetryCase
+{
+    std::string m_what;
+    int m_status; ///< 0: nobody listens
+    std::vector<std::string> m_headers;
+    unsigned m_lowest; ///< 0: no retry
+    unsigned m_highest;
+    std::string m_line;
+    bool m_rateLimited = false;
+    std::function<void(CHttpInterface&)> m_setUp = [](CHttpInterface&) {};
+    bool m_defaultRetries = false;
+};
+
+TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
+{
+    const std::string later = std::to_string(std::time(nullptr) + 1000);
+    const std::string past = std::to_string(std::time(nullptr) - 1);
+    const auto backoff = [](bool any)
+    {
+        return [any](CHttpInterface& http)
+        {
+            http.SetRetryBackoff({100, 200}, false);
+            http.SetRetryStatusCodes({503});
+            http.SetRetryOnAnyStatus(any);
+        };
+    };
+    const std::vector<RetryCase> cases = {
+        {"nothing named", 503, {}, 0, 0, "CheckIfRetryNeededAndSleep: The GET request for URL failed with 503"},
+        {"not a retry status", 404, {"Retry-After: 10"}, 0, 0, "failed with 404"},
+        {"no connection", 0, {}, 0, 0, "failed with 0"},
+        {"a wait", 503, {"Retry-After: 10"}, 7, 13, "Unsupported retry behavior set, defaulting to constant"},
+        {"names are exact", 503, {"retry-after: 10"}, 0, 0, "Retry-After header is not valid"},
+        {"no number", 500, {"Retry-After: 10s"}, 0, 0, "String value of:10s is not a valid uint32_t"},
+        {"too large a number", 500, {"Retry-After: 4294967296"}, 0, 0, "is not a valid uint32_t"},
+        {"a wait of 0", 599, {"Retry-After: 0"}, 0, 0, "failed with 599"},
+        {"behavior alone", 503, {"X-Retry-Behavior: constant"}, 10, 20, "m_DefaultRetryValue:15"},
+        {"unknown behavior", 503, {"X-Retry-Behavior: x", "Retry-After: 10"}, 7, 13, "of:x is not a valid option"},
+        {"no retry allowed", 503, {"X-Retry-Count: 0", "Retry-After: 9"}, 0, 0, "max number of retries:0 reached"},
+        {"longest", 503, {"Retry-After: 4000000000"}, 30240, 56160, "exceededs limit of:43200"},
+        {"retries disabled",
+         503,
+         {"Retry-After: 10"},
+         0,
+         0,
+         "",
+         false,
+         [](CHttpInterface& http) { http.DisableRetries(); }},
+        {"limit, no word when", 429, {}, 0, 0, "No valid X-Ratelimit-Remaining header found", true},
+        {"limit over later",
+         429,
+         {"X-Ratelimit-Remaining: 0", "X-Ratelimit-Reset: " + later},
+         980,
+         1300,
+         "Rate limit is reached",
+         true},
+        {"limit over, past",
+         429,
+         {"X-Ratelimit-Remaining: 0", "X-Ratelimit-Reset: " + past},
+         0,
+         0,
+         "is less then the current time",
+         true},
+        {"Reset before Retry-After",
+         429,
+         {"X-Ratelimit-Remaining: 0", "X-Ratelimit-Reset: " + later, "Retry-After: 5"},
+         980,
+         1300,
+         "",
+         true},
+        {"never shortened",
+         429,
+         {"X-Ratelimit-Remaining: 7", "Retry-After: 20"},
+         20,
+         26,
+         "X-Ratelimit-Remaining value is:7",
+         true},
+        {"behavior, no default", 429, {"X-Retry-Behavior: constant"}, 0, 0, "failed with 429", true},
+        {"limits ignored",
+         429,
+         {"Retry-After: 10"},
+         0,
+         0,
+         "failed with 429",
+         false,
+         [](CHttpInterface& http) { http.SetRateLimitHandling(false); }},
+        {"default table", 0, {}, 10, 20, "check for backOff retries", false, [](CHttpInterface&) {}, true},
+        {"back-off", 503, {}, 70, 130, "defaulting to back off retries count of:2", false, backoff(false)},
+        {"not for this status", 404, {}, 0, 0, "failed with 404", false, backoff(false)},
+        {"for any status", 404, {}, 70, 130, "", false, backoff(true)},
+        {"Retry-After first", 503, {"Retry-After: 10"}, 7, 13, "", false, backoff(true)},
+        {"grows from the first",
+         503,
+         {"X-Retry-Behavior: exponential"},
+         70,
+         130,
+         "Using first back off value of:100 for exponential retry",
+         false,
+         backoff(true)},
+        {"as it stands",
+         503,
+         {},
+         100,
+         100,
+         "Ignoring X_RETRY_BEHAVIOR",
+         false,
+         [&](CHttpInterface& http)
+         {
+             backoff(true)(http);
+             http.SetRetryType(0);
+         }},
+    };
+    for (const RetryCase& one : cases)
+    {
+        LogCapture log("6");
+        HttpServer server([&one](HttpServer::Exchange& exchange)
+                          { exchange.Send(HttpServer::Answer(one.m_status, one.m_headers)); });
+        const std::string url =
+            one.m_status == 0 ? "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()) : server.Url("/");
+        CHttpInterface http(one.m_defaultRetries, "");
+        one.m_setUp(http);
+        Responses responses;
+        const IHttpInterface::OpHandle handle = Get(http, url, responses);
+        unsigned wait = 0;
+        if (one.m_lowest != 0)
+        {
+            const std::string begin = "Attempt:1 retrying GET in ";
+            ASSERT_TRUE(log.WaitFor(begin)) << one.m_what << log.Text();
+            const std::string text = log.Text();
+            wait = static_cast<unsigned>(std::stoul(text.substr(text.find(begin) + begin.size())));
+            EXPECT_TRUE(responses.Get().empty());
+            handle->Cancel();
+        }
+        ASSERT_TRUE(Come(responses, 1)) << one.m_what << log.Text();
+        EXPECT_TRUE(wait >= one.m_lowest && wait <= one.m_highest) << one.m_what << ": " << wait;
+        EXPECT_EQ(responses.Get().front().status, one.m_status);
+        EXPECT_EQ(handle->GetAttemptCount(), one.m_lowest != 0 ? 1 : 0) << one.m_what;
+        EXPECT_EQ(handle->WasRateLimited(), one.m_rateLimited) << one.m_what;
+        std::string line = one.m_line;
+        if (const std::size_t at = line.find("URL"); at != std::string::npos)
+        {
+            line.replace(at, 3, url);
+        }
+        EXPECT_TRUE(log.Contains(line)) << one.m_what << log.Text();
+    }
+}
+
+// Waits of a second, all at the same time.
+TEST(CHttpInterface, RetriesAreCountedAndWaitsGrowByTheTable)
+{
+    LogCapture log("3");
+    HttpServer server(
+        [](HttpServer::Exchange& exchange)
+        {
+            const std::string& target = exchange.Asked().m_target;
+            std::vector<std::string> headers;
+            if (target != "/table")
+            {
+                headers = {"Retry-After: 1"};
+            }
+            if (target == "/exponential")
+            {
+                headers.insert(headers.end(), {"X-Retry-Behavior: exponential", "X-Retry-Count: 2"});
+            }
+            if (target == "/endless")
+            {
+                headers.emplace_back("X-Retry-Count: -1");
+            }
+            exchange.Send(HttpServer::Answer(503, headers, target));
+        });
+    CHttpInterface http(false, "");
+    Responses responses;
+    const IHttpInterface::OpHandle endless = Get(http, server.Url("/endless"), responses);
+    const IHttpInterface::OpHandle byDefault = Get(http, server.Url("/default"), responses);
+    const IHttpInterface::OpHandle exponential = Get(http, server.Url("/exponential"), responses);
+    http.SetRetryStatusCodes({503});
+    const IHttpInterface::OpHandle table =
+        http.Delete(server.Url("/table"), "", Into(responses), 0, "", 0, 0, {}, {1, 1});
+    http.SetRetryBackoff({1}, true);
+    const IHttpInterface::OpHandle repeated = Get(http, server.Url("/table"), responses);
+    EXPECT_TRUE(log.WaitFor("Attempt:6 retrying GET in 1 seconds on " + server.Url("/endless"), 20s)) << log.Text();
+    EXPECT_TRUE(log.WaitFor("Attempt:3 retrying GET in 1 seconds on " + server.Url("/table"))) << log.Text();
+    ASSERT_TRUE(Come(responses, 3)) << log.Text();
+    endless->Cancel();
+    repeated->Cancel();
+    repeated->Cancel();
+    ASSERT_TRUE(Come(responses, 5));
+    EXPECT_EQ(byDefault->GetAttemptCount(), 4);
+    EXPECT_EQ(exponential->GetAttemptCount(), 2);
+    EXPECT_EQ(table->GetAttemptCount(), 2);
+    EXPECT_TRUE(log.Contains("Using exponential retry after value of:2 for retry attempt:1")) << log.Text();
+    std::map<std::string, int> asked;
+    for (const HttpServer::Request& request : server.Requests().Get())
+    {
+        ++asked[request.m_method + request.m_target];
+    }
+    EXPECT_EQ(asked["GET/default"], 5);
+    EXPECT_EQ(asked["GET/exponential"], 3);
+    EXPECT_EQ(asked["DELETE/table"], 3);
+}
+
+/// Answers "/hold..." as soon as it is let go, "/retry..." with a wait of an hour, all else at once.
+class HoldingServer final
+{
+public:
+    explicit HoldingServer()
+        : m_server(
+              [this](HttpServer::Exchange& exchange)
+              {
+                  const std::string& target = exchange.Asked().m_target;
+                  if (target.starts_with("/hold"))
+                  {
+                      m_free.WaitUntil(
+                          [number = exchange.Number()](int free) { return static_cast<int>(number) < free; }, 60s);
+                  }
+                  exchange.Send(target.starts_with("/retry") ? HttpServer::Answer(503, {"Retry-After: 3600"})
+                                                             : HttpServer::Answer(200, {}, target));
+              })
+    {
+    }
+    ~HoldingServer()
+    {
+        LetGo(1'000'000);
+    }
+    void LetGo(int requests) ///< the first so many
+    {
+        m_free.Set(requests);
+    }
+    bool HasBeenAsked(std::size_t times) const
+    {
+        return m_server.Requests().WaitUntil([times](const auto& all) { return all.size() == times; });
+    }
+    std::string Url(const std::string& target) const
+    {
+        return m_server.Url(target);
+    }
+
+private:
+    Watched<int> m_free{0};
+    HttpServer m_server;
+};
+
+std::vector<std::string> UrlsOf(const Responses& responses, std::size_t hostBytes)
+{
+    std::vector<std::string> urls;
+    for (const Http::HSMResponse& response : responses.Get())
+    {
+        urls.push_back(response.url.substr(hostBytes));
+    }
+    return urls;
+}
+
+TEST(CHttpInterface, CancelKeepsAWaitFromStartingAndLetsATransferEnd)
+{
+    Watched<bool> answer(false);
+    HttpServer server(
+        [&](HttpServer::Exchange& exchange)
+        {
+            answer.WaitFor(true, 60s);
+            const bool isDone = exchange.Asked().m_target == "/done";
+            exchange.Send(HttpServer::Answer(isDone ? 200 : 503, {"Retry-After: 3600"}, "the last answer"));
+        });
+    Responses responses;
+    std::optional<CHttpInterface> http(std::in_place, false, "");
+    const IHttpInterface::OpHandle handle = Get(*http, server.Url("/"), responses);
+    Get(*http, server.Url("/done"), responses); // its handle goes, it does not
+    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 2; }));
+    handle->Cancel();
+    http.reset(); // touches no request
+    EXPECT_TRUE(responses.Get().empty());
+    answer.Set(true);
+    ASSERT_TRUE(Come(responses, 2));
+    EXPECT_EQ(responses.Get().front().body, "the last answer");
+    EXPECT_EQ(server.Requests().Get().size(), 2u);
+    EXPECT_TRUE(AllThreadsEnd());
+}
+
+TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
+{
+    auto log = std::make_unique<LogCapture>("3");
+    HoldingServer server;
+    Responses responses;
+    const std::size_t host = server.Url("").size();
+    CHttpInterface http(false, "");
+    http.SetTimeout(60);
+    http.SetMaxRunningRequests(2);
+    // Two that wait for an hour hold up nobody; a third may not wait.
+    Get(http, server.Url("/retry1"), responses);
+    Get(http, server.Url("/retry2"), responses);
+    ASSERT_TRUE(log->WaitFor("seconds on " + server.Url("/retry1")) &&
+                log->WaitFor("seconds on " + server.Url("/retry2")));
+    Get(http, server.Url("/retry3"), responses);
+    ASSERT_TRUE(Come(responses, 1));
+    EXPECT_TRUE(log->Contains(server.Url("/retry3") + " is not retried")) << log->Text();
+    log.reset();
+    for (const std::string target : {"/hold1", "/hold2", "/hold3", "/4", "/5"})
+    {
+        Get(http, server.Url(target), responses);
+    }
+    ASSERT_TRUE(server.HasBeenAsked(5));
+    EXPECT_EQ(RequestThreads(), 4u);
+    server.LetGo(4); // the request that came fourth
+    ASSERT_TRUE(server.HasBeenAsked(6));
+    EXPECT_EQ(RequestThreads(), 4u);
+    ASSERT_TRUE(Come(responses, 2));
+    responses.Set({});
+
+    http.DiscardRequests();
+    ASSERT_TRUE(Come(responses, 2)) << "those that waited for their retry";
+    EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre("/retry1", "/retry2"));
+    responses.Set({});
+    server.LetGo(1000);
+    EXPECT_TRUE(AllThreadsEnd());
+    EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre(testing::StartsWith("/hold"), "/hold3"))
+        << "those in exchange; nobody else";
+    Get(http, server.Url("/new"), responses);
+    EXPECT_TRUE(Come(responses, 3));
+
+    // And those that wait for a proxy, which they would do for ever.
+    CHttpInterface proxied(false, "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()));
+    LogCapture again("3");
+    Get(proxied, server.Url("/"), responses);
+    ASSERT_TRUE(again.WaitFor("Failed to connect to the proxy, retrying connection after: 5"));
+    proxied.DiscardRequests();
+    ASSERT_TRUE(responses.WaitUntil([](const auto& all) { return all.size() == 4; }, 4s));
+    EXPECT_EQ(responses.Get().back().curlStatus, 7);
+    EXPECT_TRUE(AllThreadsEnd());
+}
+
+TEST(CHttpInterface, WithoutALimitAllRunAtOnceAndTheLogSaysSo)
+{
+    LogCapture log("2");
+    HoldingServer server;
+    Responses responses;
+    CHttpInterface http(false, "");
+    for (int i = 0; i < 22; ++i)
+    {
+        Get(http, server.Url("/hold"), responses);
+    }
+    EXPECT_TRUE(server.HasBeenAsked(22));
+    server.LetGo(22);
+    EXPECT_TRUE(Come(responses, 22));
+    EXPECT_TRUE(AllThreadsEnd());
+    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 3u) << log.Text();
+    EXPECT_TRUE(log.Contains("Potentially too many async tasks running: 22"));
+}
+
+// Wherever the wake falls, before, between or in the wait.
+TEST(EventWaiter, NoWakeIsLost)
+{
+    EventWaiter waiter;
+    EXPECT_EQ(waiter.Wait(0), EventWaiter::TIMED_OUT);
+    for (int i = 0; i < 300; ++i)
+    {
+        Watched<bool> go(false);
+        std::thread waker(
+            [&]
+            {
+                go.WaitFor(true);
+                waiter.Wake();
+            });
+        go.Set(true);
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(waiter.Wait(10), EventWaiter::WOKEN);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 9s);
+        waker.join();
+        EXPECT_EQ(waiter.Wait(10), EventWaiter::WOKEN) << "it stays woken";
+        waiter.Reset();
+    }
+}
+
+} // namespace
