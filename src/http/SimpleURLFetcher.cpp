@@ -7,7 +7,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <unistd.h>
 #include <utility>
 
@@ -388,7 +388,10 @@ bool SimpleURLFetcher::FixupRequestHeaders_(const std::string& contentType, cons
     };
     for (const auto& [name, value] : headers)
     {
-        add(name + ": " + value);
+        std::string line = name;
+        line += ": ";
+        line += value;
+        add(line);
     }
     if (!contentType.empty())
     {
