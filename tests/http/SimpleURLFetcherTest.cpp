@@ -295,7 +295,7 @@ TEST(FileFetcherCallback, PutsTheBodyOfASuccessIntoTheFileAndSaysSo)
         std::ifstream stream(path, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(stream), {});
     };
-    const std::string blocks(3 * 4096, 'x');
+    const std::string blocks(std::size_t{3} * 4096, 'x');
     EXPECT_FALSE(respond(404, "error page", path));
     EXPECT_FALSE(std::ifstream(path).good());
     for (const std::string& body : {std::string(), blocks, blocks + "y", blocks, blocks.substr(1) + "z"})
