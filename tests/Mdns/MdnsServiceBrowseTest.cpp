@@ -169,6 +169,19 @@ TEST_F(MdnsServiceBrowseTest, LateAnswersMakeNoProduct)
     Settle();
     EXPECT_THAT(*heard, SizeIs(2));
     EXPECT_TRUE(m_log.Contains("No callbacks for removed Service"));
+
+    // A failure that comes behind the report for which it was asked anew.
+    Announce("Hall", kRenderer, {{"GUID", "g-3"}});
+    m_mdns.FallSilent("Hall", kRenderer);
+    m_mdns.ReportAgain("Hall", kRenderer);
+    m_mdns.AnswerResolves();
+    Settle();
+    EXPECT_THAT(*heard, SizeIs(2));
+    m_mdns.Announce(FakeMdns::MakeService("Hall", kRenderer, {{"GUID", "g-3"}}));
+    m_mdns.AnswerResolves();
+    Settle();
+    EXPECT_THAT(*heard, SizeIs(3));
+    EXPECT_EQ(heard->back(), "ONLINE Hall g-3");
 }
 
 TEST_F(MdnsServiceBrowseTest, FiltersAndTypesDecideWhoHears)
@@ -285,8 +298,8 @@ TEST_F(MdnsServiceBrowseTest, WhatDoesNotResolveIsAskedForAgainUntilItDoes)
     AnnounceSilent({"Bath"});
     Withdraw("Kitchen", kRenderer);
     m_mdns.ClearCalls();
-    m_simulation.RunFor(7s);
-    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Bath"));
+    m_simulation.RunFor(25s);
+    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Bath", "resolve Bath"));
     m_mdns.KillDaemon();
     m_mdns.ClearCalls();
     m_simulation.RunFor(1h);
@@ -298,6 +311,7 @@ TEST_F(MdnsServiceBrowseTest, WhatDoesNotResolveIsAskedForAgainUntilItDoes)
     m_mdns.ClearCalls();
     m_simulation.RunFor(1h);
     EXPECT_THAT(m_mdns.Calls(), IsEmpty());
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_ERROR), 0U) << m_log.Text();
 }
 
 TEST_F(MdnsServiceBrowseTest, WhatIsNewIsAskedForBeforeWhatHasFailed)
