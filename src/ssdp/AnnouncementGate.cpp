@@ -191,8 +191,8 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     }
 
     const auto holder = m_holders.find(guid);
-    const bool isHeld = holder != m_holders.end() && holder->second != 0;
-    if (isHeld && holder->second != sender)
+    const bool isKnown = holder != m_holders.end();
+    if (isKnown && holder->second.sender != sender && !(holder->second.hasLeft && act == Act::ALIVE))
     {
         return HELD_BY_ANOTHER;
     }
@@ -203,14 +203,11 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     }
     if (act != Act::ALIVE)
     {
-        if (!isHeld)
+        if (!isKnown)
         {
             return NOT_ANNOUNCED;
         }
-        if (act == Act::BYEBYE)
-        {
-            holder->second = 0;
-        }
+        holder->second.hasLeft = holder->second.hasLeft || act == Act::BYEBYE;
         return std::nullopt;
     }
 
@@ -226,11 +223,11 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     {
         m_bareGuid = guid;
     }
-    m_holders[guid] = sender;
+    m_holders[guid] = {sender, false};
     return std::nullopt;
 }
 
-bool AnnouncementGate::IsWithinRate(Sender& sender, std::int64_t nowMs) const
+bool AnnouncementGate::IsWithinRate(Sender& sender, std::int64_t nowMs)
 {
     if (sender.messagesInWindow == 0 || nowMs - sender.windowStartMs >= 1000)
     {

@@ -111,11 +111,16 @@ private:
         int messagesInWindow = 0;
         int usns = 0;
     };
+    struct Holder
+    {
+        IPv4 sender;
+        bool hasLeft; ///< has said byebye: another address may announce it
+    };
     using LogTimes = std::array<std::int64_t, kReasons>;
 
     Act ActOf(const SsdpMessage& message) const;
     std::optional<Reason> Judge(Act act, const SsdpMessage& message, IPv4 sender, std::int64_t nowMs);
-    bool IsWithinRate(Sender& sender, std::int64_t nowMs) const;
+    static bool IsWithinRate(Sender& sender, std::int64_t nowMs);
     bool IsFetchable(std::string_view location, IPv4 sender) const;
     bool AreLocationsFetchable(const SsdpMessage& message, IPv4 sender) const;
     bool TakeUsn(const std::string& usn, IPv4 sender);
@@ -132,8 +137,8 @@ private:
     std::string m_bareGuid;
 
     std::unordered_map<IPv4, Sender> m_senders;
-    std::unordered_map<std::string, IPv4> m_usns;    ///< all that the browser may have, and who announced them
-    std::unordered_map<std::string, IPv4> m_holders; ///< guid -> who holds it; 0 after a byebye
+    std::unordered_map<std::string, IPv4> m_usns;      ///< all that the browser may have, and who announced them
+    std::unordered_map<std::string, Holder> m_holders; ///< by guid
     std::array<std::uint64_t, kReasons> m_refused{};
     std::map<IPv4, LogTimes> m_logged;
 };

@@ -71,7 +71,8 @@ InterfaceLink ReadInterfaceLink(const std::string& interfaceName)
         }
         const IPv4 address = AddressOf(row->ifa_addr);
         link.own.push_back(address);
-        if (interfaceName == row->ifa_name)
+        const std::string_view name = row->ifa_name; // of a further address perhaps its label, "eth0:1"
+        if (name.substr(0, name.find(':')) == interfaceName)
         {
             link.subnets.push_back({address, AddressOf(row->ifa_netmask)});
         }

@@ -37,7 +37,7 @@ struct InterfaceLink
     bool IsOwn(IPv4 address) const;
 };
 
-/// As the kernel has it now; empty where it cannot be read. Takes some ten microseconds, never waits.
+/// As the kernel has it now; empty where it cannot be read. A few system calls, never waits.
 InterfaceLink ReadInterfaceLink(const std::string& interfaceName);
 
 } // namespace SonarixService

@@ -1,5 +1,6 @@
-#include "GSSDPHandler.h"
+#include "GSSDPHandlerIF.h"
 
+#include "GSSDPHandlerFactory.h"
 #include "GlibLog.h"
 #include "LogCapture.h"
 #include "TestLan.h"
@@ -49,7 +50,7 @@ Event Unavailable(const std::string& guid)
 struct Unit
 {
     explicit Unit(const char* interface = "eth0")
-        : handler(std::make_unique<GSSDPHandler>(interface))
+        : handler(GSSDPHandlerFactory::Create(interface))
     {
         handler->RegisterForSearchStatus([this](GSSDPHandlerIF::SearchStatus status)
                                          { statuses.Change([status](auto& list) { list.push_back(status); }); });
@@ -80,7 +81,7 @@ struct Unit
 
     Watched<std::vector<GSSDPHandlerIF::SearchStatus>> statuses;
     Watched<Events> events;
-    std::unique_ptr<GSSDPHandler> handler; ///< ends first
+    std::shared_ptr<GSSDPHandlerIF> handler; ///< ends first
 };
 
 TEST(GSSDPHandlerTest, EachSearchReportsAnewWhatIsThere)
@@ -150,6 +151,14 @@ TEST(GSSDPHandlerTest, DatagramsThatWouldKillTheBrowserDoNotReachIt)
     ASSERT_TRUE(unit.Sees({Available("last", "10.77.0.2")})) << log.Text();
     EXPECT_THAT(unit.events.Get(), ElementsAre(Available("first", "10.77.0.2"), Available("last", "10.77.0.2")));
     EXPECT_TRUE(log.Contains("192.168.9.9 is not heard, the sender is not on the interface's link")) << log.Text();
+
+    // Each search looks at the link anew.
+    TestLan::Ip("address add 192.168.9.1/24 dev eth0 label eth0:1");
+    unit.events.Set({});
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 0));
+    ASSERT_TRUE(unit.Sees({Available("first", "10.77.0.2")})) << log.Text();
+    lan.Multicast("192.168.9.9", TestLan::Notify(kAlive, kTarget, Usn("stranger"), Description("192.168.9.9")));
+    EXPECT_TRUE(unit.Sees({Available("stranger", "192.168.9.9")})) << log.Text();
 }
 
 TEST(GSSDPHandlerTest, SearchesGoOnAfterTheLinkHasBeenAway)
