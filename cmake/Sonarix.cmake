@@ -31,9 +31,11 @@ function(sonarix_library NAME FOLDER)
         file(MAKE_DIRECTORY ${OUT})
         add_custom_command(
             OUTPUT ${OUT}/${STEM}.pb.cc ${OUT}/${STEM}.pb.h
-            COMMAND protobuf::protoc -I${DIR} -I${CMAKE_SOURCE_DIR}/src/platform/markup --cpp_out=${OUT} ${DIR}/${PROTO}
+            COMMAND protobuf::protoc "-I$<JOIN:$<TARGET_PROPERTY:${NAME},INCLUDE_DIRECTORIES>,;-I>"
+                --cpp_out=${OUT} ${DIR}/${PROTO}
             DEPENDS ${DIR}/${PROTO}
-            COMMENT "protoc ${PROTO}")
+            COMMENT "protoc ${PROTO}"
+            COMMAND_EXPAND_LISTS)
         list(APPEND GENERATED ${OUT}/${STEM}.pb.cc)
     endforeach()
 
@@ -57,13 +59,17 @@ function(sonarix_program NAME)
     target_link_libraries(${NAME} PRIVATE ${ARG_LINKS})
 endfunction()
 
-# sonarix_test(NAME FOLDER LINKS libraries...): one GoogleTest program of all
-# sources of FOLDER; each of its cases is a test of its own for CTest. The target
-# `unit-tests` builds all of these programs and what they run.
+# sonarix_test(NAME FOLDER [PREFIX text] [SOURCES files...] LINKS libraries...): one
+# GoogleTest program of these sources of FOLDER, or all; each of its cases is a test of
+# its own for CTest, named with PREFIX. The target `unit-tests` builds all of these
+# programs and what they run.
 add_custom_target(unit-tests)
 function(sonarix_test NAME FOLDER)
-    cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
+    cmake_parse_arguments(ARG "" "PREFIX" "SOURCES;LINKS" ${ARGN})
     file(GLOB SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.cpp)
+    if(ARG_SOURCES)
+        list(TRANSFORM ARG_SOURCES PREPEND ${CMAKE_SOURCE_DIR}/${FOLDER}/ OUTPUT_VARIABLE SOURCES)
+    endif()
     if(NOT SOURCES)
         return()
     endif()
@@ -73,7 +79,7 @@ function(sonarix_test NAME FOLDER)
     target_link_libraries(${NAME} PRIVATE ${ARG_LINKS} GTest::gmock GTest::gtest_main)
     set_target_properties(${NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
     add_dependencies(unit-tests ${NAME})
-    gtest_discover_tests(${NAME} PROPERTIES TIMEOUT 120 LABELS unit DISCOVERY_TIMEOUT 60)
+    gtest_discover_tests(${NAME} TEST_PREFIX "${ARG_PREFIX}" PROPERTIES TIMEOUT 120 LABELS unit DISCOVERY_TIMEOUT 60)
 endfunction()
 
 # A target `check-headers` that compiles every header of src/ alone.
@@ -88,5 +94,5 @@ function(sonarix_check_headers)
     endforeach()
     add_library(check-headers OBJECT EXCLUDE_FROM_ALL ${STUBS})
     target_compile_options(check-headers PRIVATE ${SONARIX_WARNINGS} -fsyntax-only)
-    target_link_libraries(check-headers PRIVATE sonarix_service sonarix_websocket sonarix_http)
+    target_link_libraries(check-headers PRIVATE sonarix_service sonarix_websocket sonarix_http sonarix_backoff)
 endfunction()

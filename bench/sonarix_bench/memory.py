@@ -13,7 +13,7 @@ from .world import World
 
 _SETTLE_SECONDS = 3
 _LIMITS = {500: "<= 16"}
-_SETTINGS = {machine.RECEIVE_BUFFER: RECEIVE_BUFFER}
+_SETTINGS = {machine.RECEIVE_BUFFER: RECEIVE_BUFFER, **machine.MANY_NEIGHBOURS}
 
 
 def run(options, say):

@@ -32,6 +32,7 @@ class LabCase(unittest.TestCase):
 
     shape = {"products": 3}
     convergence_seconds = CONVERGENCE_SECONDS
+    bin_dir = BIN_DIR
 
     @classmethod
     def setUpClass(cls):
@@ -40,7 +41,7 @@ class LabCase(unittest.TestCase):
         os.makedirs(LOGS, exist_ok=True)
         changes = cls.changes = cls.enterClassContext(
             open(os.path.join(LOGS, cls.__name__ + "-changes.log"), "w", encoding="utf-8", buffering=1))
-        cls.lab = Lab(**cls.shape, bin_dir=BIN_DIR, state_dir=cls.folder.name,
+        cls.lab = Lab(**cls.shape, bin_dir=cls.bin_dir, state_dir=cls.folder.name,
                       log_dir=os.path.join(LOGS, cls.__name__),
                       on_change=lambda seconds, text: print(f"{seconds:9.3f} s  {text}", file=changes))
         cls.lab.open()

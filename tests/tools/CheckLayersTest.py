@@ -8,7 +8,7 @@ import unittest
 CHECK = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../tools/check-layers")
 
 CMAKE = """
-set(ENGINE low) # the replaceable one
+set(ENGINE low CACHE STRING "The replaceable one") # by another engine
 sonarix_library(low src/low LINKS Threads::Threads)
 sonarix_library(hidden src/hidden LINKS low)
 sonarix_library(middle src/middle
@@ -40,6 +40,9 @@ class CheckLayers(unittest.TestCase):
              "src/high/High.cpp:1: Hidden.h: src/high does not link src/hidden"),
             ({"src/high/High.cpp": '#include "Gone.h"\n'}, "src/high/High.cpp:1: Gone.h: no such header under src/"),
             ({"src/stray/Stray.cpp": ""}, "src/stray/Stray.cpp: belongs to no sonarix_library"),
+            ({"CMakeLists.txt": CMAKE.replace("(ENGINE low", "(ENGINE product::engine").replace("LINKS low", "LINKS"),
+              "src/hidden/Hidden.h": '#include "Low.h"\n'},  # which does not link the product's engine
+             "src/hidden/Hidden.h:1: Low.h: src/hidden does not link src/low"),
         ):
             with tempfile.TemporaryDirectory() as root:
                 for path, text in {"CMakeLists.txt": CMAKE, **SOURCES, **changes}.items():

@@ -1,0 +1,1 @@
+../../src/platform/markup/ProtoToMarkup.h
