@@ -45,13 +45,3 @@ def switches_since(pid, before):
         if (voluntary, involuntary) != old:
             grown[thread] = (voluntary - old[0], involuntary - old[1])
     return grown
-
-
-def frames_sent(pid, interface="eth0"):
-    """Frames that the interface of a process's network namespace has sent."""
-    with open(f"/proc/{pid}/net/dev", encoding="ascii") as file:
-        for line in file:
-            name, _, counts = line.partition(":")
-            if name.strip() == interface:
-                return int(counts.split()[9])
-    raise OSError(f"no {interface} in the namespace of {pid}")

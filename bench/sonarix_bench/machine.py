@@ -3,8 +3,6 @@ import contextlib
 import os
 
 RECEIVE_BUFFER = "net/core/rmem_default"
-#: A product holds a connection to each neighbour, and the kernel an entry for each, of 1,024 at most by default.
-MANY_NEIGHBOURS = {"net/ipv4/neigh/default/gc_thresh2": 8192, "net/ipv4/neigh/default/gc_thresh3": 16384}
 
 
 @contextlib.contextmanager

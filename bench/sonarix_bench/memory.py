@@ -13,7 +13,7 @@ from .world import World
 
 _SETTLE_SECONDS = 3
 _LIMITS = {500: "<= 16"}
-_SETTINGS = {machine.RECEIVE_BUFFER: RECEIVE_BUFFER, **machine.MANY_NEIGHBOURS}
+_SETTINGS = {machine.RECEIVE_BUFFER: RECEIVE_BUFFER}
 
 
 def run(options, say):

@@ -9,26 +9,21 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../tools/lab"))
 
-from sonarix_lab import LabError, namespaces, processes  # noqa: E402
+from sonarix_lab import LabError, namespaces  # noqa: E402
 from sonarix_lab.certificates import Authority  # noqa: E402
+from sonarix_lab.crowd import PROGRAM as CROWD_PROGRAM, Crowd  # noqa: E402
 from sonarix_lab.laboratory import BIN_DIR  # noqa: E402
 from sonarix_lab.ledger import Ledger  # noqa: E402
-from sonarix_lab.product import Product, Surroundings, check_programs, guid_of, last_line  # noqa: E402
+from sonarix_lab.product import PROGRAMS, Product, Surroundings, check_programs, guid_of, last_line  # noqa: E402
 from sonarix_lab.reactor import Reactor  # noqa: E402
 
-from . import counters  # noqa: E402
-
-__all__ = ["BIN_DIR", "CROWD_NAME", "LabError", "World"]
+__all__ = ["BIN_DIR", "CROWD_GUID", "CROWD_NAME", "LabError", "Reader", "World"]
 
 #: What the names and the guids of the crowd begin with.
 CROWD_NAME = "Crowd"
 CROWD_GUID = "crowd-"
 
 _STATE_DIR = "/run/sonarix-bench"
-_CROWD_NETWORK = "10.77.32.0/20"
-#: Addresses of one crowd process: its namespace answers for all of them, so that no two may share any.
-_BLOCK = 512
-_BLOCKS = 8
 _START_SECONDS = 60
 _POLL_SECONDS = 0.02
 _QUIET_SECONDS = 2.0
@@ -49,7 +44,7 @@ class World:
         self._avahi = avahi
         self._log_dir = log_dir
         self._namespaces = []
-        self._crowds = []  # (process, namespace)
+        self._crowd = None
         self._ledger = self._reactor = self._scratch = None
         self.deaths = []
 
@@ -67,10 +62,8 @@ class World:
     def close(self):
         if self._ledger:
             self._ledger.kill_all()
-        for process, _ in self._crowds:
-            process.wait()
-            process.stdin.close()
-            process.stdout.close()
+        if self._crowd:
+            self._crowd.close()
         if self._reactor:
             self._reactor.stop()
         for namespace in self._namespaces:
@@ -98,12 +91,15 @@ class World:
             self._wait("its network status", lambda: self._answers("/network/status"))
 
     def quiet(self):
-        """Waits until the crowd has said nothing for two seconds."""
+        """Waits until the crowd has said nothing by mDNS for two seconds."""
         last, since = None, time.monotonic()
-        while time.monotonic() - since < _QUIET_SECONDS:
-            sent = [counters.frames_sent(namespace.pid) for _, namespace in self._crowds]
-            if sent != last:
-                last, since = sent, time.monotonic()
+        deadline = since + _START_SECONDS
+        while self._crowd and time.monotonic() - since < _QUIET_SECONDS:
+            packets = self._crowd.stats()["packets"]
+            if packets != last:
+                last, since = packets, time.monotonic()
+            if since > deadline:
+                raise LabError(f"the crowd is not quiet after {_START_SECONDS} s")
             time.sleep(0.1)
 
     def watch(self):
@@ -117,9 +113,7 @@ class World:
     # ---- inside --------------------------------------------------------------------------------------------------
 
     def _open(self):
-        if self._count > _BLOCK * _BLOCKS - _BLOCKS:
-            raise LabError(f"has no addresses for a crowd of {self._count}")
-        check_programs(self._bin_dir, ("gateway", "network", "service", "hub"), lan=False)
+        check_programs(self._bin_dir, PROGRAMS, lan=False, more=[CROWD_PROGRAM])
         self._ledger = Ledger(_STATE_DIR)
         self._reactor = Reactor()
         self._scratch = tempfile.mkdtemp(prefix="sonarix-bench-")
@@ -136,7 +130,8 @@ class World:
             for program in other.programs():
                 other.start(program)
         if self._count:
-            self._start_crowd(bridge)
+            self._crowd = Crowd(self._count)
+            self._crowd.start(around, bridge)
         self.product.start("dbus")
 
     def _add_product(self, bridge, around, authority, number):
@@ -144,7 +139,6 @@ class World:
         namespace = namespaces.Namespace(self._ledger, name)
         self._namespaces.append(namespace)
         bridge.plug(11 + number, namespace)
-        namespace.ip(f"route add {_CROWD_NETWORK} dev eth0")
         product = Product(name, guid_of(name), namespace, around)
         product.write_files(authority)
         path = namespace.path("/run/product/avahi.conf")
@@ -154,30 +148,6 @@ class World:
             file.write(text.replace("[server]\n", "[server]\n" + "".join(line + "\n" for line in self._avahi)))
         os.truncate(product.log_path("service"), 0) if os.path.exists(product.log_path("service")) else None
         return product
-
-    def _start_crowd(self, bridge):
-        """In three processes, or as many as have the addresses."""
-        blocks = max(min(3, self._count), -(-self._count // (_BLOCK - 2)))
-        share = -(-self._count // blocks)
-        for block in range(blocks):
-            count = min(share, self._count - block * share)
-            network = f"10.77.{32 + 2 * block}"
-            namespace = namespaces.Namespace(self._ledger, f"crowd-{block}", product=False)
-            self._namespaces.append(namespace)
-            bridge.plug(100 + block, namespace)
-            namespace.ip(f"route add local {network}.0/23 dev lo", f"route add {_CROWD_NETWORK} dev eth0")
-            process = subprocess.Popen(
-                [*namespace.enter(), os.path.join(self._bin_dir, "product-crowd"), "--count", str(count),
-                 "--interface", "eth0", "--first-address", f"{network}.1", "--first-index", str(block * share),
-                 "--name-prefix", CROWD_NAME, "--seed", str(block + 1)],
-                stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True,
-                env={**os.environ, processes.MARK: self._ledger.mark})
-            self._ledger.record(process.pid)
-            self._crowds.append((process, namespace))
-        for process, _ in self._crowds:
-            if not process.stdout.readline().startswith(b"ready"):
-                raise LabError("the crowd does not start; it says why on standard error")
-        self.quiet()
 
     def _wait(self, what, condition):
         deadline = time.monotonic() + _START_SECONDS
