@@ -47,6 +47,7 @@ struct FakeMdns::Lan
     bool hasBus = true;
     bool answersResolves = true;
     bool refusesResolves = false;
+    Script script;
     std::list<CallbackRegistry<>> connections; ///< of one connection each; last, as their ends touch the others
 
     CallbackConnection Until(const Callback<>& end)
@@ -74,15 +75,20 @@ struct FakeMdns::Lan
             if (daemonRuns && browsing.type == id.type)
             {
                 (browsing.*how)(id);
+                if (how == &Browsing::removed && script.removed)
+                {
+                    script.removed(id);
+                }
             }
         }
     }
-    void Answer(const Resolving& resolving) const
+    const MDNS::Service* Answer(const Resolving& resolving) const
     {
         const Key key{resolving.id.name, resolving.id.type};
         const bool isSeen = services.contains(key) && !silent.contains(key);
         resolving.resolved->Send(isSeen ? "host.local" : MDNS::kNotSeen,
                                  isSeen ? services.at(key) : MDNS::Service{resolving.id, {}, {}}, {});
+        return isSeen ? &services.at(key) : nullptr;
     }
 };
 
@@ -224,7 +230,12 @@ private:
         const Resolving resolving{ask->id, std::make_shared<CallbackRegistry<std::string, MDNS::Service>>()};
         const CallbackConnection connection = resolving.resolved->Connect(
             [this, ask](const std::string& host, const MDNS::Service& s) { m_resolves.Answer(ask, host, s); });
-        if (m_lan->answersResolves)
+        if (m_lan->script.resolving)
+        {
+            m_lan->script.resolving(ask->id, [lan = m_lan.get(), resolving, connection]
+                                    { return connection.IsConnected() ? lan->Answer(resolving) : nullptr; });
+        }
+        else if (m_lan->answersResolves)
         {
             m_lan->Answer(resolving);
         }
@@ -411,4 +422,9 @@ int FakeMdns::BrowsersMade() const
 int FakeMdns::PublishersMade() const
 {
     return m_lan->made["publisher"];
+}
+
+void FakeMdns::SetScript(const Script& script)
+{
+    m_lan->script = script;
 }

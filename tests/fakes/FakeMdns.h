@@ -4,6 +4,7 @@
 #include "MdnsTypes.h"
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -66,6 +67,16 @@ public:
     void ClearCalls();
     int BrowsersMade() const;
     int PublishersMade() const;
+
+    /// For scripts that decide themselves when a resolve is answered, and that keep book of what the browsers hear.
+    struct Script
+    {
+        /// Answers; gives what was told. Null: nobody waits any more, or the service was not seen.
+        using Answer = std::function<const MDNS::Service*()>;
+        std::function<void(const MDNS::ServiceId&, const Answer&)> resolving; ///< in place of an answer at once
+        std::function<void(const MDNS::ServiceId&)> removed;                  ///< to a browser of ours
+    };
+    void SetScript(const Script& script);
 
 private:
     class Backend;

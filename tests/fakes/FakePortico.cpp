@@ -44,6 +44,8 @@ struct Registered
 struct FakeConnection::State
 {
     mutable CThreadMutex mutex;
+    FakePorticoListener* listener = nullptr; ///< in its place nothing is kept
+    std::string serviceName;
     bool isOpen = true;
     CallbackRegistry<> connections; ///< calls nobody: it only knows which of them are in force
     std::list<Registered<Done>> waiting;
@@ -58,7 +60,10 @@ struct FakeConnection::State
                                 const T& value)
     {
         const ScopedMutex lock(mutex);
-        log.push_back(what + " " + path);
+        if (listener == nullptr)
+        {
+            log.push_back(what + " " + path);
+        }
         where.push_back({path, value, connections.Connect({})});
         return where.back().connection;
     }
@@ -66,6 +71,10 @@ struct FakeConnection::State
     void Close()
     {
         const ScopedMutex lock(mutex);
+        if (listener != nullptr && isOpen)
+        {
+            listener->Closed(serviceName);
+        }
         isOpen = false;
         connections.DisconnectAll();
         waiting.clear();
@@ -137,13 +146,25 @@ public:
                                 const double& /*version*/) override
     {
         const ScopedMutex lock(m_state->mutex);
-        m_state->requests[path].push_back(body);
+        if (m_state->listener != nullptr)
+        {
+            m_state->listener->Asked(m_state->serviceName, path);
+        }
+        else
+        {
+            m_state->requests[path].push_back(body);
+        }
         return m_state->Register(m_state->waiting, Name(verb), path, done);
     }
 
     void SendNotification(const std::string& path, const google::protobuf::Message& message,
                           const double& /*version*/) override
     {
+        if (m_state->listener != nullptr)
+        {
+            m_state->listener->Notified(path, message);
+            return;
+        }
         const std::string text = Text(message);
         const ScopedMutex lock(m_state->mutex);
         m_state->log.push_back("NOTIFY " + path);
@@ -305,6 +326,12 @@ FakePortico::~FakePortico()
     Portico::PorticoClient::SetFactoryOverride(nullptr);
 }
 
+void FakePortico::SetListener(FakePorticoListener* listener)
+{
+    const ScopedMutex lock(m_mutex);
+    m_listener = listener;
+}
+
 std::shared_ptr<FakeConnection> FakePortico::Find(const std::string& serviceName) const
 {
     const ScopedMutex lock(m_mutex);
@@ -329,6 +356,12 @@ std::shared_ptr<PorticoClientIF> FakePortico::Create(const std::string& serviceN
     auto connection = std::make_shared<FakeConnection>(serviceName, host, port, subProtocol, guid, heartbeatCallback);
     auto client = std::make_shared<FakeConnection::Client>(connection->m_state);
     const ScopedMutex lock(m_mutex);
-    m_made.push_back(std::move(connection));
+    m_made.push_back(connection);
+    if (m_listener != nullptr)
+    {
+        connection->m_state->listener = m_listener;
+        connection->m_state->serviceName = serviceName;
+        m_listener->Opened(connection);
+    }
     return client;
 }

@@ -81,6 +81,17 @@ private:
     const std::shared_ptr<State> m_state;
 };
 
+/// Hears of what the tested code does with its connections, on the thread that does it, at that moment.
+class FakePorticoListener
+{
+public:
+    virtual ~FakePorticoListener() = default;
+    virtual void Opened(const std::shared_ptr<FakeConnection>& connection) = 0;
+    virtual void Closed(const std::string& serviceName) = 0;
+    virtual void Asked(const std::string& serviceName, const std::string& path) = 0;
+    virtual void Notified(const std::string& path, const google::protobuf::Message& message) = 0;
+};
+
 /// The gateway in the same process, for the simulated engine and for real tasks. Takes the place of the client
 /// library from its construction to its end. Never answers by itself.
 ///
@@ -99,6 +110,9 @@ public:
     FakePortico();
     ~FakePortico() override;
 
+    /// For connections made from now on; they keep no Requests(), Notifications() and Log(), for the sake of long runs.
+    void SetListener(FakePorticoListener* listener);
+
     /// The latest connection of that service name, open or not; null where there was none.
     std::shared_ptr<FakeConnection> Find(const std::string& serviceName) const;
     /// Every connection made so far, in order.
@@ -113,4 +127,5 @@ public:
 private:
     mutable CThreadMutex m_mutex;
     std::vector<std::shared_ptr<FakeConnection>> m_made;
+    FakePorticoListener* m_listener = nullptr;
 };

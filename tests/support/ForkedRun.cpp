@@ -17,7 +17,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr int kExceptionStatus = 125;
-constexpr std::chrono::seconds kLimit{60};
 
 [[noreturn]] void RunChild(int output, const std::function<int()>& body)
 {
@@ -73,7 +72,7 @@ std::string ForkedResult::HowItEnded() const
     return m_signal != 0 ? "signal " + std::to_string(m_signal) : "status " + std::to_string(m_exitStatus);
 }
 
-ForkedResult RunForked(const std::function<int()>& body)
+ForkedResult RunForked(const std::function<int()>& body, std::chrono::seconds limit)
 {
     int ends[2];
     if (::pipe(ends) != 0)
@@ -93,7 +92,7 @@ ForkedResult RunForked(const std::function<int()>& body)
     }
     ::close(ends[1]);
     ForkedResult result;
-    result.m_timedOut = !ReadUntilClosed(ends[0], Clock::now() + kLimit, result.m_output);
+    result.m_timedOut = !ReadUntilClosed(ends[0], Clock::now() + limit, result.m_output);
     ::close(ends[0]);
     if (result.m_timedOut)
     {

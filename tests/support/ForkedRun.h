@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -22,5 +23,5 @@ struct ForkedResult
 };
 
 /// Runs `body` in a process of its own, which leaves by _exit with what `body` returns (125 and the text for a
-/// std::exception). One that takes longer than a minute is killed. `body` starts no thread where the caller has some.
-ForkedResult RunForked(const std::function<int()>& body);
+/// std::exception). One that takes longer than `limit` is killed. `body` starts no thread where the caller has some.
+ForkedResult RunForked(const std::function<int()>& body, std::chrono::seconds limit = std::chrono::seconds(60));

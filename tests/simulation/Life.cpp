@@ -1,0 +1,376 @@
+#include "Life.h"
+
+#include "World.h"
+
+#include <chrono>
+#include <vector>
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+
+namespace
+{
+
+/// Long enough for the slowest check, answer and resolve.
+constexpr minutes kSettled{5};
+
+bool IsCrowd(std::uint64_t seed)
+{
+    return seed % 20 == 0;
+}
+
+milliseconds CheckPeriod(std::uint64_t seed)
+{
+    const std::vector<seconds> periods = IsCrowd(seed) ? std::vector{seconds(30), seconds(60)}
+                                                       : std::vector{seconds(5), seconds(15), seconds(30), seconds(60)};
+    return periods[seed / 20 % periods.size()];
+}
+
+} // namespace
+
+/// What happens, and when.
+class Life::Script
+{
+public:
+    Script(World& world, std::uint64_t seed)
+        : m_world(world)
+        , m_isCrowd(IsCrowd(seed))
+    {
+        m_world.devices.resize(m_isCrowd ? 300 : 30);
+        for (Device& device : m_world.devices)
+        {
+            device.guid = NewName("g");
+            device.name = NewName("Device ");
+            device.address = NewAddress();
+            device.isTalkative = !OneIn(3);
+            device.speaksSsdp = OneIn(4);
+            device.clockName = OneIn(m_isCrowd ? 100 : 15) ? OneIn(3) ? Any().name : device.name : "";
+            if (OneIn(30))
+            {
+                device.guid = Any().guid; // two of one guid
+            }
+            if (OneIn(60))
+            {
+                device.guid = OneIn(2) ? Model::kOwn : "";
+            }
+            if (OneIn(40))
+            {
+                device.ecosystem = "another";
+            }
+        }
+    }
+
+    /// Until the first word about the network: what is found is held back.
+    void Begin()
+    {
+        for (Device& device : m_world.devices)
+        {
+            if (!OneIn(3))
+            {
+                Appear(device); // the mDNS daemon knows it before we are there
+            }
+        }
+        m_world.StartService();
+        Later(Upto(5000), [this] { OneIn(3) ? m_world.FailFirstStatus() : ChangeNetwork(); });
+        Burst();
+        SetUp();
+    }
+
+    void Burst()
+    {
+        const std::uint64_t spread = OneIn(2) ? 2'000 : 60'000;
+        for (std::uint64_t left = 1 + Random(OneIn(4) ? 15 : 4); left > 0; --left)
+        {
+            Later(Upto(spread), [this] { Happen(); });
+        }
+        m_world.simulation.RunFor(milliseconds(spread));
+    }
+
+    void BeQuiet()
+    {
+        while (m_world.NowMs() < m_lastMs + milliseconds(kSettled).count())
+        {
+            m_world.simulation.RunFor(kSettled);
+        }
+        m_world.Compare(true);
+        if (!m_world.Failure().empty())
+        {
+            return;
+        }
+        milliseconds pause = Upto(600'000);
+        pause = OneIn(3) ? minutes(20) + Upto(1'500'000) : pause; // about when an absent product is given up
+        pause = OneIn(8) ? hours(4) + Upto(12'000'000) : pause;   // about when the sources are asked again
+        m_world.simulation.RunFor(pause);
+    }
+
+private:
+    void Happen()
+    {
+        using Event = void (Script::*)();
+        static const std::vector<std::pair<unsigned, Event>> s_events{
+            {20, &Script::ComeOrGo},     {6, &Script::Rename},         {4, &Script::ChangeAddress},
+            {3, &Script::ChangeGuid},    {8, &Script::ChangeAnswers},  {4, &Script::ChangeMute},
+            {4, &Script::SpeakAgain},    {4, &Script::Children},       {3, &Script::Advertise},
+            {2, &Script::RestartDaemon}, {2, &Script::RestartGateway}, {1, &Script::PowerCut},
+        };
+        if (OneIn(m_isCrowd ? 100 : 12))
+        {
+            ChangeNetwork();
+            return;
+        }
+        std::uint64_t chance = Random(61);
+        for (const auto& [weight, event] : s_events)
+        {
+            if (chance < weight)
+            {
+                (this->*event)();
+                return;
+            }
+            chance -= weight;
+        }
+    }
+
+    void Appear(Device& device)
+    {
+        m_world.Say(device.name + " appears: " + device.guid);
+        device.isThere = true;
+        m_world.Announce(device);
+        Changed(device);
+    }
+    void Vanish(Device& device, bool saysGoodbye)
+    {
+        m_world.Say(device.name + (saysGoodbye ? " says goodbye" : " falls silent"));
+        device.isThere = false;
+        if (saysGoodbye)
+        {
+            m_world.Withdraw(device);
+        }
+        Changed(device);
+    }
+    void Changed(const Device& device)
+    {
+        m_world.Reconsider(device.guid);
+        Later(Upto(500), [this, &device] { m_world.SpeakSsdp(device); });
+    }
+
+    void ComeOrGo()
+    {
+        Device& device = Any();
+        if (device.isThere)
+        {
+            Vanish(device, OneIn(2));
+        }
+        else if (OneIn(5))
+        {
+            Vanish(device, true); // its records run out
+        }
+        else
+        {
+            if (OneIn(2))
+            {
+                m_world.Withdraw(device); // else it is back before its records have run out: nobody hears of it
+            }
+            Later(Upto(3000), [this, &device] { Appear(device); });
+        }
+    }
+    void Rename()
+    {
+        Device& device = Any();
+        m_world.Say(device.name + " is renamed");
+        const bool isAnnounced = m_world.IsAnnounced(device);
+        m_world.Withdraw(device);
+        device.name = NewName("Device ");
+        device.clockName = device.clockName.empty() ? "" : device.name;
+        ++device.version;
+        if (isAnnounced)
+        {
+            Later(Upto(100), [this, &device] { m_world.Announce(device); });
+        }
+        m_world.Push(device.guid);
+    }
+    void ChangeAddress()
+    {
+        Device& device = Any();
+        device.address = NewAddress();
+        m_world.Say(device.name + " moves to " + device.address);
+        if (m_world.IsAnnounced(device))
+        {
+            m_world.Announce(device); // of which browsers hear nothing
+        }
+        if (OneIn(2))
+        {
+            m_world.Push(device.guid);
+        }
+    }
+    void ChangeGuid()
+    {
+        Device& device = Any();
+        Vanish(device, !OneIn(4)); // else the same instance shows another guid
+        device.guid = NewName("g");
+        Later(Upto(3000), [this, &device] { Appear(device); });
+    }
+    void ChangeAnswers()
+    {
+        using Answers = Device::Answers;
+        static const std::vector<Answers> s_answers{Answers::RIGHT, Answers::RIGHT,     Answers::RIGHT,
+                                                    Answers::LATE,  Answers::ERROR,     Answers::GARBAGE,
+                                                    Answers::NEVER, Answers::AS_ANOTHER};
+        Device& device = Any();
+        device.answers = s_answers[Random(s_answers.size())];
+        device.claims = OneIn(6) ? Model::kOwn : OneIn(3) ? NewName("g") : Any().guid;
+        ++device.version;
+        m_world.Say(device.name + " answers by " + std::to_string(static_cast<int>(device.answers)));
+        m_world.Reconsider(device.guid);
+        m_world.Push(device.guid);
+    }
+    void ChangeMute()
+    {
+        Device& device = Any();
+        m_world.Say(device.name + " can't be resolved for a while");
+        m_world.SetMute(device, true);
+        Later(Upto(200'000), [this, &device] { m_world.SetMute(device, false); });
+    }
+    void SpeakAgain()
+    {
+        const Device& device = Any();
+        m_world.Say(device.name + " is reported again");
+        m_world.ReportAgain(device, OneIn(3));
+        m_world.SpeakSsdp(device);
+    }
+    void Children()
+    {
+        const std::string guid = OneIn(20) ? Model::kOwn : OneIn(2) ? Any().guid : "c" + std::to_string(Random(4));
+        OneIn(3) ? m_world.DeleteChild(guid) : m_world.PostChild(guid, NewName("Child "), OneIn(2));
+    }
+    void Advertise()
+    {
+        m_world.Advertise(OneIn(3) ? Any().name : NewName("Own "));
+    }
+    void RestartDaemon()
+    {
+        if (m_world.IsDaemonRunning() && (!m_isCrowd || OneIn(3)))
+        {
+            m_world.KillDaemon();
+            Later(Upto(OneIn(2) ? 1000 : 40'000), [this] { m_world.StartDaemon(); });
+        }
+    }
+    void RestartGateway()
+    {
+        m_world.RestartGateway(Upto(5000));
+    }
+    void PowerCut()
+    {
+        const std::size_t first = Random(m_world.devices.size());
+        for (std::size_t i = first; i < std::min(first + m_world.devices.size() / 3, m_world.devices.size()); ++i)
+        {
+            Vanish(m_world.devices[i], false);
+            Later(seconds(20) + Upto(60'000), [this, i] { Appear(m_world.devices[i]); });
+        }
+    }
+    void ChangeNetwork()
+    {
+        const std::string address = OneIn(4) ? NewAddress() : "10.0.0.1";
+        switch (Random(6))
+        {
+        case 0:
+            m_world.SetStatus(false, "", true);
+            break;
+        case 1:
+            m_world.SetStatus(false, address, true); // an access point for the set-up
+            break;
+        case 2:
+            m_world.SetStatus(true, "", true); // no address yet
+            break;
+        case 3:
+            m_world.SetStatus(true, address, false);
+            break;
+        default:
+            SetUp();
+            return;
+        }
+        if (!OneIn(5))
+        {
+            Later(OneIn(2) ? Upto(2000) : Upto(2'000'000), [this] { SetUp(); });
+        }
+    }
+    void SetUp()
+    {
+        m_world.SetStatus(true, OneIn(4) ? NewAddress() : "10.0.0.1", true);
+        if (!OneIn(4))
+        {
+            Later(Upto(1000), [this] { Advertise(); }); // as the sibling does at each rise
+        }
+    }
+
+    void Later(milliseconds delay, const std::function<void()>& event)
+    {
+        m_world.At(delay,
+                   [this, event]
+                   {
+                       m_lastMs = m_world.NowMs();
+                       event();
+                   });
+    }
+    std::uint64_t Random(std::uint64_t bound)
+    {
+        return m_world.simulation.Random(bound);
+    }
+    bool OneIn(std::uint64_t bound)
+    {
+        return Random(bound) == 0;
+    }
+    milliseconds Upto(std::uint64_t ms)
+    {
+        return milliseconds(1 + Random(ms));
+    }
+    Device& Any()
+    {
+        return m_world.devices[Random(m_world.devices.size())];
+    }
+    std::string NewName(const std::string& prefix)
+    {
+        return prefix + std::to_string(++m_names);
+    }
+    std::string NewAddress()
+    {
+        return "10.0." + std::to_string(1 + Random(200)) + "." + std::to_string(1 + Random(200));
+    }
+
+    World& m_world;
+    const bool m_isCrowd;
+    unsigned m_names = 0;
+    std::int64_t m_lastMs = 0; ///< when the world was changed last
+};
+
+Life::Life(std::uint64_t seed)
+    : m_world(std::make_unique<World>(seed, seed % 7 == 3, CheckPeriod(seed)))
+    , m_script(std::make_unique<Script>(*m_world, seed))
+{
+}
+
+Life::~Life() = default;
+
+std::string Life::Run(int days)
+{
+    const auto isOver = [this, end = IL::Engine::Current().NowMs() + milliseconds(hours(24 * days)).count()]
+    { return IL::Engine::Current().NowMs() >= end || !m_world->Failure().empty(); };
+    m_script->Begin();
+    while (!isOver())
+    {
+        m_script->Burst();
+        m_script->BeQuiet();
+    }
+    return m_world->Failure();
+}
+
+std::uint64_t Life::Events() const
+{
+    return m_world->simulation.Events();
+}
+
+std::size_t Life::Comparisons() const
+{
+    return m_world->Comparisons();
+}

@@ -1,0 +1,10 @@
+#include "Life.h"
+#include "SeedRunner.h"
+
+#include <gtest/gtest.h>
+
+// A few short lives, for each build; tests/simulation/Main.cpp runs long ones.
+TEST(SimulationTest, AfterEachQuietTimeThePagesAreAsTheWorldHasIt)
+{
+    SeedRunner::ForEach(SeedRunner::Range(1, 8), [](std::uint64_t seed) { EXPECT_EQ(Life(seed).Run(1), ""); });
+}
