@@ -13,6 +13,7 @@
 #include <atomic>
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace SonarixService
 {
@@ -45,6 +46,37 @@ void PutBackAddress(Sonarix::ProductInfo& info, const std::optional<std::string>
         info.clear_ipaddress();
     }
 }
+
+/// A list whose rows stay the table's. Each change of a row publishes all of them, and a copy of hundreds, made and
+/// freed for each, costs more than the rest of the change.
+class LentProductList final
+{
+public:
+    explicit LentProductList(const std::vector<const Sonarix::Product*>& rows)
+    {
+        for (const Sonarix::Product* const row : rows)
+        {
+            m_list.mutable_products()->UnsafeArenaAddAllocated(const_cast<Sonarix::Product*>(row)); // lent as const
+        }
+    }
+    ~LentProductList()
+    {
+        while (m_list.products_size() > 0)
+        {
+            m_list.mutable_products()->UnsafeArenaReleaseLast();
+        }
+    }
+    LentProductList(const LentProductList&) = delete;
+    LentProductList& operator=(const LentProductList&) = delete;
+
+    const Sonarix::ProductList& Get() const
+    {
+        return m_list;
+    }
+
+private:
+    Sonarix::ProductList m_list;
+};
 
 } // namespace
 
@@ -175,8 +207,7 @@ void DiscoveryServiceAggregator::InitializeProtocols(const ProductMode& mode, co
 
 void DiscoveryServiceAggregator::GetProductList(Sonarix::ProductList& list)
 {
-    list.Clear();
-    list.MergeFrom(AggregateSourcesIntoProductList());
+    list = AggregateSourcesIntoProductList();
 }
 
 void DiscoveryServiceAggregator::GetMyProductInfo(const Callback<Sonarix::ProductInfo>& response,
@@ -284,9 +315,9 @@ void DiscoveryServiceAggregator::HandleRemoveChild(const Sonarix::Product& produ
     NotifyProductList();
 }
 
-Sonarix::ProductList DiscoveryServiceAggregator::AggregateSourcesIntoProductList() const
+std::vector<const Sonarix::Product*> DiscoveryServiceAggregator::CollectRows() const
 {
-    Sonarix::ProductList list;
+    std::vector<const Sonarix::Product*> rows;
     for (const auto& [guid, product] : m_products)
     {
         if (m_children.contains(guid))
@@ -295,19 +326,29 @@ Sonarix::ProductList DiscoveryServiceAggregator::AggregateSourcesIntoProductList
                    "Skip adding product with guid " << guid << " to the combined list because it is our child");
             continue;
         }
-        *list.add_products() = product;
+        rows.push_back(&product);
     }
     for (const auto& [guid, product] : m_children)
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
                "Adding child product with guid " << guid << " to the combined list");
-        *list.add_products() = product;
+        rows.push_back(&product);
     }
-    for (const Sonarix::Product& product : list.products())
+    for (const Sonarix::Product* const product : rows)
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
-               "Combined product Guid: |" << product.productinfo().guid() << "| "
-                                          << " State: |" << SXCommon::ProductState_Name(product.state()) << "| ");
+               "Combined product Guid: |" << product->productinfo().guid() << "| "
+                                          << " State: |" << SXCommon::ProductState_Name(product->state()) << "| ");
+    }
+    return rows;
+}
+
+Sonarix::ProductList DiscoveryServiceAggregator::AggregateSourcesIntoProductList() const
+{
+    Sonarix::ProductList list;
+    for (const Sonarix::Product* const product : CollectRows())
+    {
+        *list.add_products() = *product;
     }
     return list;
 }
@@ -315,7 +356,8 @@ Sonarix::ProductList DiscoveryServiceAggregator::AggregateSourcesIntoProductList
 void DiscoveryServiceAggregator::NotifyProductList()
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "");
-    m_productListRegistry.Send(AggregateSourcesIntoProductList(), CallbackConnection());
+    const LentProductList list(CollectRows());
+    m_productListRegistry.Send(list.Get(), CallbackConnection());
 }
 
 } // namespace SonarixService

@@ -96,6 +96,7 @@ private:
     void TrackProduct(const Sonarix::Product& product);
     void HandleAddChild(const Sonarix::Product& product);
     void HandleRemoveChild(const Sonarix::Product& product);
+    std::vector<const Sonarix::Product*> CollectRows() const;
     Sonarix::ProductList AggregateSourcesIntoProductList() const;
     void NotifyProductList();
 

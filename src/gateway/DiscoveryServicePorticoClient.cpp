@@ -98,7 +98,9 @@ DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF*
             SendMyProductInfoNotification(info);
         },
         m_task));
-    m_aggregator->RegisterForProductList(AsyncCallback<Sonarix::ProductList>(
+    // The sender is on this task, too, and is not left again: of a burst of answers, each would leave a whole list in
+    // the task's queue, behind the answers that follow.
+    m_aggregator->RegisterForProductList(
         [this, alive](const Sonarix::ProductList& list)
         {
             if (alive.expired())
@@ -107,8 +109,7 @@ DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF*
             }
             DPRINT(s_log, DPrint::LEVEL_INFO, "sending product list notification");
             m_portico->SendNotification(kProductsPath, list, kVersion);
-        },
-        m_task));
+        });
 }
 
 DiscoveryServicePorticoClient::~DiscoveryServicePorticoClient() = default;

@@ -135,6 +135,7 @@ TEST_F(DiscoveryServicePorticoClientTest, OwnInfoAndListAreServedAndNotifiedAtTh
     list.add_products()->set_state(SXCommon::OFFLINE);
     list.add_products()->mutable_productinfo()->set_guid("b");
     m_aggregator->productLists.Send(list, CallbackConnection());
+    EXPECT_THAT(m_gateway->Notifications("/sonarix/products"), SizeIs(1)) << "a whole list waits in the task's queue";
     m_aggregator->productInfos.Send(m_aggregator->info, CallbackConnection());
     m_client->SendSonarixNotification(list.products(1));
     m_simulation.RunUntilIdle();
