@@ -57,6 +57,11 @@ TEST(Markup, UnknownFieldsAndEnumeratorsLeaveTheirFieldUnset)
     EXPECT_EQ(field.ShortDebugString(), R"(name: "n")");
     FromJson(R"({"type":"TYPE_BOOL","label":1,"typeName":"t"})", &field); // replaces
     EXPECT_EQ(field.ShortDebugString(), R"(label: LABEL_OPTIONAL type: TYPE_BOOL type_name: "t")");
+    FromJson(R"({"type":4294967296,"label":"1","number":"7","extendee":"first","extendee":"x"})", &field);
+    EXPECT_EQ(field.ShortDebugString(), R"(extendee: "x" number: 7 label: LABEL_OPTIONAL)");
+    DescriptorProto lists; // lose what is unset, and of a list given twice the last counts
+    FromJson(R"({"reserved_name":["a"],"field":[null,{"type":"TYPE_NEW"}],"reserved_name":["b",null]})", &lists);
+    EXPECT_EQ(lists.ShortDebugString(), R"(field { } reserved_name: "b")");
     const std::size_t before = log.Count(DPrint::LEVEL_ERROR);
     FromJson(R"({"label":"LABEL_LATER"})", &field);
     FromJson(R"({"label":"LABEL_LATER"})", &field);
@@ -70,11 +75,13 @@ TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
     {
         deep += R"({"nested_type":[)";
     }
-    std::vector<std::string> texts = {"", "null", R"([{"name":"x"}])", "{", deep};
+    std::vector<std::string> texts = {"",  "null", "\xef\xbb\xbf{}", std::string("{}\0{}", 5), R"([{"name":"x"}])",
+                                      "{", deep};
     for (const char* member :
          {R"("name":1)", R"("name":{"x":1})", R"("name":"x",)", R"("name":"x"} x)", R"("name":"\ud800")",
           "\"name\":\"\xff\"", R"("field":{"name":"x"})", R"("field":["x"])", R"("field":[{"number":1.5}])",
-          R"("field":[{"number":99999999999}])", R"("reserved_name":["x",1])", R"("options":{"deprecated":1})"})
+          R"("field":[{"type":1.5}])", R"("field":[{"number":99999999999}])", R"("reserved_name":["x",1])",
+          R"("reserved_name":[["x"]])", R"("options":{"deprecated":1})"})
     {
         texts.push_back(std::string("{") + member + "}");
     }

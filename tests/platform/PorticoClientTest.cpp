@@ -104,6 +104,12 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     {
         gateway.SendText(frame);
     }
+    std::string members; // such as a hostile product's answer may have
+    for (int count = 0; count < 100000; ++count)
+    {
+        members += '"' + std::to_string(count) + "\":0,";
+    }
+    gateway.SendText(R"({"id":999,"result":{)" + members + R"("last":0}})");
     gateway.Notify("/other", {{"a", 1}});
     gateway.Request(77, "get", "/mine", nullptr);
     EXPECT_EQ(gateway.TakeAnswer(), json({{"jsonrpc", "2.0"}, {"id", 77}, {"result", {{"code", 1}}}}));

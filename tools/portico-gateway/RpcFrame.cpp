@@ -1,6 +1,6 @@
 #include "RpcFrame.h"
 
-#include "JsonNesting.h"
+#include "JsonBounds.h"
 
 #include <nlohmann/json.hpp>
 
@@ -176,9 +176,9 @@ Answer Answer::Error(int code, const std::string& message, const std::string& gu
 
 Frame ParseFrame(const std::string& text)
 {
-    if (JsonText::IsNestedTooDeep(text)) // values are written out again, a stack frame a level
+    if (JsonText::IsTooComplex(text)) // values are written out again, a stack frame a level
     {
-        return Invalid(PARSE_ERROR, "nested too deep");
+        return Invalid(PARSE_ERROR, "nested too deep, or too many members");
     }
     const Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (document.is_discarded())

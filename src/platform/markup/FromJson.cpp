@@ -1,5 +1,5 @@
 #include "DPrint.h"
-#include "JsonNesting.h"
+#include "JsonBounds.h"
 #include "ProtoToMarkup.h"
 
 #include <google/protobuf/descriptor.h>
@@ -7,11 +7,14 @@
 #include <google/protobuf/util/json_util.h>
 #include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 
 namespace
 {
@@ -38,13 +41,22 @@ void TellUnknownEnumerator(const FieldDescriptor& field, const std::string& valu
     }
 }
 
+bool IsWhole(const json& value)
+{
+    return value.is_number() && std::trunc(value.get<double>()) == value.get<double>();
+}
+
 bool IsKnownEnumerator(const json& value, const google::protobuf::EnumDescriptor& type)
 {
-    if (value.is_string())
+    if (value.is_string() && type.FindValueByName(value.get<std::string>()) != nullptr)
     {
-        return type.FindValueByName(value.get<std::string>()) != nullptr;
+        return true;
     }
-    return !value.is_number_integer() || type.FindValueByNumber(value.get<int>()) != nullptr;
+    const json number =
+        value.is_string() ? json::parse(value.get<std::string>(), nullptr, /*allow_exceptions=*/false) : value;
+    return (value.is_string() ? number.is_number_integer() : IsWhole(number)) &&
+           std::fabs(number.get<double>()) <= std::numeric_limits<int>::max() &&
+           type.FindValueByNumber(number.get<int>()) != nullptr;
 }
 
 const FieldDescriptor* FindField(const Descriptor& type, const std::string& key)
@@ -53,26 +65,33 @@ const FieldDescriptor* FindField(const Descriptor& type, const std::string& key)
     return field != nullptr ? field : type.FindFieldByCamelcaseName(key);
 }
 
-void CheckKinds(const json& object, const Descriptor& type);
+void Prepare(json& object, const Descriptor& type);
 
-void CheckElement(const json& value, const FieldDescriptor& field)
+/// Unset or left out becomes null.
+void PrepareElement(json& value, const FieldDescriptor& field)
 {
     if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE && value.is_object())
     {
-        CheckKinds(value, *field.message_type());
+        Prepare(value, *field.message_type());
     }
-    if (field.cpp_type() == FieldDescriptor::CPPTYPE_ENUM && !IsKnownEnumerator(value, *field.enum_type()))
+    else if (field.cpp_type() == FieldDescriptor::CPPTYPE_ENUM && (value.is_string() || IsWhole(value)))
     {
-        TellUnknownEnumerator(field, value.is_string() ? value.get<std::string>() : value.dump());
+        if (!IsKnownEnumerator(value, *field.enum_type()))
+        {
+            TellUnknownEnumerator(field, value.dump(-1, ' ', /*ensure_ascii=*/true));
+            value = nullptr;
+        }
     }
-    if (field.cpp_type() == FieldDescriptor::CPPTYPE_BOOL && !value.is_boolean())
+    else if (value.is_array() || (field.cpp_type() == FieldDescriptor::CPPTYPE_ENUM && value.is_number()) ||
+             (field.cpp_type() == FieldDescriptor::CPPTYPE_BOOL && !value.is_boolean()))
     {
-        throw ProtoToMarkup::MarkupError("field " + field.full_name() + " is no boolean");
+        throw ProtoToMarkup::MarkupError("field " + field.full_name() + " has a value of another kind");
     }
 }
 
-/// What protobuf's reader lets pass: one value where a list belongs, "true" as a text.
-void CheckKinds(const json& object, const Descriptor& type)
+/// Refuses what protobuf's reader would let pass (one value where a list belongs, a list in a list, "true" as a text)
+/// and takes out what it would not (enumerators that we do not know).
+void Prepare(json& object, const Descriptor& type)
 {
     for (const auto& [key, value] : object.items())
     {
@@ -83,26 +102,40 @@ void CheckKinds(const json& object, const Descriptor& type)
         }
         if (!field->is_repeated())
         {
-            CheckElement(value, *field);
+            PrepareElement(value, *field);
             continue;
         }
         if (!value.is_array())
         {
             throw ProtoToMarkup::MarkupError("field " + field->full_name() + " is no list");
         }
-        for (const json& element : value)
+        json kept = json::array();
+        for (json& element : value)
         {
-            CheckElement(element, *field);
+            if (!element.is_null())
+            {
+                PrepareElement(element, *field);
+            }
+            if (!element.is_null())
+            {
+                kept.push_back(std::move(element));
+            }
         }
+        value = std::move(kept);
     }
 }
 
 /// Reads strict JSON: protobuf's own reader takes bare keys, single quotes and trailing commas too.
 json ParseObject(const std::string& text)
 {
-    if (JsonText::IsNestedTooDeep(text))
+    // The parser would take a NUL for the end of the text, and pass over a byte order mark.
+    if (text.find('\0') != std::string::npos || text.starts_with("\xef\xbb\xbf"))
     {
-        throw ProtoToMarkup::MarkupError("nested too deep");
+        throw ProtoToMarkup::MarkupError("no JSON");
+    }
+    if (JsonText::IsTooComplex(text))
+    {
+        throw ProtoToMarkup::MarkupError("nested too deep, or too many members");
     }
     json document;
     try
@@ -140,18 +173,17 @@ std::string Shorten(std::string text)
     return text;
 }
 
-void Read(const std::string& text, const json& object, Message* message)
+void Read(json& object, Message* message)
 {
-    CheckKinds(object, *message->GetDescriptor());
+    Prepare(object, *message->GetDescriptor());
     google::protobuf::util::JsonParseOptions options;
     options.ignore_unknown_fields = true;
     const std::unique_ptr<Message> fresh(message->New());
-    const auto status = google::protobuf::util::JsonStringToMessage(text, fresh.get(), options);
+    const auto status = google::protobuf::util::JsonStringToMessage(object.dump(), fresh.get(), options);
     if (!status.ok())
     {
         throw ProtoToMarkup::MarkupError(Shorten(std::string(status.message())));
     }
-    fresh->DiscardUnknownFields(); // an enumerator that came by a number that we do not know
     message->GetReflection()->Swap(message, fresh.get());
 }
 
@@ -159,16 +191,13 @@ void Read(const std::string& text, const json& object, Message* message)
 
 void ProtoToMarkup::FromJson(const std::string& json, Message* message)
 {
-    Read(json, ParseObject(json), message);
+    nlohmann::json object = ParseObject(json);
+    Read(object, message);
 }
 
 void ProtoToMarkup::FromJson(const std::string& json, Message* message, const std::string& name)
 {
-    const nlohmann::json object = ParseObject(json);
-    if (object.size() == 1 && object.begin().key() == name && object.begin()->is_object())
-    {
-        Read(object.begin()->dump(), *object.begin(), message);
-        return;
-    }
-    Read(json, object, message);
+    nlohmann::json object = ParseObject(json);
+    const bool isWrapped = object.size() == 1 && object.begin().key() == name && object.begin()->is_object();
+    Read(isWrapped ? *object.begin() : object, message);
 }

@@ -1,6 +1,6 @@
 #include "JsonRpc.h"
 
-#include "JsonNesting.h"
+#include "JsonBounds.h"
 
 #include <nlohmann/json.hpp>
 
@@ -90,9 +90,9 @@ namespace Portico::JsonRpc
 
 Frame Parse(const std::string& text)
 {
-    if (JsonText::IsNestedTooDeep(text)) // bodies are written out again, a stack frame a level
+    if (JsonText::IsTooComplex(text)) // bodies are written out again, a stack frame a level
     {
-        return Invalid("nested too deep");
+        return Invalid("nested too deep, or too many members");
     }
     const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!document.is_object())
