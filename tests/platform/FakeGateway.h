@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -126,6 +127,12 @@ public:
             params["body"] = body;
         }
         Send({{"id", id}, {"method", method}, {"params", params}});
+    }
+
+    /// Runs `meanwhile` while the gateway reads nothing, as one that is held up.
+    void Stall(const std::function<void()>& meanwhile)
+    {
+        m_task.Stall(meanwhile);
     }
 
     bool WaitForConnections(std::size_t count) const

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <thread>
 
@@ -391,4 +392,47 @@ TEST_F(PorticoClientTest, WhatIsLargerThanTheGatewayTakesIsNotSent)
             .size();
     Send(*client, "/fits", Portico::Verb::POST, '"' + std::string(kLimit - envelope, 'x') + '"');
     EXPECT_EQ(gateway.Take("post")["params"]["path"], "/fits") << "and the connection stands";
+}
+
+TEST_F(PorticoClientTest, GatewayThatDoesNotKeepUpKeepsItsConnectionAndGetsTheLastNotification)
+{
+    constexpr int kLast = 10;
+    Portico::Error large;
+    large.set_message(std::string(3U << 20U, 'x'));
+    FakeGateway gateway;
+    const auto client = Create(gateway.Port());
+    Serve(*client, "/mine");
+    gateway.Take("open");
+    gateway.Take("serve");
+    gateway.Stall(
+        [&]
+        {
+            for (int code = 1; code <= kLast; ++code)
+            {
+                large.set_code(code);
+                client->SendNotification("/mine", large, 1.0);
+            }
+            client->SendNotification("/small", Record(7), 1.0); // not served here
+            Send(*client, "/asked");
+        });
+    std::vector<int> codes;
+    while (codes.empty() || codes.back() != kLast)
+    {
+        const json frame = gateway.Take("notify");
+        ASSERT_FALSE(frame.empty());
+        if (frame["params"]["path"] == "/mine")
+        {
+            codes.push_back(frame["params"]["body"]["code"]);
+        }
+    }
+    EXPECT_LT(codes.size(), std::size_t{kLast}) << "the stall was too short to mean anything";
+    EXPECT_TRUE(std::is_sorted(codes.begin(), codes.end()));
+    gateway.Answer(gateway.Take("get"), {{"code", 1}});
+    EXPECT_EQ(m_ends.Take(), R"({"code":1})");
+    client->SendNotification("/mine", Record(30), 1.0);
+    EXPECT_EQ(gateway.Take("notify")["params"]["body"], json({{"code", 30}}));
+    for (json frame = gateway.TakeAny(0); !frame.is_null(); frame = gateway.TakeAny(0))
+    {
+        EXPECT_NE(frame["method"], "open") << "the connection went";
+    }
 }

@@ -45,6 +45,15 @@ public:
         Run([] {});
     }
 
+    /// Runs `meanwhile` while the task is held up; what is posted or arrives in this time waits.
+    void Stall(const std::function<void()>& meanwhile) const
+    {
+        std::promise<void> end;
+        IL::BreakThread([over = end.get_future().share()] { over.wait(); }, m_task);
+        meanwhile();
+        end.set_value();
+    }
+
     void StopAndJoin() const
     {
         IL::StopTask(m_task);

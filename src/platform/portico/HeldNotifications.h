@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Portico
 {
@@ -40,9 +42,21 @@ public:
         return std::move(node.mapped());
     }
 
-    const std::map<std::string, std::string>& All() const
+    /// Null where nothing is held.
+    const std::string* Find(const std::string& path) const
     {
-        return m_frames;
+        const auto found = m_frames.find(path);
+        return found != m_frames.end() ? &found->second : nullptr;
+    }
+
+    std::vector<std::string> Paths() const
+    {
+        std::vector<std::string> paths;
+        for (const auto& [path, frame] : m_frames)
+        {
+            paths.push_back(path);
+        }
+        return paths;
     }
 
 private:

@@ -170,13 +170,18 @@ bool Session::IsServed(const std::string& path) const
 
 void Session::SendHeld(const std::string& path)
 {
-    if (m_isOpen && IsServed(path))
+    const std::string* const held = m_held.Find(path);
+    if (held != nullptr && m_isOpen && IsServed(path) && HasRoom(*held))
     {
-        std::string frame = m_held.Take(path);
-        if (!frame.empty())
-        {
-            Send(std::move(frame));
-        }
+        Send(m_held.Take(path));
+    }
+}
+
+void Session::SendAllHeld()
+{
+    for (const std::string& path : m_held.Paths())
+    {
+        SendHeld(path);
     }
 }
 

@@ -23,6 +23,7 @@ constexpr int kCodeUnavailable = 503;
 constexpr int kCodeTimeout = 504;
 constexpr std::size_t kMaxLoggedBytes = 2048;
 constexpr std::size_t kMaxFrameBytes = WebSocket::Limits{}.maxMessageBytes; ///< the gateway's bound is the same
+constexpr std::size_t kMaxQueuedBytes = WebSocket::Limits{}.maxQueuedBytes; ///< with notifications; then they are held
 
 std::string Shortened(const std::string& text)
 {
@@ -79,7 +80,10 @@ void Session::Connect()
     handlers.opened = [this] { HandleOpened(); };
     handlers.message = [this](const std::string& text) { HandleMessage(text); };
     handlers.closed = [this](const std::string& reason) { HandleClosed(reason); };
-    m_connection = WebSocket::Connect(m_io, target, std::move(handlers), WebSocket::Limits{});
+    handlers.drained = [this] { HandleDrained(); };
+    WebSocket::Limits limits;
+    limits.maxQueuedBytes = kMaxQueuedBytes + kMaxFrameBytes; // an answer finds room behind notifications
+    m_connection = WebSocket::Connect(m_io, target, std::move(handlers), limits);
 }
 
 void Session::HandleOpened()
@@ -92,12 +96,14 @@ void Session::HandleOpened()
     {
         Announce(registration);
     }
-    const std::map<std::string, std::string> held = m_held.All();
-    for (const auto& [path, frame] : held)
-    {
-        SendHeld(path);
-    }
+    SendAllHeld();
     m_calls.SendWaiting([this](std::string frame) { Send(std::move(frame)); });
+}
+
+void Session::HandleDrained()
+{
+    m_isToldBehind = false;
+    SendAllHeld();
 }
 
 void Session::HandleOpenAnswer(const std::string& errorBody)
@@ -299,16 +305,29 @@ void Session::Notify(const std::string& path, const std::string& body, double ve
                Name() << ": a notification of " << path << " is larger than 4 MiB and is not sent");
         return;
     }
-    if (m_isOpen && IsServed(path))
+    const bool isDue = m_isOpen && IsServed(path);
+    if (isDue && HasRoom(frame))
     {
         m_held.Take(path);
         Send(std::move(frame));
         return;
     }
+    if (isDue && !std::exchange(m_isToldBehind, true))
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               Name() << ": the gateway does not keep up; of the notifications that it has no room for, each path's "
+                         "last will follow");
+    }
     if (!m_held.Hold(path, std::move(frame)))
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING, Name() << ": too much is held back, a notification is lost: " << path);
     }
+}
+
+/// A gateway that is slower than what it is told must not lose its connection by that.
+bool Session::HasRoom(const std::string& notification) const
+{
+    return m_connection->QueuedBytes() + notification.size() <= kMaxQueuedBytes;
 }
 
 void Session::Reply(std::uint64_t epoch, const std::string& id, std::string frame)

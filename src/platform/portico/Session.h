@@ -70,6 +70,7 @@ public:
 private:
     void Connect();
     void HandleOpened();
+    void HandleDrained();
     void HandleOpenAnswer(const std::string& errorBody);
     void HandleClosed(const std::string& reason);
     void Reconnect(const std::string& reason, const std::string& errorBody);
@@ -85,6 +86,8 @@ private:
     void Withdraw(const Registration& registration);
     bool IsServed(const std::string& path) const;
     void SendHeld(const std::string& path);
+    void SendAllHeld();
+    bool HasRoom(const std::string& notification) const;
 
     void Call(const std::string& method, const std::string& params, PendingCalls::Done done);
     void Send(std::string frame);
@@ -101,6 +104,7 @@ private:
     bool m_isConnected = false;   ///< the gateway has answered `open`
     bool m_isToldMissing = false; ///< one line for a gateway that is not there, not one for each attempt
     bool m_isToldRefused = false; ///< likewise for one that does not open
+    bool m_isToldBehind = false;  ///< likewise for one that does not keep up
     bool m_isClosed = false;      ///< for good
     std::int64_t m_connectedSinceMs = 0;
     Backoff m_backoff;

@@ -589,6 +589,11 @@ void Session::OnWritten(const ErrorCode& error)
         }
         return;
     }
+    const std::shared_ptr<Connection::Handlers> handlers = m_handlers;
+    if (m_queue.empty() && m_state == State::OPEN && handlers != nullptr && handlers->drained)
+    {
+        handlers->drained();
+    }
     Pump();
 }
 

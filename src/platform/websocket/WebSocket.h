@@ -42,6 +42,7 @@ public:
         std::function<void()> opened;                          ///< the handshakes are done
         std::function<void(std::string message)> message;      ///< one whole text message
         std::function<void(const std::string& reason)> closed; ///< once, also when it never opened
+        std::function<void()> drained = nullptr;               ///< nothing waits to be sent any more
     };
 
     virtual ~Connection() = default;
