@@ -15,6 +15,9 @@ const DPrint s_log("PorticoGateway");
 /// Names and guids come into log lines.
 constexpr std::size_t kMaxNameBytes = 256;
 
+/// May wait for a client with notifications; the rest of the connection's own limit is left to answers.
+constexpr std::size_t kMaxNotifiedBytes = WebSocket::Limits{}.maxQueuedBytes;
+
 } // namespace
 
 ClientConnection::ClientConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection,
@@ -37,12 +40,18 @@ void ClientConnection::Start(GoneCallback gone)
                                    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "a client has gone: %s", reason.c_str());
                                    HandleGone();
                                    m_gone(this);
-                               }});
+                               },
+                               [this] { m_surroundings.subscriptions.CatchUp(this); }});
 }
 
 void ClientConnection::Tell(const std::string& frame)
 {
     m_connection->Send(frame);
+}
+
+bool ClientConnection::HasRoom(std::size_t bytes) const
+{
+    return m_connection->QueuedBytes() + bytes <= kMaxNotifiedBytes;
 }
 
 void ClientConnection::HandleMessage(const std::string& text)

@@ -34,6 +34,7 @@ public:
     /// Takes the connection into use. `gone` is the last that happens to it.
     void Start(GoneCallback gone);
     void Tell(const std::string& frame) final;
+    bool HasRoom(std::size_t bytes) const final;
 
     /// The own service has served its list: what waited for that may go on.
     virtual void HandleOwnList() {}

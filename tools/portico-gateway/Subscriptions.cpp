@@ -38,6 +38,10 @@ void Subscriptions::Remove(SubscriberIF* subscriber, const std::string& path)
     {
         return;
     }
+    if (const auto missed = m_missed.find(subscriber); missed != m_missed.end())
+    {
+        missed->second.erase(path);
+    }
     const auto subscribers = m_subscribers.find(path);
     subscribers->second.erase(subscriber);
     if (subscribers->second.empty())
@@ -59,6 +63,7 @@ void Subscriptions::Forget(SubscriberIF* subscriber)
         Remove(subscriber, path);
     }
     m_paths.erase(subscriber);
+    m_missed.erase(subscriber);
 }
 
 void Subscriptions::TellLast(SubscriberIF* subscriber, const std::string& path, Origin origin) const
@@ -74,7 +79,7 @@ void Subscriptions::Notify(const PathServerIF* server, const std::string& path, 
                            const std::string& body)
 {
     const std::string frame = NotifyFrame(path, version, body);
-    KeepLast(server, path, frame);
+    const bool isKept = KeepLast(server, path, frame);
     const auto found = m_subscribers.find(path);
     if (found == m_subscribers.end())
     {
@@ -85,7 +90,40 @@ void Subscriptions::Notify(const PathServerIF* server, const std::string& path, 
     {
         if (origin == Origin::LOCAL || isPublic)
         {
-            subscriber->Tell(frame);
+            isKept ? Offer(subscriber, path, frame) : subscriber->Tell(frame);
+        }
+    }
+}
+
+/// For one whose frame can be told later, too.
+void Subscriptions::Offer(SubscriberIF* subscriber, const std::string& path, const std::string& frame)
+{
+    if (!subscriber->HasRoom(frame.size()))
+    {
+        m_missed[subscriber].insert(path);
+        return;
+    }
+    if (const auto missed = m_missed.find(subscriber); missed != m_missed.end())
+    {
+        missed->second.erase(path);
+    }
+    subscriber->Tell(frame);
+}
+
+void Subscriptions::CatchUp(SubscriberIF* subscriber)
+{
+    const auto missed = m_missed.extract(subscriber);
+    if (missed.empty())
+    {
+        return;
+    }
+    for (const std::string& path : missed.mapped())
+    {
+        const auto last = m_last.find(path);
+        const bool isLocal = m_subscribers.at(path).at(subscriber) == Origin::LOCAL;
+        if (last != m_last.end() && (isLocal || m_router.IsPublic(path, last->second.server)))
+        {
+            Offer(subscriber, path, last->second.frame);
         }
     }
 }
@@ -112,7 +150,7 @@ void Subscriptions::DropLast(const PathServerIF* server)
     }
 }
 
-void Subscriptions::KeepLast(const PathServerIF* server, const std::string& path, const std::string& frame)
+bool Subscriptions::KeepLast(const PathServerIF* server, const std::string& path, const std::string& frame)
 {
     if (const auto old = m_last.find(path); old != m_last.end())
     {
@@ -122,7 +160,7 @@ void Subscriptions::KeepLast(const PathServerIF* server, const std::string& path
     {
         m_lastBytes += frame.size();
         m_last[path] = Last{server, frame};
-        return;
+        return true;
     }
     if (!m_isToldFull)
     {
@@ -131,6 +169,7 @@ void Subscriptions::KeepLast(const PathServerIF* server, const std::string& path
                 "the last notification of %s is not kept: %zu bytes of others are, of %zu at most", path.c_str(),
                 m_lastBytes, kMaxLastBytes);
     }
+    return false;
 }
 
 void Subscriptions::Erase(std::map<std::string, Last>::iterator last)

@@ -1,5 +1,6 @@
 #include "GatewayUnderTest.h"
 #include "RpcClient.h"
+#include "WebSocketRawClient.h"
 
 #include <gtest/gtest.h>
 
@@ -219,6 +220,33 @@ TEST_F(GatewayClients, HearNotWhatAServerSaidThatHasGone)
     heir.Notify("/p", {{"n", 3}});
     EXPECT_EQ(late.TakeBody(), Json({{"n", 3}}));
     EXPECT_EQ(m_second.TakeBody(), Json({{"n", 3}})) << "the subscription outlived the server";
+}
+
+TEST_F(GatewayClients, ThatDoNotKeepUpHearTheLastOfWhatTheyMissed)
+{
+    constexpr int kLast = 5;
+    const std::string filling(3U << 20U, 'x'); // 8 MiB wait for a client, and some in its socket
+    m_server.Serve("get", "/large", 1);
+    WebSocketRawClient slow(m_gateway.Port());
+    slow.Open();
+    const auto call = [&slow](const std::string& rest)
+    { slow.Send(WebSocketRawClient::Frame(1, R"({"jsonrpc":"2.0","id":)" + rest + "}")); };
+    call(R"("first","method":"open","params":{"service":"Slow"})");
+    call(R"("second","method":"subscribe","params":{"path":"/large"})");
+    slow.Receive("second");
+    for (int n = 1; n <= kLast; ++n)
+    {
+        m_server.SendText(
+            R"({"jsonrpc":"2.0","method":"notify","params":{"path":"/large","version":1.0,"body":{"f":")" + filling +
+            R"(","n":)" + std::to_string(n) + "}}}");
+        m_server.Call("get", {{"path", "/nobody serves this"}}); // the gateway has passed it on
+    }
+
+    const std::string heard = slow.Receive(R"("n":5)");
+    EXPECT_NE(heard.find(R"("n":2)"), std::string::npos);
+    EXPECT_EQ(heard.find(R"("n":4)"), std::string::npos);
+    call(R"("alive","method":"get","params":{"path":"/nobody"})");
+    EXPECT_NE(slow.Receive(R"("alive")").find("404"), std::string::npos) << "the connection has stood all along";
 }
 
 TEST_F(GatewayClients, FromTheLanSeeScopeZeroAlone)

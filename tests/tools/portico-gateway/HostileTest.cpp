@@ -66,6 +66,10 @@ struct Client : Gateway::PathServerIF, Gateway::SubscriberIF
     {
         ++told;
     }
+    bool HasRoom(std::size_t) const override
+    {
+        return true;
+    }
     int told = 0;
 };
 
