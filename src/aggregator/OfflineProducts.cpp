@@ -12,6 +12,7 @@
 #include "ThreadMutex.h"
 
 #include <limits>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -153,6 +154,8 @@ void DiscoveryServiceAggregator::PeriodicGetProductList()
 
 void DiscoveryServiceAggregator::HandlePeriodicGetProductList()
 {
+    // Also where a source throws: there would never be a refresh again.
+    const std::shared_ptr<void> rearm(nullptr, [this](void*) { PeriodicGetProductList(); });
     if (m_ssdpProtocol)
     {
         Sonarix::ProductList list;
@@ -163,7 +166,6 @@ void DiscoveryServiceAggregator::HandlePeriodicGetProductList()
     {
         RefreshFromMdns();
     }
-    PeriodicGetProductList();
 }
 
 void DiscoveryServiceAggregator::RefreshFromMdns()

@@ -11,6 +11,10 @@ namespace SonarixService
 namespace
 {
 
+/// A product that names its icons or services anew in each report would grow its row for ever. Real ones have less
+/// than ten; of more than this the latest report's alone are kept.
+constexpr int kMaxUnited = 64;
+
 template <class Element>
 void ReduceByKey(google::protobuf::RepeatedPtrField<Element>& elements, const std::string& (Element::*key)() const)
 {
@@ -50,6 +54,14 @@ Sonarix::ProductInfo MergeProductInfo(const Sonarix::ProductInfo& existing, cons
     Sonarix::ProductInfo merged = existing;
     merged.MergeFrom(update);
     ReduceIconsAndServices(merged);
+    if (merged.icons_size() > kMaxUnited)
+    {
+        *merged.mutable_icons() = update.icons();
+    }
+    if (merged.services_size() > kMaxUnited)
+    {
+        *merged.mutable_services() = update.services();
+    }
     if (update.has_capabilities())
     {
         *merged.mutable_capabilities() = update.capabilities(); // merging would double its lists

@@ -6,6 +6,8 @@
 #include "PorticoClientIF.h"
 #include "ProductMerge.h"
 
+#include <cstddef>
+
 namespace SonarixService
 {
 
@@ -14,6 +16,9 @@ namespace
 
 const std::string kInfoPath = "/sonarix/info";
 constexpr double kVersion = 1.0;
+/// A product with a hundred children takes that much. The gateway ends a connection over 4 MiB of list, so that one
+/// neighbour's answer could keep the whole list from everybody.
+constexpr std::size_t kMaxAnswerBytes = 64U << 10U;
 
 } // namespace
 
@@ -60,6 +65,12 @@ void DiscoveryServiceAggregator::HandleRemoteProductInfo(const Sonarix::ProductI
 {
     const std::string& guid = info.guid(); // who answered, whoever was asked
     DPRINTF(s_aggregatorLog, DPrint::LEVEL_INFO, "HandleRemoteProductInfo: guid %s", guid.c_str());
+    if (const std::size_t bytes = info.ByteSizeLong(); bytes > kMaxAnswerBytes)
+    {
+        DPRINTF(s_aggregatorLog, DPrint::LEVEL_ERROR, "The information of %s takes %zu bytes, more than %zu: left out",
+                guid.c_str(), bytes, kMaxAnswerBytes);
+        return;
+    }
     m_offlineStamps.erase(guid);
 
     Sonarix::Product& entry = m_products[guid];

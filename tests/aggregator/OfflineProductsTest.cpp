@@ -87,8 +87,12 @@ TEST_F(AggregatorTest, EverySixHoursSsdpIsAskedBeforeMdnsWhichMayAnswerWithinASe
 
     simulation.RunFor(6h - 1ms); // from the end of this one
     EXPECT_EQ(ssdp->calls->size(), 2U);
+    ssdp->isListBroken = true;
     simulation.RunFor(1ms);
-    EXPECT_EQ(ssdp->calls->size(), 4U);
+    ssdp->isListBroken = false;
+    EXPECT_EQ(ssdp->calls->size(), 3U); // it threw; the next refresh comes nevertheless
+    simulation.RunFor(6h);
+    EXPECT_EQ(ssdp->calls->size(), 5U);
 }
 
 TEST_F(AggregatorTest, ALateAnswerIsMergedByTheTaskAndAMissingOneIsNotWaitedFor)

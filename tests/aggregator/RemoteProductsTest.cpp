@@ -36,6 +36,26 @@ TEST_F(AggregatorTest, AnswersAndPushesAreNewsAndMalformedOnesChangeNothing)
     EXPECT_EQ(Row("a").productinfo().ecosystem(), "ORB2"); // merged over what discovery said
 }
 
+TEST_F(AggregatorTest, NoNeighbourGrowsItsRowBeyondWhatAListCanHold)
+{
+    StartAs(SXCommon::HOST);
+    Ssdp({"a"});
+    Answer("a", R"({"guid":"a","friendlyname":")" + std::string(70000, 'x') + R"("})");
+    EXPECT_TRUE(lists.empty());
+    EXPECT_EQ(Logged("The information of a takes 70"), 1);
+
+    for (int report = 0; report < 200; ++report)
+    {
+        const std::string number = std::to_string(report);
+        Remote("a")->PushText(kInfoPath, R"({"guid":"a","icons":[{"url":"/)" + number +
+                                             R"("}],"services":[{"serviceid":")" + number + R"("}]})");
+        simulation.RunUntilIdle();
+    }
+    EXPECT_LE(Row("a").productinfo().icons_size(), 64);
+    EXPECT_LE(Row("a").productinfo().services_size(), 64);
+    EXPECT_EQ(Row("a").state(), SXCommon::ONLINE);
+}
+
 TEST_F(AggregatorTest, AChildIsListedAsItWasPostedInPlaceOfItsRow)
 {
     StartAs(SXCommon::HOST);

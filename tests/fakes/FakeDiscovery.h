@@ -11,6 +11,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,10 +66,15 @@ public:
     void GetProductList(Sonarix::ProductList& filled) override
     {
         calls->push_back("ssdp GetProductList");
+        if (isListBroken)
+        {
+            throw std::runtime_error("no list");
+        }
         filled = list;
     }
 
     Sonarix::ProductList list;
+    bool isListBroken = false;
 };
 
 /// mDNS discovery and publishing that a test speaks for.

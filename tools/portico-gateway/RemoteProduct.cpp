@@ -22,6 +22,8 @@ const std::string kTlsSubProtocol = "tarsier_mTLS";
 
 /// A product whose cable is cut is noticed after twice this.
 constexpr std::chrono::milliseconds kIdleTimeout{2000};
+/// A product's own information is a few KiB; its whole list, which a person may ask for, some hundred.
+constexpr std::size_t kMaxAnswerBytes = 1U << 20U;
 
 } // namespace
 
@@ -290,6 +292,7 @@ void RemoteProduct::Connect(const Peer& peer)
     WebSocket::Limits limits;
     limits.handshakeTimeout = m_surroundings.timings.connectLimit;
     limits.idleTimeout = kIdleTimeout;
+    limits.maxMessageBytes = kMaxAnswerBytes;
     limits.maxQueuedBytes += kMaxWaitingBytes; // what has waited goes out at once
     WebSocket::Connection::Handlers handlers;
     handlers.opened = [this] { HandleOpened(); };
