@@ -1,5 +1,6 @@
 #include "RpcFrame.h"
 
+#include "JsonBody.h"
 #include "JsonBounds.h"
 
 #include <nlohmann/json.hpp>
@@ -18,6 +19,12 @@ using Json = nlohmann::ordered_json; // bodies go on in the order in which they 
 std::string Dump(const Json& value)
 {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+/// What the frame carries at the place of `value`: the text that was taken out there, or the value itself.
+std::string Carried(const Json& value, const std::string& body)
+{
+    return value.is_null() && !body.empty() ? body : Dump(value);
 }
 
 Frame Invalid(int code, const std::string& message, const std::string& id = "null")
@@ -87,7 +94,7 @@ void ReadNumbers(const Json& object, Params& params)
     }
 }
 
-Params ReadParams(const Json& document)
+Params ReadParams(const Json& document, const std::string& takenBody)
 {
     Params params;
     const auto found = document.find("params");
@@ -111,7 +118,7 @@ Params ReadParams(const Json& document)
     params.guid = guid.value_or("");
     if (const auto body = found->find("body"); body != found->end())
     {
-        params.body = Dump(*body);
+        params.body = Carried(*body, takenBody);
     }
     return params;
 }
@@ -128,11 +135,11 @@ int ReadCode(const Json& error)
         std::clamp<std::int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
-Answer ReadAnswer(const Json& document)
+Answer ReadAnswer(const Json& document, const std::string& takenBody)
 {
     if (const auto result = document.find("result"); result != document.end())
     {
-        return Answer::Result(Dump(*result));
+        return Answer::Result(Carried(*result, takenBody));
     }
     const auto found = document.find("error");
     if (found == document.end() || !found->is_object())
@@ -180,8 +187,9 @@ Frame ParseFrame(const std::string& text)
     {
         return Invalid(PARSE_ERROR, "nested too deep, or too many members");
     }
-    const Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-    if (document.is_discarded())
+    const JsonText::Frame parts = JsonText::TakeBody(text);
+    const Json document = Json::parse(parts.envelope, nullptr, /*allow_exceptions=*/false);
+    if (document.is_discarded() || (!parts.body.empty() && !Json::accept(parts.body)))
     {
         return Invalid(PARSE_ERROR, "no JSON");
     }
@@ -203,7 +211,7 @@ Frame ParseFrame(const std::string& text)
     if (method == document.end() && (document.contains("result") || document.contains("error")))
     {
         frame.kind = Frame::Kind::ANSWER;
-        frame.answer = ReadAnswer(document);
+        frame.answer = ReadAnswer(document, parts.body);
         return frame;
     }
     const auto version = document.find("jsonrpc");
@@ -217,7 +225,7 @@ Frame ParseFrame(const std::string& text)
     }
     frame.kind = Frame::Kind::CALL;
     frame.method = method->get<std::string>();
-    frame.params = ReadParams(document);
+    frame.params = ReadParams(document, parts.body);
     return frame;
 }
 

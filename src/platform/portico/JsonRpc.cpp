@@ -1,5 +1,6 @@
 #include "JsonRpc.h"
 
+#include "JsonBody.h"
 #include "JsonBounds.h"
 
 #include <nlohmann/json.hpp>
@@ -14,6 +15,12 @@ using Portico::JsonRpc::Kind;
 std::string Dump(const json& value)
 {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+/// What the frame carries at the place of `value`: the text that was taken out there, or the value itself.
+std::string Carried(const json& value, const std::string& body)
+{
+    return value.is_null() && !body.empty() ? body : Dump(value);
 }
 
 std::string Text(const json& object, const char* key)
@@ -35,7 +42,7 @@ Frame Invalid(const char* reason)
     return frame;
 }
 
-Frame ParseCall(const json& document)
+Frame ParseCall(const json& document, const std::string& takenBody)
 {
     Frame frame;
     frame.method = Text(document, "method");
@@ -50,7 +57,7 @@ Frame ParseCall(const json& document)
         frame.guid = Text(*params, "guid");
         frame.status = Number(*params, "status");
         const auto body = params->find("body");
-        frame.body = body != params->end() ? Dump(*body) : std::string();
+        frame.body = body != params->end() ? Carried(*body, takenBody) : std::string();
     }
     const auto id = document.find("id");
     frame.kind = id != document.end() ? Kind::REQUEST : Kind::NOTIFICATION;
@@ -58,7 +65,7 @@ Frame ParseCall(const json& document)
     return frame;
 }
 
-Frame ParseAnswer(const json& document)
+Frame ParseAnswer(const json& document, const std::string& takenBody)
 {
     Frame frame;
     const auto id = document.find("id");
@@ -67,7 +74,7 @@ Frame ParseAnswer(const json& document)
     if (result != document.end())
     {
         frame.kind = Kind::RESULT;
-        frame.body = Dump(*result);
+        frame.body = Carried(*result, takenBody);
         return frame;
     }
     const auto error = document.find("error");
@@ -94,12 +101,13 @@ Frame Parse(const std::string& text)
     {
         return Invalid("nested too deep, or too many members");
     }
-    const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
-    if (!document.is_object())
+    const JsonText::Frame parts = JsonText::TakeBody(text);
+    const json document = json::parse(parts.envelope, nullptr, /*allow_exceptions=*/false);
+    if (!document.is_object() || (!parts.body.empty() && !json::accept(parts.body)))
     {
         return Invalid("no JSON object");
     }
-    return document.contains("method") ? ParseCall(document) : ParseAnswer(document);
+    return document.contains("method") ? ParseCall(document, parts.body) : ParseAnswer(document, parts.body);
 }
 
 std::string Request(std::uint64_t id, const std::string& method, const std::string& params)
