@@ -4,10 +4,15 @@
 #include "ProtoToMarkup.h"
 
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/timestamp.pb.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <initializer_list>
 
 using google::protobuf::DescriptorProto;
 using google::protobuf::FieldDescriptorProto;
+using nlohmann::ordered_json;
 using ProtoToMarkup::FromJson;
 using ProtoToMarkup::MarkupError;
 using ProtoToMarkup::ToJson;
@@ -27,6 +32,36 @@ TEST(Markup, WritesNamesAsInTheSchemaAndOnlyWhatIsSet)
     error.set_code(-5);
     EXPECT_EQ(ToJson(error, false, false, false), "{\n \"code\": -5\n}");
     EXPECT_EQ(ToJson(error, true, true, false), R"({"code":-5,"subcode":0,"message":"","guid":""})");
+}
+
+/// What travels is written by hand, what a person reads by protobuf: they differ in blanks alone.
+TEST(Markup, BothFormsSayTheSame)
+{
+    FieldDescriptorProto field;
+    DescriptorProto type;
+    google::protobuf::FileDescriptorProto file;
+    google::protobuf::DescriptorProto::descriptor()->file()->CopyTo(&file); // a large record, four levels deep
+    type.add_reserved_name("\x01\b\f\n\r\t\x1f \\ \" / < \x7f \u00e9 \u20ac \U0001f600");
+    type.add_extension_range()->set_start(-2147483648);
+    *file.add_message_type() = type;
+    google::protobuf::UninterpretedOption option; // bytes, a double, and integers of 64 bits
+    option.set_positive_int_value(18446744073709551615U);
+    option.set_negative_int_value(-9223372036854775807);
+    *file.mutable_options()->add_uninterpreted_option() = option;
+    option.set_double_value(0.1);
+    option.set_string_value("\xff\"");
+    google::protobuf::Timestamp stamp; // a form of its own
+    stamp.set_seconds(1);
+    for (const google::protobuf::Message* record :
+         std::initializer_list<const google::protobuf::Message*>{&file, &option, &stamp, &field})
+    {
+        for (const bool enumsAsNumbers : {false, true})
+        {
+            const std::string line = ToJson(*record, true, false, enumsAsNumbers);
+            EXPECT_EQ(ordered_json::parse(line), ordered_json::parse(ToJson(*record, false, false, enumsAsNumbers)));
+            EXPECT_EQ(line.find('\n'), std::string::npos);
+        }
+    }
 }
 
 TEST(Markup, RefusesToWriteWhatCannotBeRead)

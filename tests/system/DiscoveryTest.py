@@ -115,7 +115,7 @@ class Discovery(LabCase):
         for verb in ("post", "put", "delete"):
             for body, words in (('{"state":', "the body is no JSON"), ("[1]", "the JSON is no object"),
                                 ('{"productinfo":"x"}', 'invalid value "x"'), ('{"protocols":"MDNS"}', "is no list"),
-                                ('{"state":["ONLINE"]}', "state: Proto field is not repeating"),
+                                ('{"state":["ONLINE"]}', "Product.state has a value of another kind"),
                                 ('{"productinfo":{"guid":7,"ecosystem":"ORB2"}}', "invalid value 7")):
                 answer = self.lab.portico("kitchen", verb, CHILDREN, body)
                 self.assertNotEqual(answer.returncode, 0, body)
