@@ -90,7 +90,7 @@ public:
 
     void BeQuiet()
     {
-        while (m_world.NowMs() < m_lastMs + milliseconds(kSettled).count())
+        while (World::NowMs() < m_world.lastChangeMs + milliseconds(kSettled).count())
         {
             m_world.simulation.RunFor(kSettled);
         }
@@ -237,7 +237,7 @@ private:
         const Device& device = Any();
         m_world.Say(device.name + " is reported again");
         m_world.ReportAgain(device, OneIn(3));
-        m_world.SpeakSsdp(device);
+        Later(Upto(100), [this, &device] { m_world.SpeakSsdp(device); });
     }
     void Children()
     {
@@ -258,7 +258,10 @@ private:
     }
     void RestartGateway()
     {
-        m_world.RestartGateway(Upto(5000));
+        if (!m_isCrowd || OneIn(3))
+        {
+            m_world.RestartGateway(Upto(5000));
+        }
     }
     void PowerCut()
     {
@@ -275,16 +278,16 @@ private:
         switch (Random(6))
         {
         case 0:
-            m_world.SetStatus(false, "", true);
+            SetStatus(false, "", true);
             break;
         case 1:
-            m_world.SetStatus(false, address, true); // an access point for the set-up
+            SetStatus(false, address, true); // an access point for the set-up
             break;
         case 2:
-            m_world.SetStatus(true, "", true); // no address yet
+            SetStatus(true, "", true); // no address yet
             break;
         case 3:
-            m_world.SetStatus(true, address, false);
+            SetStatus(true, address, false);
             break;
         default:
             SetUp();
@@ -297,8 +300,12 @@ private:
     }
     void SetUp()
     {
-        m_world.SetStatus(true, OneIn(4) ? NewAddress() : "10.0.0.1", true);
-        if (!OneIn(4))
+        SetStatus(true, OneIn(4) ? NewAddress() : "10.0.0.1", true);
+    }
+    void SetStatus(bool isPrimaryUp, const std::string& address, bool hasInterface)
+    {
+        m_world.SetStatus(isPrimaryUp, address, hasInterface);
+        if (isPrimaryUp && !OneIn(4))
         {
             Later(Upto(1000), [this] { Advertise(); }); // as the sibling does at each rise
         }
@@ -309,7 +316,7 @@ private:
         m_world.At(delay,
                    [this, event]
                    {
-                       m_lastMs = m_world.NowMs();
+                       m_world.lastChangeMs = World::NowMs();
                        event();
                    });
     }
@@ -341,7 +348,6 @@ private:
     World& m_world;
     const bool m_isCrowd;
     unsigned m_names = 0;
-    std::int64_t m_lastMs = 0; ///< when the world was changed last
 };
 
 Life::Life(std::uint64_t seed)

@@ -95,6 +95,7 @@ void World::Refresh()
                         [this]
                         {
                             m_model.Refreshed(m_ssdp->list);
+                            lastChangeMs = m_refreshMs;
                             m_refreshMs += kRefreshPeriodMs;
                             Say("refresh");
                             Refresh();
@@ -616,7 +617,12 @@ void World::Check(const std::string& guid)
 void World::ProbeGivenUp()
 {
     const std::int64_t overMs = (MonotonicClock::NowSec() + Model::kGiveUpAfter + 1) * 1000;
-    simulation.Schedule(Milliseconds(overMs - NowMs()), [this] { CompareConnections(); });
+    simulation.Schedule(Milliseconds(overMs - NowMs()),
+                        [this]
+                        {
+                            simulation.RunUntilIdle();
+                            CompareConnections();
+                        });
 }
 
 void World::Notified(const std::string& path, const google::protobuf::Message& message)

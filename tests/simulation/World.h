@@ -109,6 +109,7 @@ public:
     IL::Simulation simulation;
     FakeMdns mdns;
     std::vector<Device> devices;
+    std::int64_t lastChangeMs = 0; ///< of the script, or a refresh
 
 private:
     /// What the gateway knows of a product that the service is connected to.
