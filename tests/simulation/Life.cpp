@@ -94,7 +94,7 @@ public:
         {
             m_world.simulation.RunFor(kSettled);
         }
-        m_world.Compare(true);
+        m_world.Compare();
         if (!m_world.Failure().empty())
         {
             return;
@@ -151,7 +151,7 @@ private:
     }
     void Changed(const Device& device)
     {
-        m_world.Reconsider(device.guid);
+        m_world.CheckSoon(device.guid);
         Later(Upto(500), [this, &device] { m_world.SpeakSsdp(device); });
     }
 
@@ -222,15 +222,15 @@ private:
         device.claims = OneIn(6) ? Model::kOwn : OneIn(3) ? NewName("g") : Any().guid;
         ++device.version;
         m_world.Say(device.name + " answers by " + std::to_string(static_cast<int>(device.answers)));
-        m_world.Reconsider(device.guid);
+        m_world.CheckSoon(device.guid);
         m_world.Push(device.guid);
     }
     void ChangeMute()
     {
         Device& device = Any();
         m_world.Say(device.name + " can't be resolved for a while");
-        m_world.SetMute(device, true);
-        Later(Upto(200'000), [this, &device] { m_world.SetMute(device, false); });
+        m_world.Mute(device);
+        Later(Upto(200'000), [this, &device] { m_world.IsAnnounced(device) ? m_world.Announce(device) : void(); });
     }
     void SpeakAgain()
     {
@@ -252,8 +252,8 @@ private:
     {
         if (m_world.IsDaemonRunning() && (!m_isCrowd || OneIn(3)))
         {
-            m_world.KillDaemon();
-            Later(Upto(OneIn(2) ? 1000 : 40'000), [this] { m_world.StartDaemon(); });
+            m_world.SetDaemon(false);
+            Later(Upto(OneIn(2) ? 1000 : 40'000), [this] { m_world.SetDaemon(true); });
         }
     }
     void RestartGateway()

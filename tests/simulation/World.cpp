@@ -20,6 +20,7 @@ const std::string kInfo = "/sonarix/info";
 const std::string kProducts = "/sonarix/products";
 const std::string kStatus = "/network/status";
 const std::string kChildren = "/sonarix/private/products";
+const std::string kGarbage = "[1, 2";
 const std::string kClientName = "DiscoveryServiceAggregator-";
 const std::string kProductType = "_kova-lanyard._tcp";
 const std::string kClockType = "_kova-clock._tcp";
@@ -39,10 +40,27 @@ std::string Json(const google::protobuf::Message& message)
     return ProtoToMarkup::ToJson(message, true, false, false);
 }
 
+Sonarix::Product MakeProduct(const std::string& guid, const std::string& name, const std::string& ecosystem,
+                             bool isOnline)
+{
+    Sonarix::Product product;
+    product.set_state(isOnline ? SXCommon::ONLINE : SXCommon::OFFLINE);
+    product.mutable_productinfo()->set_guid(guid);
+    product.mutable_productinfo()->set_ecosystem(ecosystem);
+    product.mutable_productinfo()->set_friendlyname(name);
+    return product;
+}
+
 /// Of a connection to a product; the prefix is all that such names have in common.
 std::optional<std::string> GuidOf(const std::string& serviceName)
 {
     return serviceName.starts_with(kClientName) ? std::optional(serviceName.substr(kClientName.size())) : std::nullopt;
+}
+
+/// By the gateway's checks.
+bool IsServing(const Device* device)
+{
+    return device != nullptr && device->answers != Device::Answers::ERROR && device->answers != Device::Answers::NEVER;
 }
 
 std::shared_ptr<FakeSsdpDiscoveryProtocol> s_ssdp; // the factory is a plain function
@@ -145,22 +163,12 @@ void World::Fail(const std::string& what)
 {
     if (m_failure.empty() && !what.empty())
     {
-        m_failure = "at " + std::to_string(NowMs()) + " ms: " + what;
-    }
-}
-
-std::string World::Failure() const
-{
-    std::string failure = m_failure;
-    if (!failure.empty())
-    {
-        failure += "\nbefore:\n";
+        m_failure = "at " + std::to_string(NowMs()) + " ms: " + what + "\nbefore:\n";
         for (const std::string& event : m_story)
         {
-            failure += event + "\n";
+            m_failure += event + "\n";
         }
     }
-    return failure;
 }
 
 World::Milliseconds World::Upto(std::uint64_t ms)
@@ -189,7 +197,7 @@ void World::SetStatus(bool isPrimaryUp, const std::string& address, bool hasInte
     }
     for (const auto& [guid, peer] : m_peers)
     {
-        CheckIn(guid, Upto(static_cast<std::uint64_t>(m_checkPeriod.count())));
+        CheckSoon(guid);
     }
 }
 
@@ -217,11 +225,7 @@ void World::PostChild(const std::string& guid, const std::string& name, bool isU
         return;
     }
     Say("child " + guid + " " + name);
-    Sonarix::Product child;
-    child.set_state(simulation.Random(2) == 0 ? SXCommon::ONLINE : SXCommon::OFFLINE);
-    child.mutable_productinfo()->set_guid(guid);
-    child.mutable_productinfo()->set_ecosystem("ORB2");
-    child.mutable_productinfo()->set_friendlyname(name);
+    const Sonarix::Product child = MakeProduct(guid, name, "ORB2", simulation.Random(2) == 0);
     m_model.ChildPosted(child);
     m_childEndpoint->Call(isUpdate ? Portico::Verb::PUT : Portico::Verb::POST, kChildren, Json(child));
 }
@@ -259,24 +263,17 @@ void World::RestartGateway(Milliseconds pause)
            m_isGatewayRunning = true;
            for (const auto& [guid, peer] : m_peers)
            {
-               CheckIn(guid, Upto(static_cast<std::uint64_t>(m_checkPeriod.count())));
+               CheckSoon(guid);
            }
            At(Upto(500), [this] { m_gateway->PushText(kStatus, m_status); });
        });
 }
 
-void World::KillDaemon()
+void World::SetDaemon(bool isRunning)
 {
-    Say("mDNS daemon dies");
-    m_isDaemonRunning = false;
-    mdns.KillDaemon();
-}
-
-void World::StartDaemon()
-{
-    Say("mDNS daemon starts");
-    m_isDaemonRunning = true;
-    mdns.StartDaemon();
+    Say(isRunning ? "mDNS daemon starts" : "mDNS daemon dies");
+    m_isDaemonRunning = isRunning;
+    isRunning ? mdns.StartDaemon() : mdns.KillDaemon();
 }
 
 // --- devices ---
@@ -330,20 +327,12 @@ void World::ReportAgain(const Device& device, bool wasGone)
     }
 }
 
-void World::SetMute(Device& device, bool isMute)
+void World::Mute(const Device& device)
 {
-    if (!IsAnnounced(device))
-    {
-        return;
-    }
-    if (isMute)
+    if (IsAnnounced(device))
     {
         m_mute.insert({device.name, kProductType});
         mdns.FallSilent(device.name, kProductType);
-    }
-    else
-    {
-        Announce(device);
     }
 }
 
@@ -381,14 +370,10 @@ void World::SpeakSsdp(const Device& device)
     }
 }
 
-Sonarix::Product World::SsdpReport(const Device& device) const
+Sonarix::Product World::SsdpReport(const Device& device)
 {
-    Sonarix::Product product;
+    Sonarix::Product product = MakeProduct(device.guid, device.name, device.ecosystem, device.isThere);
     product.add_protocols(SXCommon::SSDP);
-    product.set_state(device.isThere ? SXCommon::ONLINE : SXCommon::OFFLINE);
-    product.mutable_productinfo()->set_guid(device.guid);
-    product.mutable_productinfo()->set_ecosystem(device.ecosystem);
-    product.mutable_productinfo()->set_friendlyname(device.name);
     product.mutable_productinfo()->set_ipaddress(device.address);
     return product;
 }
@@ -402,7 +387,7 @@ const Device* World::ServerOf(const std::string& guid) const
     return m_isNetworkUp && device != devices.end() ? &*device : nullptr;
 }
 
-Sonarix::ProductInfo World::Description(const Device& device) const
+Sonarix::ProductInfo World::Description(const Device& device)
 {
     Sonarix::ProductInfo info;
     info.set_guid(device.answers == Device::Answers::AS_ANOTHER ? device.claims : device.guid);
@@ -439,7 +424,7 @@ void World::Opened(const std::shared_ptr<FakeConnection>& connection)
             Fail("connected to " + *guid + " once more");
         }
         m_peers[*guid] = {connection, nullptr, {}, false};
-        CheckIn(*guid, Upto(static_cast<std::uint64_t>(m_checkPeriod.count())));
+        CheckSoon(*guid);
         if (*guid == Model::kOwn)
         {
             PushText(*guid, Upto(20), m_ownInfo);
@@ -482,7 +467,7 @@ void World::Asked(const std::string& serviceName, const std::string& /*path*/)
     {
         const bool isLate = device->answers == Device::Answers::LATE;
         const bool isGarbage = device->answers == Device::Answers::GARBAGE;
-        Deliver(*guid, isLate ? seconds(2) + Upto(7000) : Upto(300), isGarbage ? "[1, 2" : Json(Description(*device)));
+        Deliver(*guid, isLate ? seconds(2) + Upto(7000) : Upto(300), isGarbage ? kGarbage : Json(Description(*device)));
     }
 }
 
@@ -503,15 +488,20 @@ void World::Deliver(const std::string& guid, Milliseconds delay, const std::stri
            }
            else if (connection->AnswerText(kInfo, json))
            {
-               Sonarix::ProductInfo info;
-               Say("answer of " + guid + " " + json.substr(0, 200));
-               if (json.front() == '{')
-               {
-                   ProtoToMarkup::FromJson(json, &info);
-                   m_model.Answered(info);
-               }
+               Told("answer of " + guid, json);
            }
        });
+}
+
+void World::Told(const std::string& how, const std::string& json)
+{
+    Say(how + " " + json.substr(0, 200));
+    if (json != kGarbage)
+    {
+        Sonarix::ProductInfo info;
+        ProtoToMarkup::FromJson(json, &info);
+        m_model.Answered(info);
+    }
 }
 
 /// The service itself is asked, through the gateway.
@@ -545,30 +535,24 @@ void World::PushText(const std::string& guid, Milliseconds delay, const std::str
                guid == Model::kOwn || (peer != m_peers.end() && peer->second.isThere.value_or(false));
            if (peer != m_peers.end() && m_isGatewayRunning && isCarried && !json.empty())
            {
-               Say("push of " + guid + " " + json.substr(0, 200));
-               Sonarix::ProductInfo info;
-               ProtoToMarkup::FromJson(json, &info);
-               m_model.Answered(info);
+               Told("push of " + guid, json);
                peer->second.connection->PushText(kInfo, json);
            }
        });
 }
 
-void World::Reconsider(const std::string& guid)
+void World::CheckSoon(const std::string& guid)
 {
-    if (m_peers.contains(guid))
-    {
-        CheckIn(guid, Upto(static_cast<std::uint64_t>(m_checkPeriod.count())));
-    }
+    CheckIn(guid, Upto(static_cast<std::uint64_t>(m_checkPeriod.count())));
 }
 
 void World::CheckIn(const std::string& guid, Milliseconds delay)
 {
-    Peer& peer = m_peers.at(guid);
-    if (m_isGatewayRunning && !std::exchange(peer.isCheckDue, true))
+    const auto peer = m_peers.find(guid);
+    if (m_isGatewayRunning && peer != m_peers.end() && !std::exchange(peer->second.isCheckDue, true))
     {
         At(delay,
-           [this, guid, connection = peer.connection, run = m_gatewayRun]
+           [this, guid, connection = peer->second.connection, run = m_gatewayRun]
            {
                const auto at = m_peers.find(guid);
                if (run == m_gatewayRun && at != m_peers.end() && at->second.connection == connection)
@@ -584,8 +568,7 @@ void World::Check(const std::string& guid)
 {
     Peer& peer = m_peers.at(guid);
     const Device* const device = ServerOf(guid);
-    const bool isServed =
-        device != nullptr && device->answers != Device::Answers::ERROR && device->answers != Device::Answers::NEVER;
+    const bool isServed = IsServing(device);
     const bool isOther = device != std::exchange(peer.servedBy, device); // the connection to the one before has broken
     const bool isThere = guid == Model::kOwn || (isServed && !(isOther && peer.isThere.value_or(false)));
     if (peer.isThere != isThere || !isThere)
@@ -667,7 +650,7 @@ void World::CompareTable(const Sonarix::ProductList& list)
     }
 }
 
-void World::Compare(bool isSettled)
+void World::Compare()
 {
     ++m_comparisons;
     Sonarix::ProductList list;
@@ -686,10 +669,7 @@ void World::Compare(bool isSettled)
         Fail("the list was notified " + std::to_string(m_lists) + " times, not " + std::to_string(m_model.lists));
     }
     CompareConnections();
-    if (isSettled)
-    {
-        CompareWithWorld();
-    }
+    CompareWithWorld();
 }
 
 void World::CompareConnections()
@@ -716,9 +696,10 @@ void World::CompareWithWorld()
     {
         const Device* const device = ServerOf(guid);
         const Model::Row* const row = m_model.Find(guid);
-        const bool isRight = guid == Model::kOwn || (device != nullptr && (device->answers == Device::Answers::RIGHT ||
-                                                                           device->answers == Device::Answers::LATE));
-        const bool isAway = guid != Model::kOwn && device == nullptr;
+        const bool isAway = guid != Model::kOwn && !IsServing(device);
+        const bool isRight =
+            guid == Model::kOwn ||
+            (!isAway && (device->answers == Device::Answers::RIGHT || device->answers == Device::Answers::LATE));
         if (row == nullptr || (isRight && !row->isOnline) || (isAway && row->isOnline))
         {
             Fail(guid + (isRight ? " answers" : " is away") + " and is listed as " + (row ? row->Text() : "nothing"));

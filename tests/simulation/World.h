@@ -78,24 +78,26 @@ public:
     void PostChild(const std::string& guid, const std::string& name, bool isUpdate);
     void DeleteChild(const std::string& guid);
     void RestartGateway(Milliseconds pause);
-    void KillDaemon();
-    void StartDaemon();
+    void SetDaemon(bool isRunning);
 
     // --- devices ---
     void Announce(Device& device); ///< its services, with records as they are now
     void Withdraw(const Device& device);
     bool IsAnnounced(const Device& device) const;
     void ReportAgain(const Device& device, bool wasGone);
-    void SetMute(Device& device, bool isMute); ///< its services can't be resolved
+    void Mute(const Device& device); ///< can't be resolved until it is announced again
     void SpeakSsdp(const Device& device);
     /// Whether it is there, its guid or its answers may have changed.
-    void Reconsider(const std::string& guid);
+    void CheckSoon(const std::string& guid);
     void Push(const std::string& guid); ///< the device's description to its subscribers
 
-    /// Compares all pages with the model; with the world too, where all has had the time to settle.
-    void Compare(bool isSettled);
+    /// Once all has had the time to settle: all pages with the model, and with the world.
+    void Compare();
     /// What went wrong first, with what happened before; empty: nothing.
-    std::string Failure() const;
+    const std::string& Failure() const
+    {
+        return m_failure;
+    }
     std::size_t Comparisons() const
     {
         return m_comparisons;
@@ -131,9 +133,10 @@ private:
     void Resolving(const MDNS::ServiceId& id, const FakeMdns::Script::Answer& answer);
     bool IsOurs(const std::string& name) const;
     const Device* ServerOf(const std::string& guid) const;
-    Sonarix::ProductInfo Description(const Device& device) const;
-    Sonarix::Product SsdpReport(const Device& device) const;
+    static Sonarix::ProductInfo Description(const Device& device);
+    static Sonarix::Product SsdpReport(const Device& device);
     void Deliver(const std::string& guid, Milliseconds delay, const std::string& json);
+    void Told(const std::string& how, const std::string& json);
     void DeliverOwn(const std::string& guid);
     void PushText(const std::string& guid, Milliseconds delay, const std::string& json);
     void CheckIn(const std::string& guid, Milliseconds delay);
