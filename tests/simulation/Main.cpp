@@ -2,6 +2,7 @@
 
 #include "ForkedRun.h"
 #include "Life.h"
+#include "Options.h"
 
 #include <algorithm>
 #include <chrono>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <optional>
 #include <random>
 #include <string>
@@ -132,33 +132,26 @@ std::vector<std::uint64_t> ReadList(const std::string& path)
 
 int main(int argc, char** argv)
 {
-    std::map<std::string, std::string> options{
-        {"--seconds", ""}, {"--first-seed", ""}, {"--jobs", ""}, {"--list", ""}, {"--seed", ""}};
-    bool isUnderstood = argc > 1;
-    for (int i = 1; i < argc && isUnderstood; i += 2)
+    Options options({"seconds", "first-seed", "jobs", "list", "seed"});
+    const bool isUnderstood = options.Parse(argc, argv) && options.Words().empty();
+    if (!isUnderstood || options.WantsHelp())
     {
-        isUnderstood = i + 1 < argc && options.contains(argv[i]);
-        options[argv[i]] = isUnderstood ? argv[i + 1] : "";
-    }
-    const bool isHelp = options.contains("--help");
-    if (!isUnderstood)
-    {
-        std::fputs(kUsage, isHelp ? stdout : stderr);
-        return isHelp ? 0 : 2;
+        std::fputs(kUsage, isUnderstood ? stdout : stderr);
+        return isUnderstood ? 0 : 2;
     }
     const auto number = [&options](const std::string& option, std::uint64_t otherwise)
-    { return options[option].empty() ? otherwise : std::strtoull(options[option].c_str(), nullptr, 10); };
-    if (!options["--seed"].empty())
+    { return std::strtoull(options.Get(option, std::to_string(otherwise)).c_str(), nullptr, 10); };
+    if (options.Get("seed"))
     {
-        return RunSeed(number("--seed", 0));
+        return RunSeed(number("seed", 0));
     }
-    const std::uint64_t jobs = std::max<std::uint64_t>(1, number("--jobs", std::thread::hardware_concurrency()));
-    if (!options["--list"].empty())
+    const std::uint64_t jobs = std::max<std::uint64_t>(1, number("jobs", std::thread::hardware_concurrency()));
+    if (const std::optional<std::string> list = options.Get("list"))
     {
-        return Soak(argv[0], ReadList(options["--list"]), 0, {}, jobs);
+        return Soak(argv[0], ReadList(*list), 0, {}, jobs);
     }
-    const std::uint64_t first = number("--first-seed", std::random_device()());
-    const auto duration = std::chrono::seconds(number("--seconds", 60));
+    const std::uint64_t first = number("first-seed", std::random_device()());
+    const auto duration = std::chrono::seconds(number("seconds", 60));
     std::printf("seeds from %" PRIu64 " for %lld s in %" PRIu64 " processes\n", first,
                 static_cast<long long>(duration.count()), jobs);
     return Soak(argv[0], {}, first, duration, jobs);
