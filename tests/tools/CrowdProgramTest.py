@@ -1,0 +1,148 @@
+#!/usr/bin/python3
+"""product-crowd as its neighbours hear and reach it, in a network namespace of this test's own.
+
+Usage: CrowdProgramTest.py FOLDER_OF_PROGRAMS
+"""
+import json
+import os
+import socket
+import struct
+import subprocess
+import sys
+import time
+import unittest
+
+INSIDE = "SONARIX_TEST_NAMESPACE"
+BIN = ""
+GROUP = ("224.0.0.251", 5353)
+TYPE = b"\x0d_kova-lanyard\x04_tcp\x05local\x00"
+PTR, SRV, TXT, A = 12, 33, 16, 1
+QUIET = 0.4  # the longest delay of an answer here is a twentieth of it
+COUNT = 5
+
+
+def query(questions, known=(), truncated=False):
+    """Questions are (name, type); known are indices of products whose PTR record the asker has."""
+    message = struct.pack("!6H", 0, 0x0200 if truncated else 0, len(questions), len(known), 0, 0)
+    for name, kind in questions:
+        message += name + struct.pack("!2H", kind, 1)
+    for index in known:
+        target = label(f"Crowd {index}") + TYPE
+        message += TYPE + struct.pack("!2HIH", PTR, 1, 4500, len(target)) + target
+    return message
+
+
+def label(text):
+    return bytes([len(text)]) + text.encode()
+
+
+def skip_name(message, at):
+    while message[at] not in (0,) and message[at] < 0xC0:
+        at += 1 + message[at]
+    return at + (2 if message[at] >= 0xC0 else 1)
+
+
+def records(message):
+    """(type, TTL) of all records of a response."""
+    answers, _, more = struct.unpack("!3H", message[6:12])
+    at, found = 12, []
+    for _ in range(answers + more):
+        at = skip_name(message, at)
+        kind, _, ttl, length = struct.unpack("!2HIH", message[at:at + 10])
+        found.append((kind, ttl))
+        at += 10 + length
+    assert at == len(message)
+    return found
+
+
+class Crowd(unittest.TestCase):
+    def setUp(self):
+        self.ear = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(self.ear.close)
+        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        self.ear.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                            socket.inet_aton(GROUP[0]) + socket.inet_aton("127.0.0.1"))
+        self.ear.bind(("", GROUP[1]))
+        self.crowd = subprocess.Popen([BIN + "/product-crowd", "--count", str(COUNT), "--interface", "lo",
+                                       "--delay", "1:20"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(self.crowd.communicate)
+        self.assertEqual(self.crowd.stdout.readline(), f"ready {COUNT}\n")
+        self.assertEqual(self.hear(2.5), sorted(2 * list(range(COUNT))), "each announces itself twice")
+
+    def tell(self, line):
+        self.crowd.stdin.write(line + "\n")
+        self.crowd.stdin.flush()
+        return self.crowd.stdout.readline().strip()
+
+    def ask(self, *messages):
+        """The products that answer, and their last packets in `heard`."""
+        time.sleep(1)  # what was just sent is not sent again
+        for message in messages:
+            self.ear.sendto(message, GROUP)
+        return self.hear(QUIET)
+
+    def hear(self, seconds):
+        """The indices of the products that have sent within that time, by their addresses."""
+        self.heard, end = {}, time.monotonic() + seconds
+        indices = []
+        while (rest := end - time.monotonic()) > 0:
+            self.ear.settimeout(rest)
+            try:
+                message, (address, port) = self.ear.recvfrom(9000)
+            except TimeoutError:
+                break
+            if message[2] & 0x80:
+                self.assertEqual((address[:9], port), ("10.77.32.", GROUP[1]))
+                indices.append(int(address[9:]) - 1)
+                self.heard[indices[-1]] = message
+        return sorted(indices)
+
+    def reach(self, index):
+        """What it says at its gateway's port, or None where nobody listens."""
+        answer = subprocess.run([BIN + "/portico", "--host", f"10.77.32.{index + 1}", "--port", "8090", "get",
+                                 "/sonarix/info"], capture_output=True, text=True, check=False)
+        return json.loads(answer.stdout) if answer.returncode == 0 else None
+
+    def test_each_answers_for_itself_and_only_what_is_asked(self):
+        browse = [(TYPE, PTR)]
+        self.assertEqual(self.ask(query(browse)), [0, 1, 2, 3, 4])
+        for message in self.heard.values():
+            self.assertEqual(records(message), [(PTR, 4500), (SRV, 120), (TXT, 4500), (A, 120)])
+        self.assertEqual(self.ask(query(browse, known=[0, 2, 4])), [1, 3])
+        self.assertEqual(self.ask(query(browse, [0, 1], truncated=True), query([], [2], truncated=True),
+                                  query([], [3])), [4], "what is known may come in several messages")
+        self.assertEqual(self.ask(query(browse, [0, 1, 2, 3], truncated=True))
+                         or self.hear(QUIET), [4], "or not come at all")
+        instance, host = label("Crowd 2") + TYPE, b"\x0bcrowd-00002\x05local\x00"
+        self.assertEqual(self.ask(query([(instance, SRV), (host, A)])), [2])
+        self.assertEqual(records(self.heard[2]), [(SRV, 120), (A, 120)])
+        self.assertEqual(self.ask(query([(label("Crowd 9") + TYPE, SRV)])), [])
+        self.assertEqual(self.reach(2)["guid"], "crowd-00002")
+
+    def test_commands(self):
+        self.assertEqual(self.tell("silence 0 1"), "ok silence 2")
+        self.assertEqual(self.ask(query([(TYPE, PTR)])), [2, 3, 4])
+        self.assertEqual((self.reach(1), self.reach(2)["friendlyname"]), (None, "Crowd 2"))
+        self.assertEqual(self.tell("goodbye 1 2"), "ok goodbye 2")
+        self.assertEqual(self.hear(QUIET), [2])
+        self.assertEqual({ttl for _, ttl in records(self.heard[2])}, {0})
+        self.assertIsNone(self.reach(2))
+        self.assertEqual(self.tell("return 0 2"), "ok return 3")
+        self.assertEqual(self.hear(2.5), [0, 0, 1, 1, 2, 2])
+        self.assertEqual(self.tell("rename 4 4"), "ok rename 1")
+        self.assertEqual((self.hear(2), self.reach(4)["friendlyname"]), ([4, 4, 4], "Crowd 4, 2"))
+        for wrong in ("silence", "silence 3 2", "silence 0 5", "silence 0 1 2", "return -1 0", "dance 0 1", ""):
+            self.assertTrue(self.tell(wrong).startswith("error "), wrong)
+        self.assertIn("products=5 online=5 ", self.tell("stats"))
+
+
+if __name__ == "__main__":
+    if os.environ.get(INSIDE) != "yes":
+        os.environ[INSIDE] = "yes"
+        os.execvp("unshare", ["unshare", "--net", sys.executable, "-B", *sys.argv])
+    BIN = sys.argv.pop(1)
+    for command in ("link set lo up multicast on", "route add 224.0.0.0/4 dev lo",
+                    "route add local 10.77.32.0/20 dev lo"):
+        subprocess.run(["ip", *command.split()], check=True)
+    unittest.main(verbosity=2)
