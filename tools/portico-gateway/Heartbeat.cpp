@@ -5,9 +5,10 @@
 namespace Gateway
 {
 
-Heartbeat::Heartbeat(const Surroundings& surroundings, Check check, Tell tell)
+Heartbeat::Heartbeat(const Surroundings& surroundings, Check check, IsReached isReached, Tell tell)
     : m_surroundings(surroundings)
     , m_check(std::move(check))
+    , m_isReached(std::move(isReached))
     , m_tell(std::move(tell))
     , m_period("PorticoGatewayCheckPeriod", surroundings.task)
     , m_limit("PorticoGatewayCheckLimit", surroundings.task)
@@ -28,7 +29,7 @@ void Heartbeat::CheckNow()
     const unsigned int number = ++m_number;
     m_period.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkPeriod.count()), [this] { CheckNow(); });
     m_limit.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkLimit.count()),
-                   [this, number] { HandleResult(number, false); });
+                   [this, number] { HandleLimit(number); });
     m_check(
         [this, number, alive = std::weak_ptr(m_alive)](const Answer& answer)
         {
@@ -46,6 +47,16 @@ void Heartbeat::HandleOwnList()
     m_isUnderWay = false;
     ++m_number;
     CheckNow();
+}
+
+void Heartbeat::HandleLimit(unsigned int check)
+{
+    // A service whose connection stands may be busy with the answers of hundreds of others: the question ends by
+    // itself.
+    if (!m_isReached())
+    {
+        HandleResult(check, false);
+    }
 }
 
 void Heartbeat::HandleResult(unsigned int check, bool isPassed)

@@ -22,11 +22,12 @@ public:
         ONLINE = 1040,
         OFFLINE = 1041,
     };
-    /// One check: the question is sent, and the answer comes now, later or never.
+    /// One check: the question is sent, and the answer comes now or later; never, where the product is not reached.
     using Check = std::function<void(AnswerCallback)>;
+    using IsReached = std::function<bool()>; ///< the question of the check has gone to the product
     using Tell = std::function<void(Status)>;
 
-    Heartbeat(const Surroundings& surroundings, Check check, Tell tell);
+    Heartbeat(const Surroundings& surroundings, Check check, IsReached isReached, Tell tell);
     ~Heartbeat();
     Heartbeat(const Heartbeat&) = delete;
     Heartbeat& operator=(const Heartbeat&) = delete;
@@ -37,10 +38,12 @@ public:
     void HandleOwnList();
 
 private:
+    void HandleLimit(unsigned int check);
     void HandleResult(unsigned int check, bool isPassed);
 
     const Surroundings& m_surroundings;
     const Check m_check;
+    const IsReached m_isReached;
     const Tell m_tell;
     unsigned int m_number = 0; ///< of the last check
     bool m_isUnderWay = false;

@@ -46,7 +46,8 @@ void LocalConnection::OpenProduct(const std::string& guid)
     {
         m_heartbeat = std::make_unique<Heartbeat>(
             m_surroundings,
-            [this](const AnswerCallback& answer) { m_surroundings.router.Send(kCheck, Origin::LOCAL, answer); }, tell);
+            [this](const AnswerCallback& answer) { m_surroundings.router.Send(kCheck, Origin::LOCAL, answer); },
+            [] { return true; }, tell);
     }
     else
     {
@@ -57,7 +58,8 @@ void LocalConnection::OpenProduct(const std::string& guid)
         m_remote = std::make_unique<RemoteProduct>(m_surroundings, guid, m_connection->SubProtocol(), m_service,
                                                    std::move(callbacks));
         m_heartbeat = std::make_unique<Heartbeat>(
-            m_surroundings, [this](const AnswerCallback& answer) { m_remote->SendCheck(kCheck, answer); }, tell);
+            m_surroundings, [this](const AnswerCallback& answer) { m_remote->SendCheck(kCheck, answer); },
+            [this] { return m_remote->IsReached(); }, tell);
     }
     m_heartbeat->CheckNow();
 }

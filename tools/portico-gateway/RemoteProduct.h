@@ -55,6 +55,10 @@ public:
     /// A product that refuses it later is logged, and is asked again at the next connection.
     void Subscribe(const std::string& path, const std::string& version, int scope, AnswerCallback answer);
     void Unsubscribe(const std::string& path);
+    bool IsReached() const
+    {
+        return m_state == State::READY;
+    }
     /// The product table can be asked now: an attempt that goes on without it begins anew.
     void HandleOwnList();
 

@@ -27,7 +27,7 @@ struct Timings
     std::chrono::milliseconds connectLimit{1800};         ///< for each address of a product; under a check's period
     std::chrono::milliseconds retryPause{1000};           ///< after a failure only checks try again for so long
     std::chrono::milliseconds checkPeriod{2000};
-    std::chrono::milliseconds checkLimit{2000};
+    std::chrono::milliseconds checkLimit{2000}; ///< for reaching a product; its answer has a request's limit
 };
 
 /// What the gateway's connections share. All of it outlives them.

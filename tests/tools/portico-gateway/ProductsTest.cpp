@@ -77,6 +77,12 @@ protected:
         std::ofstream(m_settings.peersFile)
             << "# products\n\nnonsense\nfar " << address << "\nother " << address << "\nbad 127.0.0.1:x\n";
     }
+    static Gateway::Settings FarSettings()
+    {
+        Gateway::Settings settings;
+        settings.timings.requestLimit = 3000ms; // longer than a check may take to reach it
+        return settings;
+    }
     static Gateway::Settings Settings(const GatewayUnderTest& far)
     {
         Gateway::Settings settings;
@@ -85,7 +91,7 @@ protected:
         return settings;
     }
 
-    GatewayUnderTest m_far{"far"};
+    GatewayUnderTest m_far{"far", FarSettings()};
     Gateway::Settings m_settings = Settings(m_far);
     GatewayUnderTest m_near{"near", m_settings};
 };
@@ -130,8 +136,12 @@ TEST_F(GatewayProducts, TellsOfDeathAndReturnOfAServiceAndOfAGateway)
     EXPECT_EQ(client.TakeHeartbeat(), kOnline);
     EXPECT_FALSE(client.Has("heartbeat", 400ms)) << "told once";
 
-    far->isMute = true; // not answered in time
-    EXPECT_EQ(client.TakeHeartbeat(), kOffline);
+    far->isMute = true;
+    const Json check = far->Take("get");
+    EXPECT_FALSE(client.Has("heartbeat", 2300ms)) << "busy, but its connection stands";
+    far->Answer(check, kFarInfo);
+    EXPECT_FALSE(client.Has("heartbeat", 2300ms)) << "and the next check has just begun";
+    EXPECT_EQ(client.TakeHeartbeat(), kOffline) << "not answered in time";
     far->isMute = false;
     WaitForOnline(client);
     far.reset(); // the service alone: 404
