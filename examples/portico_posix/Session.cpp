@@ -30,6 +30,7 @@ constexpr std::size_t kMaxWaiting = 1024;
 constexpr std::size_t kMaxWaitingBytes = 4U << 20U;
 constexpr std::size_t kMaxHeld = 64;
 constexpr std::size_t kMaxHeldBytes = 8U << 20U;
+constexpr std::size_t kMaxUnread = 8U << 20U; ///< beyond it notifications are held, until the gateway has read these
 constexpr std::size_t kMaxLoggedBytes = 2048;
 
 constexpr int kCodeNobody = 404;
@@ -469,6 +470,10 @@ void Session::Move(short events, Clock::time_point now)
         const std::string reason = isLate ? "no answer in time" : m_connection->Failure();
         Drop(reason, Error(kCodeUnavailable, "no gateway: " + reason));
     }
+    if (m_isOpen)
+    {
+        SendHeld();
+    }
 }
 
 void Session::HandleOpened(const std::string& errorBody)
@@ -583,7 +588,7 @@ void Session::HandleAnnounced(const std::shared_ptr<Slot>& slot, const std::stri
     }
 }
 
-/// What may go out now: a path that is served here waits for the gateway's consent.
+/// What may go out now: a path that is served here waits for the gateway's consent, all for a gateway that is behind.
 void Session::SendHeld()
 {
     const auto mayGo = [this](const std::string& path)
@@ -595,6 +600,15 @@ void Session::SendHeld()
     };
     for (auto held = m_held.begin(); held != m_held.end();)
     {
+        if (m_connection->QueuedBytes() > kMaxUnread)
+        {
+            if (!std::exchange(m_isBehind, true))
+            {
+                DPRINT(s_log, DPrint::LEVEL_WARNING,
+                       m_name << ": the gateway does not keep up: of each path the last notification waits");
+            }
+            return;
+        }
         const auto each = held++;
         if (mayGo(each->first))
         {
@@ -602,6 +616,7 @@ void Session::SendHeld()
             m_held.erase(each);
         }
     }
+    m_isBehind = false;
 }
 
 void Session::Call(const std::string& method, const std::string& params, OnEnd onEnd)

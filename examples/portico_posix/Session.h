@@ -133,5 +133,6 @@ private:
     std::chrono::milliseconds m_pause{0};
     std::optional<bool> m_told; ///< to the connect callback, last
     bool m_isRefusalTold = false;
+    bool m_isBehind = false; ///< more waits for the gateway than it should
     std::minstd_rand m_random{std::random_device()()};
 };

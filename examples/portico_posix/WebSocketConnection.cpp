@@ -324,6 +324,11 @@ bool WebSocketConnection::IsUp() const
     return m_phase == Phase::UP;
 }
 
+std::size_t WebSocketConnection::QueuedBytes() const
+{
+    return m_output.size() - m_written;
+}
+
 const std::string& WebSocketConnection::Failure() const
 {
     return m_failure;

@@ -27,6 +27,7 @@ public:
     void Send(const std::string& text);
 
     bool IsUp() const;                  ///< the handshake is done
+    std::size_t QueuedBytes() const;    ///< that the gateway has not read yet
     const std::string& Failure() const; ///< why it ended; empty while it lives
 
 private:

@@ -430,7 +430,12 @@ TEST_F(PorticoClientTest, GatewayThatDoesNotKeepUpKeepsItsConnectionAndGetsTheLa
     gateway.Answer(gateway.Take("get"), {{"code", 1}});
     EXPECT_EQ(m_ends.Take(), R"({"code":1})");
     client->SendNotification("/mine", Record(30), 1.0);
-    EXPECT_EQ(gateway.Take("notify")["params"]["body"], json({{"code", 30}}));
+    json next = gateway.Take("notify");
+    if (next["params"]["path"] == "/small") // what order paths have among themselves is the library's
+    {
+        next = gateway.Take("notify");
+    }
+    EXPECT_EQ(next["params"]["body"], json({{"code", 30}}));
     for (json frame = gateway.TakeAny(0); !frame.is_null(); frame = gateway.TakeAny(0))
     {
         EXPECT_NE(frame["method"], "open") << "the connection went";
