@@ -150,26 +150,31 @@ TEST_F(GatewayClients, AnswersWhatIsNoRequestByItsError)
 
 TEST_F(GatewayClients, RefuseMoreThanTheGatewayCanHold)
 {
-    m_server.Serve("get", "/p", 0);
+    Gateway::Settings patient;
+    patient.timings.requestLimit = 2500ms; // the first must still be waiting when the last is asked
+    const GatewayUnderTest gateway("own", patient);
+    RpcClient server(gateway.Port(), "Server");
+    RpcClient asker(gateway.Port(), "Asker");
+    server.Serve("get", "/p", 0);
     const int count = 1100;
     for (int i = 0; i < count; ++i)
     {
-        m_asker.Ask("get", {{"path", "/p"}});
+        asker.Ask("get", {{"path", "/p"}});
     }
     int refused = 0;
     for (int id = 2; id <= count + 1; ++id) // 1 was its open
     {
-        refused += RpcClient::Code(m_asker.AnswerTo(id)) == 503 ? 1 : 0;
+        refused += RpcClient::Code(asker.AnswerTo(id)) == 503 ? 1 : 0;
     }
     EXPECT_GE(refused, 1);
-    EXPECT_EQ(m_asker.Code("get", {{"path", "/p"}}), 504) << "there is room again";
+    EXPECT_EQ(asker.Code("get", {{"path", "/p"}}), 504) << "there is room again";
 
     for (int i = 0; i < 4096; ++i)
     {
-        m_server.Ask("subscribe", {{"path", "/" + std::to_string(i)}});
+        server.Ask("subscribe", {{"path", "/" + std::to_string(i)}});
     }
-    EXPECT_EQ(m_server.Code("subscribe", {{"path", "/one more"}}), 503);
-    EXPECT_EQ(m_server.Code("subscribe", {{"path", "/0"}}), 0);
+    EXPECT_EQ(server.Code("subscribe", {{"path", "/one more"}}), 503);
+    EXPECT_EQ(server.Code("subscribe", {{"path", "/0"}}), 0);
 }
 
 // ---- subscriptions ------------------------------------------------------------------------------------------
@@ -213,7 +218,9 @@ TEST_F(GatewayClients, HearNotWhatAServerSaidThatHasGone)
     EXPECT_EQ(m_second.TakeBody(), Json({{"n", 2}}));
     server.reset();
     RpcClient heir(m_gateway.Port(), "Server");
-    heir.Serve("get", "/p", 1);
+    while (heir.Code("serve", {{"verb", "get"}, {"path", "/p"}, {"scope", 1}}) == 409) // its end is not noticed yet
+    {
+    }
     RpcClient late(m_gateway.Port(), "Late");
     late.Subscribe("/p");
     EXPECT_TRUE(late.HearsNothing());
