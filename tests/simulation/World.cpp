@@ -600,12 +600,7 @@ void World::Check(const std::string& guid)
 void World::ProbeGivenUp()
 {
     const std::int64_t overMs = (MonotonicClock::NowSec() + Model::kGiveUpAfter + 1) * 1000;
-    simulation.Schedule(Milliseconds(overMs - NowMs()),
-                        [this]
-                        {
-                            simulation.RunUntilIdle();
-                            CompareConnections();
-                        });
+    At(Milliseconds(overMs - NowMs()), [this] { CompareConnections(); });
 }
 
 void World::Notified(const std::string& path, const google::protobuf::Message& message)
