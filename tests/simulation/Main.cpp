@@ -25,6 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kUsage =
     "simulation-soak --seconds N [--first-seed S] [--jobs J]   seeds S, S+1, ... (S at random) for N seconds\n"
+    "                    (SONARIX_FIRST_SEED in the environment stands for S)\n"
     "simulation-soak --list FILE [--jobs J]                    the seeds that begin the lines of a file\n"
     "simulation-soak --seed S                                  one alone, in this process\n"
     "SONARIX_LOG=0 shows what happens to the service meanwhile, SONARIX_LOG=3 its log with it.\n";
@@ -150,7 +151,9 @@ int main(int argc, char** argv)
     {
         return Soak(argv[0], ReadList(*list), 0, {}, jobs);
     }
-    const std::uint64_t first = number("first-seed", std::random_device()());
+    const char* const fixed = std::getenv("SONARIX_FIRST_SEED");
+    const std::uint64_t otherwise = fixed != nullptr ? std::strtoull(fixed, nullptr, 10) : std::random_device()();
+    const std::uint64_t first = number("first-seed", otherwise);
     const auto duration = std::chrono::seconds(number("seconds", 60));
     std::printf("seeds from %" PRIu64 " for %lld s in %" PRIu64 " processes\n", first,
                 static_cast<long long>(duration.count()), jobs);
