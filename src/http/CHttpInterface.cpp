@@ -271,6 +271,11 @@ void CHttpInterface::SetMaxRunningRequests(std::size_t count)
     m_maxRunningRequests = count;
 }
 
+void CHttpInterface::SetRetryWaitCallback(const Callback<bool>& callback)
+{
+    m_settings->onRetryWait = callback;
+}
+
 void CHttpInterface::DiscardRequests()
 {
     m_line->Discard();

@@ -86,6 +86,7 @@ public:
     void SetRetryOnAnyStatus(bool retry) override;
     void SetMaxAnswerBytes(std::size_t bytes) override;
     void SetMaxRunningRequests(std::size_t count) override;
+    void SetRetryWaitCallback(const Callback<bool>& callback) override;
     void DiscardRequests() override;
 
 private:

@@ -85,9 +85,13 @@ public:
     /// Headers and body of an answer together; one that is longer ends as a transfer failure (CURLE_WRITE_ERROR,
     /// status 0) with a level-2 line naming the URL. 0, as at first: no limit.
     virtual void SetMaxAnswerBytes(std::size_t bytes) = 0;
-    /// More exchanges than this at once wait for their turn, in the order of their start. As many requests may wait to
-    /// be retried, beside those; one more is delivered instead, with a level-2 line. 0, as at first: no limit.
+    /// More exchanges than this at once wait for their turn, in the order of their start, a retry before them. As many
+    /// requests may wait to be retried, beside those; one more is delivered instead, with a level-2 line. 0, as at
+    /// first: no limit.
     virtual void SetMaxRunningRequests(std::size_t count) = 0;
+    /// `callback` is called on a request's thread: true when it begins to wait before a retry, false when that wait is
+    /// over, and with that before all else of it. None at first.
+    virtual void SetRetryWaitCallback(const Callback<bool>& callback) = 0;
     /// Ends this interface's requests, from any thread, without waiting: those that wait for their turn are dropped,
     /// and their requesters not called; those that wait before a retry, of any kind, deliver what they have; a
     /// transfer under way runs to its end or its time-out, and is not retried. New requests may follow.

@@ -52,7 +52,8 @@ void RequestLine::Start(const std::shared_ptr<RunTask>& task, std::size_t limit)
     {
         const std::lock_guard lock(m_mutex);
         m_limit = limit;
-        if (limit != 0 && m_running.size() >= limit)
+        m_mayRun.notify_all();
+        if (IsFull())
         {
             m_waiting.push_back(task);
             return;
@@ -60,6 +61,12 @@ void RequestLine::Start(const std::shared_ptr<RunTask>& task, std::size_t limit)
         m_running.insert(task.get());
     }
     StartThread(task);
+}
+
+/// With the mutex held: no more may begin an exchange.
+bool RequestLine::IsFull() const
+{
+    return m_limit != 0 && m_running.size() + m_returning >= m_limit;
 }
 
 void RequestLine::StartThread(const std::shared_ptr<RunTask>& task)
@@ -72,6 +79,7 @@ void RequestLine::StartThread(const std::shared_ptr<RunTask>& task)
     {
         const std::lock_guard lock(m_mutex);
         m_running.erase(task.get());
+        m_mayRun.notify_one();
         throw;
     }
 }
@@ -79,7 +87,7 @@ void RequestLine::StartThread(const std::shared_ptr<RunTask>& task)
 /// With the mutex held: the one whose turn it is, now among those that run.
 std::shared_ptr<RunTask> RequestLine::TakeNext()
 {
-    if (m_waiting.empty() || (m_limit != 0 && m_running.size() >= m_limit))
+    if (m_waiting.empty() || IsFull())
     {
         return nullptr;
     }
@@ -93,6 +101,8 @@ std::shared_ptr<RunTask> RequestLine::EndAndTakeNext(RunTask& ended)
 {
     const std::lock_guard lock(m_mutex);
     m_running.erase(&ended);
+    m_retrying.erase(&ended); // where a callback threw in its wait
+    m_mayRun.notify_one();
     return TakeNext();
 }
 
@@ -107,6 +117,7 @@ bool RequestLine::Enter(RunTask& task)
         }
         m_running.erase(&task);
         m_retrying.insert(&task);
+        m_mayRun.notify_one();
         next = TakeNext();
     }
     if (next)
@@ -126,7 +137,10 @@ bool RequestLine::Enter(RunTask& task)
 
 void RequestLine::Leave(RunTask& task)
 {
-    const std::lock_guard lock(m_mutex);
+    std::unique_lock lock(m_mutex);
+    ++m_returning;
+    m_mayRun.wait(lock, [&] { return m_limit == 0 || m_running.size() < m_limit || task.IsAbandoned(); });
+    --m_returning;
     m_retrying.erase(&task);
     m_running.insert(&task);
 }
@@ -144,4 +158,5 @@ void RequestLine::Discard()
     {
         task->Abandon();
     }
+    m_mayRun.notify_all();
 }

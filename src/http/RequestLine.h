@@ -2,6 +2,7 @@
 
 #include "RunTask.h"
 
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -30,12 +31,15 @@ public:
 
 private:
     class Turn;
+    bool IsFull() const;
     void StartThread(const std::shared_ptr<RunTask>& task);
     std::shared_ptr<RunTask> TakeNext();
     std::shared_ptr<RunTask> EndAndTakeNext(RunTask& ended);
 
     std::mutex m_mutex;
-    std::size_t m_limit = 0; ///< of the last start
+    std::condition_variable m_mayRun; ///< tells those that return from a wait
+    std::size_t m_returning = 0;      ///< how many of those there are; they go before m_waiting
+    std::size_t m_limit = 0;          ///< of the last start
     std::set<RunTask*> m_running;
     std::set<RunTask*> m_retrying; ///< both alive: each is held by its thread until it has left here
     std::deque<std::shared_ptr<RunTask>> m_waiting;

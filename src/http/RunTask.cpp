@@ -125,6 +125,12 @@ void RunTask::Abandon()
     m_abandonedChanged.notify_all();
 }
 
+bool RunTask::IsAbandoned()
+{
+    const std::lock_guard lock(m_abandonedMutex);
+    return m_abandoned;
+}
+
 bool RunTask::WasRateLimited() const
 {
     return m_rateLimited;
@@ -437,10 +443,16 @@ bool RunTask::MayWait()
 
 bool RunTask::Sleep(std::uint32_t seconds)
 {
-    const EventWaiter::Result result = m_waiter.Wait(seconds);
+    m_settings.onRetryWait(true);
+    EventWaiter::Result result = m_waiter.Wait(seconds);
+    m_settings.onRetryWait(false);
     if (m_gate)
     {
         m_gate->Leave(*this);
+    }
+    if (result == EventWaiter::TIMED_OUT && IsAbandoned())
+    {
+        result = EventWaiter::WOKEN;
     }
     switch (result)
     {

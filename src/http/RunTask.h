@@ -45,6 +45,7 @@ struct HttpSettings
     std::vector<int> retryStatusCodes;
     std::string proxy;
     std::size_t maxAnswerBytes = 0;
+    Callback<bool> onRetryWait;
 };
 
 /// One request. A value.
@@ -76,7 +77,7 @@ class IRetryGate
 public:
     virtual ~IRetryGate() = default;
     virtual bool Enter(RunTask& task) = 0; ///< false: it shall not wait, and not be retried
-    virtual void Leave(RunTask& task) = 0; ///< after an Enter() that said true
+    virtual void Leave(RunTask& task) = 0; ///< after an Enter() that said true; may wait for a turn
 };
 
 /// One request on its way: the exchange, the waits before its retries, the outcome's delivery.
@@ -97,6 +98,7 @@ public:
 
     /// Cancel(), and no further round of the transfer itself.
     void Abandon();
+    bool IsAbandoned();
 
 private:
     enum RetryBehavior

@@ -503,6 +503,54 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
     EXPECT_TRUE(AllThreadsEnd());
 }
 
+TEST(CHttpInterface, ARetryWaitsForItsTurnAndItsRequesterKnowsOfItsWait)
+{
+    const LogCapture log("3");
+    Watched<bool> mayGo(false);
+    HttpServer server(
+        [&mayGo](HttpServer::Exchange& exchange)
+        {
+            if (exchange.Asked().m_target == "/hold")
+            {
+                mayGo.WaitFor(true, 60s);
+            }
+            exchange.Send(exchange.Number() == 0 ? HttpServer::Answer(503, {"Retry-After: 1"})
+                                                 : HttpServer::Answer(200));
+        });
+    Responses responses;
+    Watched<std::string> waits;
+    CHttpInterface http(false, "");
+    http.SetMaxRunningRequests(1);
+    http.SetRetryWaitCallback([&waits](bool begins)
+                              { waits.Change([begins](std::string& all) { all += begins ? "begins " : "ends "; }); });
+    Get(http, server.Url("/retry"), responses);
+    ASSERT_TRUE(waits.WaitFor("begins "));
+    Get(http, server.Url("/hold"), responses);
+    Get(http, server.Url("/last"), responses);
+    ASSERT_TRUE(waits.WaitFor("begins ends "));
+    const auto isThird = [](const std::vector<HttpServer::Request>& all) { return all.size() == 3; };
+    EXPECT_FALSE(server.Requests().WaitUntil(isThird, 300ms)) << "one at a time";
+    mayGo.Set(true);
+    ASSERT_TRUE(Come(responses, 3)) << log.Text();
+    EXPECT_THAT(UrlsOf(responses, server.Url("").size()), testing::ElementsAre("/hold", "/retry", "/last"));
+
+    // A discard ends that wait too, and then it is not retried.
+    mayGo.Set(false);
+    responses.Set({});
+    waits.Set("");
+    HttpServer busy([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(503, {"Retry-After: 1"})); });
+    Get(http, busy.Url("/"), responses);
+    ASSERT_TRUE(waits.WaitFor("begins "));
+    Get(http, server.Url("/hold"), responses);
+    ASSERT_TRUE(waits.WaitFor("begins ends "));
+    http.DiscardRequests();
+    ASSERT_TRUE(Come(responses, 1));
+    EXPECT_EQ(responses.Get().front().status, 503);
+    mayGo.Set(true);
+    EXPECT_TRUE(AllThreadsEnd());
+    EXPECT_EQ(busy.Requests().Get().size(), 1U);
+}
+
 TEST(CHttpInterface, WithoutALimitAllRunAtOnceAndTheLogSaysSo)
 {
     LogCapture log("2");

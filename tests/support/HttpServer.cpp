@@ -15,8 +15,8 @@
 namespace
 {
 
-/// Bound to loopback, not listening yet.
-std::pair<int, std::uint16_t> Bind(std::uint16_t port)
+/// Bound, not listening yet.
+std::pair<int, std::uint16_t> Bind(const std::string& host, std::uint16_t port)
 {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int reuse = 1;
@@ -24,12 +24,12 @@ std::pair<int, std::uint16_t> Bind(std::uint16_t port)
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = inet_addr(host.c_str());
     socklen_t length = sizeof(address);
     if (bind(socket, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
         getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
     {
-        throw std::runtime_error("no port on loopback");
+        throw std::runtime_error("no port on " + host + "");
     }
     return {socket, ntohs(address.sin_port)};
 }
@@ -82,10 +82,11 @@ std::optional<HttpServer::Request> ReadRequest(int socket, std::string& text)
 
 } // namespace
 
-HttpServer::HttpServer(Handler handler, std::uint16_t port)
+HttpServer::HttpServer(Handler handler, std::uint16_t port, const std::string& address)
     : m_handler(std::move(handler))
+    , m_address(address)
 {
-    std::tie(m_listener, m_port) = Bind(port);
+    std::tie(m_listener, m_port) = Bind(address, port);
     listen(m_listener, 128);
     m_acceptor = std::thread([this] { Accept(); });
 }
@@ -154,7 +155,7 @@ void HttpServer::Serve(int socket)
 
 std::string HttpServer::Url(const std::string& target) const
 {
-    return "http://127.0.0.1:" + std::to_string(m_port) + target;
+    return "http://" + m_address + ":" + std::to_string(m_port) + target;
 }
 
 std::string HttpServer::Answer(int status, const std::vector<std::string>& headers, const std::string& body)
@@ -169,7 +170,7 @@ std::string HttpServer::Answer(int status, const std::vector<std::string>& heade
 
 std::uint16_t HttpServer::FreePort()
 {
-    const auto [socket, port] = Bind(0);
+    const auto [socket, port] = Bind("127.0.0.1", 0);
     close(socket);
     return port;
 }

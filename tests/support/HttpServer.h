@@ -12,7 +12,8 @@
 #include <thread>
 #include <vector>
 
-/// A small HTTP server on loopback that says exactly what a test wants, well-formed or not, one thread a connection.
+/// A small HTTP server, on loopback at first, that says exactly what a test wants, well-formed or not, one thread a
+/// connection.
 ///
 ///     HttpServer server([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(200, {}, "hello")); });
 ///     fetcher.SetURL(server.Url("/description.xml"));
@@ -57,8 +58,8 @@ public:
 
     using Handler = std::function<void(Exchange&)>;
 
-    /// `port` 0: a free one.
-    explicit HttpServer(Handler handler, std::uint16_t port = 0);
+    /// `port` 0: a free one. `address`: one of the network namespace that the caller is in.
+    explicit HttpServer(Handler handler, std::uint16_t port = 0, const std::string& address = "127.0.0.1");
     ~HttpServer(); ///< closes all connections and waits for their threads
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -84,6 +85,7 @@ private:
     const Handler m_handler;
     int m_listener = -1;
     std::uint16_t m_port = 0;
+    const std::string m_address;
     Watched<std::vector<Request>> m_requests;
     std::mutex m_mutex;
     bool m_stopping = false;
