@@ -1,9 +1,9 @@
 #include "AnnouncementGate.h"
 
 #include "DPrint.h"
+#include "Location.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <utility>
 
@@ -34,39 +34,6 @@ std::string_view GuidOf(std::string_view usn)
     usn.remove_prefix(kUuid.size());
     const std::string_view guid = usn.substr(0, usn.find(':'));
     return guid.size() <= AnnouncementGate::kMaxGuidBytes ? guid : std::string_view();
-}
-
-bool IsPort(std::string_view text)
-{
-    unsigned port = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-    return error == std::errc() && end == text.data() + text.size() && port >= 1 && port <= 65535;
-}
-
-/// The host of "http://<address>[:<port>][/...]", also with https; nothing for anything else, so that whoever fetches
-/// it reads the same host in it.
-std::optional<IPv4> HostOf(std::string_view location)
-{
-    if (location.size() > AnnouncementGate::kMaxLocationBytes || !IsPrintable(location) ||
-        location.find(' ') != std::string_view::npos)
-    {
-        return std::nullopt;
-    }
-    for (const std::string_view scheme : {"http://", "https://"})
-    {
-        if (location.starts_with(scheme))
-        {
-            location.remove_prefix(scheme.size());
-            const std::string_view authority = location.substr(0, location.find('/'));
-            const std::size_t colon = authority.find(':');
-            if (colon != std::string_view::npos && !IsPort(authority.substr(colon + 1)))
-            {
-                return std::nullopt;
-            }
-            return ParseIPv4(authority.substr(0, colon));
-        }
-    }
-    return std::nullopt;
 }
 
 const char* Text(AnnouncementGate::Reason reason)
@@ -244,7 +211,7 @@ bool AnnouncementGate::IsWithinRate(Sender& sender, std::int64_t nowMs)
 
 bool AnnouncementGate::IsFetchable(std::string_view location, IPv4 sender) const
 {
-    const std::optional<IPv4> host = HostOf(location);
+    const std::optional<IPv4> host = HostOfLocation(location);
     return host && !IsLoopback(*host) && m_link.HasHost(*host) && (!m_link.IsOwn(*host) || m_link.IsOwn(sender));
 }
 

@@ -87,8 +87,6 @@ public:
     static constexpr std::size_t kMaxGuidBytes = 128;
     /// The longest of our own targets has 44 characters.
     static constexpr std::size_t kMaxTargetBytes = 256;
-    /// What browsers and servers take as a URL's length, and more than any description's address has.
-    static constexpr std::size_t kMaxLocationBytes = 2000;
     /// Further LOCATIONs of one message; nobody reads them, the browser keeps them.
     static constexpr std::size_t kMaxFurtherLocations = 4;
     /// A reason is logged once in this time for each sender.

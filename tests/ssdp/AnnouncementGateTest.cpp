@@ -1,5 +1,7 @@
 #include "AnnouncementGate.h"
 
+#include "Location.h"
+
 #include "LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -126,8 +128,8 @@ TEST_F(GateTest, OnlyALocationThatIsFetchedFromTheSendersOwnLinkPasses)
     now += 1000;
     Restart();
     const std::string start = "http://10.77.0.2/";
-    EXPECT_TRUE(Alive(kProduct, "uuid:a::x", start + std::string(Gate::kMaxLocationBytes - start.size(), 'x')));
-    EXPECT_FALSE(Alive(kProduct, "uuid:a::x", start + std::string(Gate::kMaxLocationBytes - start.size() + 1, 'x')));
+    EXPECT_TRUE(Alive(kProduct, "uuid:a::x", start + std::string(kMaxLocationBytes - start.size(), 'x')));
+    EXPECT_FALSE(Alive(kProduct, "uuid:a::x", start + std::string(kMaxLocationBytes - start.size() + 1, 'x')));
     EXPECT_FALSE(Admit({.usn = "uuid:a::x"}, kProduct)) << "no location at all";
     const std::string many = "<http://10.77.0.2/><http://10.77.0.2/><http://10.77.0.2/><http://10.77.0.2/>";
     EXPECT_TRUE(Admit({.usn = "uuid:a::x", .further = many}, kProduct));

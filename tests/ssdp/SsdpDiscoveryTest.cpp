@@ -1,7 +1,6 @@
 #include "SsdpDiscovery.h"
 
-#include "CallbackRegistry.h"
-#include "GSSDPHandlerFactory.h"
+#include "FakeGSSDPHandler.h"
 #include "LogCapture.h"
 #include "Simulation.h"
 #include "Sonarix.pb.h"
@@ -23,43 +22,6 @@ using Scope = SsdpDiscoveryIF;
 
 namespace
 {
-
-/// The adapter, played by the test; the factory makes the sole one.
-struct FakeHandler final : Handler, GSSDPHandlerFactory::detail::GSSDPHandlerFactoryIF
-{
-    FakeHandler()
-    {
-        GSSDPHandlerFactory::SetOverride(this);
-    }
-    ~FakeHandler() override
-    {
-        GSSDPHandlerFactory::SetOverride(nullptr);
-    }
-    std::shared_ptr<Handler> Create(const std::string& interfaceName) override
-    {
-        iface = interfaceName;
-        return {std::make_shared<int>(), this}; // not owned
-    }
-    void RegisterForSearchStatus(const Callback<SearchStatus>& callback) override
-    {
-        status.Connect(callback);
-    }
-    void RegisterForResourceStatus(const Callback<ResourceStatus, std::string, std::string>& callback) override
-    {
-        resource.Connect(callback);
-    }
-    bool StartSearch(const std::string& target, int timeoutSec) override
-    {
-        searches.push_back(target + " " + std::to_string(timeoutSec));
-        return isReady;
-    }
-
-    std::string iface;
-    bool isReady = true;
-    std::vector<std::string> searches;
-    CallbackRegistry<SearchStatus> status;
-    CallbackRegistry<ResourceStatus, std::string, std::string> resource;
-};
 
 /// Requests wait here until the test answers them.
 struct FakeParser final : Parser
@@ -141,7 +103,7 @@ struct SsdpDiscoveryTest : testing::Test
 
     IL::Simulation simulation{1};
     LogCapture log{"7"};
-    FakeHandler handler;
+    FakeGSSDPHandler handler;
     FakeParser::Requests requests;
     ParseCallback parsed;
     std::vector<std::string> reports;

@@ -1,0 +1,350 @@
+#include "SsdpDeviceParser.h"
+
+#include "AsyncCallback.h"
+#include "DPrint.h"
+#include "IHttpInterface.h"
+#include "Location.h"
+#include "Sonarix.pb.h"
+#include "XmlFunctions.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <tinyxml.h>
+#include <utility>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("SsdpDeviceParser");
+
+/// An element's name, and the field that it goes to: what gives that field, or sets it.
+template <class Message, class Result, class... Args>
+using Field = std::pair<std::string_view, Result (Message::*)(Args...)>;
+template <class Message>
+using TextField = Field<Message, std::string*>;
+template <class Message>
+using NumberField = Field<Message, void, std::int32_t>;
+
+using Info = Sonarix::ProductInfo;
+constexpr TextField<Info> kInfoFields[] = {
+    {"deviceType", &Info::mutable_devicetype},
+    {"presentationURL", &Info::mutable_presentationurl},
+    {"friendlyName", &Info::mutable_friendlyname},
+    {"manufacturer", &Info::mutable_manufacturer},
+    {"manufacturerURL", &Info::mutable_manufacturerurl},
+    {"modelDescription", &Info::mutable_modeldescription},
+    {"modelName", &Info::mutable_modelname},
+    {"modelNumber", &Info::mutable_modelnumber},
+    {"modelURL", &Info::mutable_modelurl},
+    {"serialNumber", &Info::mutable_serialnumber},
+    {"UDN", &Info::mutable_udn},
+    {"UPC", &Info::mutable_upc},
+    {"kova:X_MAC", &Info::mutable_macaddress},
+    {"kova:X_ecoSystem", &Info::mutable_ecosystem},
+    {"kova:X_productType", &Info::mutable_producttype},
+    {"kova:X_productColor", &Info::mutable_productcolor},
+    {"kova:X_softwareVersion", &Info::mutable_softwareversion},
+};
+
+using Multiroom = SXCommon::MultiroomVersions;
+constexpr Field<Multiroom, SXCommon::ProtocolVersion*> kMultiroomFields[] = {
+    {"Audio_Payload_Version", &Multiroom::mutable_audio_payload_version},
+    {"AudioControl_Protocol_Version", &Multiroom::mutable_audiocontrol_protocol_version},
+    {"ClockSync_Protocol_Version", &Multiroom::mutable_clocksync_protocol_version},
+    {"NowPlaying_Version", &Multiroom::mutable_nowplaying_version},
+    {"PlaybackRequest_Version", &Multiroom::mutable_playbackrequest_version},
+    {"Grouping_Version", &Multiroom::mutable_grouping_version},
+};
+
+using Version = SXCommon::ProtocolVersion;
+constexpr NumberField<Version> kVersionFields[] = {
+    {"major_version", &Version::set_major_version},
+    {"minor_version", &Version::set_minor_version},
+};
+
+using Icon = SXCommon::Icon;
+constexpr TextField<Icon> kIconTexts[] = {
+    {"mimetype", &Icon::mutable_mimetype},
+    {"url", &Icon::mutable_url},
+};
+constexpr NumberField<Icon> kIconNumbers[] = {
+    {"height", &Icon::set_height},
+    {"width", &Icon::set_width},
+    {"depth", &Icon::set_depth},
+};
+
+using Service = SXCommon::Service;
+constexpr TextField<Service> kServiceFields[] = {
+    {"serviceType", &Service::mutable_servicetype}, {"serviceId", &Service::mutable_serviceid},
+    {"SCPDURL", &Service::mutable_scpdurl},         {"controlURL", &Service::mutable_controlurl},
+    {"eventSubURL", &Service::mutable_eventsuburl},
+};
+
+/// Null: none of that name.
+template <class Member, std::size_t N>
+Member FieldOf(const std::pair<std::string_view, Member> (&fields)[N], const std::string& name)
+{
+    const auto found =
+        std::find_if(std::begin(fields), std::end(fields), [&name](const auto& field) { return field.first == name; });
+    return found == std::end(fields) ? nullptr : found->second;
+}
+
+template <class Message, std::size_t N>
+void StoreText(const TextField<Message> (&fields)[N], const std::string& name, const std::string& text,
+               Message& message)
+{
+    if (const auto field = FieldOf(fields, name))
+    {
+        *(message.*field)() = text;
+    }
+}
+
+template <class Message, std::size_t N>
+void StoreNumber(const NumberField<Message> (&fields)[N], const std::string& name, const std::string& text,
+                 Message& message)
+{
+    if (const auto field = FieldOf(fields, name))
+    {
+        (message.*field)(static_cast<std::int32_t>(XML::ToUnsigned(text)));
+    }
+}
+
+/// `function(child, name, text)` for each child element.
+template <class Function>
+void ForEachChild(TiXmlElement* element, Function function)
+{
+    for (TiXmlElement* child = element->FirstChildElement(); child != nullptr; child = child->NextSiblingElement())
+    {
+        function(child, XML::ExtractElementName(child), XML::ExtractText(child));
+    }
+}
+
+} // namespace
+
+SsdpDeviceParser::SsdpDeviceParser(IHttpInterface* http, NotifyTargetTaskIF* task, ParseCallback parsed)
+    : m_http(http)
+    , m_task(task)
+    , m_parseCb(std::move(parsed))
+    , m_queue(task)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "SsdpDeviceParser");
+    m_http->SetRetries(0);
+    m_http->SetTimeout(kTimeoutSec);
+    m_http->SetMaxAnswerBytes(kMaxAnswerBytes);
+    m_http->SetMaxRunningRequests(FetchQueue::kMaxTransfers);
+    m_http->SetRetryWaitCallback(AsyncCallback<bool>([this](bool begins) { m_queue.RetryWait(begins); }, m_task));
+}
+
+SsdpDeviceParser::~SsdpDeviceParser()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~SsdpDeviceParser");
+}
+
+void SsdpDeviceParser::ParseDevice(std::string location, Sonarix::ProductInfo info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    info.set_location(location);
+    ParseLocation(location, info);
+}
+
+void SsdpDeviceParser::ParseLocation(const std::string& location, const Sonarix::ProductInfo& info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    if (location.empty())
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING, "No location given for device XML");
+        m_parseCb(PARSE_NO_DATA, info);
+        return;
+    }
+    const std::optional<IPv4> host = HostOfLocation(location);
+    if (!host)
+    {
+        Fail(info, "its LOCATION is no URL of an IPv4 address"); // a look-up of a name has no time limit
+        return;
+    }
+    const char* const why = m_queue.Add({*host, [this, host, location, info] { return Fetch(*host, location, info); },
+                                         [this, info] { Fail(info, "it has waited too long for its turn"); }});
+    if (why != nullptr)
+    {
+        Fail(info, why);
+    }
+}
+
+/// False: there is no fetch, and its failure was reported.
+bool SsdpDeviceParser::Fetch(IPv4 host, const std::string& location, const Sonarix::ProductInfo& info)
+{
+    const AsyncCallback<Http::HSMResponse> response(
+        [this, host, info](const Http::HSMResponse& answer)
+        {
+            m_queue.Ended(host, answer.curlStatus == 0);
+            DeviceDataResponse(answer, info);
+        },
+        m_task);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "GET '" << location << "'");
+    try
+    {
+        m_http->Get(location, response, 0, "", 0, 0, {});
+    }
+    catch (const std::system_error& error)
+    {
+        Fail(info, error.what());
+        return false;
+    }
+    return true;
+}
+
+void SsdpDeviceParser::Fail(const Sonarix::ProductInfo& info, const std::string& why)
+{
+    DPRINT(s_log, DPrint::LEVEL_WARNING,
+           "the description at '" << info.location() << "' of '" << info.guid() << "' is not fetched: " << why);
+    m_parseCb(PARSE_HTTP_ERROR, info);
+}
+
+void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Sonarix::ProductInfo info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, response.status << " (" << response.curlStatus << ")");
+    if (response.status >= 400 || response.curlStatus != 0)
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               "GET failed, responseStatus=" << response.status << ", curl_status=" << response.curlStatus);
+        m_parseCb(PARSE_HTTP_ERROR, info);
+        return;
+    }
+    if (response.body.empty())
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING, "");
+        m_parseCb(PARSE_NO_DATA, info);
+        return;
+    }
+    const ParseStatus status = ParseDeviceData(response.body, info);
+    m_parseCb(status, info);
+}
+
+/// Leaves `info` as it is where it fails.
+SsdpDeviceParser::ParseStatus SsdpDeviceParser::ParseDeviceData(const std::string& data, Sonarix::ProductInfo& info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    if (const char* const why = XmlLook::WhyNotToParse(data))
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               "the description at '" << info.location() << "' of '" << info.guid() << "' is not parsed: " << why);
+        return PARSE_XML_ERROR;
+    }
+    TiXmlDocument document;
+    if (!XML::Parse(&document, data))
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING, "Error parsing XML data.");
+        return PARSE_XML_ERROR;
+    }
+    const TiXmlHandle device = TiXmlHandle(&document).FirstChild("root").FirstChild("device");
+    Sonarix::ProductInfo filled = info;
+    ParseDeviceInfo(device.ToElement(), filled);
+    ParseIconInfo(device.FirstChild("iconList").ToElement(), filled);
+    ParseServiceInfo(device.FirstChild("serviceList").ToElement(), filled);
+    if (filled.icons_size() > kMaxRows || filled.services_size() > kMaxRows)
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               "the description at '" << info.location() << "' of '" << info.guid()
+                                      << "' is not taken: it has too many icons or services");
+        return PARSE_XML_ERROR;
+    }
+    info.Swap(&filled);
+    return PARSE_SUCCESS;
+}
+
+void SsdpDeviceParser::ParseDeviceInfo(TiXmlElement* element, Sonarix::ProductInfo& info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    if (element == nullptr)
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING, "Unable to find 'device' element in XML.");
+        return;
+    }
+    ForEachChild(element,
+                 [&info](TiXmlElement* child, const std::string& name, const std::string& text)
+                 {
+                     DPRINT(s_log, DPrint::LEVEL_FINEST, name << " = " << text);
+                     StoreText(kInfoFields, name, text, info);
+                     if (name == "kova:X_multiroomVersions")
+                     {
+                         ParseMultiroomVersions(child, *info.mutable_multiroom());
+                     }
+                 });
+}
+
+void SsdpDeviceParser::ParseMultiroomVersions(TiXmlElement* element, SXCommon::MultiroomVersions& multiroom)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    ForEachChild(element,
+                 [&multiroom](TiXmlElement* child, const std::string& name, const std::string&)
+                 {
+                     DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s", "ParseMultiroomVersions", name.c_str());
+                     if (const auto field = FieldOf(kMultiroomFields, name))
+                     {
+                         ParseVersionInfo(child, *(multiroom.*field)());
+                     }
+                 });
+}
+
+void SsdpDeviceParser::ParseVersionInfo(TiXmlElement* element, SXCommon::ProtocolVersion& version)
+{
+    ForEachChild(element,
+                 [&version](TiXmlElement*, const std::string& name, const std::string& text)
+                 {
+                     DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s = %s", "ParseVersionInfo", name.c_str(),
+                             text.c_str());
+                     StoreNumber(kVersionFields, name, text, version);
+                 });
+}
+
+void SsdpDeviceParser::ParseIconInfo(TiXmlElement* element, Sonarix::ProductInfo& info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    if (element == nullptr)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: Unable to find 'iconList' element in XML.", "ParseIconInfo");
+        return;
+    }
+    // After the first row every element is one, whatever its name.
+    for (TiXmlElement* row = element->FirstChildElement("icon"); row != nullptr; row = row->NextSiblingElement())
+    {
+        SXCommon::Icon& icon = *info.add_icons();
+        ForEachChild(row,
+                     [&icon](TiXmlElement*, const std::string& name, const std::string& text)
+                     {
+                         DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s = %s", "ParseIconInfo", name.c_str(),
+                                 text.c_str());
+                         StoreText(kIconTexts, name, text, icon);
+                         StoreNumber(kIconNumbers, name, text, icon);
+                     });
+    }
+}
+
+void SsdpDeviceParser::ParseServiceInfo(TiXmlElement* element, Sonarix::ProductInfo& info)
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    if (element == nullptr)
+    {
+        DPRINT(s_log, DPrint::LEVEL_DEBUG, "Unable to find 'serviceList' element in XML.");
+        return;
+    }
+    for (TiXmlElement* row = element->FirstChildElement("service"); row != nullptr; row = row->NextSiblingElement())
+    {
+        SXCommon::Service& service = *info.add_services();
+        ForEachChild(row,
+                     [&service](TiXmlElement*, const std::string& name, const std::string& text)
+                     {
+                         DPRINT(s_log, DPrint::LEVEL_FINEST, name << " = " << text);
+                         StoreText(kServiceFields, name, text, service);
+                     });
+    }
+}
+
+} // namespace SonarixService

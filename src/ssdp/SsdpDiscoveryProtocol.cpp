@@ -1,0 +1,94 @@
+#include "SsdpDiscoveryProtocol.h"
+
+#include "DPrint.h"
+#include "Sonarix.pb.h"
+#include "SsdpDeviceParser.h"
+#include "SsdpDiscovery.h"
+#include "Task.h"
+#include "Timers.h"
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("SsdpDiscoveryProtocol");
+
+} // namespace
+
+SsdpDiscoveryProtocol::SsdpDiscoveryProtocol()
+    : m_task(IL::CreateTask("SsdpDiscoveryProtocolTask", ""))
+    , m_pollTimer(APTimerFactory::CreateTimer(m_task, "SsdpPollingTimer"))
+    , m_http(false, "")
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "SsdpDiscoveryProtocol");
+}
+
+SsdpDiscoveryProtocol::~SsdpDiscoveryProtocol()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~SsdpDiscoveryProtocol");
+    Stop();
+    IL::JoinTask(m_task);
+}
+
+void SsdpDiscoveryProtocol::Start(const std::string& interfaceName)
+{
+    const ScopedMutex lock(m_mutex);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Start");
+    EndDiscovery();
+    const SsdpDeviceParserFactory makeParser = [this](NotifyTargetTaskIF* task, const ParseCallback& parsed)
+    { return std::make_unique<SsdpDeviceParser>(&m_http, task, parsed); };
+    m_ssdpDiscovery = std::make_shared<SsdpDiscovery>(makeParser, interfaceName,
+                                                      [this](const Sonarix::Product& product)
+                                                      { m_productRegistry.Send(product, CallbackConnection()); });
+    // Not only when the timer comes. Where it is refused, the next tick tries again.
+    m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
+    DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s: Setting timer for %d seconds", "Start",
+            static_cast<int>(kPollingPeriodMs / 1000));
+    m_pollTimer->SetTimeouts(kPollingPeriodMs, kPollingPeriodMs);
+    m_pollTimer->Start([this] { RefreshSonarix(); });
+}
+
+void SsdpDiscoveryProtocol::Stop()
+{
+    const ScopedMutex lock(m_mutex);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Stop");
+    EndDiscovery();
+}
+
+/// With the mutex held. The table's end waits for its task, which never takes our mutex.
+void SsdpDiscoveryProtocol::EndDiscovery()
+{
+    m_pollTimer->Stop();
+    m_ssdpDiscovery.reset();
+    m_http.DiscardRequests(); // what the table has asked for; nobody hears of it any more
+}
+
+void SsdpDiscoveryProtocol::RefreshSonarix()
+{
+    const ScopedMutex lock(m_mutex);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "RefreshSonarix");
+    if (m_ssdpDiscovery)
+    {
+        m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
+    }
+}
+
+CallbackConnection SsdpDiscoveryProtocol::RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback)
+{
+    return m_productRegistry.Connect(callback);
+}
+
+void SsdpDiscoveryProtocol::GetProductList(Sonarix::ProductList& list)
+{
+    const ScopedMutex lock(m_mutex);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    list.mutable_products()->Clear();
+    if (m_ssdpDiscovery)
+    {
+        m_ssdpDiscovery->GetProductList(list);
+    }
+}
+
+} // namespace SonarixService

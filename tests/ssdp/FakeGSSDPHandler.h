@@ -1,0 +1,47 @@
+#pragma once
+
+#include "CallbackRegistry.h"
+#include "GSSDPHandlerFactory.h"
+#include "GSSDPHandlerIF.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// The adapter, played by the test; the factory makes the sole one.
+struct FakeGSSDPHandler final : SonarixService::GSSDPHandlerIF,
+                                SonarixService::GSSDPHandlerFactory::detail::GSSDPHandlerFactoryIF
+{
+    FakeGSSDPHandler()
+    {
+        SonarixService::GSSDPHandlerFactory::SetOverride(this);
+    }
+    ~FakeGSSDPHandler() override
+    {
+        SonarixService::GSSDPHandlerFactory::SetOverride(nullptr);
+    }
+    std::shared_ptr<SonarixService::GSSDPHandlerIF> Create(const std::string& interfaceName) override
+    {
+        iface = interfaceName;
+        return {std::make_shared<int>(), this}; // not owned
+    }
+    void RegisterForSearchStatus(const Callback<SearchStatus>& callback) override
+    {
+        status.Connect(callback);
+    }
+    void RegisterForResourceStatus(const Callback<ResourceStatus, std::string, std::string>& callback) override
+    {
+        resource.Connect(callback);
+    }
+    bool StartSearch(const std::string& target, int timeoutSec) override
+    {
+        searches.push_back(target + " " + std::to_string(timeoutSec));
+        return isReady;
+    }
+
+    std::string iface;
+    bool isReady = true;
+    std::vector<std::string> searches;
+    CallbackRegistry<SearchStatus> status;
+    CallbackRegistry<ResourceStatus, std::string, std::string> resource;
+};

@@ -1,0 +1,196 @@
+#include "SsdpDiscoveryProtocol.h"
+
+#include "AsyncTaskRunner.h"
+#include "FakeGSSDPHandler.h"
+#include "HttpServer.h"
+#include "LogCapture.h"
+#include "Simulation.h"
+#include "Sonarix.pb.h"
+#include "TestLan.h"
+#include "Watched.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace SonarixService;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Handler = GSSDPHandlerIF;
+
+namespace
+{
+
+const std::string kTarget = "urn:schemas-upnp-org:device:MediaRenderer:1";
+
+/// The protocol object, and what it reported. It stays when the test goes: its end waits for that of its task, which
+/// nobody stops before the process ends.
+struct Unit
+{
+    Unit()
+    {
+        protocol->RegisterProductStateCallback(
+            [this](const Sonarix::Product& product)
+            {
+                reports.Change(
+                    [&product](std::vector<std::string>& all)
+                    {
+                        all.push_back(product.productinfo().guid() + " " + product.productinfo().friendlyname() + " " +
+                                      SXCommon::ProductState_Name(product.state()));
+                    });
+            });
+    }
+    ~Unit()
+    {
+        static auto& s_all = *new std::vector<std::shared_ptr<SsdpDiscoveryProtocol>>;
+        protocol->Stop();
+        s_all.push_back(protocol);
+    }
+    std::vector<std::string> Listed() const
+    {
+        Sonarix::ProductList list;
+        list.add_products(); // goes
+        protocol->GetProductList(list);
+        std::vector<std::string> names;
+        for (const Sonarix::Product& product : list.products())
+        {
+            names.push_back(product.productinfo().friendlyname());
+        }
+        return names;
+    }
+    bool Reports(const std::vector<std::string>& expected) const
+    {
+        return reports.WaitUntil([&expected](const auto& all) { return all == expected; }, 20s);
+    }
+
+    Watched<std::vector<std::string>> reports;
+    std::shared_ptr<SsdpDiscoveryProtocol> protocol = std::make_shared<SsdpDiscoveryProtocol>();
+};
+
+std::string Description(const std::string& name)
+{
+    return HttpServer::Answer(200, {}, "<root><device><friendlyName>" + name + "</friendlyName></device></root>");
+}
+
+TEST(SsdpDiscoveryProtocol, SearchesAtTheStartAndEvery30Seconds)
+{
+    IL::Simulation simulation(1);
+    const LogCapture log("6");
+    FakeGSSDPHandler handler;
+    Unit unit;
+    EXPECT_THAT(unit.Listed(), IsEmpty());
+    simulation.RunFor(1h);
+    EXPECT_THAT(handler.searches, IsEmpty());
+
+    unit.protocol->Start("eth7");
+    EXPECT_EQ(handler.iface, "eth7");
+    EXPECT_THAT(handler.searches, ElementsAre(kTarget + " 10"));
+    EXPECT_TRUE(log.Contains("Start: Setting timer for 30 seconds"));
+    // Answers that cannot be described come and go without a report.
+    handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:a", "http://no.address/", {});
+    simulation.RunFor(29'999ms);
+    EXPECT_EQ(handler.searches.size(), 1U);
+    simulation.RunFor(1ms);
+    EXPECT_EQ(handler.searches.size(), 2U);
+    handler.isReady = false; // refused ones cost their round only
+    simulation.RunFor(30s);
+    handler.isReady = true;
+    simulation.RunFor(30s);
+    EXPECT_EQ(handler.searches.size(), 4U);
+
+    simulation.RunFor(20s);
+    unit.protocol->Start(""); // the time begins anew
+    EXPECT_EQ(handler.iface, "");
+    simulation.RunFor(29'999ms);
+    EXPECT_EQ(handler.searches.size(), 5U);
+    simulation.RunFor(1ms);
+    EXPECT_THAT(handler.searches, testing::AllOf(testing::SizeIs(6), testing::Each(kTarget + " 10")));
+    unit.protocol->Stop();
+    unit.protocol->Stop();
+    simulation.RunFor(1h);
+    EXPECT_EQ(handler.searches.size(), 6U);
+    EXPECT_THAT(unit.reports.Get(), IsEmpty());
+}
+
+TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
+{
+    const LogCapture log("4");
+    Watched<bool> mayGo{false};
+    HttpServer server(
+        [&mayGo](HttpServer::Exchange& exchange)
+        {
+            const std::string name = exchange.Asked().m_target.substr(1);
+            if (name == "hangs")
+            {
+                mayGo.WaitFor(true);
+            }
+            exchange.Send(name == "busy" ? HttpServer::Answer(503, {"Retry-After: 3600"}) : Description(name));
+        });
+    FakeGSSDPHandler handler;
+    const auto sighted = [&](const std::string& guid, const std::string& name)
+    { handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:" + guid, server.Url("/" + name), {}); };
+    Unit unit;
+    unit.protocol->Start("eth7");
+    sighted("a", "Kitchen");
+    ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE"})) << log.Text();
+    sighted("b", "Hall");
+    ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE", "b Hall ONLINE"})) << log.Text();
+    EXPECT_THAT(unit.Listed(), ElementsAre("Kitchen", "Hall"));
+    sighted("c", "busy");
+    ASSERT_TRUE(log.WaitFor("Attempt:1 retrying GET in ")) << log.Text();
+    sighted("d", "hangs");
+    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 4; }));
+
+    const auto begin = std::chrono::steady_clock::now();
+    unit.reports.Set({});
+    unit.protocol->Start("eth7"); // the old table ends first
+    EXPECT_THAT(unit.reports.Get(), ElementsAre("a Kitchen OFFLINE", "b Hall OFFLINE", "  OFFLINE", "  OFFLINE"));
+    EXPECT_THAT(unit.Listed(), IsEmpty());
+    EXPECT_EQ(handler.searches.size(), 2U);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s) << "no transfer is waited for";
+    unit.reports.Set({});
+    sighted("a", "Kitchen"); // this host has fetches of the old table under way: they do not count any more
+    ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE"})) << log.Text();
+    unit.protocol->Stop();
+    EXPECT_TRUE(unit.Reports({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
+    sighted("e", "late");
+    mayGo.Set(true);
+    for (int i = 0; i < 1000 && Threads_Http::CountAsyncTasks() != 0; ++i)
+    {
+        std::this_thread::sleep_for(10ms); // nobody tells of a thread's end
+    }
+    EXPECT_EQ(Threads_Http::CountAsyncTasks(), 0U);
+    EXPECT_TRUE(unit.Reports({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
+    EXPECT_EQ(server.Requests().Get().size(), 5U);
+}
+
+TEST(SsdpDiscoveryProtocol, OnARealLinkADeviceIsFoundDescribedAndReported)
+{
+    const LogCapture log("4");
+    TestLan lan;
+    std::optional<HttpServer> server;
+    lan.AmongNeighbours(
+        [&server] {
+            server.emplace([](HttpServer::Exchange& exchange) { exchange.Send(Description("Kitchen")); }, 49152,
+                           "10.77.0.2");
+        });
+    lan.AddDevice("10.77.0.2", TestLan::Answer(kTarget, "uuid:k::" + kTarget, server->Url("/description.xml")));
+    {
+        Unit unit;
+        unit.protocol->Start("eth0");
+        ASSERT_TRUE(unit.Reports({"k Kitchen ONLINE"})) << log.Text();
+        EXPECT_THAT(unit.Listed(), ElementsAre("Kitchen"));
+        unit.protocol->Stop();
+        EXPECT_TRUE(unit.Reports({"k Kitchen ONLINE", "k Kitchen OFFLINE"}));
+        EXPECT_THAT(unit.Listed(), IsEmpty());
+    }
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
+}
+
+} // namespace
