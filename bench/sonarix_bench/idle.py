@@ -36,9 +36,7 @@ def run(options, say):
 def _measure(options, say, seconds, what, crowd=0, others=0):
     """Switches of any kind with the gateway stopped, wake-ups a minute with it."""
     with World(options.bin_dir, crowd, others, log_dir=options.logs) as world:
-        listed = service_once(world, Course(crowd, what, 1, 60), settled=True).published.found
-        if listed < crowd:
-            raise RuntimeError(f"only {listed} of {crowd} were listed in time")
+        service_once(world, Course(crowd, what, 1, 60), settled=True)
         time.sleep(_SETTLE_SECONDS)
         gateway = world.product.pid("gateway")
         own = {}

@@ -1,0 +1,87 @@
+/// Device descriptions, as their devices send them, through the whole parser. An input is a body.
+#include "DPrint.h"
+#include "FakeHttp.h"
+#include "Simulation.h"
+#include "Sonarix.pb.h"
+#include "SsdpDeviceParser.h"
+#include "Utf8.h"
+
+#include <google/protobuf/text_format.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+using namespace SonarixService;
+
+namespace
+{
+
+/// Of one description, on this machine: a small device takes ten times as long, and has nothing else to do.
+constexpr double kMaxSeconds = 0.1;
+
+void Require(bool holds, const char* what)
+{
+    if (!holds)
+    {
+        std::fprintf(stderr, "%s\n", what);
+        std::abort();
+    }
+}
+
+double CpuSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+struct Parser
+{
+    Parser()
+    {
+        DPrint::SetLevels("7");
+        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
+        printer.SetUseUtf8StringEscaping(true);
+    }
+
+    void Read(const std::string& body)
+    {
+        Sonarix::ProductInfo info;
+        info.set_guid("a");
+        parser.ParseDevice("http://10.0.0.2/", info);
+        http.Answer(0, 200, body);
+        simulation.RunUntilIdle();
+        http.m_urls.clear();
+        http.m_callbacks.clear();
+    }
+
+    IL::Simulation simulation{1};
+    FakeHttp http;
+    int results = 0;
+    google::protobuf::TextFormat::Printer printer;
+    SsdpDeviceParser parser{&http, IL::CreateTask("SsdpDiscoveryTask", ""),
+                            [this](SsdpDeviceParser::ParseStatus status, const Sonarix::ProductInfo& info)
+                            {
+                                ++results;
+                                std::string text;
+                                Require(printer.PrintToString(info, &text) && Utf8::IsValid(text), "no UTF-8");
+                                Require(text.find("\\000") == std::string::npos, "a NUL");
+                                Require(status == SsdpDeviceParser::PARSE_SUCCESS || info.ByteSizeLong() < 30,
+                                        "a failure that has changed the record");
+                            }};
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    static Parser s_parser;
+    const double begin = CpuSeconds();
+    s_parser.results = 0;
+    s_parser.Read({reinterpret_cast<const char*>(data), size});
+    Require(s_parser.results == 1, "not one result");
+    Require(CpuSeconds() - begin < kMaxSeconds, "it takes too long");
+    return 0;
+}
