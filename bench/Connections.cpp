@@ -10,23 +10,19 @@
 #include "ConditionSemaphore.h"
 #include "DPrint.h"
 #include "PorticoClient.h"
+#include "Processes.h"
 #include "Task.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <csignal>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -49,53 +45,6 @@ long PrivateDirty(pid_t process)
     }
     return total;
 }
-
-/// A port of loopback that was free a moment ago.
-int FreePort()
-{
-    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(probe, reinterpret_cast<const sockaddr*>(&address), length);
-    ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(probe);
-    return ntohs(address.sin_port);
-}
-
-/// The gateway under measurement; ended with the object.
-class GatewayProcess
-{
-public:
-    GatewayProcess(const char* program, int port)
-    {
-        const std::string portText = std::to_string(port);
-        m_pid = ::fork();
-        if (m_pid == 0)
-        {
-            ::setenv("SONARIX_LOG", "1", 1);
-            ::execl(program, program, "--port", portText.c_str(), "--lan-port", "0", static_cast<char*>(nullptr));
-            std::fprintf(stderr, "cannot run %s: %s\n", program, std::strerror(errno));
-            ::_exit(127);
-        }
-    }
-    ~GatewayProcess()
-    {
-        ::kill(m_pid, SIGTERM);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    GatewayProcess(const GatewayProcess&) = delete;
-    GatewayProcess& operator=(const GatewayProcess&) = delete;
-
-    pid_t Pid() const
-    {
-        return m_pid;
-    }
-
-private:
-    pid_t m_pid = -1;
-};
 
 void RaiseDescriptorLimit()
 {
@@ -149,17 +98,17 @@ int main(int argc, char** argv)
     const std::size_t most = argc == 3 ? std::strtoul(argv[2], nullptr, 10) : 3900;
     RaiseDescriptorLimit();
     DPrint::SetLevels("1");
-    const int port = FreePort();
-    const GatewayProcess gateway(argv[1], port);
+    ::setenv("SONARIX_LOG", "1", 1); // the gateway's, a line for each connection otherwise
+    const GatewayProcess gateway(argv[1]);
     NotifyTargetTaskIF* const task = IL::CreateTask("Bench", "");
 
     std::vector<std::shared_ptr<PorticoClientIF>> clients;
-    bool isWhole = ConnectUpTo(1, port, task, clients); // what the first one brings along is nobody's share
+    bool isWhole = ConnectUpTo(1, gateway.Port(), task, clients); // what the first one brings along is nobody's share
     const long ownBase = PrivateDirty(::getpid());
     const long gatewayBase = PrivateDirty(gateway.Pid());
     for (std::size_t count = 100; isWhole && clients.size() < most; count *= 3)
     {
-        isWhole = ConnectUpTo(std::min(count, most), port, task, clients);
+        isWhole = ConnectUpTo(std::min(count, most), gateway.Port(), task, clients);
         const auto others = static_cast<double>(clients.size() - 1);
         std::printf("a connection's client, of %zu\t%.1f\tKiB\t\n", clients.size(),
                     static_cast<double>(PrivateDirty(::getpid()) - ownBase) / others);

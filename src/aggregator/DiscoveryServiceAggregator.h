@@ -132,6 +132,7 @@ private:
     void StopTrackingHeartbeat(const std::string& guid);
     void PeriodicGetProductList();
     void HandlePeriodicGetProductList();
+    void RefreshFromSsdp();
     void RefreshFromMdns();
     void MergeRefreshedProducts(const Sonarix::ProductList& list);
 

@@ -154,22 +154,35 @@ void DiscoveryServiceAggregator::PeriodicGetProductList()
 
 void DiscoveryServiceAggregator::HandlePeriodicGetProductList()
 {
-    // Also where a source throws: there would never be a refresh again.
-    const std::shared_ptr<void> rearm(nullptr, [this](void*) { PeriodicGetProductList(); });
+    try
+    {
+        RefreshFromSsdp();
+        RefreshFromMdns();
+    }
+    catch (...) // or it would have been the last refresh
+    {
+        PeriodicGetProductList();
+        throw;
+    }
+    PeriodicGetProductList();
+}
+
+void DiscoveryServiceAggregator::RefreshFromSsdp()
+{
     if (m_ssdpProtocol)
     {
         Sonarix::ProductList list;
         m_ssdpProtocol->GetProductList(list);
         MergeRefreshedProducts(list);
     }
-    if (m_mdnsProtocol)
-    {
-        RefreshFromMdns();
-    }
 }
 
 void DiscoveryServiceAggregator::RefreshFromMdns()
 {
+    if (!m_mdnsProtocol)
+    {
+        return;
+    }
     const auto answer = std::make_shared<RefreshAnswer>();
     const auto mergeLate =
         OnTask<const Sonarix::ProductList>([this](const Sonarix::ProductList& list) { MergeRefreshedProducts(list); });
