@@ -73,4 +73,7 @@ TEST_F(AggregatorTest, AChildIsListedAsItWasPostedInPlaceOfItsRow)
     Child(Portico::Verb::DELETE, child); // unknown by now: no news
     EXPECT_TRUE(log.Contains("Child product with guid a not found in our children list. Not removing."));
     EXPECT_EQ(lists.size(), 2U);
+    ASSERT_EQ(infos.size(), 2U);
+    EXPECT_EQ(infos[0].children_size(), 1);
+    EXPECT_EQ(infos[1].children_size(), 0);
 }
