@@ -1,7 +1,7 @@
 #include "OptionalParts.h"
 
 #include "DiscoveryServiceIPCServerIF.h"
-#include "SsdpDiscoveryProtocolIF.h"
+#include "SsdpDiscoveryProtocol.h"
 
 #include <atomic>
 
@@ -19,7 +19,7 @@ std::atomic<IPCServerFactory> s_ipcServerFactory{nullptr};
 std::shared_ptr<SsdpDiscoveryProtocolIF> CreateSsdpDiscoveryProtocol()
 {
     const SsdpFactory factory = s_ssdpFactory.load();
-    return factory != nullptr ? factory() : nullptr;
+    return factory != nullptr ? factory() : std::make_shared<SsdpDiscoveryProtocol>();
 }
 
 std::shared_ptr<DiscoveryServiceIPCServerIF>

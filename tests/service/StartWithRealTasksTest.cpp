@@ -4,6 +4,7 @@
 #include "FakePortico.h"
 #include "ForkedRun.h"
 #include "MdnsDiscoveryProtocol.h"
+#include "OptionalParts.h"
 #include "Task.h"
 
 #include <gmock/gmock.h>
@@ -55,6 +56,7 @@ TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
             setenv("SONARIX_ETC_DIR", "/nonexistent/", 1);
             MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
                                                       { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
+            OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF> { return nullptr; });
             DiscoveryServicePorticoClient::SetFactoryOverride(MakeClientAfterAChildWasPosted);
 
             const auto controller = std::make_shared<DiscoveryServiceController>();

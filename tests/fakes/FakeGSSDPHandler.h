@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CallbackRegistry.h"
+#include "FakeDiscovery.h"
 #include "GSSDPHandlerFactory.h"
 #include "GSSDPHandlerIF.h"
 
@@ -8,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// The adapter, played by the test; the factory makes the sole one.
+/// The adapter, played by the test; the factory makes the sole one, and tells when it is let go of.
 struct FakeGSSDPHandler final : SonarixService::GSSDPHandlerIF,
                                 SonarixService::GSSDPHandlerFactory::detail::GSSDPHandlerFactoryIF
 {
@@ -23,7 +24,8 @@ struct FakeGSSDPHandler final : SonarixService::GSSDPHandlerIF,
     std::shared_ptr<SonarixService::GSSDPHandlerIF> Create(const std::string& interfaceName) override
     {
         iface = interfaceName;
-        return {std::make_shared<int>(), this}; // not owned
+        calls->push_back("gssdp on " + iface);
+        return {this, [log = calls](FakeGSSDPHandler*) { log->push_back("gssdp gone"); }}; // not owned
     }
     void RegisterForSearchStatus(const Callback<SearchStatus>& callback) override
     {
@@ -39,6 +41,7 @@ struct FakeGSSDPHandler final : SonarixService::GSSDPHandlerIF,
         return isReady;
     }
 
+    std::shared_ptr<FakeCalls> calls = std::make_shared<FakeCalls>();
     std::string iface;
     bool isReady = true;
     std::vector<std::string> searches;
