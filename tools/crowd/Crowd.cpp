@@ -12,6 +12,13 @@ namespace
 constexpr unsigned int kMinSpreadMs = 1000;
 constexpr unsigned int kSpreadMsEach = 2;
 
+/// A product's guid is its host name too.
+std::string GuidOf(unsigned int index)
+{
+    const std::string digits = std::to_string(index);
+    return "crowd-" + std::string(5 - std::min<std::size_t>(5, digits.size()), '0') + digits;
+}
+
 /// Calls `done` when its last copy has gone.
 std::shared_ptr<void> WhenAllAreDone(const std::function<void()>& done)
 {
@@ -29,7 +36,9 @@ Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
     for (unsigned int offset = 0; offset < settings.count; ++offset)
     {
         Product product;
-        product.identity = MakeIdentity(settings.firstIndex + offset, settings.namePrefix, settings.firstIpv4, offset);
+        const unsigned int index = settings.firstIndex + offset;
+        product.identity = MakeIdentity(index, GuidOf(index), settings.namePrefix + " " + std::to_string(index),
+                                        settings.firstIpv4 + offset);
         product.baseName = product.identity.name;
         product.face = std::make_unique<ProductFace>(task, product.identity.guid, product.identity.address,
                                                      settings.mdns.port, m_requests);
@@ -41,31 +50,26 @@ Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
 
 bool Crowd::Start(std::string& error)
 {
-    return m_responder.Open(error) && Return({0, m_products.size()}, error);
+    return m_responder.Open(error) && Return({"return", 0, m_products.size()}, error);
 }
 
 void Crowd::Run(const std::string& command, const Answer& answer)
 {
-    std::istringstream words(command);
-    std::string verb;
-    words >> verb;
-    if (verb == "stats")
+    if (command == "stats")
     {
         answer(Stats());
         return;
     }
-    std::size_t first = 0;
-    std::size_t last = 0;
-    std::string more;
-    const bool isRange = words >> first >> last && !(words >> more) && first <= last && last < m_products.size();
+    Range range;
+    std::string error;
+    const bool isRange = range.Parse(command, m_products.size(), error);
+    const std::string& verb = range.verb;
     const bool isVerb = verb == "silence" || verb == "goodbye" || verb == "return" || verb == "rename";
     if (!isVerb || !isRange)
     {
-        answer(isVerb ? "error " + verb + " takes two indices from 0 to " + std::to_string(m_products.size() - 1)
-                      : "error unknown command " + verb);
+        answer(isVerb ? error : "error unknown command " + verb);
         return;
     }
-    const Range range{first, last + 1};
     const std::string ok = "ok " + verb + " " + std::to_string(range.end - range.begin);
     const auto done = [answer, ok] { answer(ok); };
     if (verb == "goodbye")
@@ -86,7 +90,6 @@ void Crowd::Run(const std::string& command, const Answer& answer)
     }
     else
     {
-        std::string error;
         answer(Return(range, error) ? ok : "error " + error);
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Identity.h"
+#include "Neighbours.h"
 #include "ProductFace.h"
 #include "Responder.h"
 #include "Schedule.h"
@@ -16,7 +17,7 @@ class NotifyTargetTaskIF;
 
 /// Many products of the family in one process: each with a name, a guid and an address of its own, on mDNS and at
 /// its gateway's port. Task: everything on the one given, answers too.
-class Crowd final
+class Crowd final : public Neighbours
 {
 public:
     struct Settings
@@ -27,18 +28,14 @@ public:
         std::string namePrefix;
         Responder::Settings mdns;
     };
-    /// One line, "ok …" or "error …".
-    using Answer = std::function<void(const std::string& line)>;
 
     Crowd(NotifyTargetTaskIF* task, const Settings& settings);
     Crowd(const Crowd&) = delete;
     Crowd& operator=(const Crowd&) = delete;
 
     /// All listen, and will be announced over the next seconds. False, with the reason in `error`.
-    bool Start(std::string& error);
-
-    /// One command of those that the program's help lists. Answered when it is done; a second may come before that.
-    void Run(const std::string& command, const Answer& answer);
+    bool Start(std::string& error) override;
+    void Run(const std::string& command, const Answer& answer) override;
 
     static constexpr unsigned int kMaxCount = 8192;
 
@@ -50,11 +47,7 @@ private:
         std::string baseName;
         unsigned int names = 1; ///< that it has had
     };
-    struct Range
-    {
-        std::size_t begin = 0;
-        std::size_t end = 0;
-    };
+    using Range = RangeCommand;
 
     void Silence(std::size_t product);
     void SayGoodbye(const Range& range, const std::function<void()>& done);

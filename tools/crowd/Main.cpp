@@ -2,17 +2,12 @@
 #include "Crowd.h"
 #include "DPrint.h"
 #include "Options.h"
-#include "Task.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <charconv>
 #include <csignal>
-#include <future>
 #include <iostream>
+#include <memory>
 #include <optional>
-#include <sys/resource.h>
-#include <unistd.h>
 
 namespace
 {
@@ -51,15 +46,6 @@ int Fail(const std::string& what, int status)
 {
     std::cerr << "product-crowd: " << what << std::endl;
     return status;
-}
-
-template <class Number>
-std::optional<Number> ReadNumber(const std::string& text, Number most)
-{
-    Number number{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const bool isNumber = error == std::errc() && end == text.data() + text.size();
-    return isNumber && number <= most ? std::make_optional(number) : std::nullopt;
 }
 
 bool ReadDelay(const std::string& text, Responder::Settings& settings)
@@ -120,54 +106,6 @@ std::string ReadSettings(const Options& options, Crowd::Settings& settings)
     return ReadDelay(options.Get("delay", "20:120"), settings.mdns) ? "" : "--delay takes two numbers, such as 20:120";
 }
 
-/// A listener for each product, and a connection for each neighbour of each.
-void RaiseDescriptorLimit(unsigned int count)
-{
-    constexpr rlim_t kNeighbours = 16;
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-    {
-        return;
-    }
-    const rlim_t wanted = count * (1 + kNeighbours) + 64;
-    const rlimit more{std::max(wanted, limit.rlim_max), std::max(wanted, limit.rlim_max)};
-    if (setrlimit(RLIMIT_NOFILE, &more) != 0)
-    {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
-
-/// Runs commands until the input ends. The crowd is made and used on its own task.
-int Serve(const Crowd::Settings& settings)
-{
-    NotifyTargetTaskIF* const task = IL::CreateTask("Crowd", "");
-    std::unique_ptr<Crowd> crowd;
-    std::promise<std::string> started; // empty: well
-    IL::BreakThread(
-        [&]
-        {
-            std::string error;
-            crowd = std::make_unique<Crowd>(task, settings);
-            started.set_value(crowd->Start(error) ? std::string() : error);
-        },
-        task);
-    const std::string error = started.get_future().get();
-    if (!error.empty())
-    {
-        return Fail(error, 1);
-    }
-    std::cout << "ready " << settings.count << std::endl;
-    for (std::string line; std::getline(std::cin, line) && line != "quit";)
-    {
-        std::promise<std::string> answered;
-        IL::BreakThread(
-            [&] { crowd->Run(line, [&answered](const std::string& answer) { answered.set_value(answer); }); }, task);
-        std::cout << answered.get_future().get() << std::endl;
-    }
-    return 0;
-}
-
 int Run(int argc, char** argv)
 {
     Options options({"count", "interface", "first-address", "first-index", "name-prefix", "delay", "seed", "port"},
@@ -192,10 +130,11 @@ int Run(int argc, char** argv)
     {
         DPrint::SetLevels("1");
     }
-    RaiseDescriptorLimit(settings.count);
-    const int status = Serve(settings);
-    std::cout.flush();
-    _exit(status); // the task runs on; nothing of its is to go under its feet
+    constexpr std::size_t kNeighbours = 16;
+    RaiseDescriptorLimit(settings.count * (1 + kNeighbours) +
+                         64); // a listener each, and a connection of each neighbour
+    ServeCommands("product-crowd", settings.count,
+                  [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Crowd>(task, settings); });
 }
 
 } // namespace

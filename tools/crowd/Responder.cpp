@@ -18,6 +18,9 @@ constexpr unsigned int kTruncatedLimitMs = 450;
 constexpr std::size_t kMaxTruncated = 64; ///< askers with more to come; further ones are answered at once
 constexpr unsigned int kFullPauseMs = 5;  ///< before a packet that the kernel had no room for is tried again
 
+/// 224.0.0.251:5353, without the responses of others: their flag is the top bit of the third byte.
+constexpr MulticastSocket::Settings kMdns{{0xE00000FB, 5353}, 255, {2, 0x80, 0}};
+
 } // namespace
 
 Responder::Responder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings)
@@ -25,7 +28,8 @@ Responder::Responder(NotifyTargetTaskIF* task, Schedule& schedule, Settings sett
     , m_settings(std::move(settings))
     , m_type(Dns::MakeName({"_kova-lanyard", "_tcp", "local"}))
     , m_random(m_settings.seed)
-    , m_socket(task, [this](const std::uint8_t* bytes, std::size_t size, std::uint64_t sender)
+    , m_socket(task, kMdns,
+               [this](const std::uint8_t* bytes, std::size_t size, const Endpoint& sender)
                { HandleDatagram(bytes, size, sender); })
 {
 }
@@ -105,7 +109,7 @@ void Responder::Rename(std::size_t product, const std::string& name)
 
 // ---- queries ------------------------------------------------------------------------------------------------
 
-void Responder::HandleDatagram(const std::uint8_t* bytes, std::size_t size, std::uint64_t sender)
+void Responder::HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender)
 {
     const std::optional<Dns::Query> query = Dns::ParseQuery(bytes, size);
     if (!query)

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -94,7 +95,7 @@ private:
         std::uint64_t number = 0;
     };
 
-    void HandleDatagram(const std::uint8_t* bytes, std::size_t size, std::uint64_t sender);
+    void HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender);
     void Gather(const Dns::Query& query, Asked& asked) const;
     void Want(const Dns::Question& question, Asked& asked) const;
     void Know(const Dns::KnownAnswer& answer, Asked& asked) const;
@@ -112,7 +113,7 @@ private:
     std::vector<Product> m_products;
     std::unordered_map<Dns::Name, std::size_t> m_byInstance; ///< lowered
     std::unordered_map<Dns::Name, std::size_t> m_byHost;     ///< lowered
-    std::unordered_map<std::uint64_t, Asked> m_truncated;    ///< by sender: more is to come
+    std::map<Endpoint, Asked> m_truncated;                   ///< by sender: more is to come
     std::uint64_t m_truncatedCount = 0;
     Counts m_counts;
     MulticastSocket m_socket;

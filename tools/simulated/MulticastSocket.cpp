@@ -17,19 +17,22 @@
 namespace
 {
 
-constexpr std::uint32_t kGroup = 0xE00000FB; // 224.0.0.251
-constexpr std::uint16_t kPort = 5353;
 constexpr std::size_t kMaxDatagramBytes = 9000;
-constexpr int kBufferBytes = 4 << 20; // queries of many clients at once, answers of many products at once
+constexpr int kBufferBytes = 4 << 20; // questions of many clients at once, answers of many products at once
 constexpr int kDatagramsAtOnce = 64;  // then others of the task have their turn
 
-sockaddr_in GroupAddress()
+sockaddr_in SocketAddress(const Endpoint& endpoint)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(kPort);
-    address.sin_addr.s_addr = htonl(kGroup);
+    address.sin_port = htons(endpoint.port);
+    address.sin_addr.s_addr = htonl(endpoint.address);
     return address;
+}
+
+std::string Text(const Endpoint& endpoint)
+{
+    return boost::asio::ip::make_address_v4(endpoint.address).to_string() + ":" + std::to_string(endpoint.port);
 }
 
 template <class Value>
@@ -38,12 +41,13 @@ bool Set(int descriptor, int level, int option, const Value& value)
     return setsockopt(descriptor, level, option, &value, sizeof value) == 0;
 }
 
-/// The flag of responses is the top bit of the third byte behind the UDP header.
-bool DropResponses(int descriptor)
+bool Attach(int descriptor, const MulticastSocket::Filter& filter)
 {
-    std::array<sock_filter, 4> code{{
-        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 8 + 2),
-        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x80, 0, 1),
+    constexpr unsigned int kUdpHeaderBytes = 8;
+    std::array<sock_filter, 5> code{{
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kUdpHeaderBytes + filter.offset),
+        BPF_STMT(BPF_ALU | BPF_AND | BPF_K, filter.mask),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, filter.value, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, 0),
         BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
     }};
@@ -68,8 +72,9 @@ void EnlargeBuffers(int descriptor)
 
 struct MulticastSocket::Impl
 {
-    Impl(boost::asio::io_context& io, Received received)
-        : m_socket(io)
+    Impl(boost::asio::io_context& io, const Settings& settings, Received received)
+        : m_settings(settings)
+        , m_socket(io)
         , m_received(std::move(received))
     {
     }
@@ -100,18 +105,19 @@ struct MulticastSocket::Impl
                 return;
             }
             m_received(m_buffer.data(), static_cast<std::size_t>(size),
-                       static_cast<std::uint64_t>(sender.sin_addr.s_addr) << 16U | sender.sin_port);
+                       {ntohl(sender.sin_addr.s_addr), ntohs(sender.sin_port)});
         }
     }
 
+    const Settings m_settings;
     boost::asio::ip::udp::socket m_socket;
     const Received m_received;
     unsigned m_interface = 0;
     std::array<std::uint8_t, kMaxDatagramBytes> m_buffer{};
 };
 
-MulticastSocket::MulticastSocket(NotifyTargetTaskIF* task, Received received)
-    : m_impl(std::make_unique<Impl>(IL::IoContextOf(task), std::move(received)))
+MulticastSocket::MulticastSocket(NotifyTargetTaskIF* task, const Settings& settings, Received received)
+    : m_impl(std::make_unique<Impl>(IL::IoContextOf(task), settings, std::move(received)))
 {
 }
 
@@ -134,17 +140,18 @@ bool MulticastSocket::Open(const std::string& interface, std::string& error)
     m_impl->m_socket.assign(boost::asio::ip::udp::v4(), descriptor);
     EnlargeBuffers(descriptor);
     ip_mreqn membership{};
-    membership.imr_multiaddr.s_addr = htonl(kGroup);
+    membership.imr_multiaddr.s_addr = htonl(m_impl->m_settings.group.address);
     membership.imr_ifindex = static_cast<int>(m_impl->m_interface);
-    const sockaddr_in group = GroupAddress();
+    const sockaddr_in group = SocketAddress(m_impl->m_settings.group);
     const bool isDone = Set(descriptor, SOL_SOCKET, SO_REUSEADDR, 1) && Set(descriptor, SOL_SOCKET, SO_REUSEPORT, 1) &&
                         Set(descriptor, IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
-                        Set(descriptor, IPPROTO_IP, IP_MULTICAST_TTL, 255) && DropResponses(descriptor) &&
+                        Set(descriptor, IPPROTO_IP, IP_MULTICAST_TTL, m_impl->m_settings.ttl) &&
+                        Attach(descriptor, m_impl->m_settings.filter) &&
                         Set(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership) &&
                         bind(descriptor, reinterpret_cast<const sockaddr*>(&group), sizeof group) == 0;
     if (!isDone)
     {
-        error = "224.0.0.251:5353 on " + interface + ": " + std::strerror(errno);
+        error = Text(m_impl->m_settings.group) + " on " + interface + ": " + std::strerror(errno);
         return false;
     }
     m_impl->Wait();
@@ -153,12 +160,17 @@ bool MulticastSocket::Open(const std::string& interface, std::string& error)
 
 bool MulticastSocket::Send(const std::vector<std::uint8_t>& bytes, std::uint32_t source)
 {
-    sockaddr_in group = GroupAddress();
+    return SendTo(m_impl->m_settings.group, bytes, source);
+}
+
+bool MulticastSocket::SendTo(const Endpoint& receiver, const std::vector<std::uint8_t>& bytes, std::uint32_t source)
+{
+    sockaddr_in address = SocketAddress(receiver);
     iovec data{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in_pktinfo))> control{};
     msghdr message{};
-    message.msg_name = &group;
-    message.msg_namelen = sizeof group;
+    message.msg_name = &address;
+    message.msg_namelen = sizeof address;
     message.msg_iov = &data;
     message.msg_iovlen = 1;
     message.msg_control = control.data();
@@ -168,7 +180,10 @@ bool MulticastSocket::Send(const std::vector<std::uint8_t>& bytes, std::uint32_t
     header->cmsg_type = IP_PKTINFO;
     header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
-    info.ipi_ifindex = static_cast<int>(m_impl->m_interface);
+    if (receiver == m_impl->m_settings.group) // a host is found by its route, on this unit as well
+    {
+        info.ipi_ifindex = static_cast<int>(m_impl->m_interface);
+    }
     info.ipi_spec_dst.s_addr = htonl(source);
     std::memcpy(CMSG_DATA(header), &info, sizeof info);
     const bool isSent = sendmsg(m_impl->m_socket.native_handle(), &message, MSG_DONTWAIT) >= 0;

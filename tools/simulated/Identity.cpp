@@ -7,15 +7,10 @@
 #include <cstdio>
 #include <utility>
 
+using namespace Family;
+
 namespace
 {
-
-constexpr const char* kManufacturer = "Kova";
-constexpr const char* kEcosystem = "ORB2";
-constexpr const char* kProductType = "SPEAKER";
-constexpr const char* kModel = "Sonarix One";
-constexpr const char* kColor = "WHITE";
-constexpr const char* kSoftware = "1.0.0";
 
 std::string Formatted(const char* format, unsigned number)
 {
@@ -32,29 +27,39 @@ void SetVersion(SXCommon::ProtocolVersion* version, int major, int minor)
 
 } // namespace
 
-Identity MakeIdentity(unsigned index, const std::string& namePrefix, std::uint32_t firstIpv4, unsigned offset)
+Identity MakeIdentity(unsigned index, std::string guid, std::string name, std::uint32_t ipv4)
 {
     Identity identity;
     identity.index = index;
-    identity.guid = Formatted("crowd-%05u", index);
-    identity.name = namePrefix + " " + std::to_string(index);
-    const std::uint32_t ipv4 = identity.ipv4 = firstIpv4 + offset;
+    identity.guid = std::move(guid);
+    identity.name = std::move(name);
+    identity.ipv4 = ipv4;
     identity.address = std::to_string(ipv4 >> 24U) + "." + std::to_string(ipv4 >> 16U & 255U) + "." +
                        std::to_string(ipv4 >> 8U & 255U) + "." + std::to_string(ipv4 & 255U);
     return identity;
 }
 
+std::string MacAddress(const Identity& identity)
+{
+    return Formatted("0200%08X", identity.index);
+}
+
+std::string SerialNumber(const Identity& identity)
+{
+    return Formatted("C%07u", identity.index);
+}
+
 std::string InfoRecord(const Identity& identity)
 {
     Sonarix::ProductInfo info;
-    info.set_macaddress(Formatted("0200%08X", identity.index));
+    info.set_macaddress(MacAddress(identity));
     info.set_ipaddress(identity.address);
     info.set_guid(identity.guid);
     info.set_devicetype("RENDERER");
     info.set_friendlyname(identity.name);
     info.set_manufacturer(kManufacturer);
     info.set_modelname(kModel);
-    info.set_serialnumber(Formatted("C%07u", identity.index));
+    info.set_serialnumber(SerialNumber(identity));
     info.set_ecosystem(kEcosystem);
     info.set_producttype(kProductType);
     info.set_productcolor(kColor);
