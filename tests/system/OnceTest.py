@@ -31,11 +31,13 @@ class Once(unittest.TestCase):
             self.assertLess(times[-1], CONVERGENCE_SECONDS)
         print("converged and gone after " + " ".join(f"{seconds:.1f}" for seconds in times) + " s")
 
-    def test_crowd_is_waited_for(self):
-        result = self.run_lab("--products", "2", "--crowd", "30", "--once")
+    def test_simulated_products_are_waited_for(self):
+        result = self.run_lab("--products", "2", "--crowd", "30", "--ssdp", "2", "--once")
         self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
         for name in ("kitchen", "bedroom"):
             self.assertIn(f"{name} lists 30/30 of the crowd as ONLINE", result.stdout)
+            for number in (1, 2):
+                self.assertRegex(result.stdout, rf"{name} lists ssdp-{number} as ONLINE  10\.77\.\S+  SSDP ")
 
     def test_kill_waits_for_its_effect(self):
         result = self.run_lab("--once", "--kill", "kitchen")

@@ -7,7 +7,7 @@ import subprocess
 import sys
 import uuid
 
-from . import control, crowd, ledger
+from . import control, crowd, devices, ledger
 from .errors import LabError
 from .laboratory import BIN_DIR, Lab
 from .product import outer_environment
@@ -29,6 +29,7 @@ with --once, their effect is waited for too.
 examples:
   {prog} --products 8
   {prog} --crowd 200
+  {prog} --ssdp 3
   {prog} --once --kill kitchen            # how long until the others list it as OFFLINE?
   {prog} --link-down bedroom 30           # from another terminal, or at the start
   {prog} --exec kitchen portico get /sonarix/products
@@ -78,6 +79,9 @@ def _parse(arguments):
                         help="as many more in accessory mode, which reach their hosts by mutual TLS")
     parser.add_argument("--crowd", type=_count, default=0, metavar="N",
                         help=f"as many simulated products besides, {crowd.MOST} at most, which the others list")
+    parser.add_argument("--ssdp", type=_count, default=0, metavar="N",
+                        help=f"as many simulated products besides that speak SSDP alone, {devices.DEVICES_A_HOST} at "
+                             "most, which the others list")
     parser.add_argument("--once", action="store_true",
                         help="end with status 0 as soon as every product lists every other as ONLINE, "
                              "with 1 after the time limit, saying who is missing")
@@ -105,6 +109,8 @@ def _parse(arguments):
         parser.error("--exec wants the name of a product and a command")
     if options.crowd > crowd.MOST:
         parser.error(f"--crowd has room for {crowd.MOST}")
+    if options.ssdp > devices.DEVICES_A_HOST:
+        parser.error(f"--ssdp has room for {devices.DEVICES_A_HOST}")
     if options.products < 1:
         parser.error("--products wants one at least")
     return options
@@ -163,7 +169,7 @@ def _make_lab(options, view):
     common = {"bin_dir": options.bin_dir, "state_dir": options.state_dir, "log_dir": options.logs,
               "log_levels": options.log_levels, "on_change": view.changed}
     if not options.lan:
-        return Lab(options.products, options.accessory, crowd=options.crowd, **common)
+        return Lab(options.products, options.accessory, crowd=options.crowd, ssdp=options.ssdp, **common)
     return Lab.on_lan(_machine_name(), _machine_guid(), _lan_interface(options.interface), **common)
 
 
@@ -221,7 +227,7 @@ class _Course:
         if self._options.lan:
             return all(tables.state(name, name) == "ONLINE" for name in tables.members)
         alive = self._alive()
-        counting = {*alive, *tables.crowd}
+        counting = {*alive, *tables.guests, *tables.crowd}
         return not [1 for observer, target, _ in tables.missing() if observer in alive and target in counting]
 
     def _failure(self):

@@ -1,18 +1,11 @@
 """Simulated products, many to a process: what they are told on their standard input."""
-import os
-import select
-import subprocess
-import threading
-import time
-
-from . import namespaces, processes
+from . import namespaces
 from .errors import LabError
-from .product import last_line
+from .simulator import Simulator
 
 PROGRAM = "product-crowd"
 PRODUCTS_A_HOST = 500
 MOST = PRODUCTS_A_HOST * namespaces.CROWD_HOSTS
-_ANSWER_SECONDS = 30
 
 
 def guid_of(index):
@@ -69,9 +62,8 @@ class Crowd:
         """What they have had to do, summed up."""
         total = {}
         for host in self._hosts:
-            for item in host.command("stats").split():
-                name, value = item.split("=")
-                total[name] = total.get(name, 0) + int(value)
+            for name, value in host.stats().items():
+                total[name] = total.get(name, 0) + value
         return total
 
     def close(self):
@@ -87,61 +79,17 @@ class Crowd:
                 host.command(f"{verb} {begin - host.first} {end - host.first}")
 
 
-class _Host:
+class _Host(Simulator):
     def __init__(self, index, first, count, around, bridge, options):
         self.first = first
         self.last = first + count - 1
-        self._name = f"crowd-host-{index + 1}"
-        self._namespace = namespaces.Namespace(around.ledger, self._name, product=False)
-        bridge.plug_crowd(index, self._namespace)
-        self._log_path = os.path.join(around.log_dir, f"{self._name}.log")
-        with open(self._log_path, "ab") as log:
-            self._process = subprocess.Popen(
-                [*self._namespace.enter(), os.path.join(around.bin_dir, PROGRAM), "--interface", "eth0",
-                 "--count", str(count), "--first-index", str(first),
-                 "--first-address", namespaces.first_crowd_address(index), *options],
-                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, start_new_session=True,
-                env={**os.environ, processes.MARK: around.ledger.mark})
-        around.ledger.record(self._process.pid)
-        self._pending = b""
-        self._gone = threading.Event()
-        around.reactor.watch_end(self._process, lambda status: self._ended(around, status))
-
-    def command(self, line):
-        """What it answers behind "ok"."""
-        try:
-            self._process.stdin.write(line.encode() + b"\n")
-            self._process.stdin.flush()
-        except OSError as error:
-            raise LabError(f"{self._name} has ended: {error.strerror}") from error
-        return self.expect("ok")
-
-    def expect(self, word):
-        """The rest of the next line, which has to begin with the word."""
-        line = self._line()
-        if line.split(" ")[0] != word:
-            raise LabError(f"{self._name}: {line or last_line(self._log_path) or 'ended without a word'}")
-        return line[len(word) + 1:]
+        name = f"crowd-host-{index + 1}"
+        self._namespace = namespaces.Namespace(around.ledger, name, product=False)
+        bridge.plug_many(index, self._namespace)
+        super().__init__(name, self._namespace, around, PROGRAM, [
+            "--interface", "eth0", "--count", str(count), "--first-index", str(first),
+            "--first-address", namespaces.address_of_many(index, 0), *options])
 
     def close(self):
-        self._process.kill()
-        self._gone.wait()
-        self._process.stdin.close()
-        self._process.stdout.close()
+        super().close()
         self._namespace.close()
-
-    def _ended(self, around, status):
-        around.on_death(None, PROGRAM, f"{self._name}: ended with status {status}: {last_line(self._log_path)}")
-        self._gone.set()
-
-    def _line(self):
-        deadline = time.monotonic() + _ANSWER_SECONDS
-        while b"\n" not in self._pending:
-            if not select.select([self._process.stdout], [], [], max(0.0, deadline - time.monotonic()))[0]:
-                raise LabError(f"{self._name} does not answer")
-            data = os.read(self._process.stdout.fileno(), 4096)
-            if not data:
-                return ""
-            self._pending += data
-        line, _, self._pending = self._pending.partition(b"\n")
-        return line.decode()

@@ -12,6 +12,7 @@ from . import namespaces
 from .certificates import Authority
 from .control import ControlServer
 from .crowd import PROGRAM as CROWD_PROGRAM, Crowd
+from .devices import PROGRAM as DEVICES_PROGRAM, Devices
 from .errors import LabError, LabTimeout
 from .ledger import DEFAULT_FOLDER, Ledger
 from .product import PROGRAMS, Product, Surroundings, check_programs, guid_of
@@ -25,6 +26,7 @@ _ROOMS = ("kitchen", "bedroom", "office", "bath", "garage", "attic", "library", 
           "workshop")
 _FIRST_ADDRESS = 11
 _MOST_PRODUCTS = 100
+_MOST_GUESTS = 12  # beyond this, products that speak SSDP alone are counted with the crowd
 
 
 class Lab:
@@ -36,18 +38,19 @@ class Lab:
         lab.wait_until(lambda tables: tables.offline("kitchen", ["bedroom", "office"]), 10)
 
     Its operations are for one thread of the caller's. `on_change(seconds, text)` is called from a thread of the
-    laboratory's with each change. `programs` leaves out what a test does not need. `crowd` simulated products are
-    listed by the real ones, but list nobody.
+    laboratory's with each change. `programs` leaves out what a test does not need. `crowd` simulated products and
+    `ssdp` more, which speak SSDP alone, are listed by the real ones, but list nobody.
     """
 
-    def __init__(self, products=3, accessories=0, strangers=0, crowd=0, *, bin_dir=BIN_DIR, state_dir=DEFAULT_FOLDER,
-                 log_dir=None, log_levels="3", programs=PROGRAMS, on_change=None):
+    def __init__(self, products=3, accessories=0, strangers=0, crowd=0, ssdp=0, *, bin_dir=BIN_DIR,
+                 state_dir=DEFAULT_FOLDER, log_dir=None, log_levels="3", programs=PROGRAMS, on_change=None):
         if products + accessories + strangers > _MOST_PRODUCTS:
             raise LabError(f"has room for {_MOST_PRODUCTS} products")
         self._plan = ([(self._room(i), "host") for i in range(products)]
                       + [(f"accessory-{i + 1}", "accessory") for i in range(accessories)]
                       + [(f"stranger-{i + 1}", "stranger") for i in range(strangers)])
         self._crowd_size = crowd
+        self._ssdp = ssdp
         self._bin_dir = os.path.abspath(bin_dir)
         self._state_dir = state_dir
         self._log_dir = log_dir
@@ -76,7 +79,7 @@ class Lab:
     def open(self):
         """Makes the network and starts every program; none is waited for but the buses."""
         check_programs(self._bin_dir, self._programs, lan=self._lan_interface is not None,
-                       more=[CROWD_PROGRAM] if self._crowd_size else [])
+                       more=[CROWD_PROGRAM] * bool(self._crowd_size) + [DEVICES_PROGRAM] * bool(self._ssdp))
         try:
             self._open()
         except BaseException:
@@ -98,6 +101,9 @@ class Lab:
         if self.crowd:
             self.crowd.close()
             self.crowd = None
+        for devices in self._devices:
+            devices.close()
+        self._devices = []
         if self._reactor:
             self._reactor.stop()
             self._reactor = None
@@ -218,6 +224,32 @@ class Lab:
         self.crowd.start(self._around, self._bridge, **options)
         self._note(f"a crowd of {count} started")
 
+    def start_devices(self, kinds, *, listed=False, **options):
+        """Brings UPnP devices onto the network, one for each kind (`upnp-devices --help` has them), on a host of their
+        own; returns them when all listen. With `listed`, all products are expected to list them, which have to be of
+        the family. Options as of Devices.on_host.
+        """
+        index = sum(1 for devices in self._devices if devices.has_host)
+        devices = Devices.on_host(index, list(kinds), self._around, self._bridge, **options)
+        self._devices.append(devices)
+        if listed:
+            with self._changed:
+                if len(devices) > _MOST_GUESTS:
+                    self._tables.add_crowd(devices.guids)
+                else:
+                    for guid in devices.guids:
+                        self._tables.add_guest(f"ssdp-{len(self._tables.guests) + 1}", guid)
+        self._note(f"{len(devices)} UPnP devices started")
+        return devices
+
+    def start_device_of(self, name):
+        """From now on the product speaks SSDP too, from its own address and with its own guid; returns the device."""
+        product = self.product(name)
+        device = Devices.at_product(product, self._namespace_of(product).addresses()[0][0], self._around)
+        self._devices.append(device)
+        self._note(f"{product.name}: UPnP device started")
+        return device
+
     def run(self, name, command, **options):
         """Runs a command in a product to its end; options and result as of subprocess.run, output as text."""
         return self.product(name).run(command, **options)
@@ -260,6 +292,7 @@ class Lab:
         self._next_address = 200
         self._closing = False
         self.crowd = None
+        self._devices = []
         self._bridge = self._control = self._reactor = self._ledger = self._scratch = None
 
     def _open(self):
@@ -286,6 +319,8 @@ class Lab:
                 self._start(product, program)
         if self._crowd_size:
             self.start_crowd(self._crowd_size)
+        if self._ssdp:
+            self.start_devices(["product"] * self._ssdp, listed=True)
 
     def _add_product(self, around, number, name, kind):
         namespace = namespaces.Namespace(self._ledger, name)

@@ -8,13 +8,15 @@ from . import processes
 from .errors import LabError
 
 _NETWORK = "10.77.0"
-_PREFIX = 24
+_PREFIX = 16  # the addresses of all that are simulated are on the link, too
 
-# A simulated product's address is one of many of its host. It is routed there: on the link itself, each would take a
+# A simulated neighbour's address is one of many of its host. It is routed there all the same: else each would take a
 # place in the kernel's neighbour table, which all namespaces share.
 CROWD_HOSTS = 4
-_FIRST_CROWD_HOST = 241
-_CROWD_PREFIX = 22
+DEVICE_HOSTS = 2
+_HOSTS_OF_MANY = CROWD_HOSTS + DEVICE_HOSTS
+_FIRST_HOST_OF_MANY = 241
+_MANY_PREFIX = 22
 
 # The outer /sys would show the machine's own links; a fresh /run gives each product its own bus, mDNS daemon and
 # sockets. The machine's static mDNS services are no business of a product.
@@ -67,6 +69,12 @@ class Namespace:
             raise LabError(f"{self.name}: ip: {result.stderr.strip()}")
         return result.stdout
 
+    def addresses(self):
+        """(IPv4 address, prefix) of its eth0, each."""
+        links = json.loads(subprocess.run([*self.enter(), "ip", "-json", "-4", "address", "show", "dev", "eth0"],
+                                          capture_output=True, check=True).stdout)
+        return [(info["local"], info["prefixlen"]) for info in links[0]["addr_info"]]
+
     def close(self):
         """The namespaces go with the last process in them."""
         self._holder.send_signal(signal.SIGKILL)
@@ -91,10 +99,10 @@ class Bridge:
         subprocess.run([*namespace.enter(), "sh", "-c", "echo 0 > /proc/sys/net/ipv6/conf/eth0/accept_dad"], check=True)
         namespace.ip(f"address add {address(number)}/{_PREFIX} dev eth0", "link set eth0 up", *_routes(number))
 
-    def plug_crowd(self, index, namespace):
-        """The cable of a host of simulated products, which answers for all addresses of its range."""
-        self.plug(_FIRST_CROWD_HOST + index, namespace)
-        namespace.ip(f"route add local {crowd_range(index)} dev lo")
+    def plug_many(self, index, namespace):
+        """The cable of a host of simulated neighbours, which answers for all addresses of its range."""
+        self.plug(_FIRST_HOST_OF_MANY + index, namespace)
+        namespace.ip(f"route add local {_range_of_many(index)} dev lo")
 
     def set_carrier(self, number, up):
         """Down, the product sees what it sees when its cable is pulled: addresses stay, the carrier goes."""
@@ -105,23 +113,23 @@ def address(number):
     return f"{_NETWORK}.{number}"
 
 
-def crowd_range(index):
-    return f"10.77.{32 + 4 * index}.0/{_CROWD_PREFIX}"
+def address_of_many(index, number):
+    """Of one of the neighbours on that host."""
+    third, fourth = divmod(1 + number, 256)
+    return f"10.77.{32 + 4 * index + third}.{fourth}"
 
 
-def first_crowd_address(index):
-    return f"10.77.{32 + 4 * index}.1"
+def _range_of_many(index):
+    return f"10.77.{32 + 4 * index}.0/{_MANY_PREFIX}"
 
 
 def _routes(number=None):
-    hosts = ((index, _FIRST_CROWD_HOST + index) for index in range(CROWD_HOSTS))
+    hosts = ((index, _FIRST_HOST_OF_MANY + index) for index in range(_HOSTS_OF_MANY))
     return ["route replace 224.0.0.0/4 dev eth0",
-            *(f"route replace {crowd_range(index)} via {address(host)}" for index, host in hosts if host != number)]
+            *(f"route replace {_range_of_many(index)} via {address(host)}" for index, host in hosts if host != number)]
 
 
 def change_address(namespace, new):
     """As at a new lease: the old address goes, then the new one comes."""
-    links = json.loads(subprocess.run([*namespace.enter(), "ip", "-json", "-4", "address", "show", "dev", "eth0"],
-                                      capture_output=True, check=True).stdout)
-    old = [f"address del {info['local']}/{info['prefixlen']} dev eth0" for info in links[0]["addr_info"]]
+    old = [f"address del {local}/{prefix} dev eth0" for local, prefix in namespace.addresses()]
     namespace.ip(*old, f"address add {new}/{_PREFIX} dev eth0", *_routes())

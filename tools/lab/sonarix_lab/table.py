@@ -56,6 +56,7 @@ class Tables:
         self._crowd = {}   # guids of simulated products, in order
         self._told = {}    # product -> tenths of the crowd that it was told to list as ONLINE
         self._hosts = []
+        self._guests = []  # names of simulated products that have a row of their own
         self._members = []
         self._own = {}     # product -> Own
         self._rows = {}    # product -> {guid: Row}
@@ -70,8 +71,18 @@ class Tables:
         self._own[name] = Own()
         self._rows[name] = {}
 
+    def add_guest(self, name, guid):
+        """A product that counts, but has no table of its own."""
+        self._names[guid] = name
+        self._guids[name] = guid
+        self._guests.append(name)
+
+    @property
+    def guests(self):
+        return list(self._guests)
+
     def add_crowd(self, guids):
-        """Products that count, but have no table of their own."""
+        """The same, many of them: they are told of by their number alone."""
         self._crowd.update(dict.fromkeys(guids))
 
     @property
@@ -133,10 +144,10 @@ class Tables:
         self._tell_crowd(observer)
 
     def missing(self):
-        """(observer, target, state) for each product that should list a host, or one of the crowd, as ONLINE and
-        doesn't."""
+        """(observer, target, state) for each product that should list a host, a guest or one of the crowd as
+        ONLINE and doesn't."""
         return [(observer, target, self.state(observer, target))
-                for observer in self._members for target in [*self._hosts, *self._crowd]
+                for observer in self._members for target in [*self._hosts, *self._guests, *self._crowd]
                 if observer != target and self.state(observer, target) != ONLINE]
 
     def online(self, target, observers=None):

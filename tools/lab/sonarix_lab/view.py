@@ -80,6 +80,10 @@ def table_lines(tables, width):
         listed = [tables.row(observer, name) for observer in members if observer != name]
         protocols = sorted({protocol for row in listed if row for protocol in row.protocols})
         rows.append([name, own.mode or "-", own.address or "-", "+".join(protocols) or "-"])
+    for name in tables.guests:
+        listed = [row for observer in members if (row := tables.row(observer, name))]
+        protocols = sorted({protocol for row in listed for protocol in row.protocols})
+        rows.append([name, "-", next((row.address for row in listed), "") or "-", "+".join(protocols) or "-"])
     if tables.crowd:
         rows.append([_CROWD, "-", "-", "-"])
     rows += [[guid, "-", row.address or "-", "+".join(row.protocols) or "-"] for guid, row in _foreign(tables).items()]
@@ -100,7 +104,7 @@ def table_lines(tables, width):
 def _foreign(tables):
     """Rows of products that are none of the laboratory's."""
     found = {}
-    known = {*tables.members, *tables.crowd}
+    known = {*tables.members, *tables.guests, *tables.crowd}
     for observer in tables.members:
         for name, row in tables.rows(observer).items():
             if name and name not in known:
