@@ -1,37 +1,20 @@
 #include "Command.h"
 
+#include "TextArgument.h"
+
 #include <nlohmann/json.hpp>
 
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <map>
 #include <vector>
 
 namespace
 {
 
-bool ReadAll(std::istream& stream, std::string& text)
-{
-    text.assign(std::istreambuf_iterator<char>(stream), {});
-    return !stream.bad();
-}
-
 bool ReadBody(const std::string& word, std::string& body, std::string& error)
 {
-    body = word;
-    if (word == "-")
+    if (!ReadTextArgument(word, body, error))
     {
-        ReadAll(std::cin, body);
-    }
-    else if (word.starts_with("@"))
-    {
-        std::ifstream file(word.substr(1));
-        if (!file || !ReadAll(file, body))
-        {
-            error = "cannot read " + word.substr(1);
-            return false;
-        }
+        return false;
     }
     if (!nlohmann::json::accept(body))
     {

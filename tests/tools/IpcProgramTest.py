@@ -1,0 +1,269 @@
+#!/usr/bin/python3
+"""The clients of the local sockets against a service that answers as a test wants; and docs/ipc-protocol.md, whose
+bytes are those that the example client sends and understands. Usage: IpcProgramTest.py BIN_DIR
+"""
+import json
+import os
+import queue
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+ROOT = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../..")
+sys.path.insert(0, os.path.join(ROOT, "examples"))
+
+import ipc_client  # noqa: E402
+from ipc_client import parse, record  # noqa: E402
+
+BIN_DIR = sys.argv.pop(1) if len(sys.argv) > 1 else os.path.join(ROOT, "build/release/bin")
+SECONDS = 20
+CLOCK = "_kova-clock._tcp"
+RESPONSE, NOTIFICATION, REJECT = 1, 2, 3
+VOID = ("DiscoveryServiceVoid", b"")
+
+
+def device(name, guid="g", version="1"):
+    return record((3, guid), (7, name), (20, version))
+
+
+def devices(*each):
+    return ("DiscoveredDeviceList", record(*((1, one) for one in each)))
+
+
+def error(text):
+    return ("DeviceDiscoveryError", record((3, text)))
+
+
+class Service:
+    """One socket. `answers` gives for each identifier what to say: a payload, "reject", or nothing at all; what has
+    been asked is in `asked`, as (identifier, payload)."""
+
+    def __init__(self, folder, name, answers):
+        self.answers = answers
+        self.asked = queue.Queue()
+        self.kinds_asked = set()
+        self._path = os.path.join(folder, name)
+        self._peer = None
+        self._listener = None
+        self.open()
+
+    def open(self):
+        self._listener = socket.socket(socket.AF_UNIX)
+        self._listener.bind(self._path)
+        self._listener.listen()
+        threading.Thread(target=self._serve, args=(self._listener,), daemon=True).start()
+
+    def close(self):
+        """As a service that ends: the socket's file goes, and the connection."""
+        if not self._listener:
+            return
+        os.unlink(self._path)
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
+        self._listener = None
+        if self._peer:
+            self._peer.shutdown(socket.SHUT_RDWR)
+
+    def tell(self, state, one):
+        self._send(NOTIFICATION, 1, 0, "DeviceDiscovery", record((1, state), (2, one)))
+
+    def expect(self, identifier):
+        """The payload of the next request with that identifier."""
+        while True:
+            asked, payload = self.asked.get(timeout=SECONDS)
+            if asked == identifier:
+                return payload
+
+    def _serve(self, listener):
+        while True:
+            try:
+                self._peer = listener.accept()[0]
+            except OSError:
+                return
+            stream = self._peer.makefile("rb")
+            while head := stream.read(4):
+                envelope = parse(stream.read(*struct.unpack(">I", head)))
+                identifier, tid = envelope[3][0], envelope[4][0]
+                answer = self.answers.get(identifier)
+                if answer == "reject":
+                    self._send(REJECT, identifier, tid, "", b"")
+                elif answer:
+                    self._send(RESPONSE, identifier, tid, *answer)
+                self.kinds_asked.add(identifier)
+                self.asked.put((identifier, parse(envelope[6][0])))
+
+    def _send(self, kind, identifier, tid, name, payload):
+        envelope = record((2, name), (3, identifier), (4, tid), (5, kind), (6, payload))
+        self._peer.sendall(struct.pack(">I", len(envelope)) + envelope)
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="sonarix-ipc-"))
+        self.environment = {**os.environ, "SONARIX_RUN_DIR": self.folder}
+
+    def serve(self, name="SonarixMdnsService", **answers):
+        service = Service(self.folder, name, {int(key[1:]): answer for key, answer in answers.items()})
+        self.addCleanup(service.close)
+        return service
+
+    def run_client(self, *words, program=(os.path.join(BIN_DIR, "sonarix-ipc"),)):
+        return subprocess.run([*program, *words], env=self.environment, capture_output=True, text=True,
+                              timeout=SECONDS, check=False)
+
+    def start_client(self, *words):
+        client = subprocess.Popen([os.path.join(BIN_DIR, "sonarix-ipc"), *words], env=self.environment,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(client.stderr.close)
+        self.addCleanup(client.stdout.close)
+        self.addCleanup(client.wait)
+        self.addCleanup(client.kill)
+        return client
+
+
+class Commands(Case):
+    def test_lists(self):
+        mdns = self.serve(_2=devices(device("Bath", "g-1"), device("Hall", "g-2")))
+        result = self.run_client("list", "mdns", CLOCK)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual([line.split() for line in result.stdout.splitlines()],
+                         [["NAME", "GUID", "SOFTWARE"], ["Bath", "g-1", "1"], ["Hall", "g-2", "1"]])
+        self.assertEqual(mdns.expect(2), {4: [CLOCK.encode()]})
+        self.serve("SonarixSsdpService", _2=devices(device("Bath")))
+        self.assertEqual(json.loads(self.run_client("list", "ssdp", "--json").stdout)["friendlyname"], "Bath")
+
+    def test_records(self):
+        mdns = self.serve(_2=devices(), _3=VOID)
+        self.assertEqual(self.run_client("add", "--keep", CLOCK, "Hall", "9000", "A=1").returncode, 0)
+        added = mdns.expect(3)
+        self.assertEqual(added, parse(ipc_client.service(CLOCK, "Hall", "9000", "A=1")))
+        self.assertEqual(self.run_client("update", CLOCK, "Hall", "9000", "A=2").returncode, 0)
+        updated = mdns.expect(6)
+        self.assertEqual((updated[1], parse(updated[3][0])), (added[1], {1: [b"A"], 2: [b"2"]}))
+        self.assertEqual(self.run_client("remove", CLOCK, "Hall").returncode, 0)
+        self.assertEqual(mdns.expect(4)[1], added[1])
+        result = self.run_client("announce", "friendlyname=Hall", "--json")
+        self.assertEqual((result.returncode, json.loads(result.stdout)["outcome"]), (0, "done"))
+        self.assertEqual(mdns.expect(5), {5: [b"RENDERER"], 7: [b"Hall"]})
+
+    def test_what_the_service_answers_and_does_not(self):
+        failed = "Request Failed!"
+        for words, answers, status in (
+                (("list", "mdns", CLOCK), {"_2": error(failed)}, 1),
+                (("list", "mdns", CLOCK), {"_2": "reject"}, 1),
+                (("list", "mdns", CLOCK), {"_2": ("DiscoveredDeviceList", b"\x0a\x7f")}, 1),
+                (("add", "--keep", CLOCK, "Hall", "80"), {"_3": error(failed)}, 4),
+                (("add", "--keep", CLOCK, "Hall", "80"), {"_3": "reject"}, 1),
+                (("update", CLOCK, "Hall", "80"), {"_6": error(failed), "_2": devices()}, 4),
+                (("update", CLOCK, "Hall", "80"), {"_6": "reject", "_2": devices()}, 1),
+                (("remove", CLOCK, "Hall"), {"_2": error(failed)}, 1)):
+            with self.subTest(words=words, answers=answers):
+                service = self.serve(**answers)
+                result = self.run_client(*words)
+                said = result.stdout + result.stderr
+                self.assertEqual((result.returncode, said.count("\n")), (status, 1), said)
+                self.assertTrue(failed in said or "reject" in said or "no answer" in said, said)
+                service.close()
+        self.assertEqual(self.run_client("remove", CLOCK, "Hall").returncode, 3)
+        self.assertEqual(self.run_client("remove", CLOCK).returncode, 2)
+        self.assertEqual(self.run_client("--version").returncode, 0)
+
+
+class Staying(Case):
+    def test_watch_mdns_asks_and_outlives_the_service(self):
+        mdns = self.serve(_2=devices(device("Bath"), device("Hall")))
+        watch = self.start_client("watch", "mdns", CLOCK, "--every", "0.1")
+        told = lambda: watch.stdout.readline().split()[1:]  # noqa: E731
+        self.assertEqual([told()[:2], told()[:2]], [["+", "Bath"], ["+", "Hall"]])
+        mdns.answers[2] = devices(device("Bath", version="2"), device("Hall"))
+        self.assertEqual(told(), ["~", "Bath", "softwareversion", "1", "->", "2"])
+        mdns.close()
+        self.assertIn("the service went", watch.stderr.readline())
+        mdns.asked = queue.Queue()
+        mdns.answers[2] = devices()  # it has just started, and knows nobody yet
+        mdns.open()
+        self.assertIn("is back", watch.stderr.readline())
+        for _ in range(3):
+            mdns.expect(2)
+        mdns.answers[2] = devices(device("Bath", version="3"), device("Hall"))
+        self.assertEqual(told(), ["~", "Bath", "softwareversion", "2", "->", "3"])
+        self.assertEqual(mdns.kinds_asked, {2})
+
+    def test_watch_ssdp_leaves_out_the_repeats(self):
+        ssdp = self.serve("SonarixSsdpService", _2=devices(device("Bath", "g-1")))
+        watch = self.start_client("watch", "ssdp", "--json")
+        self.assertEqual(json.loads(watch.stdout.readline())["change"], "appeared")
+        for state, one in ((2, device("Bath", "g-1")), (2, device("Hall", "g-2")), (2, device("Hall", "g-2")),
+                           (1, device("Bath", "g-1")), (2, device("Flur", "g-2"))):
+            ssdp.tell(state, one)
+        changes = [json.loads(watch.stdout.readline()) for _ in range(3)]
+        self.assertEqual([(each["change"], each["device"]["friendlyname"]) for each in changes],
+                         [("appeared", "Hall"), ("gone", "Bath"), ("changed", "Flur")])
+        self.assertEqual(changes[2]["before"]["friendlyname"], "Hall")
+        watch.stdout.close()
+        ssdp.tell(1, device("Flur", "g-2"))
+        self.assertEqual(watch.wait(SECONDS), 0)
+
+    def test_a_record_is_held_and_removed(self):
+        mdns = self.serve(_2=devices(), _3=error("AddService request Failed!"))
+        held = self.start_client("add", CLOCK, "Hall", "9000")
+        self.assertIn("once the network is up", held.stdout.readline())
+        mdns.expect(3)
+        mdns.tell(2, device("Hall"))
+        self.assertIn("+ Hall", held.stdout.readline())
+        mdns.close()
+        self.assertIn("the service went", held.stderr.readline())
+        mdns.answers[3] = VOID
+        mdns.open()
+        mdns.expect(3)
+        self.assertIn("the service publishes", held.stdout.readline())
+        held.send_signal(signal.SIGINT)
+        self.assertEqual(mdns.expect(4), parse(ipc_client.service(CLOCK, "Hall", "9000")))
+        self.assertEqual(held.wait(SECONDS), 0)
+
+    def test_a_second_signal_does_not_wait(self):
+        mdns = self.serve(_3=VOID)
+        held = self.start_client("add", CLOCK, "Hall", "9000")
+        held.stdout.readline()
+        held.send_signal(signal.SIGINT)
+        mdns.expect(4)
+        held.send_signal(signal.SIGINT)
+        self.assertEqual(held.wait(SECONDS), -signal.SIGINT)
+
+
+class Example(Case):
+    def test_the_document(self):
+        """Its blocks of bytes are what the example sends, and what it takes for an answer."""
+        with open(os.path.join(ROOT, "docs/ipc-protocol.md"), encoding="utf-8") as file:
+            example = file.read().split("\n## An example\n")[1]
+        blocks = [bytes.fromhex("".join(re.findall(r"^ {4,}((?:[0-9a-f]{2} )*[0-9a-f]{2})(?:  |$)", block, re.M)))
+                  for block in re.findall(r"(?:^    .*\n)+", example, re.M)]
+        self.assertEqual(blocks[0], ipc_client.frame("ServiceId", 2, record((4, CLOCK)), 7))
+        self.assertEqual(blocks[2], ipc_client.frame(
+            "Service", 3, ipc_client.service(CLOCK, "Kitchen", 9000, "CLOCKDOMAIN=4"), 8))
+        answers = [parse(block[4:]) for block in (blocks[1], blocks[3])]
+        self.assertEqual([len(block) - 4 for block in blocks], [struct.unpack(">I", block[:4])[0] for block in blocks])
+        self.assertEqual([(answer[2], answer[4], answer[5]) for answer in answers],
+                         [([b"DiscoveredDeviceList"], [7], [RESPONSE]), ([b"DiscoveryServiceVoid"], [8], [RESPONSE])])
+        listed = parse(parse(answers[0][6][0])[1][0])
+        self.assertEqual(listed, {2: [b"10.0.0.7"], 3: [b"g-1"], 7: [b"Bath"], 24: [record((2, "4"))]})
+
+    def test_the_program(self):
+        client = [sys.executable, "-B", os.path.join(ROOT, "examples/ipc_client.py")]
+        mdns = self.serve(_2=devices(device("Bath", "g-1")), _3=VOID)
+        result = self.run_client("list", CLOCK, program=client)
+        self.assertEqual((result.returncode, result.stdout), (0, "ONLINE\tBath\t-\tg-1\n"), result.stderr)
+        self.assertEqual(self.run_client("add", CLOCK, "Hall", "9000", program=client).returncode, 0)
+        mdns.answers[3] = error("AddService request Failed!")
+        result = self.run_client("add", CLOCK, "Hall", "9000", program=client)
+        self.assertEqual((result.returncode, result.stderr), (1, "AddService request Failed!\n"))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,170 @@
+// What the client of the local sockets decides by itself: which words it takes, and what is news of a device.
+#include "Command.h"
+#include "Devices.h"
+#include "Print.h"
+#include "SonarixPb.pb.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace
+{
+
+/// The error of a command line, empty where it is taken.
+std::string ErrorOf(const std::vector<std::string>& words, Command& command)
+{
+    std::vector<const char*> argv{"sonarix-ipc"};
+    for (const std::string& word : words)
+    {
+        argv.push_back(word.c_str());
+    }
+    Options options = CommandOptions();
+    std::string error;
+    if (!options.Parse(static_cast<int>(argv.size()), argv.data()))
+    {
+        return options.Error();
+    }
+    const bool isTaken = ReadCommand(options, command, error);
+    EXPECT_EQ(isTaken, error.empty());
+    return error;
+}
+
+Device Named(const std::string& name, const std::string& guid = "g", const std::string& version = "1")
+{
+    SonarixPb::DeviceInfo info;
+    info.set_friendlyname(name);
+    info.set_guid(guid);
+    info.set_softwareversion(version);
+    return DescribeDevice(info);
+}
+
+/// "+ one, - two"
+std::string Told(const std::vector<DeviceChange>& changes)
+{
+    std::string text;
+    for (const DeviceChange& change : changes)
+    {
+        const char sign = "+~-"[static_cast<std::size_t>(change.kind)];
+        text += (text.empty() ? "" : ", ") + std::string(1, sign) + " " + change.device.Field("friendlyname");
+    }
+    return text;
+}
+
+TEST(IpcCommand, TakesRecordsAndAnnouncements)
+{
+    Command add;
+    EXPECT_EQ(ErrorOf({"add", "--keep", "_kova-clock._tcp", "A clock", "9000", "A=1=2", "B=", "--json"}, add), "");
+    EXPECT_EQ(add.name, "A clock");
+    EXPECT_EQ(add.port, 9000);
+    EXPECT_EQ(add.txt, (std::map<std::string, std::string>{{"A", "1=2"}, {"B", ""}}));
+    EXPECT_TRUE(add.isKept && add.isJson);
+    EXPECT_EQ(add.interface, -1);
+
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"announce", "friendlyname=Kitchen", "guid=g"},
+          std::vector<std::string>{"announce", R"({"friendlyname": "Kitchen", "guid": "g"})"}})
+    {
+        Command announce;
+        EXPECT_EQ(ErrorOf(words, announce), "");
+        EXPECT_EQ(announce.device->guid(), "g");
+        EXPECT_EQ(announce.device->devicetype(), "RENDERER");
+    }
+    Command watch;
+    EXPECT_EQ(ErrorOf({"watch", "mdns", "_kova-clock._tcp", "--every", "0.5"}, watch), "");
+    EXPECT_EQ(watch.every, std::chrono::milliseconds(500));
+}
+
+TEST(IpcCommand, RefusesWhatTheServiceWouldTakeWithoutAWord)
+{
+    const std::string longText(64, 'n');
+    const std::string largeText = "key=" + std::string(252, 'v');
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {},
+             {"lists", "ssdp"},
+             {"list"},
+             {"list", "mdns"},
+             {"list", "ssdp", "_a._tcp"},
+             {"list", "mdns", "kova-clock"},
+             {"list", "mdns", "_._tcp"},
+             {"list", "mdns", "_a._tcp.local"},
+             {"list", "ssdp", "--keep"},
+             {"watch", "mdns", "_a._tcp", "--every", "0"},
+             {"watch", "mdns", "_a._tcp", "--every", "nan"},
+             {"watch", "ssdp", "--every", "2"},
+             {"add", "_a._tcp", "name"},
+             {"add", "_a._tcp", "name", "0"},
+             {"add", "_a._tcp", "", "80"},
+             {"add", "_a._tcp", longText, "80"},
+             {"add", "_a._tcp", "name", "80", "key"},
+             {"add", "_a._tcp", "name", "80", "=value"},
+             {"add", "_a._tcp", "name", "80", largeText},
+             {"add", "_a._tcp", "name", "80", "key=1", "key=2"},
+             {"add", "_a._tcp", "name", "80", "--interface", "no-such-link"},
+             {"add", "_a._tcp", "name", "80", "--protocol", "ipv5"},
+             {"update", "_a._tcp", "name", "80", "--keep"},
+             {"remove", "_a._tcp"},
+             {"remove", "_a._tcp", "name", "80"},
+             {"announce", "guid=g"},
+             {"announce", "friendlyname=n", "mdnsClockInfo=1"},
+             {"announce", "{\"friendlyname\": 1}"},
+             {"announce", "@/no/such/file"},
+         })
+    {
+        std::ostringstream line;
+        for (const std::string& word : words)
+        {
+            line << " " << word;
+        }
+        Command command;
+        EXPECT_NE(ErrorOf(words, command), "") << line.str();
+    }
+}
+
+TEST(IpcWatch, ListTellsDifferencesAlone)
+{
+    KnownDevices known("friendlyname");
+    EXPECT_EQ(Told(known.TakeList({Named("one"), Named("two")})), "+ one, + two");
+    EXPECT_EQ(Told(known.TakeList({Named("two"), Named("one")})), "");
+    const auto changes = known.TakeList({Named("three"), Named("two", "g", "2")});
+    EXPECT_EQ(Told(changes), "- one, + three, ~ two");
+    EXPECT_EQ(ChangeText(changes[2]), "~ two  softwareversion 1 -> 2");
+    EXPECT_EQ(ChangeJson(changes[0]),
+              R"({"change":"gone","device":{"guid":"g","friendlyname":"one","softwareversion":"1"}})");
+}
+
+TEST(IpcWatch, ReportsAreNoNewsTwiceAndAListIsNoEnd)
+{
+    KnownDevices known("guid");
+    EXPECT_EQ(Told(known.TakePartOfList({Named("one", "1")})), "+ one");
+    EXPECT_EQ(Told(known.TakeReport(true, Named("one", "1"))), "");
+    EXPECT_EQ(Told(known.TakeReport(true, Named("two", "2"))), "+ two");
+    EXPECT_EQ(Told(known.TakePartOfList({})), "");
+    EXPECT_EQ(Told(known.TakeReport(true, Named("eins", "1"))), "~ eins");
+    EXPECT_EQ(Told(known.TakeReport(false, Named("eins", "1"))), "- eins");
+    EXPECT_EQ(Told(known.TakeReport(true, Named("eins", "1"))), "+ eins");
+}
+
+TEST(IpcWatch, WhatIsDoubtedHasTimeToReturn)
+{
+    KnownDevices known("friendlyname");
+    known.TakeList({Named("one"), Named("two"), Named("three")});
+    known.Doubt();
+    EXPECT_EQ(Told(known.TakeList({})), "");
+    EXPECT_EQ(Told(known.TakeList({Named("one")})), "");
+    EXPECT_EQ(Told(known.TakeList({Named("two", "g", "2")})), "- one, ~ two"); // heard of again, so doubted no more
+    EXPECT_EQ(Told(known.DropDoubted()), "- three");
+    EXPECT_EQ(Told(known.DropDoubted()), "");
+}
+
+TEST(IpcPrint, TableHasTheColumnsThatAreFilledAndNothingThatATerminalObeys)
+{
+    SonarixPb::DeviceInfo clock;
+    clock.set_friendlyname("K\xC3\xBC\x1B[2J\xC2\x9B");
+    clock.mutable_mdnsclockinfo()->set_clockdomain("4");
+    EXPECT_EQ(DeviceTable({DescribeDevice(clock), Named("two")}), "NAME     GUID  SOFTWARE  CLOCK\n"
+                                                                  "K\xC3\xBC?[2J?  -     -         4\n"
+                                                                  "two      g     1         -\n");
+}
+
+} // namespace
