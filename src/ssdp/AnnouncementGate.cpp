@@ -4,7 +4,7 @@
 #include "Location.h"
 
 #include <algorithm>
-#include <limits>
+#include <functional>
 #include <utility>
 
 namespace SonarixService
@@ -17,7 +17,6 @@ const DPrint s_log("GSSDPHandler");
 
 constexpr std::string_view kUuid = "uuid:";
 constexpr std::size_t kMaxLoggedBytes = 160; ///< of a text from the network
-constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::min() / 2;
 
 bool IsPrintable(std::string_view text)
 {
@@ -34,6 +33,14 @@ std::string_view GuidOf(std::string_view usn)
     usn.remove_prefix(kUuid.size());
     const std::string_view guid = usn.substr(0, usn.find(':'));
     return guid.size() <= AnnouncementGate::kMaxGuidBytes ? guid : std::string_view();
+}
+
+std::size_t HashOfLocations(const SsdpMessage& message)
+{
+    std::string all(message.location.value_or(""));
+    all += '\n';
+    all += message.furtherLocations.value_or("");
+    return std::hash<std::string>()(all);
 }
 
 const char* Text(AnnouncementGate::Reason reason)
@@ -56,6 +63,8 @@ const char* Text(AnnouncementGate::Reason reason)
         return "another address has announced it";
     case AnnouncementGate::BAD_LOCATION:
         return "the LOCATION is missing or must not be fetched";
+    case AnnouncementGate::CHANGES_TOO_OFTEN:
+        return "it comes back or moves too often";
     case AnnouncementGate::TOO_MANY_USNS:
         return "too many USNs";
     default:
@@ -100,10 +109,15 @@ bool AnnouncementGate::Admit(const SsdpMessage& message, std::string_view sender
     const std::optional<Reason> reason = Judge(act, message, address, nowMs);
     if (reason)
     {
-        ++m_refused.at(*reason);
+        m_refusals.Add(Text(*reason));
         Log(*reason, message, sender, address, nowMs);
     }
     return !reason;
+}
+
+std::uint64_t AnnouncementGate::Refused(Reason reason) const
+{
+    return m_refusals.Count(Text(reason));
 }
 
 AnnouncementGate::Act AnnouncementGate::ActOf(const SsdpMessage& message) const
@@ -182,6 +196,13 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     {
         return BAD_LOCATION;
     }
+    const std::size_t locations = HashOfLocations(message);
+    const bool isChange = isKnown && (holder->second.hasLeft || holder->second.locations != locations);
+    const int changes = (isKnown ? holder->second.changes : 0) + (isChange ? 1 : 0);
+    if (isChange && changes > kMaxChangesOfProduct)
+    {
+        return CHANGES_TOO_OFTEN;
+    }
     if (!TakeUsn(usn, sender))
     {
         return TOO_MANY_USNS;
@@ -190,7 +211,7 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     {
         m_bareGuid = guid;
     }
-    m_holders[guid] = {sender, false};
+    m_holders[guid] = {sender, false, locations, changes};
     return std::nullopt;
 }
 
@@ -275,7 +296,7 @@ void AnnouncementGate::Log(Reason reason, const SsdpMessage& message, std::strin
 {
     // Many products say byebye before their first announcement.
     const DPrint::Level level = reason == NOT_ANNOUNCED ? DPrint::LEVEL_DEBUG : DPrint::LEVEL_WARNING;
-    if (!s_log.IsLog(level) || !MayLog(reason, address, nowMs))
+    if (!s_log.IsLog(level) || !m_refusals.MayLog(address, Text(reason), nowMs))
     {
         return;
     }
@@ -283,32 +304,6 @@ void AnnouncementGate::Log(Reason reason, const SsdpMessage& message, std::strin
            sender << " is not heard, " << Text(reason) << " (" << Refused(reason) << " times so far): USN='"
                   << message.usn.value_or("").substr(0, kMaxLoggedBytes) << "', LOCATION='"
                   << message.location.value_or("").substr(0, kMaxLoggedBytes) << "'");
-}
-
-bool AnnouncementGate::MayLog(Reason reason, IPv4 sender, std::int64_t nowMs)
-{
-    const auto isOver = [nowMs](std::int64_t loggedMs) { return nowMs - loggedMs >= kLogIntervalMs; };
-    if (m_logged.size() >= kMaxLoggedSenders && !m_logged.contains(sender))
-    {
-        std::erase_if(m_logged,
-                      [&isOver](const auto& row) { return std::all_of(row.second.begin(), row.second.end(), isOver); });
-        if (m_logged.size() >= kMaxLoggedSenders)
-        {
-            return false;
-        }
-    }
-    const auto [row, isNew] = m_logged.try_emplace(sender);
-    if (isNew)
-    {
-        row->second.fill(kNever);
-    }
-    std::int64_t& loggedMs = row->second.at(reason);
-    if (!isOver(loggedMs))
-    {
-        return false;
-    }
-    loggedMs = nowMs;
-    return true;
 }
 
 } // namespace SonarixService

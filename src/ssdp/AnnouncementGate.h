@@ -1,11 +1,10 @@
 #pragma once
 
 #include "InterfaceLink.h"
+#include "RefusalLog.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,7 +35,7 @@ struct SsdpMessage
 /// nothing, and asks for 2^64 bytes where a USN holds no colon.
 /// Task: none; all calls on one thread. Owner: GSSDPHandler's main loop.
 /// Judged are the messages that the browser would act on; all others pass, since it does nothing with them.
-/// Never keeps more than the bounds below, and logs a reason at most once a minute for each sender.
+/// Never keeps more than the bounds below.
 ///
 /// Design: the first address that announces a guid (the text between "uuid:" and the next colon) since Restart()
 /// holds it until its byebye; others are not heard on it meanwhile. So neither a stranger's byebye nor two addresses
@@ -55,8 +54,8 @@ public:
         NOT_ANNOUNCED,    ///< a byebye for what nobody has announced: does nothing
         HELD_BY_ANOTHER,  ///< another address has announced it
         BAD_LOCATION,     ///< no LOCATION, or one that must not be fetched
-        TOO_MANY_USNS,    ///< more than kMaxUsnsOfSender or kMaxUsns
-        kReasons,
+        CHANGES_TOO_OFTEN,
+        TOO_MANY_USNS, ///< more than kMaxUsnsOfSender or kMaxUsns
     };
 
     /// Begins a search for `target`, on the link as it is now; forgets who announced what. Before the first one nothing
@@ -68,10 +67,7 @@ public:
     [[nodiscard]] bool Admit(const SsdpMessage& message, std::string_view sender, std::int64_t nowMs);
 
     /// Messages refused for this reason since the construction.
-    std::uint64_t Refused(Reason reason) const
-    {
-        return m_refused.at(reason);
-    }
+    std::uint64_t Refused(Reason reason) const;
 
     /// A renderer repeats its few announcements and answers three M-SEARCHes within 4 s: some 10 a second at its worst.
     static constexpr int kMaxMessagesPerSecond = 50;
@@ -89,10 +85,9 @@ public:
     static constexpr std::size_t kMaxTargetBytes = 256;
     /// Further LOCATIONs of one message; nobody reads them, the browser keeps them.
     static constexpr std::size_t kMaxFurtherLocations = 4;
-    /// A reason is logged once in this time for each sender.
-    static constexpr std::int64_t kLogIntervalMs = 60'000;
-    /// Senders that may have lines in one interval: a forger of addresses does not fill the log.
-    static constexpr std::size_t kMaxLoggedSenders = 64;
+    /// Returns after a goodbye and new LOCATIONs of one guid from one search to the next, each of which may cost a
+    /// fetch and some lines of the log: one that starts up does it once or twice.
+    static constexpr int kMaxChangesOfProduct = 8;
 
 private:
     enum class Act
@@ -112,9 +107,10 @@ private:
     struct Holder
     {
         IPv4 sender;
-        bool hasLeft; ///< has said byebye: another address may announce it
+        bool hasLeft;          ///< has said byebye: another address may announce it
+        std::size_t locations; ///< a hash of its last ones
+        int changes;
     };
-    using LogTimes = std::array<std::int64_t, kReasons>;
 
     Act ActOf(const SsdpMessage& message) const;
     std::optional<Reason> Judge(Act act, const SsdpMessage& message, IPv4 sender, std::int64_t nowMs);
@@ -123,7 +119,6 @@ private:
     bool AreLocationsFetchable(const SsdpMessage& message, IPv4 sender) const;
     bool TakeUsn(const std::string& usn, IPv4 sender);
     void Log(Reason reason, const SsdpMessage& message, std::string_view sender, IPv4 address, std::int64_t nowMs);
-    bool MayLog(Reason reason, IPv4 sender, std::int64_t nowMs);
 
     bool m_isStarted = false;
     InterfaceLink m_link;
@@ -137,8 +132,7 @@ private:
     std::unordered_map<IPv4, Sender> m_senders;
     std::unordered_map<std::string, IPv4> m_usns;      ///< all that the browser may have, and who announced them
     std::unordered_map<std::string, Holder> m_holders; ///< by guid
-    std::array<std::uint64_t, kReasons> m_refused{};
-    std::map<IPv4, LogTimes> m_logged;
+    RefusalLog m_refusals;
 };
 
 } // namespace SonarixService

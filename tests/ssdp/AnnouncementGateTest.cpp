@@ -252,6 +252,20 @@ TEST_F(GateTest, OneSenderIsBoundedByRateAndByUsnsAndAllOfThemTogether)
     EXPECT_TRUE(Alive(Host(0), "u0"));
     Restart();
     EXPECT_TRUE(Alive(Host(2000), "late"));
+
+    // Each new LOCATION, and each return after a goodbye, would cost a fetch.
+    for (const bool moves : {true, false})
+    {
+        now += 1000;
+        Restart();
+        for (int i = 0; i < 2 * Gate::kMaxChangesOfProduct; ++i)
+        {
+            const std::string location = "http://10.77.0.2/" + std::to_string(moves ? i : 0);
+            EXPECT_EQ(Alive(kProduct, "uuid:a::x", location), i <= Gate::kMaxChangesOfProduct) << moves << i;
+            EXPECT_TRUE(moves || Byebye(kProduct, "a"));
+        }
+    }
+    EXPECT_EQ(gate.Refused(Gate::CHANGES_TOO_OFTEN), 2U * (Gate::kMaxChangesOfProduct - 1));
 }
 
 TEST_F(GateTest, AReasonIsLoggedOnceAMinuteForEachSender)
@@ -277,12 +291,12 @@ TEST_F(GateTest, AReasonIsLoggedOnceAMinuteForEachSender)
     for (int round = 0; round < 2; ++round)
     {
         log.Clear();
-        now += Gate::kLogIntervalMs;
+        now += RefusalLog::kLogIntervalMs;
         for (std::uint32_t i = 0; i < 1000; ++i)
         {
             Alive(Host(i), "nocolon", "");
         }
-        EXPECT_EQ(lines(), Gate::kMaxLoggedSenders);
+        EXPECT_EQ(lines(), RefusalLog::kMaxLoggedSenders);
     }
 }
 
