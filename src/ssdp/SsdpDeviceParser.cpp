@@ -4,6 +4,7 @@
 #include "DPrint.h"
 #include "IHttpInterface.h"
 #include "Location.h"
+#include "MonotonicClock.h"
 #include "Sonarix.pb.h"
 #include "XmlFunctions.h"
 
@@ -202,9 +203,20 @@ bool SsdpDeviceParser::Fetch(IPv4 host, const std::string& location, const Sonar
 
 void SsdpDeviceParser::Fail(const Sonarix::ProductInfo& info, const std::string& why)
 {
-    DPRINT(s_log, DPrint::LEVEL_WARNING,
-           "the description at '" << info.location() << "' of '" << info.guid() << "' is not fetched: " << why);
+    LogRefusal(info, "fetched", why);
     m_parseCb(PARSE_HTTP_ERROR, info);
+}
+
+void SsdpDeviceParser::LogRefusal(const Sonarix::ProductInfo& info, const char* what, std::string_view why)
+{
+    m_refusals.Add(why);
+    const IPv4 host = HostOfLocation(info.location()).value_or(0);
+    if (s_log.IsLog(DPrint::LEVEL_WARNING) && m_refusals.MayLog(host, why, MonotonicClock::NowMs()))
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               "the description at '" << info.location() << "' of '" << info.guid() << "' is not " << what << ": "
+                                      << why << " (" << m_refusals.Count(why) << " times so far)");
+    }
 }
 
 void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Sonarix::ProductInfo info)
@@ -220,6 +232,7 @@ void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Son
     if (response.body.empty())
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING, "");
+        LogRefusal(info, "parsed", "it is empty");
         m_parseCb(PARSE_NO_DATA, info);
         return;
     }
@@ -231,16 +244,16 @@ void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Son
 SsdpDeviceParser::ParseStatus SsdpDeviceParser::ParseDeviceData(const std::string& data, Sonarix::ProductInfo& info)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
-    if (const char* const why = XmlLook::WhyNotToParse(data))
-    {
-        DPRINT(s_log, DPrint::LEVEL_WARNING,
-               "the description at '" << info.location() << "' of '" << info.guid() << "' is not parsed: " << why);
-        return PARSE_XML_ERROR;
-    }
     TiXmlDocument document;
-    if (!XML::Parse(&document, data))
+    const char* why = XmlLook::WhyNotToParse(data);
+    if (why == nullptr && !XML::Parse(&document, data))
+    {
+        why = "it is no well-formed XML";
+    }
+    if (why != nullptr)
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING, "Error parsing XML data.");
+        LogRefusal(info, "parsed", why);
         return PARSE_XML_ERROR;
     }
     const TiXmlHandle device = TiXmlHandle(&document).FirstChild("root").FirstChild("device");
@@ -248,11 +261,9 @@ SsdpDeviceParser::ParseStatus SsdpDeviceParser::ParseDeviceData(const std::strin
     ParseDeviceInfo(device.ToElement(), filled);
     ParseIconInfo(device.FirstChild("iconList").ToElement(), filled);
     ParseServiceInfo(device.FirstChild("serviceList").ToElement(), filled);
-    if (filled.icons_size() > kMaxRows || filled.services_size() > kMaxRows)
+    if (filled.icons_size() > kMaxRows || filled.services_size() > kMaxRows || filled.ByteSizeLong() > kMaxRecordBytes)
     {
-        DPRINT(s_log, DPrint::LEVEL_WARNING,
-               "the description at '" << info.location() << "' of '" << info.guid()
-                                      << "' is not taken: it has too many icons or services");
+        LogRefusal(info, "taken", "its icons and services are too many");
         return PARSE_XML_ERROR;
     }
     info.Swap(&filled);

@@ -2,11 +2,13 @@
 
 #include "FetchQueue.h"
 #include "InterfaceLink.h"
+#include "RefusalLog.h"
 #include "SsdpDeviceParserIF.h"
 #include "XmlLook.h"
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 class IHttpInterface;
 class TiXmlElement;
@@ -38,7 +40,8 @@ namespace SonarixService
 /// Owner: SsdpDiscovery, whose task it is. Its end drops the fetches that wait for their turn; it cancels none that has
 /// begun, and those come to nothing once the task has stopped.
 /// Never follows a redirect, and asks no host but one that the LOCATION gives by its IPv4 address. What is over a bound
-/// ends with the status of the failure that it is nearest to, and one level-2 line that names the device.
+/// ends with the status of the failure that it is nearest to, and a level-2 line that names the device, which is
+/// not repeated for a minute.
 class SsdpDeviceParser final : public SsdpDeviceParserIF
 {
 public:
@@ -57,14 +60,17 @@ public:
     /// Rows of a record's icons, and of its services. They pile up with each new LOCATION, since rows are appended;
     /// a device that has so many starts afresh when it is sighted next.
     static constexpr int kMaxRows = 256;
+    /// A record's size: twice what one description can say, for the same reason.
+    static constexpr std::size_t kMaxRecordBytes = 2 * kMaxAnswerBytes;
 
 private:
     void ParseLocation(const std::string& location, const Sonarix::ProductInfo& info);
     bool Fetch(IPv4 host, const std::string& location, const Sonarix::ProductInfo& info);
     void Fail(const Sonarix::ProductInfo& info, const std::string& why);
+    void LogRefusal(const Sonarix::ProductInfo& info, const char* what, std::string_view why);
     void DeviceDataResponse(const Http::HSMResponse& response, Sonarix::ProductInfo info);
+    ParseStatus ParseDeviceData(const std::string& data, Sonarix::ProductInfo& info);
 
-    static ParseStatus ParseDeviceData(const std::string& data, Sonarix::ProductInfo& info);
     static void ParseDeviceInfo(TiXmlElement* element, Sonarix::ProductInfo& info);
     static void ParseMultiroomVersions(TiXmlElement* element, SXCommon::MultiroomVersions& multiroom);
     static void ParseVersionInfo(TiXmlElement* element, SXCommon::ProtocolVersion& version);
@@ -75,6 +81,7 @@ private:
     NotifyTargetTaskIF* const m_task;
     const ParseCallback m_parseCb;
     FetchQueue m_queue;
+    RefusalLog m_refusals;
 };
 
 } // namespace SonarixService

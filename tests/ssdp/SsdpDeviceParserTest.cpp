@@ -159,6 +159,12 @@ services { servicetype: "st" serviceid: "si" scpdurl: "sc" controlurl: "co" even
     }
     EXPECT_EQ(Read(description, last), "PARSE_XML_ERROR");
     EXPECT_TRUE(log.Contains("the description at 'http://10.0.0.2/' of 'Kitchen' is not taken: "));
+
+    // Nor may a few long ones pile up.
+    const std::string longRow = Device("<iconList><icon><url>" + std::string(60'000, 'x') + "</url></icon></iconList>");
+    EXPECT_EQ(Read(longRow), "PARSE_SUCCESS");
+    EXPECT_EQ(Read(longRow, last), "PARSE_SUCCESS");
+    EXPECT_EQ(Read(longRow, last), "PARSE_XML_ERROR");
 }
 
 TEST_F(SsdpDeviceParserTest, WellFormedXmlOfAnyContentIsASuccessAndNothingElseIs)
@@ -207,10 +213,13 @@ TEST_F(SsdpDeviceParserTest, WellFormedXmlOfAnyContentIsASuccessAndNothingElseIs
     for (const Case& one : cases)
     {
         log.Clear();
+        simulation.RunFor(1min); // a reason is told once in that time
         EXPECT_EQ(Read(one.body), one.status) << one.body.substr(0, 80) << '\n' << log.Text();
         EXPECT_TRUE(log.Contains(one.line)) << one.body.substr(0, 80) << '\n' << log.Text();
         if (one.status == bad)
         {
+            EXPECT_TRUE(log.Contains(notParsed));
+            EXPECT_TRUE(log.Contains("the description at 'http://10.0.0.2/' of 'Kitchen' is not parsed: "));
             EXPECT_EQ(last.DebugString(), "guid: \"Kitchen\"\nlocation: \"http://10.0.0.2/\"\n");
         }
     }
@@ -263,6 +272,11 @@ TEST_F(SsdpDeviceParserTest, TurnsGoRoundByHostAndThoseThatWereNotReachedGoLast)
     Parse("10.0.0.1", "c");
     EXPECT_THAT(Results(), ElementsAre("c PARSE_HTTP_ERROR"));
     EXPECT_TRUE(log.Contains("'http://10.0.0.1/c.xml' of 'c' is not fetched: as many descriptions of its host are"));
+
+    log.Clear();
+    Parse("10.0.0.1", "c");
+    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 0U) << "told already";
+    Results();
 
     for (const char* const host : {"10.0.0.99", "10.0.0.98", "10.0.0.97", "10.0.0.96"})
     {
