@@ -1,6 +1,7 @@
 /// Device descriptions, as their devices send them, through the whole parser. An input is a body.
 #include "DPrint.h"
 #include "FakeHttp.h"
+#include "FuzzChecks.h"
 #include "Simulation.h"
 #include "Sonarix.pb.h"
 #include "SsdpDeviceParser.h"
@@ -8,34 +9,13 @@
 
 #include <google/protobuf/text_format.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <string>
 
 using namespace SonarixService;
+using Fuzz::Require;
 
 namespace
 {
-
-/// Of one description, on this machine: a small device takes ten times as long, and has nothing else to do.
-constexpr double kMaxSeconds = 0.1;
-
-void Require(bool holds, const char* what)
-{
-    if (!holds)
-    {
-        std::fprintf(stderr, "%s\n", what);
-        std::abort();
-    }
-}
-
-double CpuSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 /// Whether a text of the printer's has an escaped NUL; a backslash of the text itself is doubled.
 bool HasNul(const std::string& text)
@@ -91,10 +71,9 @@ struct Parser
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
 {
     static Parser s_parser;
-    const double begin = CpuSeconds();
+    const Fuzz::TimeLimit limit;
     s_parser.results = 0;
     s_parser.Read({reinterpret_cast<const char*>(data), size});
     Require(s_parser.results == 1, "not one result");
-    Require(CpuSeconds() - begin < kMaxSeconds, "it takes too long");
     return 0;
 }

@@ -4,6 +4,7 @@
 /// byte of each chooses the sender and whether a new search begins before it.
 #include "AnnouncementGate.h"
 #include "DPrint.h"
+#include "FuzzChecks.h"
 #include "GlibLog.h"
 #include "MessageFilter.h"
 
@@ -11,7 +12,6 @@
 #include <libsoup/soup.h>
 
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <sched.h>
@@ -20,6 +20,7 @@
 #include <string_view>
 
 using namespace SonarixService;
+using Fuzz::Require;
 
 namespace
 {
@@ -30,15 +31,6 @@ const char* const kSenders[] = {"10.77.0.2", "10.77.0.3", "10.77.0.1", "192.168.
 InterfaceLink Link()
 {
     return {{{*ParseIPv4("10.77.0.1"), 0xFFFFFF00}}, {*ParseIPv4("10.77.0.1")}};
-}
-
-void Require(bool holds, const char* what)
-{
-    if (!holds)
-    {
-        std::fprintf(stderr, "%s\n", what);
-        std::abort();
-    }
 }
 
 /// A client that sends nothing, in a network namespace of this process, with the gate and a browser behind it.
@@ -91,6 +83,7 @@ struct Browser
     /// Parses as the client does.
     void Receive(const char* sender, const std::string& datagram)
     {
+        const Fuzz::TimeLimit limit;
         const std::size_t end = datagram.find("\r\n\r\n");
         if (end == std::string::npos)
         {
