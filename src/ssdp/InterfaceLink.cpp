@@ -5,6 +5,7 @@
 #include <array>
 #include <cstring>
 #include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 
 namespace SonarixService
@@ -55,9 +56,15 @@ bool InterfaceLink::IsOwn(IPv4 address) const
     return std::find(own.begin(), own.end(), address) != own.end();
 }
 
+bool InterfaceLink::IsSameAs(const InterfaceLink& other) const
+{
+    return index == other.index && subnets == other.subnets;
+}
+
 InterfaceLink ReadInterfaceLink(const std::string& interfaceName)
 {
     InterfaceLink link;
+    link.index = if_nametoindex(interfaceName.c_str());
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0)
     {

@@ -27,14 +27,18 @@ struct InterfaceLink
     {
         IPv4 address;
         IPv4 mask;
+        bool operator==(const Subnet&) const = default;
     };
 
     std::vector<Subnet> subnets;
     std::vector<IPv4> own;
+    unsigned index = 0; ///< another one when an interface of that name was made anew; 0: there is none
 
     /// Whether a host of one of the subnets has this address; the subnet's own and its broadcast address are no host's.
     bool HasHost(IPv4 address) const;
     bool IsOwn(IPv4 address) const;
+    /// Whether sockets that were bound to `other` still hear and send here.
+    bool IsSameAs(const InterfaceLink& other) const;
 };
 
 /// As the kernel has it now; empty where it cannot be read. A few system calls, never waits.

@@ -36,14 +36,10 @@ void SsdpDiscoveryProtocol::Start(const std::string& interfaceName)
 {
     const ScopedMutex lock(m_mutex);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "Start");
+    m_pollTimer->Stop();
     EndDiscovery();
-    const SsdpDeviceParserFactory makeParser = [this](NotifyTargetTaskIF* task, const ParseCallback& parsed)
-    { return std::make_unique<SsdpDeviceParser>(&m_http, task, parsed); };
-    m_ssdpDiscovery = std::make_shared<SsdpDiscovery>(makeParser, interfaceName,
-                                                      [this](const Sonarix::Product& product)
-                                                      { m_productRegistry.Send(product, CallbackConnection()); });
-    // Not only when the timer comes. Where it is refused, the next tick tries again.
-    m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
+    m_interfaceName = interfaceName;
+    BeginDiscovery();
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s: Setting timer for %d seconds", "Start",
             static_cast<int>(kPollingPeriodMs / 1000));
     m_pollTimer->SetTimeouts(kPollingPeriodMs, kPollingPeriodMs);
@@ -54,13 +50,26 @@ void SsdpDiscoveryProtocol::Stop()
 {
     const ScopedMutex lock(m_mutex);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "Stop");
+    m_pollTimer->Stop();
     EndDiscovery();
+}
+
+/// With the mutex held.
+void SsdpDiscoveryProtocol::BeginDiscovery()
+{
+    m_link = ReadInterfaceLink(m_interfaceName); // before the sockets are bound: what changes now differs later
+    const SsdpDeviceParserFactory makeParser = [this](NotifyTargetTaskIF* task, const ParseCallback& parsed)
+    { return std::make_unique<SsdpDeviceParser>(&m_http, task, parsed); };
+    m_ssdpDiscovery = std::make_shared<SsdpDiscovery>(makeParser, m_interfaceName,
+                                                      [this](const Sonarix::Product& product)
+                                                      { m_productRegistry.Send(product, CallbackConnection()); });
+    // Not only when the timer comes. Where it is refused, the next tick tries again.
+    m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
 }
 
 /// With the mutex held. The table's end waits for its task, which never takes our mutex.
 void SsdpDiscoveryProtocol::EndDiscovery()
 {
-    m_pollTimer->Stop();
     m_ssdpDiscovery.reset();
     m_http.DiscardRequests(); // what the table has asked for; nobody hears of it any more
 }
@@ -69,10 +78,20 @@ void SsdpDiscoveryProtocol::RefreshSonarix()
 {
     const ScopedMutex lock(m_mutex);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "RefreshSonarix");
-    if (m_ssdpDiscovery)
+    if (!m_ssdpDiscovery)
     {
-        m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
+        return;
     }
+    const InterfaceLink link = ReadInterfaceLink(m_interfaceName);
+    if (!link.subnets.empty() && !link.IsSameAs(m_link)) // without an address there is nothing to bind to
+    {
+        DPRINT(s_log, DPrint::LEVEL_INFO,
+               m_interfaceName << " is another interface now, or has another address: SSDP begins anew");
+        EndDiscovery();
+        BeginDiscovery();
+        return;
+    }
+    m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
 }
 
 CallbackConnection SsdpDiscoveryProtocol::RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback)

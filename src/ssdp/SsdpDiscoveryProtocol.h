@@ -2,6 +2,7 @@
 
 #include "CHttpInterface.h"
 #include "CallbackRegistry.h"
+#include "InterfaceLink.h"
 #include "SsdpDiscoveryProtocolIF.h"
 #include "ThreadMutex.h"
 
@@ -27,6 +28,8 @@ class SsdpDiscoveryIF;
 ///
 /// Design: each search lowers all devices and each answer raises one, so every device is reported once in 30 s as long
 /// as it lives. Those reports are a heartbeat, no news.
+/// An interface that was made anew, or has another address, without the network having been called down, is seen at the
+/// next search: the adapter's sockets are of no use then, and a new table begins, as by Start().
 class SsdpDiscoveryProtocol final : public SsdpDiscoveryProtocolIF
 {
 public:
@@ -48,13 +51,16 @@ public:
 
 private:
     void RefreshSonarix();
+    void BeginDiscovery();
     void EndDiscovery();
 
     CallbackRegistry<const Sonarix::Product> m_productRegistry;
     NotifyTargetTaskIF* const m_task;
     const std::shared_ptr<APTimerIF> m_pollTimer;
     CHttpInterface m_http;
-    CThreadMutex m_mutex; ///< guards the table's pointer and the timer calls; taken before the table's own, never after
+    CThreadMutex m_mutex; ///< guards what follows and the timer calls; taken before the table's own, never after
+    std::string m_interfaceName;
+    InterfaceLink m_link;                             ///< as it was when the table was made
     std::shared_ptr<SsdpDiscoveryIF> m_ssdpDiscovery; ///< null while stopped
 };
 
