@@ -121,11 +121,12 @@ class LabCase(unittest.TestCase):
             return file.read().decode(errors="replace").splitlines()
 
     def wait_for_log(self, name, offset, text, seconds=10):
-        """Waits until a line with the text has come; the lines since the offset."""
+        """Waits until a line with the text has come, or lines with several in that order; those since the offset."""
         deadline = time.monotonic() + seconds
         while True:
             lines = self.log_since(name, offset)
-            if any(text in line for line in lines):
+            rest = iter(lines)
+            if all(any(each in line for line in rest) for each in ([text] if isinstance(text, str) else text)):
                 return lines
             if time.monotonic() > deadline:
                 self.fail(f"{name} does not log \"{text}\" within {seconds} s")

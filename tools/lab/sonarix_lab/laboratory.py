@@ -191,6 +191,17 @@ class Lab:
     def link_up(self, name):
         self._carrier(self.product(name), True)
 
+    def remove_link(self, name):
+        """Takes the product's interface away."""
+        self._namespace_of(self.product(name)).ip("link del eth0")
+        self._note(f"{name}: interface removed")
+
+    def make_link(self, name):
+        """Gives it a new one, with the address that it had at the start."""
+        product = self.product(name)
+        self._bridge.plug(self._numbers[product.name], self._namespace_of(product))
+        self._note(f"{name}: interface made again")
+
     def cut(self, name, seconds):
         """Pulls the product's cable for a time; returns at once."""
         product = self.product(name)
