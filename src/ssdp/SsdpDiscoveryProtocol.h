@@ -20,7 +20,7 @@ class SsdpDiscoveryIF;
 /// What the rest of the service sees of SSDP. Owns the table of devices from a start to a stop, the timer that has it
 /// search, and the HTTP interface that descriptions are fetched with; fans every report out to the subscribers.
 /// Task: operations run on the caller's, from any; the timer on "SsdpDiscoveryProtocolTask". Reports come on
-/// "SsdpDiscoveryTask", and on the thread of Start() and Stop(), with the table's mutex held: subscribers pass
+/// "SsdpDiscoveryTask", and on the thread that ends a table, with the table's mutex held: subscribers pass
 /// AsyncCallbacks.
 /// Owner: the controller, for the life of the process. The destructor waits for the end of its task, which it does not
 /// stop by itself.
