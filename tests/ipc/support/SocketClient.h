@@ -1,0 +1,159 @@
+#pragma once
+
+#include "IPCFraming.h"
+#include "IPCMessageEnvelope.h"
+
+#include <google/protobuf/message.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+
+/// A client of the local sockets as a test wants it: whole requests, or bytes that are none.
+///
+///     SocketClient client(runDirectory + "/SonarixSsdpService");
+///     client.Request(2, 7, SonarixPb::DiscoveredDeviceList());
+///     EXPECT_EQ(client.Read()->tid(), 7u);
+class SocketClient final
+{
+public:
+    static constexpr std::chrono::milliseconds kLimit = std::chrono::seconds(20);
+
+    explicit SocketClient(const std::string& path)
+        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        {
+            const std::string why = std::strerror(errno);
+            Close();
+            throw std::runtime_error(path + ": " + why);
+        }
+    }
+    /// Takes over one end of a pair.
+    explicit SocketClient(int socket)
+        : m_socket(socket)
+    {
+    }
+    ~SocketClient()
+    {
+        Close();
+    }
+    SocketClient(SocketClient&& other) noexcept
+        : m_socket(std::exchange(other.m_socket, -1))
+        , m_reader(std::move(other.m_reader))
+    {
+    }
+    SocketClient(const SocketClient&) = delete;
+    SocketClient& operator=(const SocketClient&) = delete;
+
+    void Close()
+    {
+        if (m_socket >= 0)
+        {
+            ::close(std::exchange(m_socket, -1));
+        }
+    }
+
+    /// False: the other end has gone.
+    bool Write(std::string_view bytes) const
+    {
+        while (!bytes.empty())
+        {
+            const ssize_t count = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (count < 0)
+            {
+                return false;
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        }
+        return true;
+    }
+
+    static std::string Frame(const IPCMessageEnvelope& envelope)
+    {
+        std::string frame;
+        if (!IPCFraming::AppendFrame(frame, envelope))
+        {
+            throw std::length_error("a frame of more than the limit");
+        }
+        return frame;
+    }
+    static std::string RequestFrame(unsigned int id, unsigned int tid, const google::protobuf::Message& message)
+    {
+        IPCMessageEnvelope envelope;
+        envelope.SetPayload(message);
+        envelope.set_id(id);
+        envelope.set_tid(tid);
+        return Frame(envelope);
+    }
+    bool Request(unsigned int id, unsigned int tid, const google::protobuf::Message& message) const
+    {
+        return Write(RequestFrame(id, tid, message));
+    }
+
+    /// The next envelope; nothing at the end of the stream, or where none comes in time.
+    std::optional<IPCMessageEnvelope> Read(std::chrono::milliseconds limit = kLimit)
+    {
+        IPCMessageEnvelope envelope;
+        while (m_reader.Next(envelope) != IPCFraming::FrameReader::ENVELOPE)
+        {
+            if (!ReadSome(limit))
+            {
+                return std::nullopt;
+            }
+        }
+        return envelope;
+    }
+    /// The payload of the next envelope, which must be of type T.
+    template <class T>
+    T ReadAs()
+    {
+        const std::optional<IPCMessageEnvelope> envelope = Read();
+        T message;
+        if (!envelope || envelope->payload_type() != T::descriptor()->name() || !envelope->GetPayload(message))
+        {
+            throw std::runtime_error("no " + T::descriptor()->name() +
+                                     (envelope ? " but \"" + envelope->payload_type() + '"' : ""));
+        }
+        return message;
+    }
+    /// Whether the stream ends, whatever comes before.
+    bool AwaitEnd()
+    {
+        while (ReadSome(kLimit))
+        {
+        }
+        return m_isAtEnd;
+    }
+
+private:
+    bool ReadSome(std::chrono::milliseconds limit)
+    {
+        pollfd waiting{m_socket, POLLIN, 0};
+        std::array<char, 65536> bytes;
+        if (::poll(&waiting, 1, static_cast<int>(limit.count())) != 1)
+        {
+            return false;
+        }
+        const ssize_t count = ::recv(m_socket, bytes.data(), bytes.size(), 0);
+        m_isAtEnd = count <= 0; // a reset is an end, too
+        m_reader.Append({bytes.data(), static_cast<std::size_t>(m_isAtEnd ? 0 : count)});
+        return !m_isAtEnd;
+    }
+
+    int m_socket;
+    IPCFraming::FrameReader m_reader;
+    bool m_isAtEnd = false;
+};

@@ -1,0 +1,286 @@
+#include "LogCapture.h"
+#include "RouterService.h"
+#include "SocketClient.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+SonarixPb::ServiceId Id(const std::string& name)
+{
+    SonarixPb::ServiceId id;
+    id.set_name(name);
+    return id;
+}
+
+/// The client is served, and everything that it has sent before was dealt with.
+void ExpectServed(SocketClient& client, const std::string& name = "ping")
+{
+    ASSERT_TRUE(client.Request(1, 77, Id(name)));
+    const std::optional<IPCMessageEnvelope> answer = client.Read();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->kind(), IPCMessageEnvelope::RESPONSE);
+    EXPECT_EQ(answer->id(), 1u);
+    EXPECT_EQ(answer->tid(), 77u);
+    SonarixPb::ServiceId id;
+    EXPECT_TRUE(answer->GetPayload(id));
+    EXPECT_EQ(id.name(), name);
+}
+
+std::size_t CountEnds(const LogCapture& log)
+{
+    std::size_t count = 0;
+    for (const LogCapture::Line& line : log.Lines())
+    {
+        count += line.m_text.find("ends: ") != std::string::npos;
+    }
+    return count;
+}
+
+} // namespace
+
+TEST(IPCRouterTest, RequestsAreAnsweredRejectedOrLeft)
+{
+    const LogCapture log;
+    RouterService service;
+    SocketClient client(service.path);
+    ExpectServed(client, std::string(65536, 'n'));
+
+    // Of another type, or none of its own.
+    IPCMessageEnvelope request;
+    request.set_id(1);
+    request.set_tid(5);
+    request.set_payload_type("Service");
+    for (int round = 0; round < 2; ++round)
+    {
+        ASSERT_TRUE(client.Write(SocketClient::Frame(request)));
+        const std::optional<IPCMessageEnvelope> answer = client.Read();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->kind(), IPCMessageEnvelope::REJECT);
+        EXPECT_EQ(answer->id(), 1u);
+        EXPECT_EQ(answer->tid(), 5u);
+        request.set_payload_type("ServiceId");
+        request.set_payload("\x22");
+    }
+
+    // Without a name it is taken for what is asked there.
+    IPCMessageEnvelope nameless;
+    nameless.set_id(1);
+    nameless.set_tid(6);
+    nameless.set_payload(Id("x").SerializeAsString());
+    ASSERT_TRUE(client.Write(SocketClient::Frame(nameless)));
+    EXPECT_EQ(client.ReadAs<SonarixPb::ServiceId>().name(), "x");
+
+    // Nobody serves id 7, and only requests are.
+    ASSERT_TRUE(client.Request(7, 1, Id("x")));
+    for (const auto kind : {IPCMessageEnvelope::RESPONSE, IPCMessageEnvelope::NOTIFICATION, IPCMessageEnvelope::REJECT})
+    {
+        nameless.set_kind(kind);
+        ASSERT_TRUE(client.Write(SocketClient::Frame(nameless)));
+    }
+    ASSERT_TRUE(client.Write(std::string(4, '\0'))); // an envelope with nothing set
+    ExpectServed(client);
+    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 2u) << "each kind of fault once:\n" << log.Text();
+    EXPECT_EQ(log.Lines().front().m_text.find(service.path + ": pid " + std::to_string(getpid()) + " ("), 0u)
+        << log.Text();
+}
+
+TEST(IPCRouterTest, BrokenStreamsEndAloneWithOneLineEach)
+{
+    const LogCapture log;
+    RouterService service;
+    SocketClient other(service.path);
+    std::vector<std::string> streams{
+        {"\xff\xff\xff\xff", 4}, {"\x00\x40\x00\x01", 4}, {"\0\0\0\1x", 5}, {"\0\0\0\2\x32\x7f", 6}};
+    std::mt19937 random(3);
+    for (int round = 0; round < 50; ++round)
+    {
+        std::string garbage("\xff", 1); // at the beginning of a length: over the limit, whatever follows
+        for (int byte = 0; byte < 100; ++byte)
+        {
+            garbage += static_cast<char>(random());
+        }
+        streams.push_back(garbage);
+    }
+    for (const std::string& stream : streams)
+    {
+        SocketClient client(service.path);
+        ExpectServed(client);
+        client.Write(stream);
+        EXPECT_TRUE(client.AwaitEnd());
+        ExpectServed(other);
+    }
+    EXPECT_EQ(CountEnds(log), streams.size()) << log.Text();
+    service.AwaitClients(1);
+
+    // What is cut off by the client's own end is no fault; what was whole before it counts.
+    const std::string frame = SocketClient::RequestFrame(2, 1, Id("n"));
+    for (std::size_t cut = 0; cut < frame.size(); ++cut)
+    {
+        const SocketClient client(service.path);
+        client.Write(frame + frame.substr(0, cut));
+    }
+    EXPECT_TRUE(service.unanswered.WaitFor(static_cast<int>(frame.size())));
+    service.AwaitClients(1);
+    ExpectServed(other);
+    EXPECT_EQ(CountEnds(log), streams.size()) << log.Text();
+}
+
+TEST(IPCRouterTest, LargestFramesComeThroughAndLargerOnesAreNotSent)
+{
+    const LogCapture log;
+    RouterService service;
+    SocketClient client(service.path);
+    IPCMessageEnvelope request;
+    request.SetPayload(Id(""));
+    request.set_id(1);
+    request.set_tid(8);
+    const std::size_t room = IPCFraming::kMaxFrameBytes - SocketClient::Frame(request).size() - 16;
+    std::thread writer([&] { client.Request(1, 8, Id(std::string(room, 'x'))); }); // both ends wait for each other
+    const std::optional<IPCMessageEnvelope> answer = client.Read();
+    writer.join();
+    ASSERT_TRUE(answer);
+    EXPECT_GT(answer->payload().size(), room);
+
+    service.NotifyAll(std::string(IPCFraming::kMaxFrameBytes, 'x'));
+    EXPECT_TRUE(log.WaitFor("ServiceId of 41943")) << log.Text();
+    ExpectServed(client);
+}
+
+TEST(IPCRouterTest, ClientThatNeverReadsIsDroppedAndNobodyElseNotices)
+{
+    const LogCapture log;
+    RouterService service;
+    SocketClient deaf(service.path);
+    SocketClient reader(service.path);
+    service.AwaitClients(2);
+    constexpr int kCount = 10'000;
+    const std::string name(1000, 'n');
+    int received = 0;
+    const auto readAll = [&received](SocketClient& client)
+    {
+        for (received = 0; received < kCount && client.Read(); ++received)
+        {
+        }
+    };
+    std::thread reading([&] { readAll(reader); });
+    for (int count = 0; count < kCount; ++count)
+    {
+        service.NotifyAll(name);
+    }
+    reading.join();
+    EXPECT_EQ(received, kCount);
+    EXPECT_TRUE(log.WaitFor("bytes wait for it to read")) << log.Text();
+    EXPECT_EQ(CountEnds(log), 1u) << log.Text();
+    service.AwaitClients(1);
+    EXPECT_TRUE(deaf.AwaitEnd());
+    ExpectServed(reader);
+}
+
+TEST(IPCRouterTest, FramesOfManyThreadsStayWhole)
+{
+    const LogCapture log;
+    RouterService service;
+    SocketClient client(service.path);
+    service.AwaitClients(1);
+    constexpr int kThreads = 4;
+    constexpr int kEach = 500;
+    std::vector<std::thread> threads;
+    for (int number = 0; number < kThreads; ++number)
+    {
+        threads.emplace_back(
+            [&service, number]
+            {
+                for (int count = 0; count < kEach; ++count)
+                {
+                    service.NotifyAll(
+                        std::string(static_cast<std::size_t>(10 * count), static_cast<char>('a' + number)));
+                }
+            });
+    }
+    std::vector<std::size_t> next(kThreads);
+    for (int count = 0; count < kThreads * kEach; ++count)
+    {
+        const auto id = client.ReadAs<SonarixPb::ServiceId>();
+        if (!id.name().empty())
+        {
+            EXPECT_EQ(id.name().size(), next[static_cast<std::size_t>(id.name()[0] - 'a')] += 10)
+                << "each thread's in order";
+            EXPECT_EQ(id.name().find_first_not_of(id.name()[0]), std::string::npos);
+        }
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+}
+
+TEST(IPCRouterTest, NothingIsCalledAfterTheEnd)
+{
+    const RealTask task;
+    const auto pair = []
+    {
+        int sockets[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+        return std::make_pair(std::make_shared<Network::ConnectorSocket>(sockets[0]), sockets[1]);
+    };
+    int calls = 0;
+    int disconnects = 0;
+    std::shared_ptr<IPCMessageRouterIF> router;
+    const auto start = [&](const std::shared_ptr<Network::ConnectorSocket>& socket)
+    {
+        task.Run(
+            [&]
+            {
+                router = IPCMessageRouterFactory::CreateRouter("Router", task.Get(), socket);
+                router->AttachHandler(1,
+                                      [&](const IPCMessageEnvelope&)
+                                      {
+                                          ++calls;
+                                          router->Stop();
+                                          router.reset();
+                                      });
+                router->Start(nullptr, [&] { ++disconnects; });
+            });
+    };
+
+    // Stopped and released by the handler of the first of two requests.
+    auto [socket, end] = pair();
+    SocketClient client(end);
+    start(socket);
+    const std::string frame = SocketClient::RequestFrame(1, 1, Id("x"));
+    client.Write(frame + frame);
+    EXPECT_TRUE(client.AwaitEnd());
+    task.Drain();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(disconnects, 0);
+
+    // Released on another thread.
+    auto [second, secondEnd] = pair();
+    SocketClient secondClient(secondEnd);
+    start(second);
+    router.reset();
+    EXPECT_TRUE(secondClient.AwaitEnd());
+    task.Drain();
+    EXPECT_EQ(disconnects, 0);
+
+    // A socket that was taken is none: the end comes at once.
+    start(second);
+    EXPECT_EQ(disconnects, 1);
+    router->SendNotification(1, IPCMessageEnvelope());
+    router->Stop();
+
+    // The task ends first.
+    auto [third, thirdEnd] = pair();
+    SocketClient thirdClient(thirdEnd);
+    start(third);
+    task.StopAndJoin();
+    router.reset();
+    EXPECT_TRUE(thirdClient.AwaitEnd());
+    EXPECT_EQ(calls + disconnects, 2);
+}

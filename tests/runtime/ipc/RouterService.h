@@ -1,0 +1,107 @@
+#pragma once
+
+#include "AsyncCallback.h"
+#include "ConnectorSocket.h"
+#include "IPCMessageEnvelope.h"
+#include "IPCMessageRouterFactory.h"
+#include "IPCMessageRouterIF.h"
+#include "RealTask.h"
+#include "ServerListenerIF.h"
+#include "SonarixPb.pb.h"
+#include "TempDirectory.h"
+#include "Watched.h"
+
+#include <memory>
+#include <set>
+#include <string>
+
+/// The smallest local service: request 1, a ServiceId, is answered with the same; request 2 is not answered.
+class RouterService final
+{
+public:
+    using Router = std::shared_ptr<IPCMessageRouterIF>;
+
+    RouterService()
+        : m_listener(IL::CreateServerListener("Listener", m_task.Get()))
+        , isListening(m_listener->Listen(
+              Network::Address(path),
+              AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>(
+                  [this](const std::shared_ptr<Network::ConnectorSocket>& socket) { Serve(socket); }, m_task.Get())))
+    {
+    }
+    ~RouterService()
+    {
+        Stop();
+        m_task.StopAndJoin();
+    }
+    RouterService(const RouterService&) = delete;
+    RouterService& operator=(const RouterService&) = delete;
+
+    void Stop()
+    {
+        m_listener->Stop();
+        m_task.Run([this] { m_routers.clear(); });
+    }
+    const RealTask& Task() const
+    {
+        return m_task;
+    }
+    /// From the thread of the test.
+    void NotifyAll(const std::string& name)
+    {
+        SonarixPb::ServiceId id;
+        id.set_name(name);
+        IPCMessageEnvelope envelope;
+        envelope.SetPayload(id);
+        std::set<Router> routers;
+        m_task.Run([&] { routers = m_routers; });
+        for (const Router& router : routers)
+        {
+            router->SendNotification(9, envelope);
+        }
+    }
+    void AwaitClients(std::size_t count) const
+    {
+        clients.WaitFor(count, std::chrono::seconds(60));
+    }
+
+private:
+    TempDirectory m_directory;
+    RealTask m_task;
+    std::shared_ptr<IL::ServerListenerIF> m_listener;
+    std::set<Router> m_routers; ///< on the task
+
+public:
+    const std::string path = m_directory.Path() + "/socket";
+    Watched<std::size_t> clients;
+    Watched<int> unanswered; ///< requests 2
+    const bool isListening;
+
+private:
+    void Serve(const std::shared_ptr<Network::ConnectorSocket>& socket)
+    {
+        const Router router = IPCMessageRouterFactory::CreateRouter("Router", m_task.Get(), nullptr);
+        router->AttachForRequest(
+            1, AsyncCallback<SonarixPb::ServiceId, unsigned int>(
+                   [weak = std::weak_ptr(router)](const SonarixPb::ServiceId& id, const unsigned int& tid)
+                   {
+                       IPCMessageEnvelope envelope;
+                       envelope.SetPayload(id);
+                       if (const Router asked = weak.lock())
+                       {
+                           asked->SendResponse(1, envelope, tid);
+                       }
+                   },
+                   m_task.Get()));
+        router->AttachHandler(2, [this](const IPCMessageEnvelope&) { unanswered.Change([](int& count) { ++count; }); });
+        m_routers.insert(router);
+        clients.Set(m_routers.size());
+        router->Start(socket, AsyncCallback<>(
+                                  [this, weak = std::weak_ptr(router)]
+                                  {
+                                      m_routers.erase(weak.lock());
+                                      clients.Set(m_routers.size());
+                                  },
+                                  m_task.Get()));
+    }
+};

@@ -1,0 +1,218 @@
+#include "ForkedRun.h"
+#include "IPCDirectory.h"
+#include "LogCapture.h"
+#include "RouterService.h"
+#include "SocketClient.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <malloc.h>
+#include <memory>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+std::size_t Entries(const char* directory)
+{
+    const auto entries = std::filesystem::directory_iterator(directory);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::optional<unsigned int> Mode(const std::string& path)
+{
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0 ? std::optional(status.st_mode) : std::nullopt;
+}
+
+/// A socket file whose process has gone.
+void LeaveSocketFile(const std::string& path)
+{
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::close(socket);
+}
+
+bool IsAnswered(SocketClient& client)
+{
+    client.Request(1, 1, SonarixPb::ServiceId());
+    return client.Read().has_value();
+}
+
+double CpuSeconds()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+} // namespace
+
+TEST(ServerListenerTest, LeftoverIsReplacedAndNothingElse)
+{
+    const LogCapture log;
+    const TempDirectory directory;
+    const RealTask task;
+    const AsyncCallback<std::shared_ptr<Network::ConnectorSocket>> ignore({}, task.Get());
+    const auto listenOn = [&](const std::string& path)
+    {
+        auto listener = IL::CreateServerListener("Listener", task.Get());
+        return listener->Listen(Network::Address(path), ignore) ? listener : nullptr;
+    };
+
+    const std::string path = directory.Path() + "/socket";
+    LeaveSocketFile(path);
+    const auto first = listenOn(path);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(Mode(path), S_IFSOCK | 0660U);
+    EXPECT_FALSE(listenOn(path)) << "the living instance's file stays";
+    EXPECT_NO_THROW(SocketClient client(path));
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1u) << log.Text();
+    first->Stop();
+    first->Stop();
+    EXPECT_FALSE(Mode(path)) << "our file goes";
+
+    std::ofstream(path) << "text";
+    EXPECT_FALSE(listenOn(path));
+    EXPECT_EQ(Mode(path).value_or(0) & S_IFMT, S_IFREG + 0U);
+    EXPECT_FALSE(listenOn(directory.Path() + "/missing/socket"));
+    EXPECT_FALSE(listenOn(directory.Path() + '/' + std::string(100, 'l')));
+    EXPECT_FALSE(listenOn(""));
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 5u) << log.Text();
+
+    IL::CreateServerListener("Listener", task.Get())->Stop(); // before it listens
+    ::setenv("SONARIX_RUN_DIR", "/tmp/run", 1);
+    EXPECT_EQ(IPCDirectory::Get()->Lookup("SonarixMdnsService").ToString(), "/tmp/run/SonarixMdnsService");
+    ::unsetenv("SONARIX_RUN_DIR");
+}
+
+/// Two listeners that start at once on one leftover: exactly one has it in the end.
+TEST(ServerListenerTest, LeftoverIsReplacedOnceHoweverManyTry)
+{
+    const LogCapture log("0");
+    const TempDirectory directory;
+    const RealTask task;
+    for (int round = 0; round < 20; ++round)
+    {
+        const std::string path = directory.Path() + "/socket" + std::to_string(round);
+        LeaveSocketFile(path);
+        std::atomic<int> bound = 0;
+        std::vector<std::thread> threads;
+        std::vector<std::shared_ptr<IL::ServerListenerIF>> listeners(4);
+        for (auto& listener : listeners)
+        {
+            listener = IL::CreateServerListener("Listener", task.Get());
+            threads.emplace_back(
+                [&]
+                {
+                    bound += static_cast<bool>(
+                        listener->Listen(Network::Address(path),
+                                         AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>({}, task.Get())));
+                });
+        }
+        for (std::thread& thread : threads)
+        {
+            thread.join();
+        }
+        EXPECT_EQ(bound, 1);
+        EXPECT_NO_THROW(SocketClient client(path));
+    }
+}
+
+TEST(ServerListenerTest, TenThousandConnectionsLeaveNothingBehind)
+{
+    const LogCapture log("1");
+    RouterService service;
+    std::size_t descriptors = 0;
+    std::size_t threads = 0;
+    std::size_t bytes = 0;
+    for (int round = 0; round < 10'000; ++round)
+    {
+        {
+            SocketClient client(service.path);
+            if (round % 3 == 0)
+            {
+                EXPECT_TRUE(IsAnswered(client));
+            }
+            else if (round % 3 == 1)
+            {
+                client.Request(1, 1, SonarixPb::ServiceId()); // and goes without its answer
+            }
+        }
+        if (round == 1000 || round == 9999)
+        {
+            SocketClient last(service.path);
+            EXPECT_TRUE(IsAnswered(last));
+            service.AwaitClients(1);
+            service.Task().Drain();
+            if (round == 1000)
+            {
+                descriptors = Entries("/proc/self/fd");
+                threads = Entries("/proc/self/task");
+                bytes = ::mallinfo2().uordblks;
+            }
+            else
+            {
+                EXPECT_EQ(Entries("/proc/self/fd"), descriptors);
+                EXPECT_EQ(Entries("/proc/self/task"), threads);
+                EXPECT_LT(::mallinfo2().uordblks, bytes + 20'000) << "two bytes a connection";
+            }
+        }
+    }
+    EXPECT_EQ(log.Text(), "");
+}
+
+TEST(ServerListenerTest, AcceptingPausesWithoutDescriptorsAndComesBack)
+{
+    const ForkedResult result = RunForked(
+        []
+        {
+            const LogCapture log;
+            std::vector<int> sockets;
+            do // leaves some for the service, and fewer than one for each
+            {
+                sockets.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            } while (sockets.back() < 50);
+            const rlimit limit{64, 64};
+            EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+            RouterService service;
+            EXPECT_TRUE(service.isListening);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strncpy(address.sun_path, service.path.c_str(), sizeof address.sun_path - 1);
+            std::list<SocketClient> clients;
+            for (const int socket : sockets)
+            {
+                EXPECT_EQ(::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+                clients.emplace_back(socket);
+            }
+            EXPECT_TRUE(log.WaitFor("accepting pauses: Too many open files")) << log.Text();
+            EXPECT_TRUE(IsAnswered(clients.front())) << "who is there already goes on";
+
+            const double before = CpuSeconds();
+            std::this_thread::sleep_for(std::chrono::milliseconds(600)); // two more pauses at least
+            EXPECT_LT(CpuSeconds() - before, 0.1) << "no spinning";
+            EXPECT_LT(service.clients.Get(), sockets.size());
+
+            // Each that goes frees two.
+            clients.erase(clients.begin(), std::next(clients.begin(), static_cast<std::ptrdiff_t>(sockets.size() / 2)));
+            for (SocketClient& client : clients)
+            {
+                EXPECT_TRUE(IsAnswered(client));
+            }
+            EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1u) << log.Text();
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+    EXPECT_TRUE(result.Succeeded()) << result.HowItEnded() << '\n' << result.m_output;
+}
