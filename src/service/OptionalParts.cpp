@@ -1,6 +1,6 @@
 #include "OptionalParts.h"
 
-#include "DiscoveryServiceIPCServerIF.h"
+#include "DiscoveryServiceIPCServer.h"
 #include "SsdpDiscoveryProtocol.h"
 
 #include <atomic>
@@ -26,7 +26,7 @@ std::shared_ptr<DiscoveryServiceIPCServerIF>
 CreateIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller)
 {
     const IPCServerFactory factory = s_ipcServerFactory.load();
-    return factory != nullptr ? factory(controller) : nullptr;
+    return factory != nullptr ? factory(controller) : std::make_shared<DiscoveryServiceIPCServer>(controller);
 }
 
 void SetSsdpFactoryOverride(SsdpFactory factory)

@@ -9,8 +9,8 @@ class DiscoveryServiceControllerIF;
 class DiscoveryServiceIPCServerIF;
 class SsdpDiscoveryProtocolIF;
 
-/// The creation functions of SSDP discovery and of the local socket server, which this build lacks. Either pointer may
-/// be empty, and whoever holds one tests it at every use: an override may want to do without. Safe from any thread.
+/// The creation functions of SSDP discovery and of the local socket server. Either pointer may be empty, and whoever
+/// holds one tests it at every use: an override may want to do without. Safe from any thread.
 namespace OptionalParts
 {
 
@@ -19,7 +19,6 @@ using IPCServerFactory =
     std::shared_ptr<DiscoveryServiceIPCServerIF> (*)(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
 
 std::shared_ptr<SsdpDiscoveryProtocolIF> CreateSsdpDiscoveryProtocol();
-/// Empty without an override.
 std::shared_ptr<DiscoveryServiceIPCServerIF>
 CreateIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
 

@@ -98,9 +98,13 @@ public:
     {
         calls->push_back("mdns Stop");
     }
-    CallbackConnection RegisterForServiceRestartNotification(const Callback<>& /*callback*/) override
+    CallbackConnection RegisterForServiceRestartNotification(const Callback<>& callback) override
     {
-        return {};
+        return m_restartRegistry.Connect(callback);
+    }
+    void Restart()
+    {
+        m_restartRegistry.Send(CallbackConnection());
     }
     void GetProductList(const std::string& serviceType, const ListCallback& callback) override
     {
@@ -111,15 +115,20 @@ public:
             AnswerList(*answerAtOnce);
         }
     }
-    bool AddService(const SonarixPb::Service& /*service*/) override
+    bool AddService(const SonarixPb::Service& service) override
     {
-        return true;
+        Log("AddService", service);
+        return isAccepting;
     }
-    void UpdateServiceTxtRecords(const SonarixPb::Service& /*service*/, const Callback<bool>& result) override
+    void UpdateServiceTxtRecords(const SonarixPb::Service& service, const Callback<bool>& result) override
     {
-        result(true);
+        Log("UpdateServiceTxtRecords", service);
+        result(isAccepting);
     }
-    void RemoveService(const SonarixPb::Service& /*service*/) override {}
+    void RemoveService(const SonarixPb::Service& service) override
+    {
+        Log("RemoveService", service);
+    }
     void BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info) override
     {
         calls->push_back("mdns BroadcastInitialDeviceAnnouncement");
@@ -158,8 +167,21 @@ public:
 
     std::vector<SonarixPb::DeviceInfo> announcements;
     std::optional<Sonarix::ProductList> answerAtOnce; ///< lists are answered at once, with this
+    bool isAccepting = true;                          ///< what additions and updates of records give
 
 private:
+    /// "mdns AddService name type value...", with the values of the TXT record.
+    void Log(const std::string& operation, const SonarixPb::Service& service)
+    {
+        std::string line = "mdns " + operation + ' ' + service.id().name() + ' ' + service.id().type();
+        for (const SonarixPb::ServiceRecords& record : service.txt())
+        {
+            line += ' ' + record.value();
+        }
+        calls->push_back(line);
+    }
+
+    CallbackRegistry<> m_restartRegistry;
     std::deque<ListCallback> m_waiting;
 };
 

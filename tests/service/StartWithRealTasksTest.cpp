@@ -57,6 +57,8 @@ TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
             MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
                                                       { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
             OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF> { return nullptr; });
+            OptionalParts::SetIPCServerFactoryOverride([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
+                                                       { return nullptr; });
             DiscoveryServicePorticoClient::SetFactoryOverride(MakeClientAfterAChildWasPosted);
 
             const auto controller = std::make_shared<DiscoveryServiceController>();

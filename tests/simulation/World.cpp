@@ -86,6 +86,8 @@ World::World(std::uint64_t seed, bool isAccessory, Milliseconds checkPeriod)
     m_ssdp = s_ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
     SonarixService::OptionalParts::SetSsdpFactoryOverride(
         [] { return std::static_pointer_cast<SonarixService::SsdpDiscoveryProtocolIF>(s_ssdp); });
+    SonarixService::OptionalParts::SetIPCServerFactoryOverride( // there are no sockets in simulated time
+        [](const auto&) { return std::shared_ptr<SonarixService::DiscoveryServiceIPCServerIF>(); });
 }
 
 World::~World()

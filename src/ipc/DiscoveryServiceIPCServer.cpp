@@ -1,0 +1,141 @@
+#include "DiscoveryServiceIPCServer.h"
+
+#include "AsyncCallback.h"
+#include "ConnectorSocket.h"
+#include "DPrint.h"
+#include "DiscoveryServiceControllerIF.h"
+#include "IPCDirectory.h"
+#include "IPCServerListener.h"
+#include "MdnsIPCClientHandler.h"
+#include "SsdpIPCClientHandler.h"
+#include "Task.h"
+
+#include <utility>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("DiscoveryServiceIPCServer");
+
+void LogEntry(const char* operation)
+{
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::%s", operation);
+}
+
+void LogHandler(const char* operation, const std::string& name)
+{
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "DiscoveryServiceIPCServer::%s - %s", operation, name.c_str());
+}
+
+using ListenerImpl = IPCServerListener<DiscoveryServiceIPCClientHandlerIF>;
+
+} // namespace
+
+DiscoveryServiceIPCServer::DiscoveryServiceIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller)
+    : m_task(IL::CreateTask("DiscoveryServiceIPCServerTask", ""))
+    , m_controller(controller)
+    , m_mdnsListener(ListenerImpl::Create("DiscoveryServiceIPCServerListenerMdns", m_task))
+    , m_ssdpListener(ListenerImpl::Create("DiscoveryServiceIPCServerListenerSsdp", m_task))
+{
+    LogEntry("DiscoveryServiceIPCServer");
+}
+
+DiscoveryServiceIPCServer::~DiscoveryServiceIPCServer() = default;
+
+void DiscoveryServiceIPCServer::Initialize()
+{
+    LogEntry("Initialize");
+    const std::shared_ptr<DiscoveryServiceIPCServer> self = shared_from_this();
+    const AsyncCallback<Handler> newClient([self](const Handler& handler) { self->HandleNewClient(handler); }, m_task);
+    m_mdnsListener->Start(IPCDirectory::Get()->Lookup("SonarixMdnsService"), newClient,
+                          [self](const std::string& name, std::shared_ptr<Network::ConnectorSocket> socket)
+                          { return self->CreateMdnsClientHandler(name, std::move(socket)); });
+    m_ssdpListener->Start(IPCDirectory::Get()->Lookup("SonarixSsdpService"), newClient,
+                          [self](const std::string& name, std::shared_ptr<Network::ConnectorSocket> socket)
+                          { return self->CreateSsdpClientHandler(name, std::move(socket)); });
+}
+
+DiscoveryServiceIPCServer::Handler
+DiscoveryServiceIPCServer::CreateMdnsClientHandler(const std::string& name,
+                                                   std::shared_ptr<Network::ConnectorSocket> socket)
+{
+    LogHandler("CreateMdnsClientHandler", name);
+    return std::make_shared<MdnsIPCClientHandler>(name, m_task, std::move(socket),
+                                                  m_controller->GetMdnsDiscoveryProtocol());
+}
+
+DiscoveryServiceIPCServer::Handler
+DiscoveryServiceIPCServer::CreateSsdpClientHandler(const std::string& name,
+                                                   std::shared_ptr<Network::ConnectorSocket> socket)
+{
+    LogHandler("CreateSsdpClientHandler", name);
+    return std::make_shared<SsdpIPCClientHandler>(name, m_task, std::move(socket),
+                                                  m_controller->GetSsdpDiscoveryProtocol());
+}
+
+void DiscoveryServiceIPCServer::HandleNewClient(const Handler& handler)
+{
+    LogEntry("HandleNewClient");
+    {
+        // In the list before it reads, so that a shut-down from another task overlooks nobody: what that posts runs
+        // after us.
+        const ScopedMutex lock(m_clientsMutex);
+        if (m_isShutDown)
+        {
+            return; // its socket closes with it
+        }
+        m_clients.push_back(handler);
+    }
+    handler->RegisterForDisconnect([self = shared_from_this(), handler] { self->RemoveClient(handler); });
+    handler->Initialize();
+}
+
+void DiscoveryServiceIPCServer::RemoveClient(const Handler& handler)
+{
+    std::size_t left = 0;
+    {
+        const ScopedMutex lock(m_clientsMutex);
+        m_clients.remove(handler);
+        left = m_clients.size();
+    }
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "Removing Client. Client List new size: %zu ", left);
+}
+
+void DiscoveryServiceIPCServer::SendSonarixNotification(SonarixPb::DeviceState state,
+                                                        const std::shared_ptr<SonarixPb::DeviceInfo>& device)
+{
+    std::list<Handler> clients;
+    {
+        const ScopedMutex lock(m_clientsMutex);
+        clients = m_clients;
+    }
+    for (const Handler& client : clients)
+    {
+        client->SendSonarixNotification(state, device);
+    }
+}
+
+void DiscoveryServiceIPCServer::Shutdown()
+{
+    LogEntry("Shutdown");
+    std::list<Handler> clients;
+    {
+        const ScopedMutex lock(m_clientsMutex);
+        clients.swap(m_clients);
+        m_isShutDown = true;
+    }
+    for (const Handler& client : clients)
+    {
+        client->Shutdown();
+    }
+    m_mdnsListener->Stop();
+    m_ssdpListener->Stop();
+    // Not at once: what waits in the queue is thrown away by a stop, and the clients' ends are there.
+    IL::BreakThread([task = m_task] { IL::StopTask(task); }, m_task);
+    IL::JoinTask(m_task);
+}
+
+} // namespace SonarixService

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "AsyncCallback.h"
+#include "ConnectorSocket.h"
+#include "DPrint.h"
+#include "IPCServerListenerFactory.h"
+#include "IPCServerListenerIF.h"
+#include "NetworkAddress.h"
+#include "ServerListenerIF.h"
+#include "ThreadMutex.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+/// Accepts the clients of one service: names each, has its handler made, and hands that on.
+/// Task: Start() and Stop() from any, everything else on the task given.
+/// Owner: the server. A socket that was accepted before Stop() and comes after it is closed.
+template <class T>
+class IPCServerListener final : public IPCServerListenerIF<T>, public std::enable_shared_from_this<IPCServerListener<T>>
+{
+public:
+    using typename IPCServerListenerIF<T>::NewClientCallback;
+    using typename IPCServerListenerIF<T>::HandlerFactory;
+    using Socket = std::shared_ptr<Network::ConnectorSocket>;
+
+    /// Asks the override factory first.
+    static std::shared_ptr<IPCServerListenerIF<T>> Create(const std::string& name, NotifyTargetTaskIF* task)
+    {
+        if (IPCServerListenerFactoryIF* const factory = IPCServerListenerFactory::detail::GetFactory())
+        {
+            return std::dynamic_pointer_cast<IPCServerListenerIF<T>>(factory->CreateListener(name, task));
+        }
+        return std::make_shared<IPCServerListener<T>>(name, task);
+    }
+
+    IPCServerListener(const std::string& name, NotifyTargetTaskIF* task)
+        : m_name(name)
+        , m_task(task)
+        , m_serverListener(IL::CreateServerListener("IPCServerListener", task))
+        , m_log(name)
+    {
+    }
+
+    void Start(const Network::Address& address, const NewClientCallback& newClientCallback,
+               const HandlerFactory& handlerFactory) override
+    {
+        DPRINTF(m_log, DPrint::LEVEL_INFO, "Listen for Socket Connection on |%s|", address.ToString().c_str());
+        const ScopedMutex lock(m_listenerMutex);
+        const AsyncCallback<Socket> onAccept(
+            [self = this->shared_from_this()](const Socket& socket) { self->HandleAccept(socket); }, m_task);
+        if (m_serverListener && m_serverListener->Listen(address, onAccept))
+        {
+            m_newClientCallback = newClientCallback;
+            m_handlerFactory = handlerFactory;
+        }
+    }
+
+    void Stop() override
+    {
+        NewClientCallback endedCallback; // both destroyed after the lock: they may hold whoever holds us
+        HandlerFactory endedFactory;
+        const ScopedMutex lock(m_listenerMutex);
+        if (m_serverListener)
+        {
+            endedCallback.swap(m_newClientCallback);
+            endedFactory.swap(m_handlerFactory);
+            m_serverListener->Stop();
+            m_serverListener.reset();
+        }
+    }
+
+private:
+    void HandleAccept(const Socket& socket)
+    {
+        DPRINTF(m_log, DPrint::LEVEL_INFO, "Handle New Socket Connection");
+        const std::string name = m_name + '_' + std::to_string(m_connectionCounter++);
+        HandlerFactory factory;
+        {
+            const ScopedMutex lock(m_listenerMutex); // Start() may not be done with them
+            if (!m_serverListener)
+            {
+                return;
+            }
+            factory = m_handlerFactory;
+        }
+        const std::shared_ptr<T> handler = factory(name, socket);
+        NewClientCallback callback;
+        {
+            const ScopedMutex lock(m_listenerMutex);
+            callback = m_newClientCallback;
+        }
+        if (callback)
+        {
+            callback(handler);
+        }
+    }
+
+    const std::string m_name;
+    NotifyTargetTaskIF* const m_task;
+    std::shared_ptr<IL::ServerListenerIF> m_serverListener; ///< null once stopped
+    const DPrint m_log;
+    unsigned int m_connectionCounter = 0;
+    NewClientCallback m_newClientCallback; ///< empty until a Start() that bound
+    HandlerFactory m_handlerFactory;
+    CThreadMutex m_listenerMutex; ///< guards the listener and the two functions
+};

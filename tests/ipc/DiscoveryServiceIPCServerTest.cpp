@@ -1,0 +1,423 @@
+#include "DiscoveryServiceIPCServer.h"
+#include "FakeDiscovery.h"
+#include "LogCapture.h"
+#include "SocketClient.h"
+#include "TempDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <list>
+#include <malloc.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace SonarixService;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+Sonarix::Product Product(const std::string& name, const std::string& type = "_kova-lanyard._tcp",
+                         SXCommon::ProductState state = SXCommon::ONLINE)
+{
+    Sonarix::Product product;
+    product.mutable_serviceid()->set_type(type);
+    product.set_state(state);
+    product.mutable_productinfo()->set_friendlyname(name);
+    product.mutable_productinfo()->set_country("CH"); // stays here
+    return product;
+}
+
+SonarixPb::Service Service(const std::string& name, const std::string& type, const std::string& value = "v")
+{
+    SonarixPb::Service service;
+    service.mutable_id()->set_name(name);
+    service.mutable_id()->set_type(type);
+    SonarixPb::ServiceRecords* const record = service.add_txt();
+    record->set_key("k");
+    record->set_value(value);
+    return service;
+}
+
+SonarixPb::ServiceId Type(const std::string& type)
+{
+    SonarixPb::ServiceId id;
+    id.set_type(type);
+    return id;
+}
+
+/// The server on its sockets, with sources that the test speaks for. The test looks at them after a client has heard
+/// an answer: what it asked for before is done then.
+class DiscoveryServiceIPCServerTest : public testing::Test
+{
+protected:
+    DiscoveryServiceIPCServerTest()
+    {
+        ::setenv("SONARIX_RUN_DIR", m_directory.Path().c_str(), 1);
+        ::setenv("SONARIX_MFG_DATA", "/nonexistent/mfg.json", 1);
+        m_mdns->answerAtOnce.emplace();
+        m_controller->mdns = m_mdns;
+        m_controller->ssdp = m_ssdp;
+    }
+    ~DiscoveryServiceIPCServerTest() override
+    {
+        m_server->Shutdown();
+        ::unsetenv("SONARIX_RUN_DIR");
+    }
+
+    void SetUp() override
+    {
+        m_server = std::make_shared<DiscoveryServiceIPCServer>(m_controller);
+        m_server->Initialize();
+    }
+    SocketClient Mdns() const
+    {
+        return SocketClient(m_directory.Path() + "/SonarixMdnsService");
+    }
+    SocketClient Ssdp() const
+    {
+        return SocketClient(m_directory.Path() + "/SonarixSsdpService");
+    }
+    /// All that `client` has asked for is done, and it is told of what comes from here on.
+    static SonarixPb::DiscoveredDeviceList Barrier(SocketClient& client)
+    {
+        client.Request(2, 1, Type("_barrier._tcp"));
+        return client.ReadAs<SonarixPb::DiscoveredDeviceList>();
+    }
+    static SonarixPb::DiscoveredDeviceList ListSsdp(SocketClient& client)
+    {
+        client.Request(2, 1, SonarixPb::DiscoveredDeviceList());
+        return client.ReadAs<SonarixPb::DiscoveredDeviceList>();
+    }
+    /// What was asked of mDNS since the last time, barriers left out.
+    std::vector<std::string> Calls()
+    {
+        FakeCalls calls;
+        calls.swap(*m_mdns->calls);
+        std::erase(calls, "mdns GetProductList _barrier._tcp");
+        return calls;
+    }
+
+    const LogCapture m_log{"4"};
+    const TempDirectory m_directory;
+    const std::shared_ptr<FakeMdnsDiscoveryProtocol> m_mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
+    const std::shared_ptr<FakeSsdpDiscoveryProtocol> m_ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
+    const std::shared_ptr<FakeController> m_controller = std::make_shared<FakeController>();
+    std::shared_ptr<DiscoveryServiceIPCServer> m_server;
+};
+
+} // namespace
+
+TEST_F(DiscoveryServiceIPCServerTest, ListsAreThoseOfTheSourceWithTheAskersTid)
+{
+    *m_mdns->answerAtOnce->add_products() = Product("one");
+    *m_mdns->answerAtOnce->add_products() = Product("two");
+    SocketClient mdns = Mdns();
+    mdns.Request(2, 0xffffffff, Type("_kova-clock._tcp"));
+    const std::optional<IPCMessageEnvelope> answer = mdns.Read();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->id(), 2U);
+    EXPECT_EQ(answer->tid(), 0xffffffffU);
+    EXPECT_EQ(answer->kind(), IPCMessageEnvelope::RESPONSE);
+    EXPECT_EQ(answer->payload_type(), "DiscoveredDeviceList");
+    SonarixPb::DiscoveredDeviceList list;
+    EXPECT_TRUE(answer->GetPayload(list));
+    EXPECT_EQ(list.ShortDebugString(), R"(device { friendlyname: "one" } device { friendlyname: "two" })");
+    EXPECT_THAT(*m_mdns->calls, ElementsAre("mdns GetProductList _kova-clock._tcp"));
+
+    SocketClient ssdp = Ssdp();
+    EXPECT_EQ(ListSsdp(ssdp).device_size(), 0) << "an empty table is no error";
+    *m_ssdp->list.add_products() = Product("three");
+    EXPECT_EQ(ListSsdp(ssdp).ShortDebugString(), R"(device { friendlyname: "three" })");
+
+    ssdp.Request(2, 3, Type("_kova-clock._tcp"));
+    EXPECT_EQ(ssdp.Read()->kind(), IPCMessageEnvelope::REJECT) << "of another type";
+    ssdp.Request(3, 3, Service("a", "_a._tcp"));
+    EXPECT_EQ(ListSsdp(ssdp).device_size(), 1) << "there is nothing to add to";
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain)
+{
+    SocketClient client = Mdns();
+    client.Request(3, 11, Service("a", "_a._tcp"));
+    std::optional<IPCMessageEnvelope> answer = client.Read();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->payload_type(), "DiscoveryServiceVoid");
+    EXPECT_EQ(answer->id(), 3U);
+    EXPECT_EQ(answer->tid(), 11U);
+    client.Request(3, 12, Service("b", "_b._tcp"));
+    client.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    client.Request(3, 13, Service("a2", "_a._tcp", "new"));
+    client.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    client.Request(6, 14, Service("b", "_b._tcp", "updated")); // a success is not answered
+    client.Request(6, 15, Service("c", "_c._tcp", "never added"));
+    Barrier(client);
+    EXPECT_THAT(Calls(), ElementsAre("mdns AddService a _a._tcp v", "mdns AddService b _b._tcp v",
+                                     "mdns AddService a2 _a._tcp new", "mdns UpdateServiceTxtRecords b _b._tcp updated",
+                                     "mdns UpdateServiceTxtRecords c _c._tcp never added"));
+    m_mdns->Restart();
+    Barrier(client);
+    EXPECT_THAT(Calls(), ElementsAre("mdns AddService a2 _a._tcp new", "mdns AddService b _b._tcp updated",
+                                     "mdns AddService c _c._tcp never added"));
+
+    SonarixPb::DeviceInfo info;
+    info.set_friendlyname("announced");
+    client.Request(5, 16, info);
+    client.Request(4, 17, Service("whatever", "_a._tcp")); // neither is answered
+    Barrier(client);
+    EXPECT_THAT(Calls(),
+                ElementsAre("mdns BroadcastInitialDeviceAnnouncement", "mdns RemoveService whatever _a._tcp v"));
+    m_mdns->Restart();
+    Barrier(client);
+    EXPECT_THAT(Calls(), ElementsAre("mdns BroadcastInitialDeviceAnnouncement", "mdns AddService b _b._tcp updated",
+                                     "mdns AddService c _c._tcp never added"));
+    EXPECT_EQ(m_mdns->announcements.back().friendlyname(), "announced");
+
+    // Another client has records of its own; what a client has published stays when it goes.
+    SocketClient second = Mdns();
+    second.Request(3, 1, Service("b", "_b._tcp", "second"));
+    second.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    client.Close();
+    EXPECT_TRUE(m_log.WaitFor("Removing Client. Client List new size: 1 "));
+    EXPECT_THAT(Calls(), ElementsAre("mdns AddService b _b._tcp second"));
+    m_mdns->Restart();
+    Barrier(second);
+    EXPECT_THAT(Calls(), ElementsAre("mdns AddService b _b._tcp second"));
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, FailuresAreTold)
+{
+    m_mdns->isAccepting = false;
+    SocketClient client = Mdns();
+    client.Request(3, 4, Service("a", "_a._tcp"));
+    EXPECT_EQ(client.ReadAs<SonarixPb::DeviceDiscoveryError>().ShortDebugString(),
+              R"(code: 0 subcode: 0 message: "AddService request Failed!")");
+    client.Request(6, 5, Service("a", "_a._tcp"));
+    const std::optional<IPCMessageEnvelope> answer = client.Read();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->id(), 6U);
+    EXPECT_EQ(answer->tid(), 5U);
+    SonarixPb::DeviceDiscoveryError error;
+    EXPECT_TRUE(answer->GetPayload(error));
+    EXPECT_EQ(error.ShortDebugString(), R"(code: 0 subcode: 0 message: "Update Service Failed!")");
+    Calls();
+    m_mdns->Restart();
+    Barrier(client);
+    EXPECT_THAT(Calls(), ElementsAre("mdns AddService a _a._tcp v")) << "the failed one is tried again";
+
+    // Without the sources.
+    m_controller->mdns = nullptr;
+    m_controller->ssdp = nullptr;
+    SocketClient orphan = Mdns();
+    orphan.Request(2, 6, Type("_a._tcp"));
+    EXPECT_EQ(orphan.ReadAs<SonarixPb::DeviceDiscoveryError>().ShortDebugString(),
+              R"(code: 0 subcode: 0 message: "Get DeviceList not SET!" guid: "guid.is.not.set.perhaps.x86")");
+    orphan.Request(4, 7, Service("a", "_a._tcp"));
+    orphan.Request(6, 7, Service("a", "_a._tcp"));
+    orphan.Request(5, 7, SonarixPb::DeviceInfo());
+    orphan.Request(3, 8, Service("a", "_a._tcp"));
+    EXPECT_EQ(orphan.ReadAs<SonarixPb::DeviceDiscoveryError>().message(), "AddService request Failed!");
+    SocketClient ssdp = Ssdp();
+    ssdp.Request(2, 9, SonarixPb::DiscoveredDeviceList());
+    EXPECT_EQ(ssdp.ReadAs<SonarixPb::DeviceDiscoveryError>().ShortDebugString(),
+              R"(code: 0 subcode: 0 message: "Ssdp Protocol NULL" guid: "guid.is.not.set.perhaps.x86")");
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, DevicesAreToldToWhomTheyConcern)
+{
+    SocketClient adder = Mdns();
+    SocketClient announcer = Mdns();
+    SocketClient idle = Mdns();
+    SocketClient ssdp = Ssdp();
+    adder.Request(3, 1, Service("a", "_a._tcp"));
+    adder.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    adder.Request(4, 1, Service("a", "_a._tcp")); // is told of the type all the same
+    announcer.Request(5, 1, SonarixPb::DeviceInfo());
+    Barrier(adder);
+    Barrier(announcer);
+    Barrier(idle);
+    ListSsdp(ssdp);
+
+    m_mdns->Report(Product("a", "_a._tcp", SXCommon::OFFLINE));
+    m_mdns->Report(Product("lanyard"));
+    m_mdns->Report(Product("other", "_b._tcp"));
+    m_ssdp->Report(Product("ssdp", ""));
+    auto device = std::make_shared<SonarixPb::DeviceInfo>();
+    device->set_friendlyname("made up");
+    m_server->SendSonarixNotification(SonarixPb::INVALID, device);
+
+    const std::optional<IPCMessageEnvelope> first = adder.Read();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->id(), 1U);
+    EXPECT_EQ(first->tid(), 0U);
+    EXPECT_EQ(first->kind(), IPCMessageEnvelope::NOTIFICATION);
+    SonarixPb::DeviceDiscovery discovery;
+    EXPECT_TRUE(first->GetPayload(discovery));
+    EXPECT_EQ(discovery.ShortDebugString(), R"(state: OFFLINE device { friendlyname: "a" })");
+    const std::string lanyard = R"(state: ONLINE device { friendlyname: "lanyard" })";
+    EXPECT_EQ(announcer.ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString(), lanyard);
+    const std::string madeUp = R"(state: INVALID device { friendlyname: "made up" })";
+    for (SocketClient* const client : {&adder, &announcer, &idle})
+    {
+        EXPECT_EQ(client->ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString(), madeUp);
+    }
+    std::vector<std::string> told; // one of the two came by way of the task
+    told.push_back(ssdp.ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString());
+    told.push_back(ssdp.ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString());
+    EXPECT_THAT(told, testing::UnorderedElementsAre(R"(state: ONLINE device { friendlyname: "ssdp" })", madeUp));
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, LinesOfTheLogName)
+{
+    SocketClient first = Mdns();
+    SocketClient second = Mdns();
+    SocketClient ssdp = Ssdp();
+    first.Request(3, 1, Service("a", "_a._tcp"));
+    first.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    Barrier(second);
+    ListSsdp(ssdp);
+    second.Close();
+    EXPECT_TRUE(m_log.WaitFor("Removing Client. Client List new size: 2 "));
+    const LogCapture::Line lines[] = {
+        {"DiscoveryServiceIPCServer", DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::DiscoveryServiceIPCServer"},
+        {"DiscoveryServiceIPCServer", DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::Initialize"},
+        {"DiscoveryServiceIPCServerListenerMdns", DPrint::LEVEL_INFO,
+         "Listen for Socket Connection on |" + m_directory.Path() + "/SonarixMdnsService|"},
+        {"DiscoveryServiceIPCServerListenerSsdp", DPrint::LEVEL_INFO, "Handle New Socket Connection"},
+        {"DiscoveryServiceIPCServer", DPrint::LEVEL_INFO,
+         "DiscoveryServiceIPCServer::CreateMdnsClientHandler - DiscoveryServiceIPCServerListenerMdns_0"},
+        {"DiscoveryServiceIPCServer", DPrint::LEVEL_INFO,
+         "DiscoveryServiceIPCServer::CreateMdnsClientHandler - DiscoveryServiceIPCServerListenerMdns_1"},
+        {"DiscoveryServiceIPCServer", DPrint::LEVEL_INFO,
+         "DiscoveryServiceIPCServer::CreateSsdpClientHandler - DiscoveryServiceIPCServerListenerSsdp_0"},
+        {"DiscoveryServiceIPCServer", DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::HandleNewClient"},
+        {"DiscoveryServiceIPCServerListenerMdns_0", DPrint::LEVEL_INFO,
+         "HandleAddServiceRequest: Adding Service _a._tcp to DeviceUpdate List."},
+        {"DiscoveryServiceIPCServerListenerMdns_1", DPrint::LEVEL_INFO,
+         "HandleDiscoveredDeviceListRequest: Got request for serviceType: _barrier._tcp"},
+        {"DiscoveryServiceIPCServerListenerMdns_1", DPrint::LEVEL_DEBUG, "HandleDisconnect"},
+        {"DiscoveryServiceIPCServerListenerSsdp_0", DPrint::LEVEL_INFO, "RegisterForDisconnect called!"},
+        {"DiscoveryServiceIPCServerListenerSsdp_0", DPrint::LEVEL_DEBUG, "SsdpIPCClientHandler::Initialize\n"},
+    };
+    for (const LogCapture::Line& line : lines)
+    {
+        EXPECT_THAT(m_log.Lines(), testing::Contains(line)) << line.m_channel << ": " << line.m_text;
+    }
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, ShutdownDisconnectsEverybodyAndLeavesNothing)
+{
+    SocketClient mdns = Mdns();
+    SocketClient ssdp = Ssdp();
+    Barrier(mdns);
+    ListSsdp(ssdp);
+    const std::weak_ptr<DiscoveryServiceIPCServer> gone = m_server;
+    m_server->Shutdown();
+    m_server.reset();
+    EXPECT_TRUE(gone.expired());
+    EXPECT_TRUE(mdns.AwaitEnd());
+    EXPECT_TRUE(ssdp.AwaitEnd());
+    EXPECT_TRUE(std::filesystem::is_empty(m_directory.Path()));
+    m_mdns->Report(Product("late"));
+    m_mdns->Restart();
+    m_ssdp->Report(Product("late"));
+    EXPECT_THAT(Calls(), IsEmpty());
+    EXPECT_EQ(m_controller.use_count(), 1) << "no handler holds on to it";
+
+    SetUp(); // for the end of the fixture: the same place is free
+}
+
+/// Clients come, ask and go while reports and restarts come from another thread, and the end comes in the middle.
+TEST_F(DiscoveryServiceIPCServerTest, ClientsComeAndGoWhileDevicesAreReported)
+{
+    std::atomic<bool> isEnough = false;
+    std::thread reporting(
+        [&]
+        {
+            const auto device = std::make_shared<SonarixPb::DeviceInfo>();
+            while (!isEnough)
+            {
+                m_mdns->Report(Product("a", "_a._tcp"));
+                m_server->SendSonarixNotification(SonarixPb::ONLINE, device);
+                m_ssdp->Report(Product("s"));
+            }
+        });
+    std::vector<std::thread> threads;
+    std::atomic<int> heard = 0;
+    for (int number = 0; number < 4; ++number)
+    {
+        threads.emplace_back(
+            [&, number]
+            {
+                for (int round = 0; round < 50; ++round)
+                {
+                    SocketClient client = number % 2 == 0 ? Mdns() : Ssdp();
+                    client.Request(number % 2 == 0 ? 3U : 2U, 1, Service("a", "_a._tcp"));
+                    if (round % 2 == 0)
+                    {
+                        heard += client.Read().has_value();
+                    }
+                }
+            });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_EQ(heard, 100);
+    SocketClient last = Mdns();
+    EXPECT_TRUE(last.Read());
+    m_server->Shutdown();
+    EXPECT_TRUE(last.AwaitEnd());
+    isEnough = true;
+    reporting.join();
+    m_server.reset();
+    SetUp();
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, FiveHundredClientsAtOnceAreServedAndCostLittle)
+{
+    DPrint::SetLevels("1");
+    std::list<SocketClient> warm;
+    for (int count = 0; count < 10; ++count)
+    {
+        Barrier(warm.emplace_back(Mdns()));
+    }
+    warm.clear();
+    SocketClient other = Mdns();
+    Barrier(other);
+
+    constexpr std::size_t kCount = 500;
+    const std::size_t before = ::mallinfo2().uordblks;
+    std::list<SocketClient> clients;
+    for (std::size_t count = 0; count < kCount; ++count)
+    {
+        clients.push_back(count % 2 == 0 ? Mdns() : Ssdp());
+    }
+    SonarixPb::Service huge = Service(std::string(65536, 'n'), "_a._tcp", std::string(100'000, 't'));
+    other.Request(3, 1, huge);
+    other.ReadAs<SonarixPb::DiscoveryServiceVoid>(); // whether it fits into a record is for mDNS to say
+    EXPECT_THAT(Calls(), testing::Contains(testing::EndsWith(std::string(100'000, 't'))));
+    std::size_t number = 0;
+    for (SocketClient& client : clients)
+    {
+        EXPECT_EQ((number++ % 2 == 0 ? Barrier(client) : ListSsdp(client)).device_size(), 0);
+    }
+    other.Request(4, 1, huge);
+    Barrier(other);
+    const std::size_t each = (::mallinfo2().uordblks - before) / kCount;
+    EXPECT_LT(each, 8192U) << "bytes for a client, this end and the test's";
+    m_server->SendSonarixNotification(SonarixPb::ONLINE, std::make_shared<SonarixPb::DeviceInfo>());
+    for (SocketClient& client : clients)
+    {
+        EXPECT_EQ(client.ReadAs<SonarixPb::DeviceDiscovery>().state(), SonarixPb::ONLINE);
+    }
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_ERROR) + m_log.Count(DPrint::LEVEL_WARNING), 0U) << m_log.Text();
+}
