@@ -113,16 +113,17 @@ void MyCTask::Body()
 
 const std::shared_ptr<AsyncTaskList>& TheList()
 {
-    struct Owner
+    // Never destroyed: while the process ends, a request may still run, and start another.
+    static const auto& s_list = *new std::shared_ptr<AsyncTaskList>(std::make_shared<AsyncTaskList>());
+    struct ReleaseAtExit
     {
-        std::shared_ptr<AsyncTaskList> m_list = std::make_shared<AsyncTaskList>();
-        ~Owner()
+        ~ReleaseAtExit()
         {
-            m_list->Release();
+            s_list->Release();
         }
     };
-    static const Owner s_owner;
-    return s_owner.m_list;
+    static const ReleaseAtExit s_release;
+    return s_list;
 }
 
 } // namespace

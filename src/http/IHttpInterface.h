@@ -24,7 +24,7 @@ public:
 /// Asynchronous HTTP. An operation returns at once; the exchange runs on a thread of its own, on which `callback`
 /// (which may be empty) is called exactly once, whatever became of the request. To be called on a task, pass an
 /// AsyncCallback. An operation throws std::system_error where there is no thread to be had; nobody is called then.
-
+///
 /// A request that is not answered by a 2xx is retried where the answer's headers ask for it (429 and 5xx with
 /// Retry-After, X-Ratelimit-..., X-Retry-Count, X-Retry-Behavior), or from the table of back-off values.
 /// Setters hold for the requests that start after them, take no lock, and belong to the thread that makes requests.

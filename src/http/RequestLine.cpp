@@ -135,14 +135,17 @@ bool RequestLine::Enter(RunTask& task)
     return true;
 }
 
-void RequestLine::Leave(RunTask& task)
+void RequestLine::Leave(RunTask& task, bool isRetried)
 {
     std::unique_lock lock(m_mutex);
-    ++m_returning;
-    m_mayRun.wait(lock, [&] { return m_limit == 0 || m_running.size() < m_limit || task.IsAbandoned(); });
-    --m_returning;
+    if (isRetried)
+    {
+        ++m_returning;
+        m_mayRun.wait(lock, [&] { return m_limit == 0 || m_running.size() < m_limit || task.IsAbandoned(); });
+        --m_returning;
+        m_running.insert(&task);
+    }
     m_retrying.erase(&task);
-    m_running.insert(&task);
 }
 
 void RequestLine::Discard()

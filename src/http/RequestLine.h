@@ -27,7 +27,7 @@ public:
     void Discard();
 
     bool Enter(RunTask& task) override;
-    void Leave(RunTask& task) override;
+    void Leave(RunTask& task, bool isRetried) override;
 
 private:
     class Turn;

@@ -1,5 +1,6 @@
 #include "RunTask.h"
 
+#include "CaughtException.h"
 #include "DPrint.h"
 
 #include <algorithm>
@@ -19,6 +20,8 @@ const DPrint s_log("SimpleASyncURLFetcher");
 constexpr std::array<const char*, 4> kMethodNames = {"POST", "GET", "DELETE", "PUT"};
 constexpr int kMaxExponent = 30;
 constexpr double kJitter = 0.3; ///< share of a wait by which it varies
+/// How much of a retry header the log shows: a peer may send 64 KiB of it with each answer, and answer for ever.
+constexpr std::size_t kMaxShownBytes = 64;
 
 constexpr bool IsServerError(int status)
 {
@@ -30,6 +33,11 @@ std::string HeaderOf(const Http::SimpleURLFetcherResult& result, const char* nam
 {
     const auto found = result.headers.find(name);
     return found == result.headers.end() ? std::string() : found->second;
+}
+
+std::string Shown(const std::string& text)
+{
+    return text.size() <= kMaxShownBytes ? text : text.substr(0, kMaxShownBytes) + "...";
 }
 
 } // namespace
@@ -48,23 +56,41 @@ void RunTask::Run()
 {
     s_log.LogVerbose("Run(data size:%zd headers2Add size:%zd, method:%d)\n", m_request.body.size(),
                      m_request.headers.size(), static_cast<int>(m_request.method));
-    Http::SimpleURLFetcher ownFetcher("", "");
-    Http::SimpleURLFetcher& fetcher = m_fetcher ? *m_fetcher : ownFetcher;
-    SetUp(fetcher);
-
-    const auto method = static_cast<std::size_t>(m_request.method);
-    if (method < kMethodNames.size())
+    std::optional<Http::SimpleURLFetcher> ownFetcher; // until the requester has been called
+    Result result;
+    try
     {
-        const std::string name = kMethodNames[method];
-        Result result;
-        do
-        {
-            DPRINT(s_log, DPrint::LEVEL_VERBOSE, name << ' ' << m_request.url);
-            result = Perform(fetcher);
-        } while (CheckIfRetryNeededAndSleep(m_request.url, result, name));
+        ownFetcher.emplace("", "");
+        Exchange(m_fetcher ? *m_fetcher : *ownFetcher, result);
+    }
+    catch (...) // no memory, for one: the requester gets the last response, or none at all
+    {
+        IL::LogCaughtException("Async Task");
+    }
+    if (m_fetcher)
+    {
+        m_fetcher->SetPause(nullptr);
+    }
+    if (static_cast<std::size_t>(m_request.method) < kMethodNames.size())
+    {
         m_callback->OnResponse(m_request.url, result);
     }
-    fetcher.SetPause(nullptr);
+}
+
+void RunTask::Exchange(Http::SimpleURLFetcher& fetcher, Result& result)
+{
+    SetUp(fetcher);
+    const auto method = static_cast<std::size_t>(m_request.method);
+    if (method >= kMethodNames.size())
+    {
+        return;
+    }
+    const std::string name = kMethodNames[method];
+    do
+    {
+        DPRINT(s_log, DPrint::LEVEL_VERBOSE, name << ' ' << m_request.url);
+        result = Perform(fetcher);
+    } while (CheckIfRetryNeededAndSleep(m_request.url, result, name));
 }
 
 void RunTask::SetUp(Http::SimpleURLFetcher& fetcher)
@@ -350,7 +376,7 @@ int RunTask::GetRetryBehavior(const Result& result) const
         DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Behavior header not found");
         return UNSET;
     }
-    DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Behavior header found:" << text);
+    DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Behavior header found:" << Shown(text));
     if (text == "constant")
     {
         return CONSTANT;
@@ -359,7 +385,7 @@ int RunTask::GetRetryBehavior(const Result& result) const
     {
         return EXPONENTIAL;
     }
-    DPRINT(s_log, DPrint::LEVEL_WARNING, "X-Retry-Behavior header of:" << text << " is not a valid option");
+    DPRINT(s_log, DPrint::LEVEL_WARNING, "X-Retry-Behavior header of:" << Shown(text) << " is not a valid option");
     return UNSET;
 }
 
@@ -374,7 +400,7 @@ bool RunTask::ConvertToInt(const std::string& text, std::uint32_t& value) const
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || stop != end)
     {
-        DPRINT(s_log, DPrint::LEVEL_ERROR, "String value of:" << text << " is not a valid uint32_t");
+        DPRINT(s_log, DPrint::LEVEL_ERROR, "String value of:" << Shown(text) << " is not a valid uint32_t");
         return false;
     }
     value = number;
@@ -448,7 +474,7 @@ bool RunTask::Sleep(std::uint32_t seconds)
     m_settings.onRetryWait(false);
     if (m_gate)
     {
-        m_gate->Leave(*this);
+        m_gate->Leave(*this, result == EventWaiter::TIMED_OUT);
     }
     if (result == EventWaiter::TIMED_OUT && IsAbandoned())
     {

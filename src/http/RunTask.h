@@ -77,7 +77,8 @@ class IRetryGate
 public:
     virtual ~IRetryGate() = default;
     virtual bool Enter(RunTask& task) = 0; ///< false: it shall not wait, and not be retried
-    virtual void Leave(RunTask& task) = 0; ///< after an Enter() that said true; may wait for a turn
+    /// After an Enter() that said true. `isRetried`: may wait for a turn; else there is no more exchange.
+    virtual void Leave(RunTask& task, bool isRetried) = 0;
 };
 
 /// One request on its way: the exchange, the waits before its retries, the outcome's delivery.
@@ -90,7 +91,7 @@ public:
     RunTask(HttpRequest request, std::shared_ptr<Http::ISimpleURLFetcherCallback> callback,
             std::shared_ptr<Http::SimpleURLFetcher> fetcher, std::shared_ptr<IRetryGate> gate);
 
-    /// Calls the callback once. One that throws is its caller's.
+    /// Calls the callback once, whatever is thrown before. What the callback throws is the caller's.
     void Run() override;
     void Cancel() override;
     bool WasRateLimited() const override;
@@ -109,6 +110,7 @@ private:
     };
     using Result = Http::SimpleURLFetcherResult;
 
+    void Exchange(Http::SimpleURLFetcher& fetcher, Result& result);
     void SetUp(Http::SimpleURLFetcher& fetcher);
     Result Perform(Http::SimpleURLFetcher& fetcher) const;
     bool PauseTransfer(int seconds);

@@ -4,6 +4,7 @@
 #include "ForkedRun.h"
 #include "HttpServer.h"
 #include "LogCapture.h"
+#include "SimpleURLFetcher.h"
 #include "TempDirectory.h"
 #include "Watched.h"
 
@@ -18,6 +19,7 @@
 #include <gmock/gmock.h>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <pthread.h>
 #include <string>
@@ -33,22 +35,34 @@ namespace
 
 using namespace std::chrono_literals;
 
-using Responses = Watched<std::vector<Http::HSMResponse>>;
-
-IHttpInterface::ResponseCallback Into(Responses& responses)
+/// What has been delivered. Shared with the requests: a thread of one may outlive a test that gives up.
+class Responses final
 {
-    return [&responses](const Http::HSMResponse& response)
-    { responses.Change([&response](std::vector<Http::HSMResponse>& all) { all.push_back(response); }); };
+public:
+    Watched<std::vector<Http::HSMResponse>>* operator->() const
+    {
+        return m_watched.get();
+    }
+
+private:
+    const std::shared_ptr<Watched<std::vector<Http::HSMResponse>>> m_watched =
+        std::make_shared<Watched<std::vector<Http::HSMResponse>>>();
+};
+
+IHttpInterface::ResponseCallback Into(const Responses& responses)
+{
+    return [responses](const Http::HSMResponse& response)
+    { responses->Change([&response](std::vector<Http::HSMResponse>& all) { all.push_back(response); }); };
 }
 
-IHttpInterface::OpHandle Get(CHttpInterface& http, const std::string& url, Responses& responses)
+IHttpInterface::OpHandle Get(CHttpInterface& http, const std::string& url, const Responses& responses)
 {
     return http.Get(url, Into(responses), 0, "", 0, 0, {});
 }
 
 bool Come(const Responses& responses, std::size_t count)
 {
-    return responses.WaitUntil([count](const std::vector<Http::HSMResponse>& all) { return all.size() == count; });
+    return responses->WaitUntil([count](const std::vector<Http::HSMResponse>& all) { return all.size() == count; });
 }
 
 std::size_t RequestThreads()
@@ -63,14 +77,24 @@ std::size_t RequestThreads()
     return count;
 }
 
-/// The kernel says nothing when a thread ends, so this looks until none is left.
-bool AllThreadsEnd()
+/// The kernel says nothing when a thread ends, so this looks until there are `count`.
+bool ThreadsBecome(std::size_t count)
 {
-    for (int i = 0; i < 1000 && (RequestThreads() != 0 || Threads_Http::CountAsyncTasks() != 0); ++i)
+    const auto limit = std::chrono::steady_clock::now() + 60s;
+    while (RequestThreads() != count || Threads_Http::CountAsyncTasks() != count)
     {
+        if (std::chrono::steady_clock::now() > limit)
+        {
+            return false;
+        }
         std::this_thread::sleep_for(10ms);
     }
-    return RequestThreads() == 0 && Threads_Http::CountAsyncTasks() == 0;
+    return true;
+}
+
+bool AllThreadsEnd()
+{
+    return ThreadsBecome(0);
 }
 
 // First of all: the stack of a thread that has ended would do for a new one. Not with sanitizers, whose shadows need
@@ -82,7 +106,7 @@ TEST(CHttpInterface, WithoutAThreadTheRequesterGetsTheExceptionAndTheNextOneWork
         []
         {
             HttpServer server([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(200)); });
-            Responses responses;
+            const Responses responses;
             CHttpInterface http(false, "");
             http.SetMaxRunningRequests(1);
             rlimit before{};
@@ -116,7 +140,7 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
                                              exchange.Asked().m_method + " " + exchange.Asked().m_body));
         });
     const TempDirectory directory;
-    Responses responses;
+    const Responses responses;
     std::atomic<int> onOwnThread = 0;
     const auto callback = [&](const Http::HSMResponse& response)
     {
@@ -154,7 +178,7 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
     {
         operations[i].second();
         ASSERT_TRUE(Come(responses, i + 1));
-        const Http::HSMResponse response = responses.Get().back();
+        const Http::HSMResponse response = responses->Get().back();
         EXPECT_EQ(response.body, operations[i].first);
         EXPECT_EQ(response.requestData, i < 3 ? response.body.substr(response.body.find(' ') + 1) : "");
         EXPECT_EQ(response.url, response.effectiveUrl);
@@ -167,7 +191,7 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
     }
     EXPECT_EQ(onOwnThread, static_cast<int>(operations.size()));
     EXPECT_EQ(std::filesystem::file_size(file), 4u);
-    EXPECT_EQ(responses.Get().back().status, 404);
+    EXPECT_EQ(responses->Get().back().status, 404);
     const std::vector<HttpServer::Request> requests = server.Requests().Get();
     EXPECT_EQ(requests.at(1).m_headers.at("X-Asked") + requests.at(6).m_headers.at("X-Asked"), "11");
     EXPECT_EQ(requests.at(2).m_headers.at("Content-Type"), "a/b");
@@ -295,7 +319,7 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
             one.m_status == 0 ? "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()) : server.Url("/");
         CHttpInterface http(one.m_defaultRetries, "");
         one.m_setUp(http);
-        Responses responses;
+        const Responses responses;
         const IHttpInterface::OpHandle handle = Get(http, url, responses);
         unsigned wait = 0;
         if (one.m_lowest != 0)
@@ -304,12 +328,12 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
             ASSERT_TRUE(log.WaitFor(begin)) << one.m_what << log.Text();
             const std::string text = log.Text();
             wait = static_cast<unsigned>(std::stoul(text.substr(text.find(begin) + begin.size())));
-            EXPECT_TRUE(responses.Get().empty());
+            EXPECT_TRUE(responses->Get().empty());
             handle->Cancel();
         }
         ASSERT_TRUE(Come(responses, 1)) << one.m_what << log.Text();
         EXPECT_TRUE(wait >= one.m_lowest && wait <= one.m_highest) << one.m_what << ": " << wait;
-        EXPECT_EQ(responses.Get().front().status, one.m_status);
+        EXPECT_EQ(responses->Get().front().status, one.m_status);
         EXPECT_EQ(handle->GetAttemptCount(), one.m_lowest != 0 ? 1 : 0) << one.m_what;
         EXPECT_EQ(handle->WasRateLimited(), one.m_rateLimited) << one.m_what;
         std::string line = one.m_line;
@@ -345,7 +369,7 @@ TEST(CHttpInterface, RetriesAreCountedAndWaitsGrowByTheTable)
             exchange.Send(HttpServer::Answer(503, headers, target));
         });
     CHttpInterface http(false, "");
-    Responses responses;
+    const Responses responses;
     const IHttpInterface::OpHandle endless = Get(http, server.Url("/endless"), responses);
     const IHttpInterface::OpHandle byDefault = Get(http, server.Url("/default"), responses);
     const IHttpInterface::OpHandle exponential = Get(http, server.Url("/exponential"), responses);
@@ -419,7 +443,7 @@ private:
 std::vector<std::string> UrlsOf(const Responses& responses, std::size_t hostBytes)
 {
     std::vector<std::string> urls;
-    for (const Http::HSMResponse& response : responses.Get())
+    for (const Http::HSMResponse& response : responses->Get())
     {
         urls.push_back(response.url.substr(hostBytes));
     }
@@ -436,17 +460,18 @@ TEST(CHttpInterface, CancelKeepsAWaitFromStartingAndLetsATransferEnd)
             const bool isDone = exchange.Asked().m_target == "/done";
             exchange.Send(HttpServer::Answer(isDone ? 200 : 503, {"Retry-After: 3600"}, "the last answer"));
         });
-    Responses responses;
+    const Responses responses;
     std::optional<CHttpInterface> http(std::in_place, false, "");
+    http->SetTimeout(60);
     const IHttpInterface::OpHandle handle = Get(*http, server.Url("/"), responses);
     Get(*http, server.Url("/done"), responses); // its handle goes, it does not
     ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 2; }));
     handle->Cancel();
     http.reset(); // touches no request
-    EXPECT_TRUE(responses.Get().empty());
+    EXPECT_TRUE(responses->Get().empty());
     answer.Set(true);
     ASSERT_TRUE(Come(responses, 2));
-    EXPECT_EQ(responses.Get().front().body, "the last answer");
+    EXPECT_EQ(responses->Get().front().body, "the last answer");
     EXPECT_EQ(server.Requests().Get().size(), 2u);
     EXPECT_TRUE(AllThreadsEnd());
 }
@@ -455,7 +480,7 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
 {
     auto log = std::make_unique<LogCapture>("3");
     HoldingServer server;
-    Responses responses;
+    const Responses responses;
     const std::size_t host = server.Url("").size();
     CHttpInterface http(false, "");
     http.SetTimeout(60);
@@ -474,17 +499,17 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
         Get(http, server.Url(target), responses);
     }
     ASSERT_TRUE(server.HasBeenAsked(5));
-    EXPECT_EQ(RequestThreads(), 4u);
+    EXPECT_TRUE(ThreadsBecome(4));
     server.LetGo(4); // the request that came fourth
     ASSERT_TRUE(server.HasBeenAsked(6));
-    EXPECT_EQ(RequestThreads(), 4u);
+    EXPECT_TRUE(ThreadsBecome(4));
     ASSERT_TRUE(Come(responses, 2));
-    responses.Set({});
+    responses->Set({});
 
     http.DiscardRequests();
     ASSERT_TRUE(Come(responses, 2)) << "those that waited for their retry";
     EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre("/retry1", "/retry2"));
-    responses.Set({});
+    responses->Set({});
     server.LetGo(1000);
     EXPECT_TRUE(AllThreadsEnd());
     EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre(testing::StartsWith("/hold"), "/hold3"))
@@ -498,8 +523,8 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
     Get(proxied, server.Url("/"), responses);
     ASSERT_TRUE(again.WaitFor("Failed to connect to the proxy, retrying connection after: 5"));
     proxied.DiscardRequests();
-    ASSERT_TRUE(responses.WaitUntil([](const auto& all) { return all.size() == 4; }, 4s));
-    EXPECT_EQ(responses.Get().back().curlStatus, 7);
+    ASSERT_TRUE(responses->WaitUntil([](const auto& all) { return all.size() == 4; }, 4s));
+    EXPECT_EQ(responses->Get().back().curlStatus, 7);
     EXPECT_TRUE(AllThreadsEnd());
 }
 
@@ -517,7 +542,7 @@ TEST(CHttpInterface, ARetryWaitsForItsTurnAndItsRequesterKnowsOfItsWait)
             exchange.Send(exchange.Number() == 0 ? HttpServer::Answer(503, {"Retry-After: 1"})
                                                  : HttpServer::Answer(200));
         });
-    Responses responses;
+    const Responses responses;
     Watched<std::string> waits;
     CHttpInterface http(false, "");
     http.SetMaxRunningRequests(1);
@@ -534,28 +559,65 @@ TEST(CHttpInterface, ARetryWaitsForItsTurnAndItsRequesterKnowsOfItsWait)
     ASSERT_TRUE(Come(responses, 3)) << log.Text();
     EXPECT_THAT(UrlsOf(responses, server.Url("").size()), testing::ElementsAre("/hold", "/retry", "/last"));
 
-    // A discard ends that wait too, and then it is not retried.
+    // One that is cancelled needs no turn, and a discard ends the wait for one: neither is retried.
     mayGo.Set(false);
-    responses.Set({});
+    responses->Set({});
     waits.Set("");
-    HttpServer busy([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(503, {"Retry-After: 1"})); });
-    Get(http, busy.Url("/"), responses);
+    HttpServer busy(
+        [](HttpServer::Exchange& exchange)
+        { exchange.Send(HttpServer::Answer(503, {"Retry-After: " + exchange.Asked().m_target.substr(1)})); });
+    const IHttpInterface::OpHandle cancelled = Get(http, busy.Url("/3600"), responses);
+    ASSERT_TRUE(waits.WaitFor("begins "));
+    Get(http, server.Url("/hold"), responses);
+    cancelled->Cancel();
+    ASSERT_TRUE(Come(responses, 1));
+    mayGo.Set(true);
+    ASSERT_TRUE(Come(responses, 2));
+
+    mayGo.Set(false);
+    waits.Set("");
+    Get(http, busy.Url("/1"), responses);
     ASSERT_TRUE(waits.WaitFor("begins "));
     Get(http, server.Url("/hold"), responses);
     ASSERT_TRUE(waits.WaitFor("begins ends "));
     http.DiscardRequests();
-    ASSERT_TRUE(Come(responses, 1));
-    EXPECT_EQ(responses.Get().front().status, 503);
+    ASSERT_TRUE(Come(responses, 3));
+    EXPECT_EQ(responses->Get().front().status + responses->Get().back().status, 2 * 503);
     mayGo.Set(true);
     EXPECT_TRUE(AllThreadsEnd());
-    EXPECT_EQ(busy.Requests().Get().size(), 1U);
+    EXPECT_EQ(busy.Requests().Get().size(), 2U);
+}
+
+/// One whose exchanges come to nothing that it could return.
+class ThrowingFetcher final : public Http::SimpleURLFetcher
+{
+public:
+    using SimpleURLFetcher::SimpleURLFetcher;
+    Http::SimpleURLFetcherResult GET(const Http::Headers&) override
+    {
+        throw std::bad_alloc();
+    }
+};
+
+TEST(CHttpInterface, ARequesterIsCalledAlthoughItsExchangeHasThrown)
+{
+    const LogCapture log("1");
+    const Responses responses;
+    CHttpInterface http(false, "");
+    http.InjectFetcher(std::make_shared<ThrowingFetcher>("", ""));
+    Get(http, "http://127.0.0.1/", responses);
+    ASSERT_TRUE(Come(responses, 1));
+    EXPECT_FALSE(responses->Get().front().success);
+    EXPECT_NE(responses->Get().front().curlStatus, 0);
+    EXPECT_TRUE(log.Contains("std::bad_alloc")) << log.Text();
+    EXPECT_TRUE(AllThreadsEnd());
 }
 
 TEST(CHttpInterface, WithoutALimitAllRunAtOnceAndTheLogSaysSo)
 {
     LogCapture log("2");
     HoldingServer server;
-    Responses responses;
+    const Responses responses;
     CHttpInterface http(false, "");
     for (int i = 0; i < 22; ++i)
     {

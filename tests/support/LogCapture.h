@@ -35,7 +35,7 @@ public:
     std::size_t Count(DPrint::Level level) const;
     bool Contains(const std::string& part) const; ///< in the text of some line
     /// Until a line with `part` has come (true) or `limit` is over (false).
-    bool WaitFor(const std::string& part, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    bool WaitFor(const std::string& part, std::chrono::milliseconds limit = std::chrono::seconds(60)) const;
     std::string Text() const; ///< all lines, to be shown when an expectation fails
     void Clear();
 

@@ -41,15 +41,18 @@ public:
         return m_value;
     }
 
+    /// Longer than the slowest machine takes; only a test that fails waits so long.
+    static constexpr std::chrono::seconds kPatience{60};
+
     /// Whether `condition` came to hold before `limit` was over.
     template <class Condition>
-    bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) const
+    bool WaitUntil(Condition condition, std::chrono::milliseconds limit = kPatience) const
     {
         std::unique_lock lock(m_mutex);
         return m_changed.wait_for(lock, limit, [&] { return condition(std::as_const(m_value)); });
     }
 
-    bool WaitFor(const T& value, std::chrono::milliseconds limit = std::chrono::seconds(10)) const
+    bool WaitFor(const T& value, std::chrono::milliseconds limit = kPatience) const
     {
         return WaitUntil([&value](const T& current) { return current == value; }, limit);
     }
