@@ -56,12 +56,15 @@ def _measure(options, say, seconds, what, crowd=0, others=0):
             os.kill(gateway, signal.SIGCONT)
             time.sleep(5)
         caused = _switches(world, seconds / 2)
-    wakeups = sum(voluntary for voluntary, _ in caused.values()) / (seconds / 2) * 60
+    wakeups = sum(voluntary for thread, (voluntary, _) in caused.items() if not _is_ssdp(thread)) / (seconds / 2) * 60
     say(f"idle, {what}: of its own " + (_told(own) if not others else "not looked at")
         + f" in {seconds} s; with the gateway {_told(caused)} in {seconds / 2:g} s")
-    ssdp = {thread: own.pop(thread) for thread in list(own) if thread[0].startswith(_SSDP)}
-    return (sum(voluntary + involuntary for voluntary, involuntary in own.values()),
-            sum(voluntary for voluntary, _ in ssdp.values()), wakeups)
+    return (sum(sum(counts) for thread, counts in own.items() if not _is_ssdp(thread)),
+            sum(voluntary for thread, (voluntary, _) in own.items() if _is_ssdp(thread)), wakeups)
+
+
+def _is_ssdp(thread):
+    return thread[0].startswith(_SSDP)
 
 
 def _switches(world, seconds):
