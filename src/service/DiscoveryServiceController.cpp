@@ -1,6 +1,8 @@
 #include "DiscoveryServiceController.h"
 
 #include "DPrint.h"
+#include "DebugCommandTable.h"
+#include "DebugCommands.h"
 #include "DiscoveryServiceAggregator.h"
 #include "DiscoveryServiceIPCServerIF.h"
 #include "DiscoveryServicePorticoClient.h"
@@ -25,6 +27,7 @@ const DPrint s_log("DiscoveryServiceController");
 
 DiscoveryServiceController::DiscoveryServiceController()
     : m_task(IL::CreateTask("DiscoveryServiceControllerTask", ""))
+    , m_cliClient(m_task)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "DiscoveryServiceController");
     m_mdnsProtocol = MdnsDiscoveryProtocol::Create();
@@ -50,6 +53,7 @@ void DiscoveryServiceController::Initialize()
     {
         m_ipcServer->Initialize();
     }
+    InitializeCLI();
 }
 
 void DiscoveryServiceController::CreateGatewayClient(const std::shared_ptr<DiscoveryServiceControllerIF>& self)
@@ -61,6 +65,25 @@ void DiscoveryServiceController::CreateGatewayClient(const std::shared_ptr<Disco
         "SonarixService", "localhost", 8084, "tarsier", "", nullptr, std::nullopt, Portico::CommonClientCreationInfo());
     m_porticoClient =
         DiscoveryServicePorticoClient::Create(m_task, self, portico, DiscoveryServiceAggregator::Create(m_task, self));
+}
+
+void DiscoveryServiceController::InitializeCLI()
+{
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "InitializeCLI");
+    for (const DebugCommand& command : DebugCommandTable())
+    {
+        m_cliClient.RegisterCliCmd(command.key, command.command, command.help, command.usage);
+    }
+    // The commands hold what they work on; the controller, which holds the commands, they do not.
+    const auto primaryInterface = [weak = weak_from_this()]
+    {
+        const auto self = std::static_pointer_cast<DiscoveryServiceController>(weak.lock());
+        return self ? self->GetPrimaryInterfaceName() : std::string();
+    };
+    const auto commands = std::make_shared<DebugCommands>(DebugCommands::Surroundings{
+        m_task, m_ssdpProtocol, m_mdnsProtocol, m_porticoClient, m_ipcServer, primaryInterface});
+    m_cliClient.Initialize([commands](int cmdKey, const std::list<std::string>& arguments)
+                           { return commands->HandleCliCmd(cmdKey, arguments); });
 }
 
 void DiscoveryServiceController::JoinTasks()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DiscoveryServiceCliClient.h"
 #include "DiscoveryServiceControllerIF.h"
 #include "NetManager.pb.h"
 #include "ThreadMutex.h"
@@ -16,8 +17,8 @@ class DiscoveryServiceIPCServerIF;
 class DiscoveryServicePorticoClientIF;
 
 /// Owns the system: the main task, the discovery sources, the gateway client with the aggregator behind it, the
-/// local socket server. The one place where the network's state turns into discovery running or standing still.
-/// Task: constructor, Initialize() and JoinTasks() on the main thread, everything else on its own task.
+/// local socket server, the debug commands. The one place where the network's state turns into discovery running or
+/// standing still. Task: constructor, Initialize() and JoinTasks() on the main thread, everything else on its own task.
 /// Owner: the entry point, in a shared pointer. The objects that it makes hold it strongly, so that releasing that
 /// pointer ends nothing: the process is ended from outside.
 /// Never waits for the network, and never looks at what the objects that it drives return.
@@ -48,6 +49,7 @@ public:
 
 private:
     void CreateGatewayClient(const std::shared_ptr<DiscoveryServiceControllerIF>& self);
+    void InitializeCLI();
     void StartSonarix();
     void StopSonarix();
     void OnNetworkUp(const std::string& interfaceName);
@@ -55,6 +57,7 @@ private:
     void Shutdown();
 
     NotifyTargetTaskIF* m_task;
+    DiscoveryServiceCliClient m_cliClient;
     std::shared_ptr<DiscoveryServicePorticoClientIF> m_porticoClient;
     std::shared_ptr<DiscoveryServiceIPCServerIF> m_ipcServer; ///< may be empty
     std::shared_ptr<SsdpDiscoveryProtocolIF> m_ssdpProtocol;  ///< may be empty

@@ -165,6 +165,7 @@ public:
         return true;
     }
 
+    SonarixPb::Service lastService; ///< added, updated or removed
     std::vector<SonarixPb::DeviceInfo> announcements;
     std::optional<Sonarix::ProductList> answerAtOnce; ///< lists are answered at once, with this
     bool isAccepting = true;                          ///< what additions and updates of records give
@@ -179,6 +180,7 @@ private:
             line += ' ' + record.value();
         }
         calls->push_back(line);
+        lastService = service;
     }
 
     CallbackRegistry<> m_restartRegistry;

@@ -1,16 +1,7 @@
-#include "DiscoveryServiceController.h"
-
-#include "DiscoveryServiceAggregator.h"
-#include "DiscoveryServiceIPCServerIF.h"
-#include "DiscoveryServicePorticoClient.h"
-#include "FakeAggregator.h"
-#include "FakeDiscovery.h"
+#include "ControllerFixture.h"
 #include "FakeGSSDPHandler.h"
-#include "FakePortico.h"
-#include "MdnsDiscoveryProtocol.h"
 #include "OptionalParts.h"
 #include "ProtoToMarkup.h"
-#include "Simulation.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,40 +18,6 @@ using testing::IsEmpty;
 namespace
 {
 
-FakeCalls* s_calls = nullptr; ///< of the test that runs; factories are plain functions
-
-std::shared_ptr<FakeCalls> SharedCalls()
-{
-    return {s_calls, [](FakeCalls*) {}};
-}
-
-/// Gateway client or local socket server: only its beginning and its end matter here.
-template <class Base, class... Sent>
-class FakePart final : public Base
-{
-public:
-    explicit FakePart(std::string name)
-        : m_name(std::move(name))
-    {
-    }
-    void Initialize() override
-    {
-        s_calls->push_back(m_name + " Initialize");
-    }
-    void Shutdown() override
-    {
-        s_calls->push_back(m_name + " Shutdown");
-    }
-    void SendSonarixNotification(Sent... /*sent*/) override {}
-
-private:
-    const std::string m_name;
-};
-
-using FakeGatewayClient = FakePart<DiscoveryServicePorticoClientIF, const Sonarix::Product&>;
-using FakeIPCServer =
-    FakePart<DiscoveryServiceIPCServerIF, SonarixPb::DeviceState, const std::shared_ptr<SonarixPb::DeviceInfo>&>;
-
 NetManager::Protobuf::NetworkStatus Status(const std::string& json)
 {
     NetManager::Protobuf::NetworkStatus status;
@@ -75,38 +32,9 @@ const NetManager::Protobuf::NetworkStatus kUpWireless =
 const NetManager::Protobuf::NetworkStatus kDown =
     Status(R"({"isPrimaryUp":false,"primary":"WIRED_ETH","interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})");
 
-/// The controller with everything that it owns faked, in the order in which they were called.
-class DiscoveryServiceControllerTest : public testing::Test
+class DiscoveryServiceControllerTest : public ControllerFixture
 {
 protected:
-    DiscoveryServiceControllerTest()
-    {
-        s_calls = &m_calls;
-        MdnsDiscoveryProtocol::SetFactoryOverride(
-            []() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
-            { return std::make_shared<FakeMdnsDiscoveryProtocol>(SharedCalls()); });
-        OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
-                                              { return std::make_shared<FakeSsdpDiscoveryProtocol>(SharedCalls()); });
-        OptionalParts::SetIPCServerFactoryOverride([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
-                                                   { return std::make_shared<FakeIPCServer>("ipc"); });
-        DiscoveryServiceAggregator::SetFactoryOverride(
-            [](NotifyTargetTaskIF*, const auto&) -> std::shared_ptr<DiscoveryServiceAggregatorIF>
-            { return std::make_shared<FakeAggregator>(); });
-        DiscoveryServicePorticoClient::SetFactoryOverride(
-            [](NotifyTargetTaskIF*, const auto&, const auto&,
-               const auto&) -> std::shared_ptr<DiscoveryServicePorticoClientIF>
-            { return std::make_shared<FakeGatewayClient>("gateway"); });
-        m_controller = std::make_shared<DiscoveryServiceController>();
-    }
-    ~DiscoveryServiceControllerTest() override
-    {
-        MdnsDiscoveryProtocol::SetFactoryOverride(nullptr);
-        OptionalParts::SetSsdpFactoryOverride(nullptr);
-        OptionalParts::SetIPCServerFactoryOverride(nullptr);
-        DiscoveryServiceAggregator::SetFactoryOverride(nullptr);
-        DiscoveryServicePorticoClient::SetFactoryOverride(nullptr);
-    }
-
     /// What `status` set going.
     std::vector<std::string> Effect(const NetManager::Protobuf::NetworkStatus& status)
     {
@@ -114,11 +42,6 @@ protected:
         m_controller->SetNetworkStatus(status);
         return m_calls;
     }
-
-    FakeCalls m_calls;
-    IL::Simulation m_simulation{1};
-    FakePortico m_portico;
-    std::shared_ptr<DiscoveryServiceController> m_controller;
 };
 
 } // namespace
@@ -179,8 +102,8 @@ TEST_F(DiscoveryServiceControllerTest, SsdpRunsFromEdgeToEdgeAndEndsBetweenMdnsA
     s_kept = m_controller->GetSsdpDiscoveryProtocol();
     ASSERT_NE(s_kept, nullptr);
     s_kept->RegisterProductStateCallback(
-        [](const Sonarix::Product& product)
-        { s_calls->push_back("ssdp reports " + SXCommon::ProductState_Name(product.state())); });
+        [this](const Sonarix::Product& product)
+        { m_calls.push_back("ssdp reports " + SXCommon::ProductState_Name(product.state())); });
     m_controller->Initialize();
     m_calls.clear();
     m_simulation.RunFor(std::chrono::hours(1));

@@ -54,6 +54,7 @@ TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
             setenv("SONARIX_MFG_DATA", "/nonexistent/mfg.json", 1);
             setenv("SONARIX_PRODUCT_CONFIG", "/nonexistent/config.json", 1);
             setenv("SONARIX_ETC_DIR", "/nonexistent/", 1);
+            setenv("SONARIX_RUN_DIR", "/nonexistent", 1);
             MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
                                                       { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
             OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF> { return nullptr; });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FakeConsole.h"
 #include "FakeMdns.h"
 #include "FakePortico.h"
 #include "Model.h"
@@ -151,6 +152,7 @@ private:
     const TempDirectory m_directory;
     const Milliseconds m_checkPeriod;
     FakePortico m_portico;
+    FakeConsole m_console;
     Model m_model;
     std::shared_ptr<FakeSsdpDiscoveryProtocol> m_ssdp;
     std::shared_ptr<SonarixService::DiscoveryServiceController> m_controller;

@@ -1,0 +1,83 @@
+#include "DiscoveryServiceCliClient.h"
+
+#include "DPrint.h"
+
+#include <memory>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("DiscoveryServiceCliClient");
+
+/// In lower case and without blanks.
+std::string Normalised(const std::string& command)
+{
+    std::string normalised;
+    for (const char letter : command)
+    {
+        if (letter != ' ' && (letter < '\t' || letter > '\r'))
+        {
+            normalised += letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+        }
+    }
+    return normalised;
+}
+
+} // namespace
+
+DiscoveryServiceCliClient::DiscoveryServiceCliClient(NotifyTargetTaskIF* task)
+    : m_task(task)
+    , m_cliClient("sonarix")
+{
+}
+
+bool DiscoveryServiceCliClient::RegisterCliCmd(int cmdKey, const std::string& command, const std::string& help,
+                                               const std::string& usage)
+{
+    DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "RegisterCliCmd cmdKey:%d cmd:\"%s\"", cmdKey, command.c_str());
+    if (!m_commands.emplace(Normalised(command), cmdKey).second)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_ERROR, "Command \"%s\" already exists!", command.c_str());
+        return false;
+    }
+    m_descriptors.push_back(std::make_shared<CLIClient::CLICmdDescriptor>(command, help, usage));
+    return true;
+}
+
+void DiscoveryServiceCliClient::Initialize(const Handler& handler)
+{
+    m_handler = handler;
+    m_cliClient.Initialize(m_task, m_descriptors,
+                           [this](const std::string& command, const std::list<std::string>& arguments,
+                                  std::string& response) { return HandleCliCmd(command, arguments, response); });
+    m_descriptors.clear();
+}
+
+bool DiscoveryServiceCliClient::HandleCliCmd(const std::string& command, const std::list<std::string>& arguments,
+                                             std::string& response)
+{
+    DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "HandleCliCmd cmd:\"%s\"", command.c_str());
+    const auto found = m_commands.find(Normalised(command));
+    if (found == m_commands.end())
+    {
+        DPRINTF(s_log, DPrint::LEVEL_ERROR, "Unsupported command: \"%s\"", command.c_str());
+        return false;
+    }
+    if (!m_handler)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_ERROR, "Missing cli handler for sonarix %s", command.c_str());
+        return false;
+    }
+    response = m_handler(found->second, arguments);
+    return true;
+}
+
+void DiscoveryServiceCliClient::SendAsyncResponse(const std::string& text)
+{
+    m_cliClient.SendAsyncResponse(text);
+}
+
+} // namespace SonarixService

@@ -1,0 +1,106 @@
+#pragma once
+
+#include "DiscoveryServiceAggregator.h"
+#include "DiscoveryServiceController.h"
+#include "DiscoveryServiceIPCServerIF.h"
+#include "DiscoveryServicePorticoClient.h"
+#include "FakeAggregator.h"
+#include "FakeConsole.h"
+#include "FakeDiscovery.h"
+#include "FakePortico.h"
+#include "MdnsDiscoveryProtocol.h"
+#include "OptionalParts.h"
+#include "Simulation.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+/// The controller with everything that it owns faked, in the order in which they were called.
+class ControllerFixture : public testing::Test
+{
+protected:
+    ControllerFixture()
+    {
+        using namespace SonarixService;
+        s_fixture = this;
+        MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
+                                                  { return s_fixture->m_mdns; });
+        OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
+                                              { return s_fixture->m_ssdp; });
+        OptionalParts::SetIPCServerFactoryOverride([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
+                                                   { return std::make_shared<FakeIPCServer>(); });
+        DiscoveryServiceAggregator::SetFactoryOverride(
+            [](NotifyTargetTaskIF*, const auto&) -> std::shared_ptr<DiscoveryServiceAggregatorIF>
+            { return std::make_shared<FakeAggregator>(); });
+        DiscoveryServicePorticoClient::SetFactoryOverride(
+            [](NotifyTargetTaskIF*, const auto&, const auto&,
+               const auto&) -> std::shared_ptr<DiscoveryServicePorticoClientIF>
+            { return std::make_shared<FakeGatewayClient>(); });
+        m_controller = std::make_shared<DiscoveryServiceController>();
+    }
+    ~ControllerFixture() override
+    {
+        using namespace SonarixService;
+        MdnsDiscoveryProtocol::SetFactoryOverride(nullptr);
+        OptionalParts::SetSsdpFactoryOverride(nullptr);
+        OptionalParts::SetIPCServerFactoryOverride(nullptr);
+        DiscoveryServiceAggregator::SetFactoryOverride(nullptr);
+        DiscoveryServicePorticoClient::SetFactoryOverride(nullptr);
+    }
+
+    std::shared_ptr<FakeCalls> SharedCalls()
+    {
+        return {&m_calls, [](FakeCalls*) {}};
+    }
+
+    FakeCalls m_calls;
+    IL::Simulation m_simulation{1};
+    FakePortico m_portico;
+    FakeConsole m_console;
+    const std::shared_ptr<FakeMdnsDiscoveryProtocol> m_mdns =
+        std::make_shared<FakeMdnsDiscoveryProtocol>(SharedCalls());
+    const std::shared_ptr<FakeSsdpDiscoveryProtocol> m_ssdp =
+        std::make_shared<FakeSsdpDiscoveryProtocol>(SharedCalls());
+    std::shared_ptr<SonarixService::DiscoveryServiceController> m_controller;
+
+private:
+    class FakeGatewayClient final : public SonarixService::DiscoveryServicePorticoClientIF
+    {
+    public:
+        void Initialize() override
+        {
+            s_fixture->m_calls.push_back("gateway Initialize");
+        }
+        void Shutdown() override
+        {
+            s_fixture->m_calls.push_back("gateway Shutdown");
+        }
+        void SendSonarixNotification(const Sonarix::Product& product) override
+        {
+            s_fixture->m_calls.push_back("gateway " + SXCommon::ProductState_Name(product.state()) + ' ' +
+                                         product.productinfo().guid());
+        }
+    };
+
+    class FakeIPCServer final : public SonarixService::DiscoveryServiceIPCServerIF
+    {
+    public:
+        void Initialize() override
+        {
+            s_fixture->m_calls.push_back("ipc Initialize");
+        }
+        void Shutdown() override
+        {
+            s_fixture->m_calls.push_back("ipc Shutdown");
+        }
+        void SendSonarixNotification(SonarixPb::DeviceState state,
+                                     const std::shared_ptr<SonarixPb::DeviceInfo>& device) override
+        {
+            s_fixture->m_calls.push_back("ipc " + SonarixPb::DeviceState_Name(state) + ' ' + device->guid());
+        }
+    };
+
+    static inline ControllerFixture* s_fixture = nullptr; ///< factories are plain functions
+};
