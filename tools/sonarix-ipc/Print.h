@@ -13,6 +13,3 @@ std::string ChangeText(const DeviceChange& change);
 
 /// {"change": "appeared", "device": {…}}, "changed" with what was "before", or "gone"; on one line.
 std::string ChangeJson(const DeviceChange& change);
-
-/// Text from the LAN without what a terminal would obey.
-std::string Printable(const std::string& text);

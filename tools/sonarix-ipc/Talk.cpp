@@ -1,6 +1,7 @@
 #include "Talk.h"
 
 #include "Print.h"
+#include "Printable.h"
 #include "SonarixPb.pb.h"
 
 #include <nlohmann/json.hpp>

@@ -1,0 +1,241 @@
+#!/usr/bin/python3
+"""sonarix-console against a service that says what a test wants, from a terminal, a pipe and a command line.
+Usage: ConsoleProgramTest.py BIN_DIR
+"""
+import contextlib
+import json
+import os
+import queue
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../support"))
+
+from terminal import SECONDS, Terminal  # noqa: E402
+
+BIN_DIR = sys.argv.pop(1) if len(sys.argv) > 1 else "build/release/bin"
+PROGRAM = os.path.join(BIN_DIR, "sonarix-console")
+COMMANDS = [{"command": "lamp on", "help": "Lights it", "usage": "lamp on [room= colour=red)]"},
+            {"command": "lamp off", "help": "Puts it out", "usage": "lamp off"},
+            {"command": "list", "help": "Lists them", "usage": "list"}]
+
+
+class Service:
+    """Echoes commands; "wrong" is an error, "silent" gets no answer, "gone" ends the connection."""
+
+    def __init__(self, folder):
+        self.path = os.path.join(folder, "console")
+        self.asked = queue.Queue()
+        self.peers = []
+        self.listener = None
+        self.open()
+
+    def open(self):
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(self.path)
+        self.listener.listen()
+        threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
+
+    def close(self):
+        os.unlink(self.path)
+        for one in [self.listener, *self.peers]:
+            with contextlib.suppress(OSError):
+                one.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+
+    def say(self, line):
+        for peer in self.peers:
+            with contextlib.suppress(OSError):  # one who has gone
+                peer.sendall((line if isinstance(line, bytes) else json.dumps(line).encode()) + b"\n")
+
+    def _accept(self, listener):
+        with contextlib.suppress(OSError):  # closed
+            while True:
+                peer = listener.accept()[0]
+                self.peers = [one for one in self.peers if one.fileno() >= 0] + [peer]
+                threading.Thread(target=self._serve, args=(peer,), daemon=True).start()
+
+    def _serve(self, peer):
+        with peer, peer.makefile("rb") as lines:
+            for line in lines:
+                request = json.loads(line)
+                self.asked.put(request)
+                if "help" in request:
+                    words = request["help"].strip()
+                    found = [command for command in COMMANDS if command["command"].startswith(words)]
+                    self.say({"ok": True, "response": "", "commands": found})
+                elif request["command"] == "gone":
+                    return
+                elif request["command"] != "silent":
+                    self.say({"ok": request["command"] != "wrong", "response": "said " + request["command"]})
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="sonarix-console-")
+        self.addCleanup(folder.cleanup)
+        self.environment = {"SONARIX_RUN_DIR": folder.name, "HOME": folder.name}
+        self.service = Service(folder.name)
+
+    def run_program(self, *arguments, text="", **options):
+        return subprocess.run([PROGRAM, *arguments], input=text, capture_output=True, text=True, timeout=SECONDS,
+                              env={**os.environ, **self.environment}, check=False, **options)
+
+    def terminal(self, columns=80):
+        terminal = Terminal([PROGRAM], self.environment, columns)
+        self.addCleanup(terminal.close)
+        terminal.wait(lambda lines: lines[-1] == ">")
+        return terminal
+
+
+class CommandLine(Case):
+    def test_one_command(self):
+        for words, asked in ((["lamp on"], "lamp on"), (["lamp", "on"], "lamp on"),
+                             (["lamp", "name=Living Room", 'a"b\\'], 'lamp "name=Living Room" "a\\"b\\\\"')):
+            result = self.run_program(*words)
+            self.assertEqual((result.returncode, result.stdout, result.stderr), (0, f"said {asked}\n", ""))
+        result = self.run_program("wrong")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (1, "", "said wrong\n"))
+        result = self.run_program("--json", "wrong")
+        self.assertEqual((result.returncode, json.loads(result.stdout)), (1, {"ok": False, "response": "said wrong"}))
+        result = self.run_program("gone")
+        self.assertEqual((result.returncode, result.stdout), (3, ""))
+        self.assertIn("went before it answered", result.stderr)
+
+    def test_statuses_and_texts_without_a_service(self):
+        self.service.close()
+        result = self.run_program("list")
+        self.assertEqual((result.returncode, result.stdout), (3, ""))
+        self.assertIn(f"no service at {self.service.path}", result.stderr)
+        self.assertEqual(self.run_program("--jsn").returncode, 2)
+        self.assertRegex(self.run_program("--version").stdout, r"^sonarix-console \d")
+        usage = self.run_program("--help").stdout
+        for line in usage.splitlines():  # an example of each command
+            if line.startswith("  sonarix "):
+                self.assertIn(" ".join(line.split()[:3]), usage.partition("Examples:")[2])
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            self.assertEqual(subprocess.run([PROGRAM, "--help"], stdout=full, stderr=subprocess.DEVNULL,
+                                            check=False).returncode, 1)
+
+    def test_commands_of_a_pipe(self):
+        result = self.run_program(text="# first\n\n  list  \nwrong\nlamp off")
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (1, "said list\nsaid lamp off\n", "said wrong\n"))
+        result = self.run_program(text="list\ngone\nlist\n")
+        self.assertEqual((result.returncode, result.stdout), (3, "said list\n"))
+        result = self.run_program(text="help lamp\nhelp list\nhelp tea\n")
+        self.assertEqual(result.stdout, "lamp on   Lights it\nlamp off  Puts it out\n"
+                                        "list: Lists them\nUsage: list\nno command begins so\n")
+
+    def test_hostile_texts_do_not_reach_the_terminal(self):
+        process = subprocess.Popen([PROGRAM, "silent"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                   env={**os.environ, **self.environment})
+        self.service.asked.get(timeout=SECONDS)
+        for line in (b"\xff\xfe", b"[]", b"{}", b"x" * 1_000_000, {"ok": 1, "response": "no"}, {"async": "\033[2Jby itself"}):
+            self.service.say(line)
+        self.service.say({"ok": True, "response": "a\033]0;x\007b\u009bc\ttext"})
+        out, err = process.communicate(timeout=SECONDS)
+        self.assertEqual((process.returncode, out, err), (0, b"a?]0;x?b?c?text\n", b"?[2Jby itself\n"))
+
+
+class AtATerminal(Case):
+    def test_answers_history_and_the_end(self):
+        terminal = self.terminal()
+        self.assertEqual(terminal.lines()[0], '"help" lists the commands, Tab completes them, Ctrl-D ends.')
+        terminal.type("list")
+        terminal.wait_for("> list", "said list", ">")
+        terminal.type("wrong")
+        terminal.wait_for("> wrong", "said wrong", ">")
+        terminal.type("abandoned", None)
+        terminal.wait_for("> abandoned")
+        terminal.type("", "ctrl-c")
+        terminal.wait_for("> abandoned^C", ">")
+        terminal.type("", "up")
+        terminal.type("", "up")
+        terminal.wait_for("> list")
+        terminal.type("")
+        terminal.wait_for("> list", "said list", ">")
+        terminal.type("silent")
+        self.wait_asked("silent")
+        terminal.type("", "ctrl-c")
+        terminal.wait(lambda lines: lines[-2:] == ["sonarix-console: not waiting for the answer any more", ">"])
+        terminal.type("K\u00fcche")
+        terminal.wait_for("> K\u00fcche", "said K\u00fcche", ">")
+        terminal.type("", "ctrl-d")
+        self.assertEqual(terminal.end(), 0)
+
+        later = self.terminal()
+        later.type("li", "ctrl-r")
+        later.type("st", None)
+        later.wait_for("> list", "bck:st")
+        later.type("", "ctrl-c")
+        later.type("quit")
+        self.assertEqual(later.end(), 0)
+        self.assertEqual(os.stat(self.environment["HOME"] + "/.sonarix_console_history").st_mode & 0o777, 0o600)
+
+    def wait_asked(self, command):
+        while self.service.asked.get(timeout=SECONDS) != {"command": command}:
+            pass
+
+    def test_completion(self):
+        terminal = self.terminal()
+        terminal.type("LA", "tab")
+        terminal.type("", "tab")
+        terminal.wait_for("> LAmp o")
+        terminal.type("", "tab")
+        terminal.wait_for("off  on", "> LAmp o")
+        terminal.type("n", "tab")
+        terminal.type("", "tab")
+        terminal.wait_for("colour=  room=", "> LAmp on")
+        terminal.type("r", "tab")
+        terminal.wait_for("> LAmp on room=")
+        terminal.type("x ", "tab")
+        terminal.wait_for("> LAmp on room=x colour=")
+        terminal.type("", "ctrl-c")
+        terminal.type("hel", "tab")
+        terminal.type("li", "tab")
+        terminal.wait_for("> help list")
+        terminal.type("")
+        terminal.wait_for("list: Lists them", "Usage: list", ">")
+
+    def test_what_comes_by_itself_spoils_no_line(self):
+        terminal = self.terminal(columns=40)
+        terminal.type("short", None)
+        terminal.wait_for("> short")
+        self.service.say({"async": "first\nsecond"})
+        terminal.wait_for("first", "second", "> short")
+        typed = "long " * 18
+        terminal.type(typed, None)
+        whole = ["> short" + typed[:33], typed[33:73], typed[73:].rstrip()]
+        terminal.wait_for(*whole)
+        self.service.say({"async": "third"})
+        terminal.wait_for("second", "third", *whole)
+        terminal.type("", "ctrl-a")
+        self.service.say({"async": "fourth"})
+        terminal.wait_for("third", "fourth", *whole)
+        terminal.type("very ", None)
+        terminal.wait(lambda lines: lines[-3].startswith("> very short"))
+        terminal.type("")
+        self.wait_asked("very short" + typed.rstrip())
+        terminal.wait(lambda lines: lines[-1] == ">")
+        os.kill(terminal.process.pid, signal.SIGTERM)
+        self.assertEqual(terminal.end(), 0)
+
+    def test_service_that_goes_and_returns(self):
+        terminal = self.terminal()
+        self.service.close()
+        terminal.wait_for("sonarix-console: the service has gone; the next command looks for it again", ">")
+        terminal.type("list")
+        terminal.wait(lambda lines: lines[-1] == ">" and "no service at" in "".join(lines[-4:]))
+        self.service.open()
+        terminal.type("list")
+        terminal.wait_for("> list", "said list", ">")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
