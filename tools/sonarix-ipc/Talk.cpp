@@ -155,8 +155,8 @@ ExitStatus Talk::ReadAdded(const IPCMessageEnvelope& answer)
     const std::string text = "the service does not publish " + record + ": it answers " + ErrorOf(answer);
     return answer.kind() == IPCMessageEnvelope::REJECT
                ? Outcome(EXIT_ERROR_ANSWER, text)
-               : Outcome(EXIT_NOT_YET, text + ", as it does while the network is down, and publishes the record by "
-                                              "itself once the network is up");
+               : Outcome(EXIT_NOT_YET, text + ", as it does while the network is down. It keeps the record, to "
+                                              "publish it once the network is up and the product has announced itself");
 }
 
 ExitStatus Talk::Update()
@@ -187,8 +187,8 @@ ExitStatus Talk::Tell(Identifier id, const google::protobuf::Message& payload, c
         const std::string text = "the service answers " + ErrorOf(*m_earlier) + " to " + what;
         return m_earlier->kind() == IPCMessageEnvelope::REJECT
                    ? Outcome(EXIT_ERROR_ANSWER, text)
-                   : Outcome(EXIT_NOT_YET, text + ": it has no record of that type under that name; or the network "
-                                                  "is down, and it publishes the record by itself once it is up");
+                   : Outcome(EXIT_NOT_YET, text + ": either it has no record of that type under that name, or "
+                                                  "the network is down, and it keeps the record for when it is up");
     }
     std::string error;
     if (!ReadList(*list, error))
