@@ -72,7 +72,7 @@ void HubClient::HandleConnection(bool isConnected)
 void HubClient::Subscribe()
 {
     const AsyncCallback<Sonarix::ProductInfo> onInfo(
-        [this](const Sonarix::ProductInfo& info) { m_advertiser->HandleOwnName(info.friendlyname()); }, m_task);
+        [this](const Sonarix::ProductInfo& info) { m_advertiser->HandleOwnName(NameIn(info)); }, m_task);
     const AsyncCallback<NetManager::Protobuf::NetworkStatus> onStatus(
         [this](const NetManager::Protobuf::NetworkStatus& status)
         { m_advertiser->HandleNetwork(status.isprimaryup()); },
@@ -86,7 +86,7 @@ void HubClient::Subscribe()
 void HubClient::Ask()
 {
     const AsyncCallback<Sonarix::ProductInfo> onInfo(
-        [this](const Sonarix::ProductInfo& info) { m_advertiser->HandleOwnName(info.friendlyname()); }, m_task);
+        [this](const Sonarix::ProductInfo& info) { m_advertiser->HandleOwnName(NameIn(info)); }, m_task);
     const AsyncCallback<NetManager::Protobuf::NetworkStatus> onStatus(
         [this](const NetManager::Protobuf::NetworkStatus& status)
         { m_advertiser->HandleNetwork(status.isprimaryup()); },
@@ -94,6 +94,15 @@ void HubClient::Ask()
     const Callback<Portico::Error> ignored;
     m_client->SendGet<Sonarix::ProductInfo, Portico::Error>(kInfoPath, onInfo, ignored, 1.0);
     m_client->SendGet<NetManager::Protobuf::NetworkStatus, Portico::Error>(kStatusPath, onStatus, ignored, 1.0);
+}
+
+/// Empty where the record lacks what nothing but our post brings: the service has been started anew, and what name it
+/// has is what mDNS remembers.
+std::string HubClient::NameIn(const Sonarix::ProductInfo& info) const
+{
+    const bool isPosted = (m_info.serialnumber().empty() || !info.serialnumber().empty()) &&
+                          (m_info.country().empty() || !info.country().empty());
+    return isPosted ? info.friendlyname() : std::string();
 }
 
 void HubClient::PostDescription()

@@ -9,6 +9,10 @@
 
 class NotifyTargetTaskIF;
 class PorticoClientIF;
+namespace Sonarix
+{
+class ProductInfo;
+}
 
 /// Joins the advertiser to the gateway: hears of the own record and of the network, posts the description.
 /// Task: everything on the task given, Start() from anywhere. Lives as long as the process.
@@ -25,6 +29,7 @@ private:
     void HandleConnection(bool isConnected);
     void Subscribe();
     void Ask();
+    std::string NameIn(const Sonarix::ProductInfo& info) const;
     void PostDescription();
     void HandlePosted(const std::string& errorBody);
 
