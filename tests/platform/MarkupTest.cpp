@@ -8,7 +8,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <initializer_list>
+#include <random>
+#include <string>
 
 using google::protobuf::DescriptorProto;
 using google::protobuf::FieldDescriptorProto;
@@ -60,6 +63,47 @@ TEST(Markup, BothFormsSayTheSame)
             const std::string line = ToJson(*record, true, false, enumsAsNumbers);
             EXPECT_EQ(ordered_json::parse(line), ordered_json::parse(ToJson(*record, false, false, enumsAsNumbers)));
             EXPECT_EQ(line.find('\n'), std::string::npos);
+        }
+    }
+}
+
+/// Of a long list only what has changed is written anew, whatever has come, gone, changed or moved since the last.
+TEST(Markup, ALongListSaysWhatItsElementsSay)
+{
+    std::mt19937 random(1);
+    DescriptorProto list;
+    for (int round = 0; round < 2'000; ++round)
+    {
+        auto& rows = *list.mutable_field();
+        const int at = rows.empty() ? 0 : static_cast<int>(random() % static_cast<std::size_t>(rows.size()));
+        const auto what = random() % 100;
+        if (what < 30 || rows.size() < 12)
+        {
+            rows.Add();
+        }
+        else if (what < 60)
+        {
+            rows.Mutable(at)->set_number(static_cast<int>(random() % 8));
+        }
+        else if (what < 75)
+        {
+            rows.SwapElements(at, rows.size() - 1);
+        }
+        else
+        {
+            rows.DeleteSubrange(at, std::min<int>(static_cast<int>(random() % 12), rows.size() - at));
+        }
+        std::string expected;
+        for (const FieldDescriptorProto& row : rows)
+        {
+            expected += (expected.empty() ? "" : ",") + ToJson(row, true, false, what % 2 == 0);
+        }
+        ASSERT_EQ(ToJson(list, true, false, what % 2 == 0), "{\"field\":[" + expected + "]}") << round;
+        if (what == 0) // halfway through a list, what was written of it is forgotten
+        {
+            DescriptorProto broken = list;
+            broken.mutable_field(broken.field_size() - 1)->set_name("\xff");
+            ASSERT_THROW(ToJson(broken, true, false, false), MarkupError);
         }
     }
 }

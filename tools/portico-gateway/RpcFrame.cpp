@@ -1,7 +1,6 @@
 #include "RpcFrame.h"
 
-#include "JsonBody.h"
-#include "JsonBounds.h"
+#include "JsonText.h"
 
 #include <nlohmann/json.hpp>
 
@@ -183,13 +182,13 @@ Answer Answer::Error(int code, const std::string& message, const std::string& gu
 
 Frame ParseFrame(const std::string& text)
 {
-    if (JsonText::IsTooComplex(text)) // values are written out again, a stack frame a level
+    const JsonText::Frame parts = JsonText::ReadFrame(text);
+    if (parts.verdict == JsonText::Verdict::TOO_COMPLEX) // values may be written out again, a stack frame a level
     {
         return Invalid(PARSE_ERROR, "nested too deep, or too many members");
     }
-    const JsonText::Frame parts = JsonText::TakeBody(text);
     const Json document = Json::parse(parts.envelope, nullptr, /*allow_exceptions=*/false);
-    if (document.is_discarded() || (!parts.body.empty() && !Json::accept(parts.body)))
+    if (document.is_discarded())
     {
         return Invalid(PARSE_ERROR, "no JSON");
     }

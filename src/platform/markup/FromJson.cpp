@@ -1,5 +1,5 @@
 #include "DPrint.h"
-#include "JsonBounds.h"
+#include "JsonText.h"
 #include "ProtoToMarkup.h"
 
 #include <google/protobuf/descriptor.h>
@@ -133,7 +133,7 @@ json ParseObject(const std::string& text)
     {
         throw ProtoToMarkup::MarkupError("no JSON");
     }
-    if (JsonText::IsTooComplex(text))
+    if (JsonText::Check(text) == JsonText::Verdict::TOO_COMPLEX)
     {
         throw ProtoToMarkup::MarkupError("nested too deep, or too many members");
     }

@@ -1,5 +1,6 @@
 #include "ProtoToMarkup.h"
 #include "Utf8.h"
+#include "WrittenRows.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
@@ -86,8 +87,8 @@ std::string Print(const Message& message, bool singleLine, bool allFields, bool 
 }
 
 /// The form that travels, of what our records are made of; anything else is left to protobuf's printer. That one
-/// serializes the record and reads it again along a description of its type, which takes five times as long: a list of
-/// hundreds of products is written at each change of one.
+/// serializes the record and reads it again along a description of its type, which takes five times as long. Of a long
+/// list only what has changed is written anew: one of hundreds of products is written at each change of one.
 /// Recursive: a stack frame for each level of the record.
 class LineWriter
 {
@@ -97,8 +98,23 @@ public:
     {
     }
 
+    void WriteRecord(const Message& message)
+    {
+        m_isOutermost = true;
+        Write(message);
+    }
+
+    /// False: the record holds something that is not written here.
+    bool Take(std::string& json)
+    {
+        json = std::move(m_json);
+        return !m_isForeign;
+    }
+
+private:
     void Write(const Message& message)
     {
+        const bool isOutermost = std::exchange(m_isOutermost, false);
         if (message.GetDescriptor()->well_known_type() != Descriptor::WELLKNOWNTYPE_UNSPECIFIED)
         {
             m_isForeign = true;
@@ -115,20 +131,54 @@ public:
                 m_json += std::exchange(separator, ",\"");
                 m_json += field->name();
                 m_json += "\":";
-                field->is_repeated() ? WriteList(message, *field) : WriteValue(message, *field, -1);
+                if (!field->is_repeated())
+                {
+                    WriteValue(message, *field, -1);
+                }
+                else if (isOutermost && field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE && !field->is_map() &&
+                         message.GetReflection()->FieldSize(message, field) >= WrittenRows::kLongList)
+                {
+                    WriteLongList(message, *field);
+                }
+                else
+                {
+                    WriteList(message, *field);
+                }
             }
         }
         m_json += '}';
     }
 
-    /// False: the record holds something that is not written here.
-    bool Take(std::string& json)
+    void WriteLongList(const Message& message, const FieldDescriptor& field)
     {
-        json = std::move(m_json);
-        return !m_isForeign;
+        thread_local WrittenRows s_rows;
+        const Reflection& from = *message.GetReflection();
+        const int size = from.FieldSize(message, &field);
+        std::string binary;
+        s_rows.Begin(field.message_type(), m_enumsAsNumbers);
+        m_json += '[';
+        for (int index = 0; index < size; ++index)
+        {
+            m_json += index > 0 ? "," : "";
+            const Message& row = from.GetRepeatedMessage(message, &field, index);
+            row.SerializePartialToString(&binary);
+            if (const std::string* const written = s_rows.Find(binary))
+            {
+                m_json += *written;
+                continue;
+            }
+            const std::size_t begin = m_json.size();
+            Write(row);
+            if (m_isForeign) // then none of it is of use
+            {
+                return;
+            }
+            s_rows.Add(binary, m_json.substr(begin));
+        }
+        m_json += ']';
+        s_rows.End();
     }
 
-private:
     void WriteList(const Message& message, const FieldDescriptor& field)
     {
         m_isForeign = m_isForeign || field.is_map();
@@ -258,6 +308,7 @@ private:
     }
 
     const bool m_enumsAsNumbers;
+    bool m_isOutermost = false;
     bool m_isForeign = false;
     std::string m_json;
 };
@@ -273,7 +324,7 @@ std::string ProtoToMarkup::ToJson(const Message& message, bool singleLine, bool 
     if (singleLine && !allFields)
     {
         LineWriter writer(enumsAsNumbers);
-        writer.Write(message);
+        writer.WriteRecord(message);
         if (std::string json; writer.Take(json))
         {
             return json;

@@ -1,7 +1,6 @@
 #include "JsonRpc.h"
 
-#include "JsonBody.h"
-#include "JsonBounds.h"
+#include "JsonText.h"
 
 #include <nlohmann/json.hpp>
 
@@ -97,13 +96,13 @@ namespace Portico::JsonRpc
 
 Frame Parse(const std::string& text)
 {
-    if (JsonText::IsTooComplex(text)) // bodies are written out again, a stack frame a level
+    const JsonText::Frame parts = JsonText::ReadFrame(text);
+    if (parts.verdict == JsonText::Verdict::TOO_COMPLEX) // bodies may be written out again, a stack frame a level
     {
         return Invalid("nested too deep, or too many members");
     }
-    const JsonText::Frame parts = JsonText::TakeBody(text);
     const json document = json::parse(parts.envelope, nullptr, /*allow_exceptions=*/false);
-    if (!document.is_object() || (!parts.body.empty() && !json::accept(parts.body)))
+    if (!document.is_object())
     {
         return Invalid("no JSON object");
     }
@@ -116,9 +115,15 @@ std::string Request(std::uint64_t id, const std::string& method, const std::stri
            "}";
 }
 
-std::string Notification(const std::string& method, const std::string& params)
+std::string Notify(const std::string& path, double version, const std::string& body)
 {
-    return R"({"jsonrpc":"2.0","method":")" + method + R"(","params":)" + params + "}";
+    std::string frame = R"({"jsonrpc":"2.0","method":"notify","params":)" + PathParams(path, version, {});
+    frame.pop_back();
+    frame.reserve(frame.size() + body.size() + 16); // bodies are large, and this is a copy of it already
+    frame += body.empty() ? "" : ",\"body\":";
+    frame += body;
+    frame += "}}";
+    return frame;
 }
 
 std::string Result(const std::string& id, const std::string& result)
@@ -178,7 +183,7 @@ int ErrorCode(const std::string& errorBody)
 
 bool IsJson(const std::string& text)
 {
-    return json::accept(text);
+    return JsonText::Check(text) == JsonText::Verdict::JSON;
 }
 
 } // namespace Portico::JsonRpc

@@ -32,7 +32,7 @@ Frame Parse(const std::string& text);
 
 /// `params` and `result` are JSON text, taken as they are.
 std::string Request(std::uint64_t id, const std::string& method, const std::string& params);
-std::string Notification(const std::string& method, const std::string& params);
+std::string Notify(const std::string& path, double version, const std::string& body);
 std::string Result(const std::string& id, const std::string& result);
 /// `errorBody` has `code`, `subcode`, `message` and `guid`, as a record's JSON form has them.
 std::string Error(const std::string& id, const std::string& errorBody);

@@ -298,7 +298,7 @@ void Session::Notify(const std::string& path, const std::string& body, double ve
     {
         return;
     }
-    std::string frame = JsonRpc::Notification("notify", JsonRpc::PathParams(path, version, body));
+    std::string frame = JsonRpc::Notify(path, version, body);
     if (frame.size() > kMaxFrameBytes)
     {
         DPRINT(s_log, DPrint::LEVEL_ERROR,

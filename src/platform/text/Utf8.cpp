@@ -1,6 +1,7 @@
 #include "Utf8.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace Utf8
 {
@@ -33,8 +34,19 @@ std::size_t SequenceLength(std::string_view text, std::size_t at)
 
 bool IsValid(std::string_view text)
 {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080U;
     for (std::size_t at = 0; at < text.size();)
     {
+        std::uint64_t eight = kHighBits;
+        if (at + sizeof eight <= text.size())
+        {
+            std::memcpy(&eight, text.data() + at, sizeof eight);
+        }
+        if ((eight & kHighBits) == 0) // nearly all of it is ASCII
+        {
+            at += sizeof eight;
+            continue;
+        }
         const std::size_t length = SequenceLength(text, at);
         if (length == 0)
         {

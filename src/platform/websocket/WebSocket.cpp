@@ -43,6 +43,8 @@ const DPrint s_log("WebSocket");
 
 /// A connection at rest keeps no buffer larger than this.
 constexpr std::size_t kRestingBufferBytes = 4096;
+/// What is masked and handed to the kernel at a time, of a message that does not fit into the other.
+constexpr std::size_t kBusyBufferBytes = 65536;
 /// How long a closed connection may take to bring out what is queued and its goodbye.
 constexpr std::chrono::milliseconds kCloseLimit{1000};
 /// Pause in accepting when descriptors or memory have run out.
@@ -568,6 +570,7 @@ void Session::Pump()
     m_inFlight = std::move(m_queue.front());
     m_queue.pop_front();
     m_writing = true;
+    m_ws.write_buffer_bytes(m_inFlight.size() > kRestingBufferBytes ? kBusyBufferBytes : kRestingBufferBytes);
     m_ws.async_write(asio::buffer(m_inFlight),
                      [self = shared_from_this()](const ErrorCode& error, std::size_t) { self->OnWritten(error); });
 }
