@@ -15,9 +15,6 @@ const DPrint s_log("PorticoGateway");
 /// Names and guids come into log lines.
 constexpr std::size_t kMaxNameBytes = 256;
 
-/// May wait for a client with notifications; the rest of the connection's own limit is left to answers.
-constexpr std::size_t kMaxNotifiedBytes = WebSocket::Limits{}.maxQueuedBytes;
-
 } // namespace
 
 ClientConnection::ClientConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection,
@@ -51,7 +48,7 @@ void ClientConnection::Tell(const std::string& frame)
 
 bool ClientConnection::HasRoom(std::size_t bytes) const
 {
-    return m_connection->QueuedBytes() + bytes <= kMaxNotifiedBytes;
+    return m_connection->HasRoomFor(bytes);
 }
 
 void ClientConnection::HandleMessage(const std::string& text)

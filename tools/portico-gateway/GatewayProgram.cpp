@@ -25,8 +25,6 @@ constexpr std::chrono::milliseconds kLocalIdleTimeout{15000};
 constexpr std::chrono::milliseconds kLanIdleTimeout{10000};
 /// What is asked over the LAN is short; bodies only go out there.
 constexpr std::size_t kLanMessageBytes = 256U << 10U;
-/// A client that does not keep up with notifications has its answers behind these.
-constexpr std::size_t kMaxQueuedBytes = WebSocket::Limits{}.maxQueuedBytes + WebSocket::Limits{}.maxMessageBytes;
 
 } // namespace
 
@@ -82,7 +80,7 @@ bool GatewayProgram::ListenLocal(std::string& error)
     options.port = m_settings.port;
     options.subProtocols = {kPlain, kMutualTls}; // the latter for what lies beyond; on this machine all is plain
     options.limits.idleTimeout = kLocalIdleTimeout;
-    options.limits.maxQueuedBytes = kMaxQueuedBytes;
+    options.limits.kernelBufferBytes = WebSocket::kPromptBufferBytes;
     const auto accepted = [this](std::shared_ptr<WebSocket::Connection> connection)
     { Take(std::make_shared<LocalConnection>(m_surroundings, std::move(connection))); };
 
@@ -112,7 +110,6 @@ bool GatewayProgram::ListenLan(std::string& error)
     options.tls = m_surroundings.tls;
     options.tlsSubProtocols = {kMutualTls};
     options.limits.idleTimeout = kLanIdleTimeout;
-    options.limits.maxQueuedBytes = kMaxQueuedBytes;
     options.limits.maxMessageBytes = kLanMessageBytes;
     const auto accepted = [this](std::shared_ptr<WebSocket::Connection> connection)
     { Take(std::make_shared<LanConnection>(m_surroundings, std::move(connection))); };

@@ -44,7 +44,7 @@ public:
 /// connection until the attempt under way fails, at most 10 s, and for its answer at most 15 s; then, and when the
 /// connection goes, it ends in its error callback with code 503 or 504. A path that the gateway still sees with
 /// somebody else (409) is asked for again with the same pauses. A notification that cannot go out yet is held, the
-/// last one of each path, until the gateway has agreed to serve the path, or, where 8 MiB wait for a gateway that
+/// last one of each path, until the gateway has agreed to serve the path, or, where 256 KiB wait for a gateway that
 /// does not keep up, until these have gone out. The answer of a handler is dropped where the connection of its request
 /// has gone. A message of more than 4 MiB is not sent, since the gateway would end the
 /// connection: the request or the answer ends in an error (413) instead, of a notification a line of log remains.

@@ -2,6 +2,7 @@
 #include "Answerer.h"
 #include "DPrint.h"
 #include "Session.h"
+#include "WebSocket.h"
 
 #include <algorithm>
 #include <utility>
@@ -171,7 +172,7 @@ bool Session::IsServed(const std::string& path) const
 void Session::SendHeld(const std::string& path)
 {
     const std::string* const held = m_held.Find(path);
-    if (held != nullptr && m_isOpen && IsServed(path) && HasRoom(*held))
+    if (held != nullptr && m_isOpen && IsServed(path) && m_connection->HasRoomFor(held->size()))
     {
         Send(m_held.Take(path));
     }

@@ -23,7 +23,6 @@ constexpr int kCodeUnavailable = 503;
 constexpr int kCodeTimeout = 504;
 constexpr std::size_t kMaxLoggedBytes = 2048;
 constexpr std::size_t kMaxFrameBytes = WebSocket::Limits{}.maxMessageBytes; ///< the gateway's bound is the same
-constexpr std::size_t kMaxQueuedBytes = WebSocket::Limits{}.maxQueuedBytes; ///< with notifications; then they are held
 
 std::string Shortened(const std::string& text)
 {
@@ -82,7 +81,7 @@ void Session::Connect()
     handlers.closed = [this](const std::string& reason) { HandleClosed(reason); };
     handlers.drained = [this] { HandleDrained(); };
     WebSocket::Limits limits;
-    limits.maxQueuedBytes = kMaxQueuedBytes + kMaxFrameBytes; // an answer finds room behind notifications
+    limits.kernelBufferBytes = WebSocket::kPromptBufferBytes;
     m_connection = WebSocket::Connect(m_io, target, std::move(handlers), limits);
 }
 
@@ -306,7 +305,7 @@ void Session::Notify(const std::string& path, const std::string& body, double ve
         return;
     }
     const bool isDue = m_isOpen && IsServed(path);
-    if (isDue && HasRoom(frame))
+    if (isDue && m_connection->HasRoomFor(frame.size()))
     {
         m_held.Take(path);
         Send(std::move(frame));
@@ -314,20 +313,13 @@ void Session::Notify(const std::string& path, const std::string& body, double ve
     }
     if (isDue && !std::exchange(m_isToldBehind, true))
     {
-        DPRINT(s_log, DPrint::LEVEL_WARNING,
-               Name() << ": the gateway does not keep up; of the notifications that it has no room for, each path's "
-                         "last will follow");
+        DPRINT(s_log, DPrint::LEVEL_DEBUG,
+               Name() << ": more is told than the gateway takes; of what has to wait, each path's last will follow");
     }
     if (!m_held.Hold(path, std::move(frame)))
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING, Name() << ": too much is held back, a notification is lost: " << path);
     }
-}
-
-/// A gateway that is slower than what it is told must not lose its connection by that.
-bool Session::HasRoom(const std::string& notification) const
-{
-    return m_connection->QueuedBytes() + notification.size() <= kMaxQueuedBytes;
 }
 
 void Session::Reply(std::uint64_t epoch, const std::string& id, std::string frame)

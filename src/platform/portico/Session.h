@@ -87,7 +87,6 @@ private:
     bool IsServed(const std::string& path) const;
     void SendHeld(const std::string& path);
     void SendAllHeld();
-    bool HasRoom(const std::string& notification) const;
 
     void Call(const std::string& method, const std::string& params, PendingCalls::Done done);
     void Send(std::string frame);

@@ -168,6 +168,7 @@ private:
         };
     }
 
+    void SetSocketOptions();
     void LimitHandshake();
     void TryEndpoints(const std::vector<tcp::endpoint>& endpoints);
     void Connected();
@@ -276,12 +277,24 @@ void Session::TryEndpoints(const std::vector<tcp::endpoint>& endpoints)
     asio::async_connect(m_ws.next_layer().Raw(), endpoints, Step("connect", [this] { Connected(); }));
 }
 
+void Session::SetSocketOptions()
+{
+    ErrorCode ignored;
+    Socket& socket = m_ws.next_layer().Raw();
+    socket.set_option(tcp::no_delay(true), ignored);
+    socket.set_option(asio::socket_base::keep_alive(true), ignored);
+    if (m_limits.kernelBufferBytes > 0)
+    {
+        const int bytes = static_cast<int>(m_limits.kernelBufferBytes);
+        socket.set_option(asio::socket_base::send_buffer_size(bytes), ignored);
+        socket.set_option(asio::socket_base::receive_buffer_size(bytes), ignored);
+    }
+}
+
 void Session::Connected()
 {
     Transport& transport = m_ws.next_layer();
-    ErrorCode ignored;
-    transport.Raw().set_option(tcp::no_delay(true), ignored);
-    transport.Raw().set_option(asio::socket_base::keep_alive(true), ignored);
+    SetSocketOptions();
     const auto identity = std::static_pointer_cast<TlsContext>(m_opening->target.tls);
     if (identity == nullptr)
     {
@@ -338,16 +351,13 @@ void Session::Accept(std::shared_ptr<const ListenOptions> options, std::unique_p
     m_opening->opened = std::move(opened);
     m_place = std::move(place);
     LimitHandshake();
-    ErrorCode ignored;
-    Socket& socket = m_ws.next_layer().Raw();
-    socket.set_option(tcp::no_delay(true), ignored);
-    socket.set_option(asio::socket_base::keep_alive(true), ignored);
+    SetSocketOptions();
     if (m_opening->options->tls == nullptr)
     {
         ReadRequest();
         return;
     }
-    socket.async_wait(Socket::wait_read, Step("accept", [this] { DetectTls(); }));
+    m_ws.next_layer().Raw().async_wait(Socket::wait_read, Step("accept", [this] { DetectTls(); }));
 }
 
 void Session::DetectTls()

@@ -19,10 +19,17 @@ struct Limits
 {
     std::size_t maxMessageBytes = 4U << 20U; ///< a larger message ends the connection
     std::size_t maxQueuedBytes = 8U << 20U;  ///< a peer that does not read is dropped when this much waits for it
+    std::size_t kernelBufferBytes = 0;       ///< of the socket, each way; zero: as the kernel thinks best, megabytes
     std::chrono::milliseconds handshakeTimeout{5000};
     /// Silence after which the peer is asked (ping), and again after which the connection is lost. Zero: never.
     std::chrono::milliseconds idleTimeout{0};
 };
+
+/// Notifications tell how things are: what has more than this before it had better wait, and go out as what it has
+/// become by then. Two hundred rows of the product table, or thousands of small ones.
+inline constexpr std::size_t kMaxAheadBytes = 256U << 10U;
+/// Of a connection on this machine that carries them: what lies in the kernel grows as old as what lies in a queue.
+inline constexpr std::size_t kPromptBufferBytes = 128U << 10U;
 
 /// Certificates of one product: ca.pem, cert.pem and key.pem of a directory; made once, shared by connections.
 class TlsIdentity
@@ -53,6 +60,12 @@ public:
 
     virtual bool IsOpen() const = 0;
     virtual std::size_t QueuedBytes() const = 0;
+    /// For a notification of that size; one always, whatever its size. `drained` tells when to ask again.
+    bool HasRoomFor(std::size_t bytes) const
+    {
+        const std::size_t queued = QueuedBytes();
+        return queued == 0 || queued + bytes <= kMaxAheadBytes;
+    }
     virtual const std::string& SubProtocol() const = 0; ///< the one agreed on
     virtual std::string PeerAddress() const = 0;        ///< numeric host, empty when gone
     virtual const std::string& PeerName() const = 0;    ///< common name of the peer's certificate, empty when plain

@@ -232,7 +232,7 @@ TEST_F(GatewayClients, HearNotWhatAServerSaidThatHasGone)
 TEST_F(GatewayClients, ThatDoNotKeepUpHearTheLastOfWhatTheyMissed)
 {
     constexpr int kLast = 5;
-    const std::string filling(3U << 20U, 'x'); // 8 MiB wait for a client, and some in its socket
+    const std::string filling(1U << 20U, 'x'); // more than may lie before another, and than its socket takes
     m_server.Serve("get", "/large", 1);
     WebSocketRawClient slow(m_gateway.Port());
     slow.Open();
@@ -250,7 +250,7 @@ TEST_F(GatewayClients, ThatDoNotKeepUpHearTheLastOfWhatTheyMissed)
     }
 
     const std::string heard = slow.Receive(R"("n":5)");
-    EXPECT_NE(heard.find(R"("n":2)"), std::string::npos);
+    EXPECT_NE(heard.find(R"("n":1)"), std::string::npos);
     EXPECT_EQ(heard.find(R"("n":4)"), std::string::npos);
     call(R"("alive","method":"get","params":{"path":"/nobody"})");
     EXPECT_NE(slow.Receive(R"("alive")").find("404"), std::string::npos) << "the connection has stood all along";
