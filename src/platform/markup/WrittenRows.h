@@ -59,6 +59,17 @@ public:
         m_last.swap(m_written);
         m_written.clear();
         m_isWriting = false;
+        m_bytes = 0;
+        for (const Row& row : m_last)
+        {
+            m_bytes += row.json.size() + 1;
+        }
+    }
+
+    /// Of the last list's text, about.
+    std::size_t Bytes() const
+    {
+        return m_bytes;
     }
 
 private:
@@ -70,6 +81,7 @@ private:
 
     std::pair<const void*, bool> m_kind;
     bool m_isWriting = false;
+    std::size_t m_bytes = 0;
     std::vector<Row> m_last;
     std::vector<Row> m_written;
     std::size_t m_at = 0;     ///< in the last list
