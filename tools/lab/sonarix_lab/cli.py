@@ -5,9 +5,10 @@ import signal
 import socket
 import subprocess
 import sys
+import time
 import uuid
 
-from . import control, crowd, devices, ledger
+from . import control, crowd, devices, ledger, ruin
 from .errors import LabError
 from .laboratory import BIN_DIR, Lab
 from .product import outer_environment
@@ -32,6 +33,7 @@ examples:
   {prog} --ssdp 3
   {prog} --once --kill kitchen            # how long until the others list it as OFFLINE?
   {prog} --link-down bedroom 30           # from another terminal, or at the start
+  {prog} --ruin 10 --ssdp 2               # what does not survive that any program may be killed?
   {prog} --exec kitchen portico get /sonarix/products
   {prog} --exec kitchen bash              # a shell in that product"""
 
@@ -92,6 +94,11 @@ def _parse(arguments):
                         help="start what does not run in that product")
     parser.add_argument("--link-down", action=_Action, nargs=2, metavar=("NAME", "SECONDS"),
                         help="cut that product's cable for a time")
+    parser.add_argument("--ruin", type=float, metavar="MINUTES",
+                        help="kill programs at random for that long, and start them again: three products, of which one "
+                             "has no mDNS record and two speak SSDP; ends with status 1 as soon as anything does not "
+                             "come right again")
+    parser.add_argument("--seed", type=int, metavar="N", help="of --ruin; that of an earlier run kills in the same order")
     parser.add_argument("--logs", metavar="DIR", help="keep the log of each program of each product there")
     parser.add_argument("--log-levels", default="3", metavar="LEVELS",
                         help="SONARIX_LOG of the services, such as 3,MdnsService=6; 3 unless given")
@@ -143,12 +150,15 @@ def _execute(options):
 def _run(options, actions):
     signal.signal(signal.SIGTERM, _interrupt)
     signal.signal(signal.SIGHUP, _interrupt)
-    view = TableView() if sys.stdout.isatty() else LineView()
+    view = TableView() if sys.stdout.isatty() and not options.ruin else LineView()
     lab = _make_lab(options, view)
     message, status = None, 0
     try:
         lab.open()
-        message, status = _Course(lab, options, actions).follow(view)
+        if options.ruin:
+            message = _ruin(lab, options, view)
+        else:
+            message, status = _Course(lab, options, actions).follow(view)
     except KeyboardInterrupt:
         pass
     finally:
@@ -161,6 +171,15 @@ def _run(options, actions):
     return status
 
 
+def _ruin(lab, options, view):
+    seed = options.seed if options.seed is not None else int(time.time())
+    view.changed(lab.seconds, f"ruin of seed {seed}")
+    try:
+        return ruin.Ruin(lab, seed).run(60 * options.ruin)
+    except LabError as error:
+        raise LabError(f"ruin of seed {seed}, {lab.seconds:.1f} s: {error}") from error
+
+
 def _interrupt(_number, _frame):
     raise KeyboardInterrupt
 
@@ -168,6 +187,8 @@ def _interrupt(_number, _frame):
 def _make_lab(options, view):
     common = {"bin_dir": options.bin_dir, "state_dir": options.state_dir, "log_dir": options.logs,
               "log_levels": options.log_levels, "on_change": view.changed}
+    if options.ruin:
+        return Lab(**ruin.SHAPE, ssdp=options.ssdp, **common)
     if not options.lan:
         return Lab(options.products, options.accessory, crowd=options.crowd, ssdp=options.ssdp, **common)
     return Lab.on_lan(_machine_name(), _machine_guid(), _lan_interface(options.interface), **common)

@@ -38,15 +38,17 @@ class Lab:
         lab.wait_until(lambda tables: tables.offline("kitchen", ["bedroom", "office"]), 10)
 
     Its operations are for one thread of the caller's. `on_change(seconds, text)` is called from a thread of the
-    laboratory's with each change. `programs` leaves out what a test does not need. `crowd` simulated products and
-    `ssdp` more, which speak SSDP alone, are listed by the real ones, but list nobody.
+    laboratory's with each change. `programs` leaves out what a test does not need. `mute` products have no mDNS record
+    and are found by SSDP alone. `crowd` simulated products and `ssdp` more, which speak SSDP alone, are listed by the
+    real ones, but list nobody.
     """
 
-    def __init__(self, products=3, accessories=0, strangers=0, crowd=0, ssdp=0, *, bin_dir=BIN_DIR,
+    def __init__(self, products=3, accessories=0, strangers=0, crowd=0, ssdp=0, mute=0, *, bin_dir=BIN_DIR,
                  state_dir=DEFAULT_FOLDER, log_dir=None, log_levels="3", programs=PROGRAMS, on_change=None):
-        if products + accessories + strangers > _MOST_PRODUCTS:
+        if products + mute + accessories + strangers > _MOST_PRODUCTS:
             raise LabError(f"has room for {_MOST_PRODUCTS} products")
         self._plan = ([(self._room(i), "host") for i in range(products)]
+                      + [(self._room(i), "mute") for i in range(products, products + mute)]
                       + [(f"accessory-{i + 1}", "accessory") for i in range(accessories)]
                       + [(f"stranger-{i + 1}", "stranger") for i in range(strangers)])
         self._crowd_size = crowd
@@ -261,6 +263,10 @@ class Lab:
         self._note(f"{product.name}: UPnP device started")
         return device
 
+    def watch_lines(self, pipe, on_line):
+        """Calls on_line(bytes) from a thread of the laboratory's for each line of a pipe until its end, then closes it."""
+        self._reactor.watch_lines(pipe, on_line)
+
     def run(self, name, command, **options):
         """Runs a command in a product to its end; options and result as of subprocess.run, output as text."""
         return self.product(name).run(command, **options)
@@ -330,6 +336,9 @@ class Lab:
                 self._start(product, program)
         if self._crowd_size:
             self.start_crowd(self._crowd_size)
+        for product in self._products.values():
+            if product.mute:
+                self.start_device_of(product.name)
         if self._ssdp:
             self.start_devices(["product"] * self._ssdp, listed=True)
 
@@ -338,6 +347,7 @@ class Lab:
         self._namespaces.append(namespace)
         self._bridge.plug(number, namespace)
         product = Product(name, guid_of(name), namespace, around, accessory=kind == "accessory")
+        product.mute = kind == "mute"
         product.stranger = kind == "stranger"
         self._register(product, number)
 

@@ -103,6 +103,7 @@ class Product:
         self.guid = guid
         self.namespace = namespace
         self.accessory = accessory
+        self.mute = False  # nobody asks it to announce itself: it has no hub, and no mDNS record
         self.stranger = False  # on the network, but none of ours: a bus and an mDNS daemon alone
         self.spoken_name = name.replace("-", " ").title()
         self.interface = interface
@@ -122,7 +123,7 @@ class Product:
     def programs(self):
         """The programs that this product has. An accessory announces itself, it needs nobody to ask for it."""
         own = PROGRAMS if self.namespace else PROGRAMS[2:]
-        return [program for program in own if not (self.accessory and program == "hub")]
+        return [program for program in own if not ((self.accessory or self.mute) and program == "hub")]
 
     def write_files(self, authority):
         for folder in ("etc", "tls", "run"):
@@ -160,14 +161,20 @@ class Product:
                     raise LabError(f"{self.name}: no D-Bus: {last_line(self.log_path(program))}")
 
     def kill(self, program):
-        """Signal 9; returns when the program has gone. Not for the reactor's thread."""
+        """Signal 9; returns when the program has gone, and with a bus its mDNS daemon, which then ends by itself. Not
+        for the reactor's thread.
+        """
         with self._guard:
             running = self._running.get(program)
             if not running:
                 raise LabError(f"{self.name}: {program} is not running")
-            running.expected = True
+            ending = [running, self._running.get("avahi")] if program == "dbus" else [running]
+            ending = [each for each in ending if each]
+            for each in ending:
+                each.expected = True
             running.process.kill()
-        running.gone.wait()
+        for each in ending:
+            each.gone.wait()
 
     def pid(self, program):
         """The pid of a running program, or None."""

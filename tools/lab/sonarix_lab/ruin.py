@@ -1,0 +1,181 @@
+"""Kills the programs of a laboratory at random, starts them again, and says what does not come right."""
+import json
+import random
+import subprocess
+import time
+
+from .errors import LabError
+
+#: The products that it wants: two with an mDNS record, of which one speaks SSDP too, and one that has none.
+SHAPE = {"products": 2, "mute": 1}
+
+_RIGHT_SECONDS = 90
+_QUIET_SECONDS = 15  # longer than a product that went is listed as ONLINE
+_MOST_AT_ONCE = 3
+_RENDERER_TYPE = "_kova-lanyard._tcp"
+_CUT_SECONDS = 3  # not when the gateways find out, each 2 s: a heartbeat on its way at a change of mode blocks its row
+
+
+class Ruin:
+    """Each program of each product has its turn, in an order of chance, up to three at once; a bus takes its mDNS daemon
+    with it. After each round the laboratory has to be right again: every table, every mDNS record, and no program
+    another one than before, but for those that were killed.
+
+    In every product a local client watches each discovery source all the time; its picture has to be the service's own
+    at the end.
+    """
+
+    def __init__(self, lab, seed):
+        self._lab = lab
+        self._random = random.Random(seed)
+        self._deck = []
+        self._kills = 0
+        self._slowest = 0.0
+        self._clients = []
+
+    def run(self, seconds):
+        """What happened, in one line; raises a LabError that says what is not right."""
+        end = time.monotonic() + seconds
+        self._lab.start_device_of(self._lab.products[1].name)
+        self._lab.wait_until(self._tables_are_right, _RIGHT_SECONDS, "everybody ONLINE at the start")
+        self._start_clients()
+        try:
+            rounds = 0
+            while time.monotonic() < end:
+                rounds += 1
+                self._round()
+            time.sleep(_QUIET_SECONDS)
+            self._wait_until_right(self._lab.products)
+            for client in self._clients:
+                client.check()
+        finally:
+            for client in self._clients:
+                client.close()
+        return (f"{self._kills} programs killed in {rounds} rounds; all was right again after each, "
+                f"{self._slowest:.1f} s after the last start at most")
+
+    # ---- ruin ----------------------------------------------------------------------------------------------------
+
+    def _round(self):
+        victims = self._draw(self._random.randint(1, _MOST_AT_ONCE))
+        before = self._pids()
+        steps = []
+        for product, program in victims:
+            begin = self._random.uniform(0, 2)
+            steps.append((begin, self._kill, product, program))
+            steps.append((begin + self._random.uniform(0, 4), self._start, product, program))
+        began = time.monotonic()
+        for due, step, product, program in sorted(steps, key=lambda each: each[0]):
+            time.sleep(max(0.0, began + due - time.monotonic()))
+            step(product, program)
+        restarted = time.monotonic()
+        self._wait_until_right([product for product, _ in victims])
+        self._slowest = max(self._slowest, time.monotonic() - restarted)
+        killed = {(product.name, program) for product, first in victims for program in _ended_with(first)}
+        changed = {key for key, pid in self._pids().items() if before.get(key) != pid} - killed
+        if changed or self._lab.deaths:
+            raise LabError("; ".join([f"{name}: {program} is another process" for name, program in sorted(changed)]
+                                     + self._lab.deaths))
+
+    def _draw(self, count):
+        """(product, program), each; no bus beside its mDNS daemon."""
+        victims = []
+        while len(victims) < count:
+            if not self._deck:
+                self._deck = [(product, program) for product in self._lab.products for program in product.programs()]
+                self._random.shuffle(self._deck)
+            product, program = self._deck.pop()
+            if not any(other is product and {*_ended_with(program)} & {*_ended_with(each)} for other, each in victims):
+                victims.append((product, program))
+        return victims
+
+    def _kill(self, product, program):
+        self._lab.kill(product.name, program)
+        self._kills += 1
+
+    def _start(self, product, program):
+        for each in _ended_with(program):
+            self._lab.start(product.name, each)
+        if program == "dbus":
+            # Without a bus no mDNS backend can be made, and none is before discovery starts anew with the network.
+            self._lab.cut(product.name, _CUT_SECONDS)
+
+    def _pids(self):
+        return {(product.name, program): product.pid(program)
+                for product in self._lab.products for program in product.programs()}
+
+    # ---- what is right -------------------------------------------------------------------------------------------
+
+    def _wait_until_right(self, products):
+        deadline = time.monotonic() + _RIGHT_SECONDS
+        self._lab.wait_until(self._tables_are_right, _RIGHT_SECONDS, "all tables right")
+        for product in products:
+            while not product.mute and product.spoken_name not in self._records(product):
+                if time.monotonic() > deadline:
+                    raise LabError(f"{product.name} has no mDNS record")
+                self._lab.wait_change(0.5)
+        # What was right before may have gone wrong with the death of which the others heard only meanwhile.
+        self._lab.wait_until(self._tables_are_right, _RIGHT_SECONDS, "all tables right, once all records are")
+
+    @staticmethod
+    def _tables_are_right(tables):
+        known = {*tables.members, *tables.guests, *tables.crowd}
+        return (not tables.missing() and all({*tables.rows(name)} <= known and tables.own(name).address
+                                             for name in tables.members))
+
+    def _records(self, product):
+        """The names that the product's own mDNS daemon has, which remembers nothing of before its start."""
+        browse = self._lab.run(product.name, ["avahi-browse", "-pt", _RENDERER_TYPE], timeout=20)
+        return {line.split(";")[3] for line in browse.stdout.splitlines() if line.startswith("+")}
+
+    # ---- local clients -------------------------------------------------------------------------------------------
+
+    def _start_clients(self):
+        for product in self._lab.products:
+            self._clients.append(_Watch(self._lab, product, ["ssdp"], "guid"))
+            self._clients.append(_Watch(self._lab, product, ["mdns", _RENDERER_TYPE], "friendlyname"))
+
+
+def _ended_with(program):
+    return ("dbus", "avahi") if program == "dbus" else (program,)
+
+
+class _Watch:
+    """A `sonarix-ipc watch`, and the picture that its lines give."""
+
+    def __init__(self, lab, product, source, key):
+        self._lab = lab
+        self._product = product
+        self._source = source
+        self._key = key
+        self._known = set()
+        self._process = product.popen(["sonarix-ipc", "watch", *source, "--json"], stdout=subprocess.PIPE,
+                                      stderr=subprocess.DEVNULL)
+        lab.watch_lines(self._process.stdout, self._heard)
+
+    def check(self):
+        """It runs, and its picture is the service's."""
+        what = f"{self._product.name}: sonarix-ipc watch {' '.join(self._source)}"
+        deadline = time.monotonic() + _RIGHT_SECONDS
+        while True:
+            if self._process.poll() is not None:
+                raise LabError(f"{what} ended with status {self._process.returncode}")
+            listed = self._lab.run(self._product.name, ["sonarix-ipc", "list", *self._source, "--json"], timeout=20)
+            devices = {json.loads(line)[self._key] for line in listed.stdout.splitlines()}
+            known = {*self._known}
+            if listed.returncode == 0 and devices == known:
+                return
+            if time.monotonic() > deadline:
+                raise LabError(f"{what} has {sorted(known)}, the service {sorted(devices)} {listed.stderr.strip()}")
+            time.sleep(0.5)  # a search is just filling the list
+
+    def close(self):
+        self._process.kill()
+        self._process.wait()
+
+    def _heard(self, line):
+        change = json.loads(line)
+        if change["change"] == "gone":
+            self._known.discard(change["device"][self._key])
+        else:
+            self._known.add(change["device"][self._key])
