@@ -3,6 +3,7 @@
 #include "ProtoToMarkup.h"
 #include "SonarixPb.pb.h"
 #include "TextArgument.h"
+#include "Utf8.h"
 
 #include <algorithm>
 #include <charconv>
@@ -15,7 +16,6 @@ namespace
 
 using Words = std::vector<std::string>;
 
-constexpr const char* kDomain = "local";
 // Lengths that DNS has bytes for.
 constexpr std::size_t kMaxLabel = 63;
 constexpr std::size_t kMaxText = 255;
@@ -32,13 +32,12 @@ struct Shape
 
 const std::map<std::string, Shape>& Shapes()
 {
-    static const std::set<std::string> record = {"interface", "protocol"};
     static const std::map<std::string, Shape> shapes = {
         {"list", {Command::Verb::LIST, {}, 1, 2, "\"mdns TYPE\" or \"ssdp\""}},
         {"watch", {Command::Verb::WATCH, {"every"}, 1, 2, "\"mdns TYPE\" or \"ssdp\""}},
         {"add", {Command::Verb::ADD, {"interface", "protocol", "keep"}, 3, SIZE_MAX, "TYPE NAME PORT [KEY=VALUE]..."}},
-        {"update", {Command::Verb::UPDATE, record, 3, SIZE_MAX, "TYPE NAME PORT [KEY=VALUE]..."}},
-        {"remove", {Command::Verb::REMOVE, record, 2, 2, "TYPE NAME"}},
+        {"update", {Command::Verb::UPDATE, {"interface", "protocol"}, 3, SIZE_MAX, "TYPE NAME PORT [KEY=VALUE]..."}},
+        {"remove", {Command::Verb::REMOVE, {}, 2, 2, "TYPE NAME"}},
         {"announce", {Command::Verb::ANNOUNCE, {}, 1, SIZE_MAX, "FIELD=VALUE..., JSON, @FILE or -"}},
     };
     return shapes;
@@ -51,6 +50,11 @@ bool IsServiceType(const std::string& type)
     return dot != std::string::npos && dot > 1 && dot <= kMaxLabel && type[0] == '_' &&
            std::all_of(type.begin() + 1, type.begin() + static_cast<std::ptrdiff_t>(dot), isLabelByte) &&
            (type.substr(dot) == "._tcp" || type.substr(dot) == "._udp");
+}
+
+bool IsInstanceName(const std::string& name)
+{
+    return !name.empty() && name.size() <= kMaxLabel && Utf8::IsValid(name);
 }
 
 bool ReadType(const std::string& word, Command& command, std::string& error)
@@ -106,9 +110,9 @@ bool ReadRecord(const Words& words, Command& command, std::string& error)
     {
         return false;
     }
-    if (command.name.empty() || command.name.size() > kMaxLabel)
+    if (!IsInstanceName(command.name))
     {
-        error = "a NAME has 1 to " + std::to_string(kMaxLabel) + " bytes";
+        error = "a NAME has 1 to " + std::to_string(kMaxLabel) + " bytes of UTF-8";
         return false;
     }
     if (command.verb == Command::Verb::REMOVE)
@@ -179,9 +183,9 @@ bool ReadAnnouncement(const Words& words, Command& command, std::string& error)
         return false;
     }
     command.name = device->friendlyname();
-    if (command.name.empty() || command.name.size() > kMaxLabel)
+    if (!IsInstanceName(command.name))
     {
-        error = "an announcement wants a friendlyname of 1 to " + std::to_string(kMaxLabel) + " bytes";
+        error = "an announcement wants a friendlyname of 1 to " + std::to_string(kMaxLabel) + " bytes of UTF-8";
         return false;
     }
     if (!device->has_devicetype())

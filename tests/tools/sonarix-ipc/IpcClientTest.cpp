@@ -96,6 +96,10 @@ TEST(IpcCommand, RefusesWhatTheServiceWouldTakeWithoutAWord)
              {"add", "_a._tcp", "name", "0"},
              {"add", "_a._tcp", "", "80"},
              {"add", "_a._tcp", longText, "80"},
+             {"add", "_a._tcp",
+              "K\xFC"
+              "che",
+              "80"},
              {"add", "_a._tcp", "name", "80", "key"},
              {"add", "_a._tcp", "name", "80", "=value"},
              {"add", "_a._tcp", "name", "80", largeText},
@@ -104,6 +108,7 @@ TEST(IpcCommand, RefusesWhatTheServiceWouldTakeWithoutAWord)
              {"add", "_a._tcp", "name", "80", "--protocol", "ipv5"},
              {"update", "_a._tcp", "name", "80", "--keep"},
              {"remove", "_a._tcp"},
+             {"remove", "_a._tcp", "name", "--protocol", "ipv4"},
              {"remove", "_a._tcp", "name", "80"},
              {"announce", "guid=g"},
              {"announce", "friendlyname=n", "mdnsClockInfo=1"},
