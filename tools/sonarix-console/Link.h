@@ -1,5 +1,7 @@
 #pragma once
 
+#include "LocalSocket.h"
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -16,25 +18,22 @@ public:
         TIME,
     };
 
-    explicit Link(std::string path);
-    ~Link();
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
+    explicit Link(const std::string& path);
 
     /// False, with errno, where nobody listens.
     [[nodiscard]] bool Open();
     void Shut();
     bool IsOpen() const
     {
-        return m_socket >= 0;
+        return m_socket.IsOpen();
     }
     int Descriptor() const ///< -1 where it is shut
     {
-        return m_socket;
+        return m_socket.Descriptor();
     }
     const std::string& Path() const
     {
-        return m_path;
+        return m_socket.Path();
     }
 
     /// A failure is seen as CLOSED by a later Wait, after the lines that are there.
@@ -44,10 +43,7 @@ public:
     Event Wait(std::string& line, int other, std::optional<std::chrono::milliseconds> limit);
 
 private:
-    bool ReadMore();
-
-    const std::string m_path;
-    int m_socket = -1;
+    LocalSocket m_socket;
     std::string m_read;
     std::size_t m_searched = 0; ///< so much of it holds no line's end
 };

@@ -1,16 +1,11 @@
 #include "Door.h"
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <poll.h>
-#include <string_view>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-#include <utility>
 
 namespace
 {
@@ -34,14 +29,13 @@ int MillisecondsUntil(Door::Clock::time_point until)
 
 } // namespace
 
-Door::Door(std::string path)
-    : m_path(std::move(path))
+Door::Door(const std::string& path)
+    : m_socket(path)
 {
 }
 
 Door::~Door()
 {
-    Shut();
     if (m_signals >= 0)
     {
         close(m_signals);
@@ -58,32 +52,12 @@ void Door::CatchSignals()
 bool Door::Open()
 {
     Shut();
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (m_path.size() >= sizeof(address.sun_path))
-    {
-        errno = ENAMETOOLONG;
-        return false;
-    }
-    m_path.copy(address.sun_path, m_path.size());
-    m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_socket >= 0 && connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
-    {
-        return true;
-    }
-    const int error = errno;
-    Shut();
-    errno = error;
-    return false;
+    return m_socket.Open();
 }
 
 void Door::Shut()
 {
-    if (m_socket >= 0)
-    {
-        close(m_socket);
-    }
-    m_socket = -1;
+    m_socket.Shut();
     m_reader = {};
 }
 
@@ -94,19 +68,9 @@ void Door::Ask(std::uint32_t id, std::uint32_t tid, const google::protobuf::Mess
     envelope.set_id(id);
     envelope.set_tid(tid);
     std::string frame;
-    if (!IPCFraming::AppendFrame(frame, envelope))
+    if (IPCFraming::AppendFrame(frame, envelope)) // a command line is not too long for one
     {
-        return; // a command line is not that long
-    }
-    for (std::string_view rest = frame; !rest.empty();)
-    {
-        const ssize_t sent = send(m_socket, rest.data(), rest.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno != EINTR)
-        {
-            shutdown(m_socket, SHUT_RDWR);
-            return;
-        }
-        rest.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
+        m_socket.Send(frame);
     }
 }
 
@@ -124,34 +88,28 @@ Door::Event Door::Wait(Clock::time_point until, IPCMessageEnvelope& message)
             Shut();
             return CLOSED;
         }
-        std::array<pollfd, 2> waiting = {{{m_signals, POLLIN, 0}, {m_socket, POLLIN, 0}}};
+        std::array<pollfd, 2> waiting = {{{m_signals, POLLIN, 0}, {m_socket.Descriptor(), POLLIN, 0}}};
         const int ready = poll(waiting.data(), waiting.size(), MillisecondsUntil(until));
         if (ready > 0 && waiting[0].revents != 0)
         {
             TakeSignal();
             return SIGNAL;
         }
-        if (ready > 0 && waiting[1].revents != 0 && !ReadMore())
+        if (ready > 0 && waiting[1].revents != 0)
         {
-            Shut();
-            return CLOSED;
+            std::string bytes;
+            if (!m_socket.Receive(bytes))
+            {
+                Shut();
+                return CLOSED;
+            }
+            m_reader.Append(bytes);
         }
         if (ready == 0 && Clock::now() >= until)
         {
             return TIME;
         }
     }
-}
-
-bool Door::ReadMore()
-{
-    std::array<char, 65536> bytes{};
-    const ssize_t count = recv(m_socket, bytes.data(), bytes.size(), 0);
-    if (count > 0)
-    {
-        m_reader.Append({bytes.data(), static_cast<std::size_t>(count)});
-    }
-    return count > 0 || (count < 0 && errno == EINTR);
 }
 
 void Door::TakeSignal()

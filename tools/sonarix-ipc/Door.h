@@ -2,6 +2,7 @@
 
 #include "IPCFraming.h"
 #include "IPCMessageEnvelope.h"
+#include "LocalSocket.h"
 
 #include <chrono>
 #include <cstdint>
@@ -21,7 +22,7 @@ public:
         TIME,   ///< the point of time has come
     };
 
-    explicit Door(std::string path);
+    explicit Door(const std::string& path);
     ~Door();
     Door(const Door&) = delete;
     Door& operator=(const Door&) = delete;
@@ -34,7 +35,7 @@ public:
     void Shut();
     bool IsOpen() const
     {
-        return m_socket >= 0;
+        return m_socket.IsOpen();
     }
 
     /// A failure to send is seen as CLOSED by the next Wait.
@@ -45,15 +46,13 @@ public:
 
     const std::string& Path() const
     {
-        return m_path;
+        return m_socket.Path();
     }
 
 private:
-    bool ReadMore();
     void TakeSignal();
 
-    std::string m_path;
-    int m_socket = -1;
+    LocalSocket m_socket;
     int m_signals = -1;
     IPCFraming::FrameReader m_reader;
 };

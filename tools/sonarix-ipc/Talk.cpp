@@ -3,10 +3,10 @@
 #include "Print.h"
 #include "Printable.h"
 #include "SonarixPb.pb.h"
+#include "SystemUtils.h"
 
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
 #include <iostream>
 
 namespace
@@ -16,9 +16,7 @@ constexpr const char* kRendererType = "_kova-lanyard._tcp";
 
 std::string SocketPath(const Command& command)
 {
-    const char* const folder = std::getenv("SONARIX_RUN_DIR");
-    return std::string(folder != nullptr && *folder != '\0' ? folder : "/run/sonarix") +
-           (command.isSsdp ? "/SonarixSsdpService" : "/SonarixMdnsService");
+    return SystemUtils::RunDir() + (command.isSsdp ? "/SonarixSsdpService" : "/SonarixMdnsService");
 }
 
 std::string Quoted(const std::string& text)
