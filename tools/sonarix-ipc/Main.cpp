@@ -32,7 +32,9 @@ See what the product's discovery service knows, and publish mDNS records by it.
   --json                one JSON object a line in place of text
   --help, --version
 
-A product publishes one record of a type: a second takes the place of the first.
+The service looks for devices of _kova-lanyard._tcp, _kova-clock._tcp and
+_kova-accessory._tcp; records may be of any type, one of each: a second takes
+the place of the first.
 The service listens in the folder SONARIX_RUN_DIR, /run/sonarix unless set.
 
 Exit status: 0 done, 1 the service answered an error or the answer could not be
