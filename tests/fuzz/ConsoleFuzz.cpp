@@ -1,0 +1,147 @@
+/// Lines of the console's socket, down to what the debug commands make of them.
+///
+/// An input is any number of lines.
+#include "CLIClient.h"
+#include "DPrint.h"
+#include "DebugCommandTable.h"
+#include "DebugCommands.h"
+#include "DiscoveryServiceCliClient.h"
+#include "DiscoveryServicePorticoClientIF.h"
+#include "FuzzChecks.h"
+#include "LineAnswerer.h"
+#include "MdnsDiscoveryProtocolIF.h"
+#include "ProtoToMarkup.h"
+#include "Sonarix.pb.h"
+#include "SonarixPb.pb.h"
+#include "SsdpDiscoveryProtocolIF.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+using namespace SonarixService;
+using Fuzz::Require;
+
+namespace
+{
+
+/// What is announced has a JSON form, which is how it goes out.
+class Gateway final : public DiscoveryServicePorticoClientIF
+{
+public:
+    void Initialize() override {}
+    void Shutdown() override {}
+    void SendSonarixNotification(const Sonarix::Product& product) override
+    {
+        ProtoToMarkup::ToJson(product, true, false, false);
+    }
+};
+
+class Ssdp final : public SsdpDiscoveryProtocolIF
+{
+public:
+    void Start(const std::string& /*interfaceName*/) override {}
+    void Stop() override {}
+    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& /*callback*/) override
+    {
+        return {};
+    }
+    void GetProductList(Sonarix::ProductList& list) override
+    {
+        for (int count = 0; count < 3; ++count)
+        {
+            list.add_products();
+        }
+    }
+};
+
+class Mdns final : public MdnsDiscoveryProtocolIF
+{
+public:
+    void Start() override {}
+    void Stop() override {}
+    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& /*callback*/) override
+    {
+        return {};
+    }
+    CallbackConnection RegisterForServiceRestartNotification(const Callback<>& /*callback*/) override
+    {
+        return {};
+    }
+    void GetProductList(const std::string& /*type*/, const Callback<const Sonarix::ProductList>& callback) override
+    {
+        callback({});
+    }
+    bool AddService(const SonarixPb::Service& service) override
+    {
+        ProtoToMarkup::ToJson(service, true, false, false);
+        return true;
+    }
+    void UpdateServiceTxtRecords(const SonarixPb::Service& /*service*/, const Callback<bool>& /*result*/) override {}
+    void RemoveService(const SonarixPb::Service& /*service*/) override {}
+    void BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& /*info*/) override {}
+    void BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& /*info*/) override {}
+    void NetworkWentUp() override {}
+    void NetworkWentDown() override {}
+};
+
+/// One service for each input: what was made up before does not count.
+std::unique_ptr<Console::LineAnswerer> MakeService()
+{
+    static std::unique_ptr<Console::LineAnswerer> s_made;
+    CLIClient::SetInitializeOverride([](const CLIClient::Descriptors& commands, const CLIClient::Handler& handler)
+                                     { s_made = std::make_unique<Console::LineAnswerer>(commands, handler); });
+    static std::unique_ptr<DiscoveryServiceCliClient> s_client;
+    s_client = std::make_unique<DiscoveryServiceCliClient>(nullptr);
+    for (const DebugCommand& command : DebugCommandTable())
+    {
+        Require(s_client->RegisterCliCmd(command.key, command.command, command.help, command.usage), "twice");
+    }
+    const auto commands = std::make_shared<DebugCommands>(
+        DebugCommands::Surroundings{nullptr, std::make_shared<Ssdp>(), std::make_shared<Mdns>(),
+                                    std::make_shared<Gateway>(), nullptr, [] { return std::string(); }});
+    s_client->Initialize([commands](int cmdKey, const std::list<std::string>& arguments)
+                         { return commands->HandleCliCmd(cmdKey, arguments); });
+    return std::move(s_made);
+}
+
+void Check(const std::string& answer)
+{
+    Require(answer.find('\n') == std::string::npos, "an answer of several lines");
+    const nlohmann::json object = nlohmann::json::parse(answer, nullptr, false);
+    Require(object.is_object() && object.contains("ok") && object["ok"].is_boolean() && object.contains("response") &&
+                object["response"].is_string(),
+            "no answer");
+    const std::string response = object["response"];
+    Require(object["ok"] || !response.empty(), "an error without a word");
+    Require(object["ok"] || (response.rfind(" failed: ") == std::string::npos || response.starts_with("unknown")),
+            "a command that throws");
+    Require(response != "Command not found", "a command without a key");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    static const bool s_isQuiet = []
+    {
+        DPrint::Initialize();
+        DPrint::SetLevels("6");
+        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
+        return true;
+    }();
+    static_cast<void>(s_isQuiet);
+    const std::unique_ptr<Console::LineAnswerer> service = MakeService();
+    std::string_view rest(reinterpret_cast<const char*>(data), size);
+    while (!rest.empty())
+    {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        const Fuzz::TimeLimit limit;
+        Check(service->Answer(std::string(rest.substr(0, end))));
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return 0;
+}
