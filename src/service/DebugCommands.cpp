@@ -290,6 +290,7 @@ void DebugCommands::AddService(const Arguments& arguments)
         return;
     }
     SonarixPb::Service service;
+    service.mutable_id()->set_interface(-1); // any: unset it is the interface 0, which there is none of
     std::vector<std::string> skipped;
     DebugArguments::Read(arguments, service, skipped);
     Skip(skipped);

@@ -203,7 +203,7 @@ TEST_F(DebugCommandsTest, ServicesAreReadFromTheArgumentsWithAllElseInTheTxtReco
     EXPECT_EQ(Type("mdns addservice type=_t._tcp. name=n domain=d guid=1 empty= guid=2=3 Name=x"), "");
     EXPECT_THAT(m_calls, ElementsAre(StartsWith("mdns AddService")));
     EXPECT_EQ(m_mdns->lastService.ShortDebugString(),
-              "id { name: \"n\" type: \"_t._tcp.\" domain: \"d\" } "
+              "id { interface: -1 name: \"n\" type: \"_t._tcp.\" domain: \"d\" } "
               "txt { key: \"guid\" value: \"1\" } txt { key: \"empty\" value: \"\" } "
               "txt { key: \"guid\" value: \"2\" } txt { key: \"Name\" value: \"x\" }");
     EXPECT_EQ(Type("mdns removeservice type=_t._tcp."), "");

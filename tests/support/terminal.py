@@ -1,5 +1,6 @@
 """A program at a terminal of its own, and what stands on its screen."""
 import fcntl
+import functools
 import os
 import pty
 import re
@@ -72,15 +73,16 @@ class Screen:
 
 
 class Terminal:
-    """`wrap`, if given, starts the process: subprocess.Popen or what takes the same arguments."""
+    """`start`: subprocess.Popen, or what takes the same arguments and makes a session of its own."""
 
-    def __init__(self, command, environment, columns=80, wrap=subprocess.Popen):
+    def __init__(self, command, environment, columns=80, start=functools.partial(subprocess.Popen, start_new_session=True)):
         self._master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
         self.screen = Screen(columns)
-        self.process = wrap(command, stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
-                            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
-                            env={**os.environ, "TERM": "xterm", "LC_ALL": "C.UTF-8", **environment})
+        environment = {"TERM": "xterm", "LC_ALL": "C.UTF-8", **environment}
+        self.process = start(["env", *(f"{name}={value}" for name, value in environment.items()), *command],
+                             stdin=slave, stdout=slave, stderr=slave,
+                             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
         os.close(slave)
 
     def type(self, text, key="enter"):

@@ -95,6 +95,16 @@ class LabCase(unittest.TestCase):
             time.sleep(0.2)
         return self.fail(f"{observer} does not resolve \"{instance}\" of {service_type} within {seconds} s: {seen}")
 
+    def withdrawn(self, observer, instance, service_type, seconds=15):
+        """avahi-browse in a product's namespace no longer has the record, waited for."""
+        deadline = time.monotonic() + seconds
+        while time.monotonic() < deadline:
+            browse = self.lab.run(observer, ["avahi-browse", "-pt", service_type], timeout=seconds)
+            if instance not in [unescape(line.split(";")[3]).decode() for line in browse.stdout.splitlines()]:
+                return
+            time.sleep(0.2)
+        self.fail(f"\"{instance}\" of {service_type} is still there")
+
     def assert_published(self, name, since=None, **options):
         """The whole record of a product, seen from another one. `since` is a size of the service's log: what the mDNS
         daemons still remember of before does not count.
