@@ -1,7 +1,7 @@
 #include "LineServer.h"
 
 #include "DPrint.h"
-#include "SocketFile.h"
+#include "ListeningSocket.h"
 #include "Task.h"
 #include "TaskIo.h"
 
@@ -29,6 +29,8 @@ using Protocol = asio::local::stream_protocol;
 using ErrorCode = boost::system::error_code;
 
 const DPrint s_log("CLIClient");
+
+constexpr mode_t kFileMode = 0600; ///< who may connect may do everything
 
 /// "process 123, user 0".
 std::string PeerOf(Protocol::socket& socket)
@@ -219,7 +221,7 @@ struct LineServer::Impl
 
     NotifyTargetTaskIF* const task;
     const Answers answers;
-    std::unique_ptr<SocketFile> file;
+    std::unique_ptr<ListeningSocket> file;
     std::unique_ptr<Protocol::acceptor> acceptor;
     std::unique_ptr<asio::steady_timer> pause;
     std::vector<std::shared_ptr<Session>> sessions;
@@ -235,9 +237,11 @@ LineServer::~LineServer() = default;
 
 bool LineServer::Open(const std::string& path, std::string& error)
 {
-    auto file = std::make_unique<SocketFile>();
-    if (!file->Listen(path, error))
+    auto file = std::make_unique<ListeningSocket>();
+    error = file->Open(path, kFileMode);
+    if (!error.empty())
     {
+        error = path + ": " + error;
         return false;
     }
     asio::io_context& io = IL::IoContextOf(m_impl->task);

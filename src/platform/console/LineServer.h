@@ -36,7 +36,7 @@ public:
     LineServer(const LineServer&) = delete;
     LineServer& operator=(const LineServer&) = delete;
 
-    /// False, with the reason in `error`, where there can be no socket; see SocketFile.
+    /// False, with the reason in `error`, where there can be no socket; see ListeningSocket.
     [[nodiscard]] bool Open(const std::string& path, std::string& error);
     /// To every client.
     void Broadcast(const std::string& line);

@@ -147,7 +147,7 @@ public:
             DPRINTF(m_log, DPrint::LEVEL_ERROR, "%s: it listens already", address.ToString().c_str());
             return {};
         }
-        const std::string fault = m_file.Open(address.ToString());
+        const std::string fault = m_file.Open(address.ToString(), 0660);
         if (!fault.empty())
         {
             DPRINTF(m_log, DPrint::LEVEL_ERROR, "cannot listen on %s: %s", address.ToString().c_str(), fault.c_str());

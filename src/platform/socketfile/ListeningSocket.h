@@ -13,8 +13,9 @@ public:
     ListeningSocket(const ListeningSocket&) = delete;
     ListeningSocket& operator=(const ListeningSocket&) = delete;
 
-    /// Makes the file, mode 0660. One that nobody listens on is replaced. Empty on success, else what is wrong.
-    [[nodiscard]] std::string Open(const std::string& path);
+    /// Makes the file, with that mode from the first moment in which anybody can connect. One that nobody listens on is
+    /// replaced. Empty on success, else what is wrong.
+    [[nodiscard]] std::string Open(const std::string& path, mode_t mode);
 
     /// The caller's from here on.
     int Release();
@@ -23,7 +24,7 @@ public:
     void RemoveFile();
 
 private:
-    std::string Bind(const std::string& path);
+    std::string Bind(const std::string& path, mode_t mode);
 
     int m_descriptor = -1;
     std::string m_path; ///< empty: no file is ours

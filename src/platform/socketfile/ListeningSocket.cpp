@@ -14,8 +14,6 @@
 namespace
 {
 
-constexpr mode_t kMode = 0660;
-
 std::string ErrorText(int error)
 {
     return std::generic_category().message(error);
@@ -99,7 +97,7 @@ ListeningSocket::~ListeningSocket()
     RemoveFile();
 }
 
-std::string ListeningSocket::Open(const std::string& path)
+std::string ListeningSocket::Open(const std::string& path, mode_t mode)
 {
     if (path.empty() || path.size() >= sizeof(sockaddr_un::sun_path))
     {
@@ -113,10 +111,10 @@ std::string ListeningSocket::Open(const std::string& path)
         return ErrorText(errno);
     }
     const std::string obstacle = RemoveLeftover(path);
-    return obstacle.empty() ? Bind(path) : obstacle;
+    return obstacle.empty() ? Bind(path, mode) : obstacle;
 }
 
-std::string ListeningSocket::Bind(const std::string& path)
+std::string ListeningSocket::Bind(const std::string& path, mode_t mode)
 {
     const int descriptor = MakeSocket();
     if (descriptor < 0)
@@ -131,8 +129,7 @@ std::string ListeningSocket::Bind(const std::string& path)
     }
     // Nobody can connect before the last of these, so nobody comes in by another mode.
     struct stat status = {};
-    if (::chmod(path.c_str(), kMode) != 0 || ::lstat(path.c_str(), &status) != 0 ||
-        ::listen(descriptor, SOMAXCONN) != 0)
+    if (::chmod(path.c_str(), mode) != 0 || ::lstat(path.c_str(), &status) != 0 || ::listen(descriptor, SOMAXCONN) != 0)
     {
         return ErrorText(errno);
     }
