@@ -1,0 +1,133 @@
+/// What clients write on a local socket, through framing, envelope and router. An input is a connection's bytes.
+#include "AsyncCallback.h"
+#include "ConnectorSocket.h"
+#include "DPrint.h"
+#include "IPCFraming.h"
+#include "IPCMessageEnvelope.h"
+#include "IPCMessageRouterFactory.h"
+#include "IPCMessageRouterIF.h"
+#include "RealTask.h"
+#include "SocketClient.h"
+#include "SonarixPb.pb.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace
+{
+
+using IPCFraming::FrameReader;
+
+void Require(bool holds, const char* what)
+{
+    if (!holds)
+    {
+        std::fprintf(stderr, "%s\n", what);
+        std::abort();
+    }
+}
+
+struct Outcome
+{
+    int taken = 0;
+    int rejected = 0;
+};
+
+/// By the framing alone, from one piece.
+template <class T>
+void Judge(const IPCMessageEnvelope& envelope, Outcome& outcome)
+{
+    T message;
+    const bool isOther = envelope.has_payload_type() && envelope.payload_type() != T::descriptor()->name();
+    ++(isOther || !envelope.GetPayload(message) ? outcome.rejected : outcome.taken);
+}
+
+Outcome Expected(std::string_view bytes)
+{
+    Outcome outcome;
+    FrameReader reader;
+    reader.Append(bytes);
+    IPCMessageEnvelope envelope;
+    while (reader.Next(envelope) == FrameReader::ENVELOPE)
+    {
+        if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == 2)
+        {
+            Judge<SonarixPb::ServiceId>(envelope, outcome);
+        }
+        else if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == 3)
+        {
+            Judge<SonarixPb::Service>(envelope, outcome);
+        }
+        else if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == 5)
+        {
+            Judge<SonarixPb::DeviceInfo>(envelope, outcome);
+        }
+    }
+    return outcome;
+}
+
+class Service
+{
+public:
+    Service()
+    {
+        DPrint::SetLevels("7");
+        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
+    }
+
+    Outcome Serve(std::string_view bytes)
+    {
+        int sockets[2];
+        Require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) == 0, "no sockets");
+        std::shared_ptr<IPCMessageRouterIF> router;
+        Outcome outcome;
+        m_task.Run(
+            [&]
+            {
+                router = IPCMessageRouterFactory::CreateRouter("Router", m_task.Get(), nullptr);
+                Attach<SonarixPb::ServiceId>(*router, 2, outcome);
+                Attach<SonarixPb::Service>(*router, 3, outcome);
+                Attach<SonarixPb::DeviceInfo>(*router, 5, outcome);
+                router->Start(std::make_shared<Network::ConnectorSocket>(sockets[0]), nullptr);
+            });
+        SocketClient client(sockets[1]);
+        const std::size_t cut = bytes.empty() ? 0 : static_cast<unsigned char>(bytes.back()) % bytes.size();
+        client.Write(bytes.substr(0, cut)); // in two pieces, or three
+        m_task.Drain();
+        client.Write(bytes.substr(cut));
+        ::shutdown(sockets[1], SHUT_WR);
+        while (const std::optional<IPCMessageEnvelope> answer = client.Read())
+        {
+            Require(answer->kind() == IPCMessageEnvelope::REJECT && answer->payload().empty(), "not a reject");
+            ++outcome.rejected;
+        }
+        m_task.Run([&] { router.reset(); });
+        return outcome;
+    }
+
+private:
+    template <class T>
+    void Attach(IPCMessageRouterIF& router, unsigned int id, Outcome& outcome)
+    {
+        router.AttachForRequest(id, AsyncCallback<T, unsigned int>(
+                                        [&outcome](const T&, const unsigned int&) { ++outcome.taken; }, m_task.Get()));
+    }
+
+    const RealTask m_task{"DiscoveryServiceIPCServerTask"};
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    static auto* const s_service = new Service; // its task ends with the process
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    const Outcome expected = Expected(bytes);
+    const Outcome outcome = s_service->Serve(bytes);
+    Require(outcome.taken == expected.taken, "requests that were lost, or made up");
+    Require(outcome.rejected == expected.rejected, "rejects that were lost, or made up");
+    return 0;
+}
