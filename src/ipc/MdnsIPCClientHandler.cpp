@@ -115,20 +115,47 @@ void MdnsIPCClientHandler::HandleDiscoveredDeviceListRequest(const SonarixPb::Se
         return;
     }
     DPRINT(m_log, DPrint::LEVEL_INFO, "Got request for serviceType: " << request.type());
-    m_mdnsProtocol->GetProductList(
-        request.type(), AsyncCallback<Sonarix::ProductList>(
-                            [self = shared_from_this(), type = request.type(), tid](const Sonarix::ProductList& list)
-                            { self->DiscoveredDeviceListResponse(type, tid, list); },
-                            m_task));
+    if (m_listsUnderWay < kMaxListsUnderWay)
+    {
+        AskForList(request.type(), tid);
+    }
+    else if (m_listsWaiting.size() < kMaxListsWaiting)
+    {
+        m_listsWaiting.emplace_back(request.type(), tid);
+    }
+    else
+    {
+        DPRINT(m_log, DPrint::LEVEL_WARNING, "the connection ends: " << kMaxListsWaiting << " lists wait already");
+        HandleDisconnect();
+    }
+}
+
+void MdnsIPCClientHandler::AskForList(const std::string& serviceType, unsigned int tid)
+{
+    ++m_listsUnderWay;
+    m_mdnsProtocol->GetProductList(serviceType,
+                                   AsyncCallback<Sonarix::ProductList>(
+                                       [self = shared_from_this(), serviceType, tid](const Sonarix::ProductList& list)
+                                       { self->DiscoveredDeviceListResponse(serviceType, tid, list); },
+                                       m_task));
 }
 
 void MdnsIPCClientHandler::DiscoveredDeviceListResponse(const std::string& serviceType, unsigned int tid,
                                                         const Sonarix::ProductList& list)
 {
     DPRINT(m_log, DPrint::LEVEL_INFO, "Got response for serviceType: " << serviceType);
-    if (const std::shared_ptr<IPCMessageRouterIF> router = Router())
+    --m_listsUnderWay;
+    const std::shared_ptr<IPCMessageRouterIF> router = Router();
+    if (!router)
     {
-        SendDeviceList(*router, list, tid);
+        return;
+    }
+    SendDeviceList(*router, list, tid);
+    if (!m_listsWaiting.empty())
+    {
+        const auto [nextType, nextTid] = std::move(m_listsWaiting.front());
+        m_listsWaiting.pop_front();
+        AskForList(nextType, nextTid);
     }
 }
 
@@ -335,6 +362,7 @@ void MdnsIPCClientHandler::HandleDisconnect()
     {
         m_productStateConnection.Disconnect();
         m_restartConnection.Disconnect();
+        m_listsWaiting.clear();
         router->Stop();
     }
     m_disconnectRegistry.Send(CallbackConnection());

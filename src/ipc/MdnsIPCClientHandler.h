@@ -5,10 +5,13 @@
 #include "DiscoveryServiceIPCClientHandlerIF.h"
 #include "ThreadMutex.h"
 
+#include <cstddef>
+#include <deque>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 class IPCMessageRouterIF;
@@ -54,6 +57,11 @@ public:
     void SendSonarixNotification(SonarixPb::DeviceState state,
                                  const std::shared_ptr<SonarixPb::DeviceInfo>& device) override;
 
+    /// So many lists are asked for at once; more requests wait for their turn, and a client that has still more, and so
+    /// does not wait for answers, is let go: each list may be hundreds of KiB.
+    static constexpr std::size_t kMaxListsUnderWay = 4;
+    static constexpr std::size_t kMaxListsWaiting = 1000;
+
     /// Withdraws what the client has published. Nobody does so by itself: see above.
     void RemoveAllServices();
 
@@ -66,6 +74,7 @@ private:
 
     void AttachRequests(IPCMessageRouterIF& router);
     void HandleDiscoveredDeviceListRequest(const SonarixPb::ServiceId& request, unsigned int tid);
+    void AskForList(const std::string& serviceType, unsigned int tid);
     void DiscoveredDeviceListResponse(const std::string& serviceType, unsigned int tid,
                                       const Sonarix::ProductList& list);
     void HandleAddServiceRequest(const SonarixPb::Service& service, unsigned int tid);
@@ -89,6 +98,8 @@ private:
     const std::shared_ptr<MdnsDiscoveryProtocolIF> m_mdnsProtocol;
     std::optional<SonarixPb::DeviceInfo> m_initialAnnouncement; ///< the last one
     std::list<ServiceRecord> m_advertisedServices;              ///< at most one for each type
+    std::size_t m_listsUnderWay = 0;
+    std::deque<std::pair<std::string, unsigned int>> m_listsWaiting; ///< type and tid
     CallbackConnection m_productStateConnection;
     CallbackConnection m_restartConnection;
     CThreadMutex m_mutex;                            ///< guards what follows, which the mDNS task reads

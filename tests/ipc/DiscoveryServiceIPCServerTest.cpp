@@ -1,6 +1,7 @@
 #include "DiscoveryServiceIPCServer.h"
 #include "FakeDiscovery.h"
 #include "LogCapture.h"
+#include "MdnsIPCClientHandler.h"
 #include "SocketClient.h"
 #include "TempDirectory.h"
 
@@ -141,6 +142,44 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsAreThoseOfTheSourceWithTheAskersTid)
     EXPECT_EQ(ssdp.Read()->kind(), IPCMessageEnvelope::REJECT) << "of another type";
     ssdp.Request(3, 3, Service("a", "_a._tcp"));
     EXPECT_EQ(ListSsdp(ssdp).device_size(), 1) << "there is nothing to add to";
+}
+
+TEST_F(DiscoveryServiceIPCServerTest, ListsThatAreAskedForFasterThanAnsweredTakeTurns)
+{
+    m_mdns->answerAtOnce.reset();
+    SocketClient client = Mdns();
+    const auto settle = [](SocketClient& asked) // overtakes what waits
+    {
+        asked.Request(3, 1, Service("a", "_a._tcp"));
+        asked.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    };
+    constexpr unsigned int kCount = 100;
+    for (unsigned int tid = 0; tid < kCount; ++tid)
+    {
+        client.Request(2, tid, Type("_a._tcp"));
+    }
+    for (unsigned int tid = 0; tid < kCount; ++tid)
+    {
+        settle(client);
+        EXPECT_LE(m_mdns->WaitingLists(), MdnsIPCClientHandler::kMaxListsUnderWay);
+        ASSERT_TRUE(m_mdns->AnswerList({}));
+        const std::optional<IPCMessageEnvelope> answer = client.Read();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->tid(), tid);
+    }
+
+    SocketClient other = Mdns();
+    settle(other);
+    for (unsigned int tid = 0; tid < MdnsIPCClientHandler::kMaxListsWaiting + 5; ++tid)
+    {
+        client.Request(2, tid, Type("_a._tcp"));
+    }
+    EXPECT_TRUE(client.AwaitEnd());
+    settle(other);
+    while (m_mdns->AnswerList({})) // nobody waits for them any more
+    {
+        settle(other);
+    }
 }
 
 TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain)

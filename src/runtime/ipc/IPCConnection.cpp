@@ -19,7 +19,7 @@ namespace
 
 using Descriptor = boost::asio::posix::descriptor_base;
 
-constexpr std::size_t kReadBytes = std::size_t{32} * 1024; ///< at once, then the task's other work has its turn
+constexpr std::size_t kReadBytes = std::size_t{4} * 1024; ///< at once, then the other clients have their turn
 constexpr std::size_t kTidyBytes = std::size_t{1024} * 1024;
 
 /// How many bytes the kernel took; 0 where its buffer is full. False: the peer cannot be written to any more.
