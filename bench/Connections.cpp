@@ -16,43 +16,17 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace
 {
 
 constexpr unsigned int kConnectLimitMs = 60'000;
-
-/// KiB that this process alone has written to: what a connection really takes from the product.
-long PrivateDirty(pid_t process)
-{
-    std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
-    long total = 0;
-    for (std::string line; std::getline(rollup, line);)
-    {
-        long kib = 0;
-        if (std::sscanf(line.c_str(), "Private_Dirty: %ld kB", &kib) == 1)
-        {
-            total += kib;
-        }
-    }
-    return total;
-}
-
-void RaiseDescriptorLimit()
-{
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 /// Adds clients up to `wanted` and waits until each of them has its connection. False after the limit.
 bool ConnectUpTo(std::size_t wanted, int port, NotifyTargetTaskIF* task,

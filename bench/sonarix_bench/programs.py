@@ -20,4 +20,5 @@ BENCHES = {
     "connections": _program("connections", "{gateway}", "1000"),
     "publish": _program("publish", "{gateway}"),
     "micro": _program("micro"),
+    "ipc": _program("ipc"),
 }

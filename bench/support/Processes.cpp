@@ -7,6 +7,7 @@
 #include <csignal>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -65,6 +66,29 @@ double PeakMemory(pid_t process)
 void ForgetPeakMemory(pid_t process)
 {
     std::ofstream("/proc/" + std::to_string(process) + "/clear_refs") << "5";
+}
+
+long PrivateDirty(pid_t process)
+{
+    std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
+    long total = 0;
+    for (std::string line; std::getline(rollup, line);)
+    {
+        long kib = 0;
+        if (std::sscanf(line.c_str(), "Private_Dirty: %ld kB", &kib) == 1)
+        {
+            total += kib;
+        }
+    }
+    return total;
+}
+
+void RaiseDescriptorLimit()
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, int inherited)

@@ -15,6 +15,12 @@ double ProcessCpu(pid_t process);
 double PeakMemory(pid_t process);
 void ForgetPeakMemory(pid_t process);
 
+/// KiB that the process alone has written to: what it really takes from the product.
+long PrivateDirty(pid_t process);
+
+/// As many as this process may have.
+void RaiseDescriptorLimit();
+
 /// A program that ends with this object, and with this process however that ends. On the main thread.
 class ChildProcess
 {
