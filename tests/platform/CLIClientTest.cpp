@@ -386,6 +386,30 @@ TEST_F(CLIClientTest, EndWaitsForTheCommandThatRunsAndNothingIsCalledAfterwards)
     m_client->SendAsyncResponse("late");
 }
 
+TEST_F(CLIClientTest, ConsoleEndsOnItsTaskThoughTheClientGoesFirst)
+{
+    Open();
+    RawConsole person(Path());
+    EXPECT_EQ(person.Run("lamp"), Answer("lamp"));
+    std::promise<void> isHeldUp;
+    std::promise<void> goOn;
+    IL::BreakThread(
+        [&]
+        {
+            isHeldUp.set_value();
+            goOn.get_future().wait();
+        },
+        m_task.Get());
+    isHeldUp.get_future().wait();
+    IL::StopTask(m_task.Get());
+    m_client.reset();
+    EXPECT_TRUE(std::filesystem::exists(Path())) << "the task still serves it";
+    goOn.set_value();
+    EXPECT_EQ(person.Line(), std::nullopt);
+    m_task.StopAndJoin();
+    EXPECT_FALSE(std::filesystem::exists(Path()));
+}
+
 TEST_F(CLIClientTest, AcceptingGoesOnWhenDescriptorsAreFreeAgain)
 {
     Open();

@@ -102,14 +102,9 @@ private:
             return;
         }
         m_server = server;
-        m_stop = m_task.load()->ConnectStopNotification(
-            [weak = weak_from_this()]
-            {
-                if (const std::shared_ptr<Impl> self = weak.lock())
-                {
-                    self->Close();
-                }
-            });
+        // Holds us until Close(): a client that ends right after its task was stopped must not take the sockets along
+        // on its own thread, while the task still serves them.
+        m_stop = m_task.load()->ConnectStopNotification([self = shared_from_this()] { self->Close(); });
     }
 
     bool Run(const std::string& command, const std::list<std::string>& arguments, std::string& response)
