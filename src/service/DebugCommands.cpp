@@ -66,6 +66,13 @@ struct DebugCommands::TestingList
     Sonarix::ProductList products = {};
 };
 
+/// What mDNS told, in the order of its answers. Outlives the command where one comes late.
+struct DebugCommands::MdnsAnswers
+{
+    CThreadMutex mutex;
+    std::string text;
+};
+
 DebugCommands::DebugCommands(Surroundings surroundings)
     : m_with(std::move(surroundings))
     , m_ssdp(new TestingList{SXCommon::SSDP})
@@ -195,46 +202,39 @@ std::string DebugCommands::ClearSsdp()
 
 std::string DebugCommands::ListMdns(const Arguments& arguments) const
 {
-    std::string text;
+    const auto answers = std::make_shared<MdnsAnswers>();
     if (!CanUseMdns())
     {
-        text = "( MDNS not running! )\n";
+        answers->text = "( MDNS not running! )\n";
     }
     else if (!arguments.empty())
     {
-        text = AskMdns(arguments.front());
+        AskMdns(arguments.front(), answers);
     }
     else
     {
-        text = AskMdns(kRendererType);
-        text += AskMdns(kClockType);
+        AskMdns(kRendererType, answers);
+        AskMdns(kClockType, answers);
     }
-    return text + "\n ---  Testing devices list -----\n" + ProductListText(m_mdns->products);
+    const ScopedMutex lock(answers->mutex);
+    return answers->text + "\n ---  Testing devices list -----\n" + ProductListText(m_mdns->products);
 }
 
-/// Empty where mDNS does not answer in time.
-std::string DebugCommands::AskMdns(const std::string& serviceType) const
+/// Waits for the answer, which adds to `answers` whenever it comes.
+void DebugCommands::AskMdns(const std::string& serviceType, const std::shared_ptr<MdnsAnswers>& answers) const
 {
-    struct Answer // outlives us where it comes late
-    {
-        CThreadMutex mutex;
-        std::string text;
-        ConditionSemaphore isThere{0};
-    };
-    const auto answer = std::make_shared<Answer>();
+    const auto isThere = std::make_shared<ConditionSemaphore>(0);
     m_with.mdns->GetProductList(serviceType,
-                                [answer, serviceType](const Sonarix::ProductList& list)
+                                [answers, isThere, serviceType](const Sonarix::ProductList& list)
                                 {
                                     {
-                                        const ScopedMutex lock(answer->mutex);
-                                        answer->text = "---  Remote devices list  for service name :" + serviceType +
-                                                       "----- \n" + ProductListText(list);
+                                        const ScopedMutex lock(answers->mutex);
+                                        answers->text += "---  Remote devices list  for service name :" + serviceType +
+                                                         "----- \n" + ProductListText(list);
                                     }
-                                    answer->isThere.Signal();
+                                    isThere->Signal();
                                 });
-    answer->isThere.Wait(kListWaitMs);
-    const ScopedMutex lock(answer->mutex);
-    return answer->text;
+    isThere->Wait(kListWaitMs);
 }
 
 std::string DebugCommands::StartMdns()
@@ -285,41 +285,30 @@ std::string DebugCommands::ClearMdns(const Arguments& arguments)
 
 void DebugCommands::AddService(const Arguments& arguments)
 {
-    if (!CanUseMdns() || arguments.empty())
-    {
-        return;
-    }
     SonarixPb::Service service;
     service.mutable_id()->set_interface(-1); // any: unset it is the interface 0, which there is none of
-    std::vector<std::string> skipped;
-    DebugArguments::Read(arguments, service, skipped);
-    Skip(skipped);
-    m_with.mdns->AddService(service);
+    if (CanUseMdns() && Read(arguments, service))
+    {
+        m_with.mdns->AddService(service);
+    }
 }
 
 void DebugCommands::RemoveService(const Arguments& arguments)
 {
-    if (!CanUseMdns() || arguments.empty())
-    {
-        return;
-    }
     SonarixPb::Service service;
-    std::vector<std::string> skipped;
-    DebugArguments::Read(arguments, service, skipped);
-    Skip(skipped);
-    m_with.mdns->RemoveService(service);
+    if (CanUseMdns() && Read(arguments, service))
+    {
+        m_with.mdns->RemoveService(service);
+    }
 }
 
 // ---- both ---------------------------------------------------------------------------------------------------
 
 std::string DebugCommands::AddDevice(TestingList& list, const Arguments& arguments)
 {
-    if (!arguments.empty())
+    Sonarix::ProductInfo info;
+    if (Read(arguments, info))
     {
-        Sonarix::ProductInfo info;
-        std::vector<std::string> skipped;
-        DebugArguments::Read(arguments, info, skipped);
-        Skip(skipped);
         auto* const products = list.products.mutable_products();
         const auto known = std::find_if(products->begin(), products->end(),
                                         [&info](const Sonarix::Product& product)
@@ -383,6 +372,16 @@ void DebugCommands::Flush(TestingList& list)
         AnnounceOffline(product);
     }
     list.products.Clear();
+}
+
+/// False where nothing is left of the arguments.
+template <class Record>
+bool DebugCommands::Read(const Arguments& arguments, Record& record) const
+{
+    std::vector<std::string> skipped;
+    DebugArguments::Read(arguments, record, skipped);
+    Skip(skipped);
+    return skipped.size() < arguments.size();
 }
 
 void DebugCommands::CheckArguments(int cmdKey, const Arguments& arguments)

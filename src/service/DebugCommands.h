@@ -55,6 +55,7 @@ public:
     static constexpr unsigned kListWaitMs = 1000;
 
 private:
+    struct MdnsAnswers;
     struct TestingList;
     using Arguments = std::list<std::string>;
 
@@ -65,7 +66,7 @@ private:
     std::string StopSsdp();
     std::string ClearSsdp();
     std::string ListMdns(const Arguments& arguments) const;
-    std::string AskMdns(const std::string& serviceType) const;
+    void AskMdns(const std::string& serviceType, const std::shared_ptr<MdnsAnswers>& answers) const;
     std::string StartMdns();
     std::string StopMdns();
     std::string ClearMdns(const Arguments& arguments);
@@ -79,6 +80,8 @@ private:
     void AnnounceOffline(Sonarix::Product product);
     void Announce(const Sonarix::Product& product);
     void Flush(TestingList& list);
+    template <class Record>
+    bool Read(const Arguments& arguments, Record& record) const;
     void CheckArguments(int cmdKey, const Arguments& arguments);
     void Skip(const std::vector<std::string>& arguments) const;
 
