@@ -121,7 +121,7 @@ void IPCConnection::Send(const std::string& frame)
     std::size_t written = 0;
     if (m_waiting.empty() && !WriteSome(m_socket.native_handle(), frame, written))
     {
-        PostEnd("");
+        StopSending();
         return;
     }
     if (written == frame.size())
@@ -131,7 +131,9 @@ void IPCConnection::Send(const std::string& frame)
     const std::size_t waiting = m_waiting.size() - m_written + frame.size() - written;
     if (waiting > kMaxWaitingBytes)
     {
-        PostEnd(std::to_string(waiting) + " bytes wait for it to read");
+        StopSending();
+        const std::string reason = std::to_string(waiting) + " bytes wait for it to read";
+        IL::BreakThread([self = shared_from_this(), reason] { self->End(reason); }, m_task);
         return;
     }
     m_waiting.append(frame, written);
@@ -168,7 +170,7 @@ void IPCConnection::Write()
         std::size_t written = 0;
         if (!WriteSome(m_socket.native_handle(), std::string_view(m_waiting).substr(m_written), written))
         {
-            PostEnd("");
+            StopSending();
             return;
         }
         m_written += written;
@@ -187,12 +189,12 @@ void IPCConnection::Write()
     WaitToWrite();
 }
 
-/// With the mutex held. Nothing is sent from here on.
-void IPCConnection::PostEnd(const std::string& reason)
+/// With the mutex held. A peer that cannot be written to has not ended by that: what it wrote before it went is still
+/// to be read, and its end comes behind it.
+void IPCConnection::StopSending()
 {
     m_isOpen = false;
     std::string().swap(m_waiting);
-    IL::BreakThread([self = shared_from_this(), reason] { self->End(reason); }, m_task);
 }
 
 void IPCConnection::End(const std::string& reason)
@@ -223,8 +225,7 @@ void IPCConnection::Close()
 void IPCConnection::Shut()
 {
     const std::lock_guard lock(m_mutex);
-    m_isOpen = false;
-    std::string().swap(m_waiting);
+    StopSending();
     boost::system::error_code ignored;
     m_socket.close(ignored);
 }

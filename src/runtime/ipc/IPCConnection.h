@@ -49,7 +49,7 @@ private:
     void Deliver();
     void WaitToWrite();
     void Write();
-    void PostEnd(const std::string& reason);
+    void StopSending();
     void End(const std::string& reason);
     void Shut();
 
@@ -62,8 +62,8 @@ private:
     IPCFraming::FrameReader m_reader;
     std::shared_ptr<const Handlers> m_handlers; ///< null before Start() and after the end
 
-    std::mutex m_mutex; ///< guards what follows, and the descriptor from being closed during a send
-    bool m_isOpen = true;
+    std::mutex m_mutex;    ///< guards what follows, and the descriptor from being closed during a send
+    bool m_isOpen = true;  ///< false: nothing is sent any more
     std::string m_waiting; ///< what the kernel has not taken yet, from m_written on
     std::size_t m_written = 0;
     bool m_isWriteAwaited = false;

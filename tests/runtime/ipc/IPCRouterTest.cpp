@@ -220,6 +220,38 @@ TEST(IPCRouterTest, FramesOfManyThreadsStayWhole)
     }
 }
 
+/// Whoever asks for something, a removal for one, and goes at once has asked for it: also where a notification that is
+/// sent meanwhile finds nobody there.
+TEST(IPCRouterTest, RequestsOfAClientThatHasGoneCount)
+{
+    const LogCapture log;
+    const RealTask task;
+    int sockets[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+    SocketClient client(sockets[1]);
+    const auto router = IPCMessageRouterFactory::CreateRouter("Router", task.Get(), nullptr);
+    Watched<int> calls;
+    Watched<int> disconnects;
+    const auto increment = [](int& count) { ++count; };
+    constexpr int kRequests = 10; // more bytes than are read at once
+    task.Run(
+        [&]
+        {
+            router->AttachHandler(1, [&](const IPCMessageEnvelope&) { calls.Change(increment); });
+            router->Start(std::make_shared<Network::ConnectorSocket>(sockets[0]),
+                          [&] { disconnects.Change(increment); });
+            for (int count = 0; count < kRequests; ++count)
+            {
+                client.Request(1, 1, Id(std::string(5000, 'n')));
+            }
+            client.Close();
+            router->SendNotification(1, IPCMessageEnvelope());
+        });
+    EXPECT_TRUE(disconnects.WaitFor(1));
+    EXPECT_EQ(calls.Get(), kRequests);
+    EXPECT_EQ(log.Text(), "");
+}
+
 TEST(IPCRouterTest, NothingIsCalledAfterTheEnd)
 {
     const RealTask task;

@@ -64,7 +64,8 @@ TEST(ServerListenerTest, LeftoverIsReplacedAndNothingElse)
     const LogCapture log;
     const TempDirectory directory;
     const RealTask task;
-    const AsyncCallback<std::shared_ptr<Network::ConnectorSocket>> ignore({}, task.Get());
+    const AsyncCallback<std::shared_ptr<Network::ConnectorSocket>> ignore(
+        [](const std::shared_ptr<Network::ConnectorSocket>&) {}, task.Get());
     const auto listenOn = [&](const std::string& path)
     {
         auto listener = IL::CreateServerListener("Listener", task.Get());
