@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -333,7 +335,10 @@ TEST_F(CLIClientTest, SocketLeftByACrashIsReplacedAndALivingOneNever)
     Path().copy(address.sun_path, sizeof(address.sun_path) - 1);
     ASSERT_EQ(::bind(crashed, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     ::close(crashed);
+    const int stranger = ::open(m_directory.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::flock(stranger, LOCK_EX), 0) << "who may read the folder does not hold up the task for good";
     Open();
+    ::close(stranger);
     EXPECT_EQ(RawConsole(Path()).Run("lamp"), Answer("lamp"));
     m_client.reset();
     m_task.Drain();

@@ -1,6 +1,7 @@
 #include "ListeningSocket.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -55,6 +57,19 @@ private:
 int MakeSocket()
 {
     return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+/// For as long as the descriptor is open. One of us holds it for a moment; where a stranger does, for whom it is enough
+/// to read the folder, we do without: flock() itself would wait for good.
+void Lock(int folder)
+{
+    constexpr std::chrono::milliseconds kLimit{1000};
+    constexpr std::chrono::milliseconds kPause{5};
+    const auto until = std::chrono::steady_clock::now() + kLimit;
+    while (::flock(folder, LOCK_EX | LOCK_NB) != 0 && std::chrono::steady_clock::now() < until)
+    {
+        std::this_thread::sleep_for(kPause);
+    }
 }
 
 /// Removes the file of a socket that nobody listens on. Empty on success, else what is in the way.
@@ -106,10 +121,11 @@ std::string ListeningSocket::Open(const std::string& path, mode_t mode)
     // Two that find the same leftover at once must not each remove what the other has just made.
     const std::string directory = path.substr(0, path.find_last_of('/') + 1);
     const Descriptor lock(::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (lock.Get() < 0 || ::flock(lock.Get(), LOCK_EX) != 0)
+    if (lock.Get() < 0)
     {
         return ErrorText(errno);
     }
+    Lock(lock.Get());
     const std::string obstacle = RemoveLeftover(path);
     return obstacle.empty() ? Bind(path, mode) : obstacle;
 }
