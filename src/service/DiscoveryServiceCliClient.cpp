@@ -71,7 +71,8 @@ bool DiscoveryServiceCliClient::HandleCliCmd(const std::string& command, const s
         DPRINTF(s_log, DPrint::LEVEL_ERROR, "Missing cli handler for sonarix %s", command.c_str());
         return false;
     }
-    response = m_handler(found->second, arguments);
+    const Handler handler = m_handler; // a copy: what it does may release the last reference to us
+    response = handler(found->second, arguments);
     return true;
 }
 

@@ -23,7 +23,7 @@ public:
     /// The whole status of the network service; starts or stops discovery at an edge.
     virtual void SetNetworkStatus(const NetManager::Protobuf::NetworkStatus& status) = 0;
 
-    /// Empty where this build has no such source.
+    /// Empty where an override of its creation wants to do without.
     virtual std::shared_ptr<SsdpDiscoveryProtocolIF> GetSsdpDiscoveryProtocol() = 0;
     virtual std::shared_ptr<MdnsDiscoveryProtocolIF> GetMdnsDiscoveryProtocol() = 0;
 };
