@@ -23,8 +23,9 @@ sigset_t EndingSignals()
 
 int MillisecondsUntil(Door::Clock::time_point until)
 {
-    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - Door::Clock::now());
-    return static_cast<int>(std::max<std::int64_t>(0, std::min<std::int64_t>(rest.count(), 24 * 3600 * 1000)));
+    using std::chrono::milliseconds;
+    const auto rest = std::chrono::ceil<milliseconds>(until - Door::Clock::now());
+    return static_cast<int>(std::clamp(rest, milliseconds(0), milliseconds(std::chrono::hours(24))).count());
 }
 
 } // namespace
