@@ -13,7 +13,7 @@ _RIGHT_SECONDS = 90
 _QUIET_SECONDS = 15  # longer than a product that went is listed as ONLINE
 _MOST_AT_ONCE = 3
 _RENDERER_TYPE = "_kova-lanyard._tcp"
-_CUT_SECONDS = 3  # not when the gateways find out, each 2 s: a heartbeat on its way at a change of mode blocks its row
+_NOTICED_SECONDS = 10
 
 
 class Ruin:
@@ -78,15 +78,16 @@ class Ruin:
                                      + self._lab.deaths))
 
     def _draw(self, count):
-        """(product, program), each; no bus beside its mDNS daemon."""
+        """(product, program), `count` at most; no bus beside another program of its product."""
         victims = []
         while len(victims) < count:
             if not self._deck:
                 self._deck = [(product, program) for product in self._lab.products for program in product.programs()]
                 self._random.shuffle(self._deck)
-            product, program = self._deck.pop()
-            if not any(other is product and {*_ended_with(program)} & {*_ended_with(each)} for other, each in victims):
-                victims.append((product, program))
+            product, program = self._deck[-1]
+            if any(other is product and (each == program or "dbus" in (each, program)) for other, each in victims):
+                break
+            victims.append(self._deck.pop())
         return victims
 
     def _kill(self, product, program):
@@ -98,7 +99,10 @@ class Ruin:
             self._lab.start(product.name, each)
         if program == "dbus":
             # Without a bus no mDNS backend can be made, and none is before discovery starts anew with the network.
-            self._lab.cut(product.name, _CUT_SECONDS)
+            self._lab.link_down(product.name)
+            self._lab.wait_until(lambda tables: not tables.own(product.name).address, _NOTICED_SECONDS,
+                                 f"{product.name} knows that it has no network")
+            self._lab.link_up(product.name)
 
     def _pids(self):
         return {(product.name, program): product.pid(program)
