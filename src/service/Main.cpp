@@ -1,25 +1,9 @@
+#include "Heap.h"
 #include "ServiceEntry.h"
-
-#include <malloc.h>
-
-namespace
-{
-
-/// A published list of hundreds of products is a text of hundreds of KiB. Left to itself, the heap learns to keep
-/// blocks of that size, in an arena for each thread: after a burst of changes, twice to three times what is in use
-/// stays with the process for good. Such blocks are the kernel's own from here on, and go back to it.
-void KeepHeapSmall()
-{
-    constexpr int kLargeBlock = 256 << 10;
-    mallopt(M_MMAP_THRESHOLD, kLargeBlock);
-    mallopt(M_ARENA_MAX, 1);
-}
-
-} // namespace
 
 /// The daemon takes no arguments, and ignores those that it gets.
 int main()
 {
-    KeepHeapSmall();
+    Heap::KeepSmall();
     return SonarixService::RunService();
 }

@@ -8,6 +8,7 @@
 
 #include <libgssdp/gssdp.h>
 #include <pthread.h>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -21,6 +22,12 @@ const DPrint s_log("GSSDPHandler");
 
 const char* const kThreadName = "GSSDPMainLoop";
 const char* const kAllResources = "ssdp:all"; ///< until the first search, while the browser is switched off
+
+/// The client never forgets a host that it has heard. At a search, one that remembers more than a house has is
+/// replaced.
+constexpr std::size_t kManyHosts = 100;
+/// One that remembers too many does not live until the next search; but each new one searches, too.
+constexpr int kMinRenewalSec = 10;
 
 const char* OrEmpty(const char* text)
 {
@@ -39,6 +46,45 @@ void EndSource(GSource*& source)
 
 } // namespace
 
+/// A client and the browser on it, with the gate between them.
+struct GSSDPHandler::Ear
+{
+    /// Throws std::runtime_error with the library's reason.
+    Ear(const std::string& iface, AnnouncementGate& gate)
+    {
+        GError* error = nullptr;
+        m_client =
+            gssdp_client_new_full(iface.empty() ? nullptr : iface.c_str(), nullptr, 0, GSSDP_UDA_VERSION_1_0, &error);
+        if (m_client == nullptr)
+        {
+            const std::string message = error != nullptr ? error->message : "no client";
+            g_clear_error(&error);
+            throw std::runtime_error(message);
+        }
+        m_filter = std::make_unique<MessageFilter>(m_client, gate);
+        m_browser = gssdp_resource_browser_new(m_client, kAllResources);
+        gssdp_resource_browser_set_active(m_browser, FALSE); // nothing is searched until the first StartSearch()
+    }
+    ~Ear()
+    {
+        g_clear_object(&m_browser);
+        m_filter.reset();
+        g_clear_object(&m_client);
+    }
+    Ear(const Ear&) = delete;
+    Ear& operator=(const Ear&) = delete;
+
+    void Search(const std::string& target)
+    {
+        gssdp_resource_browser_set_target(m_browser, target.c_str());
+        gssdp_resource_browser_set_active(m_browser, TRUE);
+    }
+
+    GSSDPClient* m_client = nullptr;
+    std::unique_ptr<MessageFilter> m_filter;
+    GSSDPResourceBrowser* m_browser = nullptr;
+};
+
 /// Made and freed on the thread. m_loop and m_context may be used elsewhere while the thread runs.
 struct GSSDPHandler::MainLoop
 {
@@ -52,15 +98,13 @@ struct GSSDPHandler::MainLoop
     {
         EndSource(m_ready);
         EndSource(m_tick);
-        if (m_browser != nullptr)
+        if (m_ear)
         {
-            gssdp_resource_browser_set_active(m_browser, FALSE);
+            gssdp_resource_browser_set_active(m_ear->m_browser, FALSE);
         }
         g_main_loop_unref(m_loop);
         g_main_context_unref(m_context); // the thread's default stack has another reference
-        g_clear_object(&m_browser);
-        m_filter.reset();
-        g_clear_object(&m_client);
+        m_ear.reset();
         g_main_context_pop_thread_default(m_context);
     }
     MainLoop(const MainLoop&) = delete;
@@ -87,6 +131,7 @@ struct GSSDPHandler::MainLoop
     }
     static gboolean OnTick(gpointer handler)
     {
+        static_cast<GSSDPHandler*>(handler)->GSSDPMainLoopRenewWornClient();
         static_cast<GSSDPHandler*>(handler)->GSSDPTimeout();
         return G_SOURCE_CONTINUE;
     }
@@ -116,10 +161,10 @@ struct GSSDPHandler::MainLoop
 
     GMainContext* const m_context;
     GMainLoop* m_loop = nullptr;
-    GSSDPClient* m_client = nullptr;
     AnnouncementGate m_gate;
-    std::unique_ptr<MessageFilter> m_filter;
-    GSSDPResourceBrowser* m_browser = nullptr;
+    std::unique_ptr<Ear> m_ear;
+    std::string m_target; ///< of the last search
+    int m_sinceRenewalSec = kMinRenewalSec;
     GSource* m_tick = nullptr;
     GSource* m_ready = nullptr;
 };
@@ -236,33 +281,27 @@ void GSSDPHandler::GSSDPMainLoop()
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s - Starting main loop", __func__);
     auto owned = std::make_unique<MainLoop>();
     MainLoop& loop = *owned;
-    GError* error = nullptr;
-    loop.m_client =
-        gssdp_client_new_full(m_iface.empty() ? nullptr : m_iface.c_str(), nullptr, 0, GSSDP_UDA_VERSION_1_0, &error);
-    if (loop.m_client == nullptr)
+    try
     {
-        const std::string message = error != nullptr ? error->message : "no client";
-        g_clear_error(&error);
-        DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: Error creating the GSSDP handler client: %s", __func__,
-                message.c_str());
+        loop.m_ear = std::make_unique<Ear>(m_iface, loop.m_gate);
+    }
+    catch (const std::runtime_error& error)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: Error creating the GSSDP handler client: %s", __func__, error.what());
         owned.reset();
         const std::lock_guard lock(m_mutex);
-        m_error = message;
+        m_error = error.what();
         m_cond.notify_one();
         return;
     }
-    loop.m_filter = std::make_unique<MessageFilter>(loop.m_client, loop.m_gate);
-    if (!loop.m_filter->IsConnected())
+    if (!loop.m_ear->m_filter->IsConnected())
     {
         DPRINTF(s_log, DPrint::LEVEL_ERROR,
                 "%s: this GSSDP has no signal message-received: announcements are not checked, and one without a "
                 "colon in its USN ends the process",
                 __func__);
     }
-    loop.m_browser = gssdp_resource_browser_new(loop.m_client, kAllResources);
-    g_signal_connect(loop.m_browser, "resource-available", G_CALLBACK(&MainLoop::OnAvailable), this);
-    g_signal_connect(loop.m_browser, "resource-unavailable", G_CALLBACK(&MainLoop::OnUnavailable), this);
-    gssdp_resource_browser_set_active(loop.m_browser, FALSE); // nothing is searched until the first StartSearch()
+    Listen(*loop.m_ear);
     loop.Attach(loop.m_tick, g_timeout_source_new_seconds(1), &MainLoop::OnTick, this);
     loop.Attach(loop.m_ready, g_idle_source_new(), &MainLoop::OnStarted, this);
     {
@@ -313,13 +352,60 @@ void GSSDPHandler::GSSDPMainLoopRestartBrowser(const std::string& target)
         }
         loop = m_mainLoop.get();
     }
-    const char* const interface = OrEmpty(gssdp_client_get_interface(loop->m_client));
+    Ear* ear = loop->m_ear.get();
+    const char* const interface = OrEmpty(gssdp_client_get_interface(ear->m_client));
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s - Restarting browser on %s (%s) with filter: %s", __func__, interface,
-            OrEmpty(gssdp_client_get_host_ip(loop->m_client)), target.c_str());
-    gssdp_resource_browser_set_active(loop->m_browser, FALSE);
+            OrEmpty(gssdp_client_get_host_ip(ear->m_client)), target.c_str());
+    gssdp_resource_browser_set_active(ear->m_browser, FALSE);
     loop->m_gate.Restart(target, ReadInterfaceLink(interface));
-    gssdp_resource_browser_set_target(loop->m_browser, target.c_str());
-    gssdp_resource_browser_set_active(loop->m_browser, TRUE);
+    loop->m_target = target;
+    if (ear->m_filter->Hosts() <= kManyHosts || !RenewClient(*loop))
+    {
+        ear->Search(target);
+    }
+}
+
+void GSSDPHandler::GSSDPMainLoopRenewWornClient()
+{
+    MainLoop* loop = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        loop = m_mainLoop.get();
+    }
+    if (loop != nullptr && ++loop->m_sinceRenewalSec >= kMinRenewalSec && !loop->m_target.empty() &&
+        loop->m_ear->m_filter->Hosts() >= MessageFilter::kMaxHosts)
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING,
+               "more than " << MessageFilter::kMaxHosts << " hosts speak SSDP: they are forgotten");
+        RenewClient(*loop);
+    }
+}
+
+/// In the place of a client that remembers too many hosts; its browser goes without a word, and the new one searches at
+/// once. False: the old one stays.
+bool GSSDPHandler::RenewClient(MainLoop& loop)
+{
+    loop.m_sinceRenewalSec = 0;
+    try
+    {
+        auto ear = std::make_unique<Ear>(m_iface, loop.m_gate);
+        g_signal_handlers_disconnect_by_data(loop.m_ear->m_browser, this);
+        loop.m_ear = std::move(ear);
+    }
+    catch (const std::runtime_error& error)
+    {
+        DPRINT(s_log, DPrint::LEVEL_WARNING, "no new GSSDP client: " << error.what());
+        return false;
+    }
+    Listen(*loop.m_ear);
+    loop.m_ear->Search(loop.m_target);
+    return true;
+}
+
+void GSSDPHandler::Listen(Ear& ear)
+{
+    g_signal_connect(ear.m_browser, "resource-available", G_CALLBACK(&MainLoop::OnAvailable), this);
+    g_signal_connect(ear.m_browser, "resource-unavailable", G_CALLBACK(&MainLoop::OnUnavailable), this);
 }
 
 void GSSDPHandler::GSSDPResourceAvailableCB(const std::string& usn, const std::vector<std::string>& locations)

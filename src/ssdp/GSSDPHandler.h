@@ -24,7 +24,8 @@ namespace SonarixService
 /// Never follows a change of the interface: a new interface or address means a new handler. A client that cannot be
 /// made (no such interface, no IPv4 address) leaves the handler SEARCH_NOT_READY for good, and every search is refused.
 ///
-/// What one neighbour can do to it is bounded by the AnnouncementGate before the browser.
+/// What one neighbour can do to it is bounded by the AnnouncementGate before the browser. What the client itself
+/// remembers of neighbours, it forgets by being replaced: at a search, or in between where there are very many.
 ///
 /// Design: switching the browser off makes it report everything that it knows as unavailable and forget it; switched
 /// on again it searches and reports what answers, as if seen for the first time. Each StartSearch() does both.
@@ -43,6 +44,7 @@ public:
     bool StartSearch(const std::string& target, int timeoutSec) override;
 
 private:
+    struct Ear;
     struct MainLoop; ///< what GLib and GSSDP hold, and their callbacks
 
     void StartGssdpSearchThread();
@@ -54,6 +56,9 @@ private:
     void GSSDPMainLoopStarted();
     void GSSDPTimeout();
     void GSSDPMainLoopRestartBrowser(const std::string& target);
+    void GSSDPMainLoopRenewWornClient();
+    bool RenewClient(MainLoop& loop);
+    void Listen(Ear& ear);
     void GSSDPResourceAvailableCB(const std::string& usn, const std::vector<std::string>& locations);
     void GSSDPResourceUnavailableCB(const std::string& usn);
 

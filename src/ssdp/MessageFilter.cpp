@@ -91,10 +91,29 @@ MessageFilter::~MessageFilter()
     }
 }
 
+void MessageFilter::NoteAgent(const char* fromIp, SoupMessageHeaders* headers)
+{
+    const auto server = Header(headers, "Server");
+    const auto agent = server ? server : Header(headers, "User-Agent");
+    if (!agent)
+    {
+        return;
+    }
+    if (agent->size() > kMaxAgentBytes)
+    {
+        gssdp_client_add_cache_entry(m_client, fromIp, ""); // in the place of the long one
+    }
+    if (m_hosts.size() < kMaxHosts)
+    {
+        m_hosts.insert(ParseIPv4(fromIp).value_or(0));
+    }
+}
+
 void MessageFilter::OnMessageReceived(GSSDPClient* client, const char* fromIp, unsigned, int type,
                                       SoupMessageHeaders* headers, void* self)
 {
     auto* const filter = static_cast<MessageFilter*>(self);
+    filter->NoteAgent(fromIp, headers);
     if (!filter->m_gate.Admit(ToMessage(type, headers), fromIp, MonotonicClock::NowMs()))
     {
         g_signal_stop_emission(client, filter->m_signalId, 0);

@@ -3,6 +3,7 @@
 #include "AsyncCallback.h"
 #include "DPrint.h"
 #include "GSSDPHandlerFactory.h"
+#include "Heap.h"
 #include "Sonarix.pb.h"
 #include "Task.h"
 
@@ -204,6 +205,7 @@ void SsdpDiscovery::OnSearchStatus(GSSDPHandlerIF::SearchStatus status)
         return;
     }
     RemoveOfflineDevices();
+    Heap::GiveBack(); // of many that have gone; what the others make of it, after the next search
     if (s_log.IsLog(DPrint::LEVEL_VERBOSE))
     {
         const ScopedMutex lock(m_mutex);
