@@ -9,7 +9,7 @@ import re
 import time
 import unittest
 
-from labcase import LabCase
+from labcase import LabCase, held_by
 
 ROUNDS = int(os.environ.get("SONARIX_CROWD_ROUNDS", "3"))
 CROWD = 500
@@ -72,13 +72,6 @@ class Crowd(LabCase):
         deadline = time.monotonic() + limit
         while self.lab.wait_change(seconds):
             self.assertLess(time.monotonic(), deadline, "lists are published without end")
-
-
-def held_by(pid):
-    """(KiB of private dirty memory, threads, descriptors) of a process."""
-    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
-        private_dirty = int(re.search(r"Private_Dirty:\s+(\d+) kB", file.read())[1])
-    return private_dirty, len(os.listdir(f"/proc/{pid}/task")), len(os.listdir(f"/proc/{pid}/fd"))
 
 
 if __name__ == "__main__":

@@ -177,3 +177,10 @@ def cpu_seconds(pid):
     with open(f"/proc/{pid}/stat", "rb") as file:
         fields = file.read().rpartition(b")")[2].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def held_by(pid):
+    """(KiB of private dirty memory, threads, descriptors) of a process."""
+    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
+        private_dirty = int(re.search(r"Private_Dirty:\s+(\d+) kB", file.read())[1])
+    return private_dirty, len(os.listdir(f"/proc/{pid}/task")), len(os.listdir(f"/proc/{pid}/fd"))

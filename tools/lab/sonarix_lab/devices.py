@@ -1,4 +1,6 @@
 """Simulated UPnP devices, many to a process: what they are told on its standard input."""
+import subprocess
+
 from . import namespaces
 from .errors import LabError
 from .simulator import Simulator
@@ -81,6 +83,11 @@ class Devices:
     def stats(self):
         """What they have had to do: name -> number."""
         return self._simulator.stats()
+
+    def run(self, command, **options):
+        """Runs a command on their host to its end; options and result as of subprocess.run, output as text."""
+        return subprocess.run([*self._namespace.enter(), *command], capture_output=True, text=True, check=False,
+                              **options)
 
     def close(self):
         """They go without byebye, for good."""
