@@ -1,6 +1,7 @@
 #include "SsdpSpeaker.h"
 
 #include "Description.h"
+#include "MonotonicClock.h"
 #include "Schedule.h"
 
 #include <algorithm>
@@ -20,7 +21,7 @@ constexpr const char* kRoot = "upnp:rootdevice";
 constexpr const char* kServer = "Linux/5.10 UPnP/1.0 Sonarix-Devices/1.0";
 constexpr unsigned int kMaxMxSec = 5; // a longer one counts as this
 constexpr unsigned int kAnnouncePauseMs = 1000;
-constexpr unsigned int kFlapMs = 10;
+constexpr std::int64_t kFlapMs = 10;
 constexpr unsigned int kFullPauseMs = 5; // before a packet that the kernel had no room for is tried again
 
 std::string Trimmed(const std::string& text)
@@ -73,7 +74,7 @@ void SsdpSpeaker::Announce(std::size_t device, unsigned int afterMs)
     PlanAnnouncement(device, afterMs, 0);
     if (m_devices[device].kind == Kind::FLAPPING)
     {
-        Flap(device);
+        Flap(device, MonotonicClock::NowMs() + kFlapMs);
     }
 }
 
@@ -190,14 +191,15 @@ void SsdpSpeaker::PlanAnnouncement(std::size_t device, unsigned int afterMs, uns
            });
 }
 
-void SsdpSpeaker::Flap(std::size_t device)
+void SsdpSpeaker::Flap(std::size_t device, std::int64_t dueMs)
 {
-    InLife(device, kFlapMs,
-           [this, device](const Device& flapping)
+    const std::int64_t afterMs = std::max<std::int64_t>(0, dueMs - MonotonicClock::NowMs());
+    InLife(device, static_cast<unsigned int>(afterMs),
+           [this, device, dueMs](const Device& flapping)
            {
                Notify(flapping, kType, "ssdp:byebye");
                Notify(flapping, kType, "ssdp:alive");
-               Flap(device);
+               Flap(device, dueMs + kFlapMs); // what a busy machine has delayed is caught up with
            });
 }
 

@@ -78,7 +78,7 @@ private:
     std::vector<std::string> Targets(const Device& device) const;
     void PlanAnswer(std::size_t device, const std::string& target, const Search& search, const Endpoint& sender);
     void PlanAnnouncement(std::size_t device, unsigned int afterMs, unsigned int number);
-    void Flap(std::size_t device);
+    void Flap(std::size_t device, std::int64_t dueMs);
     void Notify(const Device& device, const std::string& target, const std::string& subType);
     void Send(const Endpoint& receiver, const std::string& text, std::uint32_t source);
     void InLife(std::size_t device, unsigned int afterMs, const std::function<void(const Device&)>& action);
