@@ -278,6 +278,7 @@ TEST_F(CLIClientTest, HundredConsolesAreSixteenAndOneThatNeverReadsCostsAnAnswer
                 << at;
         }
     }
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << m_log.Text();
     // Their places are free again as soon as the task has heard of their ends.
     for (int at = 0; at < 16; ++at)
     {

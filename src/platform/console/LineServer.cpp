@@ -226,6 +226,7 @@ struct LineServer::Impl
     std::unique_ptr<asio::steady_timer> pause;
     std::vector<std::shared_ptr<Session>> sessions;
     bool isToldOfPause = false;
+    bool isToldOfRefusal = false;
 };
 
 LineServer::LineServer(NotifyTargetTaskIF* task, Answers answers)
@@ -301,10 +302,14 @@ void LineServer::Take()
         const std::string line = m_impl->answers.tooMany + '\n'; // a new socket has room for it
         [[maybe_unused]] const ssize_t sent =
             ::send(socket.native_handle(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        DPRINT(s_log, DPrint::LEVEL_WARNING, "refused " << PeerOf(socket) << ": " << kMaxClients << " are open");
+        if (!std::exchange(m_impl->isToldOfRefusal, true)) // one who tries again and again gets no line each time
+        {
+            DPRINT(s_log, DPrint::LEVEL_WARNING, "refused " << PeerOf(socket) << ": " << kMaxClients << " are open");
+        }
     }
     else
     {
+        m_impl->isToldOfRefusal = false;
         const auto session = std::make_shared<Session>(std::move(socket), shared_from_this(), m_impl->answers);
         m_impl->sessions.push_back(session);
         DPRINT(s_log, DPrint::LEVEL_DEBUG, session->Peer() << " opened the console");
