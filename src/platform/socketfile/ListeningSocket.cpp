@@ -49,9 +49,13 @@ public:
     {
         return m_descriptor;
     }
+    int Release()
+    {
+        return std::exchange(m_descriptor, -1);
+    }
 
 private:
-    const int m_descriptor;
+    int m_descriptor;
 };
 
 int MakeSocket()
@@ -132,23 +136,22 @@ std::string ListeningSocket::Open(const std::string& path, mode_t mode)
 
 std::string ListeningSocket::Bind(const std::string& path, mode_t mode)
 {
-    const int descriptor = MakeSocket();
-    if (descriptor < 0)
-    {
-        return ErrorText(errno);
-    }
-    m_descriptor = descriptor;
+    Descriptor socket(MakeSocket());
     const sockaddr_un address = AddressOf(path);
-    if (::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (socket.Get() < 0 || ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     {
         return ErrorText(errno);
     }
     // Nobody can connect before the last of these, so nobody comes in by another mode.
     struct stat status = {};
-    if (::chmod(path.c_str(), mode) != 0 || ::lstat(path.c_str(), &status) != 0 || ::listen(descriptor, SOMAXCONN) != 0)
+    if (::chmod(path.c_str(), mode) != 0 || ::lstat(path.c_str(), &status) != 0 ||
+        ::listen(socket.Get(), SOMAXCONN) != 0)
     {
-        return ErrorText(errno);
+        const std::string fault = ErrorText(errno);
+        ::unlink(path.c_str());
+        return fault;
     }
+    m_descriptor = socket.Release();
     m_path = path;
     m_device = status.st_dev;
     m_inode = status.st_ino;
