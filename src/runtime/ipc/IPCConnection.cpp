@@ -12,6 +12,7 @@
 #include <exception>
 #include <string_view>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
 namespace
@@ -37,8 +38,15 @@ IPCConnection::IPCConnection(NotifyTargetTaskIF* task, const std::shared_ptr<con
     : m_task(task)
     , m_log(log)
     , m_peer(peer)
-    , m_socket(IL::IoContextOf(task), descriptor)
+    , m_socket(IL::IoContextOf(task))
 {
+    boost::system::error_code fault;
+    m_socket.assign(descriptor, fault);
+    if (fault) // the kernel watches only so many descriptors
+    {
+        ::close(descriptor);
+        m_isOpen = false;
+    }
 }
 
 IPCConnection::~IPCConnection() = default;
@@ -46,7 +54,14 @@ IPCConnection::~IPCConnection() = default;
 void IPCConnection::Start(Handlers handlers)
 {
     m_handlers = std::make_shared<const Handlers>(std::move(handlers));
-    WaitToRead();
+    if (m_socket.is_open())
+    {
+        WaitToRead();
+    }
+    else
+    {
+        IL::BreakThread([self = shared_from_this()] { self->End("it cannot be watched"); }, m_task);
+    }
 }
 
 void IPCConnection::WaitToRead()

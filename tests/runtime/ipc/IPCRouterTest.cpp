@@ -307,6 +307,11 @@ TEST(IPCRouterTest, NothingIsCalledAfterTheEnd)
     router->SendNotification(1, IPCMessageEnvelope());
     router->Stop();
 
+    // One that the kernel does not watch for us ends, and nothing is thrown.
+    start(std::make_shared<Network::ConnectorSocket>(100'000));
+    task.Drain();
+    EXPECT_EQ(disconnects, 2);
+
     // The task ends first.
     auto [third, thirdEnd] = pair();
     SocketClient thirdClient(thirdEnd);
@@ -314,5 +319,5 @@ TEST(IPCRouterTest, NothingIsCalledAfterTheEnd)
     task.StopAndJoin();
     router.reset();
     EXPECT_TRUE(thirdClient.AwaitEnd());
-    EXPECT_EQ(calls + disconnects, 2);
+    EXPECT_EQ(calls + disconnects, 3);
 }
