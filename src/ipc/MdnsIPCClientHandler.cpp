@@ -195,7 +195,7 @@ void MdnsIPCClientHandler::HandleRemoveServiceRequest(const SonarixPb::Service& 
 {
     DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
     m_advertisedServices.remove_if([&service](const ServiceRecord& record)
-                                   { return record.m_serviceType == service.id().type(); });
+                                   { return record.serviceType == service.id().type(); });
     if (m_mdnsProtocol)
     {
         m_mdnsProtocol->RemoveService(service);
@@ -254,10 +254,10 @@ void MdnsIPCClientHandler::AddBackAllServices()
     }
     for (const ServiceRecord& record : m_advertisedServices)
     {
-        if (record.m_service)
+        if (record.service)
         {
-            DPRINT(m_log, DPrint::LEVEL_DEBUG, "Recreate Service Advertisement: " << record.m_serviceType);
-            m_mdnsProtocol->AddService(*record.m_service);
+            DPRINT(m_log, DPrint::LEVEL_DEBUG, "Recreate Service Advertisement: " << record.serviceType);
+            m_mdnsProtocol->AddService(*record.service);
         }
     }
 }
@@ -267,10 +267,10 @@ void MdnsIPCClientHandler::RemoveAllServices()
     DPRINT(m_log, DPrint::LEVEL_INFO, "");
     for (const ServiceRecord& record : m_advertisedServices)
     {
-        if (record.m_service && m_mdnsProtocol)
+        if (record.service && m_mdnsProtocol)
         {
-            DPRINT(m_log, DPrint::LEVEL_DEBUG, "Remove Service Advertisement: " << record.m_serviceType);
-            m_mdnsProtocol->RemoveService(*record.m_service);
+            DPRINT(m_log, DPrint::LEVEL_DEBUG, "Remove Service Advertisement: " << record.serviceType);
+            m_mdnsProtocol->RemoveService(*record.service);
         }
     }
 }
@@ -280,10 +280,10 @@ void MdnsIPCClientHandler::Remember(const SonarixPb::Service& service)
 {
     const std::string& type = service.id().type();
     const auto found = std::find_if(m_advertisedServices.begin(), m_advertisedServices.end(),
-                                    [&type](const ServiceRecord& record) { return record.m_serviceType == type; });
+                                    [&type](const ServiceRecord& record) { return record.serviceType == type; });
     if (found != m_advertisedServices.end())
     {
-        found->m_service = service;
+        found->service = service;
         return;
     }
     m_advertisedServices.push_back({type, service});

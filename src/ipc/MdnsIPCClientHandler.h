@@ -68,8 +68,8 @@ public:
 private:
     struct ServiceRecord
     {
-        std::string m_serviceType;
-        std::optional<SonarixPb::Service> m_service;
+        std::string serviceType;
+        std::optional<SonarixPb::Service> service;
     };
 
     void AttachRequests(IPCMessageRouterIF& router);
