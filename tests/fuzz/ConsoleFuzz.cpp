@@ -7,13 +7,10 @@
 #include "DebugCommands.h"
 #include "DiscoveryServiceCliClient.h"
 #include "DiscoveryServicePorticoClientIF.h"
+#include "FakeDiscovery.h"
 #include "FuzzChecks.h"
 #include "LineAnswerer.h"
-#include "MdnsDiscoveryProtocolIF.h"
 #include "ProtoToMarkup.h"
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
-#include "SsdpDiscoveryProtocolIF.h"
 
 #include <nlohmann/json.hpp>
 
@@ -40,54 +37,6 @@ public:
     }
 };
 
-class Ssdp final : public SsdpDiscoveryProtocolIF
-{
-public:
-    void Start(const std::string& /*interfaceName*/) override {}
-    void Stop() override {}
-    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& /*callback*/) override
-    {
-        return {};
-    }
-    void GetProductList(Sonarix::ProductList& list) override
-    {
-        for (int count = 0; count < 3; ++count)
-        {
-            list.add_products();
-        }
-    }
-};
-
-class Mdns final : public MdnsDiscoveryProtocolIF
-{
-public:
-    void Start() override {}
-    void Stop() override {}
-    CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& /*callback*/) override
-    {
-        return {};
-    }
-    CallbackConnection RegisterForServiceRestartNotification(const Callback<>& /*callback*/) override
-    {
-        return {};
-    }
-    void GetProductList(const std::string& /*type*/, const Callback<const Sonarix::ProductList>& callback) override
-    {
-        callback({});
-    }
-    bool AddService(const SonarixPb::Service& service) override
-    {
-        ProtoToMarkup::ToJson(service, true, false, false);
-        return true;
-    }
-    void UpdateServiceTxtRecords(const SonarixPb::Service& /*service*/, const Callback<bool>& /*result*/) override {}
-    void RemoveService(const SonarixPb::Service& /*service*/) override {}
-    void BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& /*info*/) override {}
-    void BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& /*info*/) override {}
-    void NetworkWentUp() override {}
-    void NetworkWentDown() override {}
-};
-
 /// One service for each input: what was made up before does not count.
 std::unique_ptr<Console::LineAnswerer> MakeService()
 {
@@ -100,9 +49,13 @@ std::unique_ptr<Console::LineAnswerer> MakeService()
     {
         Require(s_client->RegisterCliCmd(command.key, command.command, command.help, command.usage), "twice");
     }
-    const auto commands = std::make_shared<DebugCommands>(
-        DebugCommands::Surroundings{nullptr, std::make_shared<Ssdp>(), std::make_shared<Mdns>(),
-                                    std::make_shared<Gateway>(), nullptr, [] { return std::string(); }});
+    const auto ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
+    ssdp->list.add_products();
+    ssdp->list.add_products();
+    const auto mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
+    mdns->answerAtOnce.emplace();
+    const auto commands = std::make_shared<DebugCommands>(DebugCommands::Surroundings{
+        nullptr, ssdp, mdns, std::make_shared<Gateway>(), nullptr, [] { return std::string(); }});
     s_client->Initialize([commands](int cmdKey, const std::list<std::string>& arguments)
                          { return commands->HandleCliCmd(cmdKey, arguments); });
     return std::move(s_made);

@@ -71,19 +71,12 @@ public:
             at += static_cast<std::size_t>(size);
         }
     }
-    /// As many bytes as the socket takes without waiting.
-    std::size_t SendUntilFull(const std::string& bytes) const
+    /// As much as the socket takes without waiting.
+    void SendUntilFull(const std::string& bytes) const
     {
-        std::size_t sent = 0;
-        for (ssize_t size = 0; size >= 0; sent += static_cast<std::size_t>(size))
+        while (::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
         {
-            size = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (size < 0)
-            {
-                break;
-            }
         }
-        return sent;
     }
     void SendNoMore() const
     {

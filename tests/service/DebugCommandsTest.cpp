@@ -93,6 +93,22 @@ TEST_F(DebugCommandsTest, AllCommandsAreRegisteredInOrderAndAnswered)
     }
 }
 
+TEST_F(DebugCommandsTest, CommandsAreKnownByTheirWordsAloneAndOnce)
+{
+    LogCapture log;
+    DiscoveryServiceCliClient client(nullptr);
+    std::string response;
+    EXPECT_TRUE(client.RegisterCliCmd(1, "lamp on", "", ""));
+    EXPECT_FALSE(client.RegisterCliCmd(2, " LAMP\ton", "", ""));
+    EXPECT_FALSE(client.HandleCliCmd("lamp on", {}, response)) << "no handler yet";
+    client.Initialize([](int key, const std::list<std::string>& arguments)
+                      { return std::to_string(key) + arguments.front(); });
+    EXPECT_TRUE(client.HandleCliCmd("Lamp   On", {"x"}, response));
+    EXPECT_EQ(response, "1x");
+    EXPECT_FALSE(client.HandleCliCmd("lamp off", {}, response));
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 3U) << log.Text();
+}
+
 TEST_F(DebugCommandsTest, SsdpIsStartedAndStoppedByTheConsolesOwnIdea)
 {
     m_ssdp->list = ListOf({"a"});

@@ -194,13 +194,20 @@ ExitStatus Talk::RunStream()
     return worst;
 }
 
-void Talk::Learn()
+ExitStatus Talk::Learn()
 {
     std::string text;
-    if (m_link.IsOpen() && Ask(Wire::AskForHelp(""), text))
+    if (!Ask(Wire::AskForHelp(""), text))
     {
-        m_commands = Wire::Read(text).commands;
+        return EXIT_NO_SERVICE;
     }
+    const Wire::Line answer = Wire::Read(text);
+    m_commands = answer.commands;
+    if (!answer.isOk) // there are too many of us
+    {
+        std::cerr << ForPerson(answer.text);
+    }
+    return answer.isOk ? EXIT_DONE : EXIT_ERROR_ANSWER;
 }
 
 /// What the service sends while a line is typed.
@@ -224,13 +231,13 @@ void Talk::TakeUnasked()
 
 ExitStatus Talk::RunTerminal()
 {
-    if (!Open())
-    {
-        return EXIT_NO_SERVICE;
-    }
     UseUtf8();
     m_signals.emplace();
-    Learn();
+    const ExitStatus learnt = Learn();
+    if (learnt != EXIT_DONE)
+    {
+        return learnt;
+    }
 
     Editor editor("sonarix-console", "> ", HistoryFile(), *m_signals,
                   {[this](const std::string& before) { return Completion::Of(m_commands, before); },

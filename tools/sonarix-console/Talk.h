@@ -44,7 +44,7 @@ private:
     bool Ask(const std::string& request, std::string& answer);
     void ShowAsync(const std::string& text);
     void ShowHelp(const std::vector<Wire::Command>& commands) const;
-    void Learn();
+    ExitStatus Learn();
     bool IsGivenUp();
     void TakeUnasked();
     bool Say(const std::string& problem) const;
