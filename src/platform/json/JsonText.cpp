@@ -5,7 +5,18 @@
 #include <array>
 #include <string_view>
 
-#if defined(__SSE2__)
+// A block of 16 bytes may end behind the text that it begins in, though never on another page: the sanitizers take that
+// for a fault.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SONARIX_BYTE_BY_BYTE
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SONARIX_BYTE_BY_BYTE
+#endif
+#endif
+
+#if defined(SONARIX_BYTE_BY_BYTE)
+#elif defined(__SSE2__)
 #define RAPIDJSON_SSE2 // plain text in strings, 16 bytes at a time
 #elif defined(__ARM_NEON)
 #define RAPIDJSON_NEON
