@@ -1,11 +1,14 @@
 #include "SsdpDiscoveryProtocol.h"
 
+#include "CHttpInterface.h"
 #include "DPrint.h"
 #include "Sonarix.pb.h"
 #include "SsdpDeviceParser.h"
 #include "SsdpDiscovery.h"
 #include "Task.h"
 #include "Timers.h"
+
+#include <utility>
 
 namespace SonarixService
 {
@@ -18,9 +21,15 @@ const DPrint s_log("SsdpDiscoveryProtocol");
 } // namespace
 
 SsdpDiscoveryProtocol::SsdpDiscoveryProtocol()
+    : SsdpDiscoveryProtocol(std::make_unique<CHttpInterface>(false, ""), ReadInterfaceLink)
+{
+}
+
+SsdpDiscoveryProtocol::SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, LinkReader readLink)
     : m_task(IL::CreateTask("SsdpDiscoveryProtocolTask", ""))
     , m_pollTimer(APTimerFactory::CreateTimer(m_task, "SsdpPollingTimer"))
-    , m_http(false, "")
+    , m_http(std::move(http))
+    , m_readLink(std::move(readLink))
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "SsdpDiscoveryProtocol");
 }
@@ -57,9 +66,9 @@ void SsdpDiscoveryProtocol::Stop()
 /// With the mutex held.
 void SsdpDiscoveryProtocol::BeginDiscovery()
 {
-    m_link = ReadInterfaceLink(m_interfaceName); // before the sockets are bound: what changes now differs later
+    m_link = m_readLink(m_interfaceName); // before the sockets are bound: what changes now differs later
     const SsdpDeviceParserFactory makeParser = [this](NotifyTargetTaskIF* task, const ParseCallback& parsed)
-    { return std::make_unique<SsdpDeviceParser>(&m_http, task, parsed); };
+    { return std::make_unique<SsdpDeviceParser>(m_http.get(), task, parsed); };
     m_ssdpDiscovery = std::make_shared<SsdpDiscovery>(makeParser, m_interfaceName,
                                                       [this](const Sonarix::Product& product)
                                                       { m_productRegistry.Send(product, CallbackConnection()); });
@@ -71,7 +80,7 @@ void SsdpDiscoveryProtocol::BeginDiscovery()
 void SsdpDiscoveryProtocol::EndDiscovery()
 {
     m_ssdpDiscovery.reset();
-    m_http.DiscardRequests(); // what the table has asked for; nobody hears of it any more
+    m_http->DiscardRequests(); // what the table has asked for; nobody hears of it any more
 }
 
 void SsdpDiscoveryProtocol::RefreshSonarix()
@@ -82,7 +91,7 @@ void SsdpDiscoveryProtocol::RefreshSonarix()
     {
         return;
     }
-    const InterfaceLink link = ReadInterfaceLink(m_interfaceName);
+    const InterfaceLink link = m_readLink(m_interfaceName);
     if (!link.subnets.empty() && !link.IsSameAs(m_link)) // without an address there is nothing to bind to
     {
         DPRINT(s_log, DPrint::LEVEL_INFO,

@@ -1,15 +1,16 @@
 #pragma once
 
-#include "CHttpInterface.h"
 #include "CallbackRegistry.h"
 #include "InterfaceLink.h"
 #include "SsdpDiscoveryProtocolIF.h"
 #include "ThreadMutex.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 
 class APTimerIF;
+class IHttpInterface;
 class NotifyTargetTaskIF;
 
 namespace SonarixService
@@ -33,7 +34,11 @@ class SsdpDiscoveryIF;
 class SsdpDiscoveryProtocol final : public SsdpDiscoveryProtocolIF
 {
 public:
+    using LinkReader = std::function<InterfaceLink(const std::string& interfaceName)>;
+
     SsdpDiscoveryProtocol();
+    /// Descriptions are fetched with `http`, not null; `readLink` tells of the interface before each search.
+    SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, LinkReader readLink);
     ~SsdpDiscoveryProtocol() override;
     SsdpDiscoveryProtocol(const SsdpDiscoveryProtocol&) = delete;
     SsdpDiscoveryProtocol& operator=(const SsdpDiscoveryProtocol&) = delete;
@@ -57,7 +62,8 @@ private:
     CallbackRegistry<const Sonarix::Product> m_productRegistry;
     NotifyTargetTaskIF* const m_task;
     const std::shared_ptr<APTimerIF> m_pollTimer;
-    CHttpInterface m_http;
+    const std::unique_ptr<IHttpInterface> m_http;
+    const LinkReader m_readLink;
     CThreadMutex m_mutex; ///< guards what follows and the timer calls; taken before the table's own, never after
     std::string m_interfaceName;
     InterfaceLink m_link;                             ///< as it was when the table was made

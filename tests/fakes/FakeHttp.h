@@ -14,7 +14,7 @@
 ///     ...
 ///     http.Answer(0, 200, "<root/>");
 ///     http.m_onRetryWait(true);
-class FakeHttp final : public IHttpInterface
+class FakeHttp : public IHttpInterface
 {
 public:
     OpHandle Get(const std::string& url, const ResponseCallback& callback, std::uint32_t, const std::string&,
