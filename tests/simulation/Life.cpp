@@ -45,7 +45,7 @@ public:
             device.name = NewName("Device ");
             device.address = NewAddress();
             device.isTalkative = !OneIn(3);
-            device.speaksSsdp = OneIn(4);
+            MakeSsdp(device);
             device.clockName = OneIn(m_isCrowd ? 100 : 15) ? OneIn(3) ? Any().name : device.name : "";
             if (OneIn(30))
             {
@@ -55,7 +55,7 @@ public:
             {
                 device.guid = OneIn(2) ? Model::kOwn : "";
             }
-            if (OneIn(40))
+            if (OneIn(40) && !device.ecosystem.empty())
             {
                 device.ecosystem = "another";
             }
@@ -75,7 +75,7 @@ public:
         m_world.StartService();
         Later(Upto(5000), [this] { OneIn(3) ? m_world.FailFirstStatus() : ChangeNetwork(); });
         Burst();
-        SetUp();
+        Later(Upto(1000), [this] { SetUp(); });
     }
 
     void Burst()
@@ -100,9 +100,15 @@ public:
             return;
         }
         milliseconds pause = Upto(600'000);
-        pause = OneIn(3) ? minutes(20) + Upto(1'500'000) : pause; // about when an absent product is given up
-        pause = OneIn(8) ? hours(4) + Upto(12'000'000) : pause;   // about when the sources are asked again
+        pause = OneIn(3) ? minutes(20) + Upto(1'500'000) : pause;  // about when an absent product is given up
+        pause = OneIn(8) ? hours(4) + Upto(12'000'000) : pause;    // about when the sources are asked again
+        m_world.SetMulticast(OneIn(pause < minutes(20) ? 3 : 20)); // each search takes its real time
         m_world.simulation.RunFor(pause);
+        m_world.SetMulticast(true);
+        if (OneIn(8))
+        {
+            HangDescriptions(); // when all that was lost is found again
+        }
     }
 
 private:
@@ -110,17 +116,19 @@ private:
     {
         using Event = void (Script::*)();
         static const std::vector<std::pair<unsigned, Event>> s_events{
-            {20, &Script::ComeOrGo},     {6, &Script::Rename},         {4, &Script::ChangeAddress},
-            {3, &Script::ChangeGuid},    {8, &Script::ChangeAnswers},  {4, &Script::ChangeMute},
-            {4, &Script::SpeakAgain},    {4, &Script::Children},       {3, &Script::Advertise},
-            {2, &Script::RestartDaemon}, {2, &Script::RestartGateway}, {1, &Script::PowerCut},
+            {20, &Script::ComeOrGo},      {6, &Script::Rename},          {4, &Script::ChangeAddress},
+            {3, &Script::ChangeGuid},     {8, &Script::ChangeAnswers},   {4, &Script::ChangeMute},
+            {6, &Script::ChangeLocation}, {6, &Script::ChangeDescribes}, {3, &Script::ChangeHearing},
+            {1, &Script::ChangeLink},     {4, &Script::SpeakAgain},      {4, &Script::Children},
+            {3, &Script::Advertise},      {2, &Script::RestartDaemon},   {2, &Script::RestartGateway},
+            {1, &Script::PowerCut},
         };
         if (OneIn(m_isCrowd ? 100 : 12))
         {
             ChangeNetwork();
             return;
         }
-        std::uint64_t chance = Random(61);
+        std::uint64_t chance = Random(77);
         for (const auto& [weight, event] : s_events)
         {
             if (chance < weight)
@@ -137,7 +145,8 @@ private:
         m_world.Say(device.name + " appears: " + device.guid);
         device.isThere = true;
         m_world.Announce(device);
-        Changed(device);
+        m_world.CheckSoon(device.guid);
+        Later(Upto(500), [this, &device] { m_world.AnnounceBySsdp(device); });
     }
     void Vanish(Device& device, bool saysGoodbye)
     {
@@ -146,13 +155,9 @@ private:
         if (saysGoodbye)
         {
             m_world.Withdraw(device);
+            Later(Upto(500), [this, guid = device.guid] { m_world.SayByeBySsdp(guid); });
         }
-        Changed(device);
-    }
-    void Changed(const Device& device)
-    {
         m_world.CheckSoon(device.guid);
-        Later(Upto(500), [this, &device] { m_world.SpeakSsdp(device); });
     }
 
     void ComeOrGo()
@@ -194,7 +199,9 @@ private:
     {
         Device& device = Any();
         device.address = NewAddress();
+        device.location = NewLocation(device);
         m_world.Say(device.name + " moves to " + device.address);
+        Later(Upto(2000), [this, &device] { m_world.AnnounceBySsdp(device); });
         if (m_world.IsAnnounced(device))
         {
             m_world.Announce(device); // of which browsers hear nothing
@@ -211,6 +218,43 @@ private:
         device.guid = NewName("g");
         Later(Upto(3000), [this, &device] { Appear(device); });
     }
+    void ChangeLocation()
+    {
+        Device& device = AnyBySsdp();
+        device.location = NewLocation(device);
+        ++device.version;
+        m_world.Say(device.name + " is described at " + device.location);
+        Later(Upto(2000), [this, &device] { m_world.AnnounceBySsdp(device); });
+    }
+    void ChangeDescribes()
+    {
+        using Describes = Device::Describes;
+        static const std::vector<Describes> s_describes{
+            Describes::RIGHT,    Describes::RIGHT,   Describes::RIGHT,   Describes::LATE,      Describes::BUSY,
+            Describes::ANYTHING, Describes::GARBAGE, Describes::NOTHING, Describes::NOT_FOUND, Describes::NEVER};
+        Device& device = AnyBySsdp();
+        device.describes = s_describes[Random(s_describes.size())];
+        m_world.Say(device.name + " is described by " + std::to_string(static_cast<int>(device.describes)));
+        if (OneIn(2))
+        {
+            ChangeLocation();
+        }
+    }
+    void ChangeHearing()
+    {
+        Device& device = AnyBySsdp();
+        device.isFaint = !device.isFaint && OneIn(2);
+        m_world.Say(device.name + (device.isFaint ? " is faint" : " is heard well"));
+    }
+    void ChangeLink()
+    {
+        m_world.ChangeLinkUnsaid();
+    }
+    void HangDescriptions()
+    {
+        m_world.SetDescriptionsHanging(true);
+        Later(seconds(30) + Upto(30'000), [this] { m_world.SetDescriptionsHanging(false); });
+    }
     void ChangeAnswers()
     {
         using Answers = Device::Answers;
@@ -218,6 +262,10 @@ private:
                                                     Answers::LATE,  Answers::ERROR,     Answers::GARBAGE,
                                                     Answers::NEVER, Answers::AS_ANOTHER};
         Device& device = Any();
+        if (device.ecosystem.empty())
+        {
+            return;
+        }
         device.answers = s_answers[Random(s_answers.size())];
         device.claims = OneIn(6) ? Model::kOwn : OneIn(3) ? NewName("g") : Any().guid;
         ++device.version;
@@ -237,7 +285,7 @@ private:
         const Device& device = Any();
         m_world.Say(device.name + " is reported again");
         m_world.ReportAgain(device, OneIn(3));
-        Later(Upto(100), [this, &device] { m_world.SpeakSsdp(device); });
+        Later(Upto(100), [this, &device] { m_world.AnnounceBySsdp(device); });
     }
     void Children()
     {
@@ -335,6 +383,40 @@ private:
     Device& Any()
     {
         return m_world.devices[Random(m_world.devices.size())];
+    }
+    /// The first such one from any on.
+    Device& AnyBySsdp()
+    {
+        const std::size_t first = Random(m_world.devices.size());
+        for (std::size_t i = 0; i < m_world.devices.size(); ++i)
+        {
+            Device& device = m_world.devices[(first + i) % m_world.devices.size()];
+            if (device.speaksSsdp)
+            {
+                return device;
+            }
+        }
+        return Any();
+    }
+    /// What SSDP has of the network: products by both roads, some by SSDP alone, and renderers of other makers.
+    void MakeSsdp(Device& device)
+    {
+        const std::uint64_t chance = Random(m_isCrowd ? 240 : 40);
+        const std::uint64_t others = m_isCrowd ? 20 : 3; // in a crowd enough that fetches wait for their turn
+        device.speaksSsdp = chance < others + 10;
+        device.speaksMdns = chance >= others + 3;
+        device.location = NewLocation(device);
+        if (chance < others)
+        {
+            device.ecosystem = "";
+            device.answers = Device::Answers::ERROR;
+        }
+    }
+    std::string NewLocation(const Device& device)
+    {
+        const std::string path = "/" + NewName("d") + ".xml";
+        const std::string port = OneIn(8) ? "" : ":8200";
+        return OneIn(50) ? "" : "http://" + (OneIn(50) ? "player.local" : device.address) + port + path;
     }
     std::string NewName(const std::string& prefix)
     {

@@ -2,6 +2,8 @@
 
 #include "Sonarix.pb.h"
 
+#include <algorithm>
+#include <cctype>
 #include <utility>
 
 namespace
@@ -9,6 +11,9 @@ namespace
 
 const char* const kProductType = "_kova-lanyard._tcp";
 const char* const kAccessoryType = "_kova-accessory._tcp";
+constexpr std::int64_t kSearchPeriodMs = 30'000;
+constexpr std::int64_t kFetchWaitMs = 10'000; ///< for its turn
+constexpr int kFetchesOfHost = 2;
 
 std::vector<std::string> Guids(const google::protobuf::RepeatedPtrField<Sonarix::ProductInfo>& infos)
 {
@@ -24,6 +29,19 @@ std::string TxtOf(const MDNS::Service& service, const char* key)
 {
     const auto record = service.txt.find(key);
     return record != service.txt.end() ? record->second : "";
+}
+
+/// Up to the first colon: without a port the path stays.
+std::string AddressOf(const std::string& location)
+{
+    const std::string host = location.substr(std::min(location.find("//") + 2, location.size()));
+    return host.substr(0, host.find(':'));
+}
+
+std::string HostOf(const std::string& location)
+{
+    const std::string address = AddressOf(location);
+    return address.substr(0, address.find('/'));
 }
 
 std::string Joined(const std::vector<std::string>& texts)
@@ -50,6 +68,7 @@ void Model::Row::Take(const Sonarix::ProductInfo& info)
     guid = info.guid();
     name = info.has_friendlyname() ? info.friendlyname() : name;
     address = info.has_ipaddress() ? info.ipaddress() : address;
+    location = info.has_location() ? info.location() : location;
     for (const SXCommon::Icon& icon : info.icons())
     {
         icons[icon.url()] = icon.width();
@@ -73,19 +92,22 @@ std::string Model::Row::Text() const
     {
         text += " " + url + ":" + std::to_string(width);
     }
+    text += location.empty() ? "" : " by " + location;
     return text + " bands" + Joined(bands) + " children" + Joined(children) + " " + SXCommon::ProductMode_Name(mode);
 }
 
-void Model::Status(bool isPrimaryUp, const std::string& address, bool hasInterface)
+void Model::Status(bool isPrimaryUp, const std::string& address, bool hasInterface, std::int64_t nowMs)
 {
     const bool wasUp = std::exchange(m_isNetworkUp, isPrimaryUp && hasInterface);
     if (wasUp && !m_isNetworkUp)
     {
         isDiscovering = false;
         publication.reset();
+        searchDue.reset();
     }
     if (!wasUp && m_isNetworkUp)
     {
+        searchDue = nowMs;
         if (!std::exchange(isDiscovering, true))
         {
             m_resolved.clear();
@@ -108,6 +130,19 @@ void Model::Status(bool isPrimaryUp, const std::string& address, bool hasInterfa
     if (isRising && m_isAccessory && !address.empty())
     {
         Announce({-1, MDNS::Protocol::INET, "Accessory", kAccessoryType, "local"});
+    }
+    if (wasUp && !m_isNetworkUp)
+    {
+        EndSsdp(); // whose reports come after the change of the mode
+    }
+}
+
+void Model::EndSsdp()
+{
+    m_fetches.clear();
+    for (const auto& [guid, device] : std::exchange(m_ssdp, {}))
+    {
+        Sighted(device.sight);
     }
 }
 
@@ -152,7 +187,7 @@ void Model::Announce(const MDNS::ServiceId& id)
 void Model::Advertised(const std::string& name)
 {
     Announce({-1, MDNS::Protocol::INET, name, kProductType, "local"});
-    m_ownName = name;
+    m_own.name = name;
     if (m_mode == SXCommon::UNKNOWN_MODE)
     {
         Connect(kOwn);
@@ -161,13 +196,13 @@ void Model::Advertised(const std::string& name)
 
 Model::Sight Model::SightOf(const MDNS::Service& service)
 {
-    return {true, TxtOf(service, "GUID"), TxtOf(service, "ECOSYS"), service.name, service.address.ipaddr()};
-}
-
-Model::Sight Model::SightOf(const Sonarix::Product& product)
-{
-    const Sonarix::ProductInfo& info = product.productinfo();
-    return {false, info.guid(), info.ecosystem(), info.friendlyname(), info.ipaddress()};
+    Sight sight;
+    sight.protocols = {SXCommon::MDNS};
+    sight.guid = TxtOf(service, "GUID");
+    sight.ecosystem = TxtOf(service, "ECOSYS");
+    sight.name = service.name;
+    sight.address = service.address.ipaddr();
+    return sight;
 }
 
 void Model::Resolved(const MDNS::Service& service)
@@ -195,9 +230,150 @@ void Model::Removed(const MDNS::ServiceId& id)
     m_resolved.erase(known);
 }
 
-void Model::HeardBySsdp(const Sonarix::Product& product)
+void Model::SsdpBegins(bool isForAnotherLink)
 {
-    Sighted(SightOf(product));
+    if (complaint.empty() && !m_ssdp.empty() && !isForAnotherLink)
+    {
+        complaint = "SSDP began anew for nothing";
+    }
+    EndSsdp();
+}
+
+void Model::Searched(std::int64_t nowMs)
+{
+    if (complaint.empty() && searchDue != nowMs)
+    {
+        complaint = "a search at the wrong time";
+    }
+    searchDue = nowMs + kSearchPeriodMs;
+    for (auto& [guid, device] : m_ssdp)
+    {
+        device.isUp = false; // until it answers
+    }
+}
+
+void Model::Heard(const std::string& guid, const std::string& location, std::int64_t nowMs)
+{
+    if (guid.empty())
+    {
+        return;
+    }
+    const bool isNew = !m_ssdp.contains(guid);
+    SsdpDevice& device = m_ssdp[guid];
+    if (!isNew && device.sight.location.value_or("") == location)
+    {
+        if (device.isUp == false)
+        {
+            device.isUp = true;
+            Sighted(device.sight);
+        }
+        return;
+    }
+    Sight sight = device.sight;
+    if (isNew)
+    {
+        device.isUp = true;
+        device.sight.protocols = {SXCommon::SSDP};
+        sight.guid = guid;
+    }
+    sight.protocols = device.sight.protocols;
+    sight.location = location;
+    sight.address = AddressOf(location);
+    const auto isOfHost = [host = HostOf(location)](const Fetch& fetch)
+    { return HostOf(*fetch.sight.location) == host; };
+    const bool isUrl = !HostOf(location).empty() && std::isdigit(HostOf(location).front()) != 0;
+    if (!isUrl || std::count_if(m_fetches.begin(), m_fetches.end(), isOfHost) >= kFetchesOfHost)
+    {
+        Fail(sight);
+        return;
+    }
+    m_fetches.push_back({++m_fetchNumbers, sight, nowMs});
+}
+
+void Model::HeardBye(const std::string& guid)
+{
+    if (const auto device = m_ssdp.find(guid); device != m_ssdp.end())
+    {
+        device->second.isUp = false;
+    }
+}
+
+void Model::SearchOver()
+{
+    const std::map<std::string, SsdpDevice> devices = m_ssdp;
+    for (const auto& [guid, device] : devices)
+    {
+        if (device.isUp == false)
+        {
+            m_ssdp.erase(guid);
+            Sighted(device.sight);
+        }
+    }
+}
+
+unsigned Model::Fetches(const std::string& location, std::int64_t nowMs)
+{
+    Pass(nowMs);
+    const auto fetch = std::find_if(m_fetches.begin(), m_fetches.end(),
+                                    [&location](const Fetch& candidate)
+                                    { return !candidate.hasBegun && candidate.sight.location == location; });
+    if (fetch == m_fetches.end())
+    {
+        complaint = complaint.empty() ? "fetched " + location + " for nothing" : complaint;
+        return 0;
+    }
+    fetch->hasBegun = true;
+    return fetch->number;
+}
+
+void Model::Pass(std::int64_t nowMs)
+{
+    const auto isLate = [nowMs](const Fetch& fetch)
+    { return !fetch.hasBegun && nowMs - fetch.sinceMs >= kFetchWaitMs; };
+    for (auto late = m_fetches.begin(); (late = std::find_if(late, m_fetches.end(), isLate)) != m_fetches.end();)
+    {
+        Fail(late->sight);
+        late = m_fetches.erase(late);
+    }
+}
+
+void Model::Fail(const Sight& sight)
+{
+    if (!sight.guid.empty()) // of a second fetch before the first has ended nobody knows whose it was
+    {
+        m_ssdp.erase(sight.guid);
+    }
+}
+
+void Model::Fetched(unsigned fetch, const std::optional<Description>& description)
+{
+    const auto ended = std::find_if(m_fetches.begin(), m_fetches.end(),
+                                    [fetch](const Fetch& candidate) { return candidate.number == fetch; });
+    if (ended == m_fetches.end())
+    {
+        return; // of a network that is gone
+    }
+    Sight sight = ended->sight;
+    m_fetches.erase(ended);
+    if (!description)
+    {
+        Fail(sight);
+        return;
+    }
+    if (sight.guid.empty())
+    {
+        return;
+    }
+    sight.name = description->name ? description->name : sight.name;
+    sight.ecosystem = description->ecosystem.empty() ? sight.ecosystem : description->ecosystem;
+    for (const auto& [url, width] : description->icons)
+    {
+        sight.icons[url] = width;
+    }
+    SsdpDevice& device = m_ssdp[sight.guid];
+    sight.protocols = device.sight.protocols; // none, where it has gone meanwhile
+    device.sight = sight;
+    Sighted(sight);
 }
 
 void Model::Sighted(const Sight& sight)
@@ -206,36 +382,43 @@ void Model::Sighted(const Sight& sight)
     {
         return;
     }
-    if (sight.isByMdns && m_mode == SXCommon::UNKNOWN_MODE)
+    if (sight.protocols.contains(SXCommon::MDNS) && m_mode == SXCommon::UNKNOWN_MODE)
     {
         m_heldBack.push_back(sight);
         return;
     }
     if (sight.guid == kOwn)
     {
-        m_ownName = sight.name;
+        Merge(m_own, sight);
     }
     const bool isNew = !m_rows.contains(sight.guid);
-    Row& row = Merge(sight);
-    row.address = isNew ? sight.address : row.address;
+    Row& row = m_rows[sight.guid];
+    Merge(row, sight);
+    row.address = isNew ? sight.address.value_or("") : row.address;
     Connect(sight.guid);
 }
 
-Model::Row& Model::Merge(const Sight& sight)
+void Model::Merge(Row& row, const Sight& sight)
 {
-    Row& row = m_rows[sight.guid];
     row.guid = sight.guid;
-    row.name = sight.name;
-    row.protocols.insert(sight.isByMdns ? SXCommon::MDNS : SXCommon::SSDP);
+    row.name = sight.name.value_or(row.name);
+    row.location = sight.location.value_or(row.location);
+    row.protocols.insert(sight.protocols.begin(), sight.protocols.end());
+    for (const auto& [url, width] : sight.icons)
+    {
+        row.icons[url] = width;
+    }
     row.children.clear();
-    return row;
 }
 
-void Model::Refreshed(const Sonarix::ProductList& ssdpList)
+void Model::Refreshed()
 {
-    for (const Sonarix::Product& product : ssdpList.products())
+    for (const auto& [guid, device] : m_ssdp)
     {
-        Refresh(SightOf(product));
+        if (device.isUp == true)
+        {
+            Refresh(device.sight); // of whatever maker, and also where nothing is known of it yet
+        }
     }
     for (const auto& [name, service] : m_resolved)
     {
@@ -249,8 +432,9 @@ void Model::Refreshed(const Sonarix::ProductList& ssdpList)
 void Model::Refresh(const Sight& sight)
 {
     const bool isNew = !m_rows.contains(sight.guid);
-    Row& row = Merge(sight);
-    row.address = sight.address;
+    Row& row = m_rows[sight.guid];
+    Merge(row, sight);
+    row.address = sight.address.value_or(row.address);
     if (isNew)
     {
         row.isOnline = true; // by the source's word
@@ -297,7 +481,7 @@ void Model::ChildPosted(const Sonarix::Product& product)
 {
     if (product.productinfo().guid() == kOwn)
     {
-        m_ownName = product.productinfo().friendlyname();
+        m_own.name = product.productinfo().friendlyname();
     }
     m_children[product.productinfo().guid()] = Row(product);
     ++lists;
@@ -368,9 +552,9 @@ std::vector<std::string> Model::Table() const
 
 Model::Row Model::OwnRow() const
 {
-    Row own;
+    Row own = m_own;
     own.guid = kOwn;
-    own.name = m_ownName;
+    own.protocols.clear();
     own.address = m_ownAddress;
     own.mode = m_mode;
     for (const auto& [guid, child] : m_children)
@@ -394,6 +578,12 @@ const Model::Row* Model::Find(const std::string& guid) const
 bool Model::IsResolved(const std::string& instanceName, const std::string& type) const
 {
     return m_known.contains({instanceName, type});
+}
+
+bool Model::IsDescribed(const std::string& guid) const
+{
+    const auto device = m_ssdp.find(guid);
+    return device != m_ssdp.end() && !device->second.sight.guid.empty();
 }
 
 std::optional<std::int64_t> Model::OfflineSince(const std::string& guid) const

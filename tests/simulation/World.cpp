@@ -2,10 +2,11 @@
 
 #include "DPrint.h"
 #include "DiscoveryServiceController.h"
-#include "FakeDiscovery.h"
 #include "MonotonicClock.h"
 #include "OptionalParts.h"
 #include "ProtoToMarkup.h"
+#include "Sonarix.pb.h"
+#include "SsdpRoad.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -25,6 +26,9 @@ const std::string kClientName = "DiscoveryServiceAggregator-";
 const std::string kProductType = "_kova-lanyard._tcp";
 const std::string kClockType = "_kova-clock._tcp";
 constexpr std::int64_t kRefreshPeriodMs = 6LL * 3600 * 1000;
+/// Refreshes, searches and a fetch's wait for its turn take whole numbers of these: where no fact falls on one, counted
+/// from a refresh, nothing that the service does about it later falls on a refresh.
+constexpr std::int64_t kStrideMs = 10'000;
 constexpr World::Milliseconds kGatewayLimit{10'000};
 constexpr World::Milliseconds kResolveLimit{5'000};
 constexpr std::size_t kStoryLength = 60;
@@ -63,14 +67,13 @@ bool IsServing(const Device* device)
     return device != nullptr && device->answers != Device::Answers::ERROR && device->answers != Device::Answers::NEVER;
 }
 
-std::shared_ptr<FakeSsdpDiscoveryProtocol> s_ssdp; // the factory is a plain function
-
 } // namespace
 
 World::World(std::uint64_t seed, bool isAccessory, Milliseconds checkPeriod)
     : simulation(seed)
     , m_checkPeriod(checkPeriod)
     , m_model(isAccessory)
+    , m_ssdp(std::make_unique<SsdpRoad>(*this))
 {
     const char* const levels = std::getenv("SONARIX_LOG");
     DPrint::SetLevels(levels != nullptr ? levels : "0");
@@ -83,9 +86,6 @@ World::World(std::uint64_t seed, bool isAccessory, Milliseconds checkPeriod)
     mdns.SetScript({[this](const MDNS::ServiceId& id, const FakeMdns::Script::Answer& answer)
                     { Resolving(id, answer); },
                     [this](const MDNS::ServiceId& id) { m_model.Removed(id); }});
-    m_ssdp = s_ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
-    SonarixService::OptionalParts::SetSsdpFactoryOverride(
-        [] { return std::static_pointer_cast<SonarixService::SsdpDiscoveryProtocolIF>(s_ssdp); });
     SonarixService::OptionalParts::SetIPCServerFactoryOverride( // there are no sockets in simulated time
         [](const auto&) { return std::shared_ptr<SonarixService::DiscoveryServiceIPCServerIF>(); });
 }
@@ -114,7 +114,8 @@ void World::Refresh()
     simulation.Schedule(Milliseconds(m_refreshMs - 1 - NowMs()),
                         [this]
                         {
-                            m_model.Refreshed(m_ssdp->list);
+                            m_model.Pass(NowMs());
+                            m_model.Refreshed();
                             lastChangeMs = m_refreshMs;
                             m_refreshMs += kRefreshPeriodMs;
                             Say("refresh");
@@ -126,7 +127,7 @@ void World::At(Milliseconds delay, std::function<void()> fact)
 {
     std::int64_t instant = NowMs() + std::max<std::int64_t>(delay.count(), 1);
     const auto isRefresh = [this, &instant]
-    { return (instant - m_refreshMs) % kRefreshPeriodMs == 0 || (instant + 1 - m_refreshMs) % kRefreshPeriodMs == 0; };
+    { return (instant - m_refreshMs) % kStrideMs == 0 || (instant + 1 - m_refreshMs) % kStrideMs == 0; };
     while (isRefresh() || !m_instants.insert(instant).second)
     {
         ++instant;
@@ -136,6 +137,7 @@ void World::At(Milliseconds delay, std::function<void()> fact)
                         {
                             m_instants.erase(instant);
                             simulation.RunUntilIdle();
+                            m_model.Pass(instant);
                             fact();
                             simulation.RunUntilIdle();
                             m_model.Settled();
@@ -192,7 +194,7 @@ void World::SetStatus(bool isPrimaryUp, const std::string& address, bool hasInte
                (address.empty() ? "" : R"(,"primaryIpAddress":")" + address + "\"") +
                (hasInterface ? R"(,"interfaces":[{"type":"WIRED_ETH","name":"eth0"}]})" : "}");
     Say("status " + m_status);
-    m_model.Status(isPrimaryUp, address, hasInterface);
+    m_model.Status(isPrimaryUp, address, hasInterface, NowMs());
     if (!m_gateway->AnswerText(kStatus, m_status))
     {
         m_gateway->PushText(kStatus, m_status);
@@ -282,6 +284,10 @@ void World::SetDaemon(bool isRunning)
 
 void World::Announce(Device& device)
 {
+    if (!device.speaksMdns)
+    {
+        return;
+    }
     if (IsOurs(device.name))
     {
         device.name += " too"; // the later one gives way
@@ -354,30 +360,29 @@ void World::Resolving(const MDNS::ServiceId& id, const FakeMdns::Script::Answer&
        });
 }
 
-void World::SpeakSsdp(const Device& device)
+void World::AnnounceBySsdp(const Device& device)
 {
-    if (device.speaksSsdp && m_isNetworkUp)
-    {
-        Say("SSDP " + device.guid);
-        m_model.HeardBySsdp(SsdpReport(device));
-        m_ssdp->Report(SsdpReport(device));
-    }
-    m_ssdp->list.Clear();
-    for (const Device& each : devices)
-    {
-        if (each.speaksSsdp && each.isThere)
-        {
-            *m_ssdp->list.add_products() = SsdpReport(each);
-        }
-    }
+    m_ssdp->Announce(device);
 }
 
-Sonarix::Product World::SsdpReport(const Device& device)
+void World::SayByeBySsdp(const std::string& guid)
 {
-    Sonarix::Product product = MakeProduct(device.guid, device.name, device.ecosystem, device.isThere);
-    product.add_protocols(SXCommon::SSDP);
-    product.mutable_productinfo()->set_ipaddress(device.address);
-    return product;
+    m_ssdp->SayBye(guid);
+}
+
+void World::ChangeLinkUnsaid()
+{
+    m_ssdp->ChangeLink();
+}
+
+void World::SetDescriptionsHanging(bool areHanging)
+{
+    m_ssdp->SetHanging(areHanging);
+}
+
+void World::SetMulticast(bool passes)
+{
+    m_ssdp->SetMulticast(passes);
 }
 
 /// Null where no product of that guid is reached.
@@ -490,14 +495,15 @@ void World::Deliver(const std::string& guid, Milliseconds delay, const std::stri
            }
            else if (connection->AnswerText(kInfo, json))
            {
-               Told("answer of " + guid, json);
+               Told(m_answers[guid] != json ? "answer of " + guid : "", json);
+               m_answers[guid] = json;
            }
        });
 }
 
 void World::Told(const std::string& how, const std::string& json)
 {
-    Say(how + " " + json.substr(0, 200));
+    Say(how.empty() ? "" : how + " " + json.substr(0, 200));
     if (json != kGarbage)
     {
         Sonarix::ProductInfo info;
@@ -696,11 +702,16 @@ void World::CompareWithWorld()
     {
         const Device* const device = ServerOf(guid);
         const Model::Row* const row = m_model.Find(guid);
-        const bool isAway = guid != Model::kOwn && !IsServing(device);
-        const bool isRight =
-            guid == Model::kOwn ||
-            (!isAway && (device->answers == Device::Answers::RIGHT || device->answers == Device::Answers::LATE));
-        if (row == nullptr || (isRight && !row->isOnline) || (isAway && row->isOnline))
+        const auto speaksForIt = [&guid = guid](const Device& other)
+        { return other.answers == Device::Answers::AS_ANOTHER && other.claims == guid; };
+        const bool isAway =
+            guid != Model::kOwn && !IsServing(device) && std::none_of(devices.begin(), devices.end(), speaksForIt);
+        const bool isRight = guid == Model::kOwn || (IsServing(device) && (device->answers == Device::Answers::RIGHT ||
+                                                                           device->answers == Device::Answers::LATE));
+        // One that was given up is asked anew at each report, but only until the next pass of the reaper.
+        const std::optional<std::int64_t> since = m_model.OfflineSince(guid);
+        const bool isGivenUp = since && MonotonicClock::NowSec() - *since >= Model::kGiveUpAfter;
+        if (row == nullptr || (isRight && !row->isOnline && !isGivenUp) || (isAway && row->isOnline))
         {
             Fail(guid + (isRight ? " answers" : " is away") + " and is listed as " + (row ? row->Text() : "nothing"));
         }
@@ -712,6 +723,14 @@ void World::CompareWithWorld()
         {
             Fail(device.name + " is announced and was never resolved");
         }
+        if (m_ssdp->MustKnow(device) && !m_model.IsDescribed(device.guid))
+        {
+            Fail(device.name + " answers searches and was never described");
+        }
+    }
+    if (m_model.searchDue && *m_model.searchDue <= NowMs())
+    {
+        Fail("no search since it was due at " + std::to_string(*m_model.searchDue));
     }
     if (m_model.publication && m_isDaemonRunning)
     {

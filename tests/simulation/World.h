@@ -17,7 +17,10 @@
 #include <string>
 #include <vector>
 
-class FakeSsdpDiscoveryProtocol;
+namespace Sonarix
+{
+class ProductList;
+} // namespace Sonarix
 
 namespace SonarixService
 {
@@ -37,16 +40,32 @@ struct Device
         NEVER,
     };
 
+    enum class Describes ///< at its LOCATION
+    {
+        RIGHT,
+        LATE,
+        BUSY,     ///< after a retry
+        ANYTHING, ///< some other document
+        GARBAGE,
+        NOTHING,
+        NOT_FOUND,
+        NEVER,
+    };
+
     std::string guid;
-    std::string name; ///< of its mDNS instances
+    std::string name; ///< of its mDNS instances, and in its descriptions
     std::string address;
-    std::string ecosystem = "ORB2";
-    std::string clockName; ///< of its clock service; empty: it has none
+    std::string ecosystem = "ORB2"; ///< empty: of another maker
+    std::string clockName;          ///< of its clock service; empty: it has none
     std::string claims;
     Answers answers = Answers::RIGHT;
     bool isThere = false;    ///< reached by the gateway
     bool isTalkative = true; ///< its description holds its name and address
+    bool speaksMdns = true;
     bool speaksSsdp = false;
+    bool isFaint = false; ///< many of its answers to searches are late, or lost
+    std::string location; ///< of its description
+    Describes describes = Describes::RIGHT;
     int version = 0;
 };
 
@@ -87,7 +106,11 @@ public:
     bool IsAnnounced(const Device& device) const;
     void ReportAgain(const Device& device, bool wasGone);
     void Mute(const Device& device); ///< can't be resolved until it is announced again
-    void SpeakSsdp(const Device& device);
+    void AnnounceBySsdp(const Device& device);
+    void SayByeBySsdp(const std::string& guid);
+    void SetMulticast(bool passes); ///< of SSDP
+    void ChangeLinkUnsaid();
+    void SetDescriptionsHanging(bool areHanging);
     /// Whether it is there, its guid or its answers may have changed.
     void CheckSoon(const std::string& guid);
     void Push(const std::string& guid); ///< the device's description to its subscribers
@@ -115,6 +138,7 @@ public:
     std::int64_t lastChangeMs = 0; ///< of the script, or a refresh
 
 private:
+    class SsdpRoad;
     /// What the gateway knows of a product that the service is connected to.
     struct Peer
     {
@@ -135,7 +159,6 @@ private:
     bool IsOurs(const std::string& name) const;
     const Device* ServerOf(const std::string& guid) const;
     static Sonarix::ProductInfo Description(const Device& device);
-    static Sonarix::Product SsdpReport(const Device& device);
     void Deliver(const std::string& guid, Milliseconds delay, const std::string& json);
     void Told(const std::string& how, const std::string& json);
     void DeliverOwn(const std::string& guid);
@@ -154,12 +177,13 @@ private:
     FakePortico m_portico;
     FakeConsole m_console;
     Model m_model;
-    std::shared_ptr<FakeSsdpDiscoveryProtocol> m_ssdp;
+    const std::unique_ptr<SsdpRoad> m_ssdp;
     std::shared_ptr<SonarixService::DiscoveryServiceController> m_controller;
     std::shared_ptr<FakeConnection> m_gateway; ///< the service's main connection
     std::shared_ptr<FakeConnection> m_childEndpoint;
-    std::map<std::string, Peer> m_peers; ///< by guid
-    std::set<std::int64_t> m_instants;   ///< taken, ms
+    std::map<std::string, Peer> m_peers;          ///< by guid
+    std::map<std::string, std::string> m_answers; ///< the last by guid
+    std::set<std::int64_t> m_instants;            ///< taken, ms
     std::set<std::pair<std::string, std::string>> m_mute;
     std::string m_status;
     std::string m_ownInfo; ///< as notified last
