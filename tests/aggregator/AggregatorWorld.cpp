@@ -1,7 +1,6 @@
 #include "AggregatorWorld.h"
 
 #include "DiscoveryServiceAggregator.h"
-#include "ProtoToMarkup.h"
 #include "Task.h"
 #include "TempDirectory.h"
 
@@ -91,14 +90,6 @@ void AggregatorWorld::Mdns(const Report& report)
 {
     mdns->Report(report.By({SXCommon::MDNS}));
     simulation.RunUntilIdle();
-}
-
-std::shared_ptr<const FakeAnswer> AggregatorWorld::Child(Portico::Verb verb, const Sonarix::Product& product)
-{
-    auto answer = portico.Find("DiscoveryServiceOverPortico")
-                      ->Call(verb, "/sonarix/private/products", ProtoToMarkup::ToJson(product, true, false, false));
-    simulation.RunUntilIdle();
-    return answer;
 }
 
 void AggregatorWorld::SetMode(SXCommon::ProductMode mode, const std::string& address)

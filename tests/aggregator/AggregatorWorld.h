@@ -47,7 +47,6 @@ public:
     // Each of these runs until nothing is queued any more.
     void Ssdp(const Report& report);
     void Mdns(const Report& report);
-    std::shared_ptr<const FakeAnswer> Child(Portico::Verb verb, const Sonarix::Product& product);
     void SetMode(SXCommon::ProductMode mode, const std::string& address = "10.0.0.1");
     void Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status);
     void Answer(const std::string& guid, const std::string& json);

@@ -9,35 +9,6 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(AggregatorTest, AProductIsGivenUpAfter1800SecondsWithoutAnAnswerAndStaysListed)
-{
-    StartAs(SXCommon::HOST);
-    Ssdp({"a"});
-    Answer("a");
-    Heartbeat("a", HEARTBEAT_OFFLINE);
-    simulation.RunFor(1799s);
-    Answer("a"); // in time: the next one begins anew
-    log.Clear();
-    simulation.RunFor(5h);
-    EXPECT_TRUE(IsWatched("a"));
-    EXPECT_EQ(log.Text(), "");
-
-    Heartbeat("a", HEARTBEAT_OFFLINE);
-    lists.clear();
-    simulation.RunFor(1799s);
-    Heartbeat("a", HEARTBEAT_OFFLINE); // does not extend the time
-    simulation.RunFor(999ms);
-    EXPECT_TRUE(IsWatched("a"));
-    simulation.RunFor(1ms);
-    EXPECT_FALSE(IsWatched("a"));
-    EXPECT_EQ(Row("a").state(), SXCommon::OFFLINE);
-    EXPECT_THAT(lists, IsEmpty());
-
-    log.Clear();
-    simulation.RunFor(3600s);
-    EXPECT_EQ(log.Text(), ""); // the timer is not running
-}
-
 TEST_F(AggregatorTest, EachHasItsOwnTimeAndTheTimerRunsInNoCircles)
 {
     StartAs(SXCommon::HOST);

@@ -61,19 +61,19 @@ TEST_F(AggregatorTest, AnOwnReportMayNotSayWhatOnlyWeKnow)
     EXPECT_FALSE(Own().multiroom().has_zonecontrol_version());
 }
 
-TEST_F(AggregatorTest, ANeighbourThatSaysThatItIsUsChangesNothingOfWhatWeShow)
+TEST_F(AggregatorTest, AHeldBackReportThatIsAtFaultCostsNeitherThoseBehindItNorTheChangeOfMode)
 {
-    StartAs(SXCommon::HOST);
-    aggregator->SetSupportedWifiBands({"band"});
-    Child(Portico::Verb::POST, Report{"child"}.By({}));
-    Ssdp({"a"});
-    Answer("a", R"({"guid":"m-own","friendlyname":"Impostor","ipaddress":"6.6.6.6","children":[{"guid":"no"}],)"
-                R"("configurations":{"currentProductMode":"SETUP"},"capabilities":{"supportedWifiBands":["other"]}})");
-    EXPECT_EQ(Row(kOwn).state(), SXCommon::ONLINE);
-    EXPECT_EQ(Row(kOwn).productinfo().ShortDebugString(), Own().ShortDebugString());
-    EXPECT_EQ(Own().ShortDebugString(),
-              R"(ipaddress: "10.0.0.1" guid: "m-own" multiroom { } capabilities { supportedWifiBands: "band" } )"
-              R"(configurations { currentProductMode: HOST } children { guid: "child" ecosystem: "ORB2" })");
+    Start();
+    Mdns({.guid = kOwn, .more = [](Info& info) { info.mutable_configurations(); }});
+    Mdns({"a", "First"});
+    Mdns({"a", "Second"});
+    EXPECT_THAT(Guids(), IsEmpty());
+    log.Clear();
+    SetMode(SXCommon::HOST);
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U) << log.Text();
+    EXPECT_TRUE(log.Contains("my product info has configurations - that's bad"));
+    EXPECT_EQ(Row("a").productinfo().friendlyname(), "Second");
+    EXPECT_EQ(infos.back().configurations().currentproductmode(), SXCommon::HOST);
 }
 
 TEST_F(AggregatorTest, ANameThatIsNotUtf8StopsNoNotification)
