@@ -304,12 +304,6 @@ std::vector<std::string> FakeConnection::Notifications(const std::string& path) 
     return m_state->Texts(m_state->notifications, path);
 }
 
-void FakeConnection::ForgetNotifications()
-{
-    const ScopedMutex lock(m_state->mutex);
-    m_state->notifications.clear();
-}
-
 std::vector<std::string> FakeConnection::Log() const
 {
     const ScopedMutex lock(m_state->mutex);

@@ -69,7 +69,6 @@ public:
 
     // --- what the tested code notified ---
     std::vector<std::string> Notifications(const std::string& path) const; ///< as one-line JSON, in order
-    void ForgetNotifications();
     /// "SUBSCRIBE /path", "GET /path", "SERVE GET /path", "NOTIFY /path", "SHUTDOWN": everything, in order.
     std::vector<std::string> Log() const;
 

@@ -26,7 +26,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
-using testing::UnorderedElementsAre;
 
 namespace
 {
@@ -121,50 +120,20 @@ TEST_F(DiscoveryServicePorticoClientTest, RegistersAsksForTheFirstStatusAndHears
     EXPECT_EQ(m_controller->statuses.size(), 2U);
     EXPECT_THAT(m_aggregator->supportedWifiBands, ElementsAre("WIFI_RADIO_BAND_2_4GHZ", "WIFI_RADIO_BAND_6GHZ"));
     EXPECT_THAT(Notify(kStatusPath, "[1]"), IsEmpty()) << "what does not parse is nobody's news";
+    EXPECT_THAT(m_mdns->announcements, IsEmpty()) << "a host announces itself on request only";
 }
 
-TEST_F(DiscoveryServicePorticoClientTest, OwnInfoAndListAreServedAndNotifiedAtTheirChange)
+TEST_F(DiscoveryServicePorticoClientTest, NotifiesItsInfoByItsTaskAndAListAtOnce)
 {
     m_simulation.RunUntilIdle();
     EXPECT_THAT(m_gateway->Notifications("/sonarix/info"), ElementsAre(R"({"guid":"own"})"));
-    EXPECT_THAT(m_gateway->Notifications("/sonarix/products"), IsEmpty());
-    EXPECT_EQ(Call(Verb::GET, "/sonarix/info")->body, R"({"guid":"own"})");
-    EXPECT_EQ(Call(Verb::GET, "/sonarix/products")->body, "{}");
-
-    Sonarix::ProductList& list = m_aggregator->list;
-    list.add_products()->set_state(SXCommon::OFFLINE);
-    list.add_products()->mutable_productinfo()->set_guid("b");
-    m_aggregator->productLists.Send(list, CallbackConnection());
-    EXPECT_THAT(m_gateway->Notifications("/sonarix/products"), SizeIs(1)) << "a whole list waits in the task's queue";
-    m_aggregator->productInfos.Send(m_aggregator->info, CallbackConnection());
-    m_client->SendSonarixNotification(list.products(1));
-    m_simulation.RunUntilIdle();
-    EXPECT_EQ(m_gateway->Notifications("/sonarix/info").size(), 2U);
-    const char* const both = R"({"products":[{"state":"OFFLINE"},{"productinfo":{"guid":"b"}}]})";
+    Sonarix::Product one;
+    one.set_state(SXCommon::OFFLINE);
+    m_client->SendSonarixNotification(one);
+    m_aggregator->productLists.Send(m_aggregator->list, CallbackConnection());
     EXPECT_THAT(m_gateway->Notifications("/sonarix/products"),
-                UnorderedElementsAre(R"({"products":[{"productinfo":{"guid":"b"}}]})", both));
-    EXPECT_EQ(Call(Verb::GET, "/sonarix/products")->body, both);
-}
-
-TEST_F(DiscoveryServicePorticoClientTest, EachStatusGivesTheModeAfterTheControllerActed)
-{
-    const char* const rows[][2] = {
-        {kUp, "HOST 10.0.0.1"},
-        {R"({"isPrimaryUp":false,"primary":"WIRELESS_AP","primaryIpAddress":"192.0.2.1"})", "SETUP 192.0.2.1"},
-        {R"({"isPrimaryUp":true,"primaryIpAddress":"10.0.0.1"})", "HOST 10.0.0.1"},
-        {R"({"isPrimaryUp":true,"primary":"WIRED_ETH","primaryIpAddress":""})", "UNKNOWN_MODE "},
-        {kDown, "UNKNOWN_MODE "},
-        {"{}", "UNKNOWN_MODE "},
-        {"{}", "UNKNOWN_MODE "}, // also an unchanged one
-    };
-    for (const auto& [status, mode] : rows)
-    {
-        EXPECT_THAT(Notify(kStatusPath, status),
-                    ElementsAre("controller SetNetworkStatus", std::string("aggregator InitializeProtocols ") + mode))
-            << status;
-    }
-    EXPECT_EQ(m_controller->statuses.front().interfaces(0).name(), "eth0");
-    EXPECT_THAT(m_mdns->announcements, IsEmpty()) << "a host announces itself on request only";
+                ElementsAre(R"({"products":[{"state":"OFFLINE"}]})", "{}"))
+        << "a whole list waits in the task's queue";
 }
 
 TEST_F(DiscoveryServicePorticoClientTest, FailedGetsAreLoggedAndNotRepeated)
