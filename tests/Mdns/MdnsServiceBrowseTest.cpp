@@ -385,51 +385,6 @@ TEST_F(MdnsServiceBrowseTest, OneLineEachTimeTheDaemonsCacheIsNearlyFull)
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 2U);
 }
 
-TEST_F(MdnsServiceBrowseTest, TheDaemonsDeathKeepsTheTableAndItsReturnFillsIt)
-{
-    Start();
-    const auto heard = Subscribe();
-    Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
-    Announce("Bath", kRenderer, {{"GUID", "g-2"}});
-    Announce("Hall", kClock, {{"GUID", "g-3"}});
-    m_mdns.ClearCalls();
-    m_mdns.KillDaemon();
-    m_mdns.Withdraw("Bath", kRenderer);
-    m_simulation.RunFor(1h);
-    EXPECT_EQ(m_mdns.BrowsersMade(), 6) << "each backend is replaced once, and waits";
-    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains(testing::HasSubstr("resolve"))))
-        << "no clock round while the daemon is away";
-    EXPECT_THAT(*heard, SizeIs(2));
-    EXPECT_THAT(List(kRenderer).products(), SizeIs(2));
-
-    m_mdns.StartDaemon();
-    m_mdns.EnterRunningAgain(); // a client that is connected already does nothing
-    Settle();
-    EXPECT_EQ(heard->back(), "ONLINE Kitchen g-1") << "reported as new, resolved again";
-    EXPECT_THAT(*heard, SizeIs(3));
-    EXPECT_THAT(List(kRenderer).products(), SizeIs(2)) << "nobody has told of Bath's end";
-    EXPECT_THAT(m_mdns.Calls(), testing::Contains("stop browser").Times(3));
-}
-
-TEST_F(MdnsServiceBrowseTest, NothingIsHeardAfterTheStop)
-{
-    Start();
-    const auto heard = Subscribe(MdnsServiceIF::CLOCK);
-    m_mdns.SetAnswersResolves(false);
-    Announce("Hall", kClock, {{"GUID", "g-1"}});
-    const std::weak_ptr<MdnsServiceIF> watch = m_service;
-    m_service->StopService();
-    m_mdns.Announce(FakeMdns::MakeService("Late", kClock)); // on its way when the stop is
-    m_connections.back().Disconnect();
-    m_connections.clear();
-    m_service.reset();
-    Settle();
-    m_mdns.AnswerResolves();
-    m_simulation.RunFor(1h);
-    EXPECT_THAT(*heard, IsEmpty());
-    EXPECT_TRUE(watch.expired()) << "something holds the stopped service";
-}
-
 TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
 {
     Start();
