@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -207,29 +206,6 @@ TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
     EXPECT_EQ(Threads_Http::CountAsyncTasks(), 0U);
     EXPECT_TRUE(unit.Reports({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
     EXPECT_EQ(server.Requests().Get().size(), 5U);
-}
-
-TEST(SsdpDiscoveryProtocol, OnARealLinkADeviceIsFoundDescribedAndReported)
-{
-    const LogCapture log("4");
-    TestLan lan;
-    std::optional<HttpServer> server;
-    lan.AmongNeighbours(
-        [&server] {
-            server.emplace([](HttpServer::Exchange& exchange) { exchange.Send(Description("Kitchen")); }, 49152,
-                           "10.77.0.2");
-        });
-    lan.AddDevice("10.77.0.2", TestLan::Answer(kTarget, "uuid:k::" + kTarget, server->Url("/description.xml")));
-    {
-        Unit unit;
-        unit.protocol->Start("eth0");
-        ASSERT_TRUE(unit.Reports({"k Kitchen ONLINE"})) << log.Text();
-        EXPECT_THAT(unit.Listed(), ElementsAre("Kitchen"));
-        unit.protocol->Stop();
-        EXPECT_TRUE(unit.Reports({"k Kitchen ONLINE", "k Kitchen OFFLINE"}));
-        EXPECT_THAT(unit.Listed(), IsEmpty());
-    }
-    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
 }
 
 } // namespace

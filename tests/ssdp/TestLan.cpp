@@ -100,17 +100,11 @@ void TestLan::Multicast(const std::string& from, const std::string& datagram) co
     Send(NeighbourSocket(from), datagram, At(kGroup, kPort));
 }
 
-void TestLan::AmongNeighbours(const std::function<void()>& function) const
-{
-    Check(setns(m_neighbours, CLONE_NEWNET) == 0, "setns");
-    function();
-    Check(setns(m_unit, CLONE_NEWNET) == 0, "setns");
-}
-
 int TestLan::NeighbourSocket(const std::string& address) const
 {
-    int fd = -1;
-    AmongNeighbours([&fd] { fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+    Check(setns(m_neighbours, CLONE_NEWNET) == 0, "setns");
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    Check(setns(m_unit, CLONE_NEWNET) == 0, "setns");
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const sockaddr_in own = At(address, kPort);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -21,8 +20,6 @@ public:
     TestLan(const TestLan&) = delete;
     TestLan& operator=(const TestLan&) = delete;
 
-    /// On the neighbours' side: sockets and threads that it makes stay there.
-    void AmongNeighbours(const std::function<void()>& function) const;
     void AddDevice(const std::string& address, const std::string& answer);
     void Multicast(const std::string& from, const std::string& datagram) const;
     /// Runs `ip` with these arguments on the unit's side.
