@@ -128,30 +128,6 @@ class Case(unittest.TestCase):
 
 
 class Commands(Case):
-    def test_lists(self):
-        mdns = self.serve(_2=devices(device("Bath", "g-1"), device("Hall", "g-2")))
-        result = self.run_client("list", "mdns", CLOCK)
-        self.assertEqual((result.returncode, result.stderr), (0, ""))
-        self.assertEqual([line.split() for line in result.stdout.splitlines()],
-                         [["NAME", "GUID", "SOFTWARE"], ["Bath", "g-1", "1"], ["Hall", "g-2", "1"]])
-        self.assertEqual(mdns.expect(2), {4: [CLOCK.encode()]})
-        self.serve("SonarixSsdpService", _2=devices(device("Bath")))
-        self.assertEqual(json.loads(self.run_client("list", "ssdp", "--json").stdout)["friendlyname"], "Bath")
-
-    def test_records(self):
-        mdns = self.serve(_2=devices(), _3=VOID)
-        self.assertEqual(self.run_client("add", "--keep", CLOCK, "Hall", "9000", "A=1").returncode, 0)
-        added = mdns.expect(3)
-        self.assertEqual(added, parse(ipc_client.service(CLOCK, "Hall", "9000", "A=1")))
-        self.assertEqual(self.run_client("update", CLOCK, "Hall", "9000", "A=2").returncode, 0)
-        updated = mdns.expect(6)
-        self.assertEqual((updated[1], parse(updated[3][0])), (added[1], {1: [b"A"], 2: [b"2"]}))
-        self.assertEqual(self.run_client("remove", CLOCK, "Hall").returncode, 0)
-        self.assertEqual(mdns.expect(4)[1], added[1])
-        result = self.run_client("announce", "friendlyname=Hall", "--json")
-        self.assertEqual((result.returncode, json.loads(result.stdout)["outcome"]), (0, "done"))
-        self.assertEqual(mdns.expect(5), {5: [b"RENDERER"], 7: [b"Hall"]})
-
     def test_what_the_service_answers_and_does_not(self):
         failed = "Request Failed!"
         for words, answers, status in (
@@ -209,23 +185,6 @@ class Staying(Case):
         watch.stdout.close()
         ssdp.tell(1, device("Flur", "g-2"))
         self.assertEqual(watch.wait(SECONDS), 0)
-
-    def test_a_record_is_held_and_removed(self):
-        mdns = self.serve(_2=devices(), _3=error("AddService request Failed!"))
-        held = self.start_client("add", CLOCK, "Hall", "9000")
-        self.assertIn("once the network is up", held.stdout.readline())
-        mdns.expect(3)
-        mdns.tell(2, device("Hall"))
-        self.assertIn("+ Hall", held.stdout.readline())
-        mdns.close()
-        self.assertIn("the service went", held.stderr.readline())
-        mdns.answers[3] = VOID
-        mdns.open()
-        mdns.expect(3)
-        self.assertIn("the service publishes", held.stdout.readline())
-        held.send_signal(signal.SIGINT)
-        self.assertEqual(mdns.expect(4), parse(ipc_client.service(CLOCK, "Hall", "9000")))
-        self.assertEqual(held.wait(SECONDS), 0)
 
     def test_a_second_signal_does_not_wait(self):
         mdns = self.serve(_3=VOID)

@@ -73,25 +73,3 @@ TEST(DnsMessage, WhatIsNotThereIsNoQuery)
     }
     EXPECT_FALSE(isQuery(Header(0, 1, 0) + tooLong + kRoot + tail));
 }
-
-TEST(DnsMessage, ResponseRepeatsNoName)
-{
-    using Section = Dns::ResponseWriter::Section;
-    const Dns::Name instance = Dns::MakeName({"Crowd 1"}) + kType;
-    const Dns::Name host = Dns::MakeName({"crowd-00001", "local"});
-    Dns::ResponseWriter writer;
-    writer.AddPtr(Section::ANSWER, kType, 4500, instance);
-    writer.AddSrv(Section::ADDITIONAL, instance, 120, 8090, host);
-    writer.AddAddress(Section::ADDITIONAL, host, 120, 0x0A4D2001);
-    const std::string ptr = kType + kRoot + std::string("\0\x0c\0\x01\0\0\x11\x94\0\x0a", 10) +
-                            "\x07"
-                            "Crowd 1"
-                            "\xc0\x0c";
-    const std::string srv = std::string("\xc0\x30\0\x21\x80\x01\0\0\0\x78\0\x14\0\0\0\0\x1f\x9a", 18) + "\x0b"
-                                                                                                        "crowd-00001"
-                                                                                                        "\xc0\x1f";
-    const std::string address = std::string("\xc0\x4c\0\x01\x80\x01\0\0\0\x78\0\x04\x0a\x4d\x20\x01", 16);
-    std::string header = Header('\x84', 0, 1);
-    header[11] = 2;
-    EXPECT_EQ(writer.Bytes(), FromText(header + ptr + srv + address));
-}
