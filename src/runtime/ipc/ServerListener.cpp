@@ -16,6 +16,7 @@
 #include <optional>
 #include <sys/socket.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace IL
 {
@@ -35,14 +36,21 @@ constexpr int kAcceptedAtOnce = 64;            ///< then the task's other work h
 class Acceptance final : public std::enable_shared_from_this<Acceptance>
 {
 public:
-    Acceptance(NotifyTargetTaskIF* task, const std::string& name, const std::string& path, int descriptor,
-               OnAccept onAccept)
+    Acceptance(NotifyTargetTaskIF* task, const std::string& name, const std::string& path, OnAccept onAccept)
         : m_log(name)
         , m_path(path)
-        , m_socket(IoContextOf(task), descriptor)
+        , m_socket(IoContextOf(task))
         , m_timer(IoContextOf(task))
         , m_onAccept(std::move(onAccept))
     {
+    }
+
+    /// Before Wait(). Takes over the descriptor, or leaves it: where the kernel watches no more of them.
+    boost::system::error_code Take(int descriptor)
+    {
+        boost::system::error_code fault;
+        m_socket.assign(descriptor, fault);
+        return fault;
     }
 
     void Wait()
@@ -147,14 +155,25 @@ public:
             DPRINTF(m_log, DPrint::LEVEL_ERROR, "%s: it listens already", address.ToString().c_str());
             return {};
         }
-        const std::string fault = m_file.Open(address.ToString(), 0660);
+        const auto acceptance = std::make_shared<Acceptance>(m_task, m_name, address.ToString(), onAccept);
+        std::string fault = m_file.Open(address.ToString(), 0660);
+        if (fault.empty())
+        {
+            const int descriptor = m_file.Release();
+            if (const boost::system::error_code refused = acceptance->Take(descriptor))
+            {
+                ::close(descriptor);
+                m_file.RemoveFile();
+                fault = refused.message();
+            }
+        }
         if (!fault.empty())
         {
             DPRINTF(m_log, DPrint::LEVEL_ERROR, "cannot listen on %s: %s", address.ToString().c_str(), fault.c_str());
             return {};
         }
-        m_acceptance = std::make_shared<Acceptance>(m_task, m_name, address.ToString(), m_file.Release(), onAccept);
-        BreakThread([acceptance = m_acceptance] { acceptance->Wait(); }, m_task);
+        m_acceptance = acceptance;
+        BreakThread([acceptance] { acceptance->Wait(); }, m_task);
         return address;
     }
 

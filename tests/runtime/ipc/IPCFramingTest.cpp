@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -125,7 +123,7 @@ TEST(IPCFramingTest, FourMiBAreTheLimitBothWays)
     }
 }
 
-TEST(IPCFramingTest, WhatIsNoEnvelopeIsAFaultAndRandomBytesAreHarmless)
+TEST(IPCFramingTest, WhatIsNoEnvelopeIsAFault)
 {
     for (const std::string& body : {std::string("x"), std::string("\x32\x7f", 2), std::string("\x18"),
                                     std::string(1, 0), std::string("\x12\xff\xff\xff\xff\x0f", 6)})
@@ -135,22 +133,5 @@ TEST(IPCFramingTest, WhatIsNoEnvelopeIsAFaultAndRandomBytesAreHarmless)
         reader.Append(Length(static_cast<std::uint32_t>(body.size())) + body);
         EXPECT_EQ(reader.Next(envelope), FrameReader::FAULT);
         EXPECT_EQ(reader.Fault(), "a frame that is no envelope");
-    }
-    std::mt19937 random(1);
-    for (int round = 0; round < 2000; ++round)
-    {
-        std::string body(random() % 64, '\0');
-        for (char& byte : body)
-        {
-            byte = static_cast<char>(random());
-        }
-        FrameReader reader;
-        IPCMessageEnvelope envelope;
-        reader.Append(Length(static_cast<std::uint32_t>(body.size())) + body);
-        if (reader.Next(envelope) == FrameReader::ENVELOPE)
-        {
-            SonarixPb::DeviceDiscovery discovery;
-            EXPECT_FALSE(envelope.GetPayload(discovery)) << "its two fields are required";
-        }
     }
 }
