@@ -5,15 +5,19 @@
 //
 // The ratios are of the medians of CPU time, all threads of the process counted, with the repetitions of all
 // benchmarks shuffled: what disturbs the machine meanwhile meets both sides. A ratio is one line
-// NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT, the limit empty: nothing is decided here.
+// NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT, the limit empty: nothing is decided here. What a device's description costs has
+// nothing bare beside it, and is told in µs.
 
 #include "AsyncCallback.h"
 #include "CallbackRegistry.h"
 #include "ConditionSemaphore.h"
 #include "ProductMerge.h"
 #include "ProtoToMarkup.h"
+#include "SampleDescriptions.h"
 #include "SampleProducts.h"
 #include "Task.h"
+#include "XmlFunctions.h"
+#include "XmlLook.h"
 
 #include <benchmark/benchmark.h>
 #include <boost/asio/executor_work_guard.hpp>
@@ -21,6 +25,7 @@
 #include <boost/asio/post.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -28,6 +33,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tinyxml.h>
 #include <vector>
 
 namespace
@@ -395,6 +401,24 @@ public:
     std::map<std::string, Figure> figures;
 };
 
+void ReadDescription(benchmark::State& state, const std::string& text)
+{
+    for (auto _ : state)
+    {
+        const char* const why = XmlLook::WhyNotToParse(text);
+        TiXmlDocument document;
+        const bool isRead = XML::Parse(&document, text);
+        benchmark::DoNotOptimize(isRead);
+        if (why != nullptr)
+        {
+            state.SkipWithError(why);
+        }
+    }
+}
+
+const char* const kLarge = "Description";
+const char* const kBad = "BadDescription";
+
 void Register()
 {
     const auto add = [](const char* name, benchmark::internal::Function* function)
@@ -422,6 +446,31 @@ void Register()
     add("ListFromBinary", ListFromBinary);
     add("JsonParse", JsonParse);
     add("CopyList", CopyList);
+    const auto addText = [](const std::string& name, const std::string& text)
+    {
+        benchmark::RegisterBenchmark(name.c_str(), [text](benchmark::State& state) { ReadDescription(state, text); })
+            ->MeasureProcessCPUTime()
+            ->Repetitions(7)
+            ->MinTime(0.05)
+            ->ReportAggregatesOnly(true);
+    };
+    addText(kLarge, SampleDescriptions::Large());
+    int number = 0;
+    for (const std::string& text : SampleDescriptions::Bad())
+    {
+        addText(kBad + std::to_string(++number), text);
+    }
+}
+
+/// The highest figure among those whose names begin so, in µs.
+double Worst(const std::map<std::string, Figure>& figures, const std::string& prefix)
+{
+    double worst = 0;
+    for (const auto& [name, figure] : figures)
+    {
+        worst = name.starts_with(prefix) ? std::max(worst, figure.nanoseconds / 1000) : worst;
+    }
+    return worst;
 }
 
 } // namespace
@@ -466,6 +515,14 @@ int main(int argc, char** argv)
         if (ours != reporter.figures.end() && bare != reporter.figures.end())
         {
             std::printf("%s\t%.2f\ttimes\t\n", ratio.name, ours->second.nanoseconds / bare->second.nanoseconds);
+        }
+    }
+    for (const auto& [name, prefix] : {std::pair("device description of 16 KiB, looked over and parsed", kLarge),
+                                       std::pair("the worst accepted shape of 64 KiB", kBad)})
+    {
+        if (const double microseconds = Worst(reporter.figures, prefix); microseconds > 0)
+        {
+            std::printf("%s\t%.1f\tµs\t\n", name, microseconds);
         }
     }
     return 0;
