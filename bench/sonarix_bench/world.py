@@ -12,12 +12,13 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "..
 from sonarix_lab import LabError, namespaces  # noqa: E402
 from sonarix_lab.certificates import Authority  # noqa: E402
 from sonarix_lab.crowd import PROGRAM as CROWD_PROGRAM, Crowd  # noqa: E402
+from sonarix_lab.devices import MISBEHAVING, PROGRAM as DEVICES_PROGRAM, Devices  # noqa: E402
 from sonarix_lab.laboratory import BIN_DIR  # noqa: E402
 from sonarix_lab.ledger import Ledger  # noqa: E402
 from sonarix_lab.product import PROGRAMS, Product, Surroundings, check_programs, guid_of, last_line  # noqa: E402
 from sonarix_lab.reactor import Reactor  # noqa: E402
 
-__all__ = ["BIN_DIR", "CROWD_GUID", "CROWD_NAME", "LabError", "Reader", "World"]
+__all__ = ["BIN_DIR", "CROWD_GUID", "CROWD_NAME", "LabError", "MISBEHAVING", "Reader", "World"]
 
 #: What the names and the guids of the crowd begin with.
 CROWD_NAME = "Crowd"
@@ -34,17 +35,20 @@ class World:
 
     `avahi` holds further lines of the [server] section of the product's mDNS daemon. The product's programs are not
     running yet, but for its bus; the crowd has announced itself and is quiet. `others` more real products, complete
-    ones, are started along with the crowd.
+    ones, are started along with the crowd, and so are UPnP `devices` of these kinds, or stay away if they are `silent`.
     """
 
-    def __init__(self, bin_dir, crowd=0, others=0, avahi=(), log_dir=None):
+    def __init__(self, bin_dir, crowd=0, others=0, avahi=(), devices=(), silent=False, log_dir=None):
         self._bin_dir = os.path.abspath(bin_dir)
         self._count = crowd
         self._others = others
         self._avahi = avahi
         self._log_dir = log_dir
         self._namespaces = []
+        self._kinds = list(devices)
+        self._silent = silent
         self._crowd = None
+        self.devices = None
         self._ledger = self._reactor = self._scratch = None
         self.deaths = []
 
@@ -64,6 +68,8 @@ class World:
             self._ledger.kill_all()
         if self._crowd:
             self._crowd.close()
+        if self.devices:
+            self.devices.close()
         if self._reactor:
             self._reactor.stop()
         for namespace in self._namespaces:
@@ -91,11 +97,14 @@ class World:
             self._wait("its network status", lambda: self._answers("/network/status"))
 
     def quiet(self):
-        """Waits until the crowd has said nothing by mDNS for two seconds."""
+        """Waits until the crowd has said nothing by mDNS, and no device by SSDP, for two seconds."""
         last, since = None, time.monotonic()
         deadline = since + _START_SECONDS
-        while self._crowd and time.monotonic() - since < _QUIET_SECONDS:
-            packets = self._crowd.stats()["packets"]
+        while (self._crowd or self.devices) and time.monotonic() - since < _QUIET_SECONDS:
+            packets = self._crowd.stats()["packets"] if self._crowd else 0
+            if self.devices:
+                stats = self.devices.stats()
+                packets += stats["notifies"] + stats["answers"]
             if packets != last:
                 last, since = packets, time.monotonic()
             if since > deadline:
@@ -113,7 +122,7 @@ class World:
     # ---- inside --------------------------------------------------------------------------------------------------
 
     def _open(self):
-        check_programs(self._bin_dir, PROGRAMS, lan=False, more=[CROWD_PROGRAM])
+        check_programs(self._bin_dir, PROGRAMS, lan=False, more=[CROWD_PROGRAM, DEVICES_PROGRAM])
         self._ledger = Ledger(_STATE_DIR)
         self._reactor = Reactor()
         self._scratch = tempfile.mkdtemp(prefix="sonarix-bench-")
@@ -132,6 +141,8 @@ class World:
         if self._count:
             self._crowd = Crowd(self._count)
             self._crowd.start(around, bridge)
+        if self._kinds:
+            self.devices = Devices.on_host(0, self._kinds, around, bridge, silent=self._silent)
         self.product.start("dbus")
 
     def _add_product(self, bridge, around, authority, number):
