@@ -45,10 +45,14 @@ void DiscoveryServiceController::Initialize()
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "Initialize");
     const std::shared_ptr<DiscoveryServiceControllerIF> self = shared_from_this();
 
-    CreateGatewayClient(self);
-    m_ipcServer = OptionalParts::CreateIPCServer(self);
-
-    m_porticoClient->Initialize();
+    {
+        // The constructors subscribe one after another what runs on the task, and what it notifies before the gateway
+        // has been asked to have its paths served is lost there: it takes up its work when all that is done.
+        const TaskGate gate(m_task);
+        CreateGatewayClient(self);
+        m_ipcServer = OptionalParts::CreateIPCServer(self);
+        m_porticoClient->Initialize();
+    }
     if (m_ipcServer)
     {
         m_ipcServer->Initialize();
@@ -58,9 +62,6 @@ void DiscoveryServiceController::Initialize()
 
 void DiscoveryServiceController::CreateGatewayClient(const std::shared_ptr<DiscoveryServiceControllerIF>& self)
 {
-    // The constructors below subscribe one after another what runs on the task: it takes up its work when the last
-    // of them is done.
-    const TaskGate gate(m_task);
     const std::shared_ptr<PorticoClientIF> portico = Portico::PorticoClient::Create(
         "SonarixService", "localhost", 8084, "tarsier", "", nullptr, std::nullopt, Portico::CommonClientCreationInfo());
     m_porticoClient =
