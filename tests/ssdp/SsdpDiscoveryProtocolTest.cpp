@@ -6,7 +6,6 @@
 #include "LogCapture.h"
 #include "Simulation.h"
 #include "Sonarix.pb.h"
-#include "TestLan.h"
 #include "Watched.h"
 
 #include <gmock/gmock.h>
@@ -115,45 +114,6 @@ TEST(SsdpDiscoveryProtocol, SearchesAtTheStartAndEvery30Seconds)
     simulation.RunFor(1h);
     EXPECT_EQ(handler.searches.size(), 6U);
     EXPECT_THAT(unit.reports.Get(), IsEmpty());
-}
-
-TEST(SsdpDiscoveryProtocol, AnotherAddressOrAnotherInterfaceOfThatNameBeginsAnewAtTheNextSearch)
-{
-    IL::Simulation simulation(1);
-    const TestLan lan;
-    FakeGSSDPHandler handler;
-    std::vector<std::string> expected{"gssdp on eth0"};
-    Unit unit;
-    unit.protocol->Start("eth0");
-    const auto afterTheNextSearch = [&]
-    {
-        const std::size_t searches = handler.searches.size();
-        simulation.RunFor(30s);
-        EXPECT_EQ(handler.searches.size(), searches + 1);
-        return *handler.calls;
-    };
-    EXPECT_EQ(afterTheNextSearch(), expected);
-    TestLan::Ip("address del 10.77.0.1/24 dev eth0");
-    EXPECT_EQ(afterTheNextSearch(), expected) << "nothing to bind to";
-    TestLan::Ip("address add 10.77.0.1/24 dev eth0");
-    EXPECT_EQ(afterTheNextSearch(), expected) << "as before";
-
-    TestLan::Ip("address del 10.77.0.1/24 dev eth0");
-    TestLan::Ip("address add 10.77.0.77/24 dev eth0");
-    expected.insert(expected.end(), {"gssdp gone", "gssdp on eth0"});
-    EXPECT_EQ(afterTheNextSearch(), expected);
-    EXPECT_EQ(afterTheNextSearch(), expected);
-
-    TestLan::Ip("link del eth0");
-    TestLan::Ip("link add eth0 type veth peer name gone0");
-    TestLan::Ip("address add 10.77.0.77/24 dev eth0");
-    expected.insert(expected.end(), {"gssdp gone", "gssdp on eth0"});
-    EXPECT_EQ(afterTheNextSearch(), expected);
-    EXPECT_EQ(afterTheNextSearch(), expected);
-    unit.protocol->Stop();
-    TestLan::Ip("address add 10.77.0.78/24 dev eth0");
-    simulation.RunFor(1h);
-    EXPECT_EQ(handler.calls->size(), expected.size() + 1);
 }
 
 TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
