@@ -37,11 +37,16 @@ void PeerAddresses::AskTable(const std::string& guid, PeersCallback callback)
         IL::BreakThread([callback = std::move(callback), peer = *given] { callback({peer}); }, m_task);
         return;
     }
-    m_waiting.push_back({guid, std::move(callback)});
-    if (m_waiting.size() > 1)
+    const bool isAsked = !m_waiting.empty();
+    m_waiting.push_back({guid, std::move(callback), isAsked});
+    if (!isAsked)
     {
-        return;
+        Ask();
     }
+}
+
+void PeerAddresses::Ask()
+{
     const unsigned int question = ++m_question;
     m_limit.PostIn(static_cast<unsigned int>(kTableLimit.count()), [this, question] { HandleTable(question, {}); });
     const auto handle = [this, question](const Answer& answer) { HandleTable(question, answer.result); };
@@ -71,8 +76,23 @@ void PeerAddresses::HandleTable(unsigned int question, const std::string& produc
     }
     ++m_question;
     m_limit.Cancel();
-    const std::vector<Waiting> waiting = std::exchange(m_waiting, {});
     const std::map<std::string, std::string> addresses = ReadAddresses(productList);
+    std::vector<Waiting> waiting;
+    for (Waiting& each : std::exchange(m_waiting, {}))
+    {
+        if (each.isLate && addresses.count(each.guid) == 0)
+        {
+            m_waiting.push_back({each.guid, std::move(each.callback), false});
+        }
+        else
+        {
+            waiting.push_back(std::move(each));
+        }
+    }
+    if (!m_waiting.empty())
+    {
+        Ask();
+    }
     for (const Waiting& each : waiting)
     {
         const auto found = addresses.find(each.guid);

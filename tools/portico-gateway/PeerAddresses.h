@@ -45,8 +45,10 @@ private:
     {
         std::string guid;
         PeersCallback callback;
+        bool isLate; ///< came when the list had been asked for: its row may have come since, too
     };
 
+    void Ask();
     void HandleTable(unsigned int question, const std::string& productList);
 
     NotifyTargetTaskIF* m_task;

@@ -224,6 +224,20 @@ TEST_F(GatewayProducts, AsksForAddressesAnewWhenTheOwnServiceComesBack)
     EXPECT_FALSE(client.Has("heartbeat", 300ms));
 }
 
+TEST_F(GatewayProducts, WhoComesWhileTheListIsAskedForIsSoughtInTheNextOne)
+{
+    const auto farService = Service(m_far, kInfo, kFarInfo);
+    RpcClient near(m_near.Port(), "SonarixService");
+    near.Serve("get", kList, 1);
+    RpcClient first(m_near.Port(), "First", "nobody");
+    const Json question = near.Take("get");
+    RpcClient late(m_near.Port(), "Late", "far");
+    EXPECT_FALSE(late.Has("heartbeat", 100ms));
+    near.Answer(question, Rows({})); // as it was before there was a row
+    near.Answer(near.Take("get"), Rows({{"far", "127.0.0.1"}}));
+    EXPECT_EQ(late.TakeHeartbeat(), kOnline) << "not before the next attempt";
+}
+
 TEST_F(GatewayProducts, BoundsWhatWaitsAndKeepsWhatTheProductRefuses)
 {
     const LogCapture log;
