@@ -708,10 +708,11 @@ void World::CompareWithWorld()
             guid != Model::kOwn && !IsServing(device) && std::none_of(devices.begin(), devices.end(), speaksForIt);
         const bool isRight = guid == Model::kOwn || (IsServing(device) && (device->answers == Device::Answers::RIGHT ||
                                                                            device->answers == Device::Answers::LATE));
-        // One that was given up is asked anew at each report, but only until the next pass of the reaper.
+        // One that was given up is asked anew at each report, but only until the next pass of the reaper, which can come
+        // before any answer or heartbeat: then its row stays as it is, and a refresh may have made it ONLINE.
         const std::optional<std::int64_t> since = m_model.OfflineSince(guid);
         const bool isGivenUp = since && MonotonicClock::NowSec() - *since >= Model::kGiveUpAfter;
-        if (row == nullptr || (isRight && !row->isOnline && !isGivenUp) || (isAway && row->isOnline))
+        if (row == nullptr || (!isGivenUp && ((isRight && !row->isOnline) || (isAway && row->isOnline))))
         {
             Fail(guid + (isRight ? " answers" : " is away") + " and is listed as " + (row ? row->Text() : "nothing"));
         }
