@@ -492,6 +492,11 @@ void World::Deliver(const std::string& guid, Milliseconds delay, const std::stri
            if (json.empty() || !isReached)
            {
                connection->Fail(kInfo, 503, 0, "no answer");
+               if (const auto peer = m_peers.find(guid); peer != m_peers.end() && !isReached)
+               {
+                   peer->second.hasFailed = true; // the real gateway checks often enough to see that, too
+                   CheckSoon(guid);
+               }
            }
            else if (connection->AnswerText(kInfo, json))
            {
@@ -576,7 +581,8 @@ void World::Check(const std::string& guid)
 {
     Peer& peer = m_peers.at(guid);
     const Device* const device = ServerOf(guid);
-    const bool isServed = IsServing(device);
+    const bool hasFailed = std::exchange(peer.hasFailed, false);
+    const bool isServed = IsServing(device) && !hasFailed;
     const bool isOther = device != std::exchange(peer.servedBy, device); // the connection to the one before has broken
     const bool isThere = guid == Model::kOwn || (isServed && !(isOther && peer.isThere.value_or(false)));
     if (peer.isThere != isThere || !isThere)
@@ -708,8 +714,8 @@ void World::CompareWithWorld()
             guid != Model::kOwn && !IsServing(device) && std::none_of(devices.begin(), devices.end(), speaksForIt);
         const bool isRight = guid == Model::kOwn || (IsServing(device) && (device->answers == Device::Answers::RIGHT ||
                                                                            device->answers == Device::Answers::LATE));
-        // One that was given up is asked anew at each report, but only until the next pass of the reaper, which can come
-        // before any answer or heartbeat: then its row stays as it is, and a refresh may have made it ONLINE.
+        // One that was given up is asked anew at each report, but only until the next pass of the reaper, which can
+        // come before any answer or heartbeat: then its row stays as it is, and a refresh may have made it ONLINE.
         const std::optional<std::int64_t> since = m_model.OfflineSince(guid);
         const bool isGivenUp = since && MonotonicClock::NowSec() - *since >= Model::kGiveUpAfter;
         if (row == nullptr || (!isGivenUp && ((isRight && !row->isOnline) || (isAway && row->isOnline))))

@@ -146,6 +146,7 @@ private:
         const Device* servedBy = nullptr;
         std::optional<bool> isThere; ///< what it was told last
         bool isCheckDue = false;
+        bool hasFailed = false; ///< a question was not carried, since the last check
     };
 
     void Opened(const std::shared_ptr<FakeConnection>& connection) override;
