@@ -1,28 +1,29 @@
 #include "Heap.h"
 
-#include <cstddef>
-#include <malloc.h>
+#ifdef SONARIX_JEMALLOC
 
-namespace Heap
-{
+#include <jemalloc/jemalloc.h>
 
-/// A published list of hundreds of products is a text of hundreds of KiB. Left to itself, the heap learns to keep
-/// blocks of that size, in an arena for each thread: after a burst of changes, twice to three times what is in use
-/// stays with the process for good. Such blocks are the kernel's own from here on, and go back to it.
-void KeepSmall()
+#define SONARIX_TEXT_OF(macro) SONARIX_TEXT(macro)
+#define SONARIX_TEXT(word) #word
+
+/// Read by jemalloc when it starts, before main(). One arena, since its locks are for each size and few threads meet
+/// there; free pages go back after 100 ms, as a published list of hundreds of products comes and goes in blocks of
+/// hundreds of KiB; a thread keeps only few small free blocks for itself, as each fetched description has a thread.
+/// No thread of its own, which would wake an idle daemon.
+// NOLINTNEXTLINE(readability-identifier-naming,misc-use-internal-linkage)
+const char* malloc_conf = "narenas:1,dirty_decay_ms:100,muzzy_decay_ms:0,tcache_max:1024,lg_tcache_nslots_mul:-1";
+
+void Heap::GiveBack()
 {
-    constexpr int kLargeBlock = 256 << 10;
-    mallopt(M_MMAP_THRESHOLD, kLargeBlock);
-    mallopt(M_ARENA_MAX, 1);
+    mallctl("thread.tcache.flush", nullptr, nullptr, nullptr, 0);
+    mallctl("arena." SONARIX_TEXT_OF(MALLCTL_ARENAS_ALL) ".purge", nullptr, nullptr, nullptr, 0);
 }
 
-void GiveBack()
+#else
+
+void Heap::GiveBack()
 {
-    constexpr std::size_t kMuch = std::size_t{512} << 10;
-    if (mallinfo2().fordblks > kMuch)
-    {
-        malloc_trim(0);
-    }
 }
 
-} // namespace Heap
+#endif

@@ -1,14 +1,13 @@
 #pragma once
 
-/// What the process does with memory that it has freed. Any thread.
+/// What the process does with memory that it has freed. Linking it brings jemalloc in, set up for a daemon of few threads
+/// on a small machine; the sanitizers' builds keep their own heap, and there nothing happens here. Any thread.
 namespace Heap
 {
 
-/// At the start of the process, before it has a second thread: one arena, and large blocks apart.
-void KeepSmall();
-
-/// Gives free pages back to the kernel where there are many. After a burst, what is freed lies between what stays, and
-/// would be the process's own for good. Takes 10 µs, and where there is something to give back a millisecond.
+/// Gives all free pages back to the kernel. By itself the heap does so while it is used, a tenth of a second after they
+/// were freed: what a burst leaves behind would stay for as long as the process is idle. Takes 10 µs where there is
+/// little to give back, and a millisecond after a burst.
 void GiveBack();
 
 } // namespace Heap
