@@ -39,6 +39,14 @@ bool IsNumeric(const std::string& address)
            inet_pton(AF_INET6, address.c_str(), ignored.data()) == 1;
 }
 
+/// "192.0.2.1" of "http://192.0.2.1:49152/description.xml", "2001:db8::1" of "http://[2001:db8::1]/".
+std::string HostOf(const std::string& location)
+{
+    const std::size_t scheme = location.find("://");
+    const std::string host = scheme == std::string::npos ? "" : location.substr(scheme + 3);
+    return host.starts_with("[") ? host.substr(1, host.find(']') - 1) : host.substr(0, host.find_first_of(":/"));
+}
+
 } // namespace
 
 std::map<std::string, std::string> ReadAddresses(const std::string& productList)
@@ -58,6 +66,10 @@ std::map<std::string, std::string> ReadAddresses(const std::string& productList)
             continue;
         }
         std::string address = Text(*info, "ipaddress");
+        if (address.empty()) // it answered for itself while it had no network, and has no record to look up by mDNS
+        {
+            address = HostOf(Text(*info, "location"));
+        }
         if (IsNumeric(address))
         {
             addresses.emplace(Text(*info, "guid"), std::move(address));

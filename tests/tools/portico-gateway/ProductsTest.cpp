@@ -183,6 +183,20 @@ TEST_F(GatewayProducts, TakesTheRowOfAnyStateAndAsksOnceForAll)
     EXPECT_EQ(m_near.mdnsQuestions, 0);
 }
 
+TEST_F(GatewayProducts, TakesTheHostOfTheLocationWhereTheRowHasNoAddress)
+{
+    const auto farService = Service(m_far, kInfo, kFarInfo);
+    Json rows = Rows({{"far", ""}, {"other", ""}});
+    rows["products"][1]["productinfo"]["location"] = "http://127.0.0.1:49152/description.xml";
+    rows["products"][2]["productinfo"]["location"] = "http://[::ffff:127.0.0.1]/";
+    const auto near = Service(m_near, kList, rows);
+    RpcClient client(m_near.Port(), "Client", "far");
+    EXPECT_EQ(GuidOf(client), "far");
+    RpcClient other(m_near.Port(), "Client", "other");
+    const Json answer = other.Call("get", {{"path", kInfo}});
+    EXPECT_THAT(answer["error"]["message"].get<std::string>(), HasSubstr("product far answers"));
+}
+
 TEST_F(GatewayProducts, AsksMdnsWhereTheRowLeadsNowhereOrToAnother)
 {
     const auto farService = Service(m_far, kInfo, kFarInfo);
