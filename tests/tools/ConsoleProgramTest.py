@@ -2,20 +2,17 @@
 """sonarix-console against a service that says what a test wants, from a terminal, a pipe and a command line.
 Usage: ConsoleProgramTest.py BIN_DIR
 """
-import contextlib
 import json
 import os
-import queue
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../support"))
 
+from localservice import LocalService  # noqa: E402
 from terminal import SECONDS, Terminal  # noqa: E402
 
 BIN_DIR = sys.argv.pop(1) if len(sys.argv) > 1 else "build/release/bin"
@@ -25,62 +22,31 @@ COMMANDS = [{"command": "lamp on", "help": "Lights it", "usage": "lamp on [room=
             {"command": "list", "help": "Lists them", "usage": "list"}]
 
 
-class Service:
+class Service(LocalService):
     """Echoes commands; "wrong" is an error, "silent" gets no answer, "gone" ends the connection."""
 
-    def __init__(self, folder):
-        self.path = os.path.join(folder, "console")
-        self.asked = queue.Queue()
-        self.peers = []
-        self.listener = None
-        self.open()
-
-    def open(self):
-        self.listener = socket.socket(socket.AF_UNIX)
-        self.listener.bind(self.path)
-        self.listener.listen()
-        threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
-
-    def close(self):
-        os.unlink(self.path)
-        for one in [self.listener, *self.peers]:
-            with contextlib.suppress(OSError):
-                one.shutdown(socket.SHUT_RDWR)
-        self.listener.close()
-
     def say(self, line):
-        for peer in self.peers:
-            with contextlib.suppress(OSError):  # one who has gone
-                peer.sendall((line if isinstance(line, bytes) else json.dumps(line).encode()) + b"\n")
+        self.send((line if isinstance(line, bytes) else json.dumps(line).encode()) + b"\n")
 
-    def _accept(self, listener):
-        with contextlib.suppress(OSError):  # closed
-            while True:
-                peer = listener.accept()[0]
-                self.peers = [one for one in self.peers if one.fileno() >= 0] + [peer]
-                threading.Thread(target=self._serve, args=(peer,), daemon=True).start()
-
-    def _serve(self, peer):
-        with peer, peer.makefile("rb") as lines:
-            for line in lines:
-                request = json.loads(line)
-                self.asked.put(request)
-                if "help" in request:
-                    words = request["help"].strip()
-                    found = [command for command in COMMANDS if command["command"].startswith(words)]
-                    self.say({"ok": True, "response": "", "commands": found})
-                elif request["command"] == "gone":
-                    return
-                elif request["command"] != "silent":
-                    self.say({"ok": request["command"] != "wrong", "response": "said " + request["command"]})
+    def serve(self, stream):
+        for line in stream:
+            request = json.loads(line)
+            self.asked.put(request)
+            if "help" in request:
+                words = request["help"].strip()
+                found = [command for command in COMMANDS if command["command"].startswith(words)]
+                self.say({"ok": True, "response": "", "commands": found})
+            elif request["command"] == "gone":
+                return
+            elif request["command"] != "silent":
+                self.say({"ok": request["command"] != "wrong", "response": "said " + request["command"]})
 
 
 class Case(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="sonarix-console-")
-        self.addCleanup(folder.cleanup)
-        self.environment = {"SONARIX_RUN_DIR": folder.name, "HOME": folder.name}
-        self.service = Service(folder.name)
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="sonarix-console-"))
+        self.environment = {"SONARIX_RUN_DIR": folder, "HOME": folder}
+        self.service = Service(folder, "console")
 
     def run_program(self, *arguments, text="", **options):
         return subprocess.run([PROGRAM, *arguments], input=text, capture_output=True, text=True, timeout=SECONDS,
@@ -135,7 +101,7 @@ class CommandLine(Case):
     def test_hostile_texts_do_not_reach_the_terminal(self):
         process = subprocess.Popen([PROGRAM, "silent"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                    env={**os.environ, **self.environment})
-        self.service.asked.get(timeout=SECONDS)
+        self.service.expect({"command": "silent"})
         for line in (b"\xff\xfe", b"[]", b"{}", b"x" * 1_000_000, {"ok": 1, "response": "no"}, {"async": "\033[2Jby itself"}):
             self.service.say(line)
         self.service.say({"ok": True, "response": "a\033]0;x\007b\u009bc\ttext"})
@@ -161,7 +127,7 @@ class AtATerminal(Case):
         terminal.type("")
         terminal.wait_for("> list", "said list", ">")
         terminal.type("silent")
-        self.wait_asked("silent")
+        self.service.expect({"command": "silent"})
         terminal.type("", "ctrl-c")
         terminal.wait(lambda lines: lines[-2:] == ["sonarix-console: not waiting for the answer any more", ">"])
         terminal.type("K\u00fcche")
@@ -177,10 +143,6 @@ class AtATerminal(Case):
         later.type("quit")
         self.assertEqual(later.end(), 0)
         self.assertEqual(os.stat(self.environment["HOME"] + "/.sonarix_console_history").st_mode & 0o777, 0o600)
-
-    def wait_asked(self, command):
-        while self.service.asked.get(timeout=SECONDS) != {"command": command}:
-            pass
 
     def test_completion(self):
         terminal = self.terminal()
@@ -221,7 +183,7 @@ class AtATerminal(Case):
         terminal.type("very ", None)
         terminal.wait(lambda lines: lines[-3].startswith("> very short"))
         terminal.type("")
-        self.wait_asked("very short" + typed.rstrip())
+        self.service.expect({"command": "very short" + typed.rstrip()})
         terminal.wait(lambda lines: lines[-1] == ">")
         os.kill(terminal.process.pid, signal.SIGTERM)
         self.assertEqual(terminal.end(), 0)

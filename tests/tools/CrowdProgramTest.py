@@ -3,16 +3,17 @@
 
 Usage: CrowdProgramTest.py FOLDER_OF_PROGRAMS
 """
-import json
 import os
 import socket
 import struct
-import subprocess
 import sys
 import time
 import unittest
 
-INSIDE = "SONARIX_TEST_NAMESPACE"
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../support"))
+
+from neighbours import NeighbourCase, enter_network  # noqa: E402
+
 BIN = ""
 GROUP = ("224.0.0.251", 5353)
 TYPE = b"\x0d_kova-lanyard\x04_tcp\x05local\x00"
@@ -55,25 +56,13 @@ def records(message):
     return found
 
 
-class Crowd(unittest.TestCase):
-    def setUp(self):
-        self.ear = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.addCleanup(self.ear.close)
-        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
-        self.ear.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                            socket.inet_aton(GROUP[0]) + socket.inet_aton("127.0.0.1"))
-        self.ear.bind(("", GROUP[1]))
-        self.crowd = subprocess.Popen([BIN + "/product-crowd", "--count", str(COUNT), "--interface", "lo",
-                                       "--delay", "1:20"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(self.crowd.communicate)
-        self.assertEqual(self.crowd.stdout.readline(), f"ready {COUNT}\n")
-        self.assertEqual(self.hear(2.5), sorted(2 * list(range(COUNT))), "each announces itself twice")
+class Crowd(NeighbourCase):
+    group = GROUP
 
-    def tell(self, line):
-        self.crowd.stdin.write(line + "\n")
-        self.crowd.stdin.flush()
-        return self.crowd.stdout.readline().strip()
+    def setUp(self):
+        said = self.start(BIN + "/product-crowd", "--count", str(COUNT), "--delay", "1:20")
+        self.assertEqual(said, f"ready {COUNT}\n")
+        self.assertEqual(self.hear(2.5), sorted(2 * list(range(COUNT))), "each announces itself twice")
 
     def ask(self, *messages):
         """The products that answer, and their last packets in `heard`."""
@@ -99,10 +88,7 @@ class Crowd(unittest.TestCase):
         return sorted(indices)
 
     def reach(self, index):
-        """What it says at its gateway's port, or None where nobody listens."""
-        answer = subprocess.run([BIN + "/portico", "--host", f"10.77.32.{index + 1}", "--port", "8090", "get",
-                                 "/sonarix/info"], capture_output=True, text=True, check=False)
-        return json.loads(answer.stdout) if answer.returncode == 0 else None
+        return self.info(BIN + "/portico", f"10.77.32.{index + 1}")
 
     def test_each_answers_for_itself_and_only_what_is_asked(self):
         browse = [(TYPE, PTR)]
@@ -138,11 +124,6 @@ class Crowd(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if os.environ.get(INSIDE) != "yes":
-        os.environ[INSIDE] = "yes"
-        os.execvp("unshare", ["unshare", "--net", sys.executable, "-B", *sys.argv])
+    enter_network("route add 224.0.0.0/4 dev lo", "route add local 10.77.32.0/20 dev lo")
     BIN = sys.argv.pop(1)
-    for command in ("link set lo up multicast on", "route add 224.0.0.0/4 dev lo",
-                    "route add local 10.77.32.0/20 dev lo"):
-        subprocess.run(["ip", *command.split()], check=True)
     unittest.main(verbosity=2)

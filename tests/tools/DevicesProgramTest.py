@@ -3,17 +3,18 @@
 
 Usage: DevicesProgramTest.py FOLDER_OF_PROGRAMS
 """
-import json
 import os
 import re
 import select
 import socket
-import subprocess
 import sys
 import time
 import unittest
 
-INSIDE = "SONARIX_TEST_NAMESPACE"
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../support"))
+
+from neighbours import NeighbourCase, enter_network  # noqa: E402
+
 BIN = ""
 GROUP = ("239.255.255.250", 1900)
 TYPE = "urn:schemas-upnp-org:device:MediaRenderer:1"
@@ -36,28 +37,14 @@ def headers(message):
     return {name.upper(): value for name, value in re.findall(rb"^([\w-]+):[ \t]*(.*?)\r$", message, re.MULTILINE)}
 
 
-class Devices(unittest.TestCase):
+class Devices(NeighbourCase):
+    group = GROUP
+
     def start(self, *arguments):
-        self.ear = self.socket(socket.SOCK_DGRAM)
-        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
-        self.ear.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                            socket.inet_aton(GROUP[0]) + socket.inet_aton("127.0.0.1"))
-        self.ear.bind(GROUP)
-        self.program = subprocess.Popen([BIN + "/upnp-devices", "--interface", "lo", *arguments],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(self.program.communicate)
-        self.assertRegex(self.program.stdout.readline(), r"^ready \d+$")
+        self.assertRegex(super().start(BIN + "/upnp-devices", *arguments), r"^ready \d+$")
 
-    def socket(self, kind):
-        made = socket.socket(socket.AF_INET, kind)
-        self.addCleanup(made.close)
-        return made
-
-    def tell(self, line):
-        self.program.stdin.write(line + "\n")
-        self.program.stdin.flush()
-        return self.program.stdout.readline().strip()
+    def info(self, index):
+        return super().info(BIN + "/portico", address(index))
 
     def notified(self, seconds):
         """(index, NTS, NT) of all announcements of that time."""
@@ -90,12 +77,6 @@ class Devices(unittest.TestCase):
             answer += data
         client.close()
         return answer, False
-
-    def info(self, index):
-        """What its gateway says, or None where nobody listens."""
-        answer = subprocess.run([BIN + "/portico", "--host", address(index), "--port", "8090", "get", "/sonarix/info"],
-                                capture_output=True, text=True, check=False)
-        return json.loads(answer.stdout) if answer.returncode == 0 else None
 
     def test_good_devices_speak_answer_and_go(self):
         self.start("product:2", "renderer", "hasty", "--guid", "own-guid", "--name", "Own Name")
@@ -179,11 +160,6 @@ class Devices(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if os.environ.get(INSIDE) != "yes":
-        os.environ[INSIDE] = "yes"
-        os.execvp("unshare", ["unshare", "--net", sys.executable, "-B", *sys.argv])
+    enter_network("route add 224.0.0.0/4 dev lo", "route add local 10.77.48.0/22 dev lo")
     BIN = sys.argv.pop(1)
-    for command in ("link set lo up multicast on", "route add 224.0.0.0/4 dev lo",
-                    "route add local 10.77.48.0/22 dev lo"):
-        subprocess.run(["ip", *command.split()], check=True)
     unittest.main(verbosity=2)

@@ -14,7 +14,10 @@ import threading
 import time
 import unittest
 
-INSIDE = "SONARIX_TEST_NAMESPACE"
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../support"))
+
+from neighbours import enter_network  # noqa: E402
+
 BIN = ""
 LIMIT = 20
 
@@ -172,17 +175,8 @@ class GatewayPrograms(unittest.TestCase):
             pass
 
 
-def enter_namespace():
-    """Runs this script once more, with a network of its own."""
-    unshare = ["unshare", "--net", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
-    os.environ[INSIDE] = "1"
-    os.execvp(unshare[0], [*unshare, sys.executable, *sys.argv])
-
-
 if __name__ == "__main__":
-    if INSIDE not in os.environ:
-        enter_namespace()
+    enter_network()
     BIN = os.path.abspath(sys.argv.pop(1))
-    ip("link", "set", "lo", "up")
     subprocess.run(["mount", "-t", "sysfs", "sysfs", "/sys"], check=False, capture_output=True)
     unittest.main(verbosity=2)

@@ -4,22 +4,20 @@ bytes are those that the example client sends and understands. Usage: IpcProgram
 """
 import json
 import os
-import queue
 import re
 import signal
-import socket
 import struct
 import subprocess
 import sys
 import tempfile
-import threading
 import unittest
 
 ROOT = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../..")
-sys.path.insert(0, os.path.join(ROOT, "examples"))
+sys.path[:0] = [os.path.join(ROOT, "examples"), os.path.join(ROOT, "tests/support")]
 
 import ipc_client  # noqa: E402
 from ipc_client import parse, record  # noqa: E402
+from localservice import LocalService  # noqa: E402
 
 BIN_DIR = sys.argv.pop(1) if len(sys.argv) > 1 else os.path.join(ROOT, "build/release/bin")
 SECONDS = 20
@@ -40,67 +38,32 @@ def error(text):
     return ("DeviceDiscoveryError", record((3, text)))
 
 
-class Service:
-    """One socket. `answers` gives for each identifier what to say: a payload, "reject", or nothing at all; what has
-    been asked is in `asked`, as (identifier, payload)."""
+class Service(LocalService):
+    """`answers` gives for each identifier what to say: a payload, "reject", or nothing at all; they are what `asked` holds."""
 
     def __init__(self, folder, name, answers):
         self.answers = answers
-        self.asked = queue.Queue()
         self.kinds_asked = set()
-        self._path = os.path.join(folder, name)
-        self._peer = None
-        self._listener = None
-        self.open()
-
-    def open(self):
-        self._listener = socket.socket(socket.AF_UNIX)
-        self._listener.bind(self._path)
-        self._listener.listen()
-        threading.Thread(target=self._serve, args=(self._listener,), daemon=True).start()
-
-    def close(self):
-        """As a service that ends: the socket's file goes, and the connection."""
-        if not self._listener:
-            return
-        os.unlink(self._path)
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-        self._listener = None
-        if self._peer:
-            self._peer.shutdown(socket.SHUT_RDWR)
+        super().__init__(folder, name)
 
     def tell(self, state, one):
-        self._send(NOTIFICATION, 1, 0, "DeviceDiscovery", record((1, state), (2, one)))
+        self._say(NOTIFICATION, 1, 0, "DeviceDiscovery", record((1, state), (2, one)))
 
-    def expect(self, identifier):
-        """The payload of the next request with that identifier."""
-        while True:
-            asked, payload = self.asked.get(timeout=SECONDS)
-            if asked == identifier:
-                return payload
+    def serve(self, stream):
+        while head := stream.read(4):
+            envelope = parse(stream.read(*struct.unpack(">I", head)))
+            identifier, tid = envelope[3][0], envelope[4][0]
+            answer = self.answers.get(identifier)
+            if answer == "reject":
+                self._say(REJECT, identifier, tid, "", b"")
+            elif answer:
+                self._say(RESPONSE, identifier, tid, *answer)
+            self.kinds_asked.add(identifier)
+            self.asked.put(identifier)
 
-    def _serve(self, listener):
-        while True:
-            try:
-                self._peer = listener.accept()[0]
-            except OSError:
-                return
-            stream = self._peer.makefile("rb")
-            while head := stream.read(4):
-                envelope = parse(stream.read(*struct.unpack(">I", head)))
-                identifier, tid = envelope[3][0], envelope[4][0]
-                answer = self.answers.get(identifier)
-                if answer == "reject":
-                    self._send(REJECT, identifier, tid, "", b"")
-                elif answer:
-                    self._send(RESPONSE, identifier, tid, *answer)
-                self.kinds_asked.add(identifier)
-                self.asked.put((identifier, parse(envelope[6][0])))
-
-    def _send(self, kind, identifier, tid, name, payload):
+    def _say(self, kind, identifier, tid, name, payload):
         envelope = record((2, name), (3, identifier), (4, tid), (5, kind), (6, payload))
-        self._peer.sendall(struct.pack(">I", len(envelope)) + envelope)
+        self.send(struct.pack(">I", len(envelope)) + envelope)
 
 
 class Case(unittest.TestCase):
@@ -118,11 +81,8 @@ class Case(unittest.TestCase):
                               timeout=SECONDS, check=False)
 
     def start_client(self, *words):
-        client = subprocess.Popen([os.path.join(BIN_DIR, "sonarix-ipc"), *words], env=self.environment,
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(client.stderr.close)
-        self.addCleanup(client.stdout.close)
-        self.addCleanup(client.wait)
+        client = self.enterContext(subprocess.Popen([os.path.join(BIN_DIR, "sonarix-ipc"), *words], env=self.environment,
+                                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True))
         self.addCleanup(client.kill)
         return client
 
@@ -161,7 +121,7 @@ class Staying(Case):
         self.assertEqual(told(), ["~", "Bath", "softwareversion", "1", "->", "2"])
         mdns.close()
         self.assertIn("the service went", watch.stderr.readline())
-        mdns.asked = queue.Queue()
+        mdns.asked.queue.clear()
         mdns.answers[2] = devices()  # it has just started, and knows nobody yet
         mdns.open()
         self.assertIn("is back", watch.stderr.readline())

@@ -1,0 +1,51 @@
+"""Programs on a network of a test's own, and what their neighbours hear of those that stand for many devices."""
+import json
+import os
+import socket
+import subprocess
+import sys
+import unittest
+
+
+def enter_network(*commands):
+    """Runs this script once more, in a namespace with loopback and what these commands of `ip` make."""
+    if os.environ.get("SONARIX_TEST_NAMESPACE") != "yes":
+        os.environ["SONARIX_TEST_NAMESPACE"] = "yes"
+        root = [] if os.geteuid() == 0 else ["--map-root-user"]
+        os.execvp("unshare", ["unshare", "--net", "--mount", *root, sys.executable, "-B", *sys.argv])
+    for command in ("link set lo up multicast on", *commands):
+        subprocess.run(["ip", *command.split()], check=True)
+
+
+class NeighbourCase(unittest.TestCase):
+    """A program that simulates devices on loopback, and a socket in their multicast group."""
+
+    group = ()
+
+    def start(self, *command):
+        """What the program says when it is ready."""
+        self.ear = self.socket(socket.SOCK_DGRAM)
+        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        self.ear.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                            socket.inet_aton(self.group[0]) + socket.inet_aton("127.0.0.1"))
+        self.ear.bind(self.group)
+        self.program = subprocess.Popen([*command, "--interface", "lo"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        text=True)
+        self.addCleanup(self.program.communicate)
+        return self.program.stdout.readline()
+
+    def socket(self, kind):
+        return self.enterContext(socket.socket(socket.AF_INET, kind))
+
+    def tell(self, line):
+        self.program.stdin.write(line + "\n")
+        self.program.stdin.flush()
+        return self.program.stdout.readline().strip()
+
+    @staticmethod
+    def info(portico, address):
+        """What the gateway at that address says of its product, or None where nobody listens."""
+        answer = subprocess.run([portico, "--host", address, "--port", "8090", "get", "/sonarix/info"],
+                                capture_output=True, text=True, check=False)
+        return json.loads(answer.stdout) if answer.returncode == 0 else None
