@@ -1,12 +1,11 @@
 #include "ForkedRun.h"
 
-#include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <poll.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -14,12 +13,14 @@
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int kExceptionStatus = 125;
 
-[[noreturn]] void RunChild(int output, const std::function<int()>& body)
+[[noreturn]] void RunChild(int output, std::chrono::seconds limit, const std::function<int()>& body)
 {
+    ::alarm(static_cast<unsigned>(limit.count()));
+    const rlimit size{ForkedResult::kMaxOutput, ForkedResult::kMaxOutput};
+    ::setrlimit(RLIMIT_FSIZE, &size);
+    std::signal(SIGXFSZ, SIG_IGN); // what is too much is not written
     ::dup2(output, STDOUT_FILENO);
     ::dup2(output, STDERR_FILENO);
     ::close(output);
@@ -36,36 +37,11 @@ constexpr int kExceptionStatus = 125;
     ::_exit(status);
 }
 
-/// Until everybody who holds the other end has closed it; false at the time limit.
-bool ReadUntilClosed(int input, Clock::time_point deadline, std::string& output)
-{
-    std::array<char, 4096> buffer;
-    for (;;)
-    {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd readable{input, POLLIN, 0};
-        const int ready = left > 0 ? ::poll(&readable, 1, static_cast<int>(left)) : 0;
-        if (ready == 0)
-        {
-            return false;
-        }
-        const ssize_t count = ready > 0 ? ::read(input, buffer.data(), buffer.size()) : -1;
-        if (count == 0 || (count < 0 && errno != EINTR))
-        {
-            return true;
-        }
-        if (count > 0 && output.size() < ForkedResult::kMaxOutput)
-        {
-            output.append(buffer.data(), static_cast<std::size_t>(count));
-        }
-    }
-}
-
 } // namespace
 
 std::string ForkedResult::HowItEnded() const
 {
-    if (m_timedOut)
+    if (m_signal == SIGALRM)
     {
         return "time limit";
     }
@@ -74,41 +50,27 @@ std::string ForkedResult::HowItEnded() const
 
 ForkedResult RunForked(const std::function<int()>& body, std::chrono::seconds limit)
 {
-    int ends[2];
-    if (::pipe(ends) != 0)
-    {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
     std::fflush(nullptr); // what is buffered here must not come out twice
-    const pid_t child = ::fork();
+    const int output = ::memfd_create("output", MFD_CLOEXEC);
+    const pid_t child = output < 0 ? -1 : ::fork();
     if (child < 0)
     {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (child == 0)
     {
-        ::close(ends[0]);
-        RunChild(ends[1], body);
-    }
-    ::close(ends[1]);
-    ForkedResult result;
-    result.m_timedOut = !ReadUntilClosed(ends[0], Clock::now() + limit, result.m_output);
-    ::close(ends[0]);
-    if (result.m_timedOut)
-    {
-        ::kill(child, SIGKILL);
+        RunChild(output, limit, body);
     }
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR)
     {
     }
-    if (WIFEXITED(status))
-    {
-        result.m_exitStatus = WEXITSTATUS(status);
-    }
-    else
-    {
-        result.m_signal = WTERMSIG(status);
-    }
+    ForkedResult result;
+    result.m_exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.m_signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.m_output.resize(ForkedResult::kMaxOutput);
+    const ssize_t count = ::pread(output, result.m_output.data(), result.m_output.size(), 0);
+    result.m_output.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    ::close(output);
     return result;
 }

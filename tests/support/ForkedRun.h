@@ -9,13 +9,12 @@
 struct ForkedResult
 {
     int m_exitStatus = -1; ///< -1: ended by a signal
-    int m_signal = 0;      ///< 0: left by itself
-    bool m_timedOut = false;
-    std::string m_output; ///< standard output and error as they came, cut off after kMaxOutput bytes
+    int m_signal = 0;      ///< 0: left by itself; SIGALRM: at the time limit
+    std::string m_output;  ///< standard output and error as they came, cut off after kMaxOutput bytes
 
     bool Succeeded() const
     {
-        return m_exitStatus == 0 && !m_timedOut;
+        return m_exitStatus == 0;
     }
     std::string HowItEnded() const; ///< "status 1", "signal 6", "time limit"
 
