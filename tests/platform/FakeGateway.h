@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Inbox.h"
 #include "RealTask.h"
 #include "Watched.h"
 #include "WebSocket.h"
@@ -7,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <functional>
 #include <memory>
 #include <set>
@@ -65,17 +65,17 @@ public:
         return m_port;
     }
 
-    /// The next frame of that method, not looked at again; waits for it. Empty, and the test fails, after 10 s.
+    /// The next frame of that method, not looked at again; waits for it. Empty, and the test fails, where none comes.
     json Take(const std::string& method)
     {
-        json frame = Wait([&method](const json& each) { return each.value("method", "") == method; }, 10000);
-        EXPECT_FALSE(frame.is_null()) << "no \"" << method << "\" came";
-        return frame.is_null() ? json::object() : frame;
+        const auto frame = m_frames.TakeFirst([&](const json& each) { return each.value("method", "") == method; });
+        EXPECT_TRUE(frame) << "no \"" << method << "\" came";
+        return frame.value_or(json::object());
     }
     /// The next frame of any method, or null after `milliseconds`.
     json TakeAny(int milliseconds)
     {
-        return Wait([](const json&) { return true; }, milliseconds);
+        return m_frames.Take(std::chrono::milliseconds(milliseconds)).value_or(nullptr);
     }
     /// The next answer to a request that the test sent.
     json TakeAnswer()
@@ -157,29 +157,11 @@ private:
     void Handle(WebSocket::Connection& from, const std::string& text)
     {
         const json frame = json::parse(text);
-        m_frames.Change([&frame](auto& all) { all.push_back(frame); });
+        m_frames.Put(frame);
         if (frame.contains("method") && frame.contains("id") && !m_mute.contains(frame["method"]))
         {
             from.Send(json({{"jsonrpc", "2.0"}, {"id", frame["id"]}, {"result", json::object()}}).dump());
         }
-    }
-
-    template <class Predicate>
-    json Wait(Predicate matches, int milliseconds)
-    {
-        json taken;
-        const auto isThere = [&](const auto& all) { return std::any_of(all.begin(), all.end(), matches); };
-        m_frames.WaitUntil(isThere, std::chrono::milliseconds(milliseconds));
-        m_frames.Change(
-            [&](auto& all)
-            {
-                if (const auto found = std::find_if(all.begin(), all.end(), matches); found != all.end())
-                {
-                    taken = *found;
-                    all.erase(found);
-                }
-            });
-        return taken;
     }
 
     // On the task.
@@ -188,7 +170,7 @@ private:
     std::set<std::string> m_mute = {"get", "post", "put", "delete"};
 
     // For the test to look at.
-    Watched<std::vector<json>> m_frames;
+    Inbox<json> m_frames;
     Watched<std::size_t> m_open{0};
     std::uint16_t m_port = 0;
 

@@ -1,17 +1,15 @@
 #pragma once
 
+#include "Inbox.h"
 #include "RealTask.h"
-#include "Watched.h"
 #include "WebSocket.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -74,7 +72,7 @@ public:
             {{"jsonrpc", "2.0"}, {"method", "notify"}, {"params", {{"path", path}, {"version", 1.0}, {"body", body}}}});
     }
 
-    /// A request, and the whole frame that answers it; null, and a failed test, after 10 s.
+    /// A request, and the whole frame that answers it; null, and a failed test, where none comes.
     Json Call(const std::string& method, const Json& params)
     {
         return AnswerTo(Ask(method, params));
@@ -104,7 +102,7 @@ public:
         Send({{"jsonrpc", "2.0"}, {"id", request["id"]}, {kind, content}});
     }
 
-    /// The next frame of that method that came in, not seen again; null, and a failed test, after 10 s.
+    /// The next frame of that method that came in, not seen again; null, and a failed test, where none comes.
     Json Take(const std::string& method)
     {
         return TakeFrame([&](const Json& frame) { return frame.value("method", "") == method; }, method);
@@ -122,8 +120,7 @@ public:
     /// Whether a frame of that method is there, or comes within `limit`; it stays there.
     bool Has(const std::string& method, std::chrono::milliseconds limit = std::chrono::milliseconds(0)) const
     {
-        const auto isIt = [&](const Json& frame) { return frame.value("method", "") == method; };
-        return m_frames.WaitUntil([&](const auto& all) { return std::any_of(all.begin(), all.end(), isIt); }, limit);
+        return m_frames.Has([&](const Json& frame) { return frame.value("method", "") == method; }, limit);
     }
     /// Whether a notification has come, once all that the gateway had to say before now is here.
     bool HearsNothing()
@@ -160,31 +157,19 @@ private:
             m_connection->Send(answer.dump());
             return;
         }
-        m_frames.Change([&](auto& frames) { frames.push_back(frame); });
+        m_frames.Put(frame);
     }
     template <class Matches>
     Json TakeFrame(Matches matches, const std::string& what)
     {
-        const auto find = [&](auto& frames) { return std::find_if(frames.begin(), frames.end(), matches); };
-        Json taken;
-        if (!m_frames.WaitUntil([&](const auto& all) { return find(all) != all.end(); }))
-        {
-            ADD_FAILURE() << "no " << what;
-            return taken;
-        }
-        m_frames.Change(
-            [&](auto& frames)
-            {
-                const auto found = find(frames);
-                taken = std::move(*found);
-                frames.erase(found);
-            });
-        return taken;
+        const auto taken = m_frames.TakeFirst(matches);
+        EXPECT_TRUE(taken) << "no " << what;
+        return taken.value_or(nullptr);
     }
 
     std::shared_ptr<WebSocket::Connection> m_connection; ///< on the task, as m_records
     std::map<std::string, Json> m_records;
-    Watched<std::deque<Json>> m_frames;
+    Inbox<Json> m_frames;
     int m_lastId = 0;
     RealTask m_task{"RpcClient"};
 };

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "Watched.h"
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+
+/// What callbacks on other threads put, for the test to take: in order, or the first that it looks for.
+template <class T>
+class Inbox final
+{
+public:
+    void Put(const T& value)
+    {
+        m_values.Change([&](auto& all) { all.push_back(value); });
+    }
+
+    /// Nothing after `limit`.
+    std::optional<T> Take(std::chrono::milliseconds limit = Watched<T>::kPatience)
+    {
+        return TakeFirst([](const T&) { return true; }, limit);
+    }
+    template <class Matches>
+    std::optional<T> TakeFirst(Matches matches, std::chrono::milliseconds limit = Watched<T>::kPatience)
+    {
+        std::optional<T> taken;
+        if (Has(matches, limit))
+        {
+            m_values.Change(
+                [&](auto& all)
+                {
+                    const auto found = std::find_if(all.begin(), all.end(), matches);
+                    taken = *found;
+                    all.erase(found);
+                });
+        }
+        return taken;
+    }
+
+    /// Whether such a one is there, or comes within `limit`; it stays there.
+    template <class Matches>
+    bool Has(Matches matches, std::chrono::milliseconds limit) const
+    {
+        return m_values.WaitUntil([&](const auto& all) { return std::any_of(all.begin(), all.end(), matches); }, limit);
+    }
+    bool IsEmpty() const
+    {
+        return m_values.Get().empty();
+    }
+
+private:
+    Watched<std::deque<T>> m_values;
+};
