@@ -198,38 +198,6 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
     EXPECT_TRUE(AllThreadsEnd());
 }
 
-using SetUp = void (*)(CHttpInterface&);
-
-void AsMade(CHttpInterface&) {}
-
-void RetriesDisabled(CHttpInterface& http)
-{
-    http.DisableRetries();
-}
-
-void LimitsIgnored(CHttpInterface& http)
-{
-    http.SetRateLimitHandling(false);
-}
-
-void BackOff(CHttpInterface& http)
-{
-    http.SetRetryBackoff({100, 200}, false);
-    http.SetRetryStatusCodes({503});
-}
-
-void BackOffForAny(CHttpInterface& http)
-{
-    BackOff(http);
-    http.SetRetryOnAnyStatus(true);
-}
-
-void BackOffAsItStands(CHttpInterface& http)
-{
-    BackOffForAny(http);
-    http.SetRetryType(0);
-}
-
 // One answer, and what follows it: delivered at once, or a wait of a length in a range.
 struct RetryCase
 {
@@ -239,7 +207,7 @@ struct RetryCase
     unsigned m_lowest; ///< 0: no retry
     unsigned m_highest;
     std::string m_line;
-    SetUp m_setUp = AsMade;
+    std::function<void(CHttpInterface&)> m_setUp = {};
     bool m_defaultRetries = false;
 };
 
@@ -250,6 +218,22 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
     const std::string over = "X-Ratelimit-Remaining: 0";
     const std::string exponential = "X-Retry-Behavior: exponential";
     const std::string first = "Using first back off value of:100 for exponential retry";
+    const auto limitsIgnored = [](CHttpInterface& http) { http.SetRateLimitHandling(false); };
+    const auto backOff = [](CHttpInterface& http)
+    {
+        http.SetRetryBackoff({100, 200}, false);
+        http.SetRetryStatusCodes({503});
+    };
+    const auto backOffForAny = [&backOff](CHttpInterface& http)
+    {
+        backOff(http);
+        http.SetRetryOnAnyStatus(true);
+    };
+    const auto backOffAsItStands = [&backOffForAny](CHttpInterface& http)
+    {
+        backOffForAny(http);
+        http.SetRetryType(0);
+    };
     const std::vector<RetryCase> cases = {
         {"nothing named", 503, {}, 0, 0, "CheckIfRetryNeededAndSleep: The GET request for http://127.0.0.1:"},
         {"not a retry status", 404, {"Retry-After: 10"}, 0, 0, "failed with 404"},
@@ -263,21 +247,21 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
         {"unknown behavior", 503, {"X-Retry-Behavior: x", "Retry-After: 10"}, 7, 13, "of:x is not a valid option"},
         {"no retry allowed", 503, {"X-Retry-Count: 0", "Retry-After: 9"}, 0, 0, "max number of retries:0 reached"},
         {"longest", 503, {"Retry-After: 4000000000"}, 30240, 56160, "exceededs limit of:43200"},
-        {"retries disabled", 503, {"Retry-After: 10"}, 0, 0, "", RetriesDisabled},
+        {"retries disabled", 503, {"Retry-After: 10"}, 0, 0, "", &CHttpInterface::DisableRetries},
         {"limit, no word when", 429, {}, 0, 0, "No valid X-Ratelimit-Remaining header found"},
         {"limit over later", 429, {over, later}, 980, 1300, "Rate limit is reached"},
         {"limit over, past", 429, {over, past}, 0, 0, "is less then the current time"},
         {"Reset before Retry-After", 429, {over, later, "Retry-After: 5"}, 980, 1300, ""},
         {"never shortened", 429, {"X-Ratelimit-Remaining: 7", "Retry-After: 20"}, 20, 26, "Remaining value is:7"},
         {"behavior, no default", 429, {"X-Retry-Behavior: constant"}, 0, 0, "failed with 429"},
-        {"limits ignored", 429, {"Retry-After: 10"}, 0, 0, "failed with 429", LimitsIgnored},
-        {"default table", 0, {}, 10, 20, "check for backOff retries", AsMade, true},
-        {"back-off", 503, {}, 70, 130, "defaulting to back off retries count of:2", BackOff},
-        {"not for this status", 404, {}, 0, 0, "failed with 404", BackOff},
-        {"for any status", 404, {}, 70, 130, "", BackOffForAny},
-        {"Retry-After first", 503, {"Retry-After: 10"}, 7, 13, "", BackOffForAny},
-        {"grows from the first", 503, {exponential}, 70, 130, first, BackOffForAny},
-        {"as it stands", 503, {}, 100, 100, "Ignoring X_RETRY_BEHAVIOR", BackOffAsItStands},
+        {"limits ignored", 429, {"Retry-After: 10"}, 0, 0, "failed with 429", limitsIgnored},
+        {"default table", 0, {}, 10, 20, "check for backOff retries", {}, true},
+        {"back-off", 503, {}, 70, 130, "defaulting to back off retries count of:2", backOff},
+        {"not for this status", 404, {}, 0, 0, "failed with 404", backOff},
+        {"for any status", 404, {}, 70, 130, "", backOffForAny},
+        {"Retry-After first", 503, {"Retry-After: 10"}, 7, 13, "", backOffForAny},
+        {"grows from the first", 503, {exponential}, 70, 130, first, backOffForAny},
+        {"as it stands", 503, {}, 100, 100, "Ignoring X_RETRY_BEHAVIOR", backOffAsItStands},
     };
     for (const RetryCase& one : cases)
     {
@@ -287,7 +271,10 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
         const std::string url =
             one.m_status == 0 ? "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()) : server.Url("/");
         CHttpInterface http(one.m_defaultRetries, "");
-        one.m_setUp(http);
+        if (one.m_setUp)
+        {
+            one.m_setUp(http);
+        }
         const Responses responses;
         const IHttpInterface::OpHandle handle = Get(http, url, responses);
         unsigned wait = 0;
@@ -304,7 +291,7 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
         EXPECT_TRUE(wait >= one.m_lowest && wait <= one.m_highest) << one.m_what << ": " << wait;
         EXPECT_EQ(responses->Get().front().status, one.m_status);
         EXPECT_EQ(handle->GetAttemptCount(), one.m_lowest != 0 ? 1 : 0) << one.m_what;
-        EXPECT_EQ(handle->WasRateLimited(), one.m_status == 429 && one.m_setUp != LimitsIgnored) << one.m_what;
+        EXPECT_EQ(handle->WasRateLimited(), one.m_status == 429 && one.m_what != "limits ignored") << one.m_what;
         EXPECT_TRUE(log.Contains(one.m_line)) << one.m_what << log.Text();
     }
 }
@@ -363,7 +350,8 @@ TEST(CHttpInterface, RetriesAreCountedAndWaitsGrowByTheTable)
     EXPECT_EQ(asked["DELETE/table"], 3);
 }
 
-/// Answers "/hold..." as soon as it is let go, "/retry..." with a wait of an hour, all else at once.
+/// Answers "/hold..." as soon as it is let go, "/...retry..." with the wait that its number says when it is asked
+/// first, all else at once.
 class HoldingServer final
 {
 public:
@@ -374,11 +362,15 @@ public:
                   const std::string& target = exchange.Asked().m_target;
                   if (target.starts_with("/hold"))
                   {
-                      m_free.WaitUntil(
-                          [number = exchange.Number()](int free) { return static_cast<int>(number) < free; }, 60s);
+                      const int number = static_cast<int>(exchange.Number());
+                      m_free.WaitUntil([number](int free) { return number < free; }, 60s);
                   }
-                  exchange.Send(target.starts_with("/retry") ? HttpServer::Answer(503, {"Retry-After: 3600"})
-                                                             : HttpServer::Answer(200, {}, target));
+                  const std::size_t retry = target.find("retry");
+                  const auto isSame = [&target](const HttpServer::Request& asked) { return asked.m_target == target; };
+                  const std::vector<HttpServer::Request> all = m_server.Requests().Get();
+                  exchange.Send(retry != std::string::npos && std::count_if(all.begin(), all.end(), isSame) == 1
+                                    ? HttpServer::Answer(503, {"Retry-After: " + target.substr(retry + 5)}, target)
+                                    : HttpServer::Answer(200, {}, target));
               })
     {
     }
@@ -390,9 +382,9 @@ public:
     {
         m_free.Set(requests);
     }
-    bool HasBeenAsked(std::size_t times) const
+    bool HasBeenAsked(std::size_t times, std::chrono::milliseconds limit = 60s) const
     {
-        return m_server.Requests().WaitUntil([times](const auto& all) { return all.size() == times; });
+        return m_server.Requests().WaitUntil([times](const auto& all) { return all.size() == times; }, limit);
     }
     std::string Url(const std::string& target) const
     {
@@ -416,28 +408,24 @@ std::vector<std::string> UrlsOf(const Responses& responses, std::size_t hostByte
 
 TEST(CHttpInterface, CancelKeepsAWaitFromStartingAndLetsATransferEnd)
 {
-    Watched<bool> answer(false);
-    HttpServer server(
-        [&](HttpServer::Exchange& exchange)
-        {
-            answer.WaitFor(true, 60s);
-            const bool isDone = exchange.Asked().m_target == "/done";
-            exchange.Send(HttpServer::Answer(isDone ? 200 : 503, {"Retry-After: 3600"}, "the last answer"));
-        });
+    HoldingServer server;
     const Responses responses;
     std::optional<CHttpInterface> http(std::in_place, false, "");
     http->SetTimeout(60);
-    const IHttpInterface::OpHandle handle = Get(*http, server.Url("/"), responses);
-    Get(*http, server.Url("/done"), responses); // its handle goes, it does not
-    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 2; }));
+    const IHttpInterface::OpHandle handle = Get(*http, server.Url("/hold-retry3600"), responses);
+    Get(*http, server.Url("/hold"), responses); // its handle goes, it does not
+    ASSERT_TRUE(server.HasBeenAsked(2));
     handle->Cancel();
     http.reset(); // touches no request
     EXPECT_TRUE(responses->Get().empty());
-    answer.Set(true);
+    server.LetGo(2);
     ASSERT_TRUE(Come(responses, 2));
-    EXPECT_EQ(responses->Get().front().body, "the last answer");
-    EXPECT_EQ(server.Requests().Get().size(), 2u);
+    for (const Http::HSMResponse& response : responses->Get())
+    {
+        EXPECT_EQ(server.Url(response.body), response.url) << "the last answer";
+    }
     EXPECT_TRUE(AllThreadsEnd());
+    EXPECT_TRUE(server.HasBeenAsked(2));
 }
 
 TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
@@ -450,13 +438,13 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
     http.SetTimeout(60);
     http.SetMaxRunningRequests(2);
     // Two that wait for an hour hold up nobody; a third may not wait.
-    Get(http, server.Url("/retry1"), responses);
-    Get(http, server.Url("/retry2"), responses);
-    ASSERT_TRUE(log->WaitFor("seconds on " + server.Url("/retry1")) &&
-                log->WaitFor("seconds on " + server.Url("/retry2")));
-    Get(http, server.Url("/retry3"), responses);
+    Get(http, server.Url("/retry3601"), responses);
+    Get(http, server.Url("/retry3602"), responses);
+    ASSERT_TRUE(log->WaitFor("seconds on " + server.Url("/retry3601")) &&
+                log->WaitFor("seconds on " + server.Url("/retry3602")));
+    Get(http, server.Url("/retry3603"), responses);
     ASSERT_TRUE(Come(responses, 1));
-    EXPECT_TRUE(log->Contains(server.Url("/retry3") + " is not retried")) << log->Text();
+    EXPECT_TRUE(log->Contains(server.Url("/retry3603") + " is not retried")) << log->Text();
     log.reset();
     for (const std::string target : {"/hold1", "/hold2", "/hold3", "/4", "/5"})
     {
@@ -472,7 +460,7 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
 
     http.DiscardRequests();
     ASSERT_TRUE(Come(responses, 2)) << "those that waited for their retry";
-    EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre("/retry1", "/retry2"));
+    EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre("/retry3601", "/retry3602"));
     responses->Set({});
     server.LetGo(1000);
     EXPECT_TRUE(AllThreadsEnd());
@@ -495,61 +483,45 @@ TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
 TEST(CHttpInterface, ARetryWaitsForItsTurnAndItsRequesterKnowsOfItsWait)
 {
     const LogCapture log("3");
-    Watched<bool> mayGo(false);
-    HttpServer server(
-        [&mayGo](HttpServer::Exchange& exchange)
-        {
-            if (exchange.Asked().m_target == "/hold")
-            {
-                mayGo.WaitFor(true, 60s);
-            }
-            exchange.Send(exchange.Number() == 0 ? HttpServer::Answer(503, {"Retry-After: 1"})
-                                                 : HttpServer::Answer(200));
-        });
+    HoldingServer server;
     const Responses responses;
     Watched<std::string> waits;
     CHttpInterface http(false, "");
     http.SetMaxRunningRequests(1);
     http.SetRetryWaitCallback([&waits](bool begins)
                               { waits.Change([begins](std::string& all) { all += begins ? "begins " : "ends "; }); });
-    Get(http, server.Url("/retry"), responses);
+    Get(http, server.Url("/retry1"), responses);
     ASSERT_TRUE(waits.WaitFor("begins "));
     Get(http, server.Url("/hold"), responses);
     Get(http, server.Url("/last"), responses);
     ASSERT_TRUE(waits.WaitFor("begins ends "));
-    const auto isThird = [](const std::vector<HttpServer::Request>& all) { return all.size() == 3; };
-    EXPECT_FALSE(server.Requests().WaitUntil(isThird, 300ms)) << "one at a time";
-    mayGo.Set(true);
+    EXPECT_FALSE(server.HasBeenAsked(3, 300ms)) << "one at a time";
+    server.LetGo(2);
     ASSERT_TRUE(Come(responses, 3)) << log.Text();
-    EXPECT_THAT(UrlsOf(responses, server.Url("").size()), testing::ElementsAre("/hold", "/retry", "/last"));
+    EXPECT_THAT(UrlsOf(responses, server.Url("").size()), testing::ElementsAre("/hold", "/retry1", "/last"));
 
     // One that is cancelled needs no turn, and a discard ends the wait for one: neither is retried.
-    mayGo.Set(false);
     responses->Set({});
     waits.Set("");
-    HttpServer busy(
-        [](HttpServer::Exchange& exchange)
-        { exchange.Send(HttpServer::Answer(503, {"Retry-After: " + exchange.Asked().m_target.substr(1)})); });
-    const IHttpInterface::OpHandle cancelled = Get(http, busy.Url("/3600"), responses);
+    const IHttpInterface::OpHandle cancelled = Get(http, server.Url("/retry3600"), responses);
     ASSERT_TRUE(waits.WaitFor("begins "));
     Get(http, server.Url("/hold"), responses);
     cancelled->Cancel();
     ASSERT_TRUE(Come(responses, 1));
-    mayGo.Set(true);
+    server.LetGo(6);
     ASSERT_TRUE(Come(responses, 2));
 
-    mayGo.Set(false);
     waits.Set("");
-    Get(http, busy.Url("/1"), responses);
+    Get(http, server.Url("/last-retry1"), responses);
     ASSERT_TRUE(waits.WaitFor("begins "));
     Get(http, server.Url("/hold"), responses);
     ASSERT_TRUE(waits.WaitFor("begins ends "));
     http.DiscardRequests();
     ASSERT_TRUE(Come(responses, 3));
     EXPECT_EQ(responses->Get().front().status + responses->Get().back().status, 2 * 503);
-    mayGo.Set(true);
+    server.LetGo(8);
     EXPECT_TRUE(AllThreadsEnd());
-    EXPECT_EQ(busy.Requests().Get().size(), 2U);
+    EXPECT_TRUE(server.HasBeenAsked(8));
 }
 
 /// One whose exchanges come to nothing that it could return.
