@@ -2,7 +2,6 @@
 ///
 /// An input is any number of lines.
 #include "CLIClient.h"
-#include "DPrint.h"
 #include "DebugCommandTable.h"
 #include "DebugCommands.h"
 #include "DiscoveryServiceCliClient.h"
@@ -79,14 +78,7 @@ void Check(const std::string& answer)
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
 {
-    static const bool s_isQuiet = []
-    {
-        DPrint::Initialize();
-        DPrint::SetLevels("6");
-        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
-        return true;
-    }();
-    static_cast<void>(s_isQuiet);
+    Fuzz::Log("6");
     const std::unique_ptr<Console::LineAnswerer> service = MakeService();
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     while (!rest.empty())

@@ -1,5 +1,4 @@
 /// Device descriptions, as their devices send them, through the whole parser. An input is a body.
-#include "DPrint.h"
 #include "FakeHttp.h"
 #include "FuzzChecks.h"
 #include "Simulation.h"
@@ -34,8 +33,7 @@ struct Parser
 {
     Parser()
     {
-        DPrint::SetLevels("7");
-        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
+        Fuzz::Log("7");
         printer.SetUseUtf8StringEscaping(true);
     }
 

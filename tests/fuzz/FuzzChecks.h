@@ -1,8 +1,11 @@
 #pragma once
 
+#include "DPrint.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 /// What fuzzers share.
 namespace Fuzz
@@ -16,6 +19,13 @@ inline void Require(bool holds, const char* what)
         std::fprintf(stderr, "%s\n", what);
         std::abort();
     }
+}
+
+/// Every line of the log is made up to this level, and goes nowhere.
+inline void Log(const char* levels)
+{
+    DPrint::SetLevels(levels);
+    DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
 }
 
 /// Requires at its end that its scope has taken no more processor time than kMaxSeconds.

@@ -1,7 +1,7 @@
 /// What clients write on a local socket, through framing, envelope and router. An input is a connection's bytes.
 #include "AsyncCallback.h"
 #include "ConnectorSocket.h"
-#include "DPrint.h"
+#include "FuzzChecks.h"
 #include "IPCFraming.h"
 #include "IPCMessageEnvelope.h"
 #include "IPCMessageRouterFactory.h"
@@ -10,8 +10,6 @@
 #include "SocketClient.h"
 #include "SonarixPb.pb.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,16 +17,8 @@
 namespace
 {
 
+using Fuzz::Require;
 using IPCFraming::FrameReader;
-
-void Require(bool holds, const char* what)
-{
-    if (!holds)
-    {
-        std::fprintf(stderr, "%s\n", what);
-        std::abort();
-    }
-}
 
 struct Outcome
 {
@@ -36,15 +26,18 @@ struct Outcome
     int rejected = 0;
 };
 
-/// By the framing alone, from one piece.
 template <class T>
-void Judge(const IPCMessageEnvelope& envelope, Outcome& outcome)
+void Judge(const IPCMessageEnvelope& envelope, unsigned int id, Outcome& outcome)
 {
-    T message;
-    const bool isOther = envelope.has_payload_type() && envelope.payload_type() != T::descriptor()->name();
-    ++(isOther || !envelope.GetPayload(message) ? outcome.rejected : outcome.taken);
+    if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == id)
+    {
+        T message;
+        const bool isOther = envelope.has_payload_type() && envelope.payload_type() != T::descriptor()->name();
+        ++(isOther || !envelope.GetPayload(message) ? outcome.rejected : outcome.taken);
+    }
 }
 
+/// By the framing alone, from one piece.
 Outcome Expected(std::string_view bytes)
 {
     Outcome outcome;
@@ -53,18 +46,9 @@ Outcome Expected(std::string_view bytes)
     IPCMessageEnvelope envelope;
     while (reader.Next(envelope) == FrameReader::ENVELOPE)
     {
-        if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == 2)
-        {
-            Judge<SonarixPb::ServiceId>(envelope, outcome);
-        }
-        else if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == 3)
-        {
-            Judge<SonarixPb::Service>(envelope, outcome);
-        }
-        else if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == 5)
-        {
-            Judge<SonarixPb::DeviceInfo>(envelope, outcome);
-        }
+        Judge<SonarixPb::ServiceId>(envelope, 2, outcome);
+        Judge<SonarixPb::Service>(envelope, 3, outcome);
+        Judge<SonarixPb::DeviceInfo>(envelope, 5, outcome);
     }
     return outcome;
 }
@@ -74,8 +58,7 @@ class Service
 public:
     Service()
     {
-        DPrint::SetLevels("7");
-        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
+        Fuzz::Log("7");
     }
 
     Outcome Serve(std::string_view bytes)

@@ -3,7 +3,6 @@
 /// An input is any number of datagrams, each ended by a NUL (which ends a datagram for the library as well). The first
 /// byte of each chooses the sender and whether a new search begins before it.
 #include "AnnouncementGate.h"
-#include "DPrint.h"
 #include "FuzzChecks.h"
 #include "GlibLog.h"
 #include "MessageFilter.h"
@@ -40,8 +39,7 @@ struct Browser
     {
         Require(unshare(CLONE_NEWNET) == 0, "no network namespace: run it as root");
         Require(std::system("ip link set lo up") == 0, "ip");
-        DPrint::Initialize();
-        DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
+        Fuzz::Log("3");
         GlibLog::Install();
         GError* error = nullptr;
         client = gssdp_client_new_full("lo", nullptr, 0, GSSDP_UDA_VERSION_1_0, &error);
