@@ -14,6 +14,7 @@
 #include <list>
 #include <malloc.h>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,6 +87,19 @@ protected:
     {
         return SocketClient(m_directory.Path() + "/SonarixSsdpService");
     }
+    static void Add(SocketClient& client, const SonarixPb::Service& service, unsigned int tid = 1)
+    {
+        client.Request(3, tid, service);
+        client.ReadAs<SonarixPb::DiscoveryServiceVoid>("RESPONSE 3 " + std::to_string(tid));
+    }
+    static std::string Error(SocketClient& client, const std::string& head)
+    {
+        return client.ReadAs<SonarixPb::DeviceDiscoveryError>(head).ShortDebugString();
+    }
+    static std::string Told(SocketClient& client)
+    {
+        return client.ReadAs<SonarixPb::DeviceDiscovery>("NOTIFICATION 1 0").ShortDebugString();
+    }
     /// All that `client` has asked for is done, and it is told of what comes from here on.
     static SonarixPb::DiscoveredDeviceList Barrier(SocketClient& client)
     {
@@ -122,15 +136,8 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsAreThoseOfTheSourceWithTheAskersTid)
     *m_mdns->answerAtOnce->add_products() = Product("two");
     SocketClient mdns = Mdns();
     mdns.Request(2, 0xffffffff, Type("_kova-clock._tcp"));
-    const std::optional<IPCMessageEnvelope> answer = mdns.Read();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->id(), 2U);
-    EXPECT_EQ(answer->tid(), 0xffffffffU);
-    EXPECT_EQ(answer->kind(), IPCMessageEnvelope::RESPONSE);
-    EXPECT_EQ(answer->payload_type(), "DiscoveredDeviceList");
-    SonarixPb::DiscoveredDeviceList list;
-    EXPECT_TRUE(answer->GetPayload(list));
-    EXPECT_EQ(list.ShortDebugString(), R"(device { friendlyname: "one" } device { friendlyname: "two" })");
+    EXPECT_EQ(mdns.ReadAs<SonarixPb::DiscoveredDeviceList>("RESPONSE 2 4294967295").ShortDebugString(),
+              R"(device { friendlyname: "one" } device { friendlyname: "two" })");
     EXPECT_THAT(*m_mdns->calls, ElementsAre("mdns GetProductList _kova-clock._tcp"));
 
     SocketClient ssdp = Ssdp();
@@ -139,7 +146,7 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsAreThoseOfTheSourceWithTheAskersTid)
     EXPECT_EQ(ListSsdp(ssdp).ShortDebugString(), R"(device { friendlyname: "three" })");
 
     ssdp.Request(2, 3, Type("_kova-clock._tcp"));
-    EXPECT_EQ(ssdp.Read()->kind(), IPCMessageEnvelope::REJECT) << "of another type";
+    EXPECT_EQ(SocketClient::HeadOf(ssdp.Read()), "REJECT 2 3") << "of another type";
     ssdp.Request(3, 3, Service("a", "_a._tcp"));
     EXPECT_EQ(ListSsdp(ssdp).device_size(), 1) << "there is nothing to add to";
 }
@@ -148,11 +155,7 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsThatAreAskedForFasterThanAnsweredTake
 {
     m_mdns->answerAtOnce.reset();
     SocketClient client = Mdns();
-    const auto settle = [](SocketClient& asked) // overtakes what waits
-    {
-        asked.Request(3, 1, Service("a", "_a._tcp"));
-        asked.ReadAs<SonarixPb::DiscoveryServiceVoid>();
-    };
+    const auto settle = [](SocketClient& asked) { Add(asked, Service("a", "_a._tcp")); }; // overtakes what waits
     constexpr unsigned int kCount = 100;
     for (unsigned int tid = 0; tid < kCount; ++tid)
     {
@@ -163,9 +166,7 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsThatAreAskedForFasterThanAnsweredTake
         settle(client);
         EXPECT_LE(m_mdns->WaitingLists(), MdnsIPCClientHandler::kMaxListsUnderWay);
         ASSERT_TRUE(m_mdns->AnswerList({}));
-        const std::optional<IPCMessageEnvelope> answer = client.Read();
-        ASSERT_TRUE(answer);
-        EXPECT_EQ(answer->tid(), tid);
+        EXPECT_EQ(SocketClient::HeadOf(client.Read()), "RESPONSE 2 " + std::to_string(tid));
     }
 
     SocketClient other = Mdns();
@@ -185,16 +186,9 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsThatAreAskedForFasterThanAnsweredTake
 TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain)
 {
     SocketClient client = Mdns();
-    client.Request(3, 11, Service("a", "_a._tcp"));
-    std::optional<IPCMessageEnvelope> answer = client.Read();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->payload_type(), "DiscoveryServiceVoid");
-    EXPECT_EQ(answer->id(), 3U);
-    EXPECT_EQ(answer->tid(), 11U);
-    client.Request(3, 12, Service("b", "_b._tcp"));
-    client.ReadAs<SonarixPb::DiscoveryServiceVoid>();
-    client.Request(3, 13, Service("a2", "_a._tcp", "new"));
-    client.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    Add(client, Service("a", "_a._tcp"), 11);
+    Add(client, Service("b", "_b._tcp"));
+    Add(client, Service("a2", "_a._tcp", "new"));
     client.Request(6, 14, Service("b", "_b._tcp", "updated")); // a success is not answered
     client.Request(6, 15, Service("c", "_c._tcp", "never added"));
     Barrier(client);
@@ -221,8 +215,7 @@ TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain
 
     // Another client has records of its own; what a client has published stays when it goes.
     SocketClient second = Mdns();
-    second.Request(3, 1, Service("b", "_b._tcp", "second"));
-    second.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    Add(second, Service("b", "_b._tcp", "second"));
     client.Close();
     EXPECT_TRUE(m_log.WaitFor("Removing Client. Client List new size: 1 "));
     EXPECT_THAT(Calls(), ElementsAre("mdns AddService b _b._tcp second"));
@@ -236,16 +229,10 @@ TEST_F(DiscoveryServiceIPCServerTest, FailuresAreTold)
     m_mdns->isAccepting = false;
     SocketClient client = Mdns();
     client.Request(3, 4, Service("a", "_a._tcp"));
-    EXPECT_EQ(client.ReadAs<SonarixPb::DeviceDiscoveryError>().ShortDebugString(),
-              R"(code: 0 subcode: 0 message: "AddService request Failed!")");
+    const std::string failedAdd = R"(code: 0 subcode: 0 message: "AddService request Failed!")";
+    EXPECT_EQ(Error(client, "RESPONSE 3 4"), failedAdd);
     client.Request(6, 5, Service("a", "_a._tcp"));
-    const std::optional<IPCMessageEnvelope> answer = client.Read();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->id(), 6U);
-    EXPECT_EQ(answer->tid(), 5U);
-    SonarixPb::DeviceDiscoveryError error;
-    EXPECT_TRUE(answer->GetPayload(error));
-    EXPECT_EQ(error.ShortDebugString(), R"(code: 0 subcode: 0 message: "Update Service Failed!")");
+    EXPECT_EQ(Error(client, "RESPONSE 6 5"), R"(code: 0 subcode: 0 message: "Update Service Failed!")");
     Calls();
     m_mdns->Restart();
     Barrier(client);
@@ -256,16 +243,16 @@ TEST_F(DiscoveryServiceIPCServerTest, FailuresAreTold)
     m_controller->ssdp = nullptr;
     SocketClient orphan = Mdns();
     orphan.Request(2, 6, Type("_a._tcp"));
-    EXPECT_EQ(orphan.ReadAs<SonarixPb::DeviceDiscoveryError>().ShortDebugString(),
+    EXPECT_EQ(Error(orphan, "RESPONSE 2 6"),
               R"(code: 0 subcode: 0 message: "Get DeviceList not SET!" guid: "guid.is.not.set.perhaps.x86")");
     orphan.Request(4, 7, Service("a", "_a._tcp"));
     orphan.Request(6, 7, Service("a", "_a._tcp"));
     orphan.Request(5, 7, SonarixPb::DeviceInfo());
     orphan.Request(3, 8, Service("a", "_a._tcp"));
-    EXPECT_EQ(orphan.ReadAs<SonarixPb::DeviceDiscoveryError>().message(), "AddService request Failed!");
+    EXPECT_EQ(Error(orphan, "RESPONSE 3 8"), failedAdd);
     SocketClient ssdp = Ssdp();
     ssdp.Request(2, 9, SonarixPb::DiscoveredDeviceList());
-    EXPECT_EQ(ssdp.ReadAs<SonarixPb::DeviceDiscoveryError>().ShortDebugString(),
+    EXPECT_EQ(Error(ssdp, "RESPONSE 2 9"),
               R"(code: 0 subcode: 0 message: "Ssdp Protocol NULL" guid: "guid.is.not.set.perhaps.x86")");
 }
 
@@ -275,8 +262,7 @@ TEST_F(DiscoveryServiceIPCServerTest, DevicesAreToldToWhomTheyConcern)
     SocketClient announcer = Mdns();
     SocketClient idle = Mdns();
     SocketClient ssdp = Ssdp();
-    adder.Request(3, 1, Service("a", "_a._tcp"));
-    adder.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    Add(adder, Service("a", "_a._tcp"));
     adder.Request(4, 1, Service("a", "_a._tcp")); // is told of the type all the same
     announcer.Request(5, 1, SonarixPb::DeviceInfo());
     Barrier(adder);
@@ -292,24 +278,14 @@ TEST_F(DiscoveryServiceIPCServerTest, DevicesAreToldToWhomTheyConcern)
     device->set_friendlyname("made up");
     m_server->SendSonarixNotification(SonarixPb::INVALID, device);
 
-    const std::optional<IPCMessageEnvelope> first = adder.Read();
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first->id(), 1U);
-    EXPECT_EQ(first->tid(), 0U);
-    EXPECT_EQ(first->kind(), IPCMessageEnvelope::NOTIFICATION);
-    SonarixPb::DeviceDiscovery discovery;
-    EXPECT_TRUE(first->GetPayload(discovery));
-    EXPECT_EQ(discovery.ShortDebugString(), R"(state: OFFLINE device { friendlyname: "a" })");
-    const std::string lanyard = R"(state: ONLINE device { friendlyname: "lanyard" })";
-    EXPECT_EQ(announcer.ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString(), lanyard);
+    EXPECT_EQ(Told(adder), R"(state: OFFLINE device { friendlyname: "a" })");
+    EXPECT_EQ(Told(announcer), R"(state: ONLINE device { friendlyname: "lanyard" })");
     const std::string madeUp = R"(state: INVALID device { friendlyname: "made up" })";
     for (SocketClient* const client : {&adder, &announcer, &idle})
     {
-        EXPECT_EQ(client->ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString(), madeUp);
+        EXPECT_EQ(Told(*client), madeUp);
     }
-    std::vector<std::string> told; // one of the two came by way of the task
-    told.push_back(ssdp.ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString());
-    told.push_back(ssdp.ReadAs<SonarixPb::DeviceDiscovery>().ShortDebugString());
+    const std::vector<std::string> told{Told(ssdp), Told(ssdp)}; // one of the two came by way of the task
     EXPECT_THAT(told, testing::UnorderedElementsAre(R"(state: ONLINE device { friendlyname: "ssdp" })", madeUp));
 }
 
@@ -318,36 +294,31 @@ TEST_F(DiscoveryServiceIPCServerTest, LinesOfTheLogName)
     SocketClient first = Mdns();
     SocketClient second = Mdns();
     SocketClient ssdp = Ssdp();
-    first.Request(3, 1, Service("a", "_a._tcp"));
-    first.ReadAs<SonarixPb::DiscoveryServiceVoid>();
+    Add(first, Service("a", "_a._tcp"));
     Barrier(second);
     ListSsdp(ssdp);
     second.Close();
     EXPECT_TRUE(m_log.WaitFor("Removing Client. Client List new size: 2 "));
-    const LogCapture::Line lines[] = {
-        {"DiscoveryServiceIPCServer", DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::DiscoveryServiceIPCServer"},
-        {"DiscoveryServiceIPCServer", DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::Initialize"},
-        {"DiscoveryServiceIPCServerListenerMdns", DPrint::LEVEL_INFO,
-         "Listen for Socket Connection on |" + m_directory.Path() + "/SonarixMdnsService|"},
-        {"DiscoveryServiceIPCServerListenerSsdp", DPrint::LEVEL_INFO, "Handle New Socket Connection"},
-        {"DiscoveryServiceIPCServer", DPrint::LEVEL_INFO,
-         "DiscoveryServiceIPCServer::CreateMdnsClientHandler - DiscoveryServiceIPCServerListenerMdns_0"},
-        {"DiscoveryServiceIPCServer", DPrint::LEVEL_INFO,
-         "DiscoveryServiceIPCServer::CreateMdnsClientHandler - DiscoveryServiceIPCServerListenerMdns_1"},
-        {"DiscoveryServiceIPCServer", DPrint::LEVEL_INFO,
-         "DiscoveryServiceIPCServer::CreateSsdpClientHandler - DiscoveryServiceIPCServerListenerSsdp_0"},
-        {"DiscoveryServiceIPCServer", DPrint::LEVEL_DEBUG, "DiscoveryServiceIPCServer::HandleNewClient"},
-        {"DiscoveryServiceIPCServerListenerMdns_0", DPrint::LEVEL_INFO,
-         "HandleAddServiceRequest: Adding Service _a._tcp to DeviceUpdate List."},
-        {"DiscoveryServiceIPCServerListenerMdns_1", DPrint::LEVEL_INFO,
-         "HandleDiscoveredDeviceListRequest: Got request for serviceType: _barrier._tcp"},
-        {"DiscoveryServiceIPCServerListenerMdns_1", DPrint::LEVEL_DEBUG, "HandleDisconnect"},
-        {"DiscoveryServiceIPCServerListenerSsdp_0", DPrint::LEVEL_INFO, "RegisterForDisconnect called!"},
-        {"DiscoveryServiceIPCServerListenerSsdp_0", DPrint::LEVEL_DEBUG, "SsdpIPCClientHandler::Initialize\n"},
+    const std::string lines[] = {
+        "4 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::DiscoveryServiceIPCServer\n",
+        "4 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::Initialize\n",
+        "3 LISTENERMdns: Listen for Socket Connection on |" + m_directory.Path() + "/SonarixMdnsService|\n",
+        "3 LISTENERSsdp: Handle New Socket Connection\n",
+        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateMdnsClientHandler - LISTENERMdns_0\n",
+        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateMdnsClientHandler - LISTENERMdns_1\n",
+        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateSsdpClientHandler - LISTENERSsdp_0\n",
+        "4 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::HandleNewClient\n",
+        "3 LISTENERMdns_0: HandleAddServiceRequest: Adding Service _a._tcp to DeviceUpdate List.\n",
+        "3 LISTENERMdns_1: HandleDiscoveredDeviceListRequest: Got request for serviceType: _barrier._tcp\n",
+        "4 LISTENERMdns_1: HandleDisconnect\n",
+        "3 LISTENERSsdp_0: RegisterForDisconnect called!\n",
+        "4 LISTENERSsdp_0: SsdpIPCClientHandler::Initialize\n\n",
     };
-    for (const LogCapture::Line& line : lines)
+    const std::string text =
+        "\n" + std::regex_replace(m_log.Text(), std::regex("DiscoveryServiceIPCServerListener"), "LISTENER");
+    for (const std::string& line : lines)
     {
-        EXPECT_THAT(m_log.Lines(), testing::Contains(line)) << line.m_channel << ": " << line.m_text;
+        EXPECT_THAT(text, testing::HasSubstr('\n' + line));
     }
 }
 
@@ -441,8 +412,7 @@ TEST_F(DiscoveryServiceIPCServerTest, FiveHundredClientsAtOnceAreServedAndCostLi
         clients.push_back(count % 2 == 0 ? Mdns() : Ssdp());
     }
     SonarixPb::Service huge = Service(std::string(65536, 'n'), "_a._tcp", std::string(100'000, 't'));
-    other.Request(3, 1, huge);
-    other.ReadAs<SonarixPb::DiscoveryServiceVoid>(); // whether it fits into a record is for mDNS to say
+    Add(other, huge); // whether it fits into a record is for mDNS to say
     EXPECT_THAT(Calls(), testing::Contains(testing::EndsWith(std::string(100'000, 't'))));
     std::size_t number = 0;
     for (SocketClient& client : clients)

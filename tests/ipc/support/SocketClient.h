@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ConnectorSocket.h"
 #include "IPCFraming.h"
 #include "IPCMessageEnvelope.h"
 
@@ -8,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <poll.h>
 #include <stdexcept>
@@ -31,9 +33,7 @@ public:
     explicit SocketClient(const std::string& path)
         : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        const sockaddr_un address = AddressOf(path);
         if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         {
             const std::string why = std::strerror(errno);
@@ -45,6 +45,16 @@ public:
     explicit SocketClient(int socket)
         : m_socket(socket)
     {
+    }
+    /// The end for a router, and the one for the test.
+    static std::pair<std::shared_ptr<Network::ConnectorSocket>, SocketClient> Pair()
+    {
+        int sockets[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)
+        {
+            throw std::runtime_error(std::strerror(errno));
+        }
+        return {std::make_shared<Network::ConnectorSocket>(sockets[0]), SocketClient(sockets[1])};
     }
     ~SocketClient()
     {
@@ -64,6 +74,14 @@ public:
         {
             ::close(std::exchange(m_socket, -1));
         }
+    }
+
+    static sockaddr_un AddressOf(const std::string& path)
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        return address;
     }
 
     /// False: the other end has gone.
@@ -116,16 +134,25 @@ public:
         }
         return envelope;
     }
-    /// The payload of the next envelope, which must be of type T.
+    /// Kind, id and tid of the next envelope: "REJECT 2 7".
+    static std::string HeadOf(const std::optional<IPCMessageEnvelope>& envelope)
+    {
+        static const char* const s_kinds[] = {"REQUEST ", "RESPONSE ", "NOTIFICATION ", "REJECT "};
+        return envelope
+                   ? s_kinds[envelope->kind()] + std::to_string(envelope->id()) + ' ' + std::to_string(envelope->tid())
+                   : "nothing";
+    }
+    /// The payload of the next envelope, which must be of type T, and have that head where one is given.
     template <class T>
-    T ReadAs()
+    T ReadAs(const std::string& head = "")
     {
         const std::optional<IPCMessageEnvelope> envelope = Read();
         T message;
-        if (!envelope || envelope->payload_type() != T::descriptor()->name() || !envelope->GetPayload(message))
+        if (!envelope || envelope->payload_type() != T::descriptor()->name() || !envelope->GetPayload(message) ||
+            (!head.empty() && HeadOf(envelope) != head))
         {
-            throw std::runtime_error("no " + T::descriptor()->name() +
-                                     (envelope ? " but \"" + envelope->payload_type() + '"' : ""));
+            throw std::runtime_error("no " + T::descriptor()->name() + " with " + head + " but " + HeadOf(envelope) +
+                                     (envelope ? " \"" + envelope->payload_type() + '"' : ""));
         }
         return message;
     }
