@@ -1,13 +1,9 @@
 #include "AsyncCallback.h"
 
-#include "RealTask.h"
 #include "Simulation.h"
-#include "Watched.h"
 
-#include <atomic>
 #include <gtest/gtest.h>
 #include <memory>
-#include <string>
 
 namespace
 {
@@ -64,46 +60,6 @@ TEST(AsyncCallbackTest, RunsLaterWithACopyAndIsDroppedAfterTheStopAndWithoutATas
     simulation.RunUntilIdle();
     EXPECT_EQ(copies, 2);
     EXPECT_EQ(calls, 1) << "what was queued at the stop is thrown away";
-}
-
-// Callers on three threads, some making and dropping callbacks, while the task stops: after the stop notification
-// nobody is called, and nothing of a dropped callback is touched.
-TEST(AsyncCallbackThreads, CalledAndDroppedWhileTheTaskStops)
-{
-    for (int repetition = 0; repetition < 20; ++repetition)
-    {
-        const RealTask target("target");
-        std::atomic<bool> stopped = false;
-        std::atomic<int> late = 0;
-        target.Get()->ConnectStopNotification([&stopped] { stopped = true; });
-        const AsyncCallback<std::string> shared([&](const std::string&) { late += stopped ? 1 : 0; }, target.Get());
-        {
-            const RealTask first("first");
-            const RealTask second("second");
-            Watched<int> running;
-            for (const RealTask* caller : {&first, &second})
-            {
-                IL::BreakThread(
-                    [&]
-                    {
-                        running.Change([](int& count) { ++count; });
-                        for (int i = 0; i < 200; ++i)
-                        {
-                            shared("shared");
-                            const AsyncCallback<int> own([](const int&) {}, target.Get());
-                            own(i);
-                        }
-                    },
-                    caller->Get());
-            }
-            running.WaitFor(2);
-            target.StopAndJoin();
-            first.Drain();
-            second.Drain();
-        }
-        EXPECT_EQ(late, 0);
-        EXPECT_TRUE(stopped);
-    }
 }
 
 } // namespace

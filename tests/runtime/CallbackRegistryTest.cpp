@@ -1,12 +1,15 @@
 #include "CallbackRegistry.h"
 
-#include "RealTask.h"
 #include "Watched.h"
 
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <gmock/gmock.h>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace
@@ -161,15 +164,9 @@ TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
     int probed = 0;
     const auto obtain = [&](const void*)
     {
-        const RealTask other; // the mutex is recursive: only another thread can tell
-        Watched<bool> obtained;
-        const auto take = [&]
-        {
-            const ScopedMutex lock(*mutex);
-            obtained.Set(true);
-        };
-        IL::BreakThread(take, other.Get());
-        EXPECT_TRUE(obtained.WaitFor(true, std::chrono::seconds(2)));
+        // The mutex is recursive: only another thread can tell.
+        const auto taken = std::async(std::launch::async, [&] { const ScopedMutex lock(*mutex); });
+        EXPECT_EQ(taken.wait_for(std::chrono::seconds(2)), std::future_status::ready);
         ++probed;
     };
     const auto probe = [&] { return std::shared_ptr<void>(nullptr, obtain); };
@@ -195,40 +192,32 @@ TEST(CallbackRegistryThreads, TwoSendersWhileOthersComeAndGo)
         std::atomic<int> steady = 0;
         registry->Connect([&steady](const int&) { ++steady; });
 
-        RealTask first("first");
-        RealTask second("second");
-        RealTask third("third");
-        for (const RealTask* sender : {&first, &second})
         {
-            IL::BreakThread(
+            const auto send = [registry]
+            {
+                for (int i = 0; i < kRounds; ++i)
+                {
+                    registry->Send(i, {});
+                }
+            };
+            const std::jthread first(send);
+            const std::jthread second(send);
+            const std::jthread third(
                 [registry]
                 {
                     for (int i = 0; i < kRounds; ++i)
                     {
-                        registry->Send(i, {});
+                        const auto self = std::make_shared<Watched<CallbackConnection>>();
+                        self->Set(registry->Connect([self](const int&) { self->Get().Disconnect(); }));
+                        const CallbackConnection gone = registry->Connect([](const int&) {});
+                        gone.Disconnect();
+                        EXPECT_FALSE(gone.IsConnected());
+                        self->Get().Disconnect();
+                        self->Set({}); // the callback holds itself
                     }
-                },
-                sender->Get());
+                });
+            registry.reset(); // the last thread takes it along
         }
-        IL::BreakThread(
-            [registry]
-            {
-                for (int i = 0; i < kRounds; ++i)
-                {
-                    const auto self = std::make_shared<Watched<CallbackConnection>>();
-                    self->Set(registry->Connect([self](const int&) { self->Get().Disconnect(); }));
-                    const CallbackConnection gone = registry->Connect([](const int&) {});
-                    gone.Disconnect();
-                    EXPECT_FALSE(gone.IsConnected());
-                    self->Get().Disconnect();
-                    self->Set({}); // the callback holds itself
-                }
-            },
-            third.Get());
-        registry.reset(); // the last sender takes it along
-        first.Drain();
-        second.Drain();
-        third.Drain();
         EXPECT_EQ(steady, 2 * kRounds);
     }
 }

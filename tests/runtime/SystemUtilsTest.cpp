@@ -41,33 +41,6 @@ int TakeTheLock()
     return 0;
 }
 
-TEST_F(SystemUtilsTest, ASecondInstanceSaysWhoHoldsTheLockAndLeaves)
-{
-    for (int round = 0; round < 2; ++round) // the lock goes with its holder
-    {
-        std::string second;
-        const ForkedResult first = RunForked(
-            []
-            {
-                ::umask(077);
-                TakeTheLock();
-                const ForkedResult other = RunForked(&TakeTheLock);
-                std::printf("holder %d second %d says %s", ::getpid(), other.m_exitStatus, other.m_output.c_str());
-                return 0;
-            });
-        ASSERT_TRUE(first.Succeeded()) << first.m_output;
-        int holder = 0;
-        ASSERT_EQ(std::sscanf(first.m_output.c_str(), "holder %d", &holder), 1);
-        EXPECT_THAT(first.m_output, HasSubstr("second 1 says"));
-        EXPECT_THAT(first.m_output,
-                    HasSubstr("already running: process " + std::to_string(holder) + " (runtime-test) holds"));
-        EXPECT_EQ(std::count(first.m_output.begin(), first.m_output.end(), '\n'), 1);
-    }
-    struct stat status = {};
-    ASSERT_EQ(::stat(SystemUtils::RunDir().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0755U) << "whatever the umask";
-}
-
 TEST_F(SystemUtilsTest, ARunDirectoryThatCannotBeMadeEndsTheProcess)
 {
     std::ofstream(m_directory + "/a") << "a file in the way";

@@ -1,18 +1,12 @@
+#include "AsyncCallback.h"
 #include "CallbackConnection.h"
 #include "ConditionSemaphore.h"
 #include "LogCapture.h"
 #include "RealTask.h"
-#include "TaskIo.h"
 #include "Timers.h"
 #include "Watched.h"
 
-#include <array>
 #include <atomic>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/local/connect_pair.hpp>
-#include <boost/asio/local/stream_protocol.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <iterator>
@@ -129,53 +123,6 @@ TEST(Task, StopLetsTheRunningEntryEndAndThrowsTheRestAway)
     EXPECT_EQ(events.Get().size(), 3u);
 }
 
-// The usual end of an owner: stop, join, go. What is still in flight towards it, entries and the handlers of its
-// sockets, must not touch it any more.
-TEST(Task, OwnerDestroyedWithCallsAndReadsInFlight)
-{
-    using Socket = boost::asio::local::stream_protocol::socket;
-    struct Owner
-    {
-        explicit Owner(NotifyTargetTaskIF* task)
-            : m_here(IL::IoContextOf(task))
-            , m_there(IL::IoContextOf(task))
-        {
-            boost::asio::local::connect_pair(m_here, m_there);
-        }
-        void Read(Watched<int>& bytes)
-        {
-            boost::asio::async_read(m_here, boost::asio::buffer(m_byte),
-                                    [this, &bytes, alive = m_alive](boost::system::error_code error, std::size_t count)
-                                    {
-                                        bytes.Set(static_cast<int>(count));
-                                        if (!error)
-                                        {
-                                            Read(bytes);
-                                        }
-                                    });
-        }
-        std::array<char, 1> m_byte{};
-        std::shared_ptr<int> m_alive = std::make_shared<int>(0);
-        Socket m_here;
-        Socket m_there;
-    };
-    const RealTask task;
-    Watched<int> bytes;
-    auto owner = std::make_unique<Owner>(task.Get());
-    task.Run([&] { owner->Read(bytes); });
-    boost::asio::write(owner->m_there, boost::asio::buffer("1", 1));
-    EXPECT_TRUE(bytes.WaitFor(1));
-    for (int i = 0; i < 100; ++i)
-    {
-        IL::BreakThread([alive = owner->m_alive, raw = owner.get()] { ++*raw->m_alive; }, task.Get());
-    }
-    const std::weak_ptr<int> alive = owner->m_alive;
-    task.StopAndJoin();
-    EXPECT_EQ(alive.use_count(), 1) << "entries and the pending read are thrown away with the task";
-    owner.reset();
-    EXPECT_TRUE(alive.expired());
-}
-
 std::ptrdiff_t OpenDescriptors()
 {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -204,6 +151,48 @@ TEST(Task, HoldsDescriptorsOnlyWhileItHasTimersAndRuns)
     EXPECT_TRUE(fired.WaitFor(20));
     tasks.clear();
     EXPECT_EQ(OpenDescriptors(), before) << "tasks that have ended, their timers still there";
+}
+
+// Two threads arm and cancel timers, make, call and drop callbacks, while the task stops: after the stop notification
+// nobody is called, and nothing of what was dropped is touched.
+TEST(Task, TimersAndCallbacksUsedFromEverywhereWhileItStops)
+{
+    for (int repetition = 0; repetition < 20; ++repetition)
+    {
+        const RealTask target("target");
+        auto timer = std::make_unique<MessageTimer>("timer", target.Get());
+        const std::shared_ptr<APTimerIF> repeating = APTimerFactory::CreateTimer(target.Get(), "repeating");
+        std::atomic<bool> stopped = false;
+        std::atomic<int> late = 0;
+        target.Get()->ConnectStopNotification([&stopped] { stopped = true; });
+        const auto count = [&] { late += stopped ? 1 : 0; };
+        const AsyncCallback<std::string> shared([&count](const std::string&) { count(); }, target.Get());
+        Watched<int> running;
+        const auto churn = [&]
+        {
+            running.Change([](int& threads) { ++threads; });
+            for (int i = 0; i < 200; ++i)
+            {
+                timer->PostIn(i % 2, count);
+                repeating->SetTimeouts(0, 1);
+                repeating->Start(count);
+                (i % 3 == 0) ? timer->Cancel() : repeating->Stop();
+                MessageTimer("short-lived", target.Get()).PostIn(0, [] {});
+                shared("shared");
+                const AsyncCallback<int> own([](const int&) {}, target.Get());
+                own(i);
+            }
+        };
+        {
+            const std::jthread first(churn);
+            const std::jthread second(churn);
+            running.WaitFor(2);
+            target.StopAndJoin();
+            EXPECT_TRUE(stopped);
+        }
+        timer.reset(); // after the end of its task
+        EXPECT_EQ(late, 0);
+    }
 }
 
 // Destroyed by the waiter as soon as it is woken, while the signaller may still be inside.

@@ -5,6 +5,7 @@ Usage: EntryPointTest.py PROGRAM
 """
 import os
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -24,14 +25,15 @@ class EntryPoint(unittest.TestCase):
                             # The crash handler allocates on purpose.
                             "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":report_signal_unsafe=0"}
 
-    def start(self, *arguments):
-        service = subprocess.Popen([PROGRAM, *arguments], env=self.environment, stderr=subprocess.PIPE, text=True)
+    def start(self, *arguments, umask=-1):
+        service = subprocess.Popen([PROGRAM, *arguments], env=self.environment, stderr=subprocess.PIPE, text=True,
+                                   umask=umask)
         self.addCleanup(service.communicate)
         self.addCleanup(service.kill)
         return service
 
-    def start_fully(self, *arguments):
-        service = self.start(*arguments)
+    def start_fully(self, *arguments, umask=-1):
+        service = self.start(*arguments, umask=umask)
         self.assertTrue(any("JoinTasks" in line for line in service.stderr), "ended before its start was done")
         return service
 
@@ -53,9 +55,12 @@ class EntryPoint(unittest.TestCase):
             self.assertEqual(service.returncode, -number)
 
     def test_second_instance_says_who_holds_the_lock_and_leaves(self):
-        first = self.start_fully()
+        self.environment["SONARIX_RUN_DIR"] += "/a/run"
+        first = self.start_fully(umask=0o077)
+        self.assertEqual(stat.S_IMODE(os.stat(self.environment["SONARIX_RUN_DIR"]).st_mode), 0o755)
         second = self.start()
-        self.assertIn(str(first.pid), second.communicate(timeout=30)[1])
+        self.assertRegex(second.communicate(timeout=30)[1],
+                         rf"\A.*already running: process {first.pid} \(sonarix-service\) holds.*\n\Z")
         self.assertEqual(second.returncode, 1)
         first.kill()  # a lock whose holder was killed is free
         first.wait()
