@@ -21,8 +21,20 @@ using testing::StartsWith;
 namespace
 {
 
-const char* const kNothing = "( 0 products )\n";
-const char* const kWren = "FRIENDLYNAME: wren IP: 1:1:1:1 GUID: g1\n( 1 products )\n";
+const std::string kNothing = "( 0 products )\n";
+const std::string kWren = "FRIENDLYNAME: wren IP: 1:1:1:1 GUID: g1\n( 1 products )\n";
+const std::string kNoTesting = "\n ---  Testing devices list -----\n" + kNothing;
+const std::string kAddWren = "adddevice guid=g1 friendlyname=wren ipaddress=1:1:1:1";
+
+/// A part of the answer to "mdns list".
+std::string Remote(const std::string& type, const std::string& rows)
+{
+    return "---  Remote devices list  for service name :" + type + "----- \n" + rows;
+}
+std::string Found(const std::string& guid)
+{
+    return "FRIENDLYNAME: found IP: 10.0.0.1 GUID: " + guid + "\n( 1 products )\n";
+}
 
 Sonarix::ProductList ListOf(const std::vector<std::string>& guids)
 {
@@ -117,18 +129,18 @@ TEST_F(DebugCommandsTest, SsdpIsStartedAndStoppedByTheConsolesOwnIdea)
     EXPECT_EQ(Type("ssdp list"), "---  Remote SSDP Product list ----- \n"
                                  "FRIENDLYNAME: found IP: 10.0.0.1 GUID: a ECOSYSTEM: ORB2 ECOCLOCK: \n"
                                  "clockdomain: \"c\"\n\n( 1 products )\n"
-                                 "\n ---  Testing device list ----- \n( 0 products )\n");
+                                 "\n ---  Testing device list ----- \n" +
+                                     kNothing);
     EXPECT_EQ(Type("ssdp start"), "SSDP discovery is already running");
     EXPECT_THAT(m_calls, IsEmpty());
-    Type("ssdp adddevice guid=g1 friendlyname=wren ipaddress=1:1:1:1");
+    Type("ssdp " + kAddWren);
     EXPECT_EQ(Type("ssdp stop"), "");
     EXPECT_THAT(m_calls, ElementsAre("ssdp Stop", "gateway OFFLINE g1", "ipc OFFLINE g1"));
 
     Up("eth0"); // starts it, and the console does not know
-    EXPECT_EQ(Type("ssdp list"), std::string("( SSDP not running - here is the Testing device list )\n") + kNothing);
-    Type("ssdp adddevice guid=g1 friendlyname=wren ipaddress=1:1:1:1");
-    EXPECT_EQ(Type("SSDP   Stop"),
-              std::string("SSDP discovery is already stopped\n( Here is the Testng device list )\n") + kWren);
+    EXPECT_EQ(Type("ssdp list"), "( SSDP not running - here is the Testing device list )\n" + kNothing);
+    Type("ssdp " + kAddWren);
+    EXPECT_EQ(Type("SSDP   Stop"), "SSDP discovery is already stopped\n( Here is the Testng device list )\n" + kWren);
     EXPECT_THAT(m_calls, IsEmpty());
     EXPECT_THAT(Effect("ssdp start"), ElementsAre("ssdp Start eth0"));
 }
@@ -136,15 +148,15 @@ TEST_F(DebugCommandsTest, SsdpIsStartedAndStoppedByTheConsolesOwnIdea)
 TEST_F(DebugCommandsTest, MdnsIsStartedAndStoppedLikewise)
 {
     EXPECT_EQ(Type("mdns start"), "MDNS discovery is already running");
-    Type("mdns adddevice guid=g1 friendlyname=wren ipaddress=1:1:1:1");
+    Type("mdns " + kAddWren);
     EXPECT_EQ(Type("mdns stop"), "");
     EXPECT_THAT(m_calls, ElementsAre("mdns Stop", "gateway OFFLINE g1", "ipc OFFLINE g1"));
-    EXPECT_EQ(Type("mdns stop"),
-              std::string("MDNS discovery is already stopped\n( Here is the Testing device list )\n") + kNothing);
-    EXPECT_EQ(Type("mdns list"), std::string("( MDNS not running! )\n\n ---  Testing devices list -----\n") + kNothing);
-    EXPECT_THAT(Effect("mdns addservice type=_a._tcp"), IsEmpty());
-    EXPECT_THAT(Effect("mdns removeservice type=_a._tcp"), IsEmpty());
-    EXPECT_THAT(Effect("mdns clearall"), IsEmpty());
+    EXPECT_EQ(Type("mdns stop"), "MDNS discovery is already stopped\n( Here is the Testing device list )\n" + kNothing);
+    EXPECT_EQ(Type("mdns list"), "( MDNS not running! )\n" + kNoTesting);
+    for (const char* line : {"mdns addservice type=_a._tcp", "mdns removeservice type=_a._tcp", "mdns clearall"})
+    {
+        EXPECT_THAT(Effect(line), IsEmpty()) << line;
+    }
     EXPECT_THAT(Effect("mdns start"), ElementsAre("mdns Start"));
 }
 
@@ -192,10 +204,8 @@ TEST_F(DebugCommandsTest, MdnsListWaitsASecondForEachTypeAndMayBeAnsweredLater)
 {
     m_simulation.Schedule(std::chrono::milliseconds(900), [this] { m_mdns->AnswerList(ListOf({"a"})); });
     const auto begin = m_simulation.NowMs();
-    EXPECT_EQ(Type("mdns list"), "---  Remote devices list  for service name :_kova-lanyard._tcp----- \n"
-                                 "FRIENDLYNAME: found IP: 10.0.0.1 GUID: a\n( 1 products )\n"
-                                 "\n ---  Testing devices list -----\n( 0 products )\n")
-        << "the clocks do not answer";
+    const std::string renderers = Remote("_kova-lanyard._tcp", Found("a"));
+    EXPECT_EQ(Type("mdns list"), renderers + kNoTesting) << "the clocks do not answer";
     EXPECT_EQ(m_simulation.NowMs() - begin, 1900);
     EXPECT_THAT(m_calls, ElementsAre("mdns GetProductList _kova-lanyard._tcp", "mdns GetProductList _kova-clock._tcp"));
     EXPECT_TRUE(m_mdns->AnswerList(ListOf({"late"})));
@@ -203,16 +213,10 @@ TEST_F(DebugCommandsTest, MdnsListWaitsASecondForEachTypeAndMayBeAnsweredLater)
     // While the clocks are waited for, an answer about the renderers is none about them.
     m_simulation.Schedule(std::chrono::milliseconds(1500), [this] { m_mdns->AnswerList(ListOf({"a"})); });
     m_simulation.Schedule(std::chrono::milliseconds(1600), [this] { m_mdns->AnswerList(ListOf({"b"})); });
-    EXPECT_EQ(Type("mdns list"), "---  Remote devices list  for service name :_kova-lanyard._tcp----- \n"
-                                 "FRIENDLYNAME: found IP: 10.0.0.1 GUID: a\n( 1 products )\n"
-                                 "---  Remote devices list  for service name :_kova-clock._tcp----- \n"
-                                 "FRIENDLYNAME: found IP: 10.0.0.1 GUID: b\n( 1 products )\n"
-                                 "\n ---  Testing devices list -----\n( 0 products )\n");
+    EXPECT_EQ(Type("mdns list"), renderers + Remote("_kova-clock._tcp", Found("b")) + kNoTesting);
 
     m_mdns->answerAtOnce.emplace();
-    EXPECT_EQ(Type("mdns list _foo._tcp"), "---  Remote devices list  for service name :_foo._tcp----- \n"
-                                           "( 0 products )\n"
-                                           "\n ---  Testing devices list -----\n( 0 products )\n");
+    EXPECT_EQ(Type("mdns list _foo._tcp"), Remote("_foo._tcp", kNothing) + kNoTesting);
 
     m_mdns->answerAtOnce.reset();
     Type("mdns clearall");
