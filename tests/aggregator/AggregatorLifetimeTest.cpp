@@ -13,7 +13,7 @@ using testing::ElementsAre;
 
 TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
 {
-    StartAs(SXCommon::HOST);
+    StartAsHost();
     Ssdp({"a"});
     Answer("a");
     Heartbeat("a", HEARTBEAT_OFFLINE); // the reap timer runs
@@ -24,8 +24,8 @@ TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
     const auto remote = Remote("b");
     const auto notified = lists.size();
 
-    ssdp->Report(Report{"c"}.By({SXCommon::SSDP}));
-    mdns->Report(Report{"d"}.By({SXCommon::MDNS}));
+    ssdp->Report(Report{"c"}.By(SXCommon::SSDP));
+    mdns->Report(Report{"d"}.By(SXCommon::MDNS));
     remote->PushText(kInfoPath, R"({"guid":"b"})");
     remote->AnswerText(kInfoPath, R"({"guid":"b"})");
     remote->SendHeartbeat(HEARTBEAT_OFFLINE);
@@ -39,7 +39,7 @@ TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
     EXPECT_TRUE(std::none_of(made.begin(), made.end(), [](const auto& connection) { return connection->IsOpen(); }));
 
     Sonarix::ProductList list;
-    *list.add_products() = Report{"e"}.By({SXCommon::MDNS});
+    *list.add_products() = Report{"e"}.By(SXCommon::MDNS);
     mdns->AnswerList(list);
     Ssdp({"f"}); // nobody disconnected us
     (*remote->heartbeat)("b", HEARTBEAT_ONLINE);
@@ -51,11 +51,11 @@ TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
 TEST_F(AggregatorTest, ASourceThatIsNotThereIsTakenUpOnceAndAfterShutdownNothingComesInOrGoesOut)
 {
     controller->mdns = nullptr;
-    StartAs(SXCommon::HOST);
+    StartAsHost();
     simulation.RunFor(7h); // a refresh
     controller->mdns = mdns;
-    SetMode(SXCommon::HOST);
-    SetMode(SXCommon::HOST);
+    BecomeHost();
+    BecomeHost();
     EXPECT_EQ(mdns->registrations, 1);
     Mdns({"a"});
     EXPECT_THAT(Guids(), ElementsAre("a"));
@@ -100,8 +100,8 @@ TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
                 }
             });
     };
-    std::thread threads[] = {repeat([&](const std::string& guid) { ssdp->Report(Report{guid}.By({SXCommon::SSDP})); }),
-                             repeat([&](const std::string& guid) { mdns->Report(Report{guid}.By({SXCommon::MDNS})); }),
+    std::thread threads[] = {repeat([&](const std::string& guid) { ssdp->Report(Report{guid}.By(SXCommon::SSDP)); }),
+                             repeat([&](const std::string& guid) { mdns->Report(Report{guid}.By(SXCommon::MDNS)); }),
                              repeat(
                                  [&](const std::string& guid)
                                  {
@@ -126,8 +126,8 @@ TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
                 EXPECT_THAT(product.protocols(), ElementsAre(SXCommon::SSDP, SXCommon::MDNS));
             }
         });
-    ssdp->Report(Report{"late"}.By({SXCommon::SSDP}));
+    ssdp->Report(Report{"late"}.By(SXCommon::SSDP));
     task.Run([&] { aggregator.reset(); });
-    ssdp->Report(Report{"later"}.By({SXCommon::SSDP}));
+    ssdp->Report(Report{"later"}.By(SXCommon::SSDP));
     task.Drain();
 }

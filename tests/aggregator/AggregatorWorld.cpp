@@ -1,7 +1,6 @@
 #include "AggregatorWorld.h"
 
 #include "DiscoveryServiceAggregator.h"
-#include "Task.h"
 #include "TempDirectory.h"
 
 #include <algorithm>
@@ -32,19 +31,15 @@ const testing::Environment* const s_files = testing::AddGlobalTestEnvironment(ne
 
 } // namespace
 
-Sonarix::Product Report::By(const std::vector<SXCommon::DiscoveryProtocol>& protocols) const
+Sonarix::Product Report::By(SXCommon::DiscoveryProtocol protocol) const
 {
     Sonarix::Product product;
-    product.mutable_protocols()->Add(protocols.begin(), protocols.end());
-    product.mutable_serviceid()->set_type(type);
-    product.set_state(state);
+    product.add_protocols(protocol);
+    product.mutable_serviceid()->set_type("_kova-lanyard._tcp");
+    product.set_state(SXCommon::ONLINE);
     Sonarix::ProductInfo& info = *product.mutable_productinfo();
     info.set_guid(guid);
-    info.set_ecosystem(ecosystem);
-    if (!address.empty())
-    {
-        info.set_ipaddress(address);
-    }
+    info.set_ecosystem("ORB2");
     if (!name.empty())
     {
         info.set_friendlyname(name);
@@ -56,16 +51,13 @@ Sonarix::Product Report::By(const std::vector<SXCommon::DiscoveryProtocol>& prot
     return product;
 }
 
-AggregatorWorld::AggregatorWorld(std::uint64_t seed, const std::string& logLevels)
-    : log(logLevels)
-    , simulation(seed)
-    , task(IL::CreateTask("DiscoveryServiceControllerTask", ""))
+AggregatorTest::AggregatorTest()
 {
     controller->ssdp = ssdp;
     controller->mdns = mdns;
 }
 
-void AggregatorWorld::Start()
+void AggregatorTest::Start()
 {
     aggregator = SonarixService::DiscoveryServiceAggregator::Create(task, controller);
     aggregator->RegisterForProductList([this](const Sonarix::ProductList& list) { lists.push_back(list); });
@@ -73,93 +65,81 @@ void AggregatorWorld::Start()
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::StartAs(SXCommon::ProductMode mode)
+void AggregatorTest::StartAsHost()
 {
     Start();
-    SetMode(mode);
+    BecomeHost();
     infos.clear();
 }
 
-void AggregatorWorld::Ssdp(const Report& report)
+void AggregatorTest::Ssdp(const Report& report)
 {
-    ssdp->Report(report.By({SXCommon::SSDP}));
+    ssdp->Report(report.By(SXCommon::SSDP));
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Mdns(const Report& report)
+void AggregatorTest::Mdns(const Report& report)
 {
-    mdns->Report(report.By({SXCommon::MDNS}));
+    mdns->Report(report.By(SXCommon::MDNS));
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::SetMode(SXCommon::ProductMode mode, const std::string& address)
+void AggregatorTest::BecomeHost()
 {
-    aggregator->InitializeProtocols(mode, address);
+    aggregator->InitializeProtocols(SXCommon::HOST, "10.0.0.1");
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status)
+void AggregatorTest::Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status)
 {
     ASSERT_TRUE(IsWatched(guid) && Remote(guid)->SendHeartbeat(status)) << guid;
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Answer(const std::string& guid, const std::string& json)
+void AggregatorTest::Answer(const std::string& guid, const std::string& json)
 {
     ASSERT_TRUE(IsWatched(guid) && Remote(guid)->AnswerText(kInfoPath, json)) << guid;
     simulation.RunUntilIdle();
 }
 
-void AggregatorWorld::Answer(const std::string& guid)
+void AggregatorTest::Answer(const std::string& guid)
 {
     Answer(guid, R"({"guid":")" + guid + R"("})");
 }
 
-std::shared_ptr<FakeConnection> AggregatorWorld::Remote(const std::string& guid) const
+std::shared_ptr<FakeConnection> AggregatorTest::Remote(const std::string& guid) const
 {
     return portico.Find("DiscoveryServiceAggregator-" + guid);
 }
 
-bool AggregatorWorld::IsWatched(const std::string& guid) const
+bool AggregatorTest::IsWatched(const std::string& guid) const
 {
     return Remote(guid) && Remote(guid)->IsOpen();
 }
 
-Sonarix::ProductList AggregatorWorld::List() const
+std::vector<std::string> AggregatorTest::Guids() const
 {
     Sonarix::ProductList list;
     list.add_products(); // what was in there goes
     aggregator->GetProductList(list);
-    return list;
-}
-
-std::vector<std::string> AggregatorWorld::Guids() const
-{
     std::vector<std::string> guids;
-    const Sonarix::ProductList list = List();
     std::transform(list.products().begin(), list.products().end(), std::back_inserter(guids),
                    [](const Sonarix::Product& product) { return product.productinfo().guid(); });
     return guids;
 }
 
-Sonarix::Product AggregatorWorld::Row(const std::string& guid) const
+Sonarix::Product AggregatorTest::Row(const std::string& guid) const
 {
-    const Sonarix::ProductList list = List();
+    Sonarix::ProductList list;
+    aggregator->GetProductList(list);
     const auto row = std::find_if(list.products().begin(), list.products().end(),
                                   [&guid](const Sonarix::Product& one) { return one.productinfo().guid() == guid; });
     return row != list.products().end() ? *row : Sonarix::Product();
 }
 
-Sonarix::ProductInfo AggregatorWorld::Own() const
+Sonarix::ProductInfo AggregatorTest::Own() const
 {
     Sonarix::ProductInfo own;
     aggregator->GetMyProductInfo([&own](const Sonarix::ProductInfo& info) { own = info; }, {});
     return own;
-}
-
-std::ptrdiff_t AggregatorWorld::Logged(const std::string& part) const
-{
-    const std::vector<LogCapture::Line> lines = log.Lines();
-    return std::count_if(lines.begin(), lines.end(),
-                         [&part](const LogCapture::Line& line) { return line.m_text.find(part) != std::string::npos; });
 }

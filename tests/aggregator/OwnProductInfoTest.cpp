@@ -19,8 +19,8 @@ TEST_F(AggregatorTest, ASubscriberGetsThePresentInformationAtOnceThenNewsAlone)
 
     aggregator->RegisterForMyProductInfo({}); // an empty subscriber is legal
     aggregator->GetMyProductInfo({}, {});
-    SetMode(SXCommon::HOST);
-    SetMode(SXCommon::HOST);
+    BecomeHost();
+    BecomeHost();
     aggregator->SetSupportedWifiBands({"5GHZ", "2_4GHZ"});
     aggregator->SetSupportedWifiBands({"6GHZ", "5GHZ"});
     ASSERT_EQ(infos.size(), 4U);
@@ -31,7 +31,7 @@ TEST_F(AggregatorTest, ASubscriberGetsThePresentInformationAtOnceThenNewsAlone)
 
 TEST_F(AggregatorTest, AnOwnReportMayNotSayWhatOnlyWeKnow)
 {
-    StartAs(SXCommon::HOST);
+    StartAsHost();
     const std::pair<const char*, std::function<void(Info&)>> faults[] = {
         {"capabilities", [](Info& info) { info.mutable_capabilities(); }},
         {"children", [](Info& info) { info.add_children(); }},
@@ -44,18 +44,22 @@ TEST_F(AggregatorTest, AnOwnReportMayNotSayWhatOnlyWeKnow)
         Ssdp(bad);
         EXPECT_TRUE(log.Contains(std::string("my product info has ") + what + " - that's bad"));
         EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U);
-        EXPECT_THROW(aggregator->HandleProductInfoAdvertisement(bad.By({}).productinfo()), std::logic_error);
+        EXPECT_THROW(aggregator->HandleProductInfoAdvertisement(bad.By(SXCommon::SSDP).productinfo()),
+                     std::logic_error);
     }
     EXPECT_EQ(Own().friendlyname(), "");
     EXPECT_THAT(Guids(), IsEmpty());
-    aggregator->HandleProductInfoAdvertisement(Report{"a", "Other"}.By({}).productinfo());
+    aggregator->HandleProductInfoAdvertisement(Report{"a", "Other"}.By(SXCommon::SSDP).productinfo());
     EXPECT_TRUE(log.Contains("Ignoring advertisements of products not my own...How did this even happen"));
     EXPECT_THAT(infos, IsEmpty());
 
     // What we know better is left out, and the task lives on.
-    Ssdp({.guid = kOwn, .name = "Me", .address = "9.9.9.9", .more = [](Info& info) {
-              info.mutable_multiroom()->mutable_zonecontrol_version();
-          }});
+    const auto known = [](Info& info)
+    {
+        info.set_ipaddress("9.9.9.9");
+        info.mutable_multiroom()->mutable_zonecontrol_version();
+    };
+    Ssdp({kOwn, "Me", known});
     EXPECT_EQ(Own().friendlyname(), "Me");
     EXPECT_EQ(Own().ipaddress(), "10.0.0.1");
     EXPECT_FALSE(Own().multiroom().has_zonecontrol_version());
@@ -69,7 +73,7 @@ TEST_F(AggregatorTest, AHeldBackReportThatIsAtFaultCostsNeitherThoseBehindItNorT
     Mdns({"a", "Second"});
     EXPECT_THAT(Guids(), IsEmpty());
     log.Clear();
-    SetMode(SXCommon::HOST);
+    BecomeHost();
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U) << log.Text();
     EXPECT_TRUE(log.Contains("my product info has configurations - that's bad"));
     EXPECT_EQ(Row("a").productinfo().friendlyname(), "Second");
@@ -78,7 +82,7 @@ TEST_F(AggregatorTest, AHeldBackReportThatIsAtFaultCostsNeitherThoseBehindItNorT
 
 TEST_F(AggregatorTest, ANameThatIsNotUtf8StopsNoNotification)
 {
-    StartAs(SXCommon::HOST);
+    StartAsHost();
     Ssdp({kOwn, "\xff\xfe"});
     EXPECT_EQ(infos.size(), 1U);
     Ssdp({"a", "\xff"});

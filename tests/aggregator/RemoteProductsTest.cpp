@@ -4,11 +4,11 @@
 
 TEST_F(AggregatorTest, NoNeighbourGrowsItsRowBeyondWhatAListCanHold)
 {
-    StartAs(SXCommon::HOST);
+    StartAsHost();
     Ssdp({"a"});
     Answer("a", R"({"guid":"a","friendlyname":")" + std::string(70000, 'x') + R"("})");
     EXPECT_TRUE(lists.empty());
-    EXPECT_EQ(Logged("The information of a takes 70"), 1);
+    EXPECT_TRUE(log.Contains("The information of a takes 70"));
 
     for (int report = 0; report < 200; ++report)
     {
