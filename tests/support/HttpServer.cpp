@@ -1,156 +1,95 @@
 #include "HttpServer.h"
 
 #include <array>
-#include <optional>
-#include <sstream>
-#include <stdexcept>
-#include <tuple>
+#include <deque>
 #include <utility>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
 #include <sys/socket.h>
-#include <unistd.h>
 
-namespace
+namespace http = boost::beast::http;
+using boost::asio::ip::tcp;
+
+struct HttpServer::Connection
 {
+    tcp::socket m_socket;
+    std::thread m_thread;
+};
 
-/// Bound, not listening yet.
-std::pair<int, std::uint16_t> Bind(const std::string& host, std::uint16_t port)
+struct HttpServer::State
 {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int reuse = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = inet_addr(host.c_str());
-    socklen_t length = sizeof(address);
-    if (bind(socket, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    {
-        throw std::runtime_error("no port on " + host + "");
-    }
-    return {socket, ntohs(address.sin_port)};
-}
+    boost::asio::io_context m_context;
+    tcp::acceptor m_listener;
+    std::deque<Connection> m_connections; ///< the acceptor's until it has ended
 
-/// Reads until `text` is at least `size` long, or holds `end`; false: the peer has gone.
-bool ReadUntil(int socket, std::string& text, std::size_t size, const std::string& end)
-{
-    while (end.empty() ? text.size() < size : text.find(end) == std::string::npos)
+    State(const std::string& address, std::uint16_t port)
+        : m_listener(m_context, tcp::endpoint(boost::asio::ip::make_address(address), port))
     {
-        std::array<char, 4096> buffer;
-        const ssize_t bytes = recv(socket, buffer.data(), buffer.size(), 0);
-        if (bytes <= 0)
-        {
-            return false;
-        }
-        text.append(buffer.data(), static_cast<std::size_t>(bytes));
     }
-    return true;
-}
-
-/// Takes one request off the front of `text`, which keeps what came after it.
-std::optional<HttpServer::Request> ReadRequest(int socket, std::string& text)
-{
-    if (!ReadUntil(socket, text, 0, "\r\n\r\n"))
-    {
-        return std::nullopt;
-    }
-    const std::size_t headSize = text.find("\r\n\r\n") + 4;
-    std::istringstream head(text.substr(0, headSize));
-    text.erase(0, headSize);
-    HttpServer::Request request;
-    std::string line;
-    std::getline(head, line);
-    std::istringstream(line) >> request.m_method >> request.m_target;
-    while (std::getline(head, line) && line != "\r")
-    {
-        const std::size_t colon = line.find(": ");
-        request.m_headers[line.substr(0, colon)] = line.substr(colon + 2, line.size() - colon - 3);
-    }
-    const auto found = request.m_headers.find("Content-Length");
-    const std::size_t length = found == request.m_headers.end() ? 0 : std::stoul(found->second);
-    if (!ReadUntil(socket, text, length, ""))
-    {
-        return std::nullopt;
-    }
-    request.m_body = text.substr(0, length);
-    text.erase(0, length);
-    return request;
-}
-
-} // namespace
+};
 
 HttpServer::HttpServer(Handler handler, std::uint16_t port, const std::string& address)
     : m_handler(std::move(handler))
     , m_address(address)
+    , m_state(std::make_unique<State>(address, port))
+    , m_port(m_state->m_listener.local_endpoint().port())
+    , m_acceptor([this] { Accept(); })
 {
-    std::tie(m_listener, m_port) = Bind(address, port);
-    listen(m_listener, 128);
-    m_acceptor = std::thread([this] { Accept(); });
 }
 
 HttpServer::~HttpServer()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stopping = true;
-        shutdown(m_listener, SHUT_RDWR);
-        for (const int socket : m_sockets)
-        {
-            shutdown(socket, SHUT_RDWR);
-        }
-    }
+    ::shutdown(m_state->m_listener.native_handle(), SHUT_RDWR);
     m_acceptor.join();
-    for (std::thread& thread : m_threads)
+    for (Connection& each : m_state->m_connections)
     {
-        thread.join();
+        ::shutdown(each.m_socket.native_handle(), SHUT_RDWR);
+        each.m_thread.join();
     }
-    for (const int socket : m_sockets)
-    {
-        close(socket);
-    }
-    close(m_listener);
 }
 
 void HttpServer::Accept()
 {
-    for (int socket = 0; (socket = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;)
+    boost::system::error_code error;
+    for (tcp::socket socket = m_state->m_listener.accept(error); !error; socket = m_state->m_listener.accept(error))
     {
-        const std::lock_guard lock(m_mutex);
-        if (m_stopping)
-        {
-            close(socket);
-            return;
-        }
-        m_sockets.push_back(socket);
-        m_threads.emplace_back([this, socket] { Serve(socket); });
+        Connection& made = m_state->m_connections.emplace_back(Connection{std::move(socket), {}});
+        made.m_thread = std::thread([this, &made] { Serve(made); });
     }
 }
 
-void HttpServer::Serve(int socket)
+void HttpServer::Serve(Connection& connection)
 {
-    std::string text;
+    boost::beast::flat_buffer buffer;
     Exchange exchange;
-    exchange.m_socket = socket;
+    exchange.m_socket = connection.m_socket.native_handle();
     while (!exchange.m_close)
     {
-        std::optional<Request> request = ReadRequest(socket, text);
-        if (!request)
+        http::request_parser<http::string_body> parser;
+        parser.body_limit(boost::none);
+        boost::system::error_code error;
+        http::read(connection.m_socket, buffer, parser, error);
+        if (error)
         {
             break;
         }
-        exchange.m_request = *request;
+        const auto& read = parser.get();
+        exchange.m_request = {read.method_string(), read.target(), {}, read.body()};
+        for (const auto& field : read)
+        {
+            exchange.m_request.m_headers[field.name_string()] = field.value();
+        }
         m_requests.Change(
             [&](std::vector<Request>& all)
             {
                 exchange.m_number = all.size();
-                all.push_back(std::move(*request));
+                all.push_back(exchange.m_request);
             });
         m_handler(exchange);
     }
-    shutdown(socket, SHUT_RDWR); // closed with the server: its number must not be another's before that
+    ::shutdown(exchange.m_socket, SHUT_RDWR); // closed with the server: its number must not be another's before that
 }
 
 std::string HttpServer::Url(const std::string& target) const
@@ -170,16 +109,14 @@ std::string HttpServer::Answer(int status, const std::vector<std::string>& heade
 
 std::uint16_t HttpServer::FreePort()
 {
-    const auto [socket, port] = Bind("127.0.0.1", 0);
-    close(socket);
-    return port;
+    return State("127.0.0.1", 0).m_listener.local_endpoint().port();
 }
 
 bool HttpServer::Exchange::Send(const std::string& bytes) const
 {
     for (std::size_t sent = 0; sent < bytes.size();)
     {
-        const ssize_t count = send(m_socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        const ssize_t count = ::send(m_socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count <= 0)
         {
             return false;
@@ -191,8 +128,8 @@ bool HttpServer::Exchange::Send(const std::string& bytes) const
 
 void HttpServer::Exchange::AwaitPeerGone() const
 {
-    std::string rest;
-    while (ReadUntil(m_socket, rest, rest.size() + 1, ""))
+    std::array<char, 4096> rest;
+    while (::recv(m_socket, rest.data(), rest.size(), 0) > 0)
     {
     }
 }

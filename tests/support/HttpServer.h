@@ -7,7 +7,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,17 +78,15 @@ public:
     static std::uint16_t FreePort(); ///< on which nobody listens
 
 private:
+    struct Connection;
+    struct State;
     void Accept();
-    void Serve(int socket);
+    void Serve(Connection& connection);
 
     const Handler m_handler;
-    int m_listener = -1;
-    std::uint16_t m_port = 0;
     const std::string m_address;
     Watched<std::vector<Request>> m_requests;
-    std::mutex m_mutex;
-    bool m_stopping = false;
-    std::vector<int> m_sockets;
-    std::vector<std::thread> m_threads;
+    const std::unique_ptr<State> m_state;
+    const std::uint16_t m_port;
     std::thread m_acceptor;
 };
