@@ -1,21 +1,14 @@
 #include "LogCapture.h"
 
-#include "Watched.h"
-
 #include <algorithm>
 #include <cstdlib>
 
-struct LogCapture::State
-{
-    Watched<std::vector<Line>> m_lines;
-};
-
 LogCapture::LogCapture(const std::string& levels)
-    : m_state(std::make_shared<State>())
+    : m_lines(std::make_shared<Watched<std::vector<Line>>>())
 {
     DPrint::SetSink(
-        [state = m_state](const std::string& channel, DPrint::Level level, const std::string& text) {
-            state->m_lines.Change([&](std::vector<Line>& lines) { lines.push_back(Line{channel, level, text}); });
+        [all = m_lines](const std::string& channel, DPrint::Level level, const std::string& text) {
+            all->Change([&](std::vector<Line>& lines) { lines.push_back(Line{channel, level, text}); });
         });
     DPrint::SetLevels(levels);
 }
@@ -25,11 +18,6 @@ LogCapture::~LogCapture()
     DPrint::SetSink(nullptr);
     const char* const levels = std::getenv("SONARIX_LOG");
     DPrint::SetLevels(levels != nullptr ? levels : "");
-}
-
-std::vector<LogCapture::Line> LogCapture::Lines() const
-{
-    return m_state->m_lines.Get();
 }
 
 std::size_t LogCapture::Count(DPrint::Level level) const
@@ -46,7 +34,7 @@ bool LogCapture::Contains(const std::string& part) const
 
 bool LogCapture::WaitFor(const std::string& part, std::chrono::milliseconds limit) const
 {
-    return m_state->m_lines.WaitUntil(
+    return m_lines->WaitUntil(
         [&part](const std::vector<Line>& lines)
         {
             return std::any_of(lines.begin(), lines.end(),
@@ -63,9 +51,4 @@ std::string LogCapture::Text() const
         text += std::to_string(line.m_level) + ' ' + line.m_channel + ": " + line.m_text + '\n';
     }
     return text;
-}
-
-void LogCapture::Clear()
-{
-    m_state->m_lines.Set({});
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DPrint.h"
+#include "Watched.h"
 
 #include <chrono>
 #include <cstddef>
@@ -31,15 +32,20 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<Line> Lines() const;
+    std::vector<Line> Lines() const
+    {
+        return m_lines->Get();
+    }
     std::size_t Count(DPrint::Level level) const;
     bool Contains(const std::string& part) const; ///< in the text of some line
     /// Until a line with `part` has come (true) or `limit` is over (false).
     bool WaitFor(const std::string& part, std::chrono::milliseconds limit = std::chrono::seconds(60)) const;
     std::string Text() const; ///< all lines, to be shown when an expectation fails
-    void Clear();
+    void Clear()
+    {
+        m_lines->Set({});
+    }
 
 private:
-    struct State;
-    std::shared_ptr<State> m_state; ///< shared with the sink, in which a late thread may still be
+    const std::shared_ptr<Watched<std::vector<Line>>> m_lines; ///< and the sink's, in which a late thread may still be
 };

@@ -3,7 +3,6 @@
 import json
 import os
 import queue
-import subprocess
 import sys
 import threading
 import time
@@ -34,12 +33,12 @@ class Console(LabCase):
 
     def listener(self, *command):
         """The lines of a program in the product, as they come."""
-        process = self.lab.product("kitchen").popen(command, stdout=subprocess.PIPE, text=True)
+        process = self.staying("kitchen", *command, text=True)
         lines = queue.Queue()
         reader = threading.Thread(target=lambda: [lines.put(line.rstrip("\n")) for line in process.stdout])
         reader.start()
-        for ending in (process.stdout.close, process.wait, reader.join, process.kill):
-            self.addCleanup(ending)
+        self.addCleanup(reader.join)
+        self.addCleanup(process.kill)  # which ends the reader
         return lines
 
     def setUp(self):
@@ -49,7 +48,7 @@ class Console(LabCase):
             ("SonarixMdnsService", "ServiceId"), ("SonarixSsdpService", "DiscoveredDeviceList"))]
         for lines in self.sockets:
             self.heard(lines, lambda line: line == " answered")
-        self.terminal = Terminal(["sonarix-console"], {"HOME": self.folder.name}, columns=400,
+        self.terminal = Terminal(["sonarix-console"], {"HOME": self.folder}, columns=400,
                                  start=self.lab.product("kitchen").popen)
         self.addCleanup(self.terminal.close)
         self.terminal.wait_for(">")

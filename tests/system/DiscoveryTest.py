@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 """Products that find one another, seen through their gateways and on the wire."""
 import json
-import subprocess
 import time
 import unittest
 
@@ -50,19 +49,14 @@ class Discovery(LabCase):
 
     def test_posted_description_reaches_watchers_rows_and_record(self):
         product = self.lab.product("office")
-        watch = product.popen(["portico", "watch", "/sonarix/info"], stdout=subprocess.PIPE)
+        watch = self.staying("office", "portico", "watch", "/sonarix/info")
         description = {"deviceName": "Office", "guid": product.guid, "ecosys": "ORB2", "productType": "SPEAKER",
                        "productName": "Sonarix One", "productColor": "RED", "softwareVersion": "1.0.1",
                        "serialNumber": "1", "country": "CH"}
-        try:
-            post = self.lab.portico("office", "post", "/startDiscoveryAdvertisement", json.dumps(description))
-            self.assertEqual(json.loads(post.stdout), description)
-            heard = (json.loads(line) for line in lines_until(watch.stdout, time.monotonic() + 10))
-            self.assertTrue(any(info.get("productcolor") == "RED" for info in heard), "the watcher heard nothing of it")
-        finally:
-            watch.kill()
-            watch.wait()
-            watch.stdout.close()
+        post = self.lab.portico("office", "post", "/startDiscoveryAdvertisement", json.dumps(description))
+        self.assertEqual(json.loads(post.stdout), description)
+        heard = (json.loads(line) for line in lines_until(watch.stdout, time.monotonic() + 10))
+        self.assertTrue(any(info.get("productcolor") == "RED" for info in heard), "the watcher heard nothing of it")
         self.lab.wait_until(lambda tables: all(
             tables.row(observer, "office").record["productinfo"]["productcolor"] == "RED"
             for observer in ("kitchen", "bedroom")), 15, "the others list the new colour")

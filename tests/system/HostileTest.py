@@ -37,18 +37,10 @@ class Hostile(LabCase):
 
     def publish(self, instance, strings):
         """The neighbour announces a record until the end of the case, or until the process returned is killed."""
-        publisher = self.lab.product(NEIGHBOUR).popen(
-            ["avahi-publish-service", instance, RENDERER_TYPE, "8090", *strings], stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT)
-        self.addCleanup(self.withdraw, publisher)
+        publisher = self.staying(NEIGHBOUR, "avahi-publish-service", instance, RENDERER_TYPE, "8090", *strings,
+                                 stderr=subprocess.STDOUT)
         self.assertTrue(any(b"Established" in line for line in publisher.stdout), f"{instance}: not published")
         return publisher
-
-    @staticmethod
-    def withdraw(publisher):
-        publisher.kill()
-        publisher.wait()
-        publisher.stdout.close()
 
     def assert_one_grave_line(self, lines):
         said = [line for line in grave(lines) if NO_FAULT_OF_THE_RECORD not in line]
@@ -70,7 +62,7 @@ class Hostile(LabCase):
                 publisher = self.publish(instance, strings)
                 for name in OBSERVERS:
                     self.wait_for_log(name, offsets[name], f"s.id: {instance} ServiceType")
-                self.withdraw(publisher)
+                publisher.kill()
                 for name in OBSERVERS:
                     lines = self.wait_for_log(name, offsets[name], f"Removed() s.id: {instance}")
                     self.assert_one_grave_line(lines)
@@ -102,7 +94,7 @@ class Hostile(LabCase):
         self.assertEqual(kitchen["ipaddress"], "10.77.0.11")
 
         before = self.log_size("kitchen")
-        self.withdraw(publisher)
+        publisher.kill()
         for name in OBSERVERS:
             self.wait_for_log(name, offsets[name], "Removed() s.id: Impostor")
         self.wait_for_log("kitchen", before, "HandleAdvertisement", 15)  # the farewell was taken for the own record's
@@ -122,7 +114,7 @@ class Hostile(LabCase):
             self.assertEqual(rows["squatter"]["state"], "OFFLINE", "nobody answers as that")
             self.assertEqual(rows["squatter"]["productinfo"]["friendlyname"], "Kitchen #2")
         self.assertTrue(self.lab.look(self.right_rows))
-        self.withdraw(publisher)
+        publisher.kill()
         self.assert_published("kitchen")
 
 

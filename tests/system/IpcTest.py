@@ -3,7 +3,6 @@
 import os
 import re
 import signal
-import subprocess
 import sys
 import time
 import unittest
@@ -20,19 +19,11 @@ SSDP_SECONDS = 60  # a search each 30 s, which takes 10
 class Ipc(LabCase):
     shape = {"products": 2, "log_levels": "3,mDNS=4"}
 
-    def ipc(self, *words, status=0, product="kitchen"):
-        """What sonarix-ipc prints in a product."""
-        result = self.lab.run(product, ["sonarix-ipc", *words], timeout=SECONDS)
+    def ipc(self, *words, status=0):
+        """What sonarix-ipc prints in the kitchen."""
+        result = self.lab.run("kitchen", ["sonarix-ipc", *words], timeout=SECONDS)
         self.assertEqual(result.returncode, status, result.stdout + result.stderr)
         return result.stdout
-
-    def staying(self, *words, product="kitchen"):
-        """A sonarix-ipc that stays, and its lines as they come."""
-        client = self.lab.product(product).popen(["sonarix-ipc", *words], stdout=subprocess.PIPE)
-        self.addCleanup(client.stdout.close)
-        self.addCleanup(client.wait)
-        self.addCleanup(client.kill)
-        return client
 
     def heard(self, client, pattern, seconds=SECONDS):
         for line in lines_until(client.stdout, time.monotonic() + seconds):
@@ -54,8 +45,9 @@ class Ipc(LabCase):
         self.assertEqual({line.split("\t")[3] for line in example.stdout.splitlines()},
                          {product.guid for product in self.lab.products})
 
-        here = self.staying("watch", "mdns", CLOCK, "--every", "0.5")
-        there = self.staying("watch", "mdns", CLOCK, "--every", "0.5", product="bedroom")
+        watching = ("sonarix-ipc", "watch", "mdns", CLOCK, "--every", "0.5")
+        here = self.staying("kitchen", *watching)
+        there = self.staying("bedroom", *watching)
         self.assertIn("publishes", self.ipc("add", "--keep", CLOCK, "Kitchen clock", "9000", "CLOCKDOMAIN=4"))
         self.seen("Kitchen clock", CLOCK, {"CLOCKDOMAIN": "4"})
         for watch in (here, there):
@@ -69,7 +61,7 @@ class Ipc(LabCase):
             self.heard(watch, "- Kitchen clock")
 
     def test_records_end_with_a_word_alone(self):
-        held = self.staying("add", HTTP, "Kitchen page", "80", "path=/")
+        held = self.staying("kitchen", "sonarix-ipc", "add", HTTP, "Kitchen page", "80", "path=/")
         self.seen("Kitchen page", HTTP, {"path": "/"})
         held.kill()
         held.wait()
@@ -78,7 +70,7 @@ class Ipc(LabCase):
         self.ipc("remove", HTTP, "Kitchen page")
         self.withdrawn("bedroom", "Kitchen page", HTTP)
 
-        held = self.staying("add", HTTP, "Kitchen page", "80")
+        held = self.staying("kitchen", "sonarix-ipc", "add", HTTP, "Kitchen page", "80")
         self.seen("Kitchen page", HTTP)
         self.lab.kill("kitchen", "service")
         self.withdrawn("bedroom", "Kitchen page", HTTP)
@@ -122,7 +114,7 @@ class Ipc(LabCase):
         self.withdrawn("bedroom", "Kitchen page", HTTP)
 
     def test_ssdp_devices_come_and_go(self):
-        watch = self.staying("watch", "ssdp")
+        watch = self.staying("kitchen", "sonarix-ipc", "watch", "ssdp")
         devices = self.lab.start_devices(["product"])
         self.heard(watch, rf"\+ .*{devices.addresses[0]}  {devices.guids[0]}", SSDP_SECONDS)
         devices.say_goodbye(0, 0)

@@ -24,9 +24,7 @@ def product(guid, state="ONLINE", name="", address=""):
 
 class Processes(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="sonarix-lab-state-")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="sonarix-lab-state-"))
 
     def small_lab(self, folder):
         return Lab(products=1, state_dir=folder, programs=DAEMONS)
@@ -42,9 +40,7 @@ class Processes(unittest.TestCase):
             lab.product("kitchen").popen(["sh", "-c", "echo open; exec sleep infinity >&-"])
             time.sleep(600)
         """)
-        process = subprocess.Popen([sys.executable, "-B", "-c", script], stdout=subprocess.PIPE)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.wait)
+        process = self.enterContext(subprocess.Popen([sys.executable, "-B", "-c", script], stdout=subprocess.PIPE))
         self.addCleanup(process.kill)
         self.assertEqual(process.stdout.readline(), b"open\n")
         return process

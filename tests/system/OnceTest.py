@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """The laboratory from the command line: --once again and again, and commands from another terminal."""
+import contextlib
 import os
 import signal
 import subprocess
@@ -9,13 +10,20 @@ import unittest
 
 from labcase import BIN_DIR, CONVERGENCE_SECONDS, LOGS, LabCase, TOOLS, lines_until
 
+@contextlib.contextmanager
+def until_ctrl_c(case, lab):
+    """It is ended at the end, as a person does it."""
+    try:
+        yield
+    finally:
+        lab.send_signal(signal.SIGINT)
+        lab.stdout.read()
+        case.assertEqual(lab.wait(10), 0)
 
 
 class Once(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="sonarix-lab-state-")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="sonarix-lab-state-"))
         self.command = [os.path.join(TOOLS, "sonarix-lab"), "--bin-dir", BIN_DIR, "--state-dir", self.folder]
 
     def run_lab(self, *arguments, seconds=120):
@@ -62,7 +70,7 @@ class Once(unittest.TestCase):
                         return
                 self.fail(f"no line \"{text}\"")
 
-            try:
+            with until_ctrl_c(self, lab):
                 wait_for("every product lists every other as ONLINE")
                 inside = self.run_lab("--exec", "bedroom", "portico", "get", "/sonarix/products")
                 self.assertIn('"friendlyname": "Kitchen"', inside.stdout)
@@ -75,10 +83,6 @@ class Once(unittest.TestCase):
                 unknown = self.run_lab("--kill", "cupboard")
                 self.assertEqual(unknown.returncode, 1)
                 self.assertIn("there are kitchen, bedroom", unknown.stderr)
-            finally:
-                lab.send_signal(signal.SIGINT)
-                lab.stdout.read()
-                self.assertEqual(lab.wait(10), 0)
         self.assertEqual(os.listdir(self.folder), ["lock"])
 
 
@@ -89,20 +93,14 @@ class Lan(LabCase):
 
     def test_one_service_on_the_machines_network(self):
         with tempfile.TemporaryDirectory() as folder:
-            lan = self.lab.product("stranger-1").popen(
-                [os.path.join(TOOLS, "sonarix-lab"), "--lan", "--interface", "eth0", "--bin-dir", BIN_DIR,
-                 "--state-dir", folder, "--logs", os.path.join(LOGS, "Lan-machine")], stdout=subprocess.PIPE)
-            try:
+            lan = self.staying("stranger-1", os.path.join(TOOLS, "sonarix-lab"), "--lan", "--interface", "eth0",
+                               "--bin-dir", BIN_DIR, "--state-dir", folder, "--logs", os.path.join(LOGS, "Lan-machine"))
+            with until_ctrl_c(self, lan):
                 heard = lines_until(lan.stdout, time.monotonic() + 60)
                 self.assertTrue(any("lists" in line and "ONLINE" in line and '"Kitchen"' in line for line in heard))
                 self.lab.wait_until(lambda tables: any(
                     (row.state, row.name) == ("ONLINE", "Stranger 1") for row in tables.rows("kitchen").values()), 30,
                     "the kitchen lists the machine")
-            finally:
-                lan.send_signal(signal.SIGINT)
-                lan.stdout.read()
-                lan.stdout.close()
-                self.assertEqual(lan.wait(10), 0)
             self.assertEqual(os.listdir(folder), ["lock"])
         self.assertTrue(self.lab.product("stranger-1").pid("avahi"), "the machine's own daemon goes on")
 

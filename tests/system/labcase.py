@@ -36,12 +36,11 @@ class LabCase(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="sonarix-lab-state-")
-        cls.addClassCleanup(cls.folder.cleanup)
+        cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="sonarix-lab-state-"))
         os.makedirs(LOGS, exist_ok=True)
         changes = cls.changes = cls.enterClassContext(
             open(os.path.join(LOGS, cls.__name__ + "-changes.log"), "w", encoding="utf-8", buffering=1))
-        cls.lab = Lab(**cls.shape, bin_dir=cls.bin_dir, state_dir=cls.folder.name,
+        cls.lab = Lab(**cls.shape, bin_dir=cls.bin_dir, state_dir=cls.folder,
                       log_dir=os.path.join(LOGS, cls.__name__),
                       on_change=lambda seconds, text: print(f"{seconds:9.3f} s  {text}", file=changes))
         cls.lab.open()
@@ -55,6 +54,14 @@ class LabCase(unittest.TestCase):
 
     def tearDown(self):
         self.assertEqual(self.lab.deaths[self._deaths_before:], [], "programs ended by themselves")
+
+    # ---- programs ------------------------------------------------------------------------------------------------
+
+    def staying(self, product, *command, **options):
+        """A program in a product until the end of the case, unless it ends by itself; its output is to be read."""
+        program = self.enterContext(self.lab.product(product).popen(command, stdout=subprocess.PIPE, **options))
+        self.addCleanup(program.kill)
+        return program
 
     # ---- states --------------------------------------------------------------------------------------------------
 
