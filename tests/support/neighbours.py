@@ -1,9 +1,11 @@
 """Programs on a network of a test's own, and what their neighbours hear of those that stand for many devices."""
 import json
 import os
+import select
 import socket
 import subprocess
 import sys
+import time
 import unittest
 
 
@@ -37,6 +39,14 @@ class NeighbourCase(unittest.TestCase):
 
     def socket(self, kind):
         return self.enterContext(socket.socket(socket.AF_INET, kind))
+
+    @staticmethod
+    def receive(source, seconds):
+        """(seconds, sender, message) of what comes within that time."""
+        begin = time.monotonic()
+        while (rest := begin + seconds - time.monotonic()) > 0 and select.select([source], [], [], rest)[0]:
+            message, sender = source.recvfrom(9000)
+            yield time.monotonic() - begin, sender, message
 
     def tell(self, line):
         self.program.stdin.write(line + "\n")

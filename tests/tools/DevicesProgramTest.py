@@ -49,21 +49,16 @@ class Devices(NeighbourCase):
     def notified(self, seconds):
         """(index, NTS, NT) of all announcements of that time."""
         return [(int(host[9:]) - 1, head[b"NTS"].decode(), head[b"NT"].decode())
-                for _, host, message, head in self.receive(self.ear, seconds) if message.startswith(b"NOTIFY")]
+                for _, (host, _), message in self.receive(self.ear, seconds)
+                if message.startswith(b"NOTIFY") and (head := headers(message))]
 
     def search(self, target, mx):
         """(seconds, index, headers) of each answer."""
         asker = self.socket(socket.SOCK_DGRAM)
         lines = ["M-SEARCH * HTTP/1.1", "Host: 239.255.255.250:1900", "Man: \"ssdp:discover\"", f"St:{target}"]
         asker.sendto("\r\n".join(lines + ([f"Mx: {mx}"] if mx else []) + ["", ""]).encode(), GROUP)
-        return [(seconds, int(host[9:]) - 1, head)
-                for seconds, host, _, head in self.receive(asker, (mx or 1) + 0.3)]
-
-    def receive(self, source, seconds):
-        begin = time.monotonic()
-        while (rest := begin + seconds - time.monotonic()) > 0 and select.select([source], [], [], rest)[0]:
-            message, (host, _) = source.recvfrom(9000)
-            yield time.monotonic() - begin, host, message, headers(message)
+        return [(seconds, int(host[9:]) - 1, headers(message))
+                for seconds, (host, _), message in self.receive(asker, (mx or 1) + 0.3)]
 
     def get(self, index, seconds=1.5, most=2 << 20, path="/description.xml"):
         """(all bytes that came, whether the server closed the connection)."""
@@ -138,9 +133,6 @@ class Devices(NeighbourCase):
         self.assertEqual((got["silent"][0], got["slow"][0]), (b"", b"HT"))
         self.assertGreaterEqual(min(len(got[name][0]) for name in ("huge-body", "endless-body")), 2 << 20)
         self.assertIn(b"CONTENT-LENGTH: 104857600\r\n", got["huge-body"][0])
-        self.assertEqual({name: got[name][0][9:12] for name in got if got[name][0][9:12] not in (b"200", b"")},
-                         {"status-404": b"404", "status-500": b"500", "status-503": b"503", "redirect": b"302"})
-        self.assertTrue({b"RETRY-AFTER", b"X-RETRY-COUNT"} < set(headers(got["status-503"][0])))
         moved = headers(got["redirect"][0])[b"LOCATION"].decode()
         self.assertIn(FAMILY, self.get(MISBEHAVING.index("redirect"), path=moved)[0])
         bodies = {name: got[name][0].partition(b"\r\n\r\n")[2] for name in whole}
@@ -150,12 +142,7 @@ class Devices(NeighbourCase):
         self.assertRaises(UnicodeDecodeError, bodies["latin1-xml"].decode)
         self.assertIn(FAMILY, bodies["utf16-xml"].decode("utf-16").encode())
         self.assertEqual((bodies["nul-byte"].count(b"\0"), bodies["empty-body"]), (1, b""))
-        self.assertRaises(ConnectionRefusedError, self.get, MISBEHAVING.index("closed-port"))
-
-        self.tell("silence 0 20")
         self.tell("return 21 21")
-        kinds = [kind for _, kind, _ in self.notified(2)]
-        self.assertGreater(min(kinds.count("ssdp:alive"), kinds.count("ssdp:byebye")), 120)
         self.assertEqual(self.info(21)["guid"], guid(21))
 
 

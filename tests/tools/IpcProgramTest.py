@@ -39,7 +39,8 @@ def error(text):
 
 
 class Service(LocalService):
-    """`answers` gives for each identifier what to say: a payload, "reject", or nothing at all; they are what `asked` holds."""
+    """`answers` gives for each identifier what to say: a payload, "reject", or nothing at all; `asked` holds
+    identifiers."""
 
     def __init__(self, folder, name, answers):
         self.answers = answers
@@ -81,8 +82,9 @@ class Case(unittest.TestCase):
                               timeout=SECONDS, check=False)
 
     def start_client(self, *words):
-        client = self.enterContext(subprocess.Popen([os.path.join(BIN_DIR, "sonarix-ipc"), *words], env=self.environment,
-                                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True))
+        client = self.enterContext(subprocess.Popen(
+            [os.path.join(BIN_DIR, "sonarix-ipc"), *words], env=self.environment, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, text=True))
         self.addCleanup(client.kill)
         return client
 
