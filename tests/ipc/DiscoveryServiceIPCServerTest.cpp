@@ -359,8 +359,8 @@ TEST_F(DiscoveryServiceIPCServerTest, ClientsComeAndGoWhileDevicesAreReported)
                 m_ssdp->Report(Product("s"));
             }
         });
-    std::vector<std::thread> threads;
     std::atomic<int> heard = 0;
+    std::vector<std::jthread> threads;
     for (int number = 0; number < 4; ++number)
     {
         threads.emplace_back(
@@ -377,10 +377,7 @@ TEST_F(DiscoveryServiceIPCServerTest, ClientsComeAndGoWhileDevicesAreReported)
                 }
             });
     }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
+    threads.clear(); // joins them
     EXPECT_EQ(heard, 100);
     SocketClient last = Mdns();
     EXPECT_TRUE(last.Read());

@@ -24,7 +24,6 @@ using testing::ElementsAre;
 TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
 {
     const RealTask target;
-    const RealTask other;
     constexpr int kEach = 500;
     std::vector<int> seen; // not guarded: the task is its guard
     const auto post = [&](int first)
@@ -34,9 +33,9 @@ TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
             IL::BreakThread([&seen, value = first + i] { seen.push_back(value); }, target.Get());
         }
     };
-    IL::BreakThread([&post] { post(kEach); }, other.Get());
+    std::thread other([&post] { post(kEach); });
     post(0);
-    other.Drain();
+    other.join();
     target.Drain();
     ASSERT_EQ(seen.size(), std::size_t{2} * kEach);
     int low = 0;

@@ -29,14 +29,12 @@ TEST(EntryPointTest, CrashReportIsOneLineForEachFrame)
             EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U);
             return std::vector<std::string>{"first()", "", "100%s"};
         });
-    std::vector<LogCapture::Line> expected;
-    for (const char* text : {"------- SonarixService Segmentation Fault Start --------", "first()", "<unresolved>",
-                             "100%s", "-------- SonarixService Segmentation Fault End ---------",
-                             "-------- SonarixService Shutting Down Cleanly where possible ---------"})
-    {
-        expected.push_back({"SonarixService", DPrint::LEVEL_ERROR, text});
-    }
-    EXPECT_EQ(log.Lines(), expected) << log.Text();
+    EXPECT_EQ(log.Text(), "1 SonarixService: ------- SonarixService Segmentation Fault Start --------\n"
+                          "1 SonarixService: first()\n"
+                          "1 SonarixService: <unresolved>\n"
+                          "1 SonarixService: 100%s\n"
+                          "1 SonarixService: -------- SonarixService Segmentation Fault End ---------\n"
+                          "1 SonarixService: -------- SonarixService Shutting Down Cleanly where possible ---------\n");
 }
 
 TEST(EntryPointTest, ExceptionIsToldOnTheStandardLogStreamAndLeavesWithoutDestructors)

@@ -96,8 +96,8 @@ TEST(ServerListenerTest, LeftoverIsReplacedOnceHoweverManyTry)
         const std::string path = directory.Path() + "/socket" + std::to_string(round);
         LeaveSocketFile(path);
         std::atomic<int> bound = 0;
-        std::vector<std::thread> threads;
         std::vector<std::shared_ptr<IL::ServerListenerIF>> listeners(4);
+        std::vector<std::jthread> threads;
         for (auto& listener : listeners)
         {
             listener = IL::CreateServerListener("Listener", task.Get());
@@ -109,10 +109,7 @@ TEST(ServerListenerTest, LeftoverIsReplacedOnceHoweverManyTry)
                                          AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>({}, task.Get())));
                 });
         }
-        for (std::thread& thread : threads)
-        {
-            thread.join();
-        }
+        threads.clear(); // joins them
         EXPECT_EQ(bound, 1);
         EXPECT_NO_THROW(SocketClient client(path));
     }
