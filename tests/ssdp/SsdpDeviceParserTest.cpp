@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -226,8 +227,7 @@ TEST_F(SsdpDeviceParserTest, WellFormedXmlOfAnyContentIsASuccessAndNothingElseIs
 TEST_F(SsdpDeviceParserTest, WhatIsNoAnswerIsAFailureThatComesBackOnce)
 {
     parser->ParseDevice("", InfoOf("a"));
-    for (const std::string location :
-         {"http://localhost/", "http://1.2.3/", "http://u@10.0.0.2/", "file:///etc/passwd"})
+    for (const std::string location : {"http://localhost/", "file:///etc/passwd"})
     {
         parser->ParseDevice(location, InfoOf("a"));
     }
@@ -235,21 +235,17 @@ TEST_F(SsdpDeviceParserTest, WhatIsNoAnswerIsAFailureThatComesBackOnce)
     Parse("10.0.0.2", "a");
     http.m_hasNoThread = false;
     EXPECT_TRUE(log.Contains("the description at 'http://10.0.0.2/a.xml' of 'a' is not fetched: Resource temporarily"));
-    EXPECT_THAT(Results(), ElementsAre("a PARSE_NO_DATA", "a PARSE_HTTP_ERROR", "a PARSE_HTTP_ERROR",
-                                       "a PARSE_HTTP_ERROR", "a PARSE_HTTP_ERROR", "a PARSE_HTTP_ERROR"));
+    EXPECT_THAT(Results(),
+                ElementsAre("a PARSE_NO_DATA", "a PARSE_HTTP_ERROR", "a PARSE_HTTP_ERROR", "a PARSE_HTTP_ERROR"));
     EXPECT_THAT(Asked(), IsEmpty());
 
-    const auto answered = [this](int status, const std::string& body, int curlStatus)
+    const std::tuple<int, const char*, int> answers[] = {{404, "<root/>", 0}, {0, "", 7},          {200, "<root/>", 23},
+                                                         {200, "", 0},        {302, "<root/>", 0}, {399, "", 0}};
+    for (const auto& [status, body, curlStatus] : answers)
     {
         Parse("10.0.0.2", "b");
         Answer(http.m_urls.size() - 1, status, body, curlStatus);
-    };
-    answered(404, "<root/>", 0);
-    answered(0, "", 7);
-    answered(200, "<root/>", 23);
-    answered(200, "", 0);
-    answered(302, "<root/>", 0);
-    answered(399, "", 0);
+    }
     EXPECT_TRUE(log.Contains("GET failed, responseStatus=0, curl_status=7"));
     EXPECT_THAT(Results(), ElementsAre("b PARSE_HTTP_ERROR", "b PARSE_HTTP_ERROR", "b PARSE_HTTP_ERROR",
                                        "b PARSE_NO_DATA", "b PARSE_SUCCESS", "b PARSE_NO_DATA"));

@@ -4,7 +4,6 @@
 #include "FakeGSSDPHandler.h"
 #include "HttpServer.h"
 #include "LogCapture.h"
-#include "Simulation.h"
 #include "Sonarix.pb.h"
 #include "Watched.h"
 
@@ -24,8 +23,6 @@ using Handler = GSSDPHandlerIF;
 
 namespace
 {
-
-const std::string kTarget = "urn:schemas-upnp-org:device:MediaRenderer:1";
 
 /// The protocol object, and what it reported. It stays when the test goes: its end waits for that of its task, which
 /// nobody stops before the process ends.
@@ -71,51 +68,7 @@ struct Unit
     std::shared_ptr<SsdpDiscoveryProtocol> protocol = std::make_shared<SsdpDiscoveryProtocol>();
 };
 
-std::string Description(const std::string& name)
-{
-    return HttpServer::Answer(200, {}, "<root><device><friendlyName>" + name + "</friendlyName></device></root>");
-}
-
-TEST(SsdpDiscoveryProtocol, SearchesAtTheStartAndEvery30Seconds)
-{
-    IL::Simulation simulation(1);
-    const LogCapture log("6");
-    FakeGSSDPHandler handler;
-    Unit unit;
-    EXPECT_THAT(unit.Listed(), IsEmpty());
-    simulation.RunFor(1h);
-    EXPECT_THAT(handler.searches, IsEmpty());
-
-    unit.protocol->Start("eth7");
-    EXPECT_EQ(handler.iface, "eth7");
-    EXPECT_THAT(handler.searches, ElementsAre(kTarget + " 10"));
-    EXPECT_TRUE(log.Contains("Start: Setting timer for 30 seconds"));
-    // Answers that cannot be described come and go without a report.
-    handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:a", "http://no.address/", {});
-    simulation.RunFor(29'999ms);
-    EXPECT_EQ(handler.searches.size(), 1U);
-    simulation.RunFor(1ms);
-    EXPECT_EQ(handler.searches.size(), 2U);
-    handler.isReady = false; // refused ones cost their round only
-    simulation.RunFor(30s);
-    handler.isReady = true;
-    simulation.RunFor(30s);
-    EXPECT_EQ(handler.searches.size(), 4U);
-
-    simulation.RunFor(20s);
-    unit.protocol->Start(""); // the time begins anew
-    EXPECT_EQ(handler.iface, "");
-    simulation.RunFor(29'999ms);
-    EXPECT_EQ(handler.searches.size(), 5U);
-    simulation.RunFor(1ms);
-    EXPECT_THAT(handler.searches, testing::AllOf(testing::SizeIs(6), testing::Each(kTarget + " 10")));
-    unit.protocol->Stop();
-    unit.protocol->Stop();
-    simulation.RunFor(1h);
-    EXPECT_EQ(handler.searches.size(), 6U);
-    EXPECT_THAT(unit.reports.Get(), IsEmpty());
-}
-
+// When it searches, and where, the simulated lives hold.
 TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
 {
     const LogCapture log("4");
@@ -128,13 +81,18 @@ TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
             {
                 mayGo.WaitFor(true);
             }
-            exchange.Send(name == "busy" ? HttpServer::Answer(503, {"Retry-After: 3600"}) : Description(name));
+            const std::string body = "<root><device><friendlyName>" + name + "</friendlyName></device></root>";
+            exchange.Send(name == "busy" ? HttpServer::Answer(503, {"Retry-After: 3600"})
+                                         : HttpServer::Answer(200, {}, body));
         });
     FakeGSSDPHandler handler;
     const auto sighted = [&](const std::string& guid, const std::string& name)
     { handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:" + guid, server.Url("/" + name), {}); };
     Unit unit;
+    EXPECT_THAT(unit.Listed(), IsEmpty());
     unit.protocol->Start("eth7");
+    EXPECT_EQ(handler.iface, "eth7");
+    EXPECT_THAT(handler.searches, ElementsAre("urn:schemas-upnp-org:device:MediaRenderer:1 10"));
     sighted("a", "Kitchen");
     ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE"})) << log.Text();
     sighted("b", "Hall");
@@ -155,6 +113,7 @@ TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
     unit.reports.Set({});
     sighted("a", "Kitchen"); // this host has fetches of the old table under way: they do not count any more
     ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE"})) << log.Text();
+    unit.protocol->Stop();
     unit.protocol->Stop();
     EXPECT_TRUE(unit.Reports({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
     sighted("e", "late");
