@@ -155,22 +155,15 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
     ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 1; }));
 
     const std::string file = directory.Path() + "/file";
+    const Http::Headers asked = {{"X-Asked", "1"}};
+    const Http::Bytes bytes = {'b', 'i', 'n'};
     const std::vector<std::pair<std::string, std::function<void()>>> operations = {
-        {"POST text",
-         [&] {
-             http.Post(url, "text", "text/plain", callback, 1, "user", 2, 3, {{"X-Asked", "1"}});
-         }},
-        {"POST bin",
-         [&] {
-             http.PostBinaryData(url, {'b', 'i', 'n'}, "a/b", callback, 1, "user", 2, 3, {});
-         }},
+        {"POST text", [&] { http.Post(url, "text", "text/plain", callback, 1, "user", 2, 3, asked); }},
+        {"POST bin", [&] { http.PostBinaryData(url, bytes, "a/b", callback, 1, "user", 2, 3, {}); }},
         {"PUT text", [&] { http.Put(url, "text", "text/plain", callback, 1, "user", 2, 3, {}); }},
         {"DELETE ", [&] { http.Delete(url, "text/plain", callback, 1, "user", 2, 3, {}); }},
         {"DELETE ", [&] { http.Delete(url, "text/plain", callback, 1, "user", 2, 3, {}, {60}); }},
-        {"GET ",
-         [&] {
-             http.Get(url, callback, 1, "user", 2, 3, {{"X-Asked", "1"}});
-         }},
+        {"GET ", [&] { http.Get(url, callback, 1, "user", 2, 3, asked); }},
         {"", [&] { http.GetUrlAsFile(url, file, callback, 1, "user", 2, 3, {}); }},
         {"GET ", [&] { http.Get(server.Url("/404"), callback, 1, "user", 2, 3, {}); }},
     };
@@ -300,25 +293,14 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
 TEST(CHttpInterface, RetriesAreCountedAndWaitsGrowByTheTable)
 {
     LogCapture log("3");
-    HttpServer server(
-        [](HttpServer::Exchange& exchange)
-        {
-            const std::string& target = exchange.Asked().m_target;
-            std::vector<std::string> headers;
-            if (target != "/table")
-            {
-                headers = {"Retry-After: 1"};
-            }
-            if (target == "/exponential")
-            {
-                headers.insert(headers.end(), {"X-Retry-Behavior: exponential", "X-Retry-Count: 2"});
-            }
-            if (target == "/endless")
-            {
-                headers.emplace_back("X-Retry-Count: -1");
-            }
-            exchange.Send(HttpServer::Answer(503, headers, target));
-        });
+    const std::string after = "Retry-After: 1";
+    const std::map<std::string, std::vector<std::string>> headers = {
+        {"/default", {after}},
+        {"/endless", {after, "X-Retry-Count: -1"}},
+        {"/exponential", {after, "X-Retry-Behavior: exponential", "X-Retry-Count: 2"}},
+        {"/table", {}}};
+    HttpServer server([&headers](HttpServer::Exchange& exchange)
+                      { exchange.Send(HttpServer::Answer(503, headers.at(exchange.Asked().m_target))); });
     CHttpInterface http(false, "");
     const Responses responses;
     const IHttpInterface::OpHandle endless = Get(http, server.Url("/endless"), responses);
