@@ -11,6 +11,8 @@
 #include "TempDirectory.h"
 #include "Watched.h"
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <set>
 #include <string>
@@ -23,25 +25,21 @@ public:
 
     RouterService()
         : m_listener(IL::CreateServerListener("Listener", m_task.Get()))
-        , isListening(m_listener->Listen(
-              Network::Address(path),
-              AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>(
-                  [this](const std::shared_ptr<Network::ConnectorSocket>& socket) { Serve(socket); }, m_task.Get())))
     {
+        EXPECT_TRUE(m_listener->Listen(
+            Network::Address(path),
+            AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>(
+                [this](const std::shared_ptr<Network::ConnectorSocket>& socket) { Serve(socket); }, m_task.Get())));
     }
     ~RouterService()
     {
-        Stop();
+        m_listener->Stop();
+        m_task.Run([this] { m_routers.clear(); });
         m_task.StopAndJoin();
     }
     RouterService(const RouterService&) = delete;
     RouterService& operator=(const RouterService&) = delete;
 
-    void Stop()
-    {
-        m_listener->Stop();
-        m_task.Run([this] { m_routers.clear(); });
-    }
     const RealTask& Task() const
     {
         return m_task;
@@ -75,7 +73,6 @@ public:
     const std::string path = m_directory.Path() + "/socket";
     Watched<std::size_t> clients;
     Watched<int> unanswered; ///< requests 2
-    const bool isListening;
 
 private:
     void Serve(const std::shared_ptr<Network::ConnectorSocket>& socket)

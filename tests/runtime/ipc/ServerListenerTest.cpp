@@ -164,7 +164,6 @@ TEST(ServerListenerTest, AcceptingPausesWithoutDescriptorsAndComesBack)
             const rlimit limit{64, 64};
             EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
             RouterService service;
-            EXPECT_TRUE(service.isListening);
             const sockaddr_un address = SocketClient::AddressOf(service.path);
             std::list<SocketClient> clients;
             for (const int socket : sockets)
