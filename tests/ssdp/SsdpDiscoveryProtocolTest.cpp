@@ -1,6 +1,7 @@
 #include "SsdpDiscoveryProtocol.h"
 
 #include "AsyncTaskRunner.h"
+#include "CallbackConnection.h"
 #include "FakeGSSDPHandler.h"
 #include "HttpServer.h"
 #include "LogCapture.h"
@@ -10,7 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,50 +23,6 @@ using Handler = GSSDPHandlerIF;
 
 namespace
 {
-
-/// The protocol object, and what it reported. It stays when the test goes: its end waits for that of its task, which
-/// nobody stops before the process ends.
-struct Unit
-{
-    Unit()
-    {
-        protocol->RegisterProductStateCallback(
-            [this](const Sonarix::Product& product)
-            {
-                reports.Change(
-                    [&product](std::vector<std::string>& all)
-                    {
-                        all.push_back(product.productinfo().guid() + " " + product.productinfo().friendlyname() + " " +
-                                      SXCommon::ProductState_Name(product.state()));
-                    });
-            });
-    }
-    ~Unit()
-    {
-        static auto& s_all = *new std::vector<std::shared_ptr<SsdpDiscoveryProtocol>>;
-        protocol->Stop();
-        s_all.push_back(protocol);
-    }
-    std::vector<std::string> Listed() const
-    {
-        Sonarix::ProductList list;
-        list.add_products(); // goes
-        protocol->GetProductList(list);
-        std::vector<std::string> names;
-        for (const Sonarix::Product& product : list.products())
-        {
-            names.push_back(product.productinfo().friendlyname());
-        }
-        return names;
-    }
-    bool Reports(const std::vector<std::string>& expected) const
-    {
-        return reports.WaitUntil([&expected](const auto& all) { return all == expected; }, 20s);
-    }
-
-    Watched<std::vector<std::string>> reports;
-    std::shared_ptr<SsdpDiscoveryProtocol> protocol = std::make_shared<SsdpDiscoveryProtocol>();
-};
 
 // When it searches, and where, the simulated lives hold.
 TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
@@ -88,34 +44,57 @@ TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
     FakeGSSDPHandler handler;
     const auto sighted = [&](const std::string& guid, const std::string& name)
     { handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:" + guid, server.Url("/" + name), {}); };
-    Unit unit;
-    EXPECT_THAT(unit.Listed(), IsEmpty());
-    unit.protocol->Start("eth7");
+    Watched<std::vector<std::string>> reports;
+    const auto reported = [&reports](const std::vector<std::string>& expected)
+    { return reports.WaitFor(expected, 20s); };
+    // Kept: its end waits for that of its task, which nobody stops before the process ends.
+    static SsdpDiscoveryProtocol& s_protocol = *new SsdpDiscoveryProtocol;
+    const ScopedConnection connection = s_protocol.RegisterProductStateCallback(
+        [&reports](const Sonarix::Product& product)
+        {
+            const Sonarix::ProductInfo& info = product.productinfo();
+            const std::string text = info.guid() + " " + info.friendlyname() + " ";
+            reports.Change([&](auto& all) { all.push_back(text + SXCommon::ProductState_Name(product.state())); });
+        });
+    const auto listed = []
+    {
+        Sonarix::ProductList list;
+        list.add_products(); // goes
+        s_protocol.GetProductList(list);
+        std::vector<std::string> names;
+        for (const Sonarix::Product& product : list.products())
+        {
+            names.push_back(product.productinfo().friendlyname());
+        }
+        return names;
+    };
+    EXPECT_THAT(listed(), IsEmpty());
+    s_protocol.Start("eth7");
     EXPECT_EQ(handler.iface, "eth7");
     EXPECT_THAT(handler.searches, ElementsAre("urn:schemas-upnp-org:device:MediaRenderer:1 10"));
     sighted("a", "Kitchen");
-    ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE"})) << log.Text();
+    ASSERT_TRUE(reported({"a Kitchen ONLINE"})) << log.Text();
     sighted("b", "Hall");
-    ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE", "b Hall ONLINE"})) << log.Text();
-    EXPECT_THAT(unit.Listed(), ElementsAre("Kitchen", "Hall"));
+    ASSERT_TRUE(reported({"a Kitchen ONLINE", "b Hall ONLINE"})) << log.Text();
+    EXPECT_THAT(listed(), ElementsAre("Kitchen", "Hall"));
     sighted("c", "busy");
     ASSERT_TRUE(log.WaitFor("Attempt:1 retrying GET in ")) << log.Text();
     sighted("d", "hangs");
     ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 4; }));
 
     const auto begin = std::chrono::steady_clock::now();
-    unit.reports.Set({});
-    unit.protocol->Start("eth7"); // the old table ends first
-    EXPECT_THAT(unit.reports.Get(), ElementsAre("a Kitchen OFFLINE", "b Hall OFFLINE", "  OFFLINE", "  OFFLINE"));
-    EXPECT_THAT(unit.Listed(), IsEmpty());
+    reports.Set({});
+    s_protocol.Start("eth7"); // the old table ends first
+    EXPECT_THAT(reports.Get(), ElementsAre("a Kitchen OFFLINE", "b Hall OFFLINE", "  OFFLINE", "  OFFLINE"));
+    EXPECT_THAT(listed(), IsEmpty());
     EXPECT_EQ(handler.searches.size(), 2U);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s) << "no transfer is waited for";
-    unit.reports.Set({});
+    reports.Set({});
     sighted("a", "Kitchen"); // this host has fetches of the old table under way: they do not count any more
-    ASSERT_TRUE(unit.Reports({"a Kitchen ONLINE"})) << log.Text();
-    unit.protocol->Stop();
-    unit.protocol->Stop();
-    EXPECT_TRUE(unit.Reports({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
+    ASSERT_TRUE(reported({"a Kitchen ONLINE"})) << log.Text();
+    s_protocol.Stop();
+    s_protocol.Stop();
+    EXPECT_TRUE(reported({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
     sighted("e", "late");
     mayGo.Set(true);
     for (int i = 0; i < 1000 && Threads_Http::CountAsyncTasks() != 0; ++i)
@@ -123,7 +102,7 @@ TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
         std::this_thread::sleep_for(10ms); // nobody tells of a thread's end
     }
     EXPECT_EQ(Threads_Http::CountAsyncTasks(), 0U);
-    EXPECT_TRUE(unit.Reports({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
+    EXPECT_TRUE(reported({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
     EXPECT_EQ(server.Requests().Get().size(), 5U);
 }
 
