@@ -11,10 +11,9 @@
 #include "TempDirectory.h"
 #include "Watched.h"
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 
 /// The smallest local service: request 1, a ServiceId, is answered with the same; request 2 is not answered.
@@ -26,10 +25,12 @@ public:
     RouterService()
         : m_listener(IL::CreateServerListener("Listener", m_task.Get()))
     {
-        EXPECT_TRUE(m_listener->Listen(
-            Network::Address(path),
-            AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>(
-                [this](const std::shared_ptr<Network::ConnectorSocket>& socket) { Serve(socket); }, m_task.Get())));
+        const AsyncCallback<std::shared_ptr<Network::ConnectorSocket>> serve(
+            [this](const std::shared_ptr<Network::ConnectorSocket>& socket) { Serve(socket); }, m_task.Get());
+        if (!m_listener->Listen(Network::Address(path), serve))
+        {
+            throw std::runtime_error("cannot listen on " + path);
+        }
     }
     ~RouterService()
     {
