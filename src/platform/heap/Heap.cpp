@@ -12,8 +12,9 @@
 /// hundreds of KiB. Small blocks share single pages, and a thread keeps few free ones for itself, so that what outlives
 /// a burst keeps few pages. No thread of its own, which would wake an idle daemon.
 // NOLINTNEXTLINE(readability-identifier-naming,misc-use-internal-linkage)
-const char* malloc_conf = "narenas:1,dirty_decay_ms:100,muzzy_decay_ms:0,slab_sizes:1-768:1,"
-                          "tcache_max:1024,lg_tcache_nslots_mul:-1,tcache_nslots_small_min:4,tcache_nslots_small_max:16";
+const char* malloc_conf =
+    "narenas:1,dirty_decay_ms:100,muzzy_decay_ms:0,slab_sizes:1-768:1,"
+    "tcache_max:1024,lg_tcache_nslots_mul:-1,tcache_nslots_small_min:4,tcache_nslots_small_max:16";
 
 void Heap::GiveBack()
 {
@@ -23,8 +24,6 @@ void Heap::GiveBack()
 
 #else
 
-void Heap::GiveBack()
-{
-}
+void Heap::GiveBack() {}
 
 #endif

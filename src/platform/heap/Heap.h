@@ -1,7 +1,7 @@
 #pragma once
 
-/// What the process does with memory that it has freed. Linking it brings jemalloc in, set up for a daemon of few threads
-/// on a small machine; the sanitizers' builds keep their own heap, and there nothing happens here. Any thread.
+/// What the process does with memory that it has freed. Linking it brings jemalloc in, set up for a daemon of few
+/// threads on a small machine; the sanitizers' builds keep their own heap, and there nothing happens here. Any thread.
 namespace Heap
 {
 
