@@ -1,10 +1,11 @@
 #include "MacAddressInfo.h"
 
+#include "TempDirectory.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 using namespace SonarixService;
 
@@ -15,20 +16,15 @@ namespace
 class MacAddressInfoTest : public testing::Test
 {
 protected:
-    ~MacAddressInfoTest() override
-    {
-        std::filesystem::remove_all(m_root);
-    }
-
     void Write(const std::string& path, const std::string& content) const
     {
-        const std::filesystem::path file = m_root + path;
+        const std::filesystem::path file = m_root.Path() + path;
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << content;
     }
 
-    const std::string m_root = testing::TempDir() + "mac-" + std::to_string(getpid());
-    const MacAddressReader m_reader{m_root};
+    const TempDirectory m_root;
+    const MacAddressReader m_reader{m_root.Path()};
 };
 
 } // namespace

@@ -3,13 +3,12 @@
 #include "LogCapture.h"
 #include "MfgData.h"
 #include "ProdConfigData.h"
+#include "TempDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 namespace
 {
@@ -17,11 +16,6 @@ namespace
 class ConfigDataTest : public testing::Test
 {
 protected:
-    ~ConfigDataTest() override
-    {
-        std::filesystem::remove(m_path);
-    }
-
     /// Each reading has a process of its own, since one of the files is read once a process. Gives 10 times the lines
     /// of level 1, plus 1 where the guid is "G", plus 2 in accessory mode.
     int Read(const std::string& text, const std::string& below = "") const
@@ -40,7 +34,8 @@ protected:
         };
         return RunForked(read).m_exitStatus;
     }
-    const std::string m_path = testing::TempDir() + "config-data-" + std::to_string(getpid());
+    const TempDirectory m_directory;
+    const std::string m_path = m_directory.Path() + "/data";
 };
 
 } // namespace
