@@ -100,17 +100,17 @@ TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
                 }
             });
     };
+    const auto answer = [&portico](const std::string& guid)
+    {
+        if (const auto remote = portico.Find("DiscoveryServiceAggregator-" + guid))
+        {
+            remote->AnswerText(kInfoPath, R"({"guid":")" + guid + R"("})");
+            remote->SendHeartbeat(guid < "g15" ? HEARTBEAT_OFFLINE : HEARTBEAT_ONLINE);
+        }
+    };
     std::thread threads[] = {repeat([&](const std::string& guid) { ssdp->Report(Report{guid}.By(SXCommon::SSDP)); }),
                              repeat([&](const std::string& guid) { mdns->Report(Report{guid}.By(SXCommon::MDNS)); }),
-                             repeat(
-                                 [&](const std::string& guid)
-                                 {
-                                     if (const auto remote = portico.Find("DiscoveryServiceAggregator-" + guid))
-                                     {
-                                         remote->AnswerText(kInfoPath, R"({"guid":")" + guid + R"("})");
-                                         remote->SendHeartbeat(guid < "g15" ? HEARTBEAT_OFFLINE : HEARTBEAT_ONLINE);
-                                     }
-                                 })};
+                             repeat(answer)};
     for (std::thread& thread : threads)
     {
         thread.join();
