@@ -2,23 +2,19 @@
 
 #include "ForkedRun.h"
 
-#include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <string>
-#include <unistd.h>
 
 namespace
 {
 
 std::string CommandFor(std::uint64_t seed)
 {
-    char program[PATH_MAX] = "";
-    const ssize_t length = ::readlink("/proc/self/exe", program, sizeof program - 1);
     const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-    return "SONARIX_SEED=" + std::to_string(seed) + ' ' +
-           std::string(program, length > 0 ? static_cast<std::size_t>(length) : 0) +
+    return "SONARIX_SEED=" + std::to_string(seed) + ' ' + std::filesystem::read_symlink("/proc/self/exe").string() +
            " --gtest_filter=" + test.test_suite_name() + '.' + test.name();
 }
 

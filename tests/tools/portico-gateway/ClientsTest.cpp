@@ -19,14 +19,7 @@ namespace
 class GatewayClients : public testing::Test
 {
 protected:
-    static Gateway::Settings Settings()
-    {
-        Gateway::Settings settings;
-        settings.timings.requestLimit = 300ms;
-        return settings;
-    }
-
-    GatewayUnderTest m_gateway{"own", Settings()};
+    GatewayUnderTest m_gateway{"own", GatewayUnderTest::AnsweringWithin(300ms)};
     RpcClient m_server{m_gateway.Port(), "Server"};
     RpcClient m_asker{m_gateway.Port(), "Asker", "", "tarsier_mTLS"};
     RpcClient m_second{m_gateway.Port(), "Second"};
@@ -150,9 +143,8 @@ TEST_F(GatewayClients, AnswersWhatIsNoRequestByItsError)
 
 TEST_F(GatewayClients, RefuseMoreThanTheGatewayCanHold)
 {
-    Gateway::Settings patient;
-    patient.timings.requestLimit = 2500ms; // the first must still be waiting when the last is asked
-    const GatewayUnderTest gateway("own", patient);
+    // The first must still be waiting when the last is asked.
+    const GatewayUnderTest gateway("own", GatewayUnderTest::AnsweringWithin(2500ms));
     RpcClient server(gateway.Port(), "Server");
     RpcClient asker(gateway.Port(), "Asker");
     server.Serve("get", "/p", 0);

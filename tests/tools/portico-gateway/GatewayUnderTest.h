@@ -22,6 +22,12 @@
 class GatewayUnderTest final
 {
 public:
+    static Gateway::Settings AnsweringWithin(std::chrono::milliseconds requestLimit)
+    {
+        Gateway::Settings settings;
+        settings.timings.requestLimit = requestLimit;
+        return settings;
+    }
     explicit GatewayUnderTest(const std::string& guid, Gateway::Settings settings = {})
         : m_settings(std::move(settings))
     {

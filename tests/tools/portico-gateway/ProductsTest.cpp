@@ -77,12 +77,6 @@ protected:
         std::ofstream(m_settings.peersFile)
             << "# products\n\nnonsense\nfar " << address << "\nother " << address << "\nbad 127.0.0.1:x\n";
     }
-    static Gateway::Settings FarSettings()
-    {
-        Gateway::Settings settings;
-        settings.timings.requestLimit = 3000ms; // longer than a check may take to reach it
-        return settings;
-    }
     static Gateway::Settings Settings(const GatewayUnderTest& far)
     {
         Gateway::Settings settings;
@@ -91,7 +85,8 @@ protected:
         return settings;
     }
 
-    GatewayUnderTest m_far{"far", FarSettings()};
+    /// Waits longer than a check may take to reach it.
+    GatewayUnderTest m_far{"far", GatewayUnderTest::AnsweringWithin(3000ms)};
     Gateway::Settings m_settings = Settings(m_far);
     GatewayUnderTest m_near{"near", m_settings};
 };
