@@ -138,12 +138,12 @@ class Staying(Case):
         watch = self.start_client("watch", "ssdp", "--json")
         self.assertEqual(json.loads(watch.stdout.readline())["change"], "appeared")
         for state, one in ((2, device("Bath", "g-1")), (2, device("Hall", "g-2")), (2, device("Hall", "g-2")),
-                           (1, device("Bath", "g-1")), (2, device("Flur", "g-2"))):
+                           (1, device("Bath", "g-1")), (2, device("Bath", "g-1")), (2, device("Flur", "g-2"))):
             ssdp.tell(state, one)
-        changes = [json.loads(watch.stdout.readline()) for _ in range(3)]
+        changes = [json.loads(watch.stdout.readline()) for _ in range(4)]
         self.assertEqual([(each["change"], each["device"]["friendlyname"]) for each in changes],
-                         [("appeared", "Hall"), ("gone", "Bath"), ("changed", "Flur")])
-        self.assertEqual(changes[2]["before"]["friendlyname"], "Hall")
+                         [("appeared", "Hall"), ("gone", "Bath"), ("appeared", "Bath"), ("changed", "Flur")])
+        self.assertEqual(changes[3]["before"]["friendlyname"], "Hall")
         watch.stdout.close()
         ssdp.tell(1, device("Flur", "g-2"))
         self.assertEqual(watch.wait(SECONDS), 0)
