@@ -27,7 +27,9 @@ TEST_F(AggregatorTest, EachHasItsOwnTimeAndTheTimerRunsInNoCircles)
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [](const auto& line) { return line.m_text.find("Setting timer") != std::string::npos; }),
               1); // not until the second is over
-    simulation.RunFor(600s);
+    simulation.RunFor(599s);
+    EXPECT_TRUE(IsWatched("a"));
+    simulation.RunFor(1s);
     EXPECT_FALSE(IsWatched("a"));
 
     simulation.RunFor(1s);

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -157,7 +158,10 @@ TEST(Simulation, JoinStepsUntilTheTaskHasEnded)
     auto* const task = IL::CreateTask("task", "");
     auto* const owner = IL::CreateTask("owner", "");
     std::string events;
+    const CallbackConnection gone = task->ConnectStopNotification([&] { events += "disconnected "; });
+    task->ConnectStopNotification([] { throw std::runtime_error("a stop notification"); });
     task->ConnectStopNotification([&] { events += task->IsCurrent() ? "on task " : "elsewhere "; });
+    gone.Disconnect();
     IL::BreakThread(
         [&]
         {
@@ -170,7 +174,7 @@ TEST(Simulation, JoinStepsUntilTheTaskHasEnded)
         owner);
     simulation.RunUntilIdle();
     EXPECT_EQ(events, "on task joined");
-    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1u) << log.Text();
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 2u) << log.Text();
 }
 
 } // namespace
