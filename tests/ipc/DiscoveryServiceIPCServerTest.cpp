@@ -14,7 +14,6 @@
 #include <list>
 #include <malloc.h>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -299,23 +298,23 @@ TEST_F(DiscoveryServiceIPCServerTest, LinesOfTheLogName)
     ListSsdp(ssdp);
     second.Close();
     EXPECT_TRUE(m_log.WaitFor("Removing Client. Client List new size: 2 "));
+    const std::string listener = "DiscoveryServiceIPCServerListener";
     const std::string lines[] = {
         "4 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::DiscoveryServiceIPCServer\n",
         "4 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::Initialize\n",
-        "3 LISTENERMdns: Listen for Socket Connection on |" + m_directory.Path() + "/SonarixMdnsService|\n",
-        "3 LISTENERSsdp: Handle New Socket Connection\n",
-        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateMdnsClientHandler - LISTENERMdns_0\n",
-        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateMdnsClientHandler - LISTENERMdns_1\n",
-        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateSsdpClientHandler - LISTENERSsdp_0\n",
+        "3 " + listener + "Mdns: Listen for Socket Connection on |" + m_directory.Path() + "/SonarixMdnsService|\n",
+        "3 " + listener + "Ssdp: Handle New Socket Connection\n",
+        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateMdnsClientHandler - " + listener + "Mdns_0\n",
+        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateMdnsClientHandler - " + listener + "Mdns_1\n",
+        "3 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::CreateSsdpClientHandler - " + listener + "Ssdp_0\n",
         "4 DiscoveryServiceIPCServer: DiscoveryServiceIPCServer::HandleNewClient\n",
-        "3 LISTENERMdns_0: HandleAddServiceRequest: Adding Service _a._tcp to DeviceUpdate List.\n",
-        "3 LISTENERMdns_1: HandleDiscoveredDeviceListRequest: Got request for serviceType: _barrier._tcp\n",
-        "4 LISTENERMdns_1: HandleDisconnect\n",
-        "3 LISTENERSsdp_0: RegisterForDisconnect called!\n",
-        "4 LISTENERSsdp_0: SsdpIPCClientHandler::Initialize\n\n",
+        "3 " + listener + "Mdns_0: HandleAddServiceRequest: Adding Service _a._tcp to DeviceUpdate List.\n",
+        "3 " + listener + "Mdns_1: HandleDiscoveredDeviceListRequest: Got request for serviceType: _barrier._tcp\n",
+        "4 " + listener + "Mdns_1: HandleDisconnect\n",
+        "3 " + listener + "Ssdp_0: RegisterForDisconnect called!\n",
+        "4 " + listener + "Ssdp_0: SsdpIPCClientHandler::Initialize\n\n",
     };
-    const std::string text =
-        "\n" + std::regex_replace(m_log.Text(), std::regex("DiscoveryServiceIPCServerListener"), "LISTENER");
+    const std::string text = "\n" + m_log.Text();
     for (const std::string& line : lines)
     {
         EXPECT_THAT(text, testing::HasSubstr('\n' + line));
