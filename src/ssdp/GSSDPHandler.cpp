@@ -3,6 +3,7 @@
 #include "AnnouncementGate.h"
 #include "DPrint.h"
 #include "GlibLog.h"
+#include "Heap.h"
 #include "InterfaceLink.h"
 #include "MessageFilter.h"
 
@@ -342,6 +343,7 @@ void GSSDPHandler::GSSDPTimeout()
 void GSSDPHandler::GSSDPMainLoopRestartBrowser(const std::string& target)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    Heap::GiveBack(); // what this thread has kept free of devices that have gone
     MainLoop* loop = nullptr;
     {
         const std::lock_guard lock(m_mutex);
