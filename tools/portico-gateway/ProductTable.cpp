@@ -66,7 +66,7 @@ std::map<std::string, std::string> ReadAddresses(const std::string& productList)
             continue;
         }
         std::string address = Text(*info, "ipaddress");
-        if (address.empty()) // it answered for itself while it had no network, and has no record to look up by mDNS
+        if (address.empty()) // it answered for itself while it had no network; mDNS may have no record of it
         {
             address = HostOf(Text(*info, "location"));
         }
