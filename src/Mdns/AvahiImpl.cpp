@@ -171,7 +171,7 @@ void AvahiImpl::ClientStatus(AvahiClient* client, int state)
     case AVAHI_CLIENT_FAILURE:
         AVAHI_ERROR_LINE(s_log, "ClientStatus", avahi_client_errno(client));
         m_resolves.CancelAll(); // or each end of one would start another that can only fail
-        m_restart();
+        Fail();
         break;
     case AVAHI_CLIENT_CONNECTING:
         DPRINTF(s_log, DPrint::LEVEL_INFO, "Connecting...");
@@ -179,6 +179,12 @@ void AvahiImpl::ClientStatus(AvahiClient* client, int state)
     default:
         break;
     }
+}
+
+void AvahiImpl::Fail()
+{
+    m_hasFailed = true;
+    m_restart();
 }
 
 void AvahiImpl::Stop()

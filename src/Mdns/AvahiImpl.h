@@ -11,7 +11,6 @@
 
 struct AvahiClient;
 struct AvahiEntryGroup;
-struct AvahiServiceBrowser;
 struct AvahiServiceResolver;
 struct AvahiThreadedPoll;
 
@@ -20,11 +19,12 @@ namespace MDNS
 
 /// Browses and publishes through the mDNS daemon: one Avahi client on a poll thread of its own.
 /// Task: operations and the disconnecting of connections on the caller's task; callbacks on the poll thread, where
-/// they check, copy and call on. Callers pass AsyncCallbacks, so that nothing of theirs runs there.
-/// Owner: whoever called Create(). Stop(), or the release of the owner's last pointer, ends it.
-/// Never reconnects by itself: a failure is reported once through `restart`, and the owner makes a new instance.
-/// A missing daemon is no failure but a wait: the client sleeps on D-Bus until the daemon's name appears, and costs
-/// nothing meanwhile.
+/// they check, copy and call on, and start what waited for them: the next resolve, a second browser. Callers pass
+/// AsyncCallbacks, so that nothing of theirs runs there. Owner: whoever called Create(). Stop(), or the release of the
+/// owner's last pointer, ends it. Never reconnects by itself: a failure is reported once through `restart`, and the
+/// owner makes a new instance. A browser that is told of very many in its first moments is followed by a second one,
+/// unseen (SecondLook). A missing daemon is no failure but a wait: the client sleeps on D-Bus until the daemon's name
+/// appears, and costs nothing meanwhile.
 ///
 /// Design: the adapter of the client's callbacks holds the instance until Stop(), and each browser, resolver and
 /// group holds it until it ends, so that no event finds a dead instance. Avahi's poll lock is the only
@@ -58,11 +58,12 @@ private:
     /// What Create() hands out points here: with its end the instance is stopped, whoever forgot to.
     struct Owner;
     class AskedResolve;
+    class Browsing;
 
     bool Start();
     void ClientStatus(AvahiClient* client, int state);
-    void BrowseResult(const Callback<ServiceId>& added, const Callback<ServiceId>& removed, int event,
-                      const ServiceId& id);
+    /// With the poll's lock held.
+    void Fail();
     CallbackConnection QueueResolve(ServiceId id, Callback<std::string, Service> resolved, ResolveQueue::Order order);
     /// With the poll's lock held.
     CallbackConnection StartResolver(const ResolveQueue::AskPtr& ask);
@@ -82,6 +83,7 @@ private:
     Callback<> m_restart;                             ///< at each failure that needs a new instance
     std::map<std::string, AvahiEntryGroup*> m_groups; ///< by final instance name
     ResolveQueue m_resolves{[this](const ResolveQueue::AskPtr& ask) { return StartResolver(ask); }};
+    bool m_hasFailed = false;   ///< and waits to be replaced
     bool m_toldOfLimit = false; ///< another limit of the daemon comes with another daemon, and that with an instance
     AvahiPollThread m_pollThread;
     std::atomic<bool> m_stopped{false};

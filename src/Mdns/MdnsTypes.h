@@ -26,7 +26,8 @@ struct ServiceId
     std::string type;   ///< DNS-SD type, such as "_kova-clock._tcp"
     std::string domain; ///< "local" in practice
 
-    auto operator<=>(const ServiceId&) const = default;
+    auto operator<=>(const ServiceId&) const =
+        default; // NOLINT(modernize-use-nullptr): the check mistakes the comparison with 0
 };
 
 /// A service instance with what is known of it. A value; compared by its id alone.

@@ -4,12 +4,14 @@
 
 #include <arpa/inet.h>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
 #include <stdexcept>
+#include <string_view>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -54,6 +56,17 @@ void Kill(pid_t& pid)
         WaitFor(pid);
         pid = -1;
     }
+}
+
+/// On mDNS's port, beside the daemon's.
+int BoundSocket()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const sockaddr_in address{AF_INET, htons(5353), {}, {}};
+    Check(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, "port 5353");
+    return fd;
 }
 
 } // namespace
@@ -120,19 +133,51 @@ void AvahiHost::ClaimInstance(const std::string& name)
     packet += static_cast<char>(name.size());
     packet += name + "\x0A_kova-test\4_udp\5local";
     packet.append("\0\0\x21\x80\1\0\0\0\x78\0\x13\0\0\0\0\0\1\5other\5local\0", 30);
+    Multicast(packet);
+}
 
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    const int on = 1;
+void AvahiHost::AnnounceInstance(const std::string& name)
+{
+    // One PTR record; the name that it gives ends with a pointer to its own.
+    std::string packet("\0\0\x84\0\0\0\0\1\0\0\0\0\x0A_kova-test\4_udp\5local\0\0\x0C\0\1\0\0\0\x78\0", 44);
+    packet += static_cast<char>(name.size() + 3);
+    packet += static_cast<char>(name.size());
+    packet += name + "\xC0\x0C";
+    Multicast(packet);
+}
+
+bool AvahiHost::WaitForQuestion(const std::string& label)
+{
+    const int fd = BoundSocket();
+    const ip_mreq group{{inet_addr("224.0.0.251")}, {inet_addr("127.0.0.1")}};
+    Check(setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0, "multicast group");
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    const timeval patience{60, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::array<char, 9000> packet{};
+    bool isAsked = false;
+    while (!isAsked && std::chrono::steady_clock::now() < end)
+    {
+        const ssize_t size = recv(fd, packet.data(), packet.size(), 0);
+        const std::string_view text(packet.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+        // A question with the label right behind the header; no response, and no claim to a name either.
+        isAsked = text.size() > 12 && text[2] == 0 && text[9] == 0 &&
+                  text.substr(12).starts_with(static_cast<char>(label.size()) + label);
+    }
+    close(fd);
+    return isAsked;
+}
+
+void AvahiHost::Multicast(const std::string& packet)
+{
+    const int fd = BoundSocket();
     const int ttl = 255;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl);
     const in_addr from{inet_addr("127.0.0.1")}; // or the packet has no source address, and is ignored
     setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &from, sizeof from);
-    sockaddr_in address{AF_INET, htons(5353), {}, {}};
-    auto* const any = reinterpret_cast<sockaddr*>(&address);
-    Check(bind(fd, any, sizeof address) == 0, "port 5353");
-    address.sin_addr.s_addr = inet_addr("224.0.0.251");
-    const ssize_t sent = sendto(fd, packet.data(), packet.size(), 0, any, sizeof address);
+    const sockaddr_in address{AF_INET, htons(5353), {inet_addr("224.0.0.251")}, {}};
+    const ssize_t sent =
+        sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     close(fd);
     Check(sent == static_cast<ssize_t>(packet.size()), "multicast");
 }

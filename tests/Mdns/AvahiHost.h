@@ -36,8 +36,14 @@ public:
 
     /// Multicasts, as another host would, that this instance of "_kova-test._udp" is served elsewhere.
     void ClaimInstance(const std::string& name);
+    /// Multicasts, as another host would, that there is this instance of "_kova-test._udp".
+    void AnnounceInstance(const std::string& name);
+    /// Until the daemon asks who serves a type with this first label, for a minute at most.
+    bool WaitForQuestion(const std::string& label);
 
 private:
+    void Multicast(const std::string& packet);
+
     pid_t m_bus = -1;
     pid_t m_daemon = -1;
 };

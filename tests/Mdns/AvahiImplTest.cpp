@@ -2,12 +2,15 @@
 
 #include "AvahiHost.h"
 #include "LogCapture.h"
+#include "SecondLook.h"
 #include "Watched.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <list>
 #include <map>
 #include <set>
@@ -325,6 +328,74 @@ TEST(AvahiImplTest, ABurstOfResolvesWaitsForItsTurn)
     }
     EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1U) << log.Text();
     EXPECT_TRUE(log.Contains("objects-per-client-max")) << log.Text();
+}
+
+/// As where hundreds of products answer together.
+TEST(AvahiImplTest, WhereManyAnswerTheyAreAskedTwiceWhichNobodySees)
+{
+    if (!AvahiHost::Enter())
+    {
+        return;
+    }
+    LogCapture log("3,mDNS=6");
+    AvahiHost host;
+    host.StartDaemon();
+    Backend publisher;
+    Backend browser;
+    ASSERT_TRUE(publisher.connected.WaitFor(1) && browser.connected.WaitFor(1));
+    std::list<Published> services;
+    std::vector<std::string> expected;
+    for (std::size_t i = 0; i <= SecondLook::kMany; ++i)
+    {
+        services.emplace_front(publisher, MakeService(std::to_string(i)));
+        services.emplace_back(publisher, MakeService(std::to_string(i), kDatagram));
+        expected.push_back("+" + std::to_string(i));
+    }
+    for (Published& service : services)
+    {
+        ASSERT_TRUE(service.name.WaitUntil([](const std::string& name) { return !name.empty(); })) << log.Text();
+    }
+
+    Watched<std::vector<std::string>> told;
+    const auto tell = [&told](const std::string& how)
+    { return [&, how](const ServiceId& id) { told.Change([&](auto& all) { all.push_back(how + id.name); }); }; };
+    {
+        services.pop_back(); // the daemon forgets it after a second, when nobody browses
+        const auto begin = std::chrono::steady_clock::now();
+        const ScopedConnection browse = browser.impl->Browse(kDatagram, tell("+"), tell("-"));
+        ASSERT_TRUE(log.WaitFor("many _kova-test._udp answer")) << log.Text();
+        host.AnnounceInstance("late");
+        EXPECT_TRUE(host.WaitForQuestion("_kova-test"));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(SecondLook::kBrowseMs));
+        ASSERT_TRUE(told.WaitUntil([&](const auto& all) { return all.size() == expected.size() + 2; })) << log.Text();
+        std::vector<std::string> all = told.Get();
+        std::ranges::sort(expected);
+        std::sort(all.begin(), all.end() - 2);
+        expected.insert(expected.end(), {"-" + std::to_string(SecondLook::kMany), "+late"});
+        EXPECT_EQ(all, expected) << "each once, and what has gone before what has come";
+
+        EXPECT_TRUE(log.WaitFor("All for now"));
+        log.Clear();
+        const ScopedConnection next = browser.impl->Browse(kDatagram, {}, {});
+        EXPECT_FALSE(log.WaitFor("answer at once", 700ms)) << "the daemon asks at its own times already";
+    }
+
+    // Ended between the two, by who asked and with the daemon: there is no second browser.
+    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = descriptors();
+    {
+        const ScopedConnection browse = browser.impl->Browse(kType, {}, {});
+        ASSERT_TRUE(log.WaitFor("many _kova-clock._tcp answer")) << log.Text();
+        EXPECT_GT(descriptors(), before);
+    }
+    EXPECT_EQ(descriptors(), before);
+    log.Clear();
+    EXPECT_FALSE(log.WaitFor("CACHE EXHAUSTED", 700ms));
+    const ScopedConnection browse = browser.impl->Browse(kType, {}, {});
+    ASSERT_TRUE(log.WaitFor("many _kova-clock._tcp answer")) << log.Text();
+    host.KillDaemon();
+    EXPECT_FALSE(log.WaitFor("avahi_service_browser", 700ms)) << log.Text();
+    EXPECT_EQ(browser.restarts.Get(), 1);
 }
 
 TEST(AvahiImplTest, TheDaemonsEndAndTheBusesAreToldOnceAndTheNextInstanceTakesOver)
