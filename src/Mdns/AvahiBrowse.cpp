@@ -2,6 +2,7 @@
 #include "AvahiConvert.h"
 #include "AvahiErrorLine.h"
 #include "AvahiImpl.h"
+#include "CleanupConnection.h"
 #include "MonotonicClock.h"
 #include "SecondLook.h"
 
@@ -52,38 +53,6 @@ public:
         EndTimer();
         EndBrowser();
     }
-
-    /// In the hands of who asked: stays connected until it is disconnected or dropped, which ends the browse.
-    class Connection final : public CallbackConnectionIF
-    {
-    public:
-        explicit Connection(std::shared_ptr<Browsing> browsing)
-            : m_browsing(std::move(browsing))
-        {
-        }
-        ~Connection() override
-        {
-            Disconnect();
-        }
-        Connection(const Connection&) = delete;
-        Connection& operator=(const Connection&) = delete;
-
-        bool IsConnected() const override
-        {
-            return m_browsing != nullptr;
-        }
-        void Disconnect() override
-        {
-            if (const std::shared_ptr<Browsing> browsing = std::exchange(m_browsing, nullptr))
-            {
-                const AvahiPollThread::Lock lock(browsing->m_impl->m_pollThread, browsing->m_impl->m_poll);
-                browsing->End();
-            }
-        }
-
-    private:
-        std::shared_ptr<Browsing> m_browsing;
-    };
 
 private:
     bool StartBrowser()
@@ -290,8 +259,16 @@ CallbackConnection AvahiImpl::Browse(std::string type, Callback<ServiceId> added
     const auto browsing =
         std::make_shared<Browsing>(shared_from_this(), std::move(type), std::move(added), std::move(removed));
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
-    return browsing->Start() ? CallbackConnection(std::make_shared<Browsing::Connection>(browsing))
-                             : CallbackConnection();
+    if (!browsing->Start())
+    {
+        return {};
+    }
+    return MakeCleanupConnection(
+        [self = shared_from_this(), browsing]
+        {
+            const AvahiPollThread::Lock cleanupLock(self->m_pollThread, self->m_poll);
+            browsing->End();
+        });
 }
 
 } // namespace MDNS

@@ -57,7 +57,6 @@ public:
 private:
     /// What Create() hands out points here: with its end the instance is stopped, whoever forgot to.
     struct Owner;
-    class AskedResolve;
     class Browsing;
 
     bool Start();

@@ -20,41 +20,6 @@ const DPrint s_log("mDNS");
 
 } // namespace
 
-/// A resolve in the hands of who asked: stays connected until it is disconnected or dropped, which cancels.
-class AvahiImpl::AskedResolve final : public CallbackConnectionIF
-{
-public:
-    AskedResolve(std::shared_ptr<AvahiImpl> impl, ResolveQueue::AskPtr ask)
-        : m_impl(std::move(impl))
-        , m_ask(std::move(ask))
-    {
-    }
-    ~AskedResolve() override
-    {
-        Disconnect();
-    }
-    AskedResolve(const AskedResolve&) = delete;
-    AskedResolve& operator=(const AskedResolve&) = delete;
-
-    bool IsConnected() const override
-    {
-        return m_impl != nullptr;
-    }
-
-    void Disconnect() override
-    {
-        if (const std::shared_ptr<AvahiImpl> impl = std::exchange(m_impl, nullptr))
-        {
-            const AvahiPollThread::Lock lock(impl->m_pollThread, impl->m_poll);
-            impl->m_resolves.Cancel(m_ask);
-        }
-    }
-
-private:
-    std::shared_ptr<AvahiImpl> m_impl;
-    const ResolveQueue::AskPtr m_ask;
-};
-
 CallbackConnection AvahiImpl::Resolve(ServiceId id, Callback<std::string, Service> resolved)
 {
     return QueueResolve(std::move(id), std::move(resolved), ResolveQueue::Order::FIRST);
@@ -75,7 +40,16 @@ CallbackConnection AvahiImpl::QueueResolve(ServiceId id, Callback<std::string, S
     }
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
     const ResolveQueue::AskPtr ask = m_resolves.Add(std::move(id), std::move(resolved), order);
-    return ask ? CallbackConnection(std::make_shared<AskedResolve>(shared_from_this(), ask)) : CallbackConnection();
+    if (!ask)
+    {
+        return {};
+    }
+    return MakeCleanupConnection(
+        [self = shared_from_this(), ask]
+        {
+            const AvahiPollThread::Lock cleanupLock(self->m_pollThread, self->m_poll);
+            self->m_resolves.Cancel(ask);
+        });
 }
 
 void AvahiImpl::CancelResolves()

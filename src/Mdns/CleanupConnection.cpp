@@ -1,6 +1,7 @@
 #include "CleanupConnection.h"
 
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace MDNS
@@ -12,7 +13,7 @@ namespace
 class CleanupConnection final : public CallbackConnectionIF
 {
 public:
-    CleanupConnection(Callback<> cleanup, CallbackConnection connection)
+    CleanupConnection(Callback<> cleanup, std::optional<CallbackConnection> connection)
         : m_cleanup(std::move(cleanup))
         , m_connection(std::move(connection))
     {
@@ -26,7 +27,7 @@ public:
 
     bool IsConnected() const override
     {
-        return m_cleanup && m_connection.IsConnected();
+        return m_cleanup && (!m_connection || m_connection->IsConnected());
     }
 
     void Disconnect() override
@@ -35,13 +36,16 @@ public:
         {
             const Callback<> cleanup = std::exchange(m_cleanup, {}); // once, whoever comes back here meanwhile
             cleanup();
-            m_connection.Disconnect();
+            if (m_connection)
+            {
+                m_connection->Disconnect();
+            }
         }
     }
 
 private:
     Callback<> m_cleanup;
-    CallbackConnection m_connection;
+    std::optional<CallbackConnection> m_connection; ///< none: connected until it is disconnected
 };
 
 } // namespace
@@ -49,6 +53,11 @@ private:
 CallbackConnection MakeCleanupConnection(Callback<> cleanup, CallbackConnection connection)
 {
     return CallbackConnection(std::make_shared<CleanupConnection>(std::move(cleanup), std::move(connection)));
+}
+
+CallbackConnection MakeCleanupConnection(Callback<> cleanup)
+{
+    return CallbackConnection(std::make_shared<CleanupConnection>(std::move(cleanup), std::nullopt));
 }
 
 } // namespace MDNS

@@ -11,4 +11,7 @@ namespace MDNS
 /// no callback can land on a dead adapter.
 CallbackConnection MakeCleanupConnection(Callback<> cleanup, CallbackConnection connection);
 
+/// The same around what has no adapter of its own, or several in turn.
+CallbackConnection MakeCleanupConnection(Callback<> cleanup);
+
 } // namespace MDNS
