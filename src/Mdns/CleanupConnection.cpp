@@ -1,7 +1,6 @@
 #include "CleanupConnection.h"
 
 #include <memory>
-#include <optional>
 #include <utility>
 
 namespace MDNS
@@ -13,7 +12,7 @@ namespace
 class CleanupConnection final : public CallbackConnectionIF
 {
 public:
-    CleanupConnection(Callback<> cleanup, std::optional<CallbackConnection> connection)
+    CleanupConnection(Callback<> cleanup, CallbackConnection connection)
         : m_cleanup(std::move(cleanup))
         , m_connection(std::move(connection))
     {
@@ -27,7 +26,7 @@ public:
 
     bool IsConnected() const override
     {
-        return m_cleanup && (!m_connection || m_connection->IsConnected());
+        return m_cleanup && (m_connection == nullptr || m_connection.IsConnected());
     }
 
     void Disconnect() override
@@ -36,16 +35,13 @@ public:
         {
             const Callback<> cleanup = std::exchange(m_cleanup, {}); // once, whoever comes back here meanwhile
             cleanup();
-            if (m_connection)
-            {
-                m_connection->Disconnect();
-            }
+            m_connection.Disconnect();
         }
     }
 
 private:
     Callback<> m_cleanup;
-    std::optional<CallbackConnection> m_connection; ///< none: connected until it is disconnected
+    CallbackConnection m_connection; ///< may be empty
 };
 
 } // namespace
@@ -53,11 +49,6 @@ private:
 CallbackConnection MakeCleanupConnection(Callback<> cleanup, CallbackConnection connection)
 {
     return CallbackConnection(std::make_shared<CleanupConnection>(std::move(cleanup), std::move(connection)));
-}
-
-CallbackConnection MakeCleanupConnection(Callback<> cleanup)
-{
-    return CallbackConnection(std::make_shared<CleanupConnection>(std::move(cleanup), std::nullopt));
 }
 
 } // namespace MDNS
