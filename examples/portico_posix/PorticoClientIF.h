@@ -1,1 +1,0 @@
-../../src/platform/portico/PorticoClientIF.h
