@@ -6,12 +6,12 @@
 // subscription, and prints what both processes have grown by: a line of name, value, unit and demand for each figure,
 // separated by tabs, as bench/run reads them. Figures are counts of one run; nothing is timed.
 
-#include "AsyncCallback.h"
-#include "ConditionSemaphore.h"
-#include "DPrint.h"
-#include "PorticoClient.h"
-#include "Processes.h"
-#include "Task.h"
+#include "bench/support/Processes.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include <PorticoClient.h>
 
 #include <algorithm>
 #include <cstdio>

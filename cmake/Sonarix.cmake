@@ -1,57 +1,70 @@
-# sonarix_library(NAME FOLDER LINKS public... [PRIVATE private...])
-#
-# One static library of all sources directly in FOLDER (a header-only folder
-# becomes an INTERFACE library) with its .proto files compiled in. FOLDER
-# itself is the include directory, so that an #include names its file alone.
+# An #include is a path from the root of src/, or for tools, bench and tests from the root of the tree. Only the
+# headers of the replaceable libraries are included by their name alone, in angle brackets.
 set(SONARIX_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
-set_property(GLOBAL PROPERTY SONARIX_FOLDERS "")
 
 # What must exist before a source can be read alone, by clang-tidy for instance.
 add_custom_target(generated-sources)
 
-function(sonarix_library NAME FOLDER)
-    cmake_parse_arguments(ARG "" "" "LINKS;PRIVATE" ${ARGN})
-    set(DIR ${CMAKE_SOURCE_DIR}/${FOLDER})
-    file(GLOB SOURCES CONFIGURE_DEPENDS ${DIR}/*.cpp)
-    list(FILTER SOURCES EXCLUDE REGEX "/Main\\.cpp$")
-    file(GLOB PROTOS CONFIGURE_DEPENDS RELATIVE ${DIR} ${DIR}/*.proto ${DIR}/*/*.proto)
-    foreach(PROTO IN LISTS PROTOS) # a subfolder with sources is a library of its own
-        get_filename_component(SUBFOLDER ${PROTO} DIRECTORY)
-        file(GLOB THEIRS ${DIR}/${SUBFOLDER}/*.cpp)
-        if(SUBFOLDER AND THEIRS)
-            list(REMOVE_ITEM PROTOS ${PROTO})
+# sonarix_library(NAME FOLDER... [REPLACEABLE] [EXCEPT files...] LINKS public... [PRIVATE private...])
+#
+# One static library of all sources directly in the folders, Main.cpp and the files of EXCEPT left out, with their
+# .proto files compiled in. Folders without sources become an INTERFACE library. REPLACEABLE: the first folder is an
+# include directory of its users, and its .proto files are imported by their name alone.
+function(sonarix_library NAME)
+    cmake_parse_arguments(ARG "REPLACEABLE" "" "EXCEPT;LINKS;PRIVATE" ${ARGN})
+    set(SOURCES)
+    set(PROTOS)
+    foreach(FOLDER IN LISTS ARG_UNPARSED_ARGUMENTS)
+        file(GLOB FOUND CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.cpp)
+        list(APPEND SOURCES ${FOUND})
+        file(GLOB FOUND CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.proto)
+        if(ARG_REPLACEABLE)
+            file(GLOB_RECURSE FOUND CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.proto)
         endif()
+        list(APPEND PROTOS ${FOUND})
     endforeach()
-    set_property(GLOBAL APPEND PROPERTY SONARIX_FOLDERS ${FOLDER})
+    list(FILTER SOURCES EXCLUDE REGEX "/Main\\.cpp$")
+    foreach(FILE IN LISTS ARG_EXCEPT)
+        list(FILTER SOURCES EXCLUDE REGEX "/${FILE}$")
+    endforeach()
+
+    set(PROTO_ROOT ${CMAKE_SOURCE_DIR}/src)
+    set(INCLUDES)
+    if(ARG_REPLACEABLE)
+        list(GET ARG_UNPARSED_ARGUMENTS 0 FOLDER)
+        set(PROTO_ROOT ${CMAKE_SOURCE_DIR}/${FOLDER})
+        set(INCLUDES ${PROTO_ROOT})
+    endif()
 
     if(NOT SOURCES AND NOT PROTOS)
         add_library(${NAME} INTERFACE)
-        target_include_directories(${NAME} INTERFACE ${DIR})
+        target_include_directories(${NAME} INTERFACE ${INCLUDES})
         target_link_libraries(${NAME} INTERFACE ${ARG_LINKS})
         return()
     endif()
 
     set(GENERATED)
+    set(OUT ${CMAKE_BINARY_DIR}/generated/${NAME})
     foreach(PROTO IN LISTS PROTOS)
-        string(REGEX REPLACE "\\.proto$" "" STEM ${PROTO})
-        set(OUT ${CMAKE_BINARY_DIR}/generated/${NAME})
+        file(RELATIVE_PATH STEM ${PROTO_ROOT} ${PROTO})
+        string(REGEX REPLACE "\\.proto$" "" STEM ${STEM})
         file(MAKE_DIRECTORY ${OUT})
         add_custom_command(
             OUTPUT ${OUT}/${STEM}.pb.cc ${OUT}/${STEM}.pb.h
-            COMMAND protobuf::protoc "-I$<JOIN:$<TARGET_PROPERTY:${NAME},INCLUDE_DIRECTORIES>,;-I>"
-                --cpp_out=${OUT} ${DIR}/${PROTO}
-            DEPENDS ${DIR}/${PROTO}
-            COMMENT "protoc ${PROTO}"
+            COMMAND protobuf::protoc -I${PROTO_ROOT} "-I$<JOIN:$<TARGET_PROPERTY:${NAME},INCLUDE_DIRECTORIES>,;-I>"
+                --cpp_out=${OUT} ${PROTO}
+            DEPENDS ${PROTO}
+            COMMENT "protoc ${STEM}.proto"
             COMMAND_EXPAND_LISTS)
         list(APPEND GENERATED ${OUT}/${STEM}.pb.cc)
     endforeach()
 
     add_library(${NAME} STATIC ${SOURCES} ${GENERATED})
-    target_include_directories(${NAME} PUBLIC ${DIR})
+    target_include_directories(${NAME} PUBLIC ${INCLUDES})
     target_link_libraries(${NAME} PUBLIC ${ARG_LINKS} PRIVATE ${ARG_PRIVATE})
     set_source_files_properties(${SOURCES} PROPERTIES COMPILE_OPTIONS "${SONARIX_WARNINGS}")
     if(GENERATED)
-        target_include_directories(${NAME} SYSTEM PUBLIC ${CMAKE_BINARY_DIR}/generated/${NAME})
+        target_include_directories(${NAME} SYSTEM PUBLIC ${OUT})
         add_custom_target(${NAME}_protos DEPENDS ${GENERATED})
         add_dependencies(generated-sources ${NAME}_protos)
     endif()
@@ -66,23 +79,19 @@ function(sonarix_program NAME)
     target_link_libraries(${NAME} PRIVATE ${ARG_LINKS})
 endfunction()
 
-# sonarix_test(NAME FOLDER [PREFIX text] [SOURCES files...] LINKS libraries...): one
-# GoogleTest program of these sources of FOLDER, or all; each of its cases is a test of
-# its own for CTest, named with PREFIX. The target `unit-tests` builds all of these
+# sonarix_test(NAME FOLDER... [PREFIX text] LINKS libraries...): one GoogleTest program of all sources of the folders;
+# each of its cases is a test of its own for CTest, named with PREFIX. The target `unit-tests` builds all of these
 # programs and what they run.
 add_custom_target(unit-tests)
-function(sonarix_test NAME FOLDER)
-    cmake_parse_arguments(ARG "" "PREFIX" "SOURCES;LINKS" ${ARGN})
-    file(GLOB SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.cpp)
-    if(ARG_SOURCES)
-        list(TRANSFORM ARG_SOURCES PREPEND ${CMAKE_SOURCE_DIR}/${FOLDER}/ OUTPUT_VARIABLE SOURCES)
-    endif()
-    if(NOT SOURCES)
-        return()
-    endif()
+function(sonarix_test NAME)
+    cmake_parse_arguments(ARG "" "PREFIX" "LINKS" ${ARGN})
+    set(SOURCES)
+    foreach(FOLDER IN LISTS ARG_UNPARSED_ARGUMENTS)
+        file(GLOB FOUND CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${FOLDER}/*.cpp)
+        list(APPEND SOURCES ${FOUND})
+    endforeach()
     add_executable(${NAME} ${SOURCES})
     target_compile_options(${NAME} PRIVATE ${SONARIX_WARNINGS})
-    target_include_directories(${NAME} PRIVATE ${CMAKE_SOURCE_DIR}/${FOLDER} ${CMAKE_SOURCE_DIR}/tests/support)
     target_link_libraries(${NAME} PRIVATE ${ARG_LINKS} GTest::gmock GTest::gtest_main)
     set_target_properties(${NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
     add_dependencies(unit-tests ${NAME})
@@ -101,5 +110,5 @@ function(sonarix_check_headers)
     endforeach()
     add_library(check-headers OBJECT EXCLUDE_FROM_ALL ${STUBS})
     target_compile_options(check-headers PRIVATE ${SONARIX_WARNINGS} -fsyntax-only)
-    target_link_libraries(check-headers PRIVATE sonarix_service sonarix_websocket sonarix_http sonarix_backoff sonarix_ipc_server)
+    target_link_libraries(check-headers PRIVATE sonarix_service sonarix_websocket)
 endfunction()

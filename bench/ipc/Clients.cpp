@@ -1,4 +1,4 @@
-#include "Clients.h"
+#include "bench/ipc/Clients.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Processes.h"
+#include "bench/support/Processes.h"
 
 #include <cstddef>
 #include <optional>

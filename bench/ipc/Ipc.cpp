@@ -8,15 +8,15 @@
 // Prints a line of name, value, unit and demand for each figure, separated by tabs, as bench/run reads them. The log is
 // at level 1: what a line costs is another matter.
 
-#include "Clients.h"
-#include "DPrint.h"
-#include "DiscoveryServiceIPCServer.h"
-#include "FakeDiscovery.h"
-#include "ProductConversion.h"
-#include "RouterService.h"
-#include "SampleProducts.h"
-#include "SocketClient.h"
-#include "TempDirectory.h"
+#include "bench/ipc/Clients.h"
+#include "bench/publish/SampleProducts.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
+#include "ipc/ProductConversion.h"
+#include "runtime/DPrint.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/ipc/support/SocketClient.h"
+#include "tests/runtime/ipc/RouterService.h"
+#include "tests/support/TempDirectory.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>

@@ -8,16 +8,16 @@
 // NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT, the limit empty: nothing is decided here. What a device's description costs has
 // nothing bare beside it, and is told in µs.
 
-#include "AsyncCallback.h"
-#include "CallbackRegistry.h"
-#include "ConditionSemaphore.h"
-#include "ProductMerge.h"
-#include "ProtoToMarkup.h"
-#include "SampleDescriptions.h"
-#include "SampleProducts.h"
-#include "Task.h"
-#include "XmlFunctions.h"
-#include "XmlLook.h"
+#include "aggregator/ProductMerge.h"
+#include "bench/micro/SampleDescriptions.h"
+#include "bench/publish/SampleProducts.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/CallbackRegistry.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/Task.h"
+#include "ssdp/XmlFunctions.h"
+#include "ssdp/XmlLook.h"
+#include <ProtoToMarkup.h>
 
 #include <benchmark/benchmark.h>
 #include <boost/asio/executor_work_guard.hpp>

@@ -1,6 +1,6 @@
-#include "SampleDescriptions.h"
+#include "bench/micro/SampleDescriptions.h"
 
-#include "XmlLook.h"
+#include "ssdp/XmlLook.h"
 
 namespace
 {

@@ -10,16 +10,16 @@
 // the table becomes ONLINE within two seconds. Times are CPU where not said otherwise. Lines of the form
 // NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT follow, the limit empty: nothing is decided here.
 
-#include "DPrint.h"
-#include "DiscoveryServiceAggregator.h"
-#include "DiscoveryServicePorticoClient.h"
-#include "FakeDiscovery.h"
-#include "Processes.h"
-#include "ProtoToMarkup.h"
-#include "RealTask.h"
-#include "SampleProducts.h"
-#include "StubProducts.h"
-#include "Subscriber.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "bench/publish/SampleProducts.h"
+#include "bench/publish/StubProducts.h"
+#include "bench/publish/Subscriber.h"
+#include "bench/support/Processes.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
+#include "runtime/DPrint.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/support/RealTask.h"
+#include <ProtoToMarkup.h>
 
 #include <algorithm>
 #include <array>

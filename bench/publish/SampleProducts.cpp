@@ -1,6 +1,6 @@
-#include "SampleProducts.h"
+#include "bench/publish/SampleProducts.h"
 
-#include "ProductMerge.h"
+#include "aggregator/ProductMerge.h"
 
 #include <cstdio>
 #include <string>

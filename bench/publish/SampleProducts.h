@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Sonarix.pb.h"
+#include "schemas/Sonarix.pb.h"
 
 /// Products as they are in the field: what mDNS tells of one, what it tells of itself, and a table of them.
 /// The same number gives the same product in each run.

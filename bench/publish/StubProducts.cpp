@@ -1,6 +1,6 @@
-#include "StubProducts.h"
+#include "bench/publish/StubProducts.h"
 
-#include "ProtoToMarkup.h"
+#include <ProtoToMarkup.h>
 
 /// Never answers a GET: it tells of itself by notification.
 class StubProducts::Product final : public PorticoClientIF

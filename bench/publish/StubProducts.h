@@ -1,8 +1,8 @@
 #pragma once
 
-#include "PorticoClient.h"
-#include "PorticoClientIF.h"
-#include "Sonarix.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include <PorticoClient.h>
+#include <PorticoClientIF.h>
 
 #include <map>
 #include <memory>

@@ -1,8 +1,8 @@
-#include "Subscriber.h"
+#include "bench/publish/Subscriber.h"
 
-#include "PorticoClient.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
+#include "runtime/Task.h"
+#include "schemas/Sonarix.pb.h"
+#include <PorticoClient.h>
 
 #include <algorithm>
 #include <memory>

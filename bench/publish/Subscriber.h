@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Processes.h"
+#include "bench/support/Processes.h"
 
 #include <chrono>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "Processes.h"
+#include "bench/support/Processes.h"
 
 #include <cstdio>
 #include <ctime>

@@ -1,4 +1,4 @@
-#include "Base64.h"
+#include "examples/markup_nlohmann/Base64.h"
 
 #include <cstdint>
 

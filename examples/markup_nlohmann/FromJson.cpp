@@ -1,6 +1,6 @@
-#include "Base64.h"
-#include "DPrint.h"
-#include "ProtoToMarkup.h"
+#include "examples/markup_nlohmann/Base64.h"
+#include "runtime/DPrint.h"
+#include <ProtoToMarkup.h>
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>

@@ -1,5 +1,5 @@
-#include "Base64.h"
-#include "ProtoToMarkup.h"
+#include "examples/markup_nlohmann/Base64.h"
+#include <ProtoToMarkup.h>
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>

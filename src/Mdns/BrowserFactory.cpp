@@ -1,8 +1,8 @@
-#include "BrowserFactory.h"
+#include "Mdns/BrowserFactory.h"
 
-#include "AvahiImpl.h"
-#include "DPrint.h"
-#include "NoneBrowser.h"
+#include "Mdns/NoneBrowser.h"
+#include "Mdns/avahi/AvahiImpl.h"
+#include "runtime/DPrint.h"
 
 #include <atomic>
 #include <utility>

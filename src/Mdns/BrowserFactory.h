@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Callback.h"
+#include "runtime/Callback.h"
 
 #include <memory>
 

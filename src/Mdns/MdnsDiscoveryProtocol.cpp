@@ -1,12 +1,12 @@
-#include "MdnsDiscoveryProtocol.h"
+#include "Mdns/MdnsDiscoveryProtocol.h"
 
-#include "AsyncCallback.h"
-#include "DPrint.h"
-#include "MdnsServiceFactory.h"
-#include "MdnsServiceIF.h"
-#include "ServiceConversion.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
+#include "Mdns/MdnsServiceFactory.h"
+#include "Mdns/MdnsServiceIF.h"
+#include "Mdns/ServiceConversion.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "schemas/Sonarix.pb.h"
 
 #include <atomic>
 #include <utility>

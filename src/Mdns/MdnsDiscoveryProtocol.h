@@ -1,10 +1,10 @@
 #pragma once
 
-#include "CallbackConnection.h"
-#include "CallbackRegistry.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "SonarixPb.pb.h"
-#include "ThreadMutex.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/CallbackRegistry.h"
+#include "runtime/ThreadMutex.h"
+#include "schemas/SonarixPb.pb.h"
 
 #include <list>
 #include <map>

@@ -1,14 +1,14 @@
-#include "MdnsService.h"
+#include "Mdns/MdnsService.h"
 
-#include "DPrint.h"
-#include "MdnsClient.h"
-#include "MonotonicClock.h"
-#include "ProductFromService.h"
-#include "ServiceTypes.h"
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
-#include "Task.h"
-#include "Timers.h"
+#include "Mdns/MdnsClient.h"
+#include "Mdns/ProductFromService.h"
+#include "Mdns/ServiceTypes.h"
+#include "runtime/DPrint.h"
+#include "runtime/MonotonicClock.h"
+#include "runtime/Task.h"
+#include "runtime/Timers.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
 
 #include <utility>
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "CallbackRegistry.h"
-#include "MdnsServiceIF.h"
-#include "MdnsTypes.h"
-#include "RetrySchedule.h"
+#include "Mdns/MdnsServiceIF.h"
+#include "Mdns/MdnsTypes.h"
+#include "Mdns/RetrySchedule.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/CallbackRegistry.h"
 
 #include <cstddef>
 #include <cstdint>

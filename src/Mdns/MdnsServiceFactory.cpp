@@ -1,6 +1,6 @@
-#include "MdnsServiceFactory.h"
+#include "Mdns/MdnsServiceFactory.h"
 
-#include "MdnsService.h"
+#include "Mdns/MdnsService.h"
 
 #include <atomic>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "MdnsTypes.h"
+#include "Mdns/MdnsTypes.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
 
 #include <string>
 

@@ -1,11 +1,11 @@
-#include "AsyncCallback.h"
-#include "DPrint.h"
-#include "MdnsClient.h"
-#include "MdnsService.h"
-#include "ProtoToMarkup.h"
-#include "PublisherFactory.h"
-#include "ServiceTypes.h"
-#include "SonarixPb.pb.h"
+#include "Mdns/MdnsClient.h"
+#include "Mdns/MdnsService.h"
+#include "Mdns/PublisherFactory.h"
+#include "Mdns/ServiceTypes.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/DPrint.h"
+#include "schemas/SonarixPb.pb.h"
+#include <ProtoToMarkup.h>
 
 #include <cstdint>
 #include <utility>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Network.h"
+#include "runtime/Network.h"
 
 #include <compare>
 #include <map>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "MdnsClient.h"
+#include "Mdns/MdnsClient.h"
 
 #include <string>
 #include <utility>

@@ -1,9 +1,9 @@
-#include "ProductFromService.h"
+#include "Mdns/ProductFromService.h"
 
-#include "MdnsTypes.h"
-#include "ProtoToMarkup.h"
-#include "Sonarix.pb.h"
-#include "Utf8.h"
+#include "Mdns/MdnsTypes.h"
+#include "base/Utf8.h"
+#include "schemas/Sonarix.pb.h"
+#include <ProtoToMarkup.h>
 
 namespace SonarixService
 {

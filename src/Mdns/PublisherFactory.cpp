@@ -1,8 +1,8 @@
-#include "PublisherFactory.h"
+#include "Mdns/PublisherFactory.h"
 
-#include "AvahiImpl.h"
-#include "DPrint.h"
-#include "NonePublisher.h"
+#include "Mdns/NonePublisher.h"
+#include "Mdns/avahi/AvahiImpl.h"
+#include "runtime/DPrint.h"
 
 #include <atomic>
 #include <utility>

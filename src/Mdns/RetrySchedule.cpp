@@ -1,4 +1,4 @@
-#include "RetrySchedule.h"
+#include "Mdns/RetrySchedule.h"
 
 #include <algorithm>
 

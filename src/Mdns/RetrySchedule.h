@@ -1,6 +1,6 @@
 #pragma once
 
-#include "RandomSequence.h"
+#include "runtime/engine/RandomSequence.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "SecondLook.h"
+#include "Mdns/SecondLook.h"
 
 #include <utility>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "MdnsTypes.h"
+#include "Mdns/MdnsTypes.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
-#include "ServiceConversion.h"
+#include "Mdns/ServiceConversion.h"
 
-#include "SonarixPb.pb.h"
+#include "schemas/SonarixPb.pb.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
-#include "ServiceTypes.h"
+#include "Mdns/ServiceTypes.h"
 
-#include "MdnsServiceIF.h"
+#include "Mdns/MdnsServiceIF.h"
 
 namespace SonarixService
 {

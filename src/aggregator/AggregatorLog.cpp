@@ -1,6 +1,6 @@
-#include "AggregatorLog.h"
+#include "aggregator/AggregatorLog.h"
 
-#include "ProtoToMarkup.h"
+#include <ProtoToMarkup.h>
 
 namespace SonarixService
 {

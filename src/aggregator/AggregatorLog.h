@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <string>
 

@@ -1,14 +1,14 @@
-#include "DiscoveryServiceAggregator.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
 
-#include "AggregatorLog.h"
-#include "DiscoveryServiceControllerIF.h"
-#include "DiscoveryServiceOverPortico.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "MfgData.h"
-#include "PorticoClientIF.h"
-#include "ProductMerge.h"
-#include "SsdpDiscoveryProtocolIF.h"
-#include "VersionFiles.h"
+#include "aggregator/AggregatorLog.h"
+#include "aggregator/ProductMerge.h"
+#include "aggregator/VersionFiles.h"
+#include "gateway/DiscoveryServiceOverPortico.h"
+#include "interfaces/DiscoveryServiceControllerIF.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include <MfgData.h>
+#include <PorticoClientIF.h>
 
 #include <atomic>
 #include <optional>

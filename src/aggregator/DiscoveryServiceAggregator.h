@@ -1,13 +1,13 @@
 #pragma once
 
-#include "AsyncCallback.h"
-#include "BoundHandler.h"
-#include "CallbackConnection.h"
-#include "CallbackRegistry.h"
-#include "DiscoveryServiceAggregatorIF.h"
-#include "PorticoClient.h"
-#include "Sonarix.pb.h"
-#include "Timers.h"
+#include "gateway/BoundHandler.h"
+#include "interfaces/DiscoveryServiceAggregatorIF.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/CallbackRegistry.h"
+#include "runtime/Timers.h"
+#include "schemas/Sonarix.pb.h"
+#include <PorticoClient.h>
 
 #include <cstdint>
 #include <ctime>

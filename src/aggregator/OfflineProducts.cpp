@@ -1,15 +1,15 @@
 // The two timers: products that have been offline for too long lose their connection, though never their row; and
 // both sources are asked every six hours for what they know.
 
-#include "AggregatorLog.h"
-#include "ConditionSemaphore.h"
-#include "DiscoveryServiceAggregator.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "MonotonicClock.h"
-#include "PorticoClientIF.h"
-#include "ProductMerge.h"
-#include "SsdpDiscoveryProtocolIF.h"
-#include "ThreadMutex.h"
+#include "aggregator/AggregatorLog.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "aggregator/ProductMerge.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/MonotonicClock.h"
+#include "runtime/ThreadMutex.h"
+#include <PorticoClientIF.h>
 
 #include <limits>
 #include <memory>

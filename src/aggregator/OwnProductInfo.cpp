@@ -1,9 +1,9 @@
 // The product's own information: what only it may know about itself, and what a change of its mode does.
 
-#include "AggregatorLog.h"
-#include "DiscoveryServiceAggregator.h"
-#include "PorticoClientIF.h"
-#include "ProductMerge.h"
+#include "aggregator/AggregatorLog.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "aggregator/ProductMerge.h"
+#include <PorticoClientIF.h>
 
 #include <exception>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "ProductMerge.h"
+#include "aggregator/ProductMerge.h"
 
 #include <map>
 #include <set>

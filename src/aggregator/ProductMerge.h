@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Sonarix.pb.h"
+#include "schemas/Sonarix.pb.h"
 
 namespace SonarixService
 {

@@ -1,10 +1,10 @@
 // Connections to products: when one exists, what it asks, and what an answer or a heartbeat does to the table.
 
-#include "AggregatorLog.h"
-#include "DiscoveryServiceAggregator.h"
-#include "MonotonicClock.h"
-#include "PorticoClientIF.h"
-#include "ProductMerge.h"
+#include "aggregator/AggregatorLog.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "aggregator/ProductMerge.h"
+#include "runtime/MonotonicClock.h"
+#include <PorticoClientIF.h>
 
 #include <cstddef>
 

@@ -1,8 +1,8 @@
-#include "VersionFiles.h"
+#include "aggregator/VersionFiles.h"
 
-#include "AggregatorLog.h"
-#include "ProtoToMarkup.h"
-#include "SystemUtils.h"
+#include "aggregator/AggregatorLog.h"
+#include "runtime/SystemUtils.h"
+#include <ProtoToMarkup.h>
 
 #include <cstdlib>
 #include <optional>

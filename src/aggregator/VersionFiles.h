@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SXCommon.pb.h"
+#include "schemas/SXCommon.pb.h"
 
 #include <string>
 

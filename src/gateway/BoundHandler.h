@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AsyncCallback.h"
+#include "runtime/AsyncCallback.h"
 
 #include <memory>
 

@@ -1,8 +1,8 @@
-#include "DiscoveryServiceOverPortico.h"
+#include "gateway/DiscoveryServiceOverPortico.h"
 
-#include "DPrint.h"
-#include "PorticoClient.h"
-#include "Sonarix.pb.h"
+#include "runtime/DPrint.h"
+#include "schemas/Sonarix.pb.h"
+#include <PorticoClient.h>
 
 #include <atomic>
 #include <string>

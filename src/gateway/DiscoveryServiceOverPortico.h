@@ -1,8 +1,8 @@
 #pragma once
 
-#include "BoundHandler.h"
-#include "CallbackRegistry.h"
-#include "DiscoveryServiceOverPorticoIF.h"
+#include "gateway/BoundHandler.h"
+#include "interfaces/DiscoveryServiceOverPorticoIF.h"
+#include "runtime/CallbackRegistry.h"
 
 #include <memory>
 

@@ -1,19 +1,19 @@
-#include "DiscoveryServicePorticoClient.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
 
-#include "DPrint.h"
-#include "DeviceInfoConversion.h"
-#include "DiscoveryServiceAggregatorIF.h"
-#include "DiscoveryServiceControllerIF.h"
-#include "HubApi.pb.h"
-#include "MacAddressInfo.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "MfgData.h"
-#include "NetManager.pb.h"
-#include "PorticoClientIF.h"
-#include "PorticoError.pb.h"
-#include "ProdConfigData.h"
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
+#include "gateway/DeviceInfoConversion.h"
+#include "gateway/MacAddressInfo.h"
+#include "interfaces/DiscoveryServiceAggregatorIF.h"
+#include "interfaces/DiscoveryServiceControllerIF.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "runtime/DPrint.h"
+#include "schemas/HubApi.pb.h"
+#include "schemas/NetManager.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
+#include <MfgData.h>
+#include <PorticoClientIF.h>
+#include <PorticoError.pb.h>
+#include <ProdConfigData.h>
 
 #include <atomic>
 #include <set>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "BoundHandler.h"
-#include "CallbackConnection.h"
-#include "DiscoveryServicePorticoClientIF.h"
-#include "SXCommon.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "gateway/BoundHandler.h"
+#include "interfaces/DiscoveryServicePorticoClientIF.h"
+#include "runtime/CallbackConnection.h"
+#include "schemas/SXCommon.pb.h" // an enumeration of a schema cannot be declared ahead
 
 #include <memory>
 #include <string>

@@ -1,6 +1,6 @@
-#include "MacAddressInfo.h"
+#include "gateway/MacAddressInfo.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <array>
 #include <cctype>

@@ -1,8 +1,8 @@
-#include "AsyncTaskRunner.h"
+#include "http/AsyncTaskRunner.h"
 
-#include "CTask.h"
-#include "CaughtException.h"
-#include "DPrint.h"
+#include "runtime/CTask.h"
+#include "runtime/CaughtException.h"
+#include "runtime/DPrint.h"
 
 #include <atomic>
 #include <list>

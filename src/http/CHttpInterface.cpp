@@ -1,10 +1,10 @@
-#include "CHttpInterface.h"
+#include "http/CHttpInterface.h"
 
-#include "DPrint.h"
-#include "RequestLine.h"
-#include "RunTask.h"
-#include "SimpleURLFetcher.h"
-#include "SimpleURLFetcherCallback.h"
+#include "http/RequestLine.h"
+#include "http/RunTask.h"
+#include "http/SimpleURLFetcher.h"
+#include "http/SimpleURLFetcherCallback.h"
+#include "runtime/DPrint.h"
 
 #include <utility>
 

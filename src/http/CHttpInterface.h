@@ -1,6 +1,6 @@
 #pragma once
 
-#include "IHttpInterface.h"
+#include "http/IHttpInterface.h"
 
 #include <memory>
 #include <string>

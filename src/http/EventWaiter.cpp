@@ -1,6 +1,6 @@
-#include "EventWaiter.h"
+#include "http/EventWaiter.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "HSMResponse.h"
+#include "http/HSMResponse.h"
 
 #include <ostream>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Callback.h"
-#include "HSMResponse.h"
+#include "http/HSMResponse.h"
+#include "runtime/Callback.h"
 
 #include <cstddef>
 #include <cstdint>

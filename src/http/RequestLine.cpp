@@ -1,7 +1,7 @@
-#include "RequestLine.h"
+#include "http/RequestLine.h"
 
-#include "AsyncTaskRunner.h"
-#include "CaughtException.h"
+#include "http/AsyncTaskRunner.h"
+#include "runtime/CaughtException.h"
 
 #include <exception>
 #include <utility>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "RunTask.h"
+#include "http/RunTask.h"
 
 #include <condition_variable>
 #include <cstddef>

@@ -1,7 +1,7 @@
-#include "RunTask.h"
+#include "http/RunTask.h"
 
-#include "CaughtException.h"
-#include "DPrint.h"
+#include "runtime/CaughtException.h"
+#include "runtime/DPrint.h"
 
 #include <algorithm>
 #include <array>

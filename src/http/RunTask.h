@@ -1,9 +1,9 @@
 #pragma once
 
-#include "AsyncTaskRunner.h"
-#include "EventWaiter.h"
-#include "SimpleURLFetcher.h"
-#include "SimpleURLFetcherCallback.h"
+#include "http/AsyncTaskRunner.h"
+#include "http/EventWaiter.h"
+#include "http/SimpleURLFetcher.h"
+#include "http/SimpleURLFetcherCallback.h"
 
 #include <atomic>
 #include <condition_variable>

@@ -1,7 +1,7 @@
-#include "SimpleURLFetcher.h"
+#include "http/SimpleURLFetcher.h"
 
-#include "DPrint.h"
-#include "MfgData.h"
+#include "runtime/DPrint.h"
+#include <MfgData.h>
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HSMResponse.h"
+#include "http/HSMResponse.h"
 
 #include <cstddef>
 #include <functional>

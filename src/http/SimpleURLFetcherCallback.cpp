@@ -1,6 +1,6 @@
-#include "SimpleURLFetcherCallback.h"
+#include "http/SimpleURLFetcherCallback.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <algorithm>
 #include <array>

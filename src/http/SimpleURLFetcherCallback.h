@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Callback.h"
-#include "HSMResponse.h"
-#include "SimpleURLFetcher.h"
+#include "http/HSMResponse.h"
+#include "http/SimpleURLFetcher.h"
+#include "runtime/Callback.h"
 
 #include <cstdint>
 #include <string>

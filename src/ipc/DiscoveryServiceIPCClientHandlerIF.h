@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
+#include "schemas/SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
 
 #include <memory>
 

@@ -1,14 +1,14 @@
-#include "DiscoveryServiceIPCServer.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
 
-#include "AsyncCallback.h"
-#include "ConnectorSocket.h"
-#include "DPrint.h"
-#include "DiscoveryServiceControllerIF.h"
-#include "IPCDirectory.h"
-#include "IPCServerListener.h"
-#include "MdnsIPCClientHandler.h"
-#include "SsdpIPCClientHandler.h"
-#include "Task.h"
+#include "interfaces/DiscoveryServiceControllerIF.h"
+#include "ipc/IPCServerListener.h"
+#include "ipc/MdnsIPCClientHandler.h"
+#include "ipc/SsdpIPCClientHandler.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCDirectory.h"
 
 #include <utility>
 

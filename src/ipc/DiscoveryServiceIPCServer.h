@@ -1,9 +1,9 @@
 #pragma once
 
-#include "DiscoveryServiceIPCClientHandlerIF.h"
-#include "DiscoveryServiceIPCServerIF.h"
-#include "IPCServerListenerIF.h"
-#include "ThreadMutex.h"
+#include "interfaces/DiscoveryServiceIPCServerIF.h"
+#include "ipc/DiscoveryServiceIPCClientHandlerIF.h"
+#include "ipc/IPCServerListenerIF.h"
+#include "runtime/ThreadMutex.h"
 
 #include <list>
 #include <memory>

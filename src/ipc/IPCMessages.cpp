@@ -1,10 +1,10 @@
-#include "IPCMessages.h"
+#include "ipc/IPCMessages.h"
 
-#include "IPCMessageEnvelope.h"
-#include "IPCMessageRouterIF.h"
-#include "MfgData.h"
-#include "ProductConversion.h"
-#include "Sonarix.pb.h"
+#include "ipc/ProductConversion.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
+#include "schemas/Sonarix.pb.h"
+#include <MfgData.h>
 
 namespace SonarixService
 {

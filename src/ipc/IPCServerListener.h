@@ -1,13 +1,13 @@
 #pragma once
 
-#include "AsyncCallback.h"
-#include "ConnectorSocket.h"
-#include "DPrint.h"
-#include "IPCServerListenerFactory.h"
-#include "IPCServerListenerIF.h"
-#include "NetworkAddress.h"
-#include "ServerListenerIF.h"
-#include "ThreadMutex.h"
+#include "ipc/IPCServerListenerIF.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/DPrint.h"
+#include "runtime/ThreadMutex.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCServerListenerFactory.h"
+#include "runtime/ipc/NetworkAddress.h"
+#include "runtime/ipc/ServerListenerIF.h"
 
 #include <functional>
 #include <memory>

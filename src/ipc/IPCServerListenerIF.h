@@ -1,6 +1,6 @@
 #pragma once
 
-#include "IPCServerListenerBase.h"
+#include "runtime/ipc/IPCServerListenerBase.h"
 
 #include <functional>
 #include <memory>

@@ -1,15 +1,15 @@
-#include "MdnsIPCClientHandler.h"
+#include "ipc/MdnsIPCClientHandler.h"
 
-#include "AsyncCallback.h"
-#include "ConnectorSocket.h"
-#include "IPCMessageEnvelope.h"
-#include "IPCMessageRouterFactory.h"
-#include "IPCMessageRouterIF.h"
-#include "IPCMessages.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "ProductConversion.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "ipc/IPCMessages.h"
+#include "ipc/ProductConversion.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/Task.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "runtime/ipc/IPCMessageRouterFactory.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
+#include "schemas/Sonarix.pb.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,7 +1,7 @@
-#include "ProductConversion.h"
+#include "ipc/ProductConversion.h"
 
-#include "SXCommon.pb.h"
-#include "Sonarix.pb.h"
+#include "schemas/SXCommon.pb.h"
+#include "schemas/Sonarix.pb.h"
 
 namespace SonarixService
 {

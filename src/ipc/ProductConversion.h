@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "schemas/SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
 
 namespace Sonarix
 {

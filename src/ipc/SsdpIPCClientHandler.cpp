@@ -1,14 +1,14 @@
-#include "SsdpIPCClientHandler.h"
+#include "ipc/SsdpIPCClientHandler.h"
 
-#include "AsyncCallback.h"
-#include "ConnectorSocket.h"
-#include "IPCMessageRouterFactory.h"
-#include "IPCMessageRouterIF.h"
-#include "IPCMessages.h"
-#include "ProductConversion.h"
-#include "Sonarix.pb.h"
-#include "SsdpDiscoveryProtocolIF.h"
-#include "Task.h"
+#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include "ipc/IPCMessages.h"
+#include "ipc/ProductConversion.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/Task.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCMessageRouterFactory.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
+#include "schemas/Sonarix.pb.h"
 
 #include <utility>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "DPrint.h"
-#include "DiscoveryServiceIPCClientHandlerIF.h"
-#include "ThreadMutex.h"
+#include "ipc/DiscoveryServiceIPCClientHandlerIF.h"
+#include "runtime/CallbackRegistry.h"
+#include "runtime/DPrint.h"
+#include "runtime/ThreadMutex.h"
 
 #include <memory>
 #include <string>

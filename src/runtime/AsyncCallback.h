@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "Task.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/Task.h"
 
 #include <atomic>
 #include <functional>

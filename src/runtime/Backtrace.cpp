@@ -1,4 +1,4 @@
-#include "SystemUtils.h"
+#include "runtime/SystemUtils.h"
 
 #include <array>
 #include <cstdint>

@@ -1,6 +1,6 @@
-#include "CTask.h"
+#include "runtime/CTask.h"
 
-#include "CaughtException.h"
+#include "runtime/CaughtException.h"
 
 #include <cstddef>
 #include <pthread.h>

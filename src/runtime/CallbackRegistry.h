@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "ThreadMutex.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/ThreadMutex.h"
 
 #include <algorithm>
 #include <list>

@@ -1,6 +1,6 @@
-#include "CaughtException.h"
+#include "runtime/CaughtException.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <cstdlib>
 #include <cxxabi.h>

@@ -1,6 +1,6 @@
-#include "ConditionSemaphore.h"
+#include "runtime/ConditionSemaphore.h"
 
-#include "Engine.h"
+#include "runtime/engine/Engine.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,6 +1,6 @@
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
-#include "LogLine.h"
+#include "runtime/engine/LogLine.h"
 
 #include <array>
 #include <cerrno>

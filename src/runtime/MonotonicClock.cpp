@@ -1,6 +1,6 @@
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
-#include "Engine.h"
+#include "runtime/engine/Engine.h"
 
 std::time_t MonotonicClock::NowSec()
 {

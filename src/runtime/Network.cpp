@@ -1,4 +1,4 @@
-#include "Network.h"
+#include "runtime/Network.h"
 
 #include <arpa/inet.h>
 #include <cstring>

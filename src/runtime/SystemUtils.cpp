@@ -1,6 +1,6 @@
-#include "SystemUtils.h"
+#include "runtime/SystemUtils.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <algorithm>
 #include <array>

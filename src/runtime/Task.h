@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
 
 #include <functional>
 #include <memory>
@@ -38,6 +38,9 @@ public:
 
     /// True on the task's own thread (under the simulated engine: while one of its entries runs).
     virtual bool IsCurrent() const = 0;
+
+    /// True once the stop is complete: no entry and no timer of the task runs any more. Any thread.
+    virtual bool HasEnded() const = 0;
 };
 
 namespace IL
@@ -52,6 +55,9 @@ void StopTask(NotifyTargetTaskIF* task);
 
 /// Blocks until the task's thread has ended. On the task itself it logs at level 1 and returns.
 void JoinTask(NotifyTargetTaskIF* task);
+
+/// The task whose entry or timer the calling thread runs; null outside all tasks.
+const NotifyTargetTaskIF* CurrentTask();
 
 /// Posts a callable to the task: the plain way to hop there.
 void BreakThread(std::function<void()>&& function, NotifyTargetTaskIF* task);

@@ -1,6 +1,6 @@
-#include "Timers.h"
+#include "runtime/Timers.h"
 
-#include "Engine.h"
+#include "runtime/engine/Engine.h"
 
 #include <chrono>
 #include <mutex>

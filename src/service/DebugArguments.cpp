@@ -1,7 +1,7 @@
-#include "DebugArguments.h"
+#include "service/DebugArguments.h"
 
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
 
 #include <functional>
 #include <map>

@@ -1,4 +1,4 @@
-#include "DebugCommandTable.h"
+#include "service/DebugCommandTable.h"
 
 namespace SonarixService
 {

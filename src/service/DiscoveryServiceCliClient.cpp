@@ -1,6 +1,6 @@
-#include "DiscoveryServiceCliClient.h"
+#include "service/DiscoveryServiceCliClient.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <memory>
 

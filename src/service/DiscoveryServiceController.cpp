@@ -1,17 +1,17 @@
-#include "DiscoveryServiceController.h"
+#include "service/DiscoveryServiceController.h"
 
-#include "DPrint.h"
-#include "DebugCommandTable.h"
-#include "DebugCommands.h"
-#include "DiscoveryServiceAggregator.h"
-#include "DiscoveryServiceIPCServerIF.h"
-#include "DiscoveryServicePorticoClient.h"
-#include "MdnsDiscoveryProtocol.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "OptionalParts.h"
-#include "PorticoClient.h"
-#include "SsdpDiscoveryProtocolIF.h"
-#include "TaskGate.h"
+#include "Mdns/MdnsDiscoveryProtocol.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
+#include "interfaces/DiscoveryServiceIPCServerIF.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include "runtime/DPrint.h"
+#include "service/DebugCommandTable.h"
+#include "service/DebugCommands.h"
+#include "service/OptionalParts.h"
+#include "service/TaskGate.h"
+#include <PorticoClient.h>
 
 #include <optional>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "DiscoveryServiceCliClient.h"
-#include "DiscoveryServiceControllerIF.h"
-#include "NetManager.pb.h"
-#include "ThreadMutex.h"
+#include "interfaces/DiscoveryServiceControllerIF.h"
+#include "runtime/ThreadMutex.h"
+#include "schemas/NetManager.pb.h"
+#include "service/DiscoveryServiceCliClient.h"
 
 #include <memory>
 #include <string>

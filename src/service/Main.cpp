@@ -1,4 +1,4 @@
-#include "ServiceEntry.h"
+#include "service/ServiceEntry.h"
 
 /// The daemon takes no arguments, and ignores those that it gets.
 int main()

@@ -1,7 +1,7 @@
-#include "OptionalParts.h"
+#include "service/OptionalParts.h"
 
-#include "DiscoveryServiceIPCServer.h"
-#include "SsdpDiscoveryProtocol.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
 
 #include <atomic>
 

@@ -1,6 +1,6 @@
-#include "ProductListText.h"
+#include "service/ProductListText.h"
 
-#include "Sonarix.pb.h"
+#include "schemas/Sonarix.pb.h"
 
 namespace SonarixService
 {

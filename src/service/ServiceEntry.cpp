@@ -1,8 +1,8 @@
-#include "ServiceEntry.h"
+#include "service/ServiceEntry.h"
 
-#include "DPrint.h"
-#include "DiscoveryServiceController.h"
-#include "SystemUtils.h"
+#include "runtime/DPrint.h"
+#include "runtime/SystemUtils.h"
+#include "service/DiscoveryServiceController.h"
 
 #include <csignal>
 #include <exception>

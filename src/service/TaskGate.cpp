@@ -1,7 +1,7 @@
-#include "TaskGate.h"
+#include "service/TaskGate.h"
 
-#include "ConditionSemaphore.h"
-#include "Task.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/Task.h"
 
 namespace SonarixService
 {

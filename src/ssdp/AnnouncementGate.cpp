@@ -1,7 +1,7 @@
-#include "AnnouncementGate.h"
+#include "ssdp/AnnouncementGate.h"
 
-#include "DPrint.h"
-#include "Location.h"
+#include "runtime/DPrint.h"
+#include "ssdp/Location.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "InterfaceLink.h"
-#include "RefusalLog.h"
+#include "ssdp/InterfaceLink.h"
+#include "ssdp/RefusalLog.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
-#include "FetchQueue.h"
+#include "ssdp/FetchQueue.h"
 
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "InterfaceLink.h"
-#include "Timers.h"
+#include "runtime/Timers.h"
+#include "ssdp/InterfaceLink.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,11 +1,11 @@
-#include "GSSDPHandler.h"
+#include "ssdp/GSSDPHandler.h"
 
-#include "AnnouncementGate.h"
-#include "DPrint.h"
-#include "GlibLog.h"
-#include "Heap.h"
-#include "InterfaceLink.h"
-#include "MessageFilter.h"
+#include "base/Heap.h"
+#include "runtime/DPrint.h"
+#include "ssdp/AnnouncementGate.h"
+#include "ssdp/GlibLog.h"
+#include "ssdp/InterfaceLink.h"
+#include "ssdp/MessageFilter.h"
 
 #include <libgssdp/gssdp.h>
 #include <pthread.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "GSSDPHandlerIF.h"
+#include "runtime/CallbackRegistry.h"
+#include "ssdp/GSSDPHandlerIF.h"
 
 #include <condition_variable>
 #include <memory>

@@ -1,6 +1,6 @@
-#include "GSSDPHandlerFactory.h"
+#include "ssdp/GSSDPHandlerFactory.h"
 
-#include "GSSDPHandler.h"
+#include "ssdp/GSSDPHandler.h"
 
 #include <atomic>
 

@@ -1,4 +1,4 @@
-#include "GSSDPHandlerIF.h"
+#include "ssdp/GSSDPHandlerIF.h"
 
 namespace SonarixService
 {

@@ -1,7 +1,7 @@
-#include "GlibLog.h"
+#include "ssdp/GlibLog.h"
 
-#include "DPrint.h"
-#include "MonotonicClock.h"
+#include "runtime/DPrint.h"
+#include "runtime/MonotonicClock.h"
 
 #include <cstdint>
 #include <glib.h>

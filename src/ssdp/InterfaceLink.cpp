@@ -1,4 +1,4 @@
-#include "InterfaceLink.h"
+#include "ssdp/InterfaceLink.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

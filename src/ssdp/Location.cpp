@@ -1,4 +1,4 @@
-#include "Location.h"
+#include "ssdp/Location.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
-#include "MessageFilter.h"
+#include "ssdp/MessageFilter.h"
 
-#include "AnnouncementGate.h"
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
+#include "ssdp/AnnouncementGate.h"
 
 #include <libgssdp/gssdp.h>
 #include <libsoup/soup.h>

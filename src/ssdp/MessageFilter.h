@@ -1,6 +1,6 @@
 #pragma once
 
-#include "InterfaceLink.h"
+#include "ssdp/InterfaceLink.h"
 
 #include <cstddef>
 #include <unordered_set>

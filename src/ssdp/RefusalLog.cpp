@@ -1,4 +1,4 @@
-#include "RefusalLog.h"
+#include "ssdp/RefusalLog.h"
 
 #include <algorithm>
 

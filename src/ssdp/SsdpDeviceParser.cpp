@@ -1,12 +1,12 @@
-#include "SsdpDeviceParser.h"
+#include "ssdp/SsdpDeviceParser.h"
 
-#include "AsyncCallback.h"
-#include "DPrint.h"
-#include "IHttpInterface.h"
-#include "Location.h"
-#include "MonotonicClock.h"
-#include "Sonarix.pb.h"
-#include "XmlFunctions.h"
+#include "http/IHttpInterface.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/DPrint.h"
+#include "runtime/MonotonicClock.h"
+#include "schemas/Sonarix.pb.h"
+#include "ssdp/Location.h"
+#include "ssdp/XmlFunctions.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "FetchQueue.h"
-#include "InterfaceLink.h"
-#include "RefusalLog.h"
-#include "SsdpDeviceParserIF.h"
-#include "XmlLook.h"
+#include "ssdp/FetchQueue.h"
+#include "ssdp/InterfaceLink.h"
+#include "ssdp/RefusalLog.h"
+#include "ssdp/SsdpDeviceParserIF.h"
+#include "ssdp/XmlLook.h"
 
 #include <cstddef>
 #include <string>

@@ -1,4 +1,4 @@
-#include "SsdpDeviceParserIF.h"
+#include "ssdp/SsdpDeviceParserIF.h"
 
 namespace SonarixService
 {

@@ -1,11 +1,11 @@
-#include "SsdpDiscovery.h"
+#include "ssdp/SsdpDiscovery.h"
 
-#include "AsyncCallback.h"
-#include "DPrint.h"
-#include "GSSDPHandlerFactory.h"
-#include "Heap.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
+#include "base/Heap.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "schemas/Sonarix.pb.h"
+#include "ssdp/GSSDPHandlerFactory.h"
 
 #include <utility>
 #include <vector>

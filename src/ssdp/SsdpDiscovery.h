@@ -1,9 +1,9 @@
 #pragma once
 
-#include "GSSDPHandlerIF.h"
-#include "SsdpDeviceParserIF.h"
-#include "SsdpDiscoveryIF.h"
-#include "ThreadMutex.h"
+#include "runtime/ThreadMutex.h"
+#include "ssdp/GSSDPHandlerIF.h"
+#include "ssdp/SsdpDeviceParserIF.h"
+#include "ssdp/SsdpDiscoveryIF.h"
 
 #include <map>
 #include <memory>

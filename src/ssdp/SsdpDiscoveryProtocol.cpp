@@ -1,12 +1,12 @@
-#include "SsdpDiscoveryProtocol.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
 
-#include "CHttpInterface.h"
-#include "DPrint.h"
-#include "Sonarix.pb.h"
-#include "SsdpDeviceParser.h"
-#include "SsdpDiscovery.h"
-#include "Task.h"
-#include "Timers.h"
+#include "http/CHttpInterface.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "runtime/Timers.h"
+#include "schemas/Sonarix.pb.h"
+#include "ssdp/SsdpDeviceParser.h"
+#include "ssdp/SsdpDiscovery.h"
 
 #include <utility>
 

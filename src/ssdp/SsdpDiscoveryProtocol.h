@@ -1,9 +1,9 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "InterfaceLink.h"
-#include "SsdpDiscoveryProtocolIF.h"
-#include "ThreadMutex.h"
+#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include "runtime/CallbackRegistry.h"
+#include "runtime/ThreadMutex.h"
+#include "ssdp/InterfaceLink.h"
 
 #include <functional>
 #include <memory>

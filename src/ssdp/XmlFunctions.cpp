@@ -1,6 +1,6 @@
-#include "XmlFunctions.h"
+#include "ssdp/XmlFunctions.h"
 
-#include "Utf8.h"
+#include "base/Utf8.h"
 
 #include <charconv>
 #include <limits>

@@ -1,6 +1,6 @@
-#include "XmlLook.h"
+#include "ssdp/XmlLook.h"
 
-#include "Utf8.h"
+#include "base/Utf8.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "AvahiHost.h"
+#include "tests/Mdns/AvahiHost.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
-#include "AvahiImpl.h"
+#include "Mdns/avahi/AvahiImpl.h"
 
-#include "AvahiHost.h"
-#include "LogCapture.h"
-#include "SecondLook.h"
-#include "Watched.h"
+#include "Mdns/SecondLook.h"
+#include "tests/Mdns/AvahiHost.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Watched.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
-#include "MdnsDiscoveryProtocol.h"
+#include "Mdns/MdnsDiscoveryProtocol.h"
 
-#include "ConditionSemaphore.h"
-#include "MdnsServiceFixture.h"
-#include "RealTask.h"
-#include "Sonarix.pb.h"
+#include "runtime/ConditionSemaphore.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/Mdns/MdnsServiceFixture.h"
+#include "tests/support/RealTask.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>

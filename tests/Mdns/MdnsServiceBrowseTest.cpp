@@ -1,7 +1,7 @@
-#include "MdnsServiceFixture.h"
-#include "ProtoToMarkup.h"
-#include "ResolveQueue.h"
-#include "Sonarix.pb.h"
+#include "Mdns/avahi/ResolveQueue.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/Mdns/MdnsServiceFixture.h"
+#include <ProtoToMarkup.h>
 
 #include <gmock/gmock.h>
 

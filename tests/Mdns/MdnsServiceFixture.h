@@ -1,13 +1,13 @@
 #pragma once
 
-#include "FakeMdns.h"
-#include "LogCapture.h"
-#include "MdnsService.h"
-#include "MdnsServiceFactory.h"
-#include "MdnsServiceIF.h"
-#include "Simulation.h"
-#include "SonarixPb.pb.h"
-#include "Task.h"
+#include "Mdns/MdnsService.h"
+#include "Mdns/MdnsServiceFactory.h"
+#include "Mdns/MdnsServiceIF.h"
+#include "runtime/Task.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/SonarixPb.pb.h"
+#include "tests/fakes/FakeMdns.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

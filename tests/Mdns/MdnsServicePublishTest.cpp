@@ -1,4 +1,4 @@
-#include "MdnsServiceFixture.h"
+#include "tests/Mdns/MdnsServiceFixture.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>

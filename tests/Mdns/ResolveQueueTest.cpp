@@ -1,6 +1,6 @@
-#include "ResolveQueue.h"
+#include "Mdns/avahi/ResolveQueue.h"
 
-#include "CallbackRegistry.h"
+#include "runtime/CallbackRegistry.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

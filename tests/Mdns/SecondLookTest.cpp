@@ -1,6 +1,6 @@
-#include "SecondLook.h"
+#include "Mdns/SecondLook.h"
 
-#include "RandomSequence.h"
+#include "runtime/engine/RandomSequence.h"
 
 #include <gtest/gtest.h>
 

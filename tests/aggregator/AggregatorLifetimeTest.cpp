@@ -1,8 +1,8 @@
 // What is on its way when the aggregator goes, sources that are not there, and real tasks beside it.
 
-#include "AggregatorWorld.h"
-#include "DiscoveryServiceAggregator.h"
-#include "RealTask.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "tests/aggregator/AggregatorWorld.h"
+#include "tests/support/RealTask.h"
 
 #include <gmock/gmock.h>
 

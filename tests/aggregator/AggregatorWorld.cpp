@@ -1,7 +1,7 @@
-#include "AggregatorWorld.h"
+#include "tests/aggregator/AggregatorWorld.h"
 
-#include "DiscoveryServiceAggregator.h"
-#include "TempDirectory.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "tests/support/TempDirectory.h"
 
 #include <algorithm>
 #include <cstdlib>

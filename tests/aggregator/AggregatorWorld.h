@@ -1,12 +1,12 @@
 #pragma once
 
-#include "DiscoveryServiceAggregatorIF.h"
-#include "FakeDiscovery.h"
-#include "FakePortico.h"
-#include "LogCapture.h"
-#include "Simulation.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
+#include "interfaces/DiscoveryServiceAggregatorIF.h"
+#include "runtime/Task.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/fakes/FakePortico.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Products that stay away lose their connection, not their row; every six hours both sources are asked.
 
-#include "AggregatorWorld.h"
+#include "tests/aggregator/AggregatorWorld.h"
 
 #include <gmock/gmock.h>
 

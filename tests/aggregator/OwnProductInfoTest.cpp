@@ -1,6 +1,6 @@
 // What the product says about itself, and who may say it.
 
-#include "AggregatorWorld.h"
+#include "tests/aggregator/AggregatorWorld.h"
 
 #include <gmock/gmock.h>
 

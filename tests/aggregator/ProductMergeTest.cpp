@@ -1,4 +1,4 @@
-#include "ProductMerge.h"
+#include "aggregator/ProductMerge.h"
 
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // What a neighbour says of itself is bounded; all else that it may say, the simulated lives hold.
 
-#include "AggregatorWorld.h"
+#include "tests/aggregator/AggregatorWorld.h"
 
 TEST_F(AggregatorTest, NoNeighbourGrowsItsRowBeyondWhatAListCanHold)
 {

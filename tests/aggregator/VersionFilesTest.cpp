@@ -1,6 +1,6 @@
-#include "VersionFiles.h"
-#include "AggregatorWorld.h"
-#include "ProtoToMarkup.h"
+#include "aggregator/VersionFiles.h"
+#include "tests/aggregator/AggregatorWorld.h"
+#include <ProtoToMarkup.h>
 
 #include <filesystem>
 #include <fstream>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "DiscoveryServiceAggregatorIF.h"
-#include "FakeDiscovery.h"
-#include "Sonarix.pb.h"
+#include "interfaces/DiscoveryServiceAggregatorIF.h"
+#include "runtime/CallbackRegistry.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakeDiscovery.h"
 
 #include <memory>
 #include <set>

@@ -1,6 +1,6 @@
-#include "FakeConsole.h"
+#include "tests/fakes/FakeConsole.h"
 
-#include "CommandTable.h"
+#include "platform/console/CommandTable.h"
 
 #include <list>
 #include <stdexcept>

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "DiscoveryServiceControllerIF.h"
-#include "MdnsDiscoveryProtocolIF.h"
-#include "NetManager.pb.h"
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
-#include "SsdpDiscoveryProtocolIF.h"
+#include "interfaces/DiscoveryServiceControllerIF.h"
+#include "interfaces/MdnsDiscoveryProtocolIF.h"
+#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include "runtime/CallbackRegistry.h"
+#include "schemas/NetManager.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
 
 #include <deque>
 #include <memory>

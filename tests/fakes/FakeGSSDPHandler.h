@@ -1,9 +1,9 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "FakeDiscovery.h"
-#include "GSSDPHandlerFactory.h"
-#include "GSSDPHandlerIF.h"
+#include "runtime/CallbackRegistry.h"
+#include "ssdp/GSSDPHandlerFactory.h"
+#include "ssdp/GSSDPHandlerIF.h"
+#include "tests/fakes/FakeDiscovery.h"
 
 #include <memory>
 #include <string>

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "BrowserFactory.h"
-#include "Callback.h"
-#include "CallbackRegistry.h"
-#include "MdnsClient.h"
-#include "MdnsTypes.h"
-#include "PublisherFactory.h"
-#include "ResolveQueue.h"
+#include "Mdns/BrowserFactory.h"
+#include "Mdns/MdnsClient.h"
+#include "Mdns/MdnsTypes.h"
+#include "Mdns/PublisherFactory.h"
+#include "Mdns/avahi/ResolveQueue.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackRegistry.h"
 
 #include <cstddef>
 #include <functional>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "CallbackRegistry.h"
-#include "PorticoClient.h"
-#include "PorticoError.pb.h"
-#include "ThreadMutex.h"
+#include "runtime/CallbackRegistry.h"
+#include "runtime/ThreadMutex.h"
+#include <PorticoClient.h>
+#include <PorticoError.pb.h>
 
 #include <algorithm>
 #include <array>

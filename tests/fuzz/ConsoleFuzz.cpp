@@ -1,15 +1,15 @@
 /// Lines of the console's socket, down to what the debug commands make of them.
 ///
 /// An input is any number of lines.
-#include "CLIClient.h"
-#include "DebugCommandTable.h"
-#include "DebugCommands.h"
-#include "DiscoveryServiceCliClient.h"
-#include "DiscoveryServicePorticoClientIF.h"
-#include "FakeDiscovery.h"
-#include "FuzzChecks.h"
-#include "LineAnswerer.h"
-#include "ProtoToMarkup.h"
+#include "interfaces/DiscoveryServicePorticoClientIF.h"
+#include "platform/console/LineAnswerer.h"
+#include "service/DebugCommandTable.h"
+#include "service/DebugCommands.h"
+#include "service/DiscoveryServiceCliClient.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/fuzz/FuzzChecks.h"
+#include <CLIClient.h>
+#include <ProtoToMarkup.h>
 
 #include <nlohmann/json.hpp>
 

@@ -1,10 +1,10 @@
 /// Device descriptions, as their devices send them, through the whole parser. An input is a body.
-#include "FakeHttp.h"
-#include "FuzzChecks.h"
-#include "Simulation.h"
-#include "Sonarix.pb.h"
-#include "SsdpDeviceParser.h"
-#include "Utf8.h"
+#include "base/Utf8.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/Sonarix.pb.h"
+#include "ssdp/SsdpDeviceParser.h"
+#include "tests/fakes/FakeHttp.h"
+#include "tests/fuzz/FuzzChecks.h"
 
 #include <google/protobuf/text_format.h>
 

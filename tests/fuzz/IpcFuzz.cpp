@@ -1,14 +1,14 @@
 /// What clients write on a local socket, through framing, envelope and router. An input is a connection's bytes.
-#include "AsyncCallback.h"
-#include "ConnectorSocket.h"
-#include "FuzzChecks.h"
-#include "IPCFraming.h"
-#include "IPCMessageEnvelope.h"
-#include "IPCMessageRouterFactory.h"
-#include "IPCMessageRouterIF.h"
-#include "RealTask.h"
-#include "SocketClient.h"
-#include "SonarixPb.pb.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCFraming.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "runtime/ipc/IPCMessageRouterFactory.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
+#include "schemas/SonarixPb.pb.h"
+#include "tests/fuzz/FuzzChecks.h"
+#include "tests/ipc/support/SocketClient.h"
+#include "tests/support/RealTask.h"
 
 #include <memory>
 #include <string>

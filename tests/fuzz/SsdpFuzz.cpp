@@ -2,10 +2,10 @@
 ///
 /// An input is any number of datagrams, each ended by a NUL (which ends a datagram for the library as well). The first
 /// byte of each chooses the sender and whether a new search begins before it.
-#include "AnnouncementGate.h"
-#include "FuzzChecks.h"
-#include "GlibLog.h"
-#include "MessageFilter.h"
+#include "ssdp/AnnouncementGate.h"
+#include "ssdp/GlibLog.h"
+#include "ssdp/MessageFilter.h"
+#include "tests/fuzz/FuzzChecks.h"
 
 #include <libgssdp/gssdp.h>
 #include <libsoup/soup.h>

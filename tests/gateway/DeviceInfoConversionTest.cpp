@@ -1,8 +1,8 @@
-#include "DeviceInfoConversion.h"
+#include "gateway/DeviceInfoConversion.h"
 
-#include "SXCommon.pb.h"
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
+#include "schemas/SXCommon.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
-#include "DiscoveryServiceOverPortico.h"
+#include "gateway/DiscoveryServiceOverPortico.h"
 
-#include "FakePortico.h"
-#include "PorticoClient.h"
-#include "Simulation.h"
-#include "Sonarix.pb.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakePortico.h"
+#include <PorticoClient.h>
 
 #include <gtest/gtest.h>
 

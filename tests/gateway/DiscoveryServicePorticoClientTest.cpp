@@ -1,14 +1,14 @@
-#include "DiscoveryServicePorticoClient.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
 
-#include "FakeAggregator.h"
-#include "FakeDiscovery.h"
-#include "FakePortico.h"
-#include "LogCapture.h"
-#include "MacAddressInfo.h"
-#include "NetManager.pb.h"
-#include "ProtoToMarkup.h"
-#include "Simulation.h"
-#include "Sonarix.pb.h"
+#include "gateway/MacAddressInfo.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/NetManager.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakeAggregator.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/fakes/FakePortico.h"
+#include "tests/support/LogCapture.h"
+#include <ProtoToMarkup.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

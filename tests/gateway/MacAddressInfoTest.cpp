@@ -1,6 +1,6 @@
-#include "MacAddressInfo.h"
+#include "gateway/MacAddressInfo.h"
 
-#include "TempDirectory.h"
+#include "tests/support/TempDirectory.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,12 @@
-#include "CHttpInterface.h"
-#include "AsyncTaskRunner.h"
-#include "EventWaiter.h"
-#include "ForkedRun.h"
-#include "HttpServer.h"
-#include "LogCapture.h"
-#include "SimpleURLFetcher.h"
-#include "TempDirectory.h"
-#include "Watched.h"
+#include "http/CHttpInterface.h"
+#include "http/AsyncTaskRunner.h"
+#include "http/EventWaiter.h"
+#include "http/SimpleURLFetcher.h"
+#include "tests/support/ForkedRun.h"
+#include "tests/support/HttpServer.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDirectory.h"
+#include "tests/support/Watched.h"
 
 #include <algorithm>
 #include <array>

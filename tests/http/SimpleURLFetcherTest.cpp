@@ -1,8 +1,8 @@
-#include "SimpleURLFetcher.h"
-#include "HttpServer.h"
-#include "LogCapture.h"
-#include "SimpleURLFetcherCallback.h"
-#include "TempDirectory.h"
+#include "http/SimpleURLFetcher.h"
+#include "http/SimpleURLFetcherCallback.h"
+#include "tests/support/HttpServer.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDirectory.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -1,9 +1,9 @@
-#include "DiscoveryServiceIPCServer.h"
-#include "FakeDiscovery.h"
-#include "LogCapture.h"
-#include "MdnsIPCClientHandler.h"
-#include "SocketClient.h"
-#include "TempDirectory.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
+#include "ipc/MdnsIPCClientHandler.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/ipc/support/SocketClient.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "ProductConversion.h"
-#include "SXCommon.pb.h"
-#include "Sonarix.pb.h"
+#include "ipc/ProductConversion.h"
+#include "schemas/SXCommon.pb.h"
+#include "schemas/Sonarix.pb.h"
 
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "AsyncCallback.h"
+#include "runtime/AsyncCallback.h"
 
-#include "Simulation.h"
+#include "runtime/engine/Simulation.h"
 
 #include <gtest/gtest.h>
 #include <memory>

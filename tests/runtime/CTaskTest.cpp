@@ -1,6 +1,6 @@
-#include "CTask.h"
-#include "LogCapture.h"
-#include "Watched.h"
+#include "runtime/CTask.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Watched.h"
 
 #include <array>
 #include <csignal>

@@ -1,6 +1,6 @@
-#include "CallbackRegistry.h"
+#include "runtime/CallbackRegistry.h"
 
-#include "Watched.h"
+#include "tests/support/Watched.h"
 
 #include <atomic>
 #include <chrono>

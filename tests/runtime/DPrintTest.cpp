@@ -1,8 +1,8 @@
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
-#include "ForkedRun.h"
-#include "LogCapture.h"
-#include "LogLine.h"
+#include "runtime/engine/LogLine.h"
+#include "tests/support/ForkedRun.h"
+#include "tests/support/LogCapture.h"
 
 #include <chrono>
 #include <cstdlib>

@@ -1,11 +1,11 @@
-#include "Simulation.h"
+#include "runtime/engine/Simulation.h"
 
-#include "ConditionSemaphore.h"
-#include "LogCapture.h"
-#include "MonotonicClock.h"
-#include "RandomSequence.h"
-#include "Task.h"
-#include "Timers.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/MonotonicClock.h"
+#include "runtime/Task.h"
+#include "runtime/Timers.h"
+#include "runtime/engine/RandomSequence.h"
+#include "tests/support/LogCapture.h"
 
 #include <chrono>
 #include <gmock/gmock.h>

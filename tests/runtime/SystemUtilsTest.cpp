@@ -1,8 +1,8 @@
-#include "SystemUtils.h"
+#include "runtime/SystemUtils.h"
 
-#include "ForkedRun.h"
-#include "LogCapture.h"
-#include "TempDirectory.h"
+#include "tests/support/ForkedRun.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDirectory.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,10 +1,10 @@
-#include "AsyncCallback.h"
-#include "CallbackConnection.h"
-#include "ConditionSemaphore.h"
-#include "LogCapture.h"
-#include "RealTask.h"
-#include "Timers.h"
-#include "Watched.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/Timers.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RealTask.h"
+#include "tests/support/Watched.h"
 
 #include <atomic>
 #include <filesystem>

@@ -1,11 +1,11 @@
-#include "Timers.h"
+#include "runtime/Timers.h"
 
-#include "ConditionSemaphore.h"
-#include "LogCapture.h"
-#include "MonotonicClock.h"
-#include "RealTask.h"
-#include "Simulation.h"
-#include "Watched.h"
+#include "runtime/ConditionSemaphore.h"
+#include "runtime/MonotonicClock.h"
+#include "runtime/engine/Simulation.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RealTask.h"
+#include "tests/support/Watched.h"
 
 #include <atomic>
 #include <chrono>

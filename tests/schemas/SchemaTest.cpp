@@ -1,9 +1,9 @@
 // The records' identity on the wire and in JSON: numbers, names and the mark of the schema.
-#include "NetManager.pb.h"
-#include "ProtoToMarkup.h"
-#include "SXCommon.pb.h"
-#include "Sonarix.pb.h"
-#include "SonarixPb.pb.h"
+#include "schemas/NetManager.pb.h"
+#include "schemas/SXCommon.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
+#include <ProtoToMarkup.h>
 
 #include <google/protobuf/descriptor.h>
 #include <gtest/gtest.h>

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "DiscoveryServiceAggregator.h"
-#include "DiscoveryServiceController.h"
-#include "DiscoveryServiceIPCServerIF.h"
-#include "DiscoveryServicePorticoClient.h"
-#include "FakeAggregator.h"
-#include "FakeConsole.h"
-#include "FakeDiscovery.h"
-#include "FakePortico.h"
-#include "MdnsDiscoveryProtocol.h"
-#include "OptionalParts.h"
-#include "Simulation.h"
+#include "Mdns/MdnsDiscoveryProtocol.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
+#include "interfaces/DiscoveryServiceIPCServerIF.h"
+#include "runtime/engine/Simulation.h"
+#include "service/DiscoveryServiceController.h"
+#include "service/OptionalParts.h"
+#include "tests/fakes/FakeAggregator.h"
+#include "tests/fakes/FakeConsole.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/fakes/FakePortico.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "DebugCommands.h"
+#include "service/DebugCommands.h"
 
-#include "ControllerFixture.h"
-#include "LogCapture.h"
+#include "tests/service/ControllerFixture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

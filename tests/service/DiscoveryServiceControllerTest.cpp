@@ -1,7 +1,7 @@
-#include "ControllerFixture.h"
-#include "FakeGSSDPHandler.h"
-#include "OptionalParts.h"
-#include "ProtoToMarkup.h"
+#include "service/OptionalParts.h"
+#include "tests/fakes/FakeGSSDPHandler.h"
+#include "tests/service/ControllerFixture.h"
+#include <ProtoToMarkup.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

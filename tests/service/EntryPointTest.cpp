@@ -1,12 +1,12 @@
-#include "ServiceEntry.h"
+#include "service/ServiceEntry.h"
 
-#include "DiscoveryServicePorticoClient.h"
-#include "FakeDiscovery.h"
-#include "FakePortico.h"
-#include "ForkedRun.h"
-#include "LogCapture.h"
-#include "MdnsDiscoveryProtocol.h"
-#include "TempDirectory.h"
+#include "Mdns/MdnsDiscoveryProtocol.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/fakes/FakePortico.h"
+#include "tests/support/ForkedRun.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
-#include "DiscoveryServiceController.h"
-#include "DiscoveryServicePorticoClient.h"
-#include "FakeDiscovery.h"
-#include "FakePortico.h"
-#include "ForkedRun.h"
-#include "MdnsDiscoveryProtocol.h"
-#include "OptionalParts.h"
-#include "Task.h"
+#include "Mdns/MdnsDiscoveryProtocol.h"
+#include "gateway/DiscoveryServicePorticoClient.h"
+#include "runtime/Task.h"
+#include "service/DiscoveryServiceController.h"
+#include "service/OptionalParts.h"
+#include "tests/fakes/FakeDiscovery.h"
+#include "tests/fakes/FakePortico.h"
+#include "tests/support/ForkedRun.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "Life.h"
+#include "tests/simulation/Life.h"
 
-#include "World.h"
+#include "tests/simulation/World.h"
 
 #include <chrono>
 #include <vector>

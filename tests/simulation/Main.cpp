@@ -1,8 +1,8 @@
 // Lives from fresh seeds for a given time, or from listed ones, each in a process of its own, on all processors.
 
-#include "ForkedRun.h"
-#include "Life.h"
-#include "Options.h"
+#include "tests/simulation/Life.h"
+#include "tests/support/ForkedRun.h"
+#include "tools/clients/options/Options.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,6 +1,6 @@
-#include "Model.h"
+#include "tests/simulation/Model.h"
 
-#include "Sonarix.pb.h"
+#include "schemas/Sonarix.pb.h"
 
 #include <algorithm>
 #include <cctype>

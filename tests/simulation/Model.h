@@ -1,7 +1,7 @@
 #pragma once
 
-#include "MdnsTypes.h"
-#include "SXCommon.pb.h"
+#include "Mdns/MdnsTypes.h"
+#include "schemas/SXCommon.pb.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,10 +1,10 @@
-#include "SsdpRoad.h"
+#include "tests/simulation/SsdpRoad.h"
 
-#include "CallbackRegistry.h"
-#include "FakeHttp.h"
-#include "GSSDPHandlerIF.h"
-#include "OptionalParts.h"
-#include "SsdpDiscoveryProtocol.h"
+#include "runtime/CallbackRegistry.h"
+#include "service/OptionalParts.h"
+#include "ssdp/GSSDPHandlerIF.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
+#include "tests/fakes/FakeHttp.h"
 
 #include <algorithm>
 #include <map>

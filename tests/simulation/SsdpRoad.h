@@ -1,8 +1,8 @@
 #pragma once
 
-#include "GSSDPHandlerFactory.h"
-#include "InterfaceLink.h"
-#include "World.h"
+#include "ssdp/GSSDPHandlerFactory.h"
+#include "ssdp/InterfaceLink.h"
+#include "tests/simulation/World.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,12 +1,12 @@
-#include "World.h"
+#include "tests/simulation/World.h"
 
-#include "DPrint.h"
-#include "DiscoveryServiceController.h"
-#include "MonotonicClock.h"
-#include "OptionalParts.h"
-#include "ProtoToMarkup.h"
-#include "Sonarix.pb.h"
-#include "SsdpRoad.h"
+#include "runtime/DPrint.h"
+#include "runtime/MonotonicClock.h"
+#include "schemas/Sonarix.pb.h"
+#include "service/DiscoveryServiceController.h"
+#include "service/OptionalParts.h"
+#include "tests/simulation/SsdpRoad.h"
+#include <ProtoToMarkup.h>
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "FakeConsole.h"
-#include "FakeMdns.h"
-#include "FakePortico.h"
-#include "Model.h"
-#include "Simulation.h"
-#include "TempDirectory.h"
+#include "runtime/engine/Simulation.h"
+#include "tests/fakes/FakeConsole.h"
+#include "tests/fakes/FakeMdns.h"
+#include "tests/fakes/FakePortico.h"
+#include "tests/simulation/Model.h"
+#include "tests/support/TempDirectory.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,8 +1,8 @@
-#include "AnnouncementGate.h"
+#include "ssdp/AnnouncementGate.h"
 
-#include "Location.h"
+#include "ssdp/Location.h"
 
-#include "LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

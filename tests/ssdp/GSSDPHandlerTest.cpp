@@ -1,10 +1,10 @@
-#include "GSSDPHandlerIF.h"
+#include "ssdp/GSSDPHandlerIF.h"
 
-#include "GSSDPHandlerFactory.h"
-#include "GlibLog.h"
-#include "LogCapture.h"
-#include "TestLan.h"
-#include "Watched.h"
+#include "ssdp/GSSDPHandlerFactory.h"
+#include "ssdp/GlibLog.h"
+#include "tests/ssdp/TestLan.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Watched.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

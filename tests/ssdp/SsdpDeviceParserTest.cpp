@@ -1,12 +1,12 @@
-#include "SsdpDeviceParser.h"
+#include "ssdp/SsdpDeviceParser.h"
 
-#include "FakeHttp.h"
-#include "LogCapture.h"
-#include "RealTask.h"
-#include "Simulation.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
-#include "Watched.h"
+#include "runtime/Task.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakeHttp.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RealTask.h"
+#include "tests/support/Watched.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>

@@ -1,12 +1,12 @@
-#include "SsdpDiscoveryProtocol.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
 
-#include "AsyncTaskRunner.h"
-#include "CallbackConnection.h"
-#include "FakeGSSDPHandler.h"
-#include "HttpServer.h"
-#include "LogCapture.h"
-#include "Sonarix.pb.h"
-#include "Watched.h"
+#include "http/AsyncTaskRunner.h"
+#include "runtime/CallbackConnection.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakeGSSDPHandler.h"
+#include "tests/support/HttpServer.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Watched.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
-#include "SsdpDiscovery.h"
+#include "ssdp/SsdpDiscovery.h"
 
-#include "FakeGSSDPHandler.h"
-#include "LogCapture.h"
-#include "Simulation.h"
-#include "Sonarix.pb.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/Sonarix.pb.h"
+#include "tests/fakes/FakeGSSDPHandler.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

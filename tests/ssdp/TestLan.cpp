@@ -1,4 +1,4 @@
-#include "TestLan.h"
+#include "tests/ssdp/TestLan.h"
 
 #include <arpa/inet.h>
 #include <array>

@@ -1,4 +1,4 @@
-#include "ForkedRun.h"
+#include "tests/support/ForkedRun.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "HttpServer.h"
+#include "tests/support/HttpServer.h"
 
 #include <array>
 #include <deque>

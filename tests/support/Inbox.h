@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Watched.h"
+#include "tests/support/Watched.h"
 
 #include <algorithm>
 #include <deque>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "DPrint.h"
-#include "Watched.h"
+#include "runtime/DPrint.h"
+#include "tests/support/Watched.h"
 
 #include <chrono>
 #include <cstddef>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Task.h"
+#include "runtime/Task.h"
 
 #include <functional>
 #include <future>

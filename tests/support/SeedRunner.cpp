@@ -1,6 +1,6 @@
-#include "SeedRunner.h"
+#include "tests/support/SeedRunner.h"
 
-#include "ForkedRun.h"
+#include "tests/support/ForkedRun.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,6 +1,6 @@
-#include "Advertiser.h"
+#include "tools/hub-service/Advertiser.h"
 
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
 #include <algorithm>
 #include <utility>

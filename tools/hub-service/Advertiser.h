@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Backoff.h"
-#include "Timers.h"
+#include "base/Backoff.h"
+#include "runtime/Timers.h"
 
 #include <chrono>
 #include <cstdint>

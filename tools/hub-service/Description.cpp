@@ -1,9 +1,9 @@
-#include "Description.h"
+#include "tools/hub-service/Description.h"
 
-#include "HubApi.pb.h"
-#include "MfgData.h"
-#include "Options.h"
-#include "ProtoToMarkup.h"
+#include "schemas/HubApi.pb.h"
+#include "tools/clients/options/Options.h"
+#include <MfgData.h>
+#include <ProtoToMarkup.h>
 
 #include <fstream>
 #include <iterator>

@@ -1,11 +1,11 @@
-#include "HubClient.h"
+#include "tools/hub-service/HubClient.h"
 
-#include "DPrint.h"
-#include "NetManager.pb.h"
-#include "PorticoClient.h"
-#include "PorticoError.pb.h"
-#include "Sonarix.pb.h"
-#include "Task.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "schemas/NetManager.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include <PorticoClient.h>
+#include <PorticoError.pb.h>
 
 #include <iostream>
 #include <utility>

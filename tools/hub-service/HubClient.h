@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Advertiser.h"
-#include "HubApi.pb.h"
+#include "schemas/HubApi.pb.h"
+#include "tools/hub-service/Advertiser.h"
 
 #include <memory>
 #include <optional>

@@ -1,9 +1,9 @@
 // Stand-in for the sibling process that knows what the product is: has it advertised.
-#include "DPrint.h"
-#include "Description.h"
-#include "HubClient.h"
-#include "Options.h"
-#include "Task.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "tools/clients/options/Options.h"
+#include "tools/hub-service/Description.h"
+#include "tools/hub-service/HubClient.h"
 
 #include <csignal>
 #include <iostream>

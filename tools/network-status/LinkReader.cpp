@@ -1,4 +1,4 @@
-#include "LinkReader.h"
+#include "tools/network-status/LinkReader.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

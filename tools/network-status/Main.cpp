@@ -1,12 +1,12 @@
 // Stand-in for the product's network service: tells through the gateway what the kernel says of the network.
-#include "DPrint.h"
-#include "LinkReader.h"
-#include "NetlinkMonitor.h"
-#include "Options.h"
-#include "Publisher.h"
-#include "StatusBuilder.h"
-#include "Task.h"
-#include "WifiBands.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "tools/clients/options/Options.h"
+#include "tools/network-status/LinkReader.h"
+#include "tools/network-status/NetlinkMonitor.h"
+#include "tools/network-status/Publisher.h"
+#include "tools/network-status/StatusBuilder.h"
+#include "tools/network-status/WifiBands.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,6 +1,6 @@
-#include "NetlinkMonitor.h"
+#include "tools/network-status/NetlinkMonitor.h"
 
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
 #include <array>
 #include <cerrno>

@@ -1,8 +1,8 @@
-#include "Publisher.h"
+#include "tools/network-status/Publisher.h"
 
-#include "DPrint.h"
-#include "PorticoClient.h"
-#include "Task.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include <PorticoClient.h>
 
 #include <utility>
 

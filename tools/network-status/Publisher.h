@@ -1,6 +1,6 @@
 #pragma once
 
-#include "NetManager.pb.h"
+#include "schemas/NetManager.pb.h"
 
 #include <memory>
 #include <string>

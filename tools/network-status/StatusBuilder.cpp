@@ -1,6 +1,6 @@
-#include "StatusBuilder.h"
+#include "tools/network-status/StatusBuilder.h"
 
-#include "NetManager.pb.h"
+#include "schemas/NetManager.pb.h"
 
 #include <algorithm>
 #include <utility>

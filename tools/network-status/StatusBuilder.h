@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Link.h"
+#include "tools/network-status/Link.h"
 
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
-#include "WifiBands.h"
+#include "tools/network-status/WifiBands.h"
 
-#include "NetManager.pb.h"
+#include "schemas/NetManager.pb.h"
 
 #include <map>
 #include <sstream>

@@ -1,7 +1,7 @@
-#include "ClientConnection.h"
+#include "tools/portico-gateway/ClientConnection.h"
 
-#include "DPrint.h"
-#include "WebSocket.h"
+#include "runtime/DPrint.h"
+#include "websocket/WebSocket.h"
 
 #include <utility>
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "PendingRequests.h"
-#include "Router.h"
-#include "RpcFrame.h"
-#include "Subscriptions.h"
-#include "Surroundings.h"
+#include "tools/portico-gateway/PendingRequests.h"
+#include "tools/portico-gateway/Router.h"
+#include "tools/portico-gateway/RpcFrame.h"
+#include "tools/portico-gateway/Subscriptions.h"
+#include "tools/portico-gateway/Surroundings.h"
 
 #include <cstddef>
 #include <functional>

@@ -1,10 +1,10 @@
-#include "GatewayProgram.h"
+#include "tools/portico-gateway/GatewayProgram.h"
 
-#include "DPrint.h"
-#include "LanConnection.h"
-#include "LocalConnection.h"
-#include "Task.h"
-#include "WebSocket.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "tools/portico-gateway/LanConnection.h"
+#include "tools/portico-gateway/LocalConnection.h"
+#include "websocket/WebSocket.h"
 
 #include <utility>
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "ClientConnection.h"
-#include "MdnsLookup.h"
-#include "PeerAddresses.h"
-#include "Router.h"
-#include "Subscriptions.h"
-#include "Surroundings.h"
+#include "tools/portico-gateway/ClientConnection.h"
+#include "tools/portico-gateway/MdnsLookup.h"
+#include "tools/portico-gateway/PeerAddresses.h"
+#include "tools/portico-gateway/Router.h"
+#include "tools/portico-gateway/Subscriptions.h"
+#include "tools/portico-gateway/Surroundings.h"
 
 #include <cstdint>
 #include <map>

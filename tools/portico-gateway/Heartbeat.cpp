@@ -1,4 +1,4 @@
-#include "Heartbeat.h"
+#include "tools/portico-gateway/Heartbeat.h"
 
 #include <utility>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "PendingRequests.h"
-#include "Surroundings.h"
-#include "Timers.h"
+#include "runtime/Timers.h"
+#include "tools/portico-gateway/PendingRequests.h"
+#include "tools/portico-gateway/Surroundings.h"
 
 #include <functional>
 #include <memory>

@@ -1,7 +1,7 @@
-#include "LanConnection.h"
+#include "tools/portico-gateway/LanConnection.h"
 
-#include "DPrint.h"
-#include "WebSocket.h"
+#include "runtime/DPrint.h"
+#include "websocket/WebSocket.h"
 
 #include <utility>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ClientConnection.h"
+#include "tools/portico-gateway/ClientConnection.h"
 
 #include <memory>
 #include <string>

@@ -1,7 +1,7 @@
-#include "LocalConnection.h"
+#include "tools/portico-gateway/LocalConnection.h"
 
-#include "DPrint.h"
-#include "WebSocket.h"
+#include "runtime/DPrint.h"
+#include "websocket/WebSocket.h"
 
 #include <utility>
 

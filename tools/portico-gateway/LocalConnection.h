@@ -1,8 +1,8 @@
 #pragma once
 
-#include "ClientConnection.h"
-#include "Heartbeat.h"
-#include "RemoteProduct.h"
+#include "tools/portico-gateway/ClientConnection.h"
+#include "tools/portico-gateway/Heartbeat.h"
+#include "tools/portico-gateway/RemoteProduct.h"
 
 #include <memory>
 #include <string>

@@ -1,8 +1,8 @@
-#include "GatewayProgram.h"
+#include "tools/portico-gateway/GatewayProgram.h"
 
-#include "DPrint.h"
-#include "MfgData.h"
-#include "Task.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include <MfgData.h>
 
 #include <charconv>
 #include <csignal>

@@ -1,7 +1,7 @@
-#include "MdnsLookup.h"
+#include "tools/portico-gateway/MdnsLookup.h"
 
-#include "MdnsWorker.h"
-#include "Task.h"
+#include "runtime/Task.h"
+#include "tools/portico-gateway/MdnsWorker.h"
 
 #include <utility>
 

@@ -1,9 +1,9 @@
-#include "MdnsWorker.h"
+#include "tools/portico-gateway/MdnsWorker.h"
 
-#include "AsyncCallback.h"
-#include "BrowserFactory.h"
-#include "MdnsClient.h"
-#include "MonotonicClock.h"
+#include "Mdns/BrowserFactory.h"
+#include "Mdns/MdnsClient.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/MonotonicClock.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "CallbackConnection.h"
-#include "MdnsLookup.h"
-#include "MdnsTypes.h"
-#include "Timers.h"
+#include "Mdns/MdnsTypes.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/Timers.h"
+#include "tools/portico-gateway/MdnsLookup.h"
 
 #include <chrono>
 #include <cstddef>

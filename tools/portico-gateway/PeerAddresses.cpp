@@ -1,8 +1,8 @@
-#include "PeerAddresses.h"
+#include "tools/portico-gateway/PeerAddresses.h"
 
-#include "ProductTable.h"
-#include "Router.h"
-#include "Task.h"
+#include "runtime/Task.h"
+#include "tools/portico-gateway/ProductTable.h"
+#include "tools/portico-gateway/Router.h"
 
 #include <map>
 #include <optional>

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "MdnsLookup.h"
-#include "Peer.h"
-#include "PeersFile.h"
-#include "RpcFrame.h"
-#include "Timers.h"
+#include "runtime/Timers.h"
+#include "tools/portico-gateway/MdnsLookup.h"
+#include "tools/portico-gateway/Peer.h"
+#include "tools/portico-gateway/PeersFile.h"
+#include "tools/portico-gateway/RpcFrame.h"
 
 #include <chrono>
 #include <functional>

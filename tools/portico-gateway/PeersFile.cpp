@@ -1,6 +1,6 @@
-#include "PeersFile.h"
+#include "tools/portico-gateway/PeersFile.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <charconv>
 #include <fstream>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Peer.h"
+#include "tools/portico-gateway/Peer.h"
 
 #include <optional>
 #include <set>

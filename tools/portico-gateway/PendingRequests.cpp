@@ -1,6 +1,6 @@
-#include "PendingRequests.h"
+#include "tools/portico-gateway/PendingRequests.h"
 
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "RpcFrame.h"
-#include "Timers.h"
+#include "runtime/Timers.h"
+#include "tools/portico-gateway/RpcFrame.h"
 
 #include <chrono>
 #include <cstddef>

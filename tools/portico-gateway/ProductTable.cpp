@@ -1,4 +1,4 @@
-#include "ProductTable.h"
+#include "tools/portico-gateway/ProductTable.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "RpcFrame.h"
+#include "tools/portico-gateway/RpcFrame.h"
 
 #include <map>
 #include <string>

@@ -1,11 +1,11 @@
-#include "RemoteProduct.h"
+#include "tools/portico-gateway/RemoteProduct.h"
 
-#include "DPrint.h"
-#include "MonotonicClock.h"
-#include "PeerAddresses.h"
-#include "ProductTable.h"
-#include "Task.h"
-#include "WebSocket.h"
+#include "runtime/DPrint.h"
+#include "runtime/MonotonicClock.h"
+#include "runtime/Task.h"
+#include "tools/portico-gateway/PeerAddresses.h"
+#include "tools/portico-gateway/ProductTable.h"
+#include "websocket/WebSocket.h"
 
 #include <algorithm>
 #include <utility>

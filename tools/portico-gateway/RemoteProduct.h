@@ -1,9 +1,9 @@
 #pragma once
 
-#include "Peer.h"
-#include "PendingRequests.h"
-#include "RpcFrame.h"
-#include "Surroundings.h"
+#include "tools/portico-gateway/Peer.h"
+#include "tools/portico-gateway/PendingRequests.h"
+#include "tools/portico-gateway/RpcFrame.h"
+#include "tools/portico-gateway/Surroundings.h"
 
 #include <chrono>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "Router.h"
+#include "tools/portico-gateway/Router.h"
 
 #include <algorithm>
 #include <utility>

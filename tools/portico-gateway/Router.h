@@ -1,7 +1,7 @@
 #pragma once
 
-#include "PendingRequests.h"
-#include "RpcFrame.h"
+#include "tools/portico-gateway/PendingRequests.h"
+#include "tools/portico-gateway/RpcFrame.h"
 
 #include <cstddef>
 #include <functional>

@@ -1,6 +1,6 @@
-#include "RpcFrame.h"
+#include "tools/portico-gateway/RpcFrame.h"
 
-#include "JsonText.h"
+#include "base/JsonText.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,6 +1,6 @@
-#include "Subscriptions.h"
+#include "tools/portico-gateway/Subscriptions.h"
 
-#include "DPrint.h"
+#include "runtime/DPrint.h"
 
 #include <iterator>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Router.h"
+#include "tools/portico-gateway/Router.h"
 
 #include <cstddef>
 #include <map>

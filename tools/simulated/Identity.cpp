@@ -1,7 +1,7 @@
-#include "Identity.h"
+#include "tools/simulated/Identity.h"
 
-#include "ProtoToMarkup.h"
-#include "Sonarix.pb.h"
+#include "schemas/Sonarix.pb.h"
+#include <ProtoToMarkup.h>
 
 #include <array>
 #include <cstdio>

@@ -1,6 +1,6 @@
-#include "MulticastSocket.h"
+#include "tools/simulated/MulticastSocket.h"
 
-#include "TaskIo.h"
+#include "runtime/TaskIo.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/udp.hpp>

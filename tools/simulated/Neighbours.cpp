@@ -1,6 +1,6 @@
-#include "Neighbours.h"
+#include "tools/simulated/Neighbours.h"
 
-#include "Task.h"
+#include "runtime/Task.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,7 +1,7 @@
-#include "ProductFace.h"
+#include "tools/simulated/ProductFace.h"
 
-#include "RpcFrame.h"
-#include "WebSocket.h"
+#include "tools/portico-gateway/RpcFrame.h"
+#include "websocket/WebSocket.h"
 
 #include <utility>
 

@@ -1,6 +1,6 @@
-#include "Schedule.h"
+#include "tools/simulated/Schedule.h"
 
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
 #include <algorithm>
 #include <utility>

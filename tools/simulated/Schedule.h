@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Timers.h"
+#include "runtime/Timers.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,12 +1,12 @@
-#include "CLIClient.h"
+#include <CLIClient.h>
 
-#include "ConsoleProtocol.h"
-#include "DPrint.h"
-#include "LineAnswerer.h"
-#include "LineServer.h"
-#include "SystemUtils.h"
-#include "Task.h"
-#include "ThreadMutex.h"
+#include "platform/console/ConsoleProtocol.h"
+#include "platform/console/LineAnswerer.h"
+#include "platform/console/LineServer.h"
+#include "runtime/DPrint.h"
+#include "runtime/SystemUtils.h"
+#include "runtime/Task.h"
+#include "runtime/ThreadMutex.h"
 
 #include <atomic>
 #include <utility>

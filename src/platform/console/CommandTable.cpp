@@ -1,4 +1,4 @@
-#include "CommandTable.h"
+#include "platform/console/CommandTable.h"
 
 #include <algorithm>
 #include <utility>

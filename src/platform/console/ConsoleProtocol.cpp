@@ -1,4 +1,4 @@
-#include "ConsoleProtocol.h"
+#include "platform/console/ConsoleProtocol.h"
 
 #include <nlohmann/json.hpp>
 

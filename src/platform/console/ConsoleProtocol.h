@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CLIClient.h"
+#include <CLIClient.h>
 
 #include <string>
 

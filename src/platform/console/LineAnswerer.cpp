@@ -1,7 +1,7 @@
-#include "LineAnswerer.h"
+#include "platform/console/LineAnswerer.h"
 
-#include "ConsoleProtocol.h"
-#include "DPrint.h"
+#include "platform/console/ConsoleProtocol.h"
+#include "runtime/DPrint.h"
 
 #include <exception>
 #include <list>

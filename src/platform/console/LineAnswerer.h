@@ -1,7 +1,7 @@
 #pragma once
 
-#include "CLIClient.h"
-#include "CommandTable.h"
+#include "platform/console/CommandTable.h"
+#include <CLIClient.h>
 
 #include <string>
 

@@ -1,9 +1,9 @@
-#include "LineServer.h"
+#include "platform/console/LineServer.h"
 
-#include "DPrint.h"
-#include "ListeningSocket.h"
-#include "Task.h"
-#include "TaskIo.h"
+#include "base/ListeningSocket.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "runtime/TaskIo.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>

@@ -1,6 +1,6 @@
-#include "DPrint.h"
-#include "JsonText.h"
-#include "ProtoToMarkup.h"
+#include "base/JsonText.h"
+#include "runtime/DPrint.h"
+#include <ProtoToMarkup.h>
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>

@@ -1,6 +1,6 @@
-#include "ProtoToMarkup.h"
-#include "Utf8.h"
-#include "WrittenRows.h"
+#include "base/Utf8.h"
+#include "platform/markup/WrittenRows.h"
+#include <ProtoToMarkup.h>
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>

@@ -1,8 +1,8 @@
-#include "MfgData.h"
+#include <MfgData.h>
 
-#include "DPrint.h"
-#include "MfgDataParser.h"
-#include "SystemUtils.h"
+#include "platform/mfgdata/MfgDataParser.h"
+#include "runtime/DPrint.h"
+#include "runtime/SystemUtils.h"
 
 #include <nlohmann/json.hpp>
 

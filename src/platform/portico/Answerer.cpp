@@ -1,9 +1,9 @@
-#include "Answerer.h"
+#include "platform/portico/Answerer.h"
 
-#include "JsonRpc.h"
-#include "PorticoClientIF.h"
-#include "Session.h"
-#include "Task.h"
+#include "platform/portico/JsonRpc.h"
+#include "platform/portico/Session.h"
+#include "runtime/Task.h"
+#include <PorticoClientIF.h>
 
 #include <utility>
 

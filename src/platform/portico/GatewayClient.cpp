@@ -1,7 +1,7 @@
-#include "GatewayClient.h"
+#include "platform/portico/GatewayClient.h"
 
-#include "DPrint.h"
-#include "Task.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
 
 #include <utility>
 

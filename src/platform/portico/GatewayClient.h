@@ -1,8 +1,8 @@
 #pragma once
 
-#include "PorticoClientIF.h"
-#include "Session.h"
-#include "Slot.h"
+#include "platform/portico/Session.h"
+#include "platform/portico/Slot.h"
+#include <PorticoClientIF.h>
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,6 @@
-#include "IoTask.h"
+#include "platform/portico/IoTask.h"
 
-#include "Task.h"
+#include "runtime/Task.h"
 
 NotifyTargetTaskIF* Portico::IoTask()
 {

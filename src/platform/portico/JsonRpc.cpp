@@ -1,6 +1,6 @@
-#include "JsonRpc.h"
+#include "platform/portico/JsonRpc.h"
 
-#include "JsonText.h"
+#include "base/JsonText.h"
 
 #include <nlohmann/json.hpp>
 

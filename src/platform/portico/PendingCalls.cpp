@@ -1,6 +1,6 @@
-#include "PendingCalls.h"
+#include "platform/portico/PendingCalls.h"
 
-#include "MonotonicClock.h"
+#include "runtime/MonotonicClock.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
-#include "PorticoClient.h"
+#include <PorticoClient.h>
 
-#include "GatewayClient.h"
-#include "IoTask.h"
+#include "platform/portico/GatewayClient.h"
+#include "platform/portico/IoTask.h"
 
 #include <utility>
 

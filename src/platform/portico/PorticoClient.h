@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AsyncCallback.h"
-#include "PorticoClientIF.h"
+#include "runtime/AsyncCallback.h"
+#include <PorticoClientIF.h>
 
 #include <memory>
 #include <optional>

@@ -1,6 +1,6 @@
-#include "PorticoClientIF.h"
+#include <PorticoClientIF.h>
 
-#include "PorticoError.pb.h"
+#include <PorticoError.pb.h>
 
 void PorticoClientIF::AnswerMarkupError(const Response& error, const std::string& text)
 {

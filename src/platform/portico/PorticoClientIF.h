@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "ProtoToMarkup.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
+#include <ProtoToMarkup.h>
 
 #include <exception>
 #include <memory>

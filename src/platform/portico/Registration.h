@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Backoff.h"
-#include "PorticoClientIF.h"
-#include "Slot.h"
+#include "base/Backoff.h"
+#include "platform/portico/Slot.h"
+#include <PorticoClientIF.h>
 
 #include <memory>
 #include <string>

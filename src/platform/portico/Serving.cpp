@@ -1,8 +1,8 @@
 // What a session serves and listens to: told to the gateway at each connection, answered, withdrawn.
-#include "Answerer.h"
-#include "DPrint.h"
-#include "Session.h"
-#include "WebSocket.h"
+#include "platform/portico/Answerer.h"
+#include "platform/portico/Session.h"
+#include "runtime/DPrint.h"
+#include "websocket/WebSocket.h"
 
 #include <algorithm>
 #include <utility>

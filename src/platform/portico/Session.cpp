@@ -1,8 +1,8 @@
-#include "Session.h"
+#include "platform/portico/Session.h"
 
-#include "DPrint.h"
-#include "MonotonicClock.h"
-#include "WebSocket.h"
+#include "runtime/DPrint.h"
+#include "runtime/MonotonicClock.h"
+#include "websocket/WebSocket.h"
 
 #include <chrono>
 #include <utility>

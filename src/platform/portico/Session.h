@@ -1,12 +1,12 @@
 #pragma once
 
-#include "Backoff.h"
-#include "HeldNotifications.h"
-#include "JsonRpc.h"
-#include "PendingCalls.h"
-#include "PorticoClient.h"
-#include "Registration.h"
-#include "Timers.h"
+#include "base/Backoff.h"
+#include "platform/portico/HeldNotifications.h"
+#include "platform/portico/JsonRpc.h"
+#include "platform/portico/PendingCalls.h"
+#include "platform/portico/Registration.h"
+#include "runtime/Timers.h"
+#include <PorticoClient.h>
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Callback.h"
-#include "ThreadMutex.h"
+#include "runtime/Callback.h"
+#include "runtime/ThreadMutex.h"
 
 #include <memory>
 #include <utility>

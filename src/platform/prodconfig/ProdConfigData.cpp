@@ -1,8 +1,8 @@
-#include "ProdConfigData.h"
+#include <ProdConfigData.h>
 
-#include "DPrint.h"
-#include "ProdConfigParser.h"
-#include "SystemUtils.h"
+#include "platform/prodconfig/ProdConfigParser.h"
+#include "runtime/DPrint.h"
+#include "runtime/SystemUtils.h"
 
 #include <nlohmann/json.hpp>
 

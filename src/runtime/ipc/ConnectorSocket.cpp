@@ -1,4 +1,4 @@
-#include "ConnectorSocket.h"
+#include "runtime/ipc/ConnectorSocket.h"
 
 #include <array>
 #include <cstddef>

@@ -1,9 +1,9 @@
-#include "IPCConnection.h"
+#include "runtime/ipc/IPCConnection.h"
 
-#include "DPrint.h"
-#include "IPCMessageEnvelope.h"
-#include "Task.h"
-#include "TaskIo.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "runtime/TaskIo.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
 
 #include <boost/asio/io_context.hpp>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "IPCFraming.h"
+#include "runtime/ipc/IPCFraming.h"
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 

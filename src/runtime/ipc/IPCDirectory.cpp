@@ -1,6 +1,6 @@
-#include "IPCDirectory.h"
+#include "runtime/ipc/IPCDirectory.h"
 
-#include "SystemUtils.h"
+#include "runtime/SystemUtils.h"
 
 namespace
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "NetworkAddress.h"
+#include "runtime/ipc/NetworkAddress.h"
 
 #include <memory>
 #include <string>

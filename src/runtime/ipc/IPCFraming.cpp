@@ -1,7 +1,7 @@
-#include "IPCFraming.h"
+#include "runtime/ipc/IPCFraming.h"
 
-#include "IPCMessageEnvelope.h"
-#include "IPCMessageEnvelopeBase.pb.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "runtime/ipc/IPCMessageEnvelopeBase.pb.h"
 
 #include <cstdint>
 

@@ -1,4 +1,4 @@
-#include "IPCMessageEnvelope.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
 
 #include <google/protobuf/message.h>
 

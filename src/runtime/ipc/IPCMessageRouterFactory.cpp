@@ -1,11 +1,11 @@
-#include "IPCMessageRouterFactory.h"
+#include "runtime/ipc/IPCMessageRouterFactory.h"
 
-#include "ConnectorSocket.h"
-#include "DPrint.h"
-#include "IPCConnection.h"
-#include "IPCMessageRouterIF.h"
-#include "Task.h"
-#include "ThreadMutex.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "runtime/ThreadMutex.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCConnection.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
 
 #include <atomic>
 #include <map>

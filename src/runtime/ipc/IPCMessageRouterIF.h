@@ -1,9 +1,9 @@
 #pragma once
 
-#include "AsyncCallback.h"
-#include "Callback.h"
-#include "CallbackConnection.h"
-#include "IPCMessageEnvelope.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/Callback.h"
+#include "runtime/CallbackConnection.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
 
 #include <functional>
 #include <memory>

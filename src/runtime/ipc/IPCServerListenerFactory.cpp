@@ -1,4 +1,4 @@
-#include "IPCServerListenerFactory.h"
+#include "runtime/ipc/IPCServerListenerFactory.h"
 
 #include <atomic>
 

@@ -1,11 +1,11 @@
-#include "ServerListenerIF.h"
+#include "runtime/ipc/ServerListenerIF.h"
 
-#include "ConnectorSocket.h"
-#include "DPrint.h"
-#include "ListeningSocket.h"
-#include "Task.h"
-#include "TaskIo.h"
-#include "ThreadMutex.h"
+#include "base/ListeningSocket.h"
+#include "runtime/DPrint.h"
+#include "runtime/Task.h"
+#include "runtime/TaskIo.h"
+#include "runtime/ThreadMutex.h"
+#include "runtime/ipc/ConnectorSocket.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AsyncCallback.h"
-#include "NetworkAddress.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/ipc/NetworkAddress.h"
 
 #include <memory>
 #include <string>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "ConnectorSocket.h"
-#include "IPCFraming.h"
-#include "IPCMessageEnvelope.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCFraming.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
 
 #include <google/protobuf/message.h>
 

@@ -1,6 +1,6 @@
-#include "IPCFraming.h"
-#include "IPCMessageEnvelope.h"
-#include "SocketClient.h"
+#include "runtime/ipc/IPCFraming.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "tests/ipc/support/SocketClient.h"
 
 #include <gtest/gtest.h>
 

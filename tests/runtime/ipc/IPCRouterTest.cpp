@@ -1,6 +1,6 @@
-#include "LogCapture.h"
-#include "RouterService.h"
-#include "SocketClient.h"
+#include "tests/ipc/support/SocketClient.h"
+#include "tests/runtime/ipc/RouterService.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "AsyncCallback.h"
-#include "ConnectorSocket.h"
-#include "IPCMessageEnvelope.h"
-#include "IPCMessageRouterFactory.h"
-#include "IPCMessageRouterIF.h"
-#include "RealTask.h"
-#include "ServerListenerIF.h"
-#include "SonarixPb.pb.h"
-#include "TempDirectory.h"
-#include "Watched.h"
+#include "runtime/AsyncCallback.h"
+#include "runtime/ipc/ConnectorSocket.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "runtime/ipc/IPCMessageRouterFactory.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
+#include "runtime/ipc/ServerListenerIF.h"
+#include "schemas/SonarixPb.pb.h"
+#include "tests/support/RealTask.h"
+#include "tests/support/TempDirectory.h"
+#include "tests/support/Watched.h"
 
 #include <memory>
 #include <set>

@@ -1,8 +1,8 @@
-#include "ForkedRun.h"
-#include "IPCDirectory.h"
-#include "LogCapture.h"
-#include "RouterService.h"
-#include "SocketClient.h"
+#include "runtime/ipc/IPCDirectory.h"
+#include "tests/ipc/support/SocketClient.h"
+#include "tests/runtime/ipc/RouterService.h"
+#include "tests/support/ForkedRun.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

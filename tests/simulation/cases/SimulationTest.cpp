@@ -1,5 +1,5 @@
-#include "Life.h"
-#include "SeedRunner.h"
+#include "tests/simulation/Life.h"
+#include "tests/support/SeedRunner.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
 // What is posted, and when (in virtual time).
-#include "Advertiser.h"
-#include "Description.h"
-#include "HubApi.pb.h"
-#include "Options.h"
-#include "Simulation.h"
-#include "Task.h"
+#include "runtime/Task.h"
+#include "runtime/engine/Simulation.h"
+#include "schemas/HubApi.pb.h"
+#include "tools/clients/options/Options.h"
+#include "tools/hub-service/Advertiser.h"
+#include "tools/hub-service/Description.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // What is said of the links.
-#include "NetManager.pb.h"
-#include "StatusBuilder.h"
+#include "schemas/NetManager.pb.h"
+#include "tools/network-status/StatusBuilder.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "GatewayUnderTest.h"
-#include "RpcClient.h"
-#include "WebSocketRawClient.h"
+#include "tests/tools/portico-gateway/GatewayUnderTest.h"
+#include "tests/tools/portico-gateway/RpcClient.h"
+#include "tests/websocket/WebSocketRawClient.h"
 
 #include <gtest/gtest.h>
 

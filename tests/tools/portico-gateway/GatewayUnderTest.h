@@ -1,8 +1,8 @@
 #pragma once
 
-#include "GatewayProgram.h"
-#include "RealTask.h"
-#include "Watched.h"
+#include "tests/support/RealTask.h"
+#include "tests/support/Watched.h"
+#include "tools/portico-gateway/GatewayProgram.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "GatewayUnderTest.h"
-#include "Router.h"
-#include "RpcClient.h"
-#include "Subscriptions.h"
+#include "tests/tools/portico-gateway/GatewayUnderTest.h"
+#include "tests/tools/portico-gateway/RpcClient.h"
+#include "tools/portico-gateway/Router.h"
+#include "tools/portico-gateway/Subscriptions.h"
 
 #include <gtest/gtest.h>
 

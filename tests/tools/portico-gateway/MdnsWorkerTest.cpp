@@ -1,8 +1,8 @@
-#include "MdnsWorker.h"
+#include "tools/portico-gateway/MdnsWorker.h"
 
-#include "FakeMdns.h"
-#include "Simulation.h"
-#include "Task.h"
+#include "runtime/Task.h"
+#include "runtime/engine/Simulation.h"
+#include "tests/fakes/FakeMdns.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
-#include "GatewayUnderTest.h"
-#include "LogCapture.h"
-#include "RpcClient.h"
-#include "WebSocketCertificates.h"
+#include "tests/support/LogCapture.h"
+#include "tests/tools/portico-gateway/GatewayUnderTest.h"
+#include "tests/tools/portico-gateway/RpcClient.h"
+#include "tests/websocket/WebSocketCertificates.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Inbox.h"
-#include "RealTask.h"
-#include "WebSocket.h"
+#include "tests/support/Inbox.h"
+#include "tests/support/RealTask.h"
+#include "websocket/WebSocket.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

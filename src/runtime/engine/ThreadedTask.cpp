@@ -1,0 +1,359 @@
+#include "runtime/engine/ThreadedTask.h"
+
+#include "runtime/CaughtException.h"
+#include "runtime/DPrint.h"
+#include "runtime/engine/CurrentTask.h"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <algorithm>
+#include <cstddef>
+#include <system_error>
+
+namespace
+{
+
+const DPrint s_log("Tasks");
+
+/// Enough for what runs on tasks; sanitizers make frames several times larger.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kStackBytes = std::size_t{4} * 1024 * 1024;
+#else
+constexpr std::size_t kStackBytes = std::size_t{512} * 1024;
+#endif
+
+constexpr std::size_t kThreadNameLength = 15; ///< the kernel's limit, without the end of the string
+
+} // namespace
+
+namespace IL
+{
+
+struct ThreadedTask::Context : boost::asio::io_context
+{
+    Context()
+        : io_context(1) // one thread runs it
+        , m_work(get_executor())
+    {
+    }
+    using execution_context::shutdown; // destroys the handlers that wait, keeps the services for their sockets
+
+    boost::asio::executor_work_guard<executor_type> m_work;
+    std::optional<boost::asio::steady_timer> m_alarm; ///< task's thread only
+};
+
+ThreadedTask::ThreadedTask(const std::string& name)
+    : m_name(name)
+    , m_context(std::make_unique<Context>())
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStackBytes);
+    const int error = pthread_create(&m_thread, &attributes, &ThreadedTask::ThreadMain, this);
+    pthread_attr_destroy(&attributes);
+    if (error != 0)
+    {
+        throw std::system_error(error, std::generic_category(), "no thread for task " + name);
+    }
+}
+
+ThreadedTask::~ThreadedTask() = default;
+
+void* ThreadedTask::ThreadMain(void* self)
+{
+    static_cast<ThreadedTask*>(self)->Run();
+    return nullptr;
+}
+
+void ThreadedTask::Run()
+{
+    const CurrentTaskScope current(this);
+    pthread_setname_np(pthread_self(), m_name.substr(0, kThreadNameLength).c_str());
+    for (bool running = true; running;)
+    {
+        try
+        {
+            m_context->run(); // returns at Stop()
+            running = false;
+        }
+        catch (...)
+        {
+            LogCaughtException(m_name);
+        }
+    }
+    End();
+}
+
+/// The rest of a stop, on the task's thread. What is thrown away is destroyed outside the lock: destructors of
+/// entries and callbacks may call us.
+void ThreadedTask::End()
+{
+    {
+        std::deque<std::shared_ptr<CallbackEntry>> queue;
+        std::map<TimerKey, ArmedTimer> timers;
+        {
+            const std::lock_guard lock(m_mutex);
+            queue.swap(m_queue);
+            timers.swap(m_timers);
+            for (const auto& [key, timer] : timers)
+            {
+                timer.m_slot->m_key.reset();
+            }
+        }
+    }
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopNotified = true;
+    }
+    m_stopNotifications.Send({});
+    m_stopNotifications.DisconnectAll();
+
+    std::unique_ptr<Context> unused;
+    Context* lent = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_context->m_alarm.reset();
+        if (m_contextLent)
+        {
+            lent = m_context.get();
+        }
+        else
+        {
+            unused = std::move(m_context);
+        }
+    }
+    unused.reset();
+    if (lent != nullptr)
+    {
+        lent->shutdown();
+    }
+
+    const std::lock_guard lock(m_mutex);
+    m_ended = true;
+    if (!m_joining)
+    {
+        pthread_detach(pthread_self());
+    }
+    m_endChanged.notify_all();
+}
+
+bool ThreadedTask::IsCurrent() const
+{
+    return CurrentTask() == this;
+}
+
+bool ThreadedTask::HasEnded() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_ended;
+}
+
+void ThreadedTask::Post(std::shared_ptr<CallbackEntry> entry)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_stopping || !entry)
+    {
+        return;
+    }
+    m_queue.push_back(std::move(entry));
+    boost::asio::post(*m_context, [this] { DispatchNext(); });
+}
+
+void ThreadedTask::DispatchNext()
+{
+    std::shared_ptr<CallbackEntry> entry;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_stopping || m_queue.empty())
+        {
+            return;
+        }
+        entry = std::move(m_queue.front());
+        m_queue.pop_front();
+    }
+    entry->Dispatch();
+}
+
+CallbackConnection ThreadedTask::ConnectStopNotification(const Callback<void>& callback)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_stopNotified)
+        {
+            // Guarded one by one: one that throws must not keep the others from being told.
+            return m_stopNotifications.Connect(
+                [callback, name = m_name]
+                {
+                    try
+                    {
+                        callback();
+                    }
+                    catch (...)
+                    {
+                        LogCaughtException(name);
+                    }
+                });
+        }
+    }
+    callback();
+    return {};
+}
+
+void ThreadedTask::Stop()
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_stopping)
+    {
+        m_stopping = true;
+        m_context->stop();
+    }
+}
+
+void ThreadedTask::Join()
+{
+    if (IsCurrent())
+    {
+        s_log.LogError("Task \"%s\" cannot join itself", m_name.c_str());
+        return;
+    }
+    std::unique_lock lock(m_mutex);
+    if (m_ended || m_joining)
+    {
+        m_endChanged.wait(lock, [this] { return m_joining ? m_joined : m_ended; });
+        return;
+    }
+    m_joining = true;
+    lock.unlock();
+    pthread_join(m_thread, nullptr);
+    lock.lock();
+    m_joined = true;
+    m_endChanged.notify_all();
+}
+
+boost::asio::io_context& ThreadedTask::IoContext()
+{
+    const std::lock_guard lock(m_mutex);
+    m_contextLent = true;
+    if (!m_context) // the task is over: what is given out is valid, and runs nothing
+    {
+        m_context = std::make_unique<Context>();
+    }
+    return *m_context;
+}
+
+void ThreadedTask::ArmTimer(TimerSlot& slot, std::chrono::milliseconds first, std::chrono::milliseconds repeat,
+                            const Callback<void>& callback)
+{
+    const auto armed = std::make_shared<const Callback<void>>(callback);
+    const Clock::time_point due = Clock::now() + first;
+    std::shared_ptr<const Callback<void>> replaced; // destroyed after the lock
+    const std::lock_guard lock(m_mutex);
+    replaced = RemoveTimer(slot);
+    if (m_stopping)
+    {
+        return;
+    }
+    slot.m_key = TimerKey(due, ++m_timersArmed);
+    m_timers.emplace(*slot.m_key, ArmedTimer{&slot, armed, repeat});
+    if (m_timers.begin()->first != *slot.m_key)
+    {
+        return;
+    }
+    if (IsCurrent())
+    {
+        SetAlarm();
+    }
+    else
+    {
+        boost::asio::post(*m_context,
+                          [this]
+                          {
+                              const std::lock_guard again(m_mutex);
+                              SetAlarm();
+                          });
+    }
+}
+
+void ThreadedTask::CancelTimer(TimerSlot& slot)
+{
+    std::shared_ptr<const Callback<void>> removed; // destroyed after the lock
+    const std::lock_guard lock(m_mutex);
+    removed = RemoveTimer(slot);
+}
+
+/// With the mutex held. The alarm stays: one that rings for nothing sets itself anew.
+std::shared_ptr<const Callback<void>> ThreadedTask::RemoveTimer(TimerSlot& slot)
+{
+    if (!slot.m_key)
+    {
+        return nullptr;
+    }
+    const auto found = m_timers.find(*slot.m_key);
+    slot.m_key.reset();
+    std::shared_ptr<const Callback<void>> callback = std::move(found->second.m_callback);
+    m_timers.erase(found);
+    return callback;
+}
+
+/// On the task's thread, with the mutex held.
+void ThreadedTask::SetAlarm()
+{
+    if (m_stopping || m_timers.empty())
+    {
+        return;
+    }
+    std::optional<boost::asio::steady_timer>& alarm = m_context->m_alarm;
+    if (!alarm)
+    {
+        alarm.emplace(*m_context);
+    }
+    alarm->expires_at(m_timers.begin()->first.first);
+    alarm->async_wait(
+        [this](const boost::system::error_code& error)
+        {
+            if (!error)
+            {
+                OnAlarm();
+            }
+        });
+}
+
+/// Fires one timer. Those due at the same time follow as handlers of their own, so that entries come in between.
+void ThreadedTask::OnAlarm()
+{
+    std::shared_ptr<const Callback<void>> callback;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_stopping || m_timers.empty())
+        {
+            return;
+        }
+        const auto first = m_timers.begin();
+        const Clock::time_point now = Clock::now();
+        if (first->first.first <= now)
+        {
+            ArmedTimer timer = std::move(first->second);
+            callback = timer.m_callback;
+            const Clock::time_point next = first->first.first + timer.m_repeat;
+            m_timers.erase(first);
+            timer.m_slot->m_key.reset();
+            if (timer.m_repeat.count() > 0)
+            {
+                // A task that was held up fires once for all that it missed.
+                timer.m_slot->m_key = TimerKey(next > now ? next : now + timer.m_repeat, ++m_timersArmed);
+                const TimerKey key = *timer.m_slot->m_key;
+                m_timers.emplace(key, std::move(timer));
+            }
+        }
+        SetAlarm();
+    }
+    if (callback)
+    {
+        (*callback)();
+    }
+}
+
+} // namespace IL

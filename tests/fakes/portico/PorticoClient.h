@@ -1,0 +1,1 @@
+../../../src/platform/portico/PorticoClient.h
