@@ -1,184 +1,12 @@
 #include "runtime/DPrint.h"
 
-#include "runtime/engine/LogLine.h"
+#include "runtime/engine/LogSink.h"
 
 #include <array>
-#include <cerrno>
-#include <charconv>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
-
-/// All channels, their levels, and where lines go. One, never destroyed.
-class DPrintChannels
-{
-public:
-    static DPrintChannels& Get()
-    {
-        static auto* const s_channels = new DPrintChannels;
-        return *s_channels;
-    }
-
-    DPrint::Channel* Acquire(const std::string& name)
-    {
-        const std::lock_guard lock(m_mutex);
-        std::unique_ptr<DPrint::Channel>& channel = m_channels[name];
-        if (!channel)
-        {
-            channel.reset(new DPrint::Channel{name, LevelOf(name), 0});
-        }
-        ++channel->m_users;
-        return channel.get();
-    }
-
-    void Release(const DPrint::Channel* channel)
-    {
-        const std::lock_guard lock(m_mutex);
-        const auto found = m_channels.find(channel->m_name);
-        if (--found->second->m_users == 0)
-        {
-            m_channels.erase(found);
-        }
-    }
-
-    /// Gives back the entries that cannot be read.
-    std::vector<std::string> SetLevels(const std::string& levels)
-    {
-        const std::lock_guard lock(m_mutex);
-        std::vector<std::string> unreadable = Parse(levels);
-        for (const auto& [name, channel] : m_channels)
-        {
-            channel->m_level = LevelOf(name);
-        }
-        return unreadable;
-    }
-
-    std::vector<std::string> TakeUnreadable()
-    {
-        const std::lock_guard lock(m_mutex);
-        return std::exchange(m_unreadable, {});
-    }
-
-    void SetSink(DPrint::Sink sink)
-    {
-        const std::lock_guard lock(m_mutex);
-        // A sink stays for good: another thread may be in it, and a line is written without a lock.
-        m_sinks.push_back(sink ? std::make_unique<DPrint::Sink>(std::move(sink)) : nullptr);
-        m_sink = m_sinks.back().get();
-    }
-
-    void Write(const DPrint::Channel& channel, DPrint::Level level, const std::string& text) const
-    {
-        if (const DPrint::Sink* const sink = m_sink.load())
-        {
-            (*sink)(channel.m_name, level, text);
-            return;
-        }
-        WriteToStderr(m_toJournal ? LogLine::Journal(channel.m_name, level, text)
-                                  : LogLine::Plain(channel.m_name, level, text, std::chrono::system_clock::now()));
-    }
-
-private:
-    DPrintChannels()
-        : m_toJournal(IsStderrJournal())
-    {
-        if (const char* const levels = std::getenv("SONARIX_LOG"))
-        {
-            m_unreadable = Parse(levels);
-        }
-    }
-
-    /// JOURNAL_STREAM holds "device:inode" of the stream that systemd joined to the journal.
-    static bool IsStderrJournal()
-    {
-        const char* const stream = std::getenv("JOURNAL_STREAM");
-        struct stat status = {};
-        if (stream == nullptr || fstat(STDERR_FILENO, &status) != 0)
-        {
-            return false;
-        }
-        return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == stream;
-    }
-
-    static void WriteToStderr(std::string_view line)
-    {
-        while (!line.empty())
-        {
-            const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
-            if (written < 0)
-            {
-                if (errno == EINTR)
-                {
-                    continue;
-                }
-                return; // nobody to tell
-            }
-            line.remove_prefix(static_cast<std::size_t>(written));
-        }
-    }
-
-    int LevelOf(const std::string& name) const
-    {
-        const auto found = m_levels.find(name);
-        return found == m_levels.end() ? m_default : found->second;
-    }
-
-    std::vector<std::string> Parse(const std::string& levels)
-    {
-        m_default = DPrint::LEVEL_INFO;
-        m_levels.clear();
-        std::vector<std::string> unreadable;
-        std::istringstream entries(levels);
-        for (std::string entry; std::getline(entries, entry, ',');)
-        {
-            if (!ParseEntry(entry))
-            {
-                unreadable.push_back(entry);
-            }
-        }
-        return unreadable;
-    }
-
-    bool ParseEntry(const std::string& entry)
-    {
-        const std::size_t equals = entry.rfind('=');
-        const std::size_t digits = equals == std::string::npos ? 0 : equals + 1;
-        int level = 0;
-        const char* const end = entry.data() + entry.size();
-        const auto [stop, error] = std::from_chars(entry.data() + digits, end, level);
-        if (error != std::errc() || stop != end || level < DPrint::LEVEL_CRITICAL || level > DPrint::LEVEL_FINEST ||
-            equals == 0)
-        {
-            return false;
-        }
-        if (digits == 0)
-        {
-            m_default = level;
-        }
-        else
-        {
-            m_levels[entry.substr(0, equals)] = level;
-        }
-        return true;
-    }
-
-    const bool m_toJournal;
-    std::mutex m_mutex; ///< never held while a line is written
-    std::map<std::string, std::unique_ptr<DPrint::Channel>> m_channels;
-    std::map<std::string, int> m_levels; ///< names without a channel too: it may come later
-    int m_default = DPrint::LEVEL_INFO;
-    std::vector<std::string> m_unreadable; ///< of SONARIX_LOG, until Initialize() allows to log
-    std::vector<std::unique_ptr<DPrint::Sink>> m_sinks;
-    std::atomic<const DPrint::Sink*> m_sink = nullptr;
-};
 
 namespace
 {
@@ -194,7 +22,7 @@ void LogUnreadable(const std::vector<std::string>& entries)
     }
 }
 
-/// Where Prefix() leaves the length of what it wrote, for Put().
+/// Index of the stream's word in which Prefix() stores the length of the prefix for Put().
 int PrefixLengthIndex()
 {
     static const int s_index = std::ios_base::xalloc();
@@ -206,13 +34,13 @@ constexpr std::string_view kPrefixEnd = ": ";
 } // namespace
 
 DPrint::DPrint(const char* name)
-    : m_channel(DPrintChannels::Get().Acquire(name))
+    : m_channel(IL::LogSink::Get().Acquire(name))
     , m_counted(false)
 {
 }
 
 DPrint::DPrint(const std::string& name)
-    : m_channel(DPrintChannels::Get().Acquire(name))
+    : m_channel(IL::LogSink::Get().Acquire(name))
     , m_counted(true)
 {
 }
@@ -221,23 +49,23 @@ DPrint::~DPrint()
 {
     if (m_counted)
     {
-        DPrintChannels::Get().Release(m_channel);
+        IL::LogSink::Get().Release(m_channel);
     }
 }
 
 void DPrint::Initialize()
 {
-    LogUnreadable(DPrintChannels::Get().TakeUnreadable());
+    LogUnreadable(IL::LogSink::Get().TakeUnreadable());
 }
 
 void DPrint::SetLevels(const std::string& levels)
 {
-    LogUnreadable(DPrintChannels::Get().SetLevels(levels));
+    LogUnreadable(IL::LogSink::Get().SetLevels(levels));
 }
 
 void DPrint::SetSink(Sink sink)
 {
-    DPrintChannels::Get().SetSink(std::move(sink));
+    IL::LogSink::Get().SetSink(std::move(sink));
 }
 
 void DPrint::Prefix(std::ostringstream& stream, Level, const char* functionName) const
@@ -252,13 +80,18 @@ void DPrint::Put(std::ostringstream& stream, Level level) const
     {
         std::string text = stream.str();
         const auto prefix = static_cast<std::size_t>(stream.iword(PrefixLengthIndex()));
-        if (prefix >= kPrefixEnd.size() && text.size() == prefix)
+        if (prefix >= kPrefixEnd.size())
         {
-            text.resize(prefix - kPrefixEnd.size());
+            const std::string_view name = std::string_view(text).substr(0, prefix - kPrefixEnd.size());
+            const std::string_view inserted = std::string_view(text).substr(prefix);
+            if (inserted.empty() || inserted == name)
+            {
+                text.resize(name.size());
+            }
         }
         Write(level, text);
     }
-    catch (...) // no memory for the line: it is lost, its writer goes on
+    catch (...) // out of memory: the line is lost, the caller continues
     {
     }
 }
@@ -274,7 +107,7 @@ void DPrint::LogFormatted(Level level, const char* format, va_list args) const
         std::array<char, 1024> buffer;
         va_list again;
         va_copy(again, args);
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has begun it
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has called va_start
         const int length = std::vsnprintf(buffer.data(), buffer.size(), format, args);
         std::string text;
         if (length < 0)
@@ -301,69 +134,24 @@ void DPrint::LogFormatted(Level level, const char* format, va_list args) const
 
 void DPrint::Write(Level level, const std::string& text) const
 {
-    DPrintChannels::Get().Write(*m_channel, level, text);
+    IL::LogSink::Get().Write(*m_channel, level, text);
 }
 
-void DPrint::Log(Level level, const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(level, format, args);
-    va_end(args);
-}
+// A C variadic function cannot forward its arguments to another one, so each form needs the whole body.
+#define SONARIX_LOG_FORM(signature, level)                                                                             \
+    void DPrint::signature const                                                                                       \
+    {                                                                                                                  \
+        va_list args;                                                                                                  \
+        va_start(args, format);                                                                                        \
+        LogFormatted(level, format, args);                                                                             \
+        va_end(args);                                                                                                  \
+    }
 
-void DPrint::LogCritical(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_CRITICAL, format, args);
-    va_end(args);
-}
-
-void DPrint::LogError(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_ERROR, format, args);
-    va_end(args);
-}
-
-void DPrint::LogWarning(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_WARNING, format, args);
-    va_end(args);
-}
-
-void DPrint::LogInfo(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_INFO, format, args);
-    va_end(args);
-}
-
-void DPrint::LogDebug(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_DEBUG, format, args);
-    va_end(args);
-}
-
-void DPrint::LogVerbose(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_VERBOSE, format, args);
-    va_end(args);
-}
-
-void DPrint::LogTestAutomation(const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    LogFormatted(LEVEL_FINEST, format, args);
-    va_end(args);
-}
+SONARIX_LOG_FORM(Log(Level level, const char* format, ...), level)
+SONARIX_LOG_FORM(LogCritical(const char* format, ...), LEVEL_CRITICAL)
+SONARIX_LOG_FORM(LogError(const char* format, ...), LEVEL_ERROR)
+SONARIX_LOG_FORM(LogWarning(const char* format, ...), LEVEL_WARNING)
+SONARIX_LOG_FORM(LogInfo(const char* format, ...), LEVEL_INFO)
+SONARIX_LOG_FORM(LogDebug(const char* format, ...), LEVEL_DEBUG)
+SONARIX_LOG_FORM(LogVerbose(const char* format, ...), LEVEL_VERBOSE)
+SONARIX_LOG_FORM(LogTestAutomation(const char* format, ...), LEVEL_FINEST)

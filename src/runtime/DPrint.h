@@ -8,15 +8,20 @@
 #include <sstream>
 #include <string>
 
-/// One logging channel: one object per module, or per object where the name is built at run time. Lines go to
-/// standard error, one write each, in journald's "<N>" form where JOURNAL_STREAM says so. Levels come from
-/// SONARIX_LOG: a default and per-channel values, "3,MdnsService=6,mDNS=4".
-/// Safe from any thread, at static construction and until the very end of the process. Writing a line takes no
-/// lock, never throws, and never blocks on anything but standard error.
+namespace IL
+{
+class LogSink;
+} // namespace IL
+
+/// One log channel: one object per module, or per object where the name is built at run time. Lines go to standard
+/// error, one write each, in journald's "<N>" form if JOURNAL_STREAM names standard error. Levels come from
+/// SONARIX_LOG: a default and values for channels, "3,MdnsService=6,mDNS=4".
+/// Safe from any thread, from static construction to the end of the process. Writing a line takes no lock, never
+/// throws, and blocks only on standard error.
 class DPrint final
 {
 public:
-    /// The smaller the graver.
+    /// A smaller value is more severe.
     enum Level
     {
         LEVEL_CRITICAL = 0,
@@ -24,18 +29,17 @@ public:
         LEVEL_WARNING = 2, ///< warnings
         LEVEL_INFO = 3,    ///< normal information, the default
         LEVEL_DEBUG = 4,   ///< entry into control functions
-        LEVEL_DUMP = 5,
         LEVEL_VERBOSE = 6, ///< dumps of messages
         LEVEL_FINEST = 7,  ///< the finest parsing detail
     };
 
-    explicit DPrint(const char* name);        ///< a module's channel; its name is kept for good
-    explicit DPrint(const std::string& name); ///< an object's channel; its name goes with its last object
+    explicit DPrint(const char* name);        ///< a module's channel; the process never frees it
+    explicit DPrint(const std::string& name); ///< an object's channel; freed with the last object of this name
     ~DPrint();
     DPrint(const DPrint&) = delete;
     DPrint& operator=(const DPrint&) = delete;
 
-    /// Once at process start. Nothing may log before it.
+    /// Once at process start, before the first line.
     static void Initialize();
 
     bool IsLog(Level level) const
@@ -54,24 +58,25 @@ public:
     void LogVerbose(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void LogTestAutomation(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
-    /// Stream style; use DPRINT below. A text that stays empty logs the function's name alone.
+    /// Stream style; use DPRINT below. If the inserted text is empty or is the function's name again, the line is
+    /// the name alone.
     void Prefix(std::ostringstream& stream, Level level, const char* functionName) const;
     void Put(std::ostringstream& stream, Level level) const;
 
-    /// Sets the levels of all channels, those made later too, in the form of SONARIX_LOG.
+    /// Sets the levels of all channels, also of channels created later, in the form of SONARIX_LOG.
     /// An entry that cannot be read is skipped with one level-1 line.
     static void SetLevels(const std::string& levels);
 
-    /// Sends every line elsewhere (tests): (channel, level, text as it was logged). Null puts standard error back.
-    /// A line that another thread is writing may still reach the old sink, so a sink owns what it refers to.
+    /// For tests: sends every line to `sink` as (channel, level, text before escaping); null restores standard error.
+    /// Another thread may still call the old sink, so a sink owns what it refers to.
     using Sink = std::function<void(const std::string& channel, Level level, const std::string& text)>;
     static void SetSink(Sink sink);
 
 private:
-    friend class DPrintChannels;
+    friend class IL::LogSink;
 
-    /// What all objects of one name share. Not inside the object: tasks may log through a module's static channel
-    /// while the process is already destroying its statics.
+    /// Shared by all objects of one name. Outside the object, because a task may log through a module's static
+    /// DPrint while the process destroys its statics.
     struct Channel
     {
         std::string m_name;
@@ -86,15 +91,19 @@ private:
     const bool m_counted;
 };
 
-/// The stream form of a log line, guarded by IsLog, prefixed with the function's own name:
+/// The stream form of a log line, guarded by IsLog, with the name of the calling function in front:
 /// DPRINT(s_log, DPrint::LEVEL_INFO, "etcDir: " << etcDir);
-#define DPRINT(channel, level, text)                                                                                   \
+#define DPRINT(channel, level, text) DPRINT_AS(channel, level, __func__, text)
+
+/// DPRINT with the name of the function given. For lambdas, in which __func__ is "operator()":
+/// DPRINT_AS(s_log, DPrint::LEVEL_INFO, "NotifyProducts", "sent " << count);
+#define DPRINT_AS(channel, level, function, text)                                                                      \
     do                                                                                                                 \
     {                                                                                                                  \
         if ((channel).IsLog(level))                                                                                    \
         {                                                                                                              \
             std::ostringstream dprintStream;                                                                           \
-            (channel).Prefix(dprintStream, (level), __func__);                                                         \
+            (channel).Prefix(dprintStream, (level), (function));                                                       \
             dprintStream << text; /* NOLINT(bugprone-macro-parentheses): a chain of << */                              \
             (channel).Put(dprintStream, (level));                                                                      \
         }                                                                                                              \

@@ -25,25 +25,29 @@ void NamedFunction(const std::string& text)
     DPRINT(s_log, DPrint::LEVEL_INFO, text);
 }
 
-TEST(DPrintTest, StreamFormHasTheFunctionsNameAndThePrintfFormNot)
+TEST(DPrintTest, OnlyTheStreamFormPrintsTheFunctionName)
 {
     const LogCapture log;
     NamedFunction("etcDir: " + std::to_string(1));
     NamedFunction("");
+    NamedFunction("NamedFunction");
+    NamedFunction("NamedFunction()");
     NamedFunction("ends in: ");
     DPRINTF(s_log, DPrint::LEVEL_WARNING, "%s()", "StopService");
     s_log.LogError("%s", std::string(5000, 'x').c_str());
-    [] { DPRINT(s_log, DPrint::LEVEL_INFO, "in a lambda"); }();
+    [] { DPRINT_AS(s_log, DPrint::LEVEL_INFO, "Outer", "in a lambda"); }();
     using Line = LogCapture::Line;
     EXPECT_THAT(log.Lines(), ElementsAre(Line{"LogTest", DPrint::LEVEL_INFO, "NamedFunction: etcDir: 1"},
                                          Line{"LogTest", DPrint::LEVEL_INFO, "NamedFunction"},
+                                         Line{"LogTest", DPrint::LEVEL_INFO, "NamedFunction"},
+                                         Line{"LogTest", DPrint::LEVEL_INFO, "NamedFunction: NamedFunction()"},
                                          Line{"LogTest", DPrint::LEVEL_INFO, "NamedFunction: ends in: "},
                                          Line{"LogTest", DPrint::LEVEL_WARNING, "StopService()"},
                                          Line{"LogTest", DPrint::LEVEL_ERROR, std::string(5000, 'x')},
-                                         Line{"LogTest", DPrint::LEVEL_INFO, "operator(): in a lambda"}));
+                                         Line{"LogTest", DPrint::LEVEL_INFO, "Outer: in a lambda"}));
 }
 
-TEST(DPrintTest, LevelsHoldForChannelsOfNowAndLater)
+TEST(DPrintTest, LevelsApplyToExistingAndLaterChannels)
 {
     int formatted = 0;
     const auto text = [&formatted] { return ++formatted; };
@@ -64,7 +68,7 @@ TEST(DPrintTest, LevelsHoldForChannelsOfNowAndLater)
     EXPECT_TRUE(later.IsLog(DPrint::LEVEL_FINEST) && other.IsLog(DPrint::LEVEL_FINEST));
 }
 
-TEST(DPrintTest, ALineStaysOneLineWhateverItsText)
+TEST(DPrintTest, TextCannotBreakOutOfItsLine)
 {
     const auto escaped = [](const std::string& text)
     {
@@ -78,7 +82,7 @@ TEST(DPrintTest, ALineStaysOneLineWhateverItsText)
     EXPECT_EQ(escaped("\x80 \xC3"), "\\x80 \\xc3"); // a lone continuation, a cut-off character
     EXPECT_EQ(escaped("\xC0\xAF \xE0\x80\x8A"), "\\xc0\\xaf \\xe0\\x80\\x8a"); // overlong forms
     EXPECT_EQ(escaped("\xED\xA0\x80 \xF4\x90\x80\x80"), "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80");
-    EXPECT_EQ(escaped("\xC2\x9B[2J"), "\\xc2\\x9b[2J"); // the control characters beyond ASCII
+    EXPECT_EQ(escaped("\xC2\x9B[2J"), "\\xc2\\x9b[2J"); // C1 control characters
 
     const std::string longText = std::string(20'000, 'x');
     const std::string line = LogLine::Journal("Channel", 2, longText);
@@ -94,7 +98,7 @@ TEST(DPrintTest, ALineStaysOneLineWhateverItsText)
     EXPECT_THAT(wide, EndsWith("\xE2\x82\xAC\xE2\x80\xA6\n")) << "not cut inside a character";
 }
 
-TEST(DPrintTest, TimeInUtcAndPrioritiesOfSyslog)
+TEST(DPrintTest, LineHasUtcTimeOrSyslogPriority)
 {
     using namespace std::chrono;
     const system_clock::time_point time = sys_days(2026y / January / 31) + 12h + 5ms;
@@ -105,7 +109,7 @@ TEST(DPrintTest, TimeInUtcAndPrioritiesOfSyslog)
 
 const char* const kInside = "SONARIX_TEST_LOG";
 
-/// What this very test logs in a process of its own: SONARIX_LOG and JOURNAL_STREAM are read once.
+/// Output of LineFormFollowsEnvironment in another process, because SONARIX_LOG and JOURNAL_STREAM are read once.
 std::string LogOfProcess(bool journal, const char* levels)
 {
     return RunForked(
@@ -117,12 +121,12 @@ std::string LogOfProcess(bool journal, const char* levels)
                    ::setenv("JOURNAL_STREAM", journal ? stream.c_str() : "1:2", 1);
                    ::setenv("SONARIX_LOG", levels, 1);
                    ::setenv(kInside, "", 1);
-                   return ::execl("/proc/self/exe", "test", "--gtest_filter=*FormFollowsTheEnvironment", nullptr);
+                   return ::execl("/proc/self/exe", "test", "--gtest_filter=*LineFormFollowsEnvironment", nullptr);
                })
         .m_output;
 }
 
-TEST(DPrintTest, FormFollowsTheEnvironment)
+TEST(DPrintTest, LineFormFollowsEnvironment)
 {
     if (std::getenv(kInside) != nullptr)
     {
