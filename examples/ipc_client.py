@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""A client of the service's local sockets on Python's own library alone; docs/ipc-protocol.md tells the bytes.
+"""A client of the service's local sockets that uses only the standard library. docs/ipc-protocol.md has the format.
 
-    ipc_client.py list [TYPE]                        devices of an mDNS service type, or those that SSDP knows
-    ipc_client.py watch                              the same of SSDP, and each change, until Ctrl-C
-    ipc_client.py add TYPE NAME PORT [KEY=VALUE]...  publish a record; it stays when this client has gone
+    ipc_client.py list [TYPE]                        list devices of an mDNS service type; without TYPE, SSDP devices
+    ipc_client.py watch                              list SSDP devices and print each change until Ctrl-C
+    ipc_client.py add TYPE NAME PORT [KEY=VALUE]...  publish a record; it stays published after this program ends
 """
 import itertools
 import os
@@ -15,12 +15,12 @@ RUN_DIR = os.environ.get("SONARIX_RUN_DIR", "/run/sonarix")
 
 
 def varint(number):
-    number %= 1 << 64  # a negative one is sent as its complement
+    number %= 1 << 64  # negative numbers are sent as their 64-bit complement
     return bytes([number]) if number < 128 else bytes([number & 127 | 128]) + varint(number >> 7)
 
 
 def record(*fields):
-    """(number, value) pairs as bytes; a value is an integer, a text, or bytes, which may be a record."""
+    """Serializes (number, value) pairs. A value is an integer, a text, or bytes, for example of a nested record."""
     values = [(number, value.encode() if isinstance(value, str) else value) for number, value in fields]
     return b"".join(varint(number << 3) + varint(value) if isinstance(value, int) else
                     varint(number << 3 | 2) + varint(len(value)) + value for number, value in values)
@@ -36,7 +36,7 @@ def read_varint(rest):
 
 
 def parse(data):
-    """number -> list of integers and bytes, in their order."""
+    """Maps each field number to the list of its values, integers or bytes."""
     fields, rest = {}, iter(data)
     while (key := read_varint(rest)) is not None:
         value = read_varint(rest)
@@ -49,10 +49,10 @@ def frame(name, identifier, payload, tid=1):
     return struct.pack(">I", len(envelope)) + envelope
 
 
-def converse(door, request):
-    """Sends a request and yields (kind, type of payload, payload) of each frame that comes, until the service goes."""
+def converse(name, request):
+    """Sends a request and yields (kind, payload type, payload) of each received frame until the service disconnects."""
     with socket.socket(socket.AF_UNIX) as peer, peer.makefile("rb") as stream:
-        peer.connect(os.path.join(RUN_DIR, door))
+        peer.connect(os.path.join(RUN_DIR, name))
         peer.sendall(request)
         while head := stream.read(4):
             envelope = parse(stream.read(*struct.unpack(">I", head)))
@@ -76,16 +76,16 @@ def main(command, *words):
     else:
         frames = converse("SonarixSsdpService", frame("DiscoveredDeviceList", 2, b""))
     for kind, name, payload in frames:
-        if kind == 2:  # a notification, which may come before the answer too
+        if kind == 2:  # a notification; it may arrive before the response
             show("ONLINE" if payload[1] == [2] else "OFFLINE", parse(payload[2][0]))
         elif name not in ("DiscoveredDeviceList", "DiscoveryServiceVoid"):
-            return payload.get(3, [b"the service rejects that"])[0].decode()
+            return payload.get(3, [b"the service rejects the request"])[0].decode()
         else:
             for device in payload.get(1, []):
                 show("ONLINE", parse(device))
             if command != "watch":
                 return 0
-    return "the service has gone"
+    return "the service has disconnected"
 
 
 if __name__ == "__main__":
