@@ -75,7 +75,7 @@ int ConnectTo(const std::string& path)
     return socket;
 }
 
-std::string Hex(const std::string& bytes)
+std::string HexFromBytes(const std::string& bytes)
 {
     std::string text;
     for (const char byte : bytes)
@@ -87,7 +87,7 @@ std::string Hex(const std::string& bytes)
     return text;
 }
 
-std::string FromHex(const std::string& text)
+std::string BytesFromHex(const std::string& text)
 {
     std::string bytes;
     for (std::size_t at = 0; at + 1 < text.size(); at += 2)
@@ -97,9 +97,9 @@ std::string FromHex(const std::string& text)
     return bytes;
 }
 
-void Obey(const std::string& order, std::map<std::string, std::vector<int>>& connections)
+void Execute(const std::string& command, std::map<std::string, std::vector<int>>& connections)
 {
-    std::istringstream words(order);
+    std::istringstream words(command);
     std::string verb;
     std::string path;
     std::size_t count = 0;
@@ -120,7 +120,7 @@ void Obey(const std::string& order, std::map<std::string, std::vector<int>>& con
         }
         return;
     }
-    request = FromHex(request);
+    request = BytesFromHex(request);
     for (std::size_t round = 0; round < count; ++round)
     {
         if (!request.empty())
@@ -150,29 +150,30 @@ Clients::~Clients()
     ::close(m_socket);
 }
 
-void Clients::Order(const std::string& order)
+void Clients::Command(const std::string& command)
 {
-    WriteAll(m_socket, order + '\n');
+    WriteAll(m_socket, command + '\n');
     if (ReadLine(m_socket) != "done")
     {
-        throw std::runtime_error("the clients could not: " + order.substr(0, 100));
+        throw std::runtime_error("the client process failed: " + command.substr(0, 100));
     }
 }
 
 void Clients::Connect(const std::string& path, std::size_t count)
 {
-    Order("connect " + path + ' ' + std::to_string(count));
+    Command("connect " + path + ' ' + std::to_string(count));
 }
 
 void Clients::RoundTrips(const std::string& path, std::size_t rounds, const std::string& request,
                          std::size_t answerBytes)
 {
-    Order("trips " + path + ' ' + std::to_string(rounds) + ' ' + std::to_string(answerBytes) + ' ' + Hex(request));
+    Command("trips " + path + ' ' + std::to_string(rounds) + ' ' + std::to_string(answerBytes) + ' ' +
+            HexFromBytes(request));
 }
 
 void Clients::Read(const std::string& path, std::size_t bytes)
 {
-    Order("read " + path + " 1 " + std::to_string(bytes));
+    Command("read " + path + " 1 " + std::to_string(bytes));
 }
 
 int Clients::Main()
@@ -182,12 +183,12 @@ int Clients::Main()
     {
         for (;;)
         {
-            const std::string order = ReadLine(ChildProcess::kInherited);
-            if (order.empty())
+            const std::string command = ReadLine(ChildProcess::kInherited);
+            if (command.empty())
             {
                 return 0;
             }
-            Obey(order, connections);
+            Execute(command, connections);
             WriteAll(ChildProcess::kInherited, "done\n");
         }
     }

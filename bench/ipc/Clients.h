@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-/// Clients of local sockets in a process of their own, so that what they take is not counted with the server. They look
-/// at no byte that they get.
+/// Clients of local sockets in a separate process, so that their CPU time and memory are not counted for the server.
+/// They discard all received bytes. Throws std::runtime_error if a socket fails.
 class Clients final
 {
 public:
@@ -16,18 +16,18 @@ public:
     Clients(const Clients&) = delete;
     Clients& operator=(const Clients&) = delete;
 
-    /// Has so many connections to `path`, no more and no fewer.
+    /// Opens or closes connections to `path` until there are `count`.
     void Connect(const std::string& path, std::size_t count);
-    /// Each client writes `request`, then each reads `answerBytes`; and so on. Returns when all is read.
+    /// In each round, all clients of `path` write `request`, then all read `answerBytes`. Returns after the last round.
     void RoundTrips(const std::string& path, std::size_t rounds, const std::string& request, std::size_t answerBytes);
-    /// Each client reads so much.
+    /// Each client of `path` reads that many bytes.
     void Read(const std::string& path, std::size_t bytes);
 
-    /// What the other process runs, on the descriptor that it inherits.
+    /// The main function of the client process. Reads commands from the inherited descriptor.
     static int Main();
 
 private:
-    void Order(const std::string& order);
+    void Command(const std::string& command);
 
     int m_socket = -1;
     std::optional<ChildProcess> m_process;

@@ -1,12 +1,12 @@
-// What the local sockets cost the service, each next to a bare Asio server that moves the same bytes on sockets of the
-// same kind, in the same run:
+// Measures the CPU time of the local sockets, compared with a bare Asio server that transfers the same bytes over Unix
+// sockets in the same run:
 //
 //     build/release/bench/bench-ipc
 //
-// Processor time is that of this process, the clients have one of their own; ours and the bare one take turns. All of
-// it stays on one processor: on two, whether client and server sit together decides, and is ten times the difference.
-// Prints a line of name, value, unit and demand for each figure, separated by tabs, as bench/run reads them. The log is
-// at level 1: what a line costs is another matter.
+// CPU time is that of this process; the clients run in another one. The two servers are measured alternately.
+// Everything is pinned to one core: on two cores, the placement of client and server changes the results ten times more
+// than the servers differ. Prints one line per figure, with name, value, unit and demand separated by tabs, for
+// bench/run. The log is at level 1, so that log lines are not measured.
 
 #include "bench/ipc/Clients.h"
 #include "bench/publish/SampleProducts.h"
@@ -14,8 +14,8 @@
 #include "ipc/ProductConversion.h"
 #include "runtime/DPrint.h"
 #include "tests/fakes/FakeDiscovery.h"
+#include "tests/ipc/support/RouterService.h"
 #include "tests/ipc/support/SocketClient.h"
-#include "tests/runtime/ipc/RouterService.h"
 #include "tests/support/TempDirectory.h"
 
 #include <boost/asio/buffer.hpp>
@@ -43,7 +43,7 @@ using Local = asio::local::stream_protocol;
 
 constexpr int kTurns = 7;
 
-/// Reads so many bytes, writes so many, and so on: an echo, where both are the same.
+/// Repeatedly reads `requestBytes` and writes `answerBytes`: an echo server if both are equal.
 class BareServer final
 {
 public:
@@ -61,7 +61,7 @@ public:
     BareServer(const BareServer&) = delete;
     BareServer& operator=(const BareServer&) = delete;
 
-    /// Between two runs of the clients.
+    /// Called while no client is running.
     void Serve(std::size_t requestBytes, std::size_t answerBytes)
     {
         m_requestBytes = requestBytes;
@@ -129,8 +129,8 @@ private:
 
 struct Cost
 {
-    double cpu = 0;  ///< seconds of this process
-    double wall = 0; ///< seconds
+    double cpu = 0;  ///< CPU seconds of this process
+    double wall = 0; ///< elapsed seconds
 
     bool operator<(const Cost& other) const
     {
@@ -147,7 +147,7 @@ Cost Measure(const std::function<void()>& work)
             std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count()};
 }
 
-/// Both by turns; the medians.
+/// Runs both alternately and returns the medians.
 std::pair<Cost, Cost> Compare(const std::function<void()>& ours, const std::function<void()>& bare)
 {
     std::vector<Cost> costs;
@@ -156,7 +156,7 @@ std::pair<Cost, Cost> Compare(const std::function<void()>& ours, const std::func
     {
         const Cost cost = Measure(ours);
         const Cost bareCost = Measure(bare);
-        if (turn >= 0) // the first warms up
+        if (turn >= 0) // the first turn is a warm-up
         {
             costs.push_back(cost);
             bareCosts.push_back(bareCost);
@@ -173,7 +173,7 @@ void Print(const std::string& name, double value, const char* unit, const char* 
     std::fflush(stdout);
 }
 
-/// The service as it is, with sources that have what they are given.
+/// The real server with fake discovery protocols.
 struct World
 {
     World()
@@ -222,7 +222,7 @@ void CompareTrips(const std::string& name, Clients& clients, const std::string& 
     Print(name + ", round trip", cost.wall / rounds * 1e6, "µs");
 }
 
-/// All that are connected are served: a later one is.
+/// Returns after all connected clients are served: connections are accepted in order, so a later client is enough.
 void AwaitClients(const World& world)
 {
     SocketClient mdns(world.mdnsPath);
@@ -235,7 +235,7 @@ void AwaitClients(const World& world)
 
 void CompareNotifications(std::size_t count, World& world, Clients& clients, BareServer& bare)
 {
-    constexpr std::size_t kBatch = 50; // for each wait; less than a socket holds
+    constexpr std::size_t kBatch = 50; // per read; fits into a socket buffer
     const auto device =
         std::make_shared<SonarixPb::DeviceInfo>(SonarixService::ProductToDeviceInfo(SampleProducts::Row(1)));
     clients.Connect(world.mdnsPath, count);
@@ -273,7 +273,7 @@ void CompareNotifications(std::size_t count, World& world, Clients& clients, Bar
 
 void MeasureMemory(World& world, Clients& clients)
 {
-    constexpr std::size_t kFew = 50; // what the first bring along is nobody's share
+    constexpr std::size_t kFew = 50; // their one-time allocations are not counted
     constexpr std::size_t kMany = 550;
     const auto connect = [&](std::size_t count)
     {
@@ -288,7 +288,7 @@ void MeasureMemory(World& world, Clients& clients)
     connect(0);
 }
 
-void StayOnOneProcessor()
+void PinToOneCore()
 {
     cpu_set_t one;
     CPU_ZERO(&one);
@@ -302,8 +302,8 @@ void StayOnOneProcessor()
 
 void Run()
 {
-    StayOnOneProcessor(); // and the clients, whose process this one starts
-    Clients clients;      // before there are threads
+    PinToOneCore();  // the client process inherits it
+    Clients clients; // forks, therefore before any thread starts
     RaiseDescriptorLimit();
     DPrint::SetLevels("1");
     World world;

@@ -2,27 +2,27 @@
 
 #include "runtime/Callback.h"
 #include "runtime/CallbackConnection.h"
-#include "schemas/SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "schemas/SonarixPb.pb.h" // protobuf enums cannot be forward-declared
 
 #include <memory>
 
 namespace SonarixService
 {
 
-/// One connected client of either local service. On the server's task, but for SendSonarixNotification() and
-/// Shutdown(), which may be called from any thread.
+/// One connected client of a local service.
+/// Task: the server's. SendSonarixNotification() and Shutdown() may be called from any thread.
 class DiscoveryServiceIPCClientHandlerIF
 {
 public:
     virtual ~DiscoveryServiceIPCClientHandlerIF() = default;
 
-    /// Begins to serve the client. Once.
+    /// Starts to serve the client. Called once.
     virtual void Initialize() = 0;
-    /// Ends the connection, on the server's task, later.
+    /// Posts the end of the connection to the server's task.
     virtual void Shutdown() = 0;
-    /// `callback` is called once, when the client has gone or was shut down.
+    /// `callback` is called once, when the client disconnects or after Shutdown().
     virtual CallbackConnection RegisterForDisconnect(const Callback<void>& callback) = 0;
-    /// Tells the client of a device, whatever it has asked for.
+    /// Sends a device notification, regardless of the client's subscriptions.
     virtual void SendSonarixNotification(SonarixPb::DeviceState state,
                                          const std::shared_ptr<SonarixPb::DeviceInfo>& device) = 0;
 };

@@ -7,6 +7,7 @@
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/ipc/ConnectorSocket.h"
 #include "runtime/ipc/IPCDirectory.h"
 
@@ -34,20 +35,27 @@ using ListenerImpl = IPCServerListener<DiscoveryServiceIPCClientHandlerIF>;
 
 } // namespace
 
+std::shared_ptr<DiscoveryServiceIPCServerIF>
+DiscoveryServiceIPCServer::Create(const std::shared_ptr<DiscoveryServiceControllerIF>& controller)
+{
+    const Factory factory = s_factoryOverride.Get();
+    return factory != nullptr ? factory(controller) : std::make_shared<DiscoveryServiceIPCServer>(controller);
+}
+
 DiscoveryServiceIPCServer::DiscoveryServiceIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller)
     : m_task(IL::CreateTask("DiscoveryServiceIPCServerTask", ""))
     , m_controller(controller)
     , m_mdnsListener(ListenerImpl::Create("DiscoveryServiceIPCServerListenerMdns", m_task))
     , m_ssdpListener(ListenerImpl::Create("DiscoveryServiceIPCServerListenerSsdp", m_task))
 {
-    LogEntry("DiscoveryServiceIPCServer");
+    LogEntry(__func__);
 }
 
 DiscoveryServiceIPCServer::~DiscoveryServiceIPCServer() = default;
 
 void DiscoveryServiceIPCServer::Initialize()
 {
-    LogEntry("Initialize");
+    LogEntry(__func__);
     const std::shared_ptr<DiscoveryServiceIPCServer> self = shared_from_this();
     const AsyncCallback<Handler> newClient([self](const Handler& handler) { self->HandleNewClient(handler); }, m_task);
     m_mdnsListener->Start(IPCDirectory::Get()->Lookup("SonarixMdnsService"), newClient,
@@ -62,7 +70,8 @@ DiscoveryServiceIPCServer::Handler
 DiscoveryServiceIPCServer::CreateMdnsClientHandler(const std::string& name,
                                                    std::shared_ptr<Network::ConnectorSocket> socket)
 {
-    LogHandler("CreateMdnsClientHandler", name);
+    TASK_CHECK(m_task);
+    LogHandler(__func__, name);
     return std::make_shared<MdnsIPCClientHandler>(name, m_task, std::move(socket),
                                                   m_controller->GetMdnsDiscoveryProtocol());
 }
@@ -71,21 +80,23 @@ DiscoveryServiceIPCServer::Handler
 DiscoveryServiceIPCServer::CreateSsdpClientHandler(const std::string& name,
                                                    std::shared_ptr<Network::ConnectorSocket> socket)
 {
-    LogHandler("CreateSsdpClientHandler", name);
+    TASK_CHECK(m_task);
+    LogHandler(__func__, name);
     return std::make_shared<SsdpIPCClientHandler>(name, m_task, std::move(socket),
                                                   m_controller->GetSsdpDiscoveryProtocol());
 }
 
 void DiscoveryServiceIPCServer::HandleNewClient(const Handler& handler)
 {
-    LogEntry("HandleNewClient");
+    TASK_CHECK(m_task);
+    LogEntry(__func__);
     {
-        // In the list before it reads, so that a shut-down from another task overlooks nobody: what that posts runs
-        // after us.
+        // Listed before Initialize(), so that a concurrent Shutdown() misses no client. The disconnect that Shutdown()
+        // posts runs after this function.
         const ScopedMutex lock(m_clientsMutex);
         if (m_isShutDown)
         {
-            return; // its socket closes with it
+            return; // the handler's destructor closes its socket
         }
         m_clients.push_back(handler);
     }
@@ -95,6 +106,7 @@ void DiscoveryServiceIPCServer::HandleNewClient(const Handler& handler)
 
 void DiscoveryServiceIPCServer::RemoveClient(const Handler& handler)
 {
+    TASK_CHECK(m_task);
     std::size_t left = 0;
     {
         const ScopedMutex lock(m_clientsMutex);
@@ -120,7 +132,7 @@ void DiscoveryServiceIPCServer::SendSonarixNotification(SonarixPb::DeviceState s
 
 void DiscoveryServiceIPCServer::Shutdown()
 {
-    LogEntry("Shutdown");
+    LogEntry(__func__);
     std::list<Handler> clients;
     {
         const ScopedMutex lock(m_clientsMutex);
@@ -133,7 +145,7 @@ void DiscoveryServiceIPCServer::Shutdown()
     }
     m_mdnsListener->Stop();
     m_ssdpListener->Stop();
-    // Not at once: what waits in the queue is thrown away by a stop, and the clients' ends are there.
+    // StopTask() discards queued entries. It is posted, so that the clients' queued disconnects run before it.
     IL::BreakThread([task = m_task] { IL::StopTask(task); }, m_task);
     IL::JoinTask(m_task);
 }

@@ -3,6 +3,7 @@
 #include "interfaces/DiscoveryServiceIPCServerIF.h"
 #include "ipc/DiscoveryServiceIPCClientHandlerIF.h"
 #include "ipc/IPCServerListenerIF.h"
+#include "runtime/FactoryOverride.h"
 #include "runtime/ThreadMutex.h"
 
 #include <list>
@@ -16,24 +17,34 @@ namespace SonarixService
 
 class DiscoveryServiceControllerIF;
 
-/// The two local services, "SonarixMdnsService" and "SonarixSsdpService": listeners, and the clients that they brought.
-/// Task: its own, "DiscoveryServiceIPCServerTask", for accepting and for all clients; operations run on the caller's.
-/// Owner: the controller, which it holds strongly in turn.
-/// Waits in Shutdown() only, for its task. A service whose socket cannot be bound has no clients, and the rest goes on.
+/// The two local services, "SonarixMdnsService" and "SonarixSsdpService": their listeners and connected clients.
+/// Task: its own, "DiscoveryServiceIPCServerTask", accepts and serves all clients. The public operations run on the
+/// caller's thread.
+/// Owner: the controller. The two hold each other by shared pointers.
+/// Blocks only in Shutdown(), until its task has ended. If a socket cannot be bound, that service has no clients.
 class DiscoveryServiceIPCServer final : public DiscoveryServiceIPCServerIF,
                                         public std::enable_shared_from_this<DiscoveryServiceIPCServer>
 {
 public:
+    using Factory =
+        std::shared_ptr<DiscoveryServiceIPCServerIF> (*)(const std::shared_ptr<DiscoveryServiceControllerIF>&);
+
+    static inline FactoryOverride<Factory> s_factoryOverride;
+
+    /// Null if the override returns null: callers must test the result.
+    static std::shared_ptr<DiscoveryServiceIPCServerIF>
+    Create(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
+
     explicit DiscoveryServiceIPCServer(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
     ~DiscoveryServiceIPCServer() override;
     DiscoveryServiceIPCServer(const DiscoveryServiceIPCServer&) = delete;
     DiscoveryServiceIPCServer& operator=(const DiscoveryServiceIPCServer&) = delete;
 
-    /// Listens. Once.
+    /// Binds the sockets. Called once.
     void Initialize() override;
-    /// Disconnects all clients and ends the task. Not on that task. Once.
+    /// Disconnects all clients and joins the task. Called once, not on that task.
     void Shutdown() override;
-    /// Tells every client of both services, from any thread.
+    /// Sends a device notification to all clients of both services. Any thread.
     void SendSonarixNotification(SonarixPb::DeviceState state,
                                  const std::shared_ptr<SonarixPb::DeviceInfo>& device) override;
 
@@ -50,7 +61,7 @@ private:
     const std::shared_ptr<DiscoveryServiceControllerIF> m_controller;
     const std::shared_ptr<Listener> m_mdnsListener;
     const std::shared_ptr<Listener> m_ssdpListener;
-    CThreadMutex m_clientsMutex; ///< guards what follows, for copies
+    CThreadMutex m_clientsMutex; ///< guards the following members; never held during a call into a client
     std::list<Handler> m_clients;
     bool m_isShutDown = false;
 };

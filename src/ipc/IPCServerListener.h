@@ -3,6 +3,7 @@
 #include "ipc/IPCServerListenerIF.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/ThreadMutex.h"
 #include "runtime/ipc/ConnectorSocket.h"
 #include "runtime/ipc/IPCServerListenerFactory.h"
@@ -14,9 +15,9 @@
 #include <string>
 #include <utility>
 
-/// Accepts the clients of one service: names each, has its handler made, and hands that on.
-/// Task: Start() and Stop() from any, everything else on the task given.
-/// Owner: the server. A socket that was accepted before Stop() and comes after it is closed.
+/// Accepts the clients of one service: gives each a name, creates its handler and passes it to the server.
+/// Task: the task given. Start() and Stop() may be called from any thread.
+/// Owner: the server. A socket that was accepted before Stop() but is handled after it is closed.
 template <class T>
 class IPCServerListener final : public IPCServerListenerIF<T>, public std::enable_shared_from_this<IPCServerListener<T>>
 {
@@ -25,7 +26,7 @@ public:
     using typename IPCServerListenerIF<T>::HandlerFactory;
     using Socket = std::shared_ptr<Network::ConnectorSocket>;
 
-    /// Asks the override factory first.
+    /// Null if an override factory returns a listener of another type.
     static std::shared_ptr<IPCServerListenerIF<T>> Create(const std::string& name, NotifyTargetTaskIF* task)
     {
         if (IPCServerListenerFactoryIF* const factory = IPCServerListenerFactory::detail::GetFactory())
@@ -59,7 +60,8 @@ public:
 
     void Stop() override
     {
-        NewClientCallback endedCallback; // both destroyed after the lock: they may hold whoever holds us
+        NewClientCallback
+            endedCallback; // destroyed after the lock is released: they may hold the last reference to the server
         HandlerFactory endedFactory;
         const ScopedMutex lock(m_listenerMutex);
         if (m_serverListener)
@@ -74,11 +76,12 @@ public:
 private:
     void HandleAccept(const Socket& socket)
     {
+        TASK_CHECK(m_task);
         DPRINTF(m_log, DPrint::LEVEL_INFO, "Handle New Socket Connection");
         const std::string name = m_name + '_' + std::to_string(m_connectionCounter++);
         HandlerFactory factory;
         {
-            const ScopedMutex lock(m_listenerMutex); // Start() may not be done with them
+            const ScopedMutex lock(m_listenerMutex); // Start() may still be setting the factory on another thread
             if (!m_serverListener)
             {
                 return;
@@ -99,10 +102,10 @@ private:
 
     const std::string m_name;
     NotifyTargetTaskIF* const m_task;
-    std::shared_ptr<IL::ServerListenerIF> m_serverListener; ///< null once stopped
+    std::shared_ptr<IL::ServerListenerIF> m_serverListener; ///< null after Stop()
     const DPrint m_log;
     unsigned int m_connectionCounter = 0;
-    NewClientCallback m_newClientCallback; ///< empty until a Start() that bound
+    NewClientCallback m_newClientCallback; ///< empty until Start() has bound the socket
     HandlerFactory m_handlerFactory;
     CThreadMutex m_listenerMutex; ///< guards the listener and the two functions
 };

@@ -12,7 +12,7 @@ class Address;
 class ConnectorSocket;
 } // namespace Network
 
-/// Makes an object of type T for each connection of one local service.
+/// Creates a client handler of type T for each connection of one local service.
 template <class T>
 class IPCServerListenerIF : public IPCServerListenerBase
 {
@@ -21,7 +21,7 @@ public:
     using HandlerFactory =
         std::function<std::shared_ptr<T>(const std::string& name, std::shared_ptr<Network::ConnectorSocket> socket)>;
 
-    /// Where the address cannot be bound, nobody is ever served; it is not tried again.
+    /// If the address cannot be bound, there is no second attempt and no client is served.
     virtual void Start(const Network::Address& address, const NewClientCallback& newClientCallback,
                        const HandlerFactory& handlerFactory) = 0;
     virtual void Stop() = 0;

@@ -1,14 +1,8 @@
 #include "ipc/MdnsIPCClientHandler.h"
 
 #include "interfaces/MdnsDiscoveryProtocolIF.h"
-#include "ipc/IPCMessages.h"
 #include "ipc/ProductConversion.h"
-#include "runtime/AsyncCallback.h"
-#include "runtime/Task.h"
-#include "runtime/ipc/ConnectorSocket.h"
-#include "runtime/ipc/IPCMessageEnvelope.h"
-#include "runtime/ipc/IPCMessageRouterFactory.h"
-#include "runtime/ipc/IPCMessageRouterIF.h"
+#include "runtime/Liveness.h"
 #include "schemas/Sonarix.pb.h"
 
 #include <algorithm>
@@ -27,142 +21,106 @@ const char* const kLanyardType = "_kova-lanyard._tcp";
 MdnsIPCClientHandler::MdnsIPCClientHandler(const std::string& name, NotifyTargetTaskIF* task,
                                            std::shared_ptr<Network::ConnectorSocket> socket,
                                            const std::shared_ptr<MdnsDiscoveryProtocolIF>& protocol)
-    : m_log(name)
-    , m_task(task)
-    , m_socket(std::move(socket))
+    : IPCClientHandler(name, task, std::move(socket))
     , m_mdnsProtocol(protocol)
 {
 }
 
 MdnsIPCClientHandler::~MdnsIPCClientHandler() = default;
 
-void MdnsIPCClientHandler::Initialize()
+void MdnsIPCClientHandler::LogEntry(const char* operation) const
 {
-    DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
-    const std::shared_ptr<MdnsIPCClientHandler> self = shared_from_this();
-    const std::shared_ptr<IPCMessageRouterIF> router =
-        IPCMessageRouterFactory::CreateRouter("DiscoveryServiceIPCServer_Router", m_task, nullptr);
-    {
-        const ScopedMutex lock(m_mutex);
-        m_router = router;
-    }
+    DPRINTF(m_log, DPrint::LEVEL_DEBUG, "%s", operation);
+}
+
+void MdnsIPCClientHandler::Subscribe(IPCMessageRouterIF& router)
+{
+    const auto self = Self<MdnsIPCClientHandler>();
     if (m_mdnsProtocol)
     {
-        // Not posted, and so without a hop to our task. Weak: it may run while we go.
+        // Runs on the mDNS task, which saves a task switch per report. It may run while another thread destroys the
+        // handler.
         m_productStateConnection = m_mdnsProtocol->RegisterProductStateCallback(
-            [weak = weak_from_this()](const Sonarix::Product& product)
-            {
-                if (const std::shared_ptr<MdnsIPCClientHandler> handler = weak.lock())
-                {
-                    handler->HandleDeviceUpdate(product);
-                }
-            });
+            Liveness::Weakly(self, [](MdnsIPCClientHandler& handler, const Sonarix::Product& product)
+                             { handler.HandleDeviceUpdate(product); }));
         m_restartConnection = m_mdnsProtocol->RegisterForServiceRestartNotification(
             AsyncCallback<>([self] { self->AddBackAllServices(); }, m_task));
     }
-    AttachRequests(*router);
-    router->Start(std::move(m_socket), AsyncCallback<>([self] { self->HandleDisconnect(); }, m_task));
+    Attach(router, LIST_DEVICES, &MdnsIPCClientHandler::HandleDiscoveredDeviceListRequest);
+    Attach(router, ADD_SERVICE, &MdnsIPCClientHandler::HandleAddServiceRequest);
+    Attach(router, UPDATE_TXT_RECORDS, &MdnsIPCClientHandler::HandleUpdateServiceTxtRecordsRequest);
+    Attach(router, REMOVE_SERVICE, &MdnsIPCClientHandler::HandleRemoveServiceRequest);
+    Attach(router, BROADCAST_ANNOUNCEMENT, &MdnsIPCClientHandler::HandleBroadcastInitialDeviceAnnouncement);
 }
 
-void MdnsIPCClientHandler::AttachRequests(IPCMessageRouterIF& router)
+void MdnsIPCClientHandler::Unsubscribe()
 {
-    using SonarixPb::DeviceInfo;
-    using SonarixPb::Service;
-    using SonarixPb::ServiceId;
-    const std::shared_ptr<MdnsIPCClientHandler> self = shared_from_this();
-    router.AttachForRequest(
-        LIST_DEVICES, AsyncCallback<ServiceId, unsigned int>([self](const ServiceId& request, const unsigned int& tid)
-                                                             { self->HandleDiscoveredDeviceListRequest(request, tid); },
-                                                             m_task));
-    router.AttachForRequest(ADD_SERVICE,
-                            AsyncCallback<Service, unsigned int>([self](const Service& service, const unsigned int& tid)
-                                                                 { self->HandleAddServiceRequest(service, tid); },
-                                                                 m_task));
-    router.AttachForRequest(UPDATE_TXT_RECORDS, AsyncCallback<Service, unsigned int>(
-                                                    [self](const Service& service, const unsigned int& tid)
-                                                    { self->HandleUpdateServiceTxtRecordsRequest(service, tid); },
-                                                    m_task));
-    router.AttachForRequest(
-        REMOVE_SERVICE, AsyncCallback<Service, unsigned int>([self](const Service& service, const unsigned int& /*tid*/)
-                                                             { self->HandleRemoveServiceRequest(service); },
-                                                             m_task));
-    router.AttachForRequest(BROADCAST_ANNOUNCEMENT, AsyncCallback<DeviceInfo, unsigned int>(
-                                                        [self](const DeviceInfo& info, const unsigned int& /*tid*/)
-                                                        { self->HandleBroadcastInitialDeviceAnnouncement(info); },
-                                                        m_task));
+    m_restartConnection.Disconnect();
+    m_queuedLists.clear();
 }
-
-std::shared_ptr<IPCMessageRouterIF> MdnsIPCClientHandler::Router()
-{
-    const ScopedMutex lock(m_mutex);
-    return m_router;
-}
-
-// ---- lists --------------------------------------------------------------------------------------------------
 
 void MdnsIPCClientHandler::HandleDiscoveredDeviceListRequest(const SonarixPb::ServiceId& request, unsigned int tid)
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_INFO, "");
-    const std::shared_ptr<IPCMessageRouterIF> router = Router();
-    if (!router)
+    if (!IsConnected())
     {
         return;
     }
     if (!m_mdnsProtocol)
     {
         DPRINT(m_log, DPrint::LEVEL_WARNING, "GetDeviceListCalled Before it was set!!");
-        SendListError(*router, "Get DeviceList not SET!", tid);
+        SendListError("Get DeviceList not SET!", tid);
         return;
     }
     DPRINT(m_log, DPrint::LEVEL_INFO, "Got request for serviceType: " << request.type());
-    if (m_listsUnderWay < kMaxListsUnderWay)
+    if (m_runningLists < kMaxRunningLists)
     {
-        AskForList(request.type(), tid);
+        RequestList(request.type(), tid);
     }
-    else if (m_listsWaiting.size() < kMaxListsWaiting)
+    else if (m_queuedLists.size() < kMaxQueuedLists)
     {
-        m_listsWaiting.emplace_back(request.type(), tid);
+        m_queuedLists.emplace_back(request.type(), tid);
     }
     else
     {
-        DPRINT(m_log, DPrint::LEVEL_WARNING, "the connection ends: " << kMaxListsWaiting << " lists wait already");
+        DPRINT(m_log, DPrint::LEVEL_WARNING, "the connection ends: " << kMaxQueuedLists << " list requests are queued");
         HandleDisconnect();
     }
 }
 
-void MdnsIPCClientHandler::AskForList(const std::string& serviceType, unsigned int tid)
+void MdnsIPCClientHandler::RequestList(const std::string& serviceType, unsigned int tid)
 {
-    ++m_listsUnderWay;
-    m_mdnsProtocol->GetProductList(serviceType,
-                                   AsyncCallback<Sonarix::ProductList>(
-                                       [self = shared_from_this(), serviceType, tid](const Sonarix::ProductList& list)
-                                       { self->DiscoveredDeviceListResponse(serviceType, tid, list); },
-                                       m_task));
+    ++m_runningLists;
+    m_mdnsProtocol->GetProductList(
+        serviceType, AsyncCallback<Sonarix::ProductList>(
+                         [self = Self<MdnsIPCClientHandler>(), serviceType, tid](const Sonarix::ProductList& list)
+                         { self->DiscoveredDeviceListResponse(serviceType, tid, list); },
+                         m_task));
 }
 
 void MdnsIPCClientHandler::DiscoveredDeviceListResponse(const std::string& serviceType, unsigned int tid,
                                                         const Sonarix::ProductList& list)
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_INFO, "Got response for serviceType: " << serviceType);
-    --m_listsUnderWay;
-    const std::shared_ptr<IPCMessageRouterIF> router = Router();
-    if (!router)
+    --m_runningLists;
+    if (!IsConnected())
     {
         return;
     }
-    SendDeviceList(*router, list, tid);
-    if (!m_listsWaiting.empty())
+    SendDeviceList(list, tid);
+    if (!m_queuedLists.empty())
     {
-        const auto [nextType, nextTid] = std::move(m_listsWaiting.front());
-        m_listsWaiting.pop_front();
-        AskForList(nextType, nextTid);
+        const auto [nextType, nextTid] = std::move(m_queuedLists.front());
+        m_queuedLists.pop_front();
+        RequestList(nextType, nextTid);
     }
 }
 
-// ---- records ------------------------------------------------------------------------------------------------
-
 void MdnsIPCClientHandler::HandleAddServiceRequest(const SonarixPb::Service& service, unsigned int tid)
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
     const std::string& type = service.id().type();
     if (SubscribeTo(type))
@@ -173,26 +131,20 @@ void MdnsIPCClientHandler::HandleAddServiceRequest(const SonarixPb::Service& ser
     {
         DPRINT(m_log, DPrint::LEVEL_INFO, "Service: " << type << " already in list.");
     }
-    Remember(service);
-
-    const bool isAdded = m_mdnsProtocol && m_mdnsProtocol->AddService(service);
-    const std::shared_ptr<IPCMessageRouterIF> router = Router();
-    if (!router)
+    StoreRecord(service);
+    if (m_mdnsProtocol && m_mdnsProtocol->AddService(service))
     {
-        return;
+        Respond(ADD_SERVICE, SonarixPb::DiscoveryServiceVoid(), tid);
     }
-    if (!isAdded) // the record stays: the next start tries again
+    else // the record stays stored, so that a restart of mDNS tries again
     {
-        SendError(*router, ADD_SERVICE, "AddService request Failed!", tid);
-        return;
+        SendError(ADD_SERVICE, "AddService request Failed!", tid);
     }
-    IPCMessageEnvelope envelope;
-    envelope.SetPayload(SonarixPb::DiscoveryServiceVoid());
-    router->SendResponse(ADD_SERVICE, envelope, tid);
 }
 
-void MdnsIPCClientHandler::HandleRemoveServiceRequest(const SonarixPb::Service& service)
+void MdnsIPCClientHandler::HandleRemoveServiceRequest(const SonarixPb::Service& service, unsigned int /*tid*/)
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
     m_advertisedServices.remove_if([&service](const ServiceRecord& record)
                                    { return record.serviceType == service.id().type(); });
@@ -204,12 +156,13 @@ void MdnsIPCClientHandler::HandleRemoveServiceRequest(const SonarixPb::Service& 
 
 void MdnsIPCClientHandler::HandleUpdateServiceTxtRecordsRequest(const SonarixPb::Service& service, unsigned int tid)
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
-    Remember(service);
+    StoreRecord(service);
     if (m_mdnsProtocol)
     {
         m_mdnsProtocol->UpdateServiceTxtRecords(
-            service, AsyncCallback<bool>([self = shared_from_this(), tid](const bool& isSuccess)
+            service, AsyncCallback<bool>([self = Self<MdnsIPCClientHandler>(), tid](const bool& isSuccess)
                                          { self->UpdateServiceTxtRecordsResponse(isSuccess, tid); },
                                          m_task));
     }
@@ -217,18 +170,20 @@ void MdnsIPCClientHandler::HandleUpdateServiceTxtRecordsRequest(const SonarixPb:
 
 void MdnsIPCClientHandler::UpdateServiceTxtRecordsResponse(bool isSuccess, unsigned int tid)
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_INFO, "isSuccess: " << (isSuccess ? "TRUE" : "FALSE") << " tid: " << tid);
-    const std::shared_ptr<IPCMessageRouterIF> router = Router();
-    if (!router || isSuccess)
+    if (isSuccess || !IsConnected())
     {
-        return; // clients know success by silence
+        return; // a success has no response
     }
     DPRINT(m_log, DPrint::LEVEL_ERROR, "Update Service Failed!");
-    SendError(*router, UPDATE_TXT_RECORDS, "Update Service Failed!", tid);
+    SendError(UPDATE_TXT_RECORDS, "Update Service Failed!", tid);
 }
 
-void MdnsIPCClientHandler::HandleBroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info)
+void MdnsIPCClientHandler::HandleBroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info,
+                                                                    unsigned int /*tid*/)
 {
+    TASK_CHECK(m_task);
     if (SubscribeTo(kLanyardType))
     {
         DPRINT(m_log, DPrint::LEVEL_INFO, "Adding Service " << kLanyardType << " to DeviceUpdate List.");
@@ -242,6 +197,7 @@ void MdnsIPCClientHandler::HandleBroadcastInitialDeviceAnnouncement(const Sonari
 
 void MdnsIPCClientHandler::AddBackAllServices()
 {
+    TASK_CHECK(m_task);
     DPRINT(m_log, DPrint::LEVEL_INFO, "");
     if (!m_mdnsProtocol)
     {
@@ -275,8 +231,8 @@ void MdnsIPCClientHandler::RemoveAllServices()
     }
 }
 
-/// A record of the same type is replaced, whatever its name.
-void MdnsIPCClientHandler::Remember(const SonarixPb::Service& service)
+/// Replaces the record of the same service type, even if its name differs.
+void MdnsIPCClientHandler::StoreRecord(const SonarixPb::Service& service)
 {
     const std::string& type = service.id().type();
     const auto found = std::find_if(m_advertisedServices.begin(), m_advertisedServices.end(),
@@ -284,14 +240,14 @@ void MdnsIPCClientHandler::Remember(const SonarixPb::Service& service)
     if (found != m_advertisedServices.end())
     {
         found->service = service;
-        return;
     }
-    m_advertisedServices.push_back({type, service});
+    else
+    {
+        m_advertisedServices.push_back({type, service});
+    }
 }
 
-// ---- devices ------------------------------------------------------------------------------------------------
-
-/// False: it was already.
+/// Returns false if the client is subscribed already.
 bool MdnsIPCClientHandler::SubscribeTo(const std::string& serviceType)
 {
     const ScopedMutex lock(m_mutex);
@@ -320,53 +276,20 @@ void MdnsIPCClientHandler::HandleDeviceUpdate(const Sonarix::Product& product)
                "Update for service: " << type << ", Service not added so skipping forward to client.");
         return;
     }
-    if (const std::shared_ptr<IPCMessageRouterIF> router = Router())
-    {
-        SendDevice(*router, ProductStateToDeviceState(product), ProductToDeviceInfo(product));
-    }
+    SendDevice(ProductStateToDeviceState(product), ProductToDeviceInfo(product));
 }
 
 void MdnsIPCClientHandler::SendSonarixNotification(SonarixPb::DeviceState state,
                                                    const std::shared_ptr<SonarixPb::DeviceInfo>& device)
 {
     DPRINT(m_log, DPrint::LEVEL_INFO, "SendSonarixNotification Called");
-    if (const std::shared_ptr<IPCMessageRouterIF> router = Router())
-    {
-        SendDevice(*router, state, *device);
-    }
+    IPCClientHandler::SendSonarixNotification(state, device);
 }
-
-// ---- the end ------------------------------------------------------------------------------------------------
 
 CallbackConnection MdnsIPCClientHandler::RegisterForDisconnect(const Callback<void>& callback)
 {
     DPRINT(m_log, DPrint::LEVEL_INFO, "");
-    return m_disconnectRegistry.Connect(callback);
-}
-
-void MdnsIPCClientHandler::Shutdown()
-{
-    DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
-    IL::BreakThread([self = shared_from_this()] { self->HandleDisconnect(); }, m_task);
-}
-
-void MdnsIPCClientHandler::HandleDisconnect()
-{
-    DPRINT(m_log, DPrint::LEVEL_DEBUG, "");
-    std::shared_ptr<IPCMessageRouterIF> router;
-    {
-        const ScopedMutex lock(m_mutex);
-        router.swap(m_router);
-    }
-    if (router)
-    {
-        m_productStateConnection.Disconnect();
-        m_restartConnection.Disconnect();
-        m_listsWaiting.clear();
-        router->Stop();
-    }
-    m_disconnectRegistry.Send(CallbackConnection());
-    m_disconnectRegistry.DisconnectAll();
+    return IPCClientHandler::RegisterForDisconnect(callback);
 }
 
 } // namespace SonarixService

@@ -9,131 +9,135 @@ namespace SonarixService
 namespace
 {
 
-/// FIELD is set where the source has it, with something in it.
-#define COPY_TEXT(from, to, FIELD)                                                                                     \
+using Sonarix::ProductInfo;
+using SonarixPb::DeviceInfo;
+
+/// Copies a field that has the same accessor names in the messages `from` and `to`, if it is set.
+#define COPY_IF_SET(FIELD)                                                                                             \
     do                                                                                                                 \
     {                                                                                                                  \
-        if (!(from).FIELD().empty())                                                                                   \
+        if (from.has_##FIELD())                                                                                        \
         {                                                                                                              \
-            (to).set_##FIELD((from).FIELD());                                                                          \
+            to.set_##FIELD(from.FIELD());                                                                              \
         }                                                                                                              \
     } while (false)
 
-#define COPY_IF_SET(from, FROM, to, TO)                                                                                \
-    do                                                                                                                 \
-    {                                                                                                                  \
-        if ((from).has_##FROM())                                                                                       \
-        {                                                                                                              \
-            (to).set_##TO((from).FROM());                                                                              \
-        }                                                                                                              \
-    } while (false)
-
-void CopyTexts(const Sonarix::ProductInfo& from, SonarixPb::DeviceInfo& to)
+struct TextMember
 {
-    COPY_TEXT(from, to, macaddress);
-    COPY_TEXT(from, to, ipaddress);
-    COPY_TEXT(from, to, guid);
-    COPY_TEXT(from, to, location);
-    COPY_TEXT(from, to, devicetype);
-    COPY_TEXT(from, to, presentationurl);
-    COPY_TEXT(from, to, friendlyname);
-    COPY_TEXT(from, to, manufacturer);
-    COPY_TEXT(from, to, modeldescription);
-    COPY_TEXT(from, to, modelname);
-    COPY_TEXT(from, to, modelnumber);
-    COPY_TEXT(from, to, modelurl);
-    COPY_TEXT(from, to, serialnumber);
-    COPY_TEXT(from, to, udn);
-    COPY_TEXT(from, to, ecosystem);
-    COPY_TEXT(from, to, producttype);
-    COPY_TEXT(from, to, productcolor);
-    COPY_TEXT(from, to, softwareversion);
-}
+    const std::string& (ProductInfo::*get)() const;
+    std::string* (DeviceInfo::*mutableText)();
+};
 
-void CopyVersion(const SXCommon::ProtocolVersion& from, SonarixPb::ProtocolVersion& to)
+constexpr TextMember kTexts[] = {
+    {&ProductInfo::macaddress, &DeviceInfo::mutable_macaddress},
+    {&ProductInfo::ipaddress, &DeviceInfo::mutable_ipaddress},
+    {&ProductInfo::guid, &DeviceInfo::mutable_guid},
+    {&ProductInfo::location, &DeviceInfo::mutable_location},
+    {&ProductInfo::devicetype, &DeviceInfo::mutable_devicetype},
+    {&ProductInfo::presentationurl, &DeviceInfo::mutable_presentationurl},
+    {&ProductInfo::friendlyname, &DeviceInfo::mutable_friendlyname},
+    {&ProductInfo::manufacturer, &DeviceInfo::mutable_manufacturer},
+    {&ProductInfo::modeldescription, &DeviceInfo::mutable_modeldescription},
+    {&ProductInfo::modelname, &DeviceInfo::mutable_modelname},
+    {&ProductInfo::modelnumber, &DeviceInfo::mutable_modelnumber},
+    {&ProductInfo::modelurl, &DeviceInfo::mutable_modelurl},
+    {&ProductInfo::serialnumber, &DeviceInfo::mutable_serialnumber},
+    {&ProductInfo::udn, &DeviceInfo::mutable_udn},
+    {&ProductInfo::ecosystem, &DeviceInfo::mutable_ecosystem},
+    {&ProductInfo::producttype, &DeviceInfo::mutable_producttype},
+    {&ProductInfo::productcolor, &DeviceInfo::mutable_productcolor},
+    {&ProductInfo::softwareversion, &DeviceInfo::mutable_softwareversion},
+};
+
+SonarixPb::ProtocolVersion VersionFromProductVersion(const SXCommon::ProtocolVersion& from)
 {
+    SonarixPb::ProtocolVersion to;
     to.set_major_version(from.major_version());
     to.set_minor_version(from.minor_version());
+    return to;
 }
 
-void CopyVersions(const SXCommon::MultiroomVersions& from, SonarixPb::MultiroomVersions& to)
+SonarixPb::MultiroomVersions VersionsFromMultiroom(const SXCommon::MultiroomVersions& from)
 {
-    CopyVersion(from.audio_payload_version(), *to.mutable_audio_payload_version());
-    CopyVersion(from.audiocontrol_protocol_version(), *to.mutable_audiocontrol_protocol_version());
-    CopyVersion(from.clocksync_protocol_version(), *to.mutable_clocksync_protocol_version());
-    CopyVersion(from.nowplaying_version(), *to.mutable_nowplaying_version());
-    CopyVersion(from.playbackrequest_version(), *to.mutable_playbackrequest_version());
-    CopyVersion(from.grouping_version(), *to.mutable_grouping_version());
+    SonarixPb::MultiroomVersions to;
+    *to.mutable_audio_payload_version() = VersionFromProductVersion(from.audio_payload_version());
+    *to.mutable_audiocontrol_protocol_version() = VersionFromProductVersion(from.audiocontrol_protocol_version());
+    *to.mutable_clocksync_protocol_version() = VersionFromProductVersion(from.clocksync_protocol_version());
+    *to.mutable_nowplaying_version() = VersionFromProductVersion(from.nowplaying_version());
+    *to.mutable_playbackrequest_version() = VersionFromProductVersion(from.playbackrequest_version());
+    *to.mutable_grouping_version() = VersionFromProductVersion(from.grouping_version());
+    return to;
 }
 
-void CopyIcon(const SXCommon::Icon& from, SonarixPb::IconInfo& to)
+SonarixPb::IconInfo IconInfoFromIcon(const SXCommon::Icon& from)
 {
-    COPY_IF_SET(from, mimetype, to, mimetype);
-    COPY_IF_SET(from, height, to, height);
-    COPY_IF_SET(from, width, to, width);
-    COPY_IF_SET(from, depth, to, depth);
-    COPY_IF_SET(from, url, to, url);
+    SonarixPb::IconInfo to;
+    COPY_IF_SET(mimetype);
+    COPY_IF_SET(height);
+    COPY_IF_SET(width);
+    COPY_IF_SET(depth);
+    COPY_IF_SET(url);
+    return to;
 }
 
-void CopyService(const SXCommon::Service& from, SonarixPb::ServiceInfo& to)
+SonarixPb::ServiceInfo ServiceInfoFromService(const SXCommon::Service& from)
 {
-    COPY_IF_SET(from, servicetype, to, servicetype);
-    COPY_IF_SET(from, serviceid, to, serviceid);
-    COPY_IF_SET(from, scpdurl, to, scpdurl);
-    COPY_IF_SET(from, controlurl, to, controlurl);
-    COPY_IF_SET(from, eventsuburl, to, eventsuburl);
+    SonarixPb::ServiceInfo to;
+    COPY_IF_SET(servicetype);
+    COPY_IF_SET(serviceid);
+    COPY_IF_SET(scpdurl);
+    COPY_IF_SET(controlurl);
+    COPY_IF_SET(eventsuburl);
+    return to;
 }
 
-SonarixPb::ConnectionType ToConnectionType(SXCommon::ConnectionType type)
+SonarixPb::ClockInfo DeviceClockFromProductClock(const SXCommon::ClockInfo& from)
 {
-    switch (type)
-    {
-    case SXCommon::ETHERNET:
-        return SonarixPb::ETHERNET;
-    case SXCommon::WIFI:
-        return SonarixPb::WIFI;
-    default:
-        return SonarixPb::UNKNOWN;
-    }
-}
-
-void CopyClockInfo(const SXCommon::ClockInfo& from, SonarixPb::ClockInfo& to)
-{
+    SonarixPb::ClockInfo to;
     if (from.has_connection())
     {
-        to.set_connection(ToConnectionType(from.connection()));
+        to.set_connection(from.connection() == SXCommon::ETHERNET ? SonarixPb::ETHERNET
+                          : from.connection() == SXCommon::WIFI   ? SonarixPb::WIFI
+                                                                  : SonarixPb::UNKNOWN);
     }
-    COPY_IF_SET(from, clockdomain, to, clockdomain);
-    COPY_IF_SET(from, leaderelected, to, leaderelected);
-    COPY_IF_SET(from, hasbattery, to, hasbattery);
-    COPY_IF_SET(from, isclocksynced, to, isclocksynced);
+    COPY_IF_SET(clockdomain);
+    COPY_IF_SET(leaderelected);
+    COPY_IF_SET(hasbattery);
+    COPY_IF_SET(isclocksynced);
+    return to;
 }
 
-#undef COPY_TEXT
 #undef COPY_IF_SET
 
 } // namespace
 
 SonarixPb::DeviceInfo ProductToDeviceInfo(const Sonarix::Product& product)
 {
-    const Sonarix::ProductInfo& info = product.productinfo();
-    SonarixPb::DeviceInfo device;
-    CopyTexts(info, device);
+    const ProductInfo& info = product.productinfo();
+    DeviceInfo device;
+    for (const TextMember& text : kTexts)
+    {
+        const std::string& value = (info.*text.get)();
+        if (!value.empty())
+        {
+            *(device.*text.mutableText)() = value;
+        }
+    }
     if (info.has_multiroom())
     {
-        CopyVersions(info.multiroom(), *device.mutable_multiroom_versions());
+        *device.mutable_multiroom_versions() = VersionsFromMultiroom(info.multiroom());
     }
     for (const SXCommon::Icon& icon : info.icons())
     {
-        CopyIcon(icon, *device.mutable_iconlist()->add_icon());
+        *device.mutable_iconlist()->add_icon() = IconInfoFromIcon(icon);
     }
     for (const SXCommon::Service& service : info.services())
     {
-        CopyService(service, *device.mutable_servicelist()->add_service());
+        *device.mutable_servicelist()->add_service() = ServiceInfoFromService(service);
     }
     if (info.has_clockinfo())
     {
-        CopyClockInfo(info.clockinfo(), *device.mutable_mdnsclockinfo());
+        *device.mutable_mdnsclockinfo() = DeviceClockFromProductClock(info.clockinfo());
     }
     return device;
 }

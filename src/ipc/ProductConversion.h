@@ -1,6 +1,6 @@
 #pragma once
 
-#include "schemas/SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "schemas/SonarixPb.pb.h" // protobuf enums cannot be forward-declared
 
 namespace Sonarix
 {
@@ -10,11 +10,11 @@ class Product;
 namespace SonarixService
 {
 
-/// A product as the clients of the local sockets see it: what is set and not empty of its information. `upc`,
-/// `country`, `manufacturerurl` and ZoneControl_Version stay out. Stateless, safe from any thread.
+/// The product's information in the form that local clients get: all fields that are set and not empty, except `upc`,
+/// `country`, `manufacturerurl` and ZoneControl_Version. Any thread.
 SonarixPb::DeviceInfo ProductToDeviceInfo(const Sonarix::Product& product);
 
-/// INVALID for what is neither OFFLINE nor ONLINE, an unset state among it.
+/// INVALID for every state except OFFLINE and ONLINE, and for an unset state. Any thread.
 SonarixPb::DeviceState ProductStateToDeviceState(const Sonarix::Product& product);
 
 } // namespace SonarixService

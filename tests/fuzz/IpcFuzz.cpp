@@ -3,7 +3,6 @@
 #include "runtime/ipc/ConnectorSocket.h"
 #include "runtime/ipc/IPCFraming.h"
 #include "runtime/ipc/IPCMessageEnvelope.h"
-#include "runtime/ipc/IPCMessageRouterFactory.h"
 #include "runtime/ipc/IPCMessageRouterIF.h"
 #include "schemas/SonarixPb.pb.h"
 #include "tests/fuzz/FuzzChecks.h"
@@ -29,10 +28,10 @@ struct Outcome
 template <class T>
 void Judge(const IPCMessageEnvelope& envelope, unsigned int id, Outcome& outcome)
 {
-    if (envelope.kind() == IPCMessageEnvelope::REQUEST && envelope.id() == id)
+    if (envelope->kind() == IPCMessageEnvelopeBase::REQUEST && envelope->id() == id)
     {
         T message;
-        const bool isOther = envelope.has_payload_type() && envelope.payload_type() != T::descriptor()->name();
+        const bool isOther = envelope->has_payload_type() && envelope->payload_type() != T::descriptor()->name();
         ++(isOther || !envelope.GetPayload(message) ? outcome.rejected : outcome.taken);
     }
 }
@@ -84,7 +83,8 @@ public:
         ::shutdown(sockets[1], SHUT_WR);
         while (const std::optional<IPCMessageEnvelope> answer = client.Read())
         {
-            Require(answer->kind() == IPCMessageEnvelope::REJECT && answer->payload().empty(), "not a reject");
+            Require((*answer)->kind() == IPCMessageEnvelopeBase::REJECT && (*answer)->payload().empty(),
+                    "not a reject");
             ++outcome.rejected;
         }
         m_task.Run([&] { router.reset(); });

@@ -32,7 +32,7 @@ Sonarix::Product Product(const std::string& name, const std::string& type = "_ko
     product.mutable_serviceid()->set_type(type);
     product.set_state(state);
     product.mutable_productinfo()->set_friendlyname(name);
-    product.mutable_productinfo()->set_country("CH"); // stays here
+    product.mutable_productinfo()->set_country("CH"); // not sent to local clients
     return product;
 }
 
@@ -54,8 +54,8 @@ SonarixPb::ServiceId Type(const std::string& type)
     return id;
 }
 
-/// The server on its sockets, with sources that the test speaks for. The test looks at them after a client has heard
-/// an answer: what it asked for before is done then.
+/// The server on real sockets, with fake discovery protocols. The test reads the fakes only after a client has received
+/// a response: all its earlier requests have been handled by then.
 class DiscoveryServiceIPCServerTest : public testing::Test
 {
 protected:
@@ -95,11 +95,11 @@ protected:
     {
         return client.ReadAs<SonarixPb::DeviceDiscoveryError>(head).ShortDebugString();
     }
-    static std::string Told(SocketClient& client)
+    static std::string Notified(SocketClient& client)
     {
         return client.ReadAs<SonarixPb::DeviceDiscovery>("NOTIFICATION 1 0").ShortDebugString();
     }
-    /// All that `client` has asked for is done, and it is told of what comes from here on.
+    /// Returns after all earlier requests of `client` have been handled.
     static SonarixPb::DiscoveredDeviceList Barrier(SocketClient& client)
     {
         client.Request(2, 1, Type("_barrier._tcp"));
@@ -110,7 +110,7 @@ protected:
         client.Request(2, 1, SonarixPb::DiscoveredDeviceList());
         return client.ReadAs<SonarixPb::DiscoveredDeviceList>();
     }
-    /// What was asked of mDNS since the last time, barriers left out.
+    /// The calls to mDNS since the last call of this function, without those of Barrier().
     std::vector<std::string> Calls()
     {
         FakeCalls calls;
@@ -129,7 +129,7 @@ protected:
 
 } // namespace
 
-TEST_F(DiscoveryServiceIPCServerTest, ListsAreThoseOfTheSourceWithTheAskersTid)
+TEST_F(DiscoveryServiceIPCServerTest, ListResponseHasTheDevicesAndTheRequestsTid)
 {
     *m_mdns->answerAtOnce->add_products() = Product("one");
     *m_mdns->answerAtOnce->add_products() = Product("two");
@@ -140,21 +140,22 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsAreThoseOfTheSourceWithTheAskersTid)
     EXPECT_THAT(*m_mdns->calls, ElementsAre("mdns GetProductList _kova-clock._tcp"));
 
     SocketClient ssdp = Ssdp();
-    EXPECT_EQ(ListSsdp(ssdp).device_size(), 0) << "an empty table is no error";
+    EXPECT_EQ(ListSsdp(ssdp).device_size(), 0) << "an empty table is not an error";
     *m_ssdp->list.add_products() = Product("three");
     EXPECT_EQ(ListSsdp(ssdp).ShortDebugString(), R"(device { friendlyname: "three" })");
 
     ssdp.Request(2, 3, Type("_kova-clock._tcp"));
-    EXPECT_EQ(SocketClient::HeadOf(ssdp.Read()), "REJECT 2 3") << "of another type";
+    EXPECT_EQ(SocketClient::HeadOf(ssdp.Read()), "REJECT 2 3") << "wrong payload type";
     ssdp.Request(3, 3, Service("a", "_a._tcp"));
-    EXPECT_EQ(ListSsdp(ssdp).device_size(), 1) << "there is nothing to add to";
+    EXPECT_EQ(ListSsdp(ssdp).device_size(), 1) << "SSDP has no request 3";
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, ListsThatAreAskedForFasterThanAnsweredTakeTurns)
+TEST_F(DiscoveryServiceIPCServerTest, ListRequestsBeyondTheRunningLimitAreQueued)
 {
     m_mdns->answerAtOnce.reset();
     SocketClient client = Mdns();
-    const auto settle = [](SocketClient& asked) { Add(asked, Service("a", "_a._tcp")); }; // overtakes what waits
+    const auto settle = [](SocketClient& asked)
+    { Add(asked, Service("a", "_a._tcp")); }; // answered before the queued lists
     constexpr unsigned int kCount = 100;
     for (unsigned int tid = 0; tid < kCount; ++tid)
     {
@@ -163,32 +164,32 @@ TEST_F(DiscoveryServiceIPCServerTest, ListsThatAreAskedForFasterThanAnsweredTake
     for (unsigned int tid = 0; tid < kCount; ++tid)
     {
         settle(client);
-        EXPECT_LE(m_mdns->WaitingLists(), MdnsIPCClientHandler::kMaxListsUnderWay);
+        EXPECT_LE(m_mdns->WaitingLists(), MdnsIPCClientHandler::kMaxRunningLists);
         ASSERT_TRUE(m_mdns->AnswerList({}));
         EXPECT_EQ(SocketClient::HeadOf(client.Read()), "RESPONSE 2 " + std::to_string(tid));
     }
 
     SocketClient other = Mdns();
     settle(other);
-    for (unsigned int tid = 0; tid < MdnsIPCClientHandler::kMaxListsWaiting + 5; ++tid)
+    for (unsigned int tid = 0; tid < MdnsIPCClientHandler::kMaxQueuedLists + 5; ++tid)
     {
         client.Request(2, tid, Type("_a._tcp"));
     }
     EXPECT_TRUE(client.AwaitEnd());
     settle(other);
-    while (m_mdns->AnswerList({})) // nobody waits for them any more
+    while (m_mdns->AnswerList({})) // responses to the disconnected client are dropped
     {
         settle(other);
     }
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain)
+TEST_F(DiscoveryServiceIPCServerTest, RecordsAreStoredByTypeAndAddedAfterARestart)
 {
     SocketClient client = Mdns();
     Add(client, Service("a", "_a._tcp"), 11);
     Add(client, Service("b", "_b._tcp"));
     Add(client, Service("a2", "_a._tcp", "new"));
-    client.Request(6, 14, Service("b", "_b._tcp", "updated")); // a success is not answered
+    client.Request(6, 14, Service("b", "_b._tcp", "updated")); // a successful update has no response
     client.Request(6, 15, Service("c", "_c._tcp", "never added"));
     Barrier(client);
     EXPECT_THAT(Calls(), ElementsAre("mdns AddService a _a._tcp v", "mdns AddService b _b._tcp v",
@@ -202,7 +203,7 @@ TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain
     SonarixPb::DeviceInfo info;
     info.set_friendlyname("announced");
     client.Request(5, 16, info);
-    client.Request(4, 17, Service("whatever", "_a._tcp")); // neither is answered
+    client.Request(4, 17, Service("whatever", "_a._tcp")); // neither has a response
     Barrier(client);
     EXPECT_THAT(Calls(),
                 ElementsAre("mdns BroadcastInitialDeviceAnnouncement", "mdns RemoveService whatever _a._tcp v"));
@@ -212,7 +213,7 @@ TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain
                                      "mdns AddService c _c._tcp never added"));
     EXPECT_EQ(m_mdns->announcements.back().friendlyname(), "announced");
 
-    // Another client has records of its own; what a client has published stays when it goes.
+    // Each client has its own records. A disconnect does not remove them from the network.
     SocketClient second = Mdns();
     Add(second, Service("b", "_b._tcp", "second"));
     client.Close();
@@ -223,7 +224,7 @@ TEST_F(DiscoveryServiceIPCServerTest, RecordsAreRememberedByTypeAndHandedInAgain
     EXPECT_THAT(Calls(), ElementsAre("mdns AddService b _b._tcp second"));
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, FailuresAreTold)
+TEST_F(DiscoveryServiceIPCServerTest, FailuresAreAnsweredWithAnError)
 {
     m_mdns->isAccepting = false;
     SocketClient client = Mdns();
@@ -235,9 +236,9 @@ TEST_F(DiscoveryServiceIPCServerTest, FailuresAreTold)
     Calls();
     m_mdns->Restart();
     Barrier(client);
-    EXPECT_THAT(Calls(), ElementsAre("mdns AddService a _a._tcp v")) << "the failed one is tried again";
+    EXPECT_THAT(Calls(), ElementsAre("mdns AddService a _a._tcp v")) << "a failed add is repeated";
 
-    // Without the sources.
+    // Without discovery protocols.
     m_controller->mdns = nullptr;
     m_controller->ssdp = nullptr;
     SocketClient orphan = Mdns();
@@ -255,14 +256,14 @@ TEST_F(DiscoveryServiceIPCServerTest, FailuresAreTold)
               R"(code: 0 subcode: 0 message: "Ssdp Protocol NULL" guid: "guid.is.not.set.perhaps.x86")");
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, DevicesAreToldToWhomTheyConcern)
+TEST_F(DiscoveryServiceIPCServerTest, NotificationsGoToSubscribersOfTheType)
 {
     SocketClient adder = Mdns();
     SocketClient announcer = Mdns();
     SocketClient idle = Mdns();
     SocketClient ssdp = Ssdp();
     Add(adder, Service("a", "_a._tcp"));
-    adder.Request(4, 1, Service("a", "_a._tcp")); // is told of the type all the same
+    adder.Request(4, 1, Service("a", "_a._tcp")); // a removal does not end the subscription
     announcer.Request(5, 1, SonarixPb::DeviceInfo());
     Barrier(adder);
     Barrier(announcer);
@@ -274,21 +275,22 @@ TEST_F(DiscoveryServiceIPCServerTest, DevicesAreToldToWhomTheyConcern)
     m_mdns->Report(Product("other", "_b._tcp"));
     m_ssdp->Report(Product("ssdp", ""));
     auto device = std::make_shared<SonarixPb::DeviceInfo>();
-    device->set_friendlyname("made up");
+    device->set_friendlyname("injected");
     m_server->SendSonarixNotification(SonarixPb::INVALID, device);
 
-    EXPECT_EQ(Told(adder), R"(state: OFFLINE device { friendlyname: "a" })");
-    EXPECT_EQ(Told(announcer), R"(state: ONLINE device { friendlyname: "lanyard" })");
-    const std::string madeUp = R"(state: INVALID device { friendlyname: "made up" })";
+    EXPECT_EQ(Notified(adder), R"(state: OFFLINE device { friendlyname: "a" })");
+    EXPECT_EQ(Notified(announcer), R"(state: ONLINE device { friendlyname: "lanyard" })");
+    const std::string injected = R"(state: INVALID device { friendlyname: "injected" })";
     for (SocketClient* const client : {&adder, &announcer, &idle})
     {
-        EXPECT_EQ(Told(*client), madeUp);
+        EXPECT_EQ(Notified(*client), injected);
     }
-    const std::vector<std::string> told{Told(ssdp), Told(ssdp)}; // one of the two came by way of the task
-    EXPECT_THAT(told, testing::UnorderedElementsAre(R"(state: ONLINE device { friendlyname: "ssdp" })", madeUp));
+    const std::vector<std::string> notified{Notified(ssdp),
+                                            Notified(ssdp)}; // in either order: the report is posted to the task
+    EXPECT_THAT(notified, testing::UnorderedElementsAre(R"(state: ONLINE device { friendlyname: "ssdp" })", injected));
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, LinesOfTheLogName)
+TEST_F(DiscoveryServiceIPCServerTest, LogLinesNameOperationAndClient)
 {
     SocketClient first = Mdns();
     SocketClient second = Mdns();
@@ -321,7 +323,7 @@ TEST_F(DiscoveryServiceIPCServerTest, LinesOfTheLogName)
     }
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, ShutdownDisconnectsEverybodyAndLeavesNothing)
+TEST_F(DiscoveryServiceIPCServerTest, ShutdownDisconnectsAllClientsAndFreesThem)
 {
     SocketClient mdns = Mdns();
     SocketClient ssdp = Ssdp();
@@ -338,27 +340,26 @@ TEST_F(DiscoveryServiceIPCServerTest, ShutdownDisconnectsEverybodyAndLeavesNothi
     m_mdns->Restart();
     m_ssdp->Report(Product("late"));
     EXPECT_THAT(Calls(), IsEmpty());
-    EXPECT_EQ(m_controller.use_count(), 1) << "no handler holds on to it";
+    EXPECT_EQ(m_controller.use_count(), 1) << "all handlers are destroyed";
 
-    SetUp(); // for the end of the fixture: the same place is free
+    SetUp(); // the fixture shuts it down; also shows that the paths are free
 }
 
-/// Clients come, ask and go while reports and restarts come from another thread, and the end comes in the middle.
-TEST_F(DiscoveryServiceIPCServerTest, ClientsComeAndGoWhileDevicesAreReported)
+TEST_F(DiscoveryServiceIPCServerTest, ClientsConnectAndDisconnectDuringReports)
 {
-    std::atomic<bool> isEnough = false;
+    std::atomic<bool> isDone = false;
     std::thread reporting(
         [&]
         {
             const auto device = std::make_shared<SonarixPb::DeviceInfo>();
-            while (!isEnough)
+            while (!isDone)
             {
                 m_mdns->Report(Product("a", "_a._tcp"));
                 m_server->SendSonarixNotification(SonarixPb::ONLINE, device);
                 m_ssdp->Report(Product("s"));
             }
         });
-    std::atomic<int> heard = 0;
+    std::atomic<int> responses = 0;
     std::vector<std::jthread> threads;
     for (int number = 0; number < 4; ++number)
     {
@@ -371,24 +372,24 @@ TEST_F(DiscoveryServiceIPCServerTest, ClientsComeAndGoWhileDevicesAreReported)
                     client.Request(number % 2 == 0 ? 3U : 2U, 1, Service("a", "_a._tcp"));
                     if (round % 2 == 0)
                     {
-                        heard += client.Read().has_value();
+                        responses += client.Read().has_value();
                     }
                 }
             });
     }
     threads.clear(); // joins them
-    EXPECT_EQ(heard, 100);
+    EXPECT_EQ(responses, 100);
     SocketClient last = Mdns();
     EXPECT_TRUE(last.Read());
     m_server->Shutdown();
     EXPECT_TRUE(last.AwaitEnd());
-    isEnough = true;
+    isDone = true;
     reporting.join();
     m_server.reset();
     SetUp();
 }
 
-TEST_F(DiscoveryServiceIPCServerTest, FiveHundredClientsAtOnceAreServedAndCostLittle)
+TEST_F(DiscoveryServiceIPCServerTest, FiveHundredClientsAreServedWithin8KiBEach)
 {
     DPrint::SetLevels("1");
     std::list<SocketClient> warm;
@@ -408,7 +409,7 @@ TEST_F(DiscoveryServiceIPCServerTest, FiveHundredClientsAtOnceAreServedAndCostLi
         clients.push_back(count % 2 == 0 ? Mdns() : Ssdp());
     }
     SonarixPb::Service huge = Service(std::string(65536, 'n'), "_a._tcp", std::string(100'000, 't'));
-    Add(other, huge); // whether it fits into a record is for mDNS to say
+    Add(other, huge); // IPC does not limit the size of a TXT record; mDNS does
     EXPECT_THAT(Calls(), testing::Contains(testing::EndsWith(std::string(100'000, 't'))));
     std::size_t number = 0;
     for (SocketClient& client : clients)
@@ -418,7 +419,7 @@ TEST_F(DiscoveryServiceIPCServerTest, FiveHundredClientsAtOnceAreServedAndCostLi
     other.Request(4, 1, huge);
     Barrier(other);
     const std::size_t each = (::mallinfo2().uordblks - before) / kCount;
-    EXPECT_LT(each, 8192U) << "bytes for a client, this end and the test's";
+    EXPECT_LT(each, 8192U) << "bytes per client, both ends";
     m_server->SendSonarixNotification(SonarixPb::ONLINE, std::make_shared<SonarixPb::DeviceInfo>());
     for (SocketClient& client : clients)
     {

@@ -7,7 +7,7 @@
 
 using namespace SonarixService;
 
-TEST(ProductConversionTest, EverythingComesOverButWhatIsMeantToStay)
+TEST(ProductConversionTest, AllFieldsAreCopiedExceptTheExcludedOnes)
 {
     Sonarix::Product product;
     ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(R"(productinfo {
@@ -41,7 +41,7 @@ TEST(ProductConversionTest, EverythingComesOverButWhatIsMeantToStay)
     EXPECT_EQ(ProductToDeviceInfo(product).DebugString(), expected.DebugString());
 }
 
-TEST(ProductConversionTest, WhatIsUnsetOrEmptyStaysUnset)
+TEST(ProductConversionTest, UnsetAndEmptyFieldsStayUnset)
 {
     Sonarix::Product product;
     EXPECT_EQ(ProductToDeviceInfo(product).ByteSizeLong(), 0u);

@@ -1,4 +1,4 @@
-// The records' identity on the wire and in JSON: numbers, names and the mark of the schema.
+// The schemas' field numbers, names and markup option, which peers depend on.
 #include "schemas/NetManager.pb.h"
 #include "schemas/SXCommon.pb.h"
 #include "schemas/Sonarix.pb.h"
@@ -17,7 +17,7 @@ using google::protobuf::FieldDescriptor;
 namespace
 {
 
-/// "1 guid, 2 name"; a repeated field with "*", a required one with "!".
+/// "1 guid, 2 name". Repeated fields have "*" after the number, required ones "!".
 template <class Message>
 std::string FieldsOf()
 {
@@ -68,12 +68,12 @@ TEST(Schemas, FieldsKeepTheirNumbersAndNames)
     EXPECT_EQ(ValuesOf(NetManager::Protobuf::NetworkType_descriptor()),
               "1 WIRED_ETH 2 WIRELESS 3 WIRELESS_AP 4 WIRED_USB");
 
-    // The mark of the schema, read by number as another reader would.
+    // The markup option, 50001 = true, as bytes.
     EXPECT_EQ(Sonarix::Product::descriptor()->options().SerializeAsString(), "\x88\xb5\x18\x01");
     EXPECT_EQ(SXCommon::Icon::descriptor()->options().SerializeAsString(), "");
 }
 
-TEST(Schemas, BothEncodingsGiveBackWhatWentIn)
+TEST(Schemas, BinaryAndJsonRoundTripsKeepAllFields)
 {
     Sonarix::ProductInfo info;
     info.set_guid("G");

@@ -10,7 +10,7 @@
 namespace
 {
 
-/// Silent where it cannot be read: descriptors may have run out just now.
+/// Empty if the name cannot be read, for example if the process has no free descriptor.
 std::string ProcessName(pid_t pid)
 {
     std::array<char, 32> name{};
@@ -21,7 +21,7 @@ std::string ProcessName(pid_t pid)
     }
     const ssize_t count = ::read(file, name.data(), name.size());
     ::close(file);
-    return {name.data(), count > 0 ? static_cast<std::size_t>(count) - 1 : 0}; // without the line's end
+    return {name.data(), count > 0 ? static_cast<std::size_t>(count) - 1 : 0}; // without the newline
 }
 
 std::string PeerText(int descriptor)

@@ -5,8 +5,8 @@
 namespace Network
 {
 
-/// One connected stream socket on its way from the listener to whoever serves it. Owns the descriptor until that is
-/// taken. On one thread at a time.
+/// A connected stream socket that the listener has accepted and a router will serve. Owns the descriptor until
+/// Release(). One thread at a time.
 class ConnectorSocket final
 {
 public:
@@ -15,14 +15,14 @@ public:
     ConnectorSocket(const ConnectorSocket&) = delete;
     ConnectorSocket& operator=(const ConnectorSocket&) = delete;
 
-    /// Who connected, as the kernel vouches for it: "pid 123 (hub-service), uid 0, gid 0". For the log; the pid is 0
-    /// for a process of another pid namespace, and by now another's where that process has ended.
+    /// The peer at the time of connecting, from SO_PEERCRED: "pid 123 (hub-service), uid 0, gid 0". For the log only:
+    /// the pid is 0 for a process of another pid namespace, and may be reused after the process has ended.
     const std::string& Peer() const
     {
         return m_peer;
     }
 
-    /// The caller's from here on; -1 where it was taken already.
+    /// Passes the descriptor's ownership to the caller; -1 if that has happened before.
     int Release();
 
 private:

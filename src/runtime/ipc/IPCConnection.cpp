@@ -2,6 +2,7 @@
 
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/TaskIo.h"
 #include "runtime/ipc/IPCMessageEnvelope.h"
 
@@ -20,10 +21,11 @@ namespace
 
 using Descriptor = boost::asio::posix::descriptor_base;
 
-constexpr std::size_t kReadBytes = std::size_t{4} * 1024; ///< at once, then the other clients have their turn
-constexpr std::size_t kTidyBytes = std::size_t{1024} * 1024;
+constexpr std::size_t kReadBytes = std::size_t{4} * 1024; ///< per read, so that one client cannot starve the others
+constexpr std::size_t kCompactBytes = std::size_t{1024} * 1024;
 
-/// How many bytes the kernel took; 0 where its buffer is full. False: the peer cannot be written to any more.
+/// Sets `written` to the bytes that the kernel accepted; 0 if its buffer is full. Returns false if the peer can no
+/// longer be written to.
 bool WriteSome(int descriptor, std::string_view bytes, std::size_t& written)
 {
     const ssize_t count = ::send(descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -42,10 +44,10 @@ IPCConnection::IPCConnection(NotifyTargetTaskIF* task, const std::shared_ptr<con
 {
     boost::system::error_code fault;
     m_socket.assign(descriptor, fault);
-    if (fault) // the kernel watches only so many descriptors
+    if (fault) // epoll has a limit of watched descriptors
     {
         ::close(descriptor);
-        m_isOpen = false;
+        m_canSend = false;
     }
 }
 
@@ -53,6 +55,7 @@ IPCConnection::~IPCConnection() = default;
 
 void IPCConnection::Start(Handlers handlers)
 {
+    TASK_CHECK(m_task);
     m_handlers = std::make_shared<const Handlers>(std::move(handlers));
     if (m_socket.is_open())
     {
@@ -60,7 +63,7 @@ void IPCConnection::Start(Handlers handlers)
     }
     else
     {
-        IL::BreakThread([self = shared_from_this()] { self->End("it cannot be watched"); }, m_task);
+        IL::BreakThread([self = shared_from_this()] { self->End("its descriptor cannot be watched"); }, m_task);
     }
 }
 
@@ -78,6 +81,7 @@ void IPCConnection::WaitToRead()
 
 void IPCConnection::Read()
 {
+    TASK_CHECK(m_task);
     if (!m_handlers)
     {
         return;
@@ -102,7 +106,7 @@ void IPCConnection::Read()
 
 void IPCConnection::Deliver()
 {
-    const std::shared_ptr<const Handlers> handlers = m_handlers; // a handler may close us
+    const std::shared_ptr<const Handlers> handlers = m_handlers; // a handler may call Close()
     IPCMessageEnvelope envelope;
     while (m_handlers)
     {
@@ -118,9 +122,9 @@ void IPCConnection::Deliver()
             {
                 handlers->envelope(envelope);
             }
-            catch (const std::exception& failure) // the connection goes on all the same
+            catch (const std::exception& failure) // the connection continues
             {
-                DPRINTF(*m_log, DPrint::LEVEL_ERROR, "%s: a request fails: %s", m_peer.c_str(), failure.what());
+                DPRINTF(*m_log, DPrint::LEVEL_ERROR, "%s: a request failed: %s", m_peer.c_str(), failure.what());
             }
         }
     }
@@ -129,12 +133,12 @@ void IPCConnection::Deliver()
 void IPCConnection::Send(const std::string& frame)
 {
     const std::lock_guard lock(m_mutex);
-    if (!m_isOpen)
+    if (!m_canSend)
     {
         return;
     }
     std::size_t written = 0;
-    if (m_waiting.empty() && !WriteSome(m_socket.native_handle(), frame, written))
+    if (m_queue.empty() && !WriteSome(m_socket.native_handle(), frame, written))
     {
         StopSending();
         return;
@@ -143,15 +147,15 @@ void IPCConnection::Send(const std::string& frame)
     {
         return;
     }
-    const std::size_t waiting = m_waiting.size() - m_written + frame.size() - written;
-    if (waiting > kMaxWaitingBytes)
+    const std::size_t queued = m_queue.size() - m_written + frame.size() - written;
+    if (queued > kMaxQueuedBytes)
     {
         StopSending();
-        const std::string reason = std::to_string(waiting) + " bytes wait for it to read";
+        const std::string reason = std::to_string(queued) + " bytes are queued and not read";
         IL::BreakThread([self = shared_from_this(), reason] { self->End(reason); }, m_task);
         return;
     }
-    m_waiting.append(frame, written);
+    m_queue.append(frame, written);
     if (!std::exchange(m_isWriteAwaited, true))
     {
         IL::BreakThread([self = shared_from_this()] { self->WaitToWrite(); }, m_task);
@@ -160,6 +164,7 @@ void IPCConnection::Send(const std::string& frame)
 
 void IPCConnection::WaitToWrite()
 {
+    TASK_CHECK(m_task);
     if (!m_socket.is_open())
     {
         return;
@@ -176,68 +181,71 @@ void IPCConnection::WaitToWrite()
 
 void IPCConnection::Write()
 {
+    TASK_CHECK(m_task);
     {
         const std::lock_guard lock(m_mutex);
-        if (!m_isOpen)
+        if (!m_canSend)
         {
             return;
         }
         std::size_t written = 0;
-        if (!WriteSome(m_socket.native_handle(), std::string_view(m_waiting).substr(m_written), written))
+        if (!WriteSome(m_socket.native_handle(), std::string_view(m_queue).substr(m_written), written))
         {
             StopSending();
             return;
         }
         m_written += written;
-        if (m_written == m_waiting.size())
+        if (m_written == m_queue.size())
         {
-            std::string().swap(m_waiting);
+            std::string().swap(m_queue);
             m_written = 0;
             m_isWriteAwaited = false;
             return;
         }
-        if (m_written > kTidyBytes)
+        if (m_written > kCompactBytes)
         {
-            m_waiting.erase(0, std::exchange(m_written, 0));
+            m_queue.erase(0, std::exchange(m_written, 0));
         }
     }
     WaitToWrite();
 }
 
-/// With the mutex held. A peer that cannot be written to has not ended by that: what it wrote before it went is still
-/// to be read, and its end comes behind it.
+/// Called with the mutex held. Does not end the connection: requests that the peer sent before it closed its socket
+/// are still read, and the end of the stream follows them.
 void IPCConnection::StopSending()
 {
-    m_isOpen = false;
-    std::string().swap(m_waiting);
+    m_canSend = false;
+    std::string().swap(m_queue);
 }
 
 void IPCConnection::End(const std::string& reason)
 {
+    TASK_CHECK(m_task);
     const std::shared_ptr<const Handlers> handlers = std::exchange(m_handlers, nullptr);
     if (!handlers)
     {
-        return; // closed meanwhile
+        return; // Close() was called before this posted call ran
     }
     if (reason.empty())
     {
-        DPRINTF(*m_log, DPrint::LEVEL_DEBUG, "%s has gone", m_peer.c_str());
+        DPRINTF(*m_log, DPrint::LEVEL_DEBUG, "%s has disconnected", m_peer.c_str());
     }
     else
     {
         DPRINTF(*m_log, DPrint::LEVEL_WARNING, "the connection of %s ends: %s", m_peer.c_str(), reason.c_str());
     }
-    Shut();
+    CloseSocket();
     handlers->closed();
 }
 
 void IPCConnection::Close()
 {
+    TASK_CHECK(m_task);
     m_handlers.reset();
-    Shut();
+    CloseSocket();
 }
 
-void IPCConnection::Shut()
+void IPCConnection::CloseSocket()
 {
     const std::lock_guard lock(m_mutex);
     StopSending();

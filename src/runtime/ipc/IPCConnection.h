@@ -14,23 +14,22 @@ class DPrint;
 class IPCMessageEnvelope;
 class NotifyTargetTaskIF;
 
-/// The socket of one router: envelopes in, frames out.
-/// Task: handlers are called on `task`; Start() and Close() are called there, Send() from any thread.
-/// Owner: the router. Its own pending waits keep it alive until Close(), which its owner owes it.
+/// The socket of one router: receives envelopes and sends frames.
+/// Task: Start(), Close() and the handlers run on `task`. Send() may be called from any thread.
+/// Owner: the router, which must call Close(). Pending waits on the socket keep the connection alive until then.
 ///
-/// Design: a frame is written where it is sent, on whichever thread, as far as the kernel takes it; only what is left
-/// waits here for the task to go on. So the usual notification costs one system call and no hop, and a silent client
-/// has no buffer on our side.
+/// Design: Send() writes on the calling thread as much as the kernel accepts. Only the rest is queued for the task. A
+/// typical notification therefore costs one system call and no task switch, and an idle connection has no buffer.
 class IPCConnection final : public std::enable_shared_from_this<IPCConnection>
 {
 public:
     struct Handlers
     {
         std::function<void(const IPCMessageEnvelope&)> envelope;
-        std::function<void()> closed; ///< once, when the peer has gone or the connection had to end; not after Close()
+        std::function<void()> closed; ///< once, when the connection ends for any reason but Close()
     };
 
-    /// Takes over the descriptor. `log` outlives it. `peer` is for the log.
+    /// Takes the descriptor's ownership. `peer` is for the log.
     IPCConnection(NotifyTargetTaskIF* task, const std::shared_ptr<const DPrint>& log, int descriptor,
                   const std::string& peer);
     ~IPCConnection();
@@ -41,7 +40,7 @@ public:
     void Send(const std::string& frame);
     void Close();
 
-    static constexpr std::size_t kMaxWaitingBytes = std::size_t{8} * 1024 * 1024; ///< more ends the connection
+    static constexpr std::size_t kMaxQueuedBytes = std::size_t{8} * 1024 * 1024; ///< more ends the connection
 
 private:
     void WaitToRead();
@@ -51,20 +50,20 @@ private:
     void Write();
     void StopSending();
     void End(const std::string& reason);
-    void Shut();
+    void CloseSocket();
 
     NotifyTargetTaskIF* const m_task;
     const std::shared_ptr<const DPrint> m_log;
     const std::string m_peer;
 
-    // The task's own.
+    // Used on the task only.
     boost::asio::posix::stream_descriptor m_socket;
     IPCFraming::FrameReader m_reader;
     std::shared_ptr<const Handlers> m_handlers; ///< null before Start() and after the end
 
-    std::mutex m_mutex;    ///< guards what follows, and the descriptor from being closed during a send
-    bool m_isOpen = true;  ///< false: nothing is sent any more
-    std::string m_waiting; ///< what the kernel has not taken yet, from m_written on
+    std::mutex m_mutex;    ///< guards the following members, and keeps the descriptor open during a send
+    bool m_canSend = true; ///< false: frames are dropped
+    std::string m_queue;   ///< the bytes from m_written on wait until the kernel accepts more
     std::size_t m_written = 0;
     bool m_isWriteAwaited = false;
 };

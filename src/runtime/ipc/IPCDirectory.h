@@ -5,12 +5,12 @@
 #include <memory>
 #include <string>
 
-/// Where the local services of the product are found, by their well-known names. Any thread.
+/// Maps the well-known names of the product's local services to socket addresses. Any thread.
 class IPCDirectory
 {
 public:
-    /// "SonarixMdnsService" is the socket of that name in the run directory (SONARIX_RUN_DIR). Any name has an address,
-    /// whether somebody listens there or not.
+    /// "SonarixMdnsService" is the socket of that name in the run directory (SONARIX_RUN_DIR). Every name has an
+    /// address, even if no process listens there.
     virtual Network::Address Lookup(const std::string& service) const = 0;
     virtual ~IPCDirectory() = default;
 

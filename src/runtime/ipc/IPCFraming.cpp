@@ -1,47 +1,13 @@
 #include "runtime/ipc/IPCFraming.h"
 
 #include "runtime/ipc/IPCMessageEnvelope.h"
-#include "runtime/ipc/IPCMessageEnvelopeBase.pb.h"
 
 #include <cstdint>
 
 namespace
 {
 
-constexpr std::size_t kKeptBytes = 1024; ///< of the reader's buffer, between frames
-
-IPCWire::IPCMessageEnvelopeBase ToWire(const IPCMessageEnvelope& envelope)
-{
-    IPCWire::IPCMessageEnvelopeBase wire;
-    if (!envelope.metadata().empty())
-    {
-        wire.set_metadata(envelope.metadata());
-    }
-    if (envelope.has_payload_type())
-    {
-        wire.set_payload_type(envelope.payload_type());
-    }
-    wire.set_id(envelope.id());
-    wire.set_tid(envelope.tid());
-    wire.set_kind(static_cast<IPCWire::IPCMessageEnvelopeBase::Kind>(envelope.kind()));
-    wire.set_payload(envelope.payload());
-    return wire;
-}
-
-IPCMessageEnvelope FromWire(IPCWire::IPCMessageEnvelopeBase& wire)
-{
-    IPCMessageEnvelope envelope;
-    envelope.set_metadata(std::move(*wire.mutable_metadata()));
-    if (wire.has_payload_type())
-    {
-        envelope.set_payload_type(std::move(*wire.mutable_payload_type()));
-    }
-    envelope.set_id(wire.id());
-    envelope.set_tid(wire.tid());
-    envelope.set_kind(static_cast<IPCMessageEnvelope::Kind>(wire.kind()));
-    envelope.set_payload(std::move(*wire.mutable_payload()));
-    return envelope;
-}
+constexpr std::size_t kKeptBytes = 1024;
 
 std::size_t LengthAt(const char* bytes)
 {
@@ -60,8 +26,7 @@ namespace IPCFraming
 
 bool AppendFrame(std::string& stream, const IPCMessageEnvelope& envelope)
 {
-    const IPCWire::IPCMessageEnvelopeBase wire = ToWire(envelope);
-    const std::size_t length = wire.ByteSizeLong();
+    const std::size_t length = envelope->ByteSizeLong();
     if (length > kMaxFrameBytes)
     {
         return false;
@@ -72,7 +37,7 @@ bool AppendFrame(std::string& stream, const IPCMessageEnvelope& envelope)
     {
         stream[begin + index] = static_cast<char>(length >> 8U * (kLengthBytes - 1 - index));
     }
-    wire.SerializeWithCachedSizesToArray(reinterpret_cast<std::uint8_t*>(&stream[begin + kLengthBytes]));
+    envelope->SerializeWithCachedSizesToArray(reinterpret_cast<std::uint8_t*>(&stream[begin + kLengthBytes]));
     return true;
 }
 
@@ -90,44 +55,37 @@ FrameReader::Result FrameReader::Next(IPCMessageEnvelope& envelope)
     {
         return FAULT;
     }
-    const std::size_t left = m_bytes.size() - m_taken;
-    if (left < kLengthBytes)
+    const char* const frame = m_bytes.data() + m_consumed;
+    const std::size_t left = m_bytes.size() - m_consumed;
+    const std::size_t length = left < kLengthBytes ? 0 : LengthAt(frame);
+    if (left < kLengthBytes || (length <= kMaxFrameBytes && left - kLengthBytes < length))
     {
-        Forget();
+        DropConsumed();
         return MORE;
     }
-    const char* const frame = m_bytes.data() + m_taken;
-    const std::size_t length = LengthAt(frame);
-    if (length <= kMaxFrameBytes && left - kLengthBytes < length)
-    {
-        Forget();
-        return MORE;
-    }
-    IPCWire::IPCMessageEnvelopeBase wire;
     if (length > kMaxFrameBytes)
     {
         m_fault = "a frame of " + std::to_string(length) + " bytes";
     }
-    else if (!wire.ParseFromArray(frame + kLengthBytes, static_cast<int>(length)))
+    else if (!envelope->ParseFromArray(frame + kLengthBytes, static_cast<int>(length)))
     {
-        m_fault = "a frame that is no envelope";
+        m_fault = "a frame that is not an envelope";
     }
     if (!m_fault.empty())
     {
         std::string().swap(m_bytes);
-        m_taken = 0;
+        m_consumed = 0;
         return FAULT;
     }
-    envelope = FromWire(wire);
-    m_taken += kLengthBytes + length;
+    m_consumed += kLengthBytes + length;
     return ENVELOPE;
 }
 
-/// Gives up what has been taken; called when no whole frame is left, so that each byte is moved once.
-void FrameReader::Forget()
+/// Called only when no complete frame is left, so that each byte is moved at most once.
+void FrameReader::DropConsumed()
 {
-    m_bytes.erase(0, m_taken);
-    m_taken = 0;
+    m_bytes.erase(0, m_consumed);
+    m_consumed = 0;
     if (m_bytes.empty() && m_bytes.capacity() > kKeptBytes)
     {
         std::string().swap(m_bytes);

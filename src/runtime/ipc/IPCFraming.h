@@ -6,49 +6,49 @@
 
 class IPCMessageEnvelope;
 
-/// How envelopes lie on a stream: 4 bytes of length, big-endian, and that many bytes of the envelope's binary form.
-/// Both ends use it. Without state of its own, but for the reader; safe from any thread.
+/// The byte stream of a local socket, in both directions: each frame is 4 bytes of length, big-endian, and an envelope
+/// of that many bytes. AppendFrame() is safe from any thread; a reader belongs to one thread at a time.
 namespace IPCFraming
 {
 
 inline constexpr std::size_t kLengthBytes = 4;
-inline constexpr std::size_t kMaxFrameBytes = std::size_t{4} * 1024 * 1024; ///< without the length
+inline constexpr std::size_t kMaxFrameBytes = std::size_t{4} * 1024 * 1024; ///< of the envelope
 
-/// Appends the envelope's frame to `stream`. False, and nothing appended, where it is over kMaxFrameBytes.
+/// Appends the envelope's frame to `stream`. Returns false and appends nothing if it is over kMaxFrameBytes.
 [[nodiscard]] bool AppendFrame(std::string& stream, const IPCMessageEnvelope& envelope);
 
-/// Takes the bytes of one stream as they come, in pieces of any size, and gives its envelopes.
+/// Splits one byte stream into envelopes. Pieces may have any size.
 ///
 ///     reader.Append(bytes);
 ///     while (reader.Next(envelope) == FrameReader::ENVELOPE) { ... }
 ///     if (reader.Next(envelope) == FrameReader::FAULT) { ... reader.Fault() ... }
 ///
-/// Holds what has come of an unfinished frame and never more than kMaxFrameBytes of it: a length that promises more is
-/// a fault at once. Holds no memory between frames, but for a little.
+/// Buffers at most one unfinished frame: a length over kMaxFrameBytes is a fault before its bytes arrive. An empty
+/// buffer keeps at most 1 KiB.
 class FrameReader final
 {
 public:
     enum Result
     {
-        MORE,     ///< the next envelope has not come whole
-        ENVELOPE, ///< one was taken
-        FAULT,    ///< the stream is no use from here on; every further call says so
+        MORE,     ///< the next envelope is incomplete
+        ENVELOPE, ///< `envelope` has been replaced
+        FAULT,    ///< the stream cannot be read any further; so does every later call
     };
 
     void Append(std::string_view bytes);
     [[nodiscard]] Result Next(IPCMessageEnvelope& envelope);
 
-    /// What is wrong, as the end of a sentence: "a frame of 4294967295 bytes". Empty without a fault.
+    /// The reason of a FAULT, for a log line: "a frame of 4294967295 bytes". Empty without a fault.
     const std::string& Fault() const
     {
         return m_fault;
     }
 
 private:
-    void Forget();
+    void DropConsumed();
 
     std::string m_bytes;
-    std::size_t m_taken = 0; ///< of m_bytes
+    std::size_t m_consumed = 0; ///< bytes at the start of m_bytes
     std::string m_fault;
 };
 

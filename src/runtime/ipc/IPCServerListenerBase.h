@@ -1,6 +1,7 @@
 #pragma once
 
-/// What the listeners of all services have in common, for whoever makes them without knowing their clients.
+/// The common base of the listeners of all services, so that a factory can create them without knowing the type of
+/// their client handlers.
 class IPCServerListenerBase
 {
 public:

@@ -1,16 +1,18 @@
 #pragma once
 
+#include "runtime/FactoryOverride.h"
+
 #include <memory>
 #include <string>
 
 class IPCServerListenerBase;
 class NotifyTargetTaskIF;
 
-/// Makes listeners in the place of those that are served by sockets.
+/// Creates the listeners of the local services instead of IPCServerListener<T>::Create().
 class IPCServerListenerFactoryIF
 {
 public:
-    /// Must be the IPCServerListenerIF<T> that is asked for at the place of the call.
+    /// The result must be the IPCServerListenerIF<T> that the caller casts it to.
     virtual std::shared_ptr<IPCServerListenerBase> CreateListener(const std::string& name,
                                                                   NotifyTargetTaskIF* task) = 0;
     virtual ~IPCServerListenerFactoryIF() = default;
@@ -19,8 +21,12 @@ public:
 namespace IPCServerListenerFactory::detail
 {
 
+inline constinit FactoryOverride<IPCServerListenerFactoryIF*> s_factoryOverride;
+
 /// Null in the product. Any thread.
-IPCServerListenerFactoryIF* GetFactory();
-void SetFactory(IPCServerListenerFactoryIF* factory);
+inline IPCServerListenerFactoryIF* GetFactory()
+{
+    return s_factoryOverride.Get();
+}
 
 } // namespace IPCServerListenerFactory::detail

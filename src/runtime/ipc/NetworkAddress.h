@@ -6,7 +6,7 @@
 namespace Network
 {
 
-/// Where a local service listens: the path of a Unix socket, or nowhere. A value.
+/// The address of a local service: the path of a Unix socket. Converts to false if empty. A value.
 class Address
 {
 public:

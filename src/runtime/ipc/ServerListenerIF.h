@@ -16,27 +16,28 @@ class ConnectorSocket;
 namespace IL
 {
 
-/// Accepts the connections of one local service. Its socket is served by the task that it was made for; every
-/// operation may be called from any thread and returns at once. Its end stops it.
-/// When descriptors or memory run out, accepting pauses and comes back, with one line of level 2: clients wait in the
-/// kernel's queue, or find it full.
+/// Accepts the connections of one local service.
+/// Task: accepts on the task given to CreateServerListener(). Operations may be called from any thread and return at
+/// once. The destructor calls Stop().
+/// If descriptors or memory run out, accepting pauses for 250 ms at a time, with one log line of level 2 per minute.
+/// New clients wait in the kernel's queue meanwhile; if that is full, their connect() fails.
 class ServerListenerIF
 {
 public:
     virtual ~ServerListenerIF() = default;
 
-    /// Binds the socket, mode 0660, and returns its address. A socket file that nobody listens on is replaced. Returns
-    /// an empty address, with one line of level 1, where somebody does, where the file is none of a socket, or the path
-    /// is too long for one. Once.
+    /// Binds the socket with mode 0660 and returns its address. Replaces a socket file without a listening process.
+    /// Returns an empty address, with one log line of level 1, if another process listens there, the file is not a
+    /// socket, the path is too long, or this object listens already.
     virtual Network::Address Listen(const Network::Address& address,
                                     const AsyncCallback<std::shared_ptr<Network::ConnectorSocket>>& onAccept) = 0;
 
-    /// No socket is accepted any more; one may be on its way to `onAccept` still. The socket file goes. Twice is
-    /// harmless, and so is before Listen().
+    /// Stops accepting and removes the socket file. A socket accepted before may still be passed to `onAccept`.
+    /// Harmless if called twice or before Listen().
     virtual void Stop() = 0;
 };
 
-/// `name` is its log channel: one line of level 3 tells who connected.
+/// `name` is the listener's log channel. Each accepted connection is one line of level 3 with its peer.
 std::shared_ptr<ServerListenerIF> CreateServerListener(const std::string& name, NotifyTargetTaskIF* task);
 
 } // namespace IL

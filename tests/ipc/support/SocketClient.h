@@ -20,7 +20,7 @@
 #include <unistd.h>
 #include <utility>
 
-/// A client of the local sockets as a test wants it: whole requests, or bytes that are none.
+/// A test client of the local sockets. Sends requests or arbitrary bytes.
 ///
 ///     SocketClient client(runDirectory + "/SonarixSsdpService");
 ///     client.Request(2, 7, SonarixPb::DiscoveredDeviceList());
@@ -41,12 +41,12 @@ public:
             throw std::runtime_error(path + ": " + why);
         }
     }
-    /// Takes over one end of a pair.
+    /// Takes the ownership of a connected socket.
     explicit SocketClient(int socket)
         : m_socket(socket)
     {
     }
-    /// The end for a router, and the one for the test.
+    /// A connected pair: the first end for a router, the second for the test.
     static std::pair<std::shared_ptr<Network::ConnectorSocket>, SocketClient> Pair()
     {
         int sockets[2];
@@ -84,7 +84,7 @@ public:
         return address;
     }
 
-    /// False: the other end has gone.
+    /// False: the peer has closed its end.
     bool Write(std::string_view bytes) const
     {
         while (!bytes.empty())
@@ -104,7 +104,7 @@ public:
         std::string frame;
         if (!IPCFraming::AppendFrame(frame, envelope))
         {
-            throw std::length_error("a frame of more than the limit");
+            throw std::length_error("the frame exceeds the limit");
         }
         return frame;
     }
@@ -112,8 +112,8 @@ public:
     {
         IPCMessageEnvelope envelope;
         envelope.SetPayload(message);
-        envelope.set_id(id);
-        envelope.set_tid(tid);
+        envelope->set_id(id);
+        envelope->set_tid(tid);
         return Frame(envelope);
     }
     bool Request(unsigned int id, unsigned int tid, const google::protobuf::Message& message) const
@@ -121,7 +121,7 @@ public:
         return Write(RequestFrame(id, tid, message));
     }
 
-    /// The next envelope; nothing at the end of the stream, or where none comes in time.
+    /// The next envelope. Empty at the end of the stream and after `limit`.
     std::optional<IPCMessageEnvelope> Read(std::chrono::milliseconds limit = kLimit)
     {
         IPCMessageEnvelope envelope;
@@ -138,25 +138,25 @@ public:
     static std::string HeadOf(const std::optional<IPCMessageEnvelope>& envelope)
     {
         static const char* const s_kinds[] = {"REQUEST ", "RESPONSE ", "NOTIFICATION ", "REJECT "};
-        return envelope
-                   ? s_kinds[envelope->kind()] + std::to_string(envelope->id()) + ' ' + std::to_string(envelope->tid())
-                   : "nothing";
+        return envelope ? s_kinds[(*envelope)->kind()] + std::to_string((*envelope)->id()) + ' ' +
+                              std::to_string((*envelope)->tid())
+                        : "nothing";
     }
-    /// The payload of the next envelope, which must be of type T, and have that head where one is given.
+    /// The payload of the next envelope. Throws if it is not a T, or `head` is not empty and differs from HeadOf().
     template <class T>
     T ReadAs(const std::string& head = "")
     {
         const std::optional<IPCMessageEnvelope> envelope = Read();
         T message;
-        if (!envelope || envelope->payload_type() != T::descriptor()->name() || !envelope->GetPayload(message) ||
+        if (!envelope || (*envelope)->payload_type() != T::descriptor()->name() || !envelope->GetPayload(message) ||
             (!head.empty() && HeadOf(envelope) != head))
         {
             throw std::runtime_error("no " + T::descriptor()->name() + " with " + head + " but " + HeadOf(envelope) +
-                                     (envelope ? " \"" + envelope->payload_type() + '"' : ""));
+                                     (envelope ? " \"" + (*envelope)->payload_type() + '"' : ""));
         }
         return message;
     }
-    /// Whether the stream ends, whatever comes before.
+    /// Discards everything up to the end of the stream. False if the end does not come within kLimit.
     bool AwaitEnd()
     {
         while (ReadSome(kLimit))
@@ -175,7 +175,7 @@ private:
             return false;
         }
         const ssize_t count = ::recv(m_socket, bytes.data(), bytes.size(), 0);
-        m_isAtEnd = count <= 0; // a reset is an end, too
+        m_isAtEnd = count <= 0; // a reset also ends the stream
         m_reader.Append({bytes.data(), static_cast<std::size_t>(m_isAtEnd ? 0 : count)});
         return !m_isAtEnd;
     }

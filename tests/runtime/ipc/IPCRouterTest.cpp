@@ -1,5 +1,5 @@
+#include "tests/ipc/support/RouterService.h"
 #include "tests/ipc/support/SocketClient.h"
-#include "tests/runtime/ipc/RouterService.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ SonarixPb::ServiceId Id(const std::string& name)
     return id;
 }
 
-/// The client is served, and everything that it has sent before was dealt with.
+/// The client is served, and all its earlier requests have been handled.
 void ExpectServed(SocketClient& client, const std::string& name = "ping")
 {
     ASSERT_TRUE(client.Request(1, 77, Id(name)));
@@ -26,49 +26,50 @@ void ExpectServed(SocketClient& client, const std::string& name = "ping")
 
 } // namespace
 
-TEST(IPCRouterTest, RequestsAreAnsweredRejectedOrLeft)
+TEST(IPCRouterTest, RequestsAreAnsweredRejectedOrIgnored)
 {
     const LogCapture log;
     RouterService service;
     SocketClient client(service.path);
     ExpectServed(client, std::string(65536, 'n'));
 
-    // Of another type, or none of its own.
+    // Another payload type, then bytes that do not parse.
     IPCMessageEnvelope request;
-    request.set_id(1);
-    request.set_tid(5);
-    request.set_payload_type("Service");
+    request->set_id(1);
+    request->set_tid(5);
+    request->set_payload_type("Service");
     for (int round = 0; round < 2; ++round)
     {
         ASSERT_TRUE(client.Write(SocketClient::Frame(request)));
         EXPECT_EQ(SocketClient::HeadOf(client.Read()), "REJECT 1 5");
-        request.set_payload_type("ServiceId");
-        request.set_payload("\x22");
+        request->set_payload_type("ServiceId");
+        request->set_payload("\x22");
     }
 
-    // Without a name it is taken for what is asked there.
+    // A payload without a type name is read as the expected type.
     IPCMessageEnvelope nameless;
-    nameless.set_id(1);
-    nameless.set_tid(6);
-    nameless.set_payload(Id("x").SerializeAsString());
+    nameless->set_id(1);
+    nameless->set_tid(6);
+    nameless->set_payload(Id("x").SerializeAsString());
     ASSERT_TRUE(client.Write(SocketClient::Frame(nameless)));
     EXPECT_EQ(client.ReadAs<SonarixPb::ServiceId>().name(), "x");
 
-    // Nobody serves id 7, and only requests are.
+    // Id 7 has no handler, and kinds other than requests are ignored.
     ASSERT_TRUE(client.Request(7, 1, Id("x")));
-    for (const auto kind : {IPCMessageEnvelope::RESPONSE, IPCMessageEnvelope::NOTIFICATION, IPCMessageEnvelope::REJECT})
+    for (const auto kind :
+         {IPCMessageEnvelopeBase::RESPONSE, IPCMessageEnvelopeBase::NOTIFICATION, IPCMessageEnvelopeBase::REJECT})
     {
-        nameless.set_kind(kind);
+        nameless->set_kind(kind);
         ASSERT_TRUE(client.Write(SocketClient::Frame(nameless)));
     }
-    ASSERT_TRUE(client.Write(std::string(4, '\0'))); // an envelope with nothing set
+    ASSERT_TRUE(client.Write(std::string(4, '\0'))); // an envelope without fields
     ExpectServed(client);
-    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 2u) << "each kind of fault once:\n" << log.Text();
+    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 2u) << "one line per kind of fault:\n" << log.Text();
     EXPECT_EQ(log.Lines().front().m_text.find(service.path + ": pid " + std::to_string(getpid()) + " ("), 0u)
         << log.Text();
 }
 
-TEST(IPCRouterTest, BrokenStreamsEndAloneWithOneLineEach)
+TEST(IPCRouterTest, MalformedStreamEndsOnlyItsConnectionWithOneLine)
 {
     const LogCapture log;
     RouterService service;
@@ -91,7 +92,7 @@ TEST(IPCRouterTest, BrokenStreamsEndAloneWithOneLineEach)
     EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), streams.size()) << log.Text();
     service.AwaitClients(1);
 
-    // What is cut off by the client's own end is no fault; what was whole before it counts.
+    // A frame cut off by the client's disconnect is no fault. Complete frames before it are handled.
     const std::string frame = SocketClient::RequestFrame(2, 1, Id("n"));
     for (std::size_t cut = 0; cut < frame.size(); ++cut)
     {
@@ -104,13 +105,14 @@ TEST(IPCRouterTest, BrokenStreamsEndAloneWithOneLineEach)
     EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), streams.size()) << log.Text();
 }
 
-TEST(IPCRouterTest, LargestFramesComeThroughAndLargerOnesAreNotSent)
+TEST(IPCRouterTest, LargestFrameIsDeliveredAndALargerOneIsNotSent)
 {
     const LogCapture log;
     RouterService service;
     SocketClient client(service.path);
     const std::string name(IPCFraming::kMaxFrameBytes - SocketClient::RequestFrame(1, 8, Id("")).size() - 16, 'x');
-    std::jthread writer([&] { client.Request(1, 8, Id(name)); }); // both ends wait for each other
+    std::jthread writer([&]
+                        { client.Request(1, 8, Id(name)); }); // the request and its response exceed the socket buffers
     EXPECT_EQ(client.ReadAs<SonarixPb::ServiceId>().name().size(), name.size());
     writer.join();
 
@@ -119,11 +121,11 @@ TEST(IPCRouterTest, LargestFramesComeThroughAndLargerOnesAreNotSent)
     ExpectServed(client);
 }
 
-TEST(IPCRouterTest, ClientThatNeverReadsIsDroppedAndNobodyElseNotices)
+TEST(IPCRouterTest, ClientThatNeverReadsIsDisconnectedAlone)
 {
     const LogCapture log;
     RouterService service;
-    SocketClient deaf(service.path);
+    SocketClient silent(service.path);
     SocketClient reader(service.path);
     service.AwaitClients(2);
     constexpr int kCount = 10'000;
@@ -143,14 +145,14 @@ TEST(IPCRouterTest, ClientThatNeverReadsIsDroppedAndNobodyElseNotices)
     }
     reading.join();
     EXPECT_EQ(received, kCount);
-    EXPECT_TRUE(log.WaitFor("bytes wait for it to read")) << log.Text();
+    EXPECT_TRUE(log.WaitFor("bytes are queued and not read")) << log.Text();
     EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1u) << log.Text();
     service.AwaitClients(1);
-    EXPECT_TRUE(deaf.AwaitEnd());
+    EXPECT_TRUE(silent.AwaitEnd());
     ExpectServed(reader);
 }
 
-TEST(IPCRouterTest, FramesOfManyThreadsStayWhole)
+TEST(IPCRouterTest, FramesFromManyThreadsAreNotInterleaved)
 {
     const LogCapture log;
     RouterService service;
@@ -178,15 +180,14 @@ TEST(IPCRouterTest, FramesOfManyThreadsStayWhole)
         if (!id.name().empty())
         {
             EXPECT_EQ(id.name().size(), next[static_cast<std::size_t>(id.name()[0] - 'a')] += 10)
-                << "each thread's in order";
+                << "order within each thread";
             EXPECT_EQ(id.name().find_first_not_of(id.name()[0]), std::string::npos);
         }
     }
 }
 
-/// Whoever asks for something, a removal for one, and goes at once has asked for it: also where a notification that is
-/// sent meanwhile finds nobody there.
-TEST(IPCRouterTest, RequestsOfAClientThatHasGoneCount)
+/// A client may send requests and disconnect at once. A notification that fails meanwhile must not discard them.
+TEST(IPCRouterTest, RequestsOfADisconnectedClientAreHandled)
 {
     const LogCapture log;
     const RealTask task;
@@ -195,7 +196,7 @@ TEST(IPCRouterTest, RequestsOfAClientThatHasGoneCount)
     Watched<int> calls;
     Watched<int> disconnects;
     const auto increment = [](int& count) { ++count; };
-    constexpr int kRequests = 10; // more bytes than are read at once
+    constexpr int kRequests = 10; // more bytes than one read returns
     task.Run(
         [&]
         {
@@ -213,63 +214,76 @@ TEST(IPCRouterTest, RequestsOfAClientThatHasGoneCount)
     EXPECT_EQ(log.Text(), "");
 }
 
-TEST(IPCRouterTest, NothingIsCalledAfterTheEnd)
+namespace
 {
-    const RealTask task;
-    int calls = 0;
-    int disconnects = 0;
-    std::shared_ptr<IPCMessageRouterIF> router;
-    const auto start = [&](const std::shared_ptr<Network::ConnectorSocket>& socket)
+
+/// A router whose first request stops and destroys it.
+struct StoppingRouter
+{
+    void Start(const std::shared_ptr<Network::ConnectorSocket>& socket)
     {
         task.Run(
             [&]
             {
                 router = IPCMessageRouterFactory::CreateRouter("Router", task.Get(), socket);
                 router->AttachHandler(1,
-                                      [&](const IPCMessageEnvelope&)
+                                      [this](const IPCMessageEnvelope&)
                                       {
                                           ++calls;
                                           router->Stop();
                                           router.reset();
                                       });
-                router->Start(nullptr, [&] { ++disconnects; });
+                router->Start(nullptr, [this] { ++disconnects; });
             });
-    };
+    }
 
-    // Stopped and released by the handler of the first of two requests.
+    const RealTask task;
+    int calls = 0;
+    int disconnects = 0;
+    std::shared_ptr<IPCMessageRouterIF> router;
+};
+
+} // namespace
+
+TEST(IPCRouterTest, StoppedRouterCallsNeitherHandlerNorDisconnect)
+{
+    StoppingRouter stopping;
     auto [socket, client] = SocketClient::Pair();
-    start(socket);
+    stopping.Start(socket);
     const std::string frame = SocketClient::RequestFrame(1, 1, Id("x"));
     client.Write(frame + frame);
     EXPECT_TRUE(client.AwaitEnd());
-    task.Drain();
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(disconnects, 0);
+    stopping.task.Drain();
+    EXPECT_EQ(stopping.calls, 1) << "stopped and destroyed by the handler of the first request";
 
-    // Released on another thread.
     auto [second, secondClient] = SocketClient::Pair();
-    start(second);
-    router.reset();
+    stopping.Start(second);
+    stopping.router.reset(); // on another thread
     EXPECT_TRUE(secondClient.AwaitEnd());
-    task.Drain();
-    EXPECT_EQ(disconnects, 0);
+    stopping.task.Drain();
 
-    // A socket that was taken is none: the end comes at once.
-    start(second);
-    EXPECT_EQ(disconnects, 1);
-    router->SendNotification(1, IPCMessageEnvelope());
-    router->Stop();
-
-    // One that the kernel does not watch for us ends, and nothing is thrown.
-    start(std::make_shared<Network::ConnectorSocket>(100'000));
-    task.Drain();
-    EXPECT_EQ(disconnects, 2);
-
-    // The task ends first.
     auto [third, thirdClient] = SocketClient::Pair();
-    start(third);
-    task.StopAndJoin();
-    router.reset();
+    stopping.Start(third);
+    stopping.task.StopAndJoin(); // the task ends before the router
+    stopping.router.reset();
     EXPECT_TRUE(thirdClient.AwaitEnd());
-    EXPECT_EQ(calls + disconnects, 3);
+    EXPECT_EQ(stopping.calls, 1);
+    EXPECT_EQ(stopping.disconnects, 0);
+}
+
+TEST(IPCRouterTest, UnusableSocketIsADisconnect)
+{
+    const LogCapture log;
+    StoppingRouter router;
+    auto [socket, client] = SocketClient::Pair();
+    ::close(socket->Release());
+    router.Start(socket);
+    EXPECT_EQ(router.disconnects, 1) << "a released socket";
+    router.router->SendNotification(1, IPCMessageEnvelope());
+    router.router->Stop();
+
+    router.Start(std::make_shared<Network::ConnectorSocket>(100'000)); // not an open descriptor
+    router.task.Drain();
+    EXPECT_EQ(router.disconnects, 2);
+    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1u) << log.Text();
 }

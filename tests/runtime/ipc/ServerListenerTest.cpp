@@ -1,6 +1,6 @@
 #include "runtime/ipc/IPCDirectory.h"
+#include "tests/ipc/support/RouterService.h"
 #include "tests/ipc/support/SocketClient.h"
-#include "tests/runtime/ipc/RouterService.h"
 #include "tests/support/ForkedRun.h"
 #include "tests/support/LogCapture.h"
 
@@ -27,8 +27,8 @@ std::size_t Entries(const char* directory)
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-/// A socket file whose process has gone.
-void LeaveSocketFile(const std::string& path)
+/// A socket file without a listening process.
+void CreateStaleSocketFile(const std::string& path)
 {
     const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address = SocketClient::AddressOf(path);
@@ -44,7 +44,7 @@ bool IsAnswered(SocketClient& client)
 
 } // namespace
 
-TEST(ServerListenerTest, LeftoverIsReplacedAndNothingElse)
+TEST(ServerListenerTest, StaleSocketFileIsReplacedButNoOtherFile)
 {
     const LogCapture log;
     const TempDirectory directory;
@@ -58,18 +58,18 @@ TEST(ServerListenerTest, LeftoverIsReplacedAndNothingElse)
     };
 
     const std::string path = directory.Path() + "/socket";
-    LeaveSocketFile(path);
+    CreateStaleSocketFile(path);
     const auto first = listenOn(path);
     ASSERT_TRUE(first);
     const std::filesystem::file_status status = std::filesystem::symlink_status(path);
     EXPECT_EQ(status.type(), std::filesystem::file_type::socket);
     EXPECT_EQ(status.permissions(), std::filesystem::perms(0660));
-    EXPECT_FALSE(listenOn(path)) << "the living instance's file stays";
+    EXPECT_FALSE(listenOn(path)) << "another listener uses the file";
     EXPECT_NO_THROW(SocketClient client(path));
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1u) << log.Text();
     first->Stop();
     first->Stop();
-    EXPECT_FALSE(std::filesystem::exists(path)) << "our file goes";
+    EXPECT_FALSE(std::filesystem::exists(path)) << "Stop() removes the file";
 
     std::ofstream(path) << "text";
     EXPECT_FALSE(listenOn(path));
@@ -79,14 +79,13 @@ TEST(ServerListenerTest, LeftoverIsReplacedAndNothingElse)
     EXPECT_FALSE(listenOn(""));
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 5u) << log.Text();
 
-    IL::CreateServerListener("Listener", task.Get())->Stop(); // before it listens
+    IL::CreateServerListener("Listener", task.Get())->Stop(); // before Listen()
     ::setenv("SONARIX_RUN_DIR", "/tmp/run", 1);
     EXPECT_EQ(IPCDirectory::Get()->Lookup("SonarixMdnsService").ToString(), "/tmp/run/SonarixMdnsService");
     ::unsetenv("SONARIX_RUN_DIR");
 }
 
-/// Two listeners that start at once on one leftover: exactly one has it in the end.
-TEST(ServerListenerTest, LeftoverIsReplacedOnceHoweverManyTry)
+TEST(ServerListenerTest, StaleSocketFileIsReplacedByOneOfManyListeners)
 {
     const LogCapture log("0");
     const TempDirectory directory;
@@ -94,7 +93,7 @@ TEST(ServerListenerTest, LeftoverIsReplacedOnceHoweverManyTry)
     for (int round = 0; round < 20; ++round)
     {
         const std::string path = directory.Path() + "/socket" + std::to_string(round);
-        LeaveSocketFile(path);
+        CreateStaleSocketFile(path);
         std::atomic<int> bound = 0;
         std::vector<std::shared_ptr<IL::ServerListenerIF>> listeners(4);
         std::vector<std::jthread> threads;
@@ -115,7 +114,7 @@ TEST(ServerListenerTest, LeftoverIsReplacedOnceHoweverManyTry)
     }
 }
 
-TEST(ServerListenerTest, TenThousandConnectionsLeaveNothingBehind)
+TEST(ServerListenerTest, TenThousandConnectionsLeakNothing)
 {
     const LogCapture log("1");
     RouterService service;
@@ -130,7 +129,7 @@ TEST(ServerListenerTest, TenThousandConnectionsLeaveNothingBehind)
             }
             else if (round % 3 == 1)
             {
-                client.Request(1, 1, SonarixPb::ServiceId()); // and goes without its answer
+                client.Request(1, 1, SonarixPb::ServiceId()); // disconnects before the response
             }
         }
         SocketClient last(service.path);
@@ -143,7 +142,7 @@ TEST(ServerListenerTest, TenThousandConnectionsLeaveNothingBehind)
     const auto after = serve(9000);
     EXPECT_EQ(after[0], descriptors);
     EXPECT_EQ(after[1], threads);
-    EXPECT_LT(after[2], bytes + 20'000) << "two bytes a connection";
+    EXPECT_LT(after[2], bytes + 20'000) << "two bytes per connection";
     EXPECT_EQ(log.Text(), "");
 }
 

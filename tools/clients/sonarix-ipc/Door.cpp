@@ -66,8 +66,9 @@ void Door::Ask(std::uint32_t id, std::uint32_t tid, const google::protobuf::Mess
 {
     IPCMessageEnvelope envelope;
     envelope.SetPayload(payload);
-    envelope.set_id(id);
-    envelope.set_tid(tid);
+    envelope->set_id(id);
+    envelope->set_tid(tid);
+    envelope->set_kind(IPCMessageEnvelopeBase::REQUEST);
     std::string frame;
     if (IPCFraming::AppendFrame(frame, envelope)) // a command line is not too long for one
     {

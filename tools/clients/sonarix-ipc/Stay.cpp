@@ -96,13 +96,13 @@ void Stay::Ask()
 
 void Stay::Handle(const IPCMessageEnvelope& message)
 {
-    if (message.kind() != IPCMessageEnvelope::NOTIFICATION)
+    if (message->kind() != IPCMessageEnvelopeBase::NOTIFICATION)
     {
         HandleResponse(message);
         return;
     }
     SonarixPb::DeviceDiscovery report;
-    if (message.id() == Talk::DEVICE_CHANGED && message.GetPayload(report))
+    if (message->id() == Talk::DEVICE_CHANGED && message.GetPayload(report))
     {
         Report(m_known.TakeReport(report.state() == SonarixPb::ONLINE, DescribeDevice(report.device())));
     }

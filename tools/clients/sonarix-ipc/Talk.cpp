@@ -46,14 +46,14 @@ SonarixPb::Service ServiceOf(const Command& command)
 template <typename Message>
 bool IsResponse(const IPCMessageEnvelope& answer, Message& message)
 {
-    return answer.kind() == IPCMessageEnvelope::RESPONSE && answer.payload_type() == message.GetDescriptor()->name() &&
-           answer.GetPayload(message);
+    return answer->kind() == IPCMessageEnvelopeBase::RESPONSE &&
+           answer->payload_type() == message.GetDescriptor()->name() && answer.GetPayload(message);
 }
 
 std::string ErrorOf(const IPCMessageEnvelope& answer)
 {
     SonarixPb::DeviceDiscoveryError error;
-    if (answer.kind() == IPCMessageEnvelope::REJECT)
+    if (answer->kind() == IPCMessageEnvelopeBase::REJECT)
     {
         return "that it rejects the request";
     }
@@ -103,11 +103,11 @@ std::optional<IPCMessageEnvelope> Talk::Answer(std::uint32_t tid)
         switch (m_door.Wait(until, message))
         {
         case Door::MESSAGE:
-            if (message.kind() == IPCMessageEnvelope::NOTIFICATION)
+            if (message->kind() == IPCMessageEnvelopeBase::NOTIFICATION)
             {
                 break;
             }
-            if (message.tid() == tid)
+            if (message->tid() == tid)
             {
                 return message;
             }
@@ -151,7 +151,7 @@ ExitStatus Talk::ReadAdded(const IPCMessageEnvelope& answer)
         return Outcome(EXIT_DONE, "the service publishes " + record);
     }
     const std::string text = "the service does not publish " + record + ": it answers " + ErrorOf(answer);
-    return answer.kind() == IPCMessageEnvelope::REJECT
+    return answer->kind() == IPCMessageEnvelopeBase::REJECT
                ? Outcome(EXIT_ERROR_ANSWER, text)
                : Outcome(EXIT_NOT_YET, text + ", as it does while the network is down. It keeps the record, to "
                                               "publish it once the network is up and the product has announced itself");
@@ -180,10 +180,10 @@ ExitStatus Talk::Tell(Identifier id, const google::protobuf::Message& payload, c
     {
         return EXIT_NO_SERVICE;
     }
-    if (m_earlier && m_earlier->tid() == tid)
+    if (m_earlier && (*m_earlier)->tid() == tid)
     {
         const std::string text = "the service answers " + ErrorOf(*m_earlier) + " to " + what;
-        return m_earlier->kind() == IPCMessageEnvelope::REJECT
+        return (*m_earlier)->kind() == IPCMessageEnvelopeBase::REJECT
                    ? Outcome(EXIT_ERROR_ANSWER, text)
                    : Outcome(EXIT_NOT_YET, text + ": either it has no record of that type under that name, or "
                                                   "the network is down, and it keeps the record for when it is up");

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "runtime/AsyncCallback.h"
+#include "runtime/Liveness.h"
 #include "runtime/ipc/ConnectorSocket.h"
 #include "runtime/ipc/IPCMessageEnvelope.h"
-#include "runtime/ipc/IPCMessageRouterFactory.h"
 #include "runtime/ipc/IPCMessageRouterIF.h"
 #include "runtime/ipc/ServerListenerIF.h"
 #include "schemas/SonarixPb.pb.h"
@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <string>
 
-/// The smallest local service: request 1, a ServiceId, is answered with the same; request 2 is not answered.
+/// A minimal local service: request 1, a ServiceId, is answered with the same record; request 2 is not answered.
 class RouterService final
 {
 public:
@@ -45,7 +45,7 @@ public:
     {
         return m_task;
     }
-    /// From the thread of the test.
+    /// Called on the test's thread.
     void NotifyAll(const std::string& name)
     {
         SonarixPb::ServiceId id;
@@ -68,12 +68,12 @@ private:
     TempDirectory m_directory;
     RealTask m_task;
     std::shared_ptr<IL::ServerListenerIF> m_listener;
-    std::set<Router> m_routers; ///< on the task
+    std::set<Router> m_routers; ///< used on the task only
 
 public:
     const std::string path = m_directory.Path() + "/socket";
     Watched<std::size_t> clients;
-    Watched<int> unanswered; ///< requests 2
+    Watched<int> unanswered; ///< number of requests 2
 
 private:
     void Serve(const std::shared_ptr<Network::ConnectorSocket>& socket)
@@ -81,15 +81,13 @@ private:
         const Router router = IPCMessageRouterFactory::CreateRouter("Router", m_task.Get(), nullptr);
         router->AttachForRequest(
             1, AsyncCallback<SonarixPb::ServiceId, unsigned int>(
-                   [weak = std::weak_ptr(router)](const SonarixPb::ServiceId& id, const unsigned int& tid)
-                   {
-                       IPCMessageEnvelope envelope;
-                       envelope.SetPayload(id);
-                       if (const Router asked = weak.lock())
-                       {
-                           asked->SendResponse(1, envelope, tid);
-                       }
-                   },
+                   Liveness::Weakly(router,
+                                    [](IPCMessageRouterIF& asked, const SonarixPb::ServiceId& id, unsigned int tid)
+                                    {
+                                        IPCMessageEnvelope envelope;
+                                        envelope.SetPayload(id);
+                                        asked.SendResponse(1, envelope, tid);
+                                    }),
                    m_task.Get()));
         router->AttachHandler(2, [this](const IPCMessageEnvelope&) { unanswered.Change([](int& count) { ++count; }); });
         m_routers.insert(router);

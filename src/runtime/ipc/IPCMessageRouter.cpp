@@ -1,11 +1,12 @@
-#include "runtime/ipc/IPCMessageRouterFactory.h"
+#include "runtime/ipc/IPCMessageRouterIF.h"
 
 #include "runtime/DPrint.h"
+#include "runtime/Liveness.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/ThreadMutex.h"
 #include "runtime/ipc/ConnectorSocket.h"
 #include "runtime/ipc/IPCConnection.h"
-#include "runtime/ipc/IPCMessageRouterIF.h"
 
 #include <atomic>
 #include <map>
@@ -16,8 +17,8 @@ namespace
 
 using Handler = std::function<void(const IPCMessageEnvelope&)>;
 
-/// Design: what the connection calls holds the router weakly, and the connection is told to close on its task: so the
-/// router may go on any thread, from inside a handler too.
+/// Design: the connection's handlers hold the router weakly, and the connection is closed on its own task. The router
+/// may therefore be destroyed on any thread, and inside a handler.
 class IPCMessageRouter final : public IPCMessageRouterIF, public std::enable_shared_from_this<IPCMessageRouter>
 {
 public:
@@ -44,22 +45,23 @@ public:
 
 private:
     void Dispatch(const IPCMessageEnvelope& envelope);
-    void Send(IPCMessageEnvelope::Kind kind, unsigned int id, unsigned int tid, IPCMessageEnvelope envelope);
-    void SayOnce(std::atomic<bool>& isSaid, const char* what, const IPCMessageEnvelope& envelope) const;
+    void Send(IPCMessageEnvelopeBase::Kind kind, unsigned int id, unsigned int tid, IPCMessageEnvelope envelope);
+    void WarnOnce(std::atomic<bool>& hasWarned, const char* what, const IPCMessageEnvelope& envelope) const;
     std::shared_ptr<IPCConnection> Connection();
 
     const std::shared_ptr<const DPrint> m_log;
     NotifyTargetTaskIF* const m_task;
     std::shared_ptr<Network::ConnectorSocket> m_socket;
     std::map<unsigned int, std::shared_ptr<const Handler>> m_handlers;
-    std::atomic<bool> m_isUnknownSaid{false};
-    std::atomic<bool> m_isRejectSaid{false};
-    CThreadMutex m_mutex; ///< guards what follows
+    std::atomic<bool> m_hasWarnedUnknown{false};
+    std::atomic<bool> m_hasWarnedReject{false};
+    CThreadMutex m_mutex; ///< guards m_connection
     std::shared_ptr<IPCConnection> m_connection;
 };
 
 void IPCMessageRouter::Start(std::shared_ptr<Network::ConnectorSocket> socket, const Callback<void>& onDisconnect)
 {
+    TASK_CHECK(m_task);
     const std::shared_ptr<Network::ConnectorSocket> used =
         socket ? std::move(socket) : std::exchange(m_socket, nullptr);
     const int descriptor = used ? used->Release() : -1;
@@ -74,13 +76,9 @@ void IPCMessageRouter::Start(std::shared_ptr<Network::ConnectorSocket> socket, c
         m_connection = connection;
     }
     IPCConnection::Handlers handlers;
-    handlers.envelope = [weak = weak_from_this()](const IPCMessageEnvelope& envelope)
-    {
-        if (const std::shared_ptr<IPCMessageRouter> self = weak.lock())
-        {
-            self->Dispatch(envelope);
-        }
-    };
+    handlers.envelope =
+        Liveness::Weakly(shared_from_this(), [](IPCMessageRouter& router, const IPCMessageEnvelope& envelope)
+                         { router.Dispatch(envelope); });
     handlers.closed = [onDisconnect] { onDisconnect(); };
     connection->Start(std::move(handlers));
 }
@@ -114,22 +112,22 @@ std::shared_ptr<IPCConnection> IPCMessageRouter::Connection()
 
 void IPCMessageRouter::SendNotification(unsigned int id, const IPCMessageEnvelope& envelope)
 {
-    Send(IPCMessageEnvelope::NOTIFICATION, id, 0, envelope);
+    Send(IPCMessageEnvelopeBase::NOTIFICATION, id, 0, envelope);
 }
 
 void IPCMessageRouter::SendResponse(unsigned int id, const IPCMessageEnvelope& envelope, unsigned int tid)
 {
-    Send(IPCMessageEnvelope::RESPONSE, id, tid, envelope);
+    Send(IPCMessageEnvelopeBase::RESPONSE, id, tid, envelope);
 }
 
 void IPCMessageRouter::RejectRequest(const IPCMessageEnvelope& envelope)
 {
-    SayOnce(m_isRejectSaid, "is rejected: its payload is of another type", envelope);
-    Send(IPCMessageEnvelope::REJECT, envelope.id(), envelope.tid(), {});
+    WarnOnce(m_hasWarnedReject, "is rejected: its payload does not match the identifier", envelope);
+    Send(IPCMessageEnvelopeBase::REJECT, envelope->id(), envelope->tid(), {});
 }
 
-/// What does not fit into a frame is refused to whoever asked for it.
-void IPCMessageRouter::Send(IPCMessageEnvelope::Kind kind, unsigned int id, unsigned int tid,
+/// A response that is too large for a frame is replaced by a reject, so that the client does not wait for it.
+void IPCMessageRouter::Send(IPCMessageEnvelopeBase::Kind kind, unsigned int id, unsigned int tid,
                             IPCMessageEnvelope envelope)
 {
     const std::shared_ptr<IPCConnection> connection = Connection();
@@ -137,50 +135,54 @@ void IPCMessageRouter::Send(IPCMessageEnvelope::Kind kind, unsigned int id, unsi
     {
         return;
     }
-    envelope.set_kind(kind);
-    envelope.set_id(id);
-    envelope.set_tid(tid);
+    envelope->set_kind(kind);
+    envelope->set_id(id);
+    envelope->set_tid(tid);
+    envelope->mutable_payload(); // on the wire even if it is empty
     std::string frame;
     if (IPCFraming::AppendFrame(frame, envelope))
     {
         connection->Send(frame);
         return;
     }
-    DPRINTF(*m_log, DPrint::LEVEL_ERROR, "%s of %zu bytes, id %u: too large to be sent",
-            envelope.payload_type().c_str(), envelope.payload().size(), id);
-    if (kind == IPCMessageEnvelope::RESPONSE)
+    DPRINTF(*m_log, DPrint::LEVEL_ERROR, "%s of %zu bytes, id %u, is too large to send",
+            envelope->payload_type().c_str(), envelope->payload().size(), id);
+    if (kind == IPCMessageEnvelopeBase::RESPONSE)
     {
-        Send(IPCMessageEnvelope::REJECT, id, tid, {});
+        Send(IPCMessageEnvelopeBase::REJECT, id, tid, {});
     }
 }
 
 CallbackConnection IPCMessageRouter::AttachHandler(unsigned int id, const Handler& handler)
 {
+    TASK_CHECK(m_task);
     m_handlers[id] = std::make_shared<const Handler>(handler);
     return {};
 }
 
 void IPCMessageRouter::Dispatch(const IPCMessageEnvelope& envelope)
 {
-    const auto found = m_handlers.find(envelope.id());
-    if (envelope.kind() == IPCMessageEnvelope::REQUEST && found != m_handlers.end())
+    TASK_CHECK(m_task);
+    const auto found = m_handlers.find(envelope->id());
+    if (envelope->kind() == IPCMessageEnvelopeBase::REQUEST && found != m_handlers.end())
     {
-        const std::shared_ptr<const Handler> handler = found->second; // it may attach another in its place
+        const std::shared_ptr<const Handler> handler = found->second; // the handler may attach another one for its id
         (*handler)(envelope);
     }
     else
     {
-        SayOnce(m_isUnknownSaid, "is not answered: nothing serves it", envelope);
+        WarnOnce(m_hasWarnedUnknown, "has no handler and is not answered", envelope);
     }
 }
 
-/// Once a connection: a client that goes on with it fills no log.
-void IPCMessageRouter::SayOnce(std::atomic<bool>& isSaid, const char* what, const IPCMessageEnvelope& envelope) const
+/// Logs once per connection, so that a faulty client cannot flood the log.
+void IPCMessageRouter::WarnOnce(std::atomic<bool>& hasWarned, const char* what,
+                                const IPCMessageEnvelope& envelope) const
 {
-    if (!isSaid.exchange(true))
+    if (!hasWarned.exchange(true))
     {
         DPRINT(*m_log, DPrint::LEVEL_WARNING,
-               "id " << envelope.id() << ", kind " << envelope.kind() << ", \"" << envelope.payload_type() << "\" "
+               "id " << envelope->id() << ", kind " << envelope->kind() << ", \"" << envelope->payload_type() << "\" "
                      << what);
     }
 }
