@@ -154,8 +154,7 @@ TEST_F(DiscoveryServiceIPCServerTest, ListRequestsBeyondTheRunningLimitAreQueued
 {
     m_mdns->answerAtOnce.reset();
     SocketClient client = Mdns();
-    const auto settle = [](SocketClient& asked)
-    { Add(asked, Service("a", "_a._tcp")); }; // answered before the queued lists
+    const auto settle = [](SocketClient& asked) { Add(asked, Service("a", "_a._tcp")); };
     constexpr unsigned int kCount = 100;
     for (unsigned int tid = 0; tid < kCount; ++tid)
     {
@@ -163,7 +162,7 @@ TEST_F(DiscoveryServiceIPCServerTest, ListRequestsBeyondTheRunningLimitAreQueued
     }
     for (unsigned int tid = 0; tid < kCount; ++tid)
     {
-        settle(client);
+        settle(client); // is answered before the queued lists
         EXPECT_LE(m_mdns->WaitingLists(), MdnsIPCClientHandler::kMaxRunningLists);
         ASSERT_TRUE(m_mdns->AnswerList({}));
         EXPECT_EQ(SocketClient::HeadOf(client.Read()), "RESPONSE 2 " + std::to_string(tid));

@@ -1,20 +1,16 @@
 #include "runtime/ipc/IPCDirectory.h"
 #include "tests/ipc/support/RouterService.h"
 #include "tests/ipc/support/SocketClient.h"
-#include "tests/support/ForkedRun.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <list>
 #include <malloc.h>
 #include <memory>
-#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
@@ -144,48 +140,4 @@ TEST(ServerListenerTest, TenThousandConnectionsLeakNothing)
     EXPECT_EQ(after[1], threads);
     EXPECT_LT(after[2], bytes + 20'000) << "two bytes per connection";
     EXPECT_EQ(log.Text(), "");
-}
-
-TEST(ServerListenerTest, AcceptingPausesWithoutDescriptorsAndComesBack)
-{
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "this build looks at objects through a pipe, and takes them for wild where none can be made";
-#endif
-    const ForkedResult result = RunForked(
-        []
-        {
-            const LogCapture log;
-            std::vector<int> sockets;
-            do // leaves some for the service, and fewer than one for each
-            {
-                sockets.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            } while (sockets.back() < 50);
-            const rlimit limit{64, 64};
-            EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-            RouterService service;
-            const sockaddr_un address = SocketClient::AddressOf(service.path);
-            std::list<SocketClient> clients;
-            for (const int socket : sockets)
-            {
-                EXPECT_EQ(::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-                clients.emplace_back(socket);
-            }
-            EXPECT_TRUE(log.WaitFor("accepting pauses: Too many open files")) << log.Text();
-            EXPECT_TRUE(IsAnswered(clients.front())) << "who is there already goes on";
-
-            const std::clock_t before = std::clock();
-            std::this_thread::sleep_for(std::chrono::milliseconds(600)); // two more pauses at least
-            EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10) << "no spinning";
-            EXPECT_LT(service.clients.Get(), sockets.size());
-
-            // Each that goes frees two.
-            clients.erase(clients.begin(), std::next(clients.begin(), static_cast<std::ptrdiff_t>(sockets.size() / 2)));
-            for (SocketClient& client : clients)
-            {
-                EXPECT_TRUE(IsAnswered(client));
-            }
-            EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1u) << log.Text();
-            return testing::Test::HasFailure() ? 1 : 0;
-        });
-    EXPECT_TRUE(result.Succeeded()) << result.HowItEnded() << '\n' << result.m_output;
 }
