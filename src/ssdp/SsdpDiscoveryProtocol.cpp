@@ -20,6 +20,12 @@ const DPrint s_log("SsdpDiscoveryProtocol");
 
 } // namespace
 
+std::shared_ptr<SsdpDiscoveryProtocolIF> SsdpDiscoveryProtocol::Create()
+{
+    const auto factory = s_factoryOverride.Get();
+    return factory != nullptr ? factory() : std::make_shared<SsdpDiscoveryProtocol>();
+}
+
 SsdpDiscoveryProtocol::SsdpDiscoveryProtocol()
     : SsdpDiscoveryProtocol(std::make_unique<CHttpInterface>(false, ""), ReadInterfaceLink)
 {

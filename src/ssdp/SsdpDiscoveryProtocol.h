@@ -2,6 +2,7 @@
 
 #include "interfaces/SsdpDiscoveryProtocolIF.h"
 #include "runtime/CallbackRegistry.h"
+#include "runtime/FactoryOverride.h"
 #include "runtime/ThreadMutex.h"
 #include "ssdp/InterfaceLink.h"
 
@@ -35,6 +36,9 @@ class SsdpDiscoveryProtocol final : public SsdpDiscoveryProtocolIF
 {
 public:
     using LinkReader = std::function<InterfaceLink(const std::string& interfaceName)>;
+
+    static std::shared_ptr<SsdpDiscoveryProtocolIF> Create();
+    static inline FactoryOverride<std::shared_ptr<SsdpDiscoveryProtocolIF> (*)()> s_factoryOverride;
 
     SsdpDiscoveryProtocol();
     /// Descriptions are fetched with `http`, not null; `readLink` tells of the interface before each search.
