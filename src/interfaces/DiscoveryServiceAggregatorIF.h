@@ -2,7 +2,7 @@
 
 #include "runtime/Callback.h"
 #include "runtime/CallbackConnection.h"
-#include "schemas/SXCommon.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "schemas/SXCommon.pb.h" // enumerations of a schema have no forward declaration
 
 #include <set>
 #include <string>
@@ -16,26 +16,27 @@ class ProductList;
 namespace SonarixService
 {
 
-/// The table of known products and the unit's own information, as the gateway client sees them.
-/// All on the controller's task.
+/// The table of known products and the unit's own information. Used by the gateway client.
+/// Task: all operations run on the controller's task.
 class DiscoveryServiceAggregatorIF
 {
 public:
     virtual ~DiscoveryServiceAggregatorIF() = default;
 
     virtual void Shutdown() = 0;
-    /// `callback` also gets the present information, before the return.
+    /// Calls `callback` with the current information before it returns, then at each change.
     virtual CallbackConnection RegisterForMyProductInfo(const Callback<Sonarix::ProductInfo>& callback) = 0;
-    /// `callback` gets nothing until the next change.
+    /// Calls `callback` at each change, not at the registration.
     virtual CallbackConnection RegisterForProductList(const Callback<Sonarix::ProductList>& callback) = 0;
-    /// The own mode or address may be new. A change of mode resets nearly all of the table.
+    /// Sets the own mode and address. A change of mode resets nearly all of the table.
     virtual void InitializeProtocols(const SXCommon::ProductMode& mode, const std::string& ipAddress) = 0;
-    /// Replaces `list` by a snapshot: tracked products by guid, then children by guid.
+    /// Replaces `list` with a snapshot: tracked products sorted by guid, then children sorted by guid.
     virtual void GetProductList(Sonarix::ProductList& list) = 0;
-    /// Calls `response` once, before the return; `error` never.
+    /// Calls `response` once, before it returns. Never calls `error`.
     virtual void GetMyProductInfo(const Callback<Sonarix::ProductInfo>& response,
                                   const Callback<SXCommon::SonarixError>& error) = 0;
-    /// What the product advertises about itself. Throws std::logic_error where it has fields that only we may know.
+    /// Takes the information that the product advertises about itself. Throws std::logic_error if `info` has a field
+    /// that only this service may set.
     virtual void HandleProductInfoAdvertisement(const Sonarix::ProductInfo& info) = 0;
     virtual void SetSupportedWifiBands(const std::set<std::string>& bands) = 0;
 };

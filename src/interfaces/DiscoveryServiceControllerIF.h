@@ -13,17 +13,18 @@ namespace SonarixService
 class SsdpDiscoveryProtocolIF;
 class MdnsDiscoveryProtocolIF;
 
-/// The controller as the objects that it owns see it. SetNetworkStatus on the controller's task; the two accessors
-/// from any thread, since what they give is fixed with the construction.
+/// The controller's interface for the objects that it owns.
+/// Task: SetNetworkStatus() runs on the controller's task. The two accessors are safe from any thread: their results
+/// never change.
 class DiscoveryServiceControllerIF
 {
 public:
     virtual ~DiscoveryServiceControllerIF() = default;
 
-    /// The whole status of the network service; starts or stops discovery at an edge.
+    /// Replaces the last status of the network service. Starts or stops discovery at an edge.
     virtual void SetNetworkStatus(const NetManager::Protobuf::NetworkStatus& status) = 0;
 
-    /// Empty where an override of its creation wants to do without.
+    /// Null if a factory override returned null.
     virtual std::shared_ptr<SsdpDiscoveryProtocolIF> GetSsdpDiscoveryProtocol() = 0;
     virtual std::shared_ptr<MdnsDiscoveryProtocolIF> GetMdnsDiscoveryProtocol() = 0;
 };

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "schemas/SonarixPb.pb.h" // an enumeration of a schema cannot be declared ahead
+#include "schemas/SonarixPb.pb.h" // enumerations of a schema have no forward declaration
 
 #include <memory>
 
 namespace SonarixService
 {
 
-/// The local socket services, as the controller sees them.
+/// The server of the local sockets. Used by the controller.
 class DiscoveryServiceIPCServerIF
 {
 public:

@@ -11,7 +11,7 @@ class Product;
 namespace SonarixService
 {
 
-/// The private endpoint by which another process of the product tells of child products.
+/// The private endpoint where another process of the product reports child products.
 class DiscoveryServiceOverPorticoIF
 {
 public:

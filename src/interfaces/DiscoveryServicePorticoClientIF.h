@@ -8,15 +8,16 @@ class Product;
 namespace SonarixService
 {
 
-/// The service's face towards the gateway, as the controller sees it. On the controller's task, but for
-/// Initialize(), which the main thread calls before anything can be delivered.
+/// The service's client of the local API gateway. Used by the controller.
+/// Task: all operations run on the controller's task, except Initialize(), which the main thread calls before the
+/// gateway can deliver anything.
 class DiscoveryServicePorticoClientIF
 {
 public:
     virtual ~DiscoveryServicePorticoClientIF() = default;
     virtual void Initialize() = 0;
     virtual void Shutdown() = 0;
-    /// Pushes a list of this one product on "/sonarix/products".
+    /// Notifies a list with this one product on "/sonarix/products".
     virtual void SendSonarixNotification(const Sonarix::Product& product) = 0;
 };
 

@@ -15,7 +15,7 @@ class ProductList;
 namespace SonarixService
 {
 
-/// The face of SSDP discovery. Started and stopped on the controller's task; products come on its own task, so
+/// SSDP discovery. Task: Start() and Stop() run on the controller's task. Products arrive on its own task, so
 /// subscribers pass AsyncCallbacks.
 class SsdpDiscoveryProtocolIF : public std::enable_shared_from_this<SsdpDiscoveryProtocolIF>
 {

@@ -12,35 +12,41 @@ namespace SonarixService::DebugArguments
 namespace
 {
 
+using Info = Sonarix::ProductInfo;
+using Id = SonarixPb::ServiceId;
+
 template <class Record>
 using Fields = std::map<std::string, std::string* (Record::*)()>;
 
-const Fields<Sonarix::ProductInfo>& InfoFields()
-{
-    using Info = Sonarix::ProductInfo;
-    static const Fields<Info> s_fields = {
-        {"ipaddress", &Info::mutable_ipaddress},
-        {"friendlyname", &Info::mutable_friendlyname},
-        {"guid", &Info::mutable_guid},
-        {"ecosystem", &Info::mutable_ecosystem},
-        {"modelname", &Info::mutable_modelname},
-        {"manufacturer", &Info::mutable_manufacturer},
-        {"productcolor", &Info::mutable_productcolor},
-        {"location", &Info::mutable_location},
-        {"macaddress", &Info::mutable_macaddress},
-        {"devicetype", &Info::mutable_devicetype},
-        {"modelnumber", &Info::mutable_modelnumber},
-        {"modeldescription", &Info::mutable_modeldescription},
-    };
-    return s_fields;
-}
+const Fields<Info> s_infoFields = {
+    {"ipaddress", &Info::mutable_ipaddress},
+    {"friendlyname", &Info::mutable_friendlyname},
+    {"guid", &Info::mutable_guid},
+    {"ecosystem", &Info::mutable_ecosystem},
+    {"modelname", &Info::mutable_modelname},
+    {"manufacturer", &Info::mutable_manufacturer},
+    {"productcolor", &Info::mutable_productcolor},
+    {"location", &Info::mutable_location},
+    {"macaddress", &Info::mutable_macaddress},
+    {"devicetype", &Info::mutable_devicetype},
+    {"modelnumber", &Info::mutable_modelnumber},
+    {"modeldescription", &Info::mutable_modeldescription},
+};
 
-const Fields<SonarixPb::ServiceId>& IdFields()
+const Fields<Id> s_idFields = {
+    {"name", &Id::mutable_name}, {"type", &Id::mutable_type}, {"domain", &Id::mutable_domain}};
+
+/// False if `key` is not in `fields`.
+template <class Record>
+bool Set(const Fields<Record>& fields, Record& record, const std::string& key, const std::string& value)
 {
-    using Id = SonarixPb::ServiceId;
-    static const Fields<Id> s_fields = {
-        {"name", &Id::mutable_name}, {"type", &Id::mutable_type}, {"domain", &Id::mutable_domain}};
-    return s_fields;
+    const auto field = fields.find(key);
+    if (field == fields.end())
+    {
+        return false;
+    }
+    *(record.*field->second)() = value;
+    return true;
 }
 
 void ForEachPair(const std::list<std::string>& arguments, std::vector<std::string>& skipped,
@@ -61,34 +67,29 @@ void ForEachPair(const std::list<std::string>& arguments, std::vector<std::strin
 
 } // namespace
 
-void Read(const std::list<std::string>& arguments, Sonarix::ProductInfo& info, std::vector<std::string>& skipped)
+Sonarix::ProductInfo ProductInfoFromArguments(const std::list<std::string>& arguments,
+                                              std::vector<std::string>& skipped)
 {
+    Sonarix::ProductInfo info;
     ForEachPair(arguments, skipped,
-                [&info](const std::string& key, const std::string& value)
-                {
-                    const auto field = InfoFields().find(key);
-                    if (field != InfoFields().end())
-                    {
-                        *(info.*field->second)() = value;
-                    }
-                });
+                [&info](const std::string& key, const std::string& value) { Set(s_infoFields, info, key, value); });
+    return info;
 }
 
-void Read(const std::list<std::string>& arguments, SonarixPb::Service& service, std::vector<std::string>& skipped)
+SonarixPb::Service ServiceFromArguments(const std::list<std::string>& arguments, std::vector<std::string>& skipped)
 {
+    SonarixPb::Service service;
     ForEachPair(arguments, skipped,
                 [&service](const std::string& key, const std::string& value)
                 {
-                    const auto field = IdFields().find(key);
-                    if (field != IdFields().end())
+                    if (!Set(s_idFields, *service.mutable_id(), key, value))
                     {
-                        *(service.mutable_id()->*field->second)() = value;
-                        return;
+                        SonarixPb::ServiceRecords* const record = service.add_txt();
+                        record->set_key(key);
+                        record->set_value(value);
                     }
-                    SonarixPb::ServiceRecords* const record = service.add_txt();
-                    record->set_key(key);
-                    record->set_value(value);
                 });
+    return service;
 }
 
 } // namespace SonarixService::DebugArguments

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <list>
 #include <memory>
@@ -22,17 +23,18 @@ class DiscoveryServicePorticoClientIF;
 class MdnsDiscoveryProtocolIF;
 class SsdpDiscoveryProtocolIF;
 
-/// What the debug commands do: lists of what discovery has found, its start and stop by hand, and two lists of made-up
-/// products that are announced to the rest of the product as if they had been found.
-/// Task: everything is on the controller's, which `mdns list` holds up for as long as it waits.
-/// Owner: the controller, in a shared pointer. An answer of mDNS that comes after its end does nothing.
-/// Never asks whether discovery really runs: it goes by what was told here, and begins with both running, whatever the
-/// network does.
+/// Interpreter of the debug commands: lists what discovery has found, starts and stops each discovery protocol, and
+/// keeps two lists of testing products, which are announced to the gateway and the local sockets like found ones.
+/// Task: everything but the construction runs on the controller's task. `mdns list` blocks this task while it waits.
+/// Owner: the controller, in a shared pointer. An answer of mDNS that arrives after destruction is ignored.
+/// Never queries whether discovery really runs: only these commands change its two flags, which begin as running.
 class DebugCommands final : public std::enable_shared_from_this<DebugCommands>
 {
 public:
-    /// What the commands work on. All but the gateway client may be empty.
-    struct Surroundings
+    using Arguments = std::list<std::string>;
+
+    /// The objects that the commands call. All but the gateway client may be null.
+    struct Context
     {
         NotifyTargetTaskIF* task = nullptr;
         std::shared_ptr<SsdpDiscoveryProtocolIF> ssdp;
@@ -42,53 +44,59 @@ public:
         std::function<std::string()> primaryInterface;
     };
 
-    explicit DebugCommands(Surroundings surroundings);
+    struct Command
+    {
+        int key;
+        const char* words;
+        const char* help;
+        const char* usage;
+        std::size_t minArguments; ///< with fewer, a warning is logged
+        std::size_t maxArguments; ///< further ones are skipped, which is logged
+        std::string (*handle)(DebugCommands& commands, const Arguments& arguments);
+    };
+
+    /// All commands, in the order of their registration.
+    static const std::vector<Command>& Table();
+
+    explicit DebugCommands(Context context);
     ~DebugCommands();
     DebugCommands(const DebugCommands&) = delete;
     DebugCommands& operator=(const DebugCommands&) = delete;
 
-    /// The text for the person, which may be empty. What is wrong with the arguments is left out, with one line of
-    /// level 2.
-    std::string HandleCliCmd(int cmdKey, const std::list<std::string>& arguments);
+    /// Returns the response, which may be empty; "Command not found" for a key that is not in Table(). Invalid
+    /// arguments are skipped, with one line of level 2.
+    std::string HandleCliCmd(int cmdKey, const Arguments& arguments);
 
-    /// How long `mdns list` waits for the products of each type.
+    /// Limit of the wait of `mdns list` for the products of each service type.
     static constexpr unsigned kListWaitMs = 1000;
 
 private:
     struct MdnsAnswers;
-    struct TestingList;
-    using Arguments = std::list<std::string>;
+    struct Protocol;
 
-    std::string HandleSsdp(int cmdKey, const Arguments& arguments);
-    std::string HandleMdns(int cmdKey, const Arguments& arguments);
     std::string ListSsdp() const;
-    std::string StartSsdp();
-    std::string StopSsdp();
     std::string ClearSsdp();
     std::string ListMdns(const Arguments& arguments) const;
-    void AskMdns(const std::string& serviceType, const std::shared_ptr<MdnsAnswers>& answers) const;
-    std::string StartMdns();
-    std::string StopMdns();
+    void QueryMdns(const std::string& serviceType, const std::shared_ptr<MdnsAnswers>& answers) const;
     std::string ClearMdns(const Arguments& arguments);
-    void AddService(const Arguments& arguments);
-    void RemoveService(const Arguments& arguments);
-    std::string AddDevice(TestingList& list, const Arguments& arguments);
-    std::string RemoveDevice(TestingList& list, const Arguments& arguments);
+    std::string AddService(const Arguments& arguments);
+    std::string RemoveService(const Arguments& arguments);
 
-    bool CanUseSsdp() const;
-    bool CanUseMdns() const;
+    static std::string Start(Protocol& protocol);
+    std::string Stop(Protocol& protocol);
+    std::string AddDevice(Protocol& protocol, const Arguments& arguments);
+    std::string RemoveDevice(Protocol& protocol, const Arguments& arguments);
     void AnnounceOffline(Sonarix::Product product);
     void Announce(const Sonarix::Product& product);
-    void Flush(TestingList& list);
-    template <class Record>
-    bool Read(const Arguments& arguments, Record& record) const;
-    void CheckArguments(int cmdKey, const Arguments& arguments);
-    void Skip(const std::vector<std::string>& arguments) const;
+    void Flush(Protocol& protocol);
+    void CheckArguments(const Arguments& arguments) const;
+    bool HasValid(const Arguments& arguments, const std::vector<std::string>& skipped) const;
+    void LogSkipped(const std::vector<std::string>& arguments) const;
 
-    const Surroundings m_with;
-    const std::unique_ptr<TestingList> m_ssdp;
-    const std::unique_ptr<TestingList> m_mdns;
-    std::string m_command; ///< of the one that runs, for log lines
+    const Context m_context;
+    const std::unique_ptr<Protocol> m_ssdp;
+    const std::unique_ptr<Protocol> m_mdns;
+    const Command* m_command = nullptr; ///< the one that runs
 };
 
 } // namespace SonarixService

@@ -1,6 +1,7 @@
 #include "service/DiscoveryServiceCliClient.h"
 
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 
 #include <memory>
 
@@ -12,18 +13,18 @@ namespace
 
 const DPrint s_log("DiscoveryServiceCliClient");
 
-/// In lower case and without blanks.
-std::string Normalised(const std::string& command)
+/// Returns the command in lower case and without whitespace.
+std::string Normalized(const std::string& command)
 {
-    std::string normalised;
+    std::string normalized;
     for (const char letter : command)
     {
         if (letter != ' ' && (letter < '\t' || letter > '\r'))
         {
-            normalised += letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+            normalized += letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
         }
     }
-    return normalised;
+    return normalized;
 }
 
 } // namespace
@@ -38,7 +39,7 @@ bool DiscoveryServiceCliClient::RegisterCliCmd(int cmdKey, const std::string& co
                                                const std::string& usage)
 {
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "RegisterCliCmd cmdKey:%d cmd:\"%s\"", cmdKey, command.c_str());
-    if (!m_commands.emplace(Normalised(command), cmdKey).second)
+    if (!m_commands.emplace(Normalized(command), cmdKey).second)
     {
         DPRINTF(s_log, DPrint::LEVEL_ERROR, "Command \"%s\" already exists!", command.c_str());
         return false;
@@ -59,8 +60,9 @@ void DiscoveryServiceCliClient::Initialize(const Handler& handler)
 bool DiscoveryServiceCliClient::HandleCliCmd(const std::string& command, const std::list<std::string>& arguments,
                                              std::string& response)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "HandleCliCmd cmd:\"%s\"", command.c_str());
-    const auto found = m_commands.find(Normalised(command));
+    const auto found = m_commands.find(Normalized(command));
     if (found == m_commands.end())
     {
         DPRINTF(s_log, DPrint::LEVEL_ERROR, "Unsupported command: \"%s\"", command.c_str());
@@ -71,7 +73,7 @@ bool DiscoveryServiceCliClient::HandleCliCmd(const std::string& command, const s
         DPRINTF(s_log, DPrint::LEVEL_ERROR, "Missing cli handler for sonarix %s", command.c_str());
         return false;
     }
-    const Handler handler = m_handler; // a copy: what it does may release the last reference to us
+    const Handler handler = m_handler; // a copy: the command may release the last reference to this object
     response = handler(found->second, arguments);
     return true;
 }

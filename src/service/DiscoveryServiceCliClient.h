@@ -12,9 +12,9 @@ class NotifyTargetTaskIF;
 namespace SonarixService
 {
 
-/// The service's commands at the debug console: their texts, and which key each of them has.
-/// Task: registration and Initialize() on the main thread, commands on the task given.
-/// Owner: the controller. Never does what a command asks for: that is the handler's.
+/// Registers the service's commands at the debug console and maps each command text to its key.
+/// Task: registration and Initialize() run on the main thread, HandleCliCmd() on `task`.
+/// Owner: the controller. Never executes a command itself: the handler does.
 class DiscoveryServiceCliClient final
 {
 public:
@@ -24,25 +24,25 @@ public:
     DiscoveryServiceCliClient(const DiscoveryServiceCliClient&) = delete;
     DiscoveryServiceCliClient& operator=(const DiscoveryServiceCliClient&) = delete;
 
-    /// Before Initialize(). False where the command is there already; upper and lower case and blanks are no
-    /// difference.
+    /// To be called before Initialize(). Returns false if the command is registered already; case and whitespace are
+    /// ignored.
     bool RegisterCliCmd(int cmdKey, const std::string& command, const std::string& help, const std::string& usage);
 
-    /// Once: opens the console for what was registered.
+    /// To be called once. Opens the console with the registered commands.
     void Initialize(const Handler& handler);
 
-    /// What the console calls. False for a command that was not registered, and where there is no handler.
+    /// Called by the console. Returns false for an unregistered command, and if there is no handler.
     bool HandleCliCmd(const std::string& command, const std::list<std::string>& arguments, std::string& response);
 
-    /// For everybody at the console. From any thread.
+    /// Sends `text` to all open consoles. Safe from any thread.
     void SendAsyncResponse(const std::string& text);
 
 private:
     NotifyTargetTaskIF* const m_task;
-    std::map<std::string, int> m_commands; ///< normalised text -> key
+    std::map<std::string, int> m_commands; ///< normalized text -> key
     CLIClient::Descriptors m_descriptors;  ///< until Initialize()
     Handler m_handler;
-    CLIClient m_cliClient; ///< the last, so that it goes first: it calls what stands above
+    CLIClient m_cliClient; ///< declared last, so destroyed first: its handler uses the members above
 };
 
 } // namespace SonarixService

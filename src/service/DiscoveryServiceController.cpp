@@ -3,14 +3,13 @@
 #include "Mdns/MdnsDiscoveryProtocol.h"
 #include "aggregator/DiscoveryServiceAggregator.h"
 #include "gateway/DiscoveryServicePorticoClient.h"
-#include "interfaces/DiscoveryServiceIPCServerIF.h"
-#include "interfaces/MdnsDiscoveryProtocolIF.h"
-#include "interfaces/SsdpDiscoveryProtocolIF.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
 #include "runtime/DPrint.h"
-#include "service/DebugCommandTable.h"
+#include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "service/DebugCommands.h"
-#include "service/OptionalParts.h"
-#include "service/TaskGate.h"
+#include "service/TaskPause.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
 #include <PorticoClient.h>
 
 #include <optional>
@@ -29,28 +28,28 @@ DiscoveryServiceController::DiscoveryServiceController()
     : m_task(IL::CreateTask("DiscoveryServiceControllerTask", ""))
     , m_cliClient(m_task)
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "DiscoveryServiceController");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     m_mdnsProtocol = MdnsDiscoveryProtocol::Create();
-    m_ssdpProtocol = OptionalParts::CreateSsdpDiscoveryProtocol();
+    m_ssdpProtocol = SsdpDiscoveryProtocol::Create();
 }
 
 DiscoveryServiceController::~DiscoveryServiceController()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~DiscoveryServiceController");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     Shutdown();
 }
 
 void DiscoveryServiceController::Initialize()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Initialize");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     const std::shared_ptr<DiscoveryServiceControllerIF> self = shared_from_this();
 
     {
-        // The constructors subscribe one after another what runs on the task, and what it notifies before the gateway
-        // has been asked to have its paths served is lost there: it takes up its work when all that is done.
-        const TaskGate gate(m_task);
+        // The gateway loses notifications for a path that is not registered yet. The task processes requests only
+        // after the gateway client has registered all paths.
+        const TaskPause pause(m_task);
         CreateGatewayClient(self);
-        m_ipcServer = OptionalParts::CreateIPCServer(self);
+        m_ipcServer = DiscoveryServiceIPCServer::Create(self);
         m_porticoClient->Initialize();
     }
     if (m_ipcServer)
@@ -70,31 +69,32 @@ void DiscoveryServiceController::CreateGatewayClient(const std::shared_ptr<Disco
 
 void DiscoveryServiceController::InitializeCLI()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "InitializeCLI");
-    for (const DebugCommand& command : DebugCommandTable())
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
+    for (const DebugCommands::Command& command : DebugCommands::Table())
     {
-        m_cliClient.RegisterCliCmd(command.key, command.command, command.help, command.usage);
+        m_cliClient.RegisterCliCmd(command.key, command.words, command.help, command.usage);
     }
-    // The commands hold what they work on; the controller, which holds the commands, they do not.
+    // A weak pointer: the commands are owned by the controller.
     const auto primaryInterface = [weak = weak_from_this()]
     {
         const auto self = std::static_pointer_cast<DiscoveryServiceController>(weak.lock());
         return self ? self->GetPrimaryInterfaceName() : std::string();
     };
-    const auto commands = std::make_shared<DebugCommands>(DebugCommands::Surroundings{
-        m_task, m_ssdpProtocol, m_mdnsProtocol, m_porticoClient, m_ipcServer, primaryInterface});
+    const auto commands = std::make_shared<DebugCommands>(
+        DebugCommands::Context{m_task, m_ssdpProtocol, m_mdnsProtocol, m_porticoClient, m_ipcServer, primaryInterface});
     m_cliClient.Initialize([commands](int cmdKey, const std::list<std::string>& arguments)
                            { return commands->HandleCliCmd(cmdKey, arguments); });
 }
 
 void DiscoveryServiceController::JoinTasks()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "JoinTasks");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     IL::JoinTask(m_task);
 }
 
 void DiscoveryServiceController::SetNetworkStatus(const NetManager::Protobuf::NetworkStatus& status)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_VERBOSE, status.ShortDebugString());
     bool isPrimaryUp = false;
     {
@@ -149,7 +149,7 @@ void DiscoveryServiceController::OnNetworkUp(const std::string& interfaceName)
     StartSonarix();
     if (m_mdnsProtocol)
     {
-        m_mdnsProtocol->NetworkWentUp(); // after the start: sends what was put off until now
+        m_mdnsProtocol->NetworkWentUp(); // after the start: it sends the deferred initial announcement
     }
 }
 
@@ -165,7 +165,7 @@ void DiscoveryServiceController::OnNetworkDown()
 
 void DiscoveryServiceController::StartSonarix()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "StartSonarix");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     m_mdnsProtocol->Start();
     if (m_ssdpProtocol)
     {
@@ -175,7 +175,7 @@ void DiscoveryServiceController::StartSonarix()
 
 void DiscoveryServiceController::StopSonarix()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "StopSonarix");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     if (m_mdnsProtocol)
     {
         m_mdnsProtocol->Stop();
@@ -188,9 +188,9 @@ void DiscoveryServiceController::StopSonarix()
 
 void DiscoveryServiceController::Shutdown()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Shutdown");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     StopSonarix();
-    if (m_porticoClient) // not there where Initialize() never ran
+    if (m_porticoClient) // null if Initialize() was not called
     {
         m_porticoClient->Shutdown();
     }

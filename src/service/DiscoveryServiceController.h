@@ -16,35 +16,36 @@ namespace SonarixService
 class DiscoveryServiceIPCServerIF;
 class DiscoveryServicePorticoClientIF;
 
-/// Owns the system: the main task, the discovery sources, the gateway client with the aggregator behind it, the
-/// local socket server, the debug commands. The one place where the network's state turns into discovery running or
-/// standing still. Task: constructor, Initialize() and JoinTasks() on the main thread, everything else on its own task.
-/// Owner: the entry point, in a shared pointer. The objects that it makes hold it strongly, so that releasing that
-/// pointer ends nothing: the process is ended from outside.
-/// Never waits for the network, and never looks at what the objects that it drives return.
+/// Creates and owns all main objects: the main task, the two discovery protocols, the gateway client with the
+/// aggregator, the local socket server and the debug commands. Starts and stops discovery with the network's state.
+/// Task: constructor, Initialize() and JoinTasks() run on the main thread, everything else on its own task.
+/// Owner: the entry point, in a shared pointer. The objects that it creates hold shared pointers to it, so releasing
+/// the entry point's pointer destroys nothing: a signal ends the process.
+/// Never waits for the network, and never checks the results of the objects that it owns.
 class DiscoveryServiceController final : public DiscoveryServiceControllerIF,
                                          public std::enable_shared_from_this<DiscoveryServiceControllerIF>
 {
 public:
-    /// Makes the task and the discovery sources; nothing goes on the network by it.
+    /// Creates the task and the discovery protocols. Sends nothing.
     DiscoveryServiceController();
     ~DiscoveryServiceController() override;
     DiscoveryServiceController(const DiscoveryServiceController&) = delete;
     DiscoveryServiceController& operator=(const DiscoveryServiceController&) = delete;
 
-    /// Makes and starts everything else. Once. Throws std::bad_weak_ptr where no shared pointer holds the controller.
+    /// Creates and starts everything else. To be called once. Throws std::bad_weak_ptr if no shared pointer owns the
+    /// controller.
     void Initialize();
 
     /// Blocks until the main task has ended.
     void JoinTasks();
 
-    /// Up is a status with `isPrimaryUp` and a known primary interface. A change of interface while up restarts
-    /// nothing: discovery only restarts on a passage through down.
+    /// The network is up if `isPrimaryUp` is set and the status has an interface of the primary type. Discovery starts
+    /// and stops at edges only: a change of interface while the network stays up restarts nothing.
     void SetNetworkStatus(const NetManager::Protobuf::NetworkStatus& status) override;
     std::shared_ptr<SsdpDiscoveryProtocolIF> GetSsdpDiscoveryProtocol() override;
     std::shared_ptr<MdnsDiscoveryProtocolIF> GetMdnsDiscoveryProtocol() override;
 
-    /// The first interface of the last status that is of the primary type; empty where there is none. Any thread.
+    /// Returns the first interface of the primary type in the last status, or an empty string. Safe from any thread.
     std::string GetPrimaryInterfaceName();
 
 private:
@@ -59,10 +60,10 @@ private:
     NotifyTargetTaskIF* m_task;
     DiscoveryServiceCliClient m_cliClient;
     std::shared_ptr<DiscoveryServicePorticoClientIF> m_porticoClient;
-    std::shared_ptr<DiscoveryServiceIPCServerIF> m_ipcServer; ///< may be empty
-    std::shared_ptr<SsdpDiscoveryProtocolIF> m_ssdpProtocol;  ///< may be empty
+    std::shared_ptr<DiscoveryServiceIPCServerIF> m_ipcServer; ///< may be null
+    std::shared_ptr<SsdpDiscoveryProtocolIF> m_ssdpProtocol;  ///< may be null
     std::shared_ptr<MdnsDiscoveryProtocolIF> m_mdnsProtocol;
-    CThreadMutex m_mutex; ///< guards m_networkStatus only
+    CThreadMutex m_mutex; ///< guards only m_networkStatus
     std::string m_interfaceName;
     NetManager::Protobuf::NetworkStatus m_networkStatus;
     bool m_networkIsUp = false;

@@ -1,6 +1,6 @@
 #include "service/ServiceEntry.h"
 
-/// The daemon takes no arguments, and ignores those that it gets.
+/// The daemon ignores its arguments.
 int main()
 {
     return SonarixService::RunService();

@@ -10,7 +10,7 @@ class ProductList;
 namespace SonarixService
 {
 
-/// A list for a person's eyes: a line for each product, and their number.
+/// Returns one line per product, then the number of products.
 std::string ProductListText(const Sonarix::ProductList& list);
 
 } // namespace SonarixService

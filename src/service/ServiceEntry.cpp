@@ -19,7 +19,8 @@ namespace
 
 const DPrint s_log("SonarixService");
 
-/// On whichever thread faulted. It allocates and logs all the same: a fault in here kills the process at once.
+/// Runs on the thread that faulted. It allocates and logs although that is not async-signal-safe: SIGSEGV has its
+/// default action from the first line on, so a second fault kills the process at once.
 void HandleSegmentationFault(int /*signal*/)
 {
     std::signal(SIGSEGV, SIG_DFL);
@@ -42,13 +43,13 @@ void LogCrash(const std::function<std::vector<std::string>()>& takeBacktrace)
 
 int RunService()
 {
-    // Outside the try block: an exception leaves the process without a destructor, the controller's above all.
+    // Outside the try block: after an exception the controller's destructor must not run.
     std::shared_ptr<DiscoveryServiceController> controller;
     try
     {
         DPrint::Initialize();
         SystemUtils::ThereCanBeOnlyOne();
-        std::signal(SIGPIPE, SIG_IGN); // a write to a closed socket comes back as an error
+        std::signal(SIGPIPE, SIG_IGN); // a write to a closed socket returns an error instead
         std::signal(SIGSEGV, HandleSegmentationFault);
         controller = std::make_shared<DiscoveryServiceController>();
         controller->Initialize();

@@ -3,7 +3,6 @@
 /// An input is any number of lines.
 #include "interfaces/DiscoveryServicePorticoClientIF.h"
 #include "platform/console/LineAnswerer.h"
-#include "service/DebugCommandTable.h"
 #include "service/DebugCommands.h"
 #include "service/DiscoveryServiceCliClient.h"
 #include "tests/fakes/FakeDiscovery.h"
@@ -44,16 +43,16 @@ std::unique_ptr<Console::LineAnswerer> MakeService()
                                      { s_made = std::make_unique<Console::LineAnswerer>(commands, handler); });
     static std::unique_ptr<DiscoveryServiceCliClient> s_client;
     s_client = std::make_unique<DiscoveryServiceCliClient>(nullptr);
-    for (const DebugCommand& command : DebugCommandTable())
+    for (const DebugCommands::Command& command : DebugCommands::Table())
     {
-        Require(s_client->RegisterCliCmd(command.key, command.command, command.help, command.usage), "twice");
+        Require(s_client->RegisterCliCmd(command.key, command.words, command.help, command.usage), "twice");
     }
     const auto ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
     ssdp->list.add_products();
     ssdp->list.add_products();
     const auto mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
     mdns->answerAtOnce.emplace();
-    const auto commands = std::make_shared<DebugCommands>(DebugCommands::Surroundings{
+    const auto commands = std::make_shared<DebugCommands>(DebugCommands::Context{
         nullptr, ssdp, mdns, std::make_shared<Gateway>(), nullptr, [] { return std::string(); }});
     s_client->Initialize([commands](int cmdKey, const std::list<std::string>& arguments)
                          { return commands->HandleCliCmd(cmdKey, arguments); });

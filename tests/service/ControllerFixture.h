@@ -3,10 +3,10 @@
 #include "Mdns/MdnsDiscoveryProtocol.h"
 #include "aggregator/DiscoveryServiceAggregator.h"
 #include "gateway/DiscoveryServicePorticoClient.h"
-#include "interfaces/DiscoveryServiceIPCServerIF.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
 #include "runtime/engine/Simulation.h"
 #include "service/DiscoveryServiceController.h"
-#include "service/OptionalParts.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
 #include "tests/fakes/FakeAggregator.h"
 #include "tests/fakes/FakeConsole.h"
 #include "tests/fakes/FakeDiscovery.h"
@@ -27,10 +27,10 @@ protected:
         s_fixture = this;
         MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
                                                   { return s_fixture->m_mdns; });
-        OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
-                                              { return s_fixture->m_ssdp; });
-        OptionalParts::SetIPCServerFactoryOverride([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
-                                                   { return std::make_shared<FakeIPCServer>(); });
+        SsdpDiscoveryProtocol::s_factoryOverride.Set([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
+                                                     { return s_fixture->m_ssdp; });
+        DiscoveryServiceIPCServer::s_factoryOverride.Set([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
+                                                         { return std::make_shared<FakeIPCServer>(); });
         DiscoveryServiceAggregator::SetFactoryOverride(
             [](NotifyTargetTaskIF*, const auto&) -> std::shared_ptr<DiscoveryServiceAggregatorIF>
             { return std::make_shared<FakeAggregator>(); });
@@ -44,8 +44,8 @@ protected:
     {
         using namespace SonarixService;
         MdnsDiscoveryProtocol::SetFactoryOverride(nullptr);
-        OptionalParts::SetSsdpFactoryOverride(nullptr);
-        OptionalParts::SetIPCServerFactoryOverride(nullptr);
+        SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
+        DiscoveryServiceIPCServer::s_factoryOverride.Set(nullptr);
         DiscoveryServiceAggregator::SetFactoryOverride(nullptr);
         DiscoveryServicePorticoClient::SetFactoryOverride(nullptr);
     }

@@ -97,7 +97,7 @@ TEST_F(DebugCommandsTest, AllCommandsAreRegisteredInOrderAndAnswered)
     EXPECT_THAT(m_console.Commands().at(12)->usage, HasSubstr("ecosystem= orb2  modelname=wren"));
 
     // Where there is nothing to work on, no key is a fault.
-    const auto alone = std::make_shared<DebugCommands>(DebugCommands::Surroundings{});
+    const auto alone = std::make_shared<DebugCommands>(DebugCommands::Context{});
     for (int key = -1; key < 17; ++key)
     {
         const bool isNone = key < 0 || key == 9 || key > 14;

@@ -1,4 +1,3 @@
-#include "service/OptionalParts.h"
 #include "tests/fakes/FakeGSSDPHandler.h"
 #include "tests/service/ControllerFixture.h"
 #include <ProtoToMarkup.h>
@@ -95,7 +94,7 @@ TEST_F(DiscoveryServiceControllerTest, SsdpRunsFromEdgeToEdgeAndEndsBetweenMdnsA
     m_calls.clear();
     FakeGSSDPHandler handler;
     handler.calls = SharedCalls();
-    OptionalParts::SetSsdpFactoryOverride(nullptr);
+    SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
     m_controller = std::make_shared<DiscoveryServiceController>();
     // The product's own object. It stays: its end would wait for that of its task, which nobody stops.
     static auto& s_kept = *new std::shared_ptr<SsdpDiscoveryProtocolIF>;

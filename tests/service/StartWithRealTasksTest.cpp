@@ -1,8 +1,9 @@
 #include "Mdns/MdnsDiscoveryProtocol.h"
 #include "gateway/DiscoveryServicePorticoClient.h"
+#include "ipc/DiscoveryServiceIPCServer.h"
 #include "runtime/Task.h"
 #include "service/DiscoveryServiceController.h"
-#include "service/OptionalParts.h"
+#include "ssdp/SsdpDiscoveryProtocol.h"
 #include "tests/fakes/FakeDiscovery.h"
 #include "tests/fakes/FakePortico.h"
 #include "tests/support/ForkedRun.h"
@@ -57,9 +58,10 @@ TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
             setenv("SONARIX_RUN_DIR", "/nonexistent", 1);
             MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
                                                       { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
-            OptionalParts::SetSsdpFactoryOverride([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF> { return nullptr; });
-            OptionalParts::SetIPCServerFactoryOverride([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
-                                                       { return nullptr; });
+            SsdpDiscoveryProtocol::s_factoryOverride.Set([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
+                                                         { return nullptr; });
+            DiscoveryServiceIPCServer::s_factoryOverride.Set(
+                [](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF> { return nullptr; });
             DiscoveryServicePorticoClient::SetFactoryOverride(MakeClientAfterAChildWasPosted);
 
             const auto controller = std::make_shared<DiscoveryServiceController>();

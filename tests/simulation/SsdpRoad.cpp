@@ -1,7 +1,6 @@
 #include "tests/simulation/SsdpRoad.h"
 
 #include "runtime/CallbackRegistry.h"
-#include "service/OptionalParts.h"
 #include "ssdp/GSSDPHandlerIF.h"
 #include "ssdp/SsdpDiscoveryProtocol.h"
 #include "tests/fakes/FakeHttp.h"
@@ -205,7 +204,7 @@ World::SsdpRoad::SsdpRoad(World& world)
     SonarixService::GSSDPHandlerFactory::SetOverride(this);
     static SsdpRoad* s_road = nullptr; // the factory is a plain function
     s_road = this;
-    SonarixService::OptionalParts::SetSsdpFactoryOverride(
+    SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(
         []() -> std::shared_ptr<SonarixService::SsdpDiscoveryProtocolIF>
         {
             return std::make_shared<SonarixService::SsdpDiscoveryProtocol>(
@@ -216,7 +215,7 @@ World::SsdpRoad::SsdpRoad(World& world)
 World::SsdpRoad::~SsdpRoad()
 {
     SonarixService::GSSDPHandlerFactory::SetOverride(nullptr);
-    SonarixService::OptionalParts::SetSsdpFactoryOverride(nullptr);
+    SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
 }
 
 std::shared_ptr<Handler> World::SsdpRoad::Create(const std::string& iface)

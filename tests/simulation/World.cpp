@@ -1,10 +1,10 @@
 #include "tests/simulation/World.h"
 
+#include "ipc/DiscoveryServiceIPCServer.h"
 #include "runtime/DPrint.h"
 #include "runtime/MonotonicClock.h"
 #include "schemas/Sonarix.pb.h"
 #include "service/DiscoveryServiceController.h"
-#include "service/OptionalParts.h"
 #include "tests/simulation/SsdpRoad.h"
 #include <ProtoToMarkup.h>
 
@@ -86,7 +86,7 @@ World::World(std::uint64_t seed, bool isAccessory, Milliseconds checkPeriod)
     mdns.SetScript({[this](const MDNS::ServiceId& id, const FakeMdns::Script::Answer& answer)
                     { Resolving(id, answer); },
                     [this](const MDNS::ServiceId& id) { m_model.Removed(id); }});
-    SonarixService::OptionalParts::SetIPCServerFactoryOverride( // there are no sockets in simulated time
+    SonarixService::DiscoveryServiceIPCServer::s_factoryOverride.Set( // there are no sockets in simulated time
         [](const auto&) { return std::shared_ptr<SonarixService::DiscoveryServiceIPCServerIF>(); });
 }
 
