@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""sonarix-console against a service that says what a test wants, from a terminal, a pipe and a command line.
+"""sonarix-console with a scripted service: on a terminal, with a pipe, and with commands as arguments.
 Usage: ConsoleProgramTest.py BIN_DIR
 """
 import json
@@ -23,7 +23,7 @@ COMMANDS = [{"command": "lamp on", "help": "Lights it", "usage": "lamp on [room=
 
 
 class Service(LocalService):
-    """Echoes commands; "wrong" is an error, "silent" gets no answer, "gone" ends the connection."""
+    """Echoes commands. "wrong" gets an error, "silent" no response; "gone" closes the connection."""
 
     def say(self, line):
         self.send((line if isinstance(line, bytes) else json.dumps(line).encode()) + b"\n")
@@ -69,6 +69,8 @@ class CommandLine(Case):
         self.assertEqual((result.returncode, result.stdout, result.stderr), (1, "", "said wrong\n"))
         result = self.run_program("--json", "wrong")
         self.assertEqual((result.returncode, json.loads(result.stdout)), (1, {"ok": False, "response": "said wrong"}))
+        result = self.run_program("--", "--json")
+        self.assertEqual((result.returncode, result.stdout), (0, "said --json\n"))
         result = self.run_program("gone")
         self.assertEqual((result.returncode, result.stdout), (3, ""))
         self.assertIn("went before it answered", result.stderr)
@@ -79,9 +81,12 @@ class CommandLine(Case):
         self.assertEqual((result.returncode, result.stdout), (3, ""))
         self.assertIn(f"no service at {self.service.path}", result.stderr)
         self.assertEqual(self.run_program("--jsn").returncode, 2)
-        self.assertRegex(self.run_program("--version").stdout, r"^sonarix-console \d")
+        self.assertEqual(self.run_program("--js").stderr, "sonarix-console: unknown option --js (see sonarix-console --help)\n")
+        for option in ("--version", "-V"):
+            self.assertRegex(self.run_program(option).stdout, r"^sonarix-console \d")
         usage = self.run_program("--help").stdout
-        for line in usage.splitlines():  # an example of each command
+        self.assertEqual(self.run_program("-h").stdout, usage)
+        for line in usage.splitlines():  # the help has an example of each command
             if line.startswith("  sonarix "):
                 self.assertIn(" ".join(line.split()[:3]), usage.partition("Examples:")[2])
         with open("/dev/full", "w", encoding="utf-8") as full:
@@ -98,7 +103,7 @@ class CommandLine(Case):
         self.assertEqual(result.stdout, "lamp on   Lights it\nlamp off  Puts it out\n"
                                         "list: Lists them\nUsage: list\nno command begins so\n")
 
-    def test_hostile_texts_do_not_reach_the_terminal(self):
+    def test_control_characters_do_not_reach_the_terminal(self):
         process = subprocess.Popen([PROGRAM, "silent"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                    env={**os.environ, **self.environment})
         self.service.expect({"command": "silent"})
@@ -109,8 +114,8 @@ class CommandLine(Case):
         self.assertEqual((process.returncode, out, err), (0, b"a?]0;x?b?c?text\n", b"?[2Jby itself\n"))
 
 
-class AtATerminal(Case):
-    def test_answers_history_and_the_end(self):
+class OnATerminal(Case):
+    def test_responses_history_and_end(self):
         terminal = self.terminal()
         self.assertEqual(terminal.lines()[0], '"help" lists the commands, Tab completes them, Ctrl-D ends.')
         terminal.type("list")
@@ -165,7 +170,7 @@ class AtATerminal(Case):
         terminal.type("")
         terminal.wait_for("list: Lists them", "Usage: list", ">")
 
-    def test_what_comes_by_itself_spoils_no_line(self):
+    def test_async_text_keeps_the_edited_line(self):
         terminal = self.terminal(columns=40)
         terminal.type("short", None)
         terminal.wait_for("> short")
@@ -188,7 +193,7 @@ class AtATerminal(Case):
         os.kill(terminal.process.pid, signal.SIGTERM)
         self.assertEqual(terminal.end(), 0)
 
-    def test_service_that_goes_and_returns(self):
+    def test_reconnects_after_a_restart_of_the_service(self):
         terminal = self.terminal()
         self.service.close()
         terminal.wait_for("sonarix-console: the service has gone; the next command looks for it again", ">")

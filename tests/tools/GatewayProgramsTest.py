@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""portico, network-status and hub-service with the real gateway, in a network namespace of this test's own.
+"""portico, network-status and hub-service with the real gateway, in a network namespace of this test.
 
 Usage: GatewayProgramsTest.py FOLDER_OF_PROGRAMS
 """
@@ -31,7 +31,7 @@ def portico(*words, **options):
 
 
 class Program:
-    """A program that runs on; its lines of standard output can be taken."""
+    """A running program with queues of its output lines."""
 
     def __init__(self, name, *words):
         self.process = subprocess.Popen([f"{BIN}/{name}", *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -51,7 +51,7 @@ class Program:
         return lines
 
     def take(self, matches=lambda record: True):
-        """The next JSON line for which `matches` holds."""
+        """Returns the next JSON line for which `matches` is true."""
         end = time.monotonic() + LIMIT
         while True:
             record = json.loads(self.out.get(timeout=max(0.01, end - time.monotonic())))
@@ -81,12 +81,12 @@ class GatewayPrograms(unittest.TestCase):
         self.assertEqual(result.returncode, status, [name, *words])
         self.assertIn(said, result.stdout if status == 0 else result.stderr)
 
-    def test_exit_status_says_what_happened(self):
+    def test_options_and_exit_status(self):
         for name in ("portico", "network-status", "hub-service", "portico-gateway"):
-            for option in ("--help", "--version"):
+            for option in ("--help", "-h", "--version", "-V"):
                 self.check(0, name, name, option)
             self.check(2, "", name, "--nonsense")
-        for words in (["--port"], ["--port", "x"], ["--port", "65536"], ["--port", ""], ["extra"]):
+        for words in (["--port"], ["--port", "x"], ["--port=65536"], ["--port", ""], ["extra"], ["--", "--port"]):
             self.check(2, "", "portico-gateway", *words)
         for words, said in (
                 ([], "no command"), (["fetch", "/a"], "unknown command fetch"), (["get", "a"], "needs a path"),
@@ -106,12 +106,12 @@ class GatewayPrograms(unittest.TestCase):
         self.check(1, "Address already in use", "portico-gateway", "--port", "0")
         self.check(1, "/nowhere/ca.pem", "portico-gateway", "--port", "0", "--lan-port", "0", "--tls-dir", "/nowhere")
 
-    def test_what_the_gateway_does_not_take_ends_in_its_words(self):
+    def test_refused_requests_end_with_the_gateways_error(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         peers, body = folder.name + "/peers", folder.name + "/body"
         with open(peers, "w", encoding="ascii") as file:
-            file.write("other localhost\n")  # our own LAN port
+            file.write("other localhost\n")  # the LAN port of this gateway
         with open(body, "w", encoding="ascii") as file:
             json.dump("x" * (4 << 20), file)
         self.start_gateway("--peers", peers)
@@ -127,14 +127,14 @@ class GatewayPrograms(unittest.TestCase):
         self.assertEqual(status, 1)
 
     def make_link(self, *address):
-        """eth0 with a cable, and its far end."""
+        """Creates eth0 and the other end of its cable, far0."""
         ip("link", "add", "name", "eth0", "type", "veth", "peer", "name", "far0")
         self.addCleanup(ip, "link", "del", "eth0")
         for link in ("eth0", "far0"):
             ip("link", "set", link, "up")
         ip("address", "add", *address, "dev", "eth0")
 
-    def test_network_status_follows_the_kernel_and_outlives_the_gateway(self):
+    def test_network_status_follows_kernel_and_gateway_restart(self):
         gateway = self.start_gateway()
         watch = self.start("portico", "watch", "/network/status")
         self.start("network-status", "--primary", "eth0", "--wifi-bands", "2.4,5")
@@ -146,7 +146,7 @@ class GatewayPrograms(unittest.TestCase):
                                                              "broadcastAddress": "10.99.0.255"})
         self.check(0, "WIFI_RADIO_BAND_5GHZ", "portico", "get", "/network/wifi/stationUsage")
 
-        ip("link", "set", "far0", "down")  # as a cable that is pulled
+        ip("link", "set", "far0", "down")  # like a pulled cable
         down = watch.take(lambda record: not record["isPrimaryUp"])
         self.assertNotIn("primaryIpAddress", down)
 
@@ -158,12 +158,12 @@ class GatewayPrograms(unittest.TestCase):
         watch.take(lambda record: not record["isPrimaryUp"])
 
         gateway.kill()
-        ip("link", "set", "far0", "up")  # while nobody can be told
+        ip("link", "set", "far0", "up")  # while there is no gateway
         self.start_gateway()
         watch.take(lambda record: record["isPrimaryUp"])
         self.assertIn("the gateway went", watch.err.get(timeout=LIMIT))
 
-    def test_hub_service_says_so_and_waits(self):
+    def test_hub_service_logs_failures_and_retries(self):
         gateway = self.start_gateway()
         self.make_link("10.99.0.1/24")
         self.start("network-status", "--primary", "eth0")

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The clients of the local sockets against a service that answers as a test wants; and docs/ipc-protocol.md, whose
-bytes are those that the example client sends and understands. Usage: IpcProgramTest.py BIN_DIR
+"""The clients of the local sockets with a scripted service. The bytes in docs/ipc-protocol.md are compared with those
+that the example client sends and parses. Usage: IpcProgramTest.py BIN_DIR
 """
 import json
 import os
@@ -39,7 +39,7 @@ def error(text):
 
 
 class Service(LocalService):
-    """`answers` gives for each identifier what to say: a payload, "reject", or nothing at all; `asked` holds
+    """`answers` has the response for each identifier: a payload, "reject", or none. `asked` has the received
     identifiers."""
 
     def __init__(self, folder, name, answers):
@@ -90,7 +90,7 @@ class Case(unittest.TestCase):
 
 
 class Commands(Case):
-    def test_what_the_service_answers_and_does_not(self):
+    def test_exit_status_of_each_response(self):
         failed = "Request Failed!"
         for words, answers, status in (
                 (("list", "mdns", CLOCK), {"_2": error(failed)}, 1),
@@ -113,8 +113,8 @@ class Commands(Case):
         self.assertEqual(self.run_client("--version").returncode, 0)
 
 
-class Staying(Case):
-    def test_watch_mdns_asks_and_outlives_the_service(self):
+class ContinuousCommands(Case):
+    def test_watch_mdns_polls_and_survives_a_restart(self):
         mdns = self.serve(_2=devices(device("Bath"), device("Hall")))
         watch = self.start_client("watch", "mdns", CLOCK, "--every", "0.1")
         told = lambda: watch.stdout.readline().split()[1:]  # noqa: E731
@@ -124,7 +124,7 @@ class Staying(Case):
         mdns.close()
         self.assertIn("the service went", watch.stderr.readline())
         mdns.asked.queue.clear()
-        mdns.answers[2] = devices()  # it has just started, and knows nobody yet
+        mdns.answers[2] = devices()  # a restarted service has not found any device yet
         mdns.open()
         self.assertIn("is back", watch.stderr.readline())
         for _ in range(3):
@@ -133,7 +133,7 @@ class Staying(Case):
         self.assertEqual(told(), ["~", "Bath", "softwareversion", "2", "->", "3"])
         self.assertEqual(mdns.kinds_asked, {2})
 
-    def test_watch_ssdp_leaves_out_the_repeats(self):
+    def test_watch_ssdp_skips_repeated_reports(self):
         ssdp = self.serve("SonarixSsdpService", _2=devices(device("Bath", "g-1")))
         watch = self.start_client("watch", "ssdp", "--json")
         self.assertEqual(json.loads(watch.stdout.readline())["change"], "appeared")
@@ -148,7 +148,7 @@ class Staying(Case):
         ssdp.tell(1, device("Flur", "g-2"))
         self.assertEqual(watch.wait(SECONDS), 0)
 
-    def test_a_second_signal_does_not_wait(self):
+    def test_second_signal_ends_at_once(self):
         mdns = self.serve(_3=VOID)
         held = self.start_client("add", CLOCK, "Hall", "9000")
         held.stdout.readline()
@@ -160,7 +160,7 @@ class Staying(Case):
 
 class Example(Case):
     def test_the_document(self):
-        """Its blocks of bytes are what the example sends, and what it takes for an answer."""
+        """The example client sends and parses the bytes of the document."""
         with open(os.path.join(ROOT, "docs/ipc-protocol.md"), encoding="utf-8") as file:
             example = file.read().split("\n## An example\n")[1]
         blocks = [bytes.fromhex("".join(re.findall(r"^ {4,}((?:[0-9a-f]{2} )*[0-9a-f]{2})(?:  |$)", block, re.M)))

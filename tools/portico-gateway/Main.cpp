@@ -2,88 +2,59 @@
 
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "tools/clients/options/Options.h"
 #include <MfgData.h>
 
-#include <charconv>
 #include <csignal>
-#include <cstring>
 #include <future>
 #include <iostream>
 #include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include <sys/resource.h>
 
 namespace
 {
 
-/// The guid of a unit without manufacturing data, such as a development machine.
+/// Guid of a unit without manufacturing data, for example a development machine.
 constexpr const char* kNoGuid = "guid.is.not.set.perhaps.x86";
 
 constexpr const char* kHelp =
     "Usage: portico-gateway [--port PORT] [--lan-port PORT] [--tls-dir DIR] [--peers FILE]\n"
     "The product's local API gateway: JSON-RPC 2.0 over WebSocket.\n"
     "\n"
-    "  --port PORT      port on this machine, 8084 if not given; 0 takes any free one\n"
-    "  --lan-port PORT  port for other products, 8090 if not given; 0 takes any free one\n"
-    "  --tls-dir DIR    ca.pem, cert.pem and key.pem, for connections with TLS\n"
-    "  --peers FILE     where products are, lines 'guid host[:port]', asked before the product table\n"
-    "  --help, --version\n"
+    "  --port PORT      port for this machine, default 8084; 0: any free port\n"
+    "  --lan-port PORT  port for other products, default 8090; 0: any free port\n"
+    "  --tls-dir DIR    folder of ca.pem, cert.pem and key.pem, enables TLS\n"
+    "  --peers FILE     addresses of products, lines 'guid host[:port]'; they take precedence over the product table\n"
+    "  -h, --help, -V, --version\n"
     "\n"
     "The own guid is that of the manufacturing data (SONARIX_MFG_DATA). SONARIX_LOG sets the log levels.\n";
 
-struct Arguments
+/// Returns the reason if an option is invalid, else an empty string.
+std::string ReadSettings(const Options& options, Gateway::Settings& settings)
 {
-    Gateway::Settings settings;
-    bool isHelp = false;
-    bool isVersion = false;
-    std::string error;
-};
-
-bool ReadPort(const std::string& text, std::uint16_t& port)
-{
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-    return error == std::errc() && end == text.data() + text.size() && !text.empty();
-}
-
-Arguments ReadArguments(const std::vector<std::string>& words)
-{
-    Arguments arguments;
-    for (std::size_t i = 0; i < words.size() && arguments.error.empty(); ++i)
+    if (!options.Words().empty())
     {
-        const std::string& word = words[i];
-        arguments.isHelp = arguments.isHelp || word == "--help";
-        arguments.isVersion = arguments.isVersion || word == "--version";
-        if (word == "--help" || word == "--version")
-        {
-            continue;
-        }
-        const bool isKnown = word == "--port" || word == "--lan-port" || word == "--tls-dir" || word == "--peers";
-        if (!isKnown || i + 1 == words.size())
-        {
-            arguments.error = isKnown ? word + " needs a value" : "unknown argument: " + word;
-            break;
-        }
-        const std::string& value = words[++i];
-        Gateway::Settings& settings = arguments.settings;
-        if (word == "--tls-dir")
-        {
-            settings.tlsDir = value;
-        }
-        else if (word == "--peers")
-        {
-            settings.peersFile = value;
-        }
-        else if (!ReadPort(value, word == "--port" ? settings.port : settings.lanPort))
-        {
-            arguments.error = word + " takes a number from 0 to 65535, not " + value;
-        }
+        return "unknown argument: " + options.Words().front();
     }
-    return arguments;
+    for (const auto& [name, port] : {std::pair("port", &settings.port), std::pair("lan-port", &settings.lanPort)})
+    {
+        const std::string text = options.Get(name, std::to_string(*port));
+        const auto value = Options::ParsePort(text, 0);
+        if (!value)
+        {
+            return std::string("--") + name + " takes a number from 0 to 65535, not " + text;
+        }
+        *port = *value;
+    }
+    settings.tlsDir = options.Get("tls-dir", "");
+    settings.peersFile = options.Get("peers", "");
+    return {};
 }
 
-/// Each connection is a descriptor, and one opened with a guid may be two.
+/// Raises the soft limit to the hard one: each connection needs one descriptor, one opened with a guid up to two.
 void RaiseDescriptorLimit()
 {
     rlimit limit{};
@@ -98,7 +69,7 @@ int Run(const Gateway::Settings& settings)
 {
     NotifyTargetTaskIF* const task = IL::CreateTask("PorticoGateway", "");
     std::unique_ptr<Gateway::GatewayProgram> gateway;
-    std::promise<std::string> started; // empty: well
+    std::promise<std::string> started; // empty: success
     IL::BreakThread(
         [&]
         {
@@ -111,7 +82,7 @@ int Run(const Gateway::Settings& settings)
     if (!error.empty())
     {
         std::cerr << "portico-gateway: " << error << std::endl;
-        std::_Exit(1); // the task still runs, and has nothing to save
+        std::_Exit(1); // without destructors: the task still runs
     }
     IL::JoinTask(task);
     return 0;
@@ -121,20 +92,19 @@ int Run(const Gateway::Settings& settings)
 
 int main(int argc, char** argv)
 {
-    Arguments arguments = ReadArguments({argv + 1, argv + argc});
-    if (!arguments.error.empty())
+    Options options({"port", "lan-port", "tls-dir", "peers"});
+    if (const auto status = options.ParseOrAnswer(argc, argv, "portico-gateway", kHelp, SONARIX_VERSION))
     {
-        std::cerr << "portico-gateway: " << arguments.error << "\n" << kHelp;
-        return 2;
+        return *status;
     }
-    if (arguments.isHelp || arguments.isVersion)
+    Gateway::Settings settings;
+    if (const std::string error = ReadSettings(options, settings); !error.empty())
     {
-        std::cout << (arguments.isHelp ? kHelp : "portico-gateway " SONARIX_VERSION "\n");
-        return 0;
+        return UsageError("portico-gateway", error);
     }
     DPrint::Initialize();
     signal(SIGPIPE, SIG_IGN);
     RaiseDescriptorLimit();
-    arguments.settings.ownGuid = MfgData::Get("guid").value_or(kNoGuid);
-    return Run(arguments.settings);
+    settings.ownGuid = MfgData::Get("guid").value_or(kNoGuid);
+    return Run(settings);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,12 +16,12 @@ LocalSocket::LocalSocket(std::string path)
 
 LocalSocket::~LocalSocket()
 {
-    Shut();
+    Close();
 }
 
 bool LocalSocket::Open()
 {
-    Shut();
+    Close();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (m_path.size() >= sizeof(address.sun_path))
@@ -35,12 +36,12 @@ bool LocalSocket::Open()
         return true;
     }
     const int error = errno;
-    Shut();
+    Close();
     errno = error;
     return false;
 }
 
-void LocalSocket::Shut()
+void LocalSocket::Close()
 {
     if (m_descriptor >= 0)
     {
@@ -72,4 +73,37 @@ bool LocalSocket::Receive(std::string& bytes)
     } while (count < 0 && errno == EINTR);
     bytes.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return count > 0;
+}
+
+LocalSocket::Event LocalSocket::Wait(std::string& bytes, int other, std::optional<Clock::time_point> until)
+{
+    using std::chrono::milliseconds;
+    for (;;)
+    {
+        int limit = -1;
+        if (until)
+        {
+            const auto rest = std::chrono::ceil<milliseconds>(*until - Clock::now());
+            limit = static_cast<int>(std::clamp(rest, milliseconds(0), milliseconds(std::chrono::hours(24))).count());
+        }
+        std::array<pollfd, 2> waiting = {{{other, POLLIN, 0}, {m_descriptor, POLLIN, 0}}};
+        const int ready = poll(waiting.data(), waiting.size(), limit);
+        if (ready > 0 && waiting[0].revents != 0)
+        {
+            return Event::OTHER;
+        }
+        if (ready > 0 && waiting[1].revents != 0)
+        {
+            if (Receive(bytes))
+            {
+                return Event::RECEIVED;
+            }
+            Close();
+            return Event::CLOSED;
+        }
+        if (ready == 0 && until && Clock::now() >= *until)
+        {
+            return Event::TIMEOUT;
+        }
+    }
 }

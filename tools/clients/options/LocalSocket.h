@@ -1,25 +1,37 @@
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 
-/// A client's end of a Unix stream socket. For one thread, which it blocks.
+/// The client's end of a Unix stream socket. For a single-threaded program: operations block.
 class LocalSocket final
 {
 public:
+    using Clock = std::chrono::steady_clock;
+
+    enum class Event
+    {
+        RECEIVED, ///< bytes, or what the caller makes of them: a whole message
+        CLOSED,   ///< the peer has closed the connection; the socket is closed now
+        OTHER,    ///< the other descriptor is readable
+        TIMEOUT,
+    };
+
     explicit LocalSocket(std::string path);
     ~LocalSocket();
     LocalSocket(const LocalSocket&) = delete;
     LocalSocket& operator=(const LocalSocket&) = delete;
 
-    /// False, with errno, where nobody listens. What was open is shut before.
+    /// Closes an open connection first. Returns false, with errno, if no process listens.
     [[nodiscard]] bool Open();
-    void Shut();
+    void Close();
     bool IsOpen() const
     {
         return m_descriptor >= 0;
     }
-    int Descriptor() const ///< -1 where it is shut
+    int Descriptor() const ///< -1 while closed
     {
         return m_descriptor;
     }
@@ -28,10 +40,13 @@ public:
         return m_path;
     }
 
-    /// A failure is seen by a later Receive, after what is there.
+    /// After a failure, the received bytes are still returned, then Receive() fails.
     void Send(std::string_view bytes);
-    /// Appends what is there, at least a byte. False at the end of what the peer sends.
+    /// Waits for at least one byte and appends what has arrived. Returns false at the end of the stream.
     [[nodiscard]] bool Receive(std::string& bytes);
+    /// Waits for bytes, which are appended to `bytes`, for the descriptor `other` (-1: none), or until `until`
+    /// (nothing: without limit). `other` takes precedence. While closed, waits for the other two.
+    Event Wait(std::string& bytes, int other, std::optional<Clock::time_point> until);
 
 private:
     const std::string m_path;

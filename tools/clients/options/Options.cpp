@@ -1,7 +1,8 @@
 #include "tools/clients/options/Options.h"
 
-#include <algorithm>
 #include <charconv>
+#include <getopt.h>
+#include <iostream>
 #include <utility>
 
 Options::Options(std::vector<std::string> valued, std::vector<std::string> flags)
@@ -12,61 +13,73 @@ Options::Options(std::vector<std::string> valued, std::vector<std::string> flags
 
 bool Options::Parse(int argc, const char* const* argv)
 {
-    for (int index = 1; index < argc; ++index)
+    std::vector<option> known = {{"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}};
+    for (const std::string& name : m_valued)
     {
-        const std::string text = argv[index];
-        if (text.size() < 3 || text.compare(0, 2, "--") != 0) // "-" alone is a word: standard input
+        known.push_back({name.c_str(), required_argument, nullptr, 0});
+    }
+    for (const std::string& name : m_flags)
+    {
+        known.push_back({name.c_str(), no_argument, nullptr, 0});
+    }
+    known.push_back({});
+    std::vector<char*> arguments;
+    for (int at = 0; at < argc; ++at)
+    {
+        arguments.push_back(const_cast<char*>(argv[at])); // getopt_long writes only to its copy of the pointers
+    }
+    arguments.push_back(nullptr);
+    opterr = 0;
+    for (int next = 1;; next = optind)
+    {
+        optind = next == 1 ? 0 : next; // 0 restarts getopt_long
+        const std::string element = next < argc ? argv[next] : "";
+        int index = -1;
+        // '-': words are returned in order, as 1. ':': a missing value is told from an unknown option.
+        const int found = getopt_long(argc, arguments.data(), "-:hV", known.data(), &index);
+        const bool isLong = element.starts_with("--");
+        const std::string name = isLong ? element.substr(2, element.find('=') - 2) : "";
+        if (found == -1)
         {
-            if (text.size() > 1 && text[0] == '-')
-            {
-                m_error = "unknown option " + text;
-                return false;
-            }
-            m_words.push_back(text);
-            continue;
+            break;
         }
-        bool usedNext = false;
-        if (!TakeOption(text.substr(2), index + 1 < argc ? argv[index + 1] : nullptr, usedNext))
+        if (found == 1)
         {
+            m_words.emplace_back(optarg);
+        }
+        else if (found == ':')
+        {
+            m_error = element + " needs a value";
             return false;
         }
-        index += usedNext ? 1 : 0;
+        else if (found == '?' || (isLong && name != known[static_cast<std::size_t>(index)].name))
+        {
+            const bool isFlag = found == '?' && isLong && optopt != 0;
+            m_error = isFlag ? "--" + name + " takes no value" : "unknown option " + (isLong ? "--" + name : element);
+            return false;
+        }
+        else
+        {
+            m_values[isLong ? name : found == 'h' ? "help" : "version"] = optarg != nullptr ? optarg : "";
+        }
     }
+    m_words.insert(m_words.end(), argv + optind, argv + argc);
     return true;
 }
 
-bool Options::TakeOption(const std::string& text, const char* next, bool& usedNext)
+std::optional<int> Options::ParseOrAnswer(int argc, const char* const* argv, const std::string& program,
+                                          const std::string& help, const std::string& version)
 {
-    if (text == "help" || text == "version")
+    if (!Parse(argc, argv))
     {
-        (text == "help" ? m_help : m_version) = true;
-        return true;
+        return UsageError(program, m_error);
     }
-    if (std::find(m_flags.begin(), m_flags.end(), text) != m_flags.end())
+    if (WantsHelp() || WantsVersion())
     {
-        m_values[text];
-        return true;
+        std::cout << (WantsHelp() ? help : program + ' ' + version + '\n');
+        return FlushOutput(program, 0);
     }
-    const std::size_t equals = text.find('=');
-    const std::string name = text.substr(0, equals);
-    if (std::find(m_valued.begin(), m_valued.end(), name) == m_valued.end())
-    {
-        m_error = "unknown option --" + name;
-        return false;
-    }
-    if (equals != std::string::npos)
-    {
-        m_values[name] = text.substr(equals + 1);
-        return true;
-    }
-    if (next == nullptr)
-    {
-        m_error = "--" + name + " needs a value";
-        return false;
-    }
-    usedNext = true;
-    m_values[name] = next;
-    return true;
+    return std::nullopt;
 }
 
 std::optional<std::string> Options::Get(const std::string& name) const
@@ -80,13 +93,26 @@ std::string Options::Get(const std::string& name, const std::string& fallback) c
     return Get(name).value_or(fallback);
 }
 
-std::optional<std::uint16_t> Options::ParsePort(const std::string& text)
+std::optional<std::uint16_t> Options::ParsePort(const std::string& text, std::uint16_t least)
 {
     std::uint16_t port = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-    if (error != std::errc() || end != text.data() + text.size() || port == 0)
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    return isNumber && port >= least ? std::make_optional(port) : std::nullopt;
+}
+
+int UsageError(const std::string& program, const std::string& reason)
+{
+    std::cerr << program << ": " << reason << " (see " << program << " --help)\n";
+    return 2;
+}
+
+int FlushOutput(const std::string& program, int status)
+{
+    if (std::cout.flush())
     {
-        return std::nullopt;
+        return status;
     }
-    return port;
+    std::cerr << program << ": standard output cannot be written\n";
+    return 1;
 }

@@ -2,5 +2,6 @@
 
 #include <string>
 
-/// Text from the LAN without what a terminal would obey: a line's end is a "?" too. Stateless.
+/// Makes a text from the LAN safe for a terminal: control characters, also line ends, become "?". Invalid UTF-8
+/// becomes U+FFFD. Stateless.
 std::string Printable(const std::string& text);

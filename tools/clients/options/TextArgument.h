@@ -2,6 +2,6 @@
 
 #include <string>
 
-/// The text that a word of a command line stands for: itself, or what `@FILE` or `-` (standard input) hold. False,
-/// with the reason in `error`, where that cannot be read. Blocks.
+/// Resolves an argument to a text: `@FILE` is the content of a file, `-` is standard input, anything else is the text
+/// itself. Returns false, with the reason in `error`, if it cannot be read. Blocks.
 [[nodiscard]] bool ReadTextArgument(const std::string& word, std::string& text, std::string& error);

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-/// What the person asked for. A value.
+/// The parsed command line. A value.
 struct Command
 {
     std::string host;
@@ -15,8 +15,8 @@ struct Command
     bool isWatch = false;
     Portico::Verb verb = Portico::Verb::GET;
     std::string path;
-    std::string body; ///< JSON text; "{}" where a verb that takes one got none
+    std::string body; ///< JSON text; "{}" if the verb takes a body and none is given
 };
 
-/// False, with the reason in `error`: a usage error. Reads the body from where it says (`@FILE`, `-`).
+/// Returns false, with the reason in `error`, for a usage error. Reads the body from a file or standard input.
 [[nodiscard]] bool ReadCommand(const Options& options, Command& command, std::string& error);

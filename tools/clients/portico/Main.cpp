@@ -1,7 +1,7 @@
-// A person's client of the product's local API gateway.
+// Command-line client of the product's local API gateway.
 #include "runtime/DPrint.h"
 #include "tools/clients/portico/Command.h"
-#include "tools/clients/portico/Conversation.h"
+#include "tools/clients/portico/RunCommand.h"
 
 #include <csignal>
 #include <iostream>
@@ -11,21 +11,21 @@ namespace
 {
 
 constexpr const char* kHelp = R"(Usage: portico [OPTION]... COMMAND
-Talk to the product's local API gateway.
+Send requests to the product's local API gateway.
 
-  get PATH             print what the path answers, as indented JSON
+  get PATH             print the response, as indented JSON
   post PATH [BODY]     send a body: JSON, @FILE, or - for standard input
   put PATH [BODY]      likewise
   delete PATH [BODY]   likewise
-  watch PATH           print what the path notifies, one JSON a line, until Ctrl-C
+  watch PATH           print each notification, one JSON per line, until Ctrl-C
 
-  --guid GUID          talk to another product
+  --guid GUID          send to another product
   --host HOST          default localhost
   --port PORT          default 8084
-  --help, --version
+  -h, --help, -V, --version
 
-Exit status: 0 answered, 1 an error was answered or the answer could not be
-written, 2 usage, 3 no gateway.
+Exit status: 0 done, 1 the response is an error or standard output cannot be
+written, 2 usage error, 3 no gateway.
 
 Examples:
   portico get /sonarix/products
@@ -36,27 +36,19 @@ Examples:
 int Run(int argc, char** argv)
 {
     Options options({"guid", "host", "port"});
-    const bool isParsed = options.Parse(argc, argv);
-    if (isParsed && options.WantsHelp())
+    if (const auto status = options.ParseOrAnswer(argc, argv, "portico", kHelp, SONARIX_VERSION))
     {
-        std::cout << kHelp;
-        return EXIT_ANSWERED;
-    }
-    if (isParsed && options.WantsVersion())
-    {
-        std::cout << "portico " << SONARIX_VERSION << "\n";
-        return EXIT_ANSWERED;
+        return *status;
     }
     Command command;
-    std::string error = options.Error();
-    if (!isParsed || !ReadCommand(options, command, error))
+    std::string error;
+    if (!ReadCommand(options, command, error))
     {
-        std::cerr << "portico: " << error << " (portico --help tells more)\n";
-        return EXIT_USAGE;
+        return UsageError("portico", error);
     }
     DPrint::Initialize();
-    DPrint::SetLevels("0"); // what a person needs to know is told by the program itself
-    return Converse(command);
+    DPrint::SetLevels("0"); // the program prints errors itself
+    return RunCommand(command);
 }
 
 } // namespace
@@ -64,11 +56,6 @@ int Run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    int status = Run(argc, argv);
-    if (!std::cout.flush())
-    {
-        std::cerr << "portico: standard output cannot be written\n";
-        status = EXIT_ERROR_ANSWER;
-    }
-    _exit(status); // the library's I/O task never stops; statics are not to go under its feet
+    _exit(
+        FlushOutput("portico", Run(argc, argv))); // the I/O task of the library still runs: no static may be destroyed
 }

@@ -24,7 +24,7 @@ Words Split(const std::string& text)
     return {std::istream_iterator<std::string>(stream), {}};
 }
 
-/// "key=" of each `key=value` in the usage, but for those that stand in `words`.
+/// Returns "key=" for each `key=value` in the usage text whose key is not in `words` yet.
 std::set<std::string> KeysOf(const std::string& usage, const Words& words)
 {
     std::set<std::string> keys;
@@ -44,10 +44,10 @@ std::set<std::string> KeysOf(const std::string& usage, const Words& words)
     return keys;
 }
 
-std::set<std::string> NextWords(const std::vector<Wire::Command>& commands, const Words& typed)
+std::set<std::string> NextWords(const std::vector<ConsoleMessages::Command>& commands, const Words& typed)
 {
     std::set<std::string> next;
-    for (const Wire::Command& command : commands)
+    for (const ConsoleMessages::Command& command : commands)
     {
         const Words words = Split(Lower(command.words));
         const std::size_t common = std::min(words.size(), typed.size());
@@ -70,7 +70,7 @@ std::set<std::string> NextWords(const std::vector<Wire::Command>& commands, cons
 
 } // namespace
 
-Completion Completion::Of(const std::vector<Wire::Command>& commands, const std::string& before)
+Completion Completion::Of(const std::vector<ConsoleMessages::Command>& commands, const std::string& before)
 {
     const std::size_t blank = before.find_last_of(" \t");
     const std::string begun = Lower(blank == std::string::npos ? before : before.substr(blank + 1));
@@ -98,7 +98,7 @@ Completion Completion::Of(const std::vector<Wire::Command>& commands, const std:
     {
         return completion;
     }
-    const std::string& first = completion.offered.front(); // sorted: what these two share, all share
+    const std::string& first = completion.offered.front(); // sorted, so the common prefix of these two is that of all
     const std::string& last = completion.offered.back();
     const auto end = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
     completion.addition = std::string(first.begin() + static_cast<std::ptrdiff_t>(begun.size()), end);

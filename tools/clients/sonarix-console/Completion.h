@@ -1,17 +1,17 @@
 #pragma once
 
-#include "tools/clients/sonarix-console/Wire.h"
+#include "tools/clients/sonarix-console/ConsoleMessages.h"
 
 #include <string>
 #include <vector>
 
-/// What Tab offers. Stateless.
+/// The completion that Tab offers. A value.
 struct Completion
 {
-    std::string addition; ///< what all candidates have in common behind the cursor, a blank after the only one
-    std::vector<std::string> offered; ///< to be shown where there is nothing to add
+    std::string addition; ///< text to insert: the common rest of all candidates, and a blank after a single one
+    std::vector<std::string> offered; ///< the candidates, shown if there is nothing to insert
 
-    /// `before`: the line up to the cursor. Offers the next word of the commands, and behind a whole one the keys that
-    /// its usage names.
-    static Completion Of(const std::vector<Wire::Command>& commands, const std::string& before);
+    /// `before` is the line up to the cursor. Offers the next word of each command; after a whole command, the keys in
+    /// its usage text.
+    static Completion Of(const std::vector<ConsoleMessages::Command>& commands, const std::string& before);
 };

@@ -1,6 +1,6 @@
 #include "tools/clients/sonarix-console/Editor.h"
 
-#include "tools/clients/sonarix-console/Signals.h"
+#include "tools/clients/options/SignalDescriptor.h"
 
 #include <histedit.h>
 
@@ -20,7 +20,7 @@
 namespace
 {
 
-/// Columns of a text on the terminal.
+/// Returns the number of terminal columns that a text needs.
 std::size_t Width(std::string_view text)
 {
     std::size_t width = 0;
@@ -44,7 +44,7 @@ std::size_t Columns()
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80U;
 }
 
-/// Whether the terminal knows how to go up a line.
+/// True if the terminal supports cursor movement.
 bool IsSmart()
 {
     const char* const name = std::getenv("TERM");
@@ -103,7 +103,7 @@ struct Editor::Impl
         return CC_NORM;
     }
 
-    /// 1 with a letter; 0 at the end of the terminal, and where the line is not to be gone on with.
+    /// Returns 1 and a letter; 0 at the end of input and when a signal ends the line.
     int ReadLetter(wchar_t* letter)
     {
         std::mbstate_t state{};
@@ -135,7 +135,7 @@ struct Editor::Impl
             const std::size_t size = std::mbrtowc(letter, &byte, 1, &state);
             if (size == static_cast<std::size_t>(-1))
             {
-                state = {}; // not of this character set: left out
+                state = {}; // invalid in this character set: skipped
             }
             else if (size != static_cast<std::size_t>(-2))
             {
@@ -144,7 +144,7 @@ struct Editor::Impl
         }
     }
 
-    /// False where the line ends by it.
+    /// Returns false if the signal ends the line.
     bool TakeSignal()
     {
         switch (signals.Take())
@@ -154,7 +154,7 @@ struct Editor::Impl
         case SIGWINCH:
             el_resize(edit);
             return true;
-        case SIGCONT: // the shell had the terminal in the meantime
+        case SIGCONT: // the shell may have changed the terminal modes meanwhile
             el_set(edit, EL_PREP_TERM, 1);
             el_set(edit, EL_REFRESH);
             return true;
@@ -190,7 +190,7 @@ struct Editor::Impl
         el_set(edit, EL_REFRESH);
     }
 
-    Impl(const std::string& givenPrompt, const std::string& givenFile, Signals& givenSignals, Hooks givenHooks)
+    Impl(const std::string& givenPrompt, const std::string& givenFile, SignalDescriptor& givenSignals, Hooks givenHooks)
         : prompt(givenPrompt)
         , historyFile(givenFile)
         , signals(givenSignals)
@@ -200,7 +200,7 @@ struct Editor::Impl
 
     const std::string prompt;
     const std::string historyFile;
-    Signals& signals;
+    SignalDescriptor& signals;
     const Hooks hooks;
     const bool isSmart = IsSmart();
     EditLine* edit = nullptr;
@@ -209,8 +209,8 @@ struct Editor::Impl
     bool isAbandoned = false;
 };
 
-Editor::Editor(const std::string& program, const std::string& prompt, const std::string& historyFile, Signals& signals,
-               Hooks hooks)
+Editor::Editor(const std::string& program, const std::string& prompt, const std::string& historyFile,
+               SignalDescriptor& signals, Hooks hooks)
     : m_impl(std::make_unique<Impl>(prompt, historyFile, signals, std::move(hooks)))
 {
     m_impl->history = history_init();
@@ -231,7 +231,7 @@ Editor::Editor(const std::string& program, const std::string& prompt, const std:
     el_set(edit, EL_ADDFN, "complete-command", "Completes a command", &Impl::CompleteLine);
     el_set(edit, EL_BIND, "\t", "complete-command", nullptr);
     el_set(edit, EL_BIND, "^R", "em-inc-search-prev", nullptr);
-    el_source(edit, nullptr); // a person's own ~/.editrc
+    el_source(edit, nullptr); // the user's ~/.editrc
 }
 
 Editor::~Editor()
@@ -248,8 +248,8 @@ Editor::~Editor()
 Editor::Result Editor::Read(std::string& line)
 {
     m_impl->isAbandoned = false;
-    el_resize(m_impl->edit);               // nobody heard of a new size while a command ran
-    el_set(m_impl->edit, EL_PREP_TERM, 1); // before the prompt: what is typed at it is not echoed twice
+    el_resize(m_impl->edit);               // SIGWINCH is not processed while a command runs
+    el_set(m_impl->edit, EL_PREP_TERM, 1); // before the prompt, so that the terminal echoes no typed letter twice
     m_impl->isReading = true;
     int count = 0;
     const char* const text = el_gets(m_impl->edit, &count);

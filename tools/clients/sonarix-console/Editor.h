@@ -6,12 +6,12 @@
 #include <memory>
 #include <string>
 
-class Signals;
+class SignalDescriptor;
 
-/// A line of a person at a terminal, with history and completion, on libedit. One to a process, on its one thread.
+/// Line editor for a terminal, with history and completion, on libedit. At most one per single-threaded process.
 ///
-/// Design: while a line is typed, the terminal, the signals and one other descriptor are waited for together. Text that
-/// comes in between takes the place of the line, which is then drawn anew below it.
+/// Design: while the user edits a line, poll() waits for the terminal, the signals and one other descriptor. Text that
+/// is printed meanwhile overwrites the line, and the line is drawn again below it.
 class Editor final
 {
 public:
@@ -19,24 +19,24 @@ public:
     {
         LINE,
         ABANDONED, ///< Ctrl-C
-        END,       ///< Ctrl-D on an empty line, a closed terminal, or a signal to end
+        END,       ///< Ctrl-D on an empty line, a closed terminal, or SIGTERM or SIGHUP
     };
     struct Hooks
     {
         std::function<Completion(const std::string& before)> complete;
-        std::function<int()> other;     ///< a descriptor to be waited for meanwhile; -1: none
-        std::function<void()> readable; ///< it can be read
+        std::function<int()> other;     ///< returns the other descriptor; -1: none
+        std::function<void()> readable; ///< called when that descriptor is readable
     };
 
-    /// `historyFile`: empty for none; where it cannot be written, nothing is kept. `signals` outlives it.
-    Editor(const std::string& program, const std::string& prompt, const std::string& historyFile, Signals& signals,
-           Hooks hooks);
+    /// `historyFile` may be empty: then no history is stored. `signals` must outlive this object.
+    Editor(const std::string& program, const std::string& prompt, const std::string& historyFile,
+           SignalDescriptor& signals, Hooks hooks);
     ~Editor();
     Editor(const Editor&) = delete;
     Editor& operator=(const Editor&) = delete;
 
     Result Read(std::string& line);
-    /// Whole lines, above the one that is being typed.
+    /// Prints whole lines above the line that is being edited.
     void Print(const std::string& text);
 
     static constexpr int kHistoryLines = 500;

@@ -1,8 +1,8 @@
-// A person's end of the service's debug console.
+// Command-line client of the service's debug console.
 #include "runtime/SystemUtils.h"
 #include "tools/clients/options/Options.h"
-#include "tools/clients/sonarix-console/Talk.h"
-#include "tools/clients/sonarix-console/Wire.h"
+#include "tools/clients/sonarix-console/ConsoleClient.h"
+#include "tools/clients/sonarix-console/ConsoleMessages.h"
 
 #include <csignal>
 #include <iostream>
@@ -14,37 +14,36 @@ namespace
 {
 
 constexpr const char* kHelp = R"(Usage: sonarix-console [OPTION]... [COMMAND]
-Look into the product's discovery service and steer it by hand.
+Inspect and control the product's discovery service.
 
-Without a command: a prompt with history and completion on a terminal, else
-each line of standard input is a command; an empty one, and one that begins
-with #, is left out. "help" tells what the service knows, "help COMMAND" how
-it is used.
+Without COMMAND: on a terminal, a prompt with history and completion; else each
+line of standard input is a command. Empty lines and lines that begin with #
+are skipped. "help" lists the commands, "help COMMAND" prints the usage of one.
 
-  sonarix ssdp list         what SSDP has found, and the made-up products
+  sonarix ssdp list         list the products that SSDP has found, and testing products
   sonarix ssdp start        start SSDP, after it was stopped here
-  sonarix ssdp stop         stop SSDP, and withdraw its made-up products
-  sonarix ssdp adddevice    make a product up, or change one of the same guid
-  sonarix ssdp removedevice withdraw made-up products of these addresses
-  sonarix ssdp clearall     withdraw all made-up products
-  sonarix mdns list         what mDNS has found, and the made-up products
+  sonarix ssdp stop         stop SSDP, and withdraw its testing products
+  sonarix ssdp adddevice    add a testing product, or replace the one with that guid
+  sonarix ssdp removedevice withdraw the testing products with these addresses
+  sonarix ssdp clearall     withdraw all testing products
+  sonarix mdns list         list the products that mDNS has found, and testing products
   sonarix mdns start        start mDNS, after it was stopped here
-  sonarix mdns stop         stop mDNS, and withdraw its made-up products
-  sonarix mdns adddevice    make a product up, or change one of the same guid
-  sonarix mdns removedevice withdraw made-up products of these addresses
-  sonarix mdns clearall     tell everybody that all products are offline
+  sonarix mdns stop         stop mDNS, and withdraw its testing products
+  sonarix mdns adddevice    add a testing product, or replace the one with that guid
+  sonarix mdns removedevice withdraw the testing products with these addresses
+  sonarix mdns clearall     announce all mDNS products as offline
   sonarix mdns addservice   publish a record
   sonarix mdns removeservice
                             withdraw the record of a type
 
-  --json                    answers as the service sends them, one JSON a line
-  --help, --version
+  --json                    print the responses as received, one JSON per line
+  -h, --help, -V, --version
 
-Words with blanks in them stand in double quotes: friendlyname="Living Room".
-The service listens in the folder SONARIX_RUN_DIR, /run/sonarix unless set.
+Put words with blanks in double quotes: friendlyname="Living Room".
+The socket is in the folder SONARIX_RUN_DIR, default /run/sonarix.
 
-Exit status: 0 done, 1 the service answered an error or the answer could not be
-written, 2 usage, 3 no service, or no answer.
+Exit status: 0 done, 1 the service answered an error or standard output cannot
+be written, 2 usage error, 3 no service or no response.
 
 Examples:
   sonarix-console
@@ -67,46 +66,15 @@ Examples:
   printf 'sonarix ssdp stop\nsonarix ssdp start\n' | sonarix-console
 )";
 
-/// One word is a whole command line; several are its words.
-std::string CommandOf(const std::vector<std::string>& words)
+/// A single word is a whole command line. Several words are the words of one command.
+std::string CommandFromWords(const std::vector<std::string>& words)
 {
-    if (words.size() == 1)
-    {
-        return words.front();
-    }
     std::string command;
     for (const std::string& word : words)
     {
-        command += (command.empty() ? "" : " ") + Wire::Quoted(word);
+        command += (command.empty() ? "" : " ") + ConsoleMessages::Quoted(word);
     }
-    return command;
-}
-
-int Run(int argc, char** argv)
-{
-    Options options({}, {"json"});
-    const bool isParsed = options.Parse(argc, argv);
-    if (isParsed && options.WantsHelp())
-    {
-        std::cout << kHelp;
-        return EXIT_DONE;
-    }
-    if (isParsed && options.WantsVersion())
-    {
-        std::cout << "sonarix-console " << SONARIX_VERSION << "\n";
-        return EXIT_DONE;
-    }
-    if (!isParsed)
-    {
-        std::cerr << "sonarix-console: " << options.Error() << " (sonarix-console --help tells more)\n";
-        return EXIT_USAGE;
-    }
-    Talk talk(SystemUtils::RunDir() + "/console", options.Has("json"));
-    if (!options.Words().empty())
-    {
-        return talk.Run(CommandOf(options.Words()));
-    }
-    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0 ? talk.RunTerminal() : talk.RunStream();
+    return words.size() == 1 ? words.front() : command;
 }
 
 } // namespace
@@ -114,11 +82,15 @@ int Run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    int status = Run(argc, argv);
-    if (!std::cout.flush())
+    Options options({}, {"json"});
+    if (const auto status = options.ParseOrAnswer(argc, argv, "sonarix-console", kHelp, SONARIX_VERSION))
     {
-        std::cerr << "sonarix-console: standard output cannot be written\n";
-        status = EXIT_ERROR_ANSWER;
+        return *status;
     }
-    return status;
+    ConsoleClient client(SystemUtils::RunDir() + "/console", options.Has("json"));
+    const bool isTerminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+    const ExitStatus status = !options.Words().empty() ? client.Run(CommandFromWords(options.Words()))
+                              : isTerminal             ? client.RunTerminal()
+                                                       : client.RunStream();
+    return FlushOutput("sonarix-console", status);
 }

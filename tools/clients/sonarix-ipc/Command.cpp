@@ -16,23 +16,23 @@ namespace
 
 using Words = std::vector<std::string>;
 
-// Lengths that DNS has bytes for.
+// Limits of DNS in bytes (RFC 1035 section 2.3.4, RFC 6763 section 6.1).
 constexpr std::size_t kMaxLabel = 63;
 constexpr std::size_t kMaxText = 255;
 constexpr std::size_t kMaxRecord = 65535;
 
-struct Shape
+struct Syntax
 {
     Command::Verb verb;
     std::set<std::string> options; ///< besides --json
-    std::size_t leastWords;
-    std::size_t mostWords;
-    const char* wants;
+    std::size_t minWords;
+    std::size_t maxWords;
+    const char* usage;
 };
 
-const std::map<std::string, Shape>& Shapes()
+const std::map<std::string, Syntax>& Syntaxes()
 {
-    static const std::map<std::string, Shape> shapes = {
+    static const std::map<std::string, Syntax> syntaxes = {
         {"list", {Command::Verb::LIST, {}, 1, 2, "\"mdns TYPE\" or \"ssdp\""}},
         {"watch", {Command::Verb::WATCH, {"every"}, 1, 2, "\"mdns TYPE\" or \"ssdp\""}},
         {"add", {Command::Verb::ADD, {"interface", "protocol", "keep"}, 3, SIZE_MAX, "TYPE NAME PORT [KEY=VALUE]..."}},
@@ -40,7 +40,7 @@ const std::map<std::string, Shape>& Shapes()
         {"remove", {Command::Verb::REMOVE, {}, 2, 2, "TYPE NAME"}},
         {"announce", {Command::Verb::ANNOUNCE, {}, 1, SIZE_MAX, "FIELD=VALUE..., JSON, @FILE or -"}},
     };
-    return shapes;
+    return syntaxes;
 }
 
 bool IsServiceType(const std::string& type)
@@ -68,7 +68,7 @@ bool ReadType(const std::string& word, Command& command, std::string& error)
     return true;
 }
 
-bool ReadSource(const Words& words, bool isPaced, Command& command, std::string& error)
+bool ReadSource(const Words& words, bool hasEvery, Command& command, std::string& error)
 {
     command.isSsdp = words[0] == "ssdp" && words.size() == 1;
     if (!command.isSsdp && (words[0] != "mdns" || words.size() != 2))
@@ -76,9 +76,9 @@ bool ReadSource(const Words& words, bool isPaced, Command& command, std::string&
         error = "\"mdns TYPE\" or \"ssdp\" is wanted";
         return false;
     }
-    if (command.isSsdp && isPaced)
+    if (command.isSsdp && hasEvery)
     {
-        error = "--every is not for ssdp: the service tells of each change by itself";
+        error = "--every is not for ssdp: the service reports each change by itself";
         return false;
     }
     return command.isSsdp || ReadType(words[1], command, error);
@@ -190,7 +190,7 @@ bool ReadAnnouncement(const Words& words, Command& command, std::string& error)
     }
     if (!device->has_devicetype())
     {
-        device->set_devicetype("RENDERER"); // nothing else can be announced
+        device->set_devicetype("RENDERER"); // the service announces only this type
     }
     return true;
 }
@@ -208,13 +208,13 @@ bool ReadEvery(const std::string& text, Command& command, std::string& error)
     return true;
 }
 
-bool ReadOptions(const Options& options, const Shape& shape, Command& command, std::string& error)
+bool ReadOptions(const Options& options, const Syntax& syntax, Command& command, std::string& error)
 {
     command.isJson = options.Has("json");
     command.isKept = options.Has("keep");
     for (const char* const name : {"every", "interface", "protocol", "keep"})
     {
-        if (options.Has(name) && shape.options.count(name) == 0)
+        if (options.Has(name) && syntax.options.count(name) == 0)
         {
             error = std::string("--") + name + " is not for this command";
             return false;
@@ -260,20 +260,20 @@ bool ReadCommand(const Options& options, Command& command, std::string& error)
         return false;
     }
     const std::string& verb = options.Words().front();
-    const auto shape = Shapes().find(verb);
-    if (shape == Shapes().end())
+    const auto syntax = Syntaxes().find(verb);
+    if (syntax == Syntaxes().end())
     {
         error = "unknown command " + verb;
         return false;
     }
     const Words words(options.Words().begin() + 1, options.Words().end());
-    if (words.size() < shape->second.leastWords || words.size() > shape->second.mostWords)
+    if (words.size() < syntax->second.minWords || words.size() > syntax->second.maxWords)
     {
-        error = verb + " wants " + shape->second.wants;
+        error = verb + " wants " + syntax->second.usage;
         return false;
     }
-    command.verb = shape->second.verb;
-    if (!ReadOptions(options, shape->second, command, error))
+    command.verb = syntax->second.verb;
+    if (!ReadOptions(options, syntax->second, command, error))
     {
         return false;
     }

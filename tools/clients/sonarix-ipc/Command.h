@@ -13,7 +13,7 @@ namespace SonarixPb
 class DeviceInfo;
 }
 
-/// What the person asked for. A value.
+/// The parsed command line. A value.
 struct Command
 {
     enum class Verb
@@ -25,7 +25,7 @@ struct Command
         REMOVE,
         ANNOUNCE,
     };
-    enum class Protocol ///< numbered as the service's
+    enum class Protocol ///< the numbers are those of SonarixPb.Protocol
     {
         IPV4 = 0,
         IPV6 = 1,
@@ -33,22 +33,22 @@ struct Command
     };
 
     Verb verb = Verb::LIST;
-    bool isSsdp = false; ///< list and watch; the others are mDNS's
+    bool isSsdp = false; ///< for list and watch; the other commands use mDNS
     std::string type;    ///< of the mDNS service
     std::string name;
-    int interface = -1; ///< any
+    int interface = -1; ///< -1: any
     Protocol protocol = Protocol::IPV4;
     std::uint16_t port = 0;
     std::map<std::string, std::string> txt;
-    std::shared_ptr<const SonarixPb::DeviceInfo> device; ///< what to announce
+    std::shared_ptr<const SonarixPb::DeviceInfo> device; ///< the device to announce
     std::chrono::milliseconds every{2000};
     bool isKept = false;
     bool isJson = false;
 };
 
-/// The options that ReadCommand knows.
+/// Returns the options of this program.
 Options CommandOptions();
 
-/// False, with the reason in `error`: a usage error, records that mDNS cannot carry among them, since the service
-/// accepts these without a word. Reads an announcement from where it says (`@FILE`, `-`).
+/// Returns false, with the reason in `error`, for a usage error. Records that mDNS cannot carry are such errors, since
+/// the service accepts them and publishes nothing. Reads an announcement from a file or standard input.
 [[nodiscard]] bool ReadCommand(const Options& options, Command& command, std::string& error);

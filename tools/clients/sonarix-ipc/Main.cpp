@@ -1,6 +1,6 @@
-// A person's client of the service's two local sockets.
+// Command-line client of the service's two local sockets.
 #include "tools/clients/sonarix-ipc/Command.h"
-#include "tools/clients/sonarix-ipc/Conversation.h"
+#include "tools/clients/sonarix-ipc/RunCommand.h"
 
 #include <csignal>
 #include <iostream>
@@ -9,37 +9,38 @@ namespace
 {
 
 constexpr const char* kHelp = R"(Usage: sonarix-ipc [OPTION]... COMMAND
-See what the product's discovery service knows, and publish mDNS records by it.
+List and watch the devices that the product's discovery service knows, and publish
+mDNS records through it.
 
-  list mdns TYPE        the devices of a service type
-  list ssdp             the devices that SSDP knows
-  watch mdns TYPE       what changes of the first list, asked for at a pace
-  watch ssdp            what changes of the second, as the service tells it
+  list mdns TYPE        list the devices of a service type
+  list ssdp             list the devices that SSDP has found
+  watch mdns TYPE       poll the first list and print its changes
+  watch ssdp            print the changes that the service reports
   add TYPE NAME PORT [KEY=VALUE]...
-                        publish a record until Ctrl-C, and show the devices of
-                        its type as they come and go
+                        publish a record until Ctrl-C, and print the changes of
+                        the devices of its type
   update TYPE NAME PORT [KEY=VALUE]...
-                        give a published record another TXT
+                        replace the TXT of a published record
   remove TYPE NAME      withdraw the record of that type
   announce FIELD=VALUE...
-                        announce the product itself, until it does so anew; also
-                        announce JSON, @FILE, or - for standard input
+                        announce the product itself, until it announces itself
+                        again; also announce JSON, @FILE, or - for standard input
 
-  --keep                add: end at once, and leave the record published
-  --every SECONDS       watch mdns: between two lists; default 2
-  --interface IFACE     add, update: on this interface alone
+  --keep                add: end at once and leave the record published
+  --every SECONDS       watch mdns: polling interval, default 2
+  --interface IFACE     add, update: publish on this interface only
   --protocol P          add, update: ipv4, ipv6 or both; default ipv4
-  --json                one JSON object a line in place of text
-  --help, --version
+  --json                print one JSON object per line instead of text
+  -h, --help, -V, --version
 
-The service looks for devices of _kova-lanyard._tcp, _kova-clock._tcp and
-_kova-accessory._tcp; records may be of any type, one of each: a second takes
-the place of the first.
-The service listens in the folder SONARIX_RUN_DIR, /run/sonarix unless set.
+The service finds devices of _kova-lanyard._tcp, _kova-clock._tcp and
+_kova-accessory._tcp. It publishes records of any type, one per type: a second
+record replaces the first.
+The sockets are in the folder SONARIX_RUN_DIR, default /run/sonarix.
 
-Exit status: 0 done, 1 the service answered an error or the answer could not be
-written, 2 usage, 3 no service, or no answer, 4 not done, but the service may
-still do it: it answers so while the network is down.
+Exit status: 0 done, 1 the service answered an error or standard output cannot
+be written, 2 usage error, 3 no service or no response, 4 not done, but the
+service may do it later: it answers so while the network is down.
 
 Examples:
   sonarix-ipc list mdns _kova-lanyard._tcp
@@ -56,25 +57,13 @@ Examples:
 int Run(int argc, char** argv)
 {
     Options options = CommandOptions();
-    const bool isParsed = options.Parse(argc, argv);
-    if (isParsed && options.WantsHelp())
+    if (const auto status = options.ParseOrAnswer(argc, argv, "sonarix-ipc", kHelp, SONARIX_VERSION))
     {
-        std::cout << kHelp;
-        return EXIT_DONE;
-    }
-    if (isParsed && options.WantsVersion())
-    {
-        std::cout << "sonarix-ipc " << SONARIX_VERSION << "\n";
-        return EXIT_DONE;
+        return *status;
     }
     Command command;
-    std::string error = options.Error();
-    if (!isParsed || !ReadCommand(options, command, error))
-    {
-        std::cerr << "sonarix-ipc: " << error << " (sonarix-ipc --help tells more)\n";
-        return EXIT_USAGE;
-    }
-    return Converse(command);
+    std::string error;
+    return ReadCommand(options, command, error) ? RunCommand(command) : UsageError("sonarix-ipc", error);
 }
 
 } // namespace
@@ -82,11 +71,5 @@ int Run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    int status = Run(argc, argv);
-    if (!std::cout.flush())
-    {
-        std::cerr << "sonarix-ipc: standard output cannot be written\n";
-        status = EXIT_ERROR_ANSWER;
-    }
-    return status;
+    return FlushOutput("sonarix-ipc", Run(argc, argv));
 }

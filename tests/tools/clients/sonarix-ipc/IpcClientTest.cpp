@@ -1,8 +1,8 @@
-// What the client of the local sockets decides by itself: which words it takes, and what is news of a device.
+// The client of the local sockets: its command line, the changes that a watch reports, and its output.
 #include "schemas/SonarixPb.pb.h"
 #include "tools/clients/sonarix-ipc/Command.h"
-#include "tools/clients/sonarix-ipc/Devices.h"
-#include "tools/clients/sonarix-ipc/Print.h"
+#include "tools/clients/sonarix-ipc/DeviceText.h"
+#include "tools/clients/sonarix-ipc/KnownDevices.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 namespace
 {
 
-/// The error of a command line, empty where it is taken.
+/// Returns the error of a command line, or an empty string.
 std::string ErrorOf(const std::vector<std::string>& words, Command& command)
 {
     std::vector<const char*> argv{"sonarix-ipc"};
@@ -25,8 +25,8 @@ std::string ErrorOf(const std::vector<std::string>& words, Command& command)
     {
         return options.Error();
     }
-    const bool isTaken = ReadCommand(options, command, error);
-    EXPECT_EQ(isTaken, error.empty());
+    const bool isValid = ReadCommand(options, command, error);
+    EXPECT_EQ(isValid, error.empty());
     return error;
 }
 
@@ -36,11 +36,11 @@ Device Named(const std::string& name, const std::string& guid = "g", const std::
     info.set_friendlyname(name);
     info.set_guid(guid);
     info.set_softwareversion(version);
-    return DescribeDevice(info);
+    return DeviceFromInfo(info);
 }
 
 /// "+ one, - two"
-std::string Told(const std::vector<DeviceChange>& changes)
+std::string ChangesOf(const std::vector<DeviceChange>& changes)
 {
     std::string text;
     for (const DeviceChange& change : changes)
@@ -51,7 +51,7 @@ std::string Told(const std::vector<DeviceChange>& changes)
     return text;
 }
 
-TEST(IpcCommand, TakesRecordsAndAnnouncements)
+TEST(IpcCommand, AcceptsRecordsAndAnnouncements)
 {
     Command add;
     EXPECT_EQ(ErrorOf({"add", "--keep", "_kova-clock._tcp", "A clock", "9000", "A=1=2", "B=", "--json"}, add), "");
@@ -75,7 +75,7 @@ TEST(IpcCommand, TakesRecordsAndAnnouncements)
     EXPECT_EQ(watch.every, std::chrono::milliseconds(500));
 }
 
-TEST(IpcCommand, RefusesWhatTheServiceWouldTakeWithoutAWord)
+TEST(IpcCommand, RejectsInvalidRecordsBeforeTheServiceSeesThem)
 {
     const std::string longName(64, 'n');
     const std::string largeText(252, 'v');
@@ -105,37 +105,38 @@ TEST(IpcCommand, RefusesWhatTheServiceWouldTakeWithoutAWord)
     }
 }
 
-TEST(IpcWatch, ListTellsDifferencesAlone)
+TEST(IpcWatch, ListYieldsOnlyTheChanges)
 {
     KnownDevices known("friendlyname");
-    EXPECT_EQ(Told(known.TakeList({Named("one"), Named("two")})), "+ one, + two");
-    EXPECT_EQ(Told(known.TakeList({Named("two"), Named("one")})), "");
-    EXPECT_EQ(Told(known.TakePartOfList({})), "");
-    const auto changes = known.TakeList({Named("three"), Named("two", "g", "2")});
-    EXPECT_EQ(Told(changes), "- one, + three, ~ two");
+    EXPECT_EQ(ChangesOf(known.ApplyList({Named("one"), Named("two")})), "+ one, + two");
+    EXPECT_EQ(ChangesOf(known.ApplyList({Named("two"), Named("one")})), "");
+    EXPECT_EQ(ChangesOf(known.ApplyPartialList({})), "");
+    const auto changes = known.ApplyList({Named("three"), Named("two", "g", "2")});
+    EXPECT_EQ(ChangesOf(changes), "- one, + three, ~ two");
     EXPECT_EQ(ChangeText(changes[2]), "~ two  softwareversion 1 -> 2");
     EXPECT_EQ(ChangeJson(changes[0]),
               R"({"change":"gone","device":{"guid":"g","friendlyname":"one","softwareversion":"1"}})");
 }
 
-TEST(IpcWatch, WhatIsDoubtedHasTimeToReturn)
+TEST(IpcWatch, UnconfirmedDevicesStayUntilRemoved)
 {
     KnownDevices known("friendlyname");
-    known.TakeList({Named("one"), Named("two"), Named("three")});
-    known.Doubt();
-    EXPECT_EQ(Told(known.TakeList({})), "");
-    EXPECT_EQ(Told(known.TakeList({Named("one")})), "");
-    EXPECT_EQ(Told(known.TakeList({Named("two", "g", "2")})), "- one, ~ two"); // heard of again, so doubted no more
-    EXPECT_EQ(Told(known.DropDoubted()), "- three");
-    EXPECT_EQ(Told(known.DropDoubted()), "");
+    known.ApplyList({Named("one"), Named("two"), Named("three")});
+    known.MarkUnconfirmed();
+    EXPECT_EQ(ChangesOf(known.ApplyList({})), "");
+    EXPECT_EQ(ChangesOf(known.ApplyList({Named("one")})), "");
+    EXPECT_EQ(ChangesOf(known.ApplyList({Named("two", "g", "2")})),
+              "- one, ~ two"); // both were received again: confirmed
+    EXPECT_EQ(ChangesOf(known.RemoveUnconfirmed()), "- three");
+    EXPECT_EQ(ChangesOf(known.RemoveUnconfirmed()), "");
 }
 
-TEST(IpcPrint, TableHasTheColumnsThatAreFilledAndNothingThatATerminalObeys)
+TEST(IpcPrint, TableHasFilledColumnsAndNoControlCharacters)
 {
     SonarixPb::DeviceInfo clock;
     clock.set_friendlyname("K\xC3\xBC\x1B[2J\xC2\x9B");
     clock.mutable_mdnsclockinfo()->set_clockdomain("4");
-    EXPECT_EQ(DeviceTable({DescribeDevice(clock), Named("two")}), "NAME     GUID  SOFTWARE  CLOCK\n"
+    EXPECT_EQ(DeviceTable({DeviceFromInfo(clock), Named("two")}), "NAME     GUID  SOFTWARE  CLOCK\n"
                                                                   "K\xC3\xBC?[2J?  -     -         4\n"
                                                                   "two      g     1         -\n");
 }

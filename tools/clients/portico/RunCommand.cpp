@@ -1,6 +1,7 @@
-#include "tools/clients/portico/Conversation.h"
+#include "tools/clients/portico/RunCommand.h"
 
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "tools/clients/portico/Command.h"
 #include <PorticoClient.h>
 
@@ -26,11 +27,11 @@ std::string Describe(const std::string& errorBody)
            error.value("message", "");
 }
 
-/// On the conversation's own task, but for the constructor and Run().
-class Conversation
+/// Task: everything but the constructor and Run() runs on its own task, which Run() ends.
+class CommandRunner
 {
 public:
-    explicit Conversation(const Command& command)
+    explicit CommandRunner(const Command& command)
         : m_command(command)
         , m_task(IL::CreateTask("Portico", ""))
     {
@@ -55,8 +56,8 @@ public:
         }
         else
         {
-            // The gateway agrees to any subscription while it does not reach the product yet. With an answer of
-            // the product there, it tells what the product says.
+            // The gateway accepts any subscription while the product is not connected. After a first response of the
+            // product, it returns the product's own answer to the subscription.
             const AsyncCallback<std::string, std::string> onReached(
                 [this](const std::string&, const std::string& error) { HandleReached(error); }, m_task);
             m_client->SendText(Portico::Verb::GET, "/sonarix/info", {}, onReached, 1.0);
@@ -77,6 +78,7 @@ private:
 
     void HandleReached(const std::string& error)
     {
+        TASK_CHECK(m_task);
         if (m_hasEnded)
         {
             return;
@@ -90,6 +92,7 @@ private:
 
     void HandleConnection(bool isConnected)
     {
+        TASK_CHECK(m_task);
         m_isConnected = isConnected;
         const bool wasEverConnected = m_wasEverConnected;
         m_wasEverConnected = m_wasEverConnected || isConnected;
@@ -115,6 +118,7 @@ private:
 
     void HandleAnswer(const std::string& body, const std::string& error)
     {
+        TASK_CHECK(m_task);
         if (!error.empty())
         {
             HandleError(error);
@@ -122,32 +126,34 @@ private:
         else if (!m_hasEnded)
         {
             std::cout << ordered_json::parse(body).dump(2) << std::endl;
-            End(EXIT_ANSWERED);
+            End(EXIT_DONE);
         }
     }
 
     void HandleError(const std::string& text)
     {
-        if (m_hasEnded) // why there is no answer has been told
+        TASK_CHECK(m_task);
+        if (m_hasEnded) // the reason is already printed
         {
             return;
         }
         std::cerr << "portico: " << m_command.path << ": " << Describe(text) << "\n";
-        End(EXIT_ERROR_ANSWER);
+        End(EXIT_ERROR_RESPONSE);
     }
 
     void PrintLine(const std::string& body)
     {
+        TASK_CHECK(m_task);
         std::cout << body << std::endl;
         if (std::cout || m_hasEnded)
         {
             return;
         }
-        if (errno == EPIPE) // the reader has seen enough
+        if (errno == EPIPE) // the reader has closed the pipe
         {
             std::cout.clear();
         }
-        End(EXIT_ANSWERED);
+        End(EXIT_DONE);
     }
 
     void End(ExitStatus status)
@@ -167,7 +173,7 @@ private:
 
 } // namespace
 
-ExitStatus Converse(const Command& command)
+ExitStatus RunCommand(const Command& command)
 {
-    return Conversation(command).Run();
+    return CommandRunner(command).Run();
 }

@@ -1,4 +1,4 @@
-#include "tools/clients/sonarix-ipc/Print.h"
+#include "tools/clients/sonarix-ipc/DeviceText.h"
 
 #include "tools/clients/options/Printable.h"
 
@@ -24,7 +24,7 @@ constexpr std::array<std::pair<const char*, const char*>, 9> kColumns = {{
     {"LOCATION", "location"},
 }};
 
-/// Characters, which is columns for most texts.
+/// Returns the number of characters, which is that of columns for most texts.
 std::size_t Width(const std::string& text)
 {
     return static_cast<std::size_t>(

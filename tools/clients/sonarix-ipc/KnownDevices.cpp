@@ -1,4 +1,4 @@
-#include "tools/clients/sonarix-ipc/Devices.h"
+#include "tools/clients/sonarix-ipc/KnownDevices.h"
 
 #include "schemas/SonarixPb.pb.h"
 #include <ProtoToMarkup.h>
@@ -16,7 +16,7 @@ const std::string& Device::Field(const std::string& path) const
     return found == fields.end() ? none : found->second;
 }
 
-Device DescribeDevice(const SonarixPb::DeviceInfo& info)
+Device DeviceFromInfo(const SonarixPb::DeviceInfo& info)
 {
     Device device;
     try
@@ -30,7 +30,7 @@ Device DescribeDevice(const SonarixPb::DeviceInfo& info)
     const nlohmann::json record = nlohmann::json::parse(device.json).flatten();
     for (const auto& [pointer, value] : record.items())
     {
-        if (value.is_structured() || value.is_null()) // an empty one
+        if (value.is_structured() || value.is_null()) // an empty object or list
         {
             continue;
         }
@@ -46,28 +46,28 @@ KnownDevices::KnownDevices(std::string keyField)
 {
 }
 
-std::vector<DeviceChange> KnownDevices::TakeList(const std::vector<Device>& devices)
+std::vector<DeviceChange> KnownDevices::ApplyList(const std::vector<Device>& devices)
 {
     std::set<std::string> listed;
     for (const Device& device : devices)
     {
         listed.insert(KeyOf(device));
     }
-    std::vector<DeviceChange> changes =
-        DropIf([&](const std::string& key, const Entry& entry) { return !entry.isDoubted && listed.count(key) == 0; });
-    for (DeviceChange& change : TakePartOfList(devices))
+    std::vector<DeviceChange> changes = RemoveIf([&](const std::string& key, const Entry& entry)
+                                                 { return !entry.isUnconfirmed && listed.count(key) == 0; });
+    for (DeviceChange& change : ApplyPartialList(devices))
     {
         changes.push_back(std::move(change));
     }
     return changes;
 }
 
-std::vector<DeviceChange> KnownDevices::TakePartOfList(const std::vector<Device>& devices)
+std::vector<DeviceChange> KnownDevices::ApplyPartialList(const std::vector<Device>& devices)
 {
     std::vector<DeviceChange> changes;
     for (const Device& device : devices)
     {
-        for (DeviceChange& change : TakeReport(true, device))
+        for (DeviceChange& change : ApplyReport(true, device))
         {
             changes.push_back(std::move(change));
         }
@@ -75,7 +75,7 @@ std::vector<DeviceChange> KnownDevices::TakePartOfList(const std::vector<Device>
     return changes;
 }
 
-std::vector<DeviceChange> KnownDevices::TakeReport(bool isOnline, const Device& device)
+std::vector<DeviceChange> KnownDevices::ApplyReport(bool isOnline, const Device& device)
 {
     const std::string key = KeyOf(device);
     if (!isOnline)
@@ -96,17 +96,17 @@ std::vector<DeviceChange> KnownDevices::TakeReport(bool isOnline, const Device& 
     return {{DeviceChange::Kind::CHANGED, device, before}};
 }
 
-void KnownDevices::Doubt()
+void KnownDevices::MarkUnconfirmed()
 {
     for (auto& [key, entry] : m_known)
     {
-        entry.isDoubted = true;
+        entry.isUnconfirmed = true;
     }
 }
 
-std::vector<DeviceChange> KnownDevices::DropDoubted()
+std::vector<DeviceChange> KnownDevices::RemoveUnconfirmed()
 {
-    return DropIf([](const std::string&, const Entry& entry) { return entry.isDoubted; });
+    return RemoveIf([](const std::string&, const Entry& entry) { return entry.isUnconfirmed; });
 }
 
 std::string KnownDevices::KeyOf(const Device& device) const
@@ -116,7 +116,7 @@ std::string KnownDevices::KeyOf(const Device& device) const
 }
 
 template <typename Predicate>
-std::vector<DeviceChange> KnownDevices::DropIf(Predicate isGone)
+std::vector<DeviceChange> KnownDevices::RemoveIf(Predicate isGone)
 {
     std::vector<DeviceChange> changes;
     for (auto entry = m_known.begin(); entry != m_known.end();)

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "tools/clients/sonarix-ipc/Devices.h"
+#include "tools/clients/sonarix-ipc/KnownDevices.h"
 
 #include <string>
 #include <vector>
 
-/// A table with a heading, of the columns that any of the devices fills; lines with their ends.
+/// Formats a table with a heading. Columns that are empty for all devices are left out.
 std::string DeviceTable(const std::vector<Device>& devices);
 
 /// "+ Kitchen  10.0.0.7  GUID", "- Kitchen  GUID", "~ Kitchen  softwareversion 1.0 -> 1.1".
 std::string ChangeText(const DeviceChange& change);
 
-/// {"change": "appeared", "device": {…}}, "changed" with what was "before", or "gone"; on one line.
+/// {"change": "appeared", "device": {…}} on one line; "changed" also has "before"; or "gone".
 std::string ChangeJson(const DeviceChange& change);

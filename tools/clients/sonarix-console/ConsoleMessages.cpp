@@ -1,4 +1,4 @@
-#include "tools/clients/sonarix-console/Wire.h"
+#include "tools/clients/sonarix-console/ConsoleMessages.h"
 
 #include <nlohmann/json.hpp>
 
@@ -20,35 +20,35 @@ std::string Text(const json& object, const char* key)
 
 } // namespace
 
-std::string Wire::AskToRun(const std::string& command)
+std::string ConsoleMessages::CommandRequest(const std::string& command)
 {
     return Request("command", command);
 }
 
-std::string Wire::AskForHelp(const std::string& words)
+std::string ConsoleMessages::HelpRequest(const std::string& words)
 {
     return Request("help", words);
 }
 
-Wire::Line Wire::Read(const std::string& text)
+ConsoleMessages::Message ConsoleMessages::MessageFromLine(const std::string& line)
 {
-    Line line;
-    const json object = json::parse(text, nullptr, false);
+    Message message;
+    const json object = json::parse(line, nullptr, false);
     if (!object.is_object())
     {
-        return line;
+        return message;
     }
     const auto ok = object.find("ok");
     if (ok != object.end() && ok->is_boolean())
     {
-        line.kind = Line::Kind::ANSWER;
-        line.isOk = ok->get<bool>();
-        line.text = Text(object, "response");
+        message.kind = Message::Kind::RESPONSE;
+        message.isOk = ok->get<bool>();
+        message.text = Text(object, "response");
     }
     else if (object.contains("async"))
     {
-        line.kind = Line::Kind::ASYNC;
-        line.text = Text(object, "async");
+        message.kind = Message::Kind::ASYNC;
+        message.text = Text(object, "async");
     }
     const auto commands = object.find("commands");
     if (commands != object.end() && commands->is_array())
@@ -57,14 +57,14 @@ Wire::Line Wire::Read(const std::string& text)
         {
             if (command.is_object())
             {
-                line.commands.push_back({Text(command, "command"), Text(command, "help"), Text(command, "usage")});
+                message.commands.push_back({Text(command, "command"), Text(command, "help"), Text(command, "usage")});
             }
         }
     }
-    return line;
+    return message;
 }
 
-std::string Wire::Quoted(const std::string& word)
+std::string ConsoleMessages::Quoted(const std::string& word)
 {
     if (!word.empty() && word.find_first_of(" \t\"") == std::string::npos)
     {
