@@ -1,12 +1,12 @@
 #include <MfgData.h>
 
-#include "platform/mfgdata/MfgDataParser.h"
 #include "runtime/DPrint.h"
 #include "runtime/SystemUtils.h"
 
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
+#include <map>
 #include <stdexcept>
 
 namespace
@@ -20,27 +20,8 @@ const char* Path()
     return path != nullptr ? path : "/mnt/nv/product-persistence/MfgData.json";
 }
 
-std::map<std::string, std::string> Load()
-{
-    const std::optional<std::string> text = SystemUtils::ReadFile(Path());
-    if (!text)
-    {
-        return {};
-    }
-    try
-    {
-        return ParseMfgData(*text);
-    }
-    catch (const std::runtime_error& failure)
-    {
-        DPRINT(s_log, DPrint::LEVEL_ERROR, Path() << ": " << failure.what() << "; going on without");
-        return {};
-    }
-}
-
-} // namespace
-
-std::map<std::string, std::string> ParseMfgData(const std::string& text)
+/// Throws std::runtime_error, with the reason, if `text` is not a flat JSON object of strings.
+std::map<std::string, std::string> ValuesFromJson(const std::string& text)
 {
     const nlohmann::json document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!document.is_object())
@@ -58,6 +39,26 @@ std::map<std::string, std::string> ParseMfgData(const std::string& text)
     }
     return values;
 }
+
+std::map<std::string, std::string> Load()
+{
+    const std::optional<std::string> text = SystemUtils::ReadFile(Path());
+    if (!text)
+    {
+        return {};
+    }
+    try
+    {
+        return ValuesFromJson(*text);
+    }
+    catch (const std::runtime_error& failure)
+    {
+        DPRINT(s_log, DPrint::LEVEL_ERROR, Path() << ": " << failure.what() << "; the unit has no manufacturing data");
+        return {};
+    }
+}
+
+} // namespace
 
 std::optional<std::string> MfgData::Get(const char* key)
 {

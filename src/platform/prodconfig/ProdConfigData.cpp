@@ -1,6 +1,5 @@
 #include <ProdConfigData.h>
 
-#include "platform/prodconfig/ProdConfigParser.h"
 #include "runtime/DPrint.h"
 #include "runtime/SystemUtils.h"
 
@@ -22,9 +21,8 @@ const char* Path()
     return path != nullptr ? path : "/mnt/nv/product-persistence/ProductConfig.json";
 }
 
-} // namespace
-
-bool ParseAccessoryMode(const std::string& text)
+/// Throws std::runtime_error, with the reason, if `text` is not a JSON object or "accessoryMode" is not a boolean.
+bool AccessoryModeFromJson(const std::string& text)
 {
     const nlohmann::json document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!document.is_object())
@@ -43,6 +41,8 @@ bool ParseAccessoryMode(const std::string& text)
     return found->get<bool>();
 }
 
+} // namespace
+
 bool ProdConfigData::IsDeviceInAccessoryMode()
 {
     const std::optional<std::string> text = SystemUtils::ReadFile(Path());
@@ -52,11 +52,11 @@ bool ProdConfigData::IsDeviceInAccessoryMode()
     }
     try
     {
-        return ParseAccessoryMode(*text);
+        return AccessoryModeFromJson(*text);
     }
     catch (const std::runtime_error& failure)
     {
-        DPRINT(s_log, DPrint::LEVEL_ERROR, Path() << ": " << failure.what() << "; taken as not in accessory mode");
+        DPRINT(s_log, DPrint::LEVEL_ERROR, Path() << ": " << failure.what() << "; the unit is not in accessory mode");
         return false;
     }
 }

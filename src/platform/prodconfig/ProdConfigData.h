@@ -5,7 +5,7 @@
 class ProdConfigData
 {
 public:
-    /// The boolean "accessoryMode". False where the key or the file is missing; false with one level-1 line where
-    /// the file cannot be read, is no JSON object, or the key is no boolean.
+    /// Reads the boolean "accessoryMode" from the file. Returns false if the key or the file is missing. If the file
+    /// cannot be read or is not a JSON object, or the key is not a boolean, returns false and logs one level-1 line.
     static bool IsDeviceInAccessoryMode();
 };
