@@ -1,10 +1,9 @@
 #include "tests/fakes/FakeConsole.h"
 
-#include "platform/console/CommandTable.h"
-
+#include <algorithm>
+#include <cctype>
 #include <list>
 #include <stdexcept>
-#include <vector>
 
 namespace
 {
@@ -12,11 +11,38 @@ namespace
 CLIClient::Descriptors s_commands;
 CLIClient::Handler s_handler;
 
+std::string Lower(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+/// Splits at blanks. Blanks between double quotes are part of the word.
+std::list<std::string> WordsOf(const std::string& line)
+{
+    std::list<std::string> words{""};
+    bool isQuoted = false;
+    for (const char letter : line)
+    {
+        isQuoted = isQuoted != (letter == '"');
+        if (letter == ' ' && !isQuoted && !words.back().empty())
+        {
+            words.emplace_back();
+        }
+        else if (letter != '"' && (letter != ' ' || isQuoted))
+        {
+            words.back() += letter;
+        }
+    }
+    return words;
+}
+
 } // namespace
 
 FakeConsole::FakeConsole()
 {
-    CLIClient::SetInitializeOverride(
+    CLIClient::s_initializeOverride.Set(
         [](const CLIClient::Descriptors& commands, const CLIClient::Handler& handler)
         {
             s_commands = commands;
@@ -26,7 +52,7 @@ FakeConsole::FakeConsole()
 
 FakeConsole::~FakeConsole()
 {
-    CLIClient::SetInitializeOverride(nullptr);
+    CLIClient::s_initializeOverride.Set(nullptr);
     Forget();
 }
 
@@ -38,20 +64,18 @@ void FakeConsole::Forget()
 
 std::string FakeConsole::Type(const std::string& line) const
 {
-    std::vector<std::string> words;
-    std::string error;
-    const std::size_t size =
-        Console::SplitWords(line, words, error) ? Console::CommandTable(s_commands).Match(words) : 0;
+    std::list<std::string> arguments = WordsOf(line);
     std::string command;
-    for (std::size_t at = 0; at < size; ++at)
-    {
-        command += (at > 0 ? " " : "") + words[at];
-    }
     std::string response;
-    const auto argument = words.begin() + static_cast<std::ptrdiff_t>(size);
-    if (size == 0 || !s_handler(command, std::list<std::string>(argument, words.end()), response))
+    const auto isRegistered = [&command](const auto& each) { return each->command == Lower(command); };
+    while (!arguments.empty() && std::none_of(s_commands.begin(), s_commands.end(), isRegistered))
     {
-        throw std::runtime_error("no such command: " + line + ' ' + error);
+        command += (command.empty() ? "" : " ") + arguments.front();
+        arguments.pop_front();
+    }
+    if (std::none_of(s_commands.begin(), s_commands.end(), isRegistered) || !s_handler(command, arguments, response))
+    {
+        throw std::runtime_error("no such command: " + line);
     }
     return response;
 }

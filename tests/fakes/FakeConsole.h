@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// The debug console as a test types at it, in the place of the socket for as long as it lives. One at a time.
+/// Replaces the debug console's socket while it exists: a test calls the registered commands. One at a time.
 ///
 ///     FakeConsole console;
 ///     controller->Initialize();
@@ -17,9 +17,10 @@ public:
     FakeConsole(const FakeConsole&) = delete;
     FakeConsole& operator=(const FakeConsole&) = delete;
 
-    /// The response, on the calling thread. Throws std::runtime_error where the command is none, or is refused.
+    /// Runs a command on the calling thread and returns its response. No registered command may be the beginning of
+    /// another. Throws std::runtime_error if the command is unknown or is not executed.
     std::string Type(const std::string& line) const;
     const CLIClient::Descriptors& Commands() const;
-    /// Lets go of what the service registered.
+    /// Releases the registered commands and their handler.
     void Forget();
 };

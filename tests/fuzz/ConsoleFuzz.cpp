@@ -1,8 +1,6 @@
-/// Lines of the console's socket, down to what the debug commands make of them.
-///
-/// An input is any number of lines.
+/// Fuzzes the lines of the console's socket and the debug commands behind them. An input has any number of lines.
 #include "interfaces/DiscoveryServicePorticoClientIF.h"
-#include "platform/console/LineAnswerer.h"
+#include "platform/console/RequestHandler.h"
 #include "service/DebugCommands.h"
 #include "service/DiscoveryServiceCliClient.h"
 #include "tests/fakes/FakeDiscovery.h"
@@ -23,7 +21,7 @@ using Fuzz::Require;
 namespace
 {
 
-/// What is announced has a JSON form, which is how it goes out.
+/// Requires that each announced product has a JSON form, in which the gateway gets it.
 class Gateway final : public DiscoveryServicePorticoClientIF
 {
 public:
@@ -35,12 +33,12 @@ public:
     }
 };
 
-/// One service for each input: what was made up before does not count.
-std::unique_ptr<Console::LineAnswerer> MakeService()
+/// Creates a new service for each input, so that testing products of earlier inputs have no effect.
+std::unique_ptr<Console::RequestHandler> MakeService()
 {
-    static std::unique_ptr<Console::LineAnswerer> s_made;
-    CLIClient::SetInitializeOverride([](const CLIClient::Descriptors& commands, const CLIClient::Handler& handler)
-                                     { s_made = std::make_unique<Console::LineAnswerer>(commands, handler); });
+    static std::unique_ptr<Console::RequestHandler> s_made;
+    CLIClient::s_initializeOverride.Set([](const CLIClient::Descriptors& commands, const CLIClient::Handler& handler)
+                                        { s_made = std::make_unique<Console::RequestHandler>(commands, handler); });
     static std::unique_ptr<DiscoveryServiceCliClient> s_client;
     s_client = std::make_unique<DiscoveryServiceCliClient>(nullptr);
     for (const DebugCommands::Command& command : DebugCommands::Table())
@@ -61,13 +59,13 @@ std::unique_ptr<Console::LineAnswerer> MakeService()
 
 void Check(const std::string& answer)
 {
-    Require(answer.find('\n') == std::string::npos, "an answer of several lines");
+    Require(answer.find('\n') == std::string::npos, "a response of several lines");
     const nlohmann::json object = nlohmann::json::parse(answer, nullptr, false);
     Require(object.is_object() && object.contains("ok") && object["ok"].is_boolean() && object.contains("response") &&
                 object["response"].is_string(),
-            "no answer");
+            "not a response");
     const std::string response = object["response"];
-    Require(object["ok"] || !response.empty(), "an error without a word");
+    Require(object["ok"] || !response.empty(), "an error without a text");
     Require(object["ok"] || (response.rfind(" failed: ") == std::string::npos || response.starts_with("unknown")),
             "a command that throws");
     Require(response != "Command not found", "a command without a key");
@@ -78,13 +76,13 @@ void Check(const std::string& answer)
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
 {
     Fuzz::Log("6");
-    const std::unique_ptr<Console::LineAnswerer> service = MakeService();
+    const std::unique_ptr<Console::RequestHandler> service = MakeService();
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     while (!rest.empty())
     {
         const std::size_t end = std::min(rest.find('\n'), rest.size());
         const Fuzz::TimeLimit limit;
-        Check(service->Answer(std::string(rest.substr(0, end))));
+        Check(service->Handle(std::string(rest.substr(0, end))));
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     return 0;

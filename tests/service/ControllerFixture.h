@@ -17,7 +17,7 @@
 #include <memory>
 #include <string>
 
-/// The controller with everything that it owns faked, in the order in which they were called.
+/// The controller with fakes of all objects that it owns. They record their calls in m_calls.
 class ControllerFixture : public testing::Test
 {
 protected:
@@ -102,5 +102,5 @@ private:
         }
     };
 
-    static inline ControllerFixture* s_fixture = nullptr; ///< factories are plain functions
+    static inline ControllerFixture* s_fixture = nullptr; ///< for the factories, which are functions without state
 };

@@ -26,7 +26,7 @@ const std::string kWren = "FRIENDLYNAME: wren IP: 1:1:1:1 GUID: g1\n( 1 products
 const std::string kNoTesting = "\n ---  Testing devices list -----\n" + kNothing;
 const std::string kAddWren = "adddevice guid=g1 friendlyname=wren ipaddress=1:1:1:1";
 
-/// A part of the answer to "mdns list".
+/// The part of the response to "mdns list" for one type.
 std::string Remote(const std::string& type, const std::string& rows)
 {
     return "---  Remote devices list  for service name :" + type + "----- \n" + rows;
@@ -49,7 +49,7 @@ Sonarix::ProductList ListOf(const std::vector<std::string>& guids)
     return list;
 }
 
-/// What is typed goes the whole way through the controller's own registration.
+/// Runs commands as the controller has registered them.
 class DebugCommandsTest : public ControllerFixture
 {
 protected:
@@ -64,7 +64,7 @@ protected:
         m_calls.clear();
         return m_console.Type("sonarix " + line);
     }
-    /// What `line` set going.
+    /// Returns the calls that `line` causes.
     std::vector<std::string> Effect(const std::string& line)
     {
         Type(line);
@@ -81,7 +81,7 @@ protected:
 
 } // namespace
 
-TEST_F(DebugCommandsTest, AllCommandsAreRegisteredInOrderAndAnswered)
+TEST_F(DebugCommandsTest, CommandsAreRegisteredInOrder)
 {
     std::string registered;
     for (const auto& command : m_console.Commands())
@@ -96,7 +96,7 @@ TEST_F(DebugCommandsTest, AllCommandsAreRegisteredInOrderAndAnswered)
     EXPECT_EQ(m_console.Commands().at(5)->help, "Add device(s) to the list");
     EXPECT_THAT(m_console.Commands().at(12)->usage, HasSubstr("ecosystem= orb2  modelname=wren"));
 
-    // Where there is nothing to work on, no key is a fault.
+    // Without any protocol, each key has a response.
     const auto alone = std::make_shared<DebugCommands>(DebugCommands::Context{});
     for (int key = -1; key < 17; ++key)
     {
@@ -105,7 +105,7 @@ TEST_F(DebugCommandsTest, AllCommandsAreRegisteredInOrderAndAnswered)
     }
 }
 
-TEST_F(DebugCommandsTest, CommandsAreKnownByTheirWordsAloneAndOnce)
+TEST_F(DebugCommandsTest, CommandTextIsUniqueWithoutCaseAndBlanks)
 {
     LogCapture log;
     DiscoveryServiceCliClient client(nullptr);
@@ -121,7 +121,7 @@ TEST_F(DebugCommandsTest, CommandsAreKnownByTheirWordsAloneAndOnce)
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 3U) << log.Text();
 }
 
-TEST_F(DebugCommandsTest, SsdpIsStartedAndStoppedByTheConsolesOwnIdea)
+TEST_F(DebugCommandsTest, SsdpStartAndStopUseTheConsolesOwnFlag)
 {
     m_ssdp->list = ListOf({"a"});
     m_ssdp->list.mutable_products(0)->mutable_productinfo()->set_ecosystem("ORB2");
@@ -137,7 +137,7 @@ TEST_F(DebugCommandsTest, SsdpIsStartedAndStoppedByTheConsolesOwnIdea)
     EXPECT_EQ(Type("ssdp stop"), "");
     EXPECT_THAT(m_calls, ElementsAre("ssdp Stop", "gateway OFFLINE g1", "ipc OFFLINE g1"));
 
-    Up("eth0"); // starts it, and the console does not know
+    Up("eth0"); // the controller starts SSDP; the console's flag is unchanged
     EXPECT_EQ(Type("ssdp list"), "( SSDP not running - here is the Testing device list )\n" + kNothing);
     Type("ssdp " + kAddWren);
     EXPECT_EQ(Type("SSDP   Stop"), "SSDP discovery is already stopped\n( Here is the Testng device list )\n" + kWren);
@@ -145,7 +145,7 @@ TEST_F(DebugCommandsTest, SsdpIsStartedAndStoppedByTheConsolesOwnIdea)
     EXPECT_THAT(Effect("ssdp start"), ElementsAre("ssdp Start eth0"));
 }
 
-TEST_F(DebugCommandsTest, MdnsIsStartedAndStoppedLikewise)
+TEST_F(DebugCommandsTest, MdnsStartAndStopUseTheConsolesOwnFlag)
 {
     EXPECT_EQ(Type("mdns start"), "MDNS discovery is already running");
     Type("mdns " + kAddWren);
@@ -160,13 +160,13 @@ TEST_F(DebugCommandsTest, MdnsIsStartedAndStoppedLikewise)
     EXPECT_THAT(Effect("mdns start"), ElementsAre("mdns Start"));
 }
 
-TEST_F(DebugCommandsTest, MadeUpProductsAreAnnouncedToGatewayAndSocketsInOrder)
+TEST_F(DebugCommandsTest, TestingProductsAreAnnouncedInOrder)
 {
     EXPECT_EQ(Type("ssdp adddevice friendlyname=old guid=g1 nonsense=1 FRIENDLYNAME=x"),
               "FRIENDLYNAME: old IP:  GUID: g1\n( 1 products )\n");
     EXPECT_THAT(m_calls, ElementsAre("gateway ONLINE g1", "ipc ONLINE g1"));
     EXPECT_EQ(Type("ssdp adddevice guid=g1=more friendlyname=wren ipaddress=1:1:1:1"), kWren)
-        << "the same guid is the same product, and all of it is new";
+        << "the information of the product with that guid is replaced";
     Type("ssdp adddevice guid=g2 friendlyname=\"Living Room\" ipaddress=2:2:2:2");
     EXPECT_EQ(Type("ssdp removedevice 9:9:9:9 ipaddress=1:1:1:1"),
               "FRIENDLYNAME: wren IP: 1:1:1:1 GUID: g1\n"
@@ -175,7 +175,7 @@ TEST_F(DebugCommandsTest, MadeUpProductsAreAnnouncedToGatewayAndSocketsInOrder)
     EXPECT_EQ(Type("ssdp removedevice 2:2:2:2 1:1:1:1"), kNothing);
     EXPECT_THAT(m_calls, ElementsAre("gateway OFFLINE g2", "ipc OFFLINE g2", "gateway OFFLINE g1", "ipc OFFLINE g1"));
 
-    // The two lists are apart, and mDNS alone clears what it has found, after what was made up.
+    // The protocols have separate lists. Only mDNS also announces the products that it has found.
     Type("mdns adddevice guid=g3");
     EXPECT_EQ(Type("ssdp removedevice 1:1:1:1"), kNothing);
     EXPECT_EQ(Type("mdns clearall _b._tcp"), "Offline device list cleared");
@@ -185,7 +185,7 @@ TEST_F(DebugCommandsTest, MadeUpProductsAreAnnouncedToGatewayAndSocketsInOrder)
                                      "gateway OFFLINE a", "ipc OFFLINE a", "gateway OFFLINE b", "ipc OFFLINE b"));
 }
 
-TEST_F(DebugCommandsTest, SsdpClearallGoesByTheLengthOfTheOtherListAndNeverPastTheEnd)
+TEST_F(DebugCommandsTest, SsdpClearallAnnouncesMinOfBothListsTwice)
 {
     Type("ssdp adddevice guid=g1");
     Type("ssdp adddevice guid=g2");
@@ -200,17 +200,17 @@ TEST_F(DebugCommandsTest, SsdpClearallGoesByTheLengthOfTheOtherListAndNeverPastT
     EXPECT_THAT(Effect("ssdp clearall"), ElementsAre("ssdp GetProductList"));
 }
 
-TEST_F(DebugCommandsTest, MdnsListWaitsASecondForEachTypeAndMayBeAnsweredLater)
+TEST_F(DebugCommandsTest, MdnsListWaitsOneSecondPerType)
 {
     m_simulation.Schedule(std::chrono::milliseconds(900), [this] { m_mdns->AnswerList(ListOf({"a"})); });
     const auto begin = m_simulation.NowMs();
     const std::string renderers = Remote("_kova-lanyard._tcp", Found("a"));
-    EXPECT_EQ(Type("mdns list"), renderers + kNoTesting) << "the clocks do not answer";
+    EXPECT_EQ(Type("mdns list"), renderers + kNoTesting) << "no answer for the clock type";
     EXPECT_EQ(m_simulation.NowMs() - begin, 1900);
     EXPECT_THAT(m_calls, ElementsAre("mdns GetProductList _kova-lanyard._tcp", "mdns GetProductList _kova-clock._tcp"));
     EXPECT_TRUE(m_mdns->AnswerList(ListOf({"late"})));
 
-    // While the clocks are waited for, an answer about the renderers is none about them.
+    // A late answer for the renderers does not end the wait for the clocks.
     m_simulation.Schedule(std::chrono::milliseconds(1500), [this] { m_mdns->AnswerList(ListOf({"a"})); });
     m_simulation.Schedule(std::chrono::milliseconds(1600), [this] { m_mdns->AnswerList(ListOf({"b"})); });
     EXPECT_EQ(Type("mdns list"), renderers + Remote("_kova-clock._tcp", Found("b")) + kNoTesting);
@@ -228,7 +228,7 @@ TEST_F(DebugCommandsTest, MdnsListWaitsASecondForEachTypeAndMayBeAnsweredLater)
     EXPECT_THAT(m_calls, IsEmpty());
 }
 
-TEST_F(DebugCommandsTest, ServicesAreReadFromTheArgumentsWithAllElseInTheTxtRecord)
+TEST_F(DebugCommandsTest, ServiceArgumentsSetIdAndTxtRecord)
 {
     EXPECT_EQ(Type("mdns addservice type=_t._tcp. name=n domain=d guid=1 empty= guid=2=3 Name=x"), "");
     EXPECT_THAT(m_calls, ElementsAre(StartsWith("mdns AddService")));
@@ -241,7 +241,7 @@ TEST_F(DebugCommandsTest, ServicesAreReadFromTheArgumentsWithAllElseInTheTxtReco
     EXPECT_EQ(m_mdns->lastService.ShortDebugString(), "id { type: \"_t._tcp.\" }");
 }
 
-TEST_F(DebugCommandsTest, WrongArgumentsAreSkippedWithOneLine)
+TEST_F(DebugCommandsTest, InvalidArgumentsAreSkippedWithOneLine)
 {
     m_mdns->answerAtOnce.emplace();
     const char* const lines[] = {

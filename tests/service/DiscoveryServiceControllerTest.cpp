@@ -34,7 +34,7 @@ const NetManager::Protobuf::NetworkStatus kDown =
 class DiscoveryServiceControllerTest : public ControllerFixture
 {
 protected:
-    /// What `status` set going.
+    /// Returns the calls that `status` causes.
     std::vector<std::string> Effect(const NetManager::Protobuf::NetworkStatus& status)
     {
         m_calls.clear();
@@ -45,7 +45,7 @@ protected:
 
 } // namespace
 
-TEST_F(DiscoveryServiceControllerTest, ConstructionPreparesInitializeMakesTheRestAndTheEndStopsItInOrder)
+TEST_F(DiscoveryServiceControllerTest, InitializeStartsAndDestructorStopsInOrder)
 {
     EXPECT_THAT(m_calls, IsEmpty());
     m_controller->Initialize();
@@ -56,7 +56,7 @@ TEST_F(DiscoveryServiceControllerTest, ConstructionPreparesInitializeMakesTheRes
     EXPECT_THAT(m_calls, ElementsAre("mdns Stop", "ssdp Stop", "gateway Shutdown", "ipc Shutdown"));
 }
 
-TEST_F(DiscoveryServiceControllerTest, DiscoveryStartsAndStopsAtTheEdgesWithMdnsFirstBothTimes)
+TEST_F(DiscoveryServiceControllerTest, DiscoveryStartsAndStopsAtEdges)
 {
     EXPECT_THAT(Effect(kDown), IsEmpty()) << "down before any up";
     EXPECT_THAT(Effect(kUpWired), ElementsAre("mdns Start", "ssdp Start eth0", "mdns NetworkWentUp"));
@@ -83,12 +83,12 @@ TEST_F(DiscoveryServiceControllerTest, StatusWithoutAPrimaryInterfaceIsDown)
         EXPECT_EQ(m_controller->GetPrimaryInterfaceName(), "") << status;
     }
 
-    // An unset type, primary or of an interface, reads as the first one.
+    // An unset type, of `primary` or of an interface, has the first value of the enumeration.
     EXPECT_THAT(Effect(Status(R"({"isPrimaryUp":true,"interfaces":[{"name":"usb0"}]})")),
                 ElementsAre("mdns Start", "ssdp Start usb0", "mdns NetworkWentUp"));
 }
 
-TEST_F(DiscoveryServiceControllerTest, SsdpRunsFromEdgeToEdgeAndEndsBetweenMdnsAndTheGateway)
+TEST_F(DiscoveryServiceControllerTest, RealSsdpRunsBetweenEdges)
 {
     m_controller.reset();
     m_calls.clear();
@@ -96,7 +96,7 @@ TEST_F(DiscoveryServiceControllerTest, SsdpRunsFromEdgeToEdgeAndEndsBetweenMdnsA
     handler.calls = SharedCalls();
     SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
     m_controller = std::make_shared<DiscoveryServiceController>();
-    // The product's own object. It stays: its end would wait for that of its task, which nobody stops.
+    // The real SSDP object is leaked: its destructor would wait for its task, which does not stop.
     static auto& s_kept = *new std::shared_ptr<SsdpDiscoveryProtocolIF>;
     s_kept = m_controller->GetSsdpDiscoveryProtocol();
     ASSERT_NE(s_kept, nullptr);

@@ -22,7 +22,7 @@ using namespace SonarixService;
 TEST(EntryPointTest, CrashReportIsOneLineForEachFrame)
 {
     const LogCapture log("1");
-    // The trace is taken between the first line and the next: a fault in it leaves the first one behind.
+    // The start line is logged before the backtrace is taken, in case that faults.
     LogCrash(
         [&log]
         {
@@ -37,7 +37,7 @@ TEST(EntryPointTest, CrashReportIsOneLineForEachFrame)
                           "1 SonarixService: -------- SonarixService Shutting Down Cleanly where possible ---------\n");
 }
 
-TEST(EntryPointTest, ExceptionIsToldOnTheStandardLogStreamAndLeavesWithoutDestructors)
+TEST(EntryPointTest, ExceptionIsLoggedAndExitSkipsDestructors)
 {
     for (const std::string thrower : {"constructor", "Initialize"})
     {

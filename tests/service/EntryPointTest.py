@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The daemon as a process, with no system bus and no gateway that it could reach: its signals and its single instance.
+"""The daemon as a process, without system bus and gateway: its signals and its single instance.
 
 Usage: EntryPointTest.py PROGRAM
 """
@@ -22,7 +22,7 @@ class EntryPoint(unittest.TestCase):
         self.environment = {**os.environ, "SONARIX_RUN_DIR": folder.name, "SONARIX_ETC_DIR": folder.name + "/",
                             "SONARIX_MFG_DATA": none, "SONARIX_PRODUCT_CONFIG": none, "SONARIX_LOG": "4",
                             "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + none,
-                            # The crash handler allocates on purpose.
+                            # The crash handler is not async-signal-safe on purpose.
                             "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":report_signal_unsafe=0"}
 
     def start(self, *arguments, umask=-1):
@@ -37,16 +37,16 @@ class EntryPoint(unittest.TestCase):
         self.assertTrue(any("JoinTasks" in line for line in service.stderr), "ended before its start was done")
         return service
 
-    def test_fault_logs_its_frames_and_leaves_with_status_one(self):
+    def test_fault_logs_frames_and_exits_with_1(self):
         service = self.start_fully("--version", "--nonsense")  # arguments are ignored
         service.send_signal(signal.SIGSEGV)
         said = service.communicate(timeout=30)[1]
         self.assertEqual(service.returncode, 1)
-        # Any thread may be the one that faults; the handler is on its stack.
+        # Any thread may receive the signal; the handler runs on its stack.
         self.assertRegex(said, r"(?s)Segmentation Fault Start -.*SonarixService::LogCrash.*"
                                r"Segmentation Fault End -.*Shutting Down Cleanly where possible")
 
-    def test_term_and_int_end_it_by_signal_without_the_shutdown_sequence(self):
+    def test_sigterm_and_sigint_end_without_shutdown(self):
         for number in (signal.SIGTERM, signal.SIGINT):
             service = self.start_fully()
             service.send_signal(signal.SIGPIPE)  # ignored, as for a write to a closed socket
@@ -54,7 +54,7 @@ class EntryPoint(unittest.TestCase):
             self.assertNotIn("Shutdown", service.communicate(timeout=30)[1])
             self.assertEqual(service.returncode, -number)
 
-    def test_second_instance_says_who_holds_the_lock_and_leaves(self):
+    def test_second_instance_prints_lock_holder_and_exits(self):
         self.environment["SONARIX_RUN_DIR"] += "/a/run"
         first = self.start_fully(umask=0o077)
         self.assertEqual(stat.S_IMODE(os.stat(self.environment["SONARIX_RUN_DIR"]).st_mode), 0o755)
@@ -62,7 +62,7 @@ class EntryPoint(unittest.TestCase):
         self.assertRegex(second.communicate(timeout=30)[1],
                          rf"\A.*already running: process {first.pid} \(sonarix-service\) holds.*\n\Z")
         self.assertEqual(second.returncode, 1)
-        first.kill()  # a lock whose holder was killed is free
+        first.kill()  # the lock of a killed process is released
         first.wait()
         self.start_fully()
 

@@ -26,10 +26,11 @@ namespace
 FakePortico* s_portico = nullptr;
 NotifyTargetTaskIF* s_task = nullptr;
 
-/// Between the aggregator's construction and the gateway client's, as early as a request can come.
-std::shared_ptr<DiscoveryServicePorticoClientIF> MakeClientAfterAChildWasPosted(
-    NotifyTargetTaskIF* task, const std::shared_ptr<DiscoveryServiceControllerIF>& controller,
-    const std::shared_ptr<PorticoClientIF>& portico, const std::shared_ptr<DiscoveryServiceAggregatorIF>& aggregator)
+/// Posts a child after the aggregator and before the gateway client exist: the earliest time of a request.
+std::shared_ptr<DiscoveryServicePorticoClientIF>
+CreateClientAfterPostOfChild(NotifyTargetTaskIF* task, const std::shared_ptr<DiscoveryServiceControllerIF>& controller,
+                             const std::shared_ptr<PorticoClientIF>& portico,
+                             const std::shared_ptr<DiscoveryServiceAggregatorIF>& aggregator)
 {
     s_task = task;
     s_portico->Find("DiscoveryServiceOverPortico")
@@ -38,14 +39,14 @@ std::shared_ptr<DiscoveryServicePorticoClientIF> MakeClientAfterAChildWasPosted(
     static std::promise<void> s_isReached;
     IL::BreakThread([] { s_isReached.set_value(); }, task);
     EXPECT_EQ(s_isReached.get_future().wait_for(std::chrono::milliseconds(50)), std::future_status::timeout)
-        << "the task takes up its work after the construction";
+        << "the task is paused during the construction";
     return std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
 }
 
 } // namespace
 
-/// With threads: nothing that the start subscribes to meets a half-built system.
-TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
+/// With threads: no request is processed before all objects are constructed.
+TEST(StartWithRealTasksTest, ChildPostedDuringTheStartIsNotified)
 {
     const ForkedResult result = RunForked(
         []
@@ -62,11 +63,11 @@ TEST(StartWithRealTasksTest, ChildPostedInTheMiddleOfTheStartIsNotified)
                                                          { return nullptr; });
             DiscoveryServiceIPCServer::s_factoryOverride.Set(
                 [](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF> { return nullptr; });
-            DiscoveryServicePorticoClient::SetFactoryOverride(MakeClientAfterAChildWasPosted);
+            DiscoveryServicePorticoClient::SetFactoryOverride(CreateClientAfterPostOfChild);
 
             const auto controller = std::make_shared<DiscoveryServiceController>();
             controller->Initialize();
-            // Request, signal, merge, notification: each posts the next.
+            // The request is processed in four entries, of which each posts the next.
             for (int hop = 0; hop < 4; ++hop)
             {
                 std::promise<void> drained;

@@ -1,11 +1,12 @@
 #include <CLIClient.h>
 
 #include "platform/console/ConsoleProtocol.h"
-#include "platform/console/LineAnswerer.h"
 #include "platform/console/LineServer.h"
+#include "platform/console/RequestHandler.h"
 #include "runtime/DPrint.h"
 #include "runtime/SystemUtils.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/ThreadMutex.h"
 
 #include <atomic>
@@ -16,8 +17,6 @@ namespace
 
 const DPrint s_log("CLIClient");
 
-std::atomic<CLIClient::InitializeOverride> s_initialize{nullptr};
-
 } // namespace
 
 CLIClient::CLICmdDescriptor::CLICmdDescriptor(std::string commandText, std::string helpText, std::string usageText)
@@ -27,7 +26,7 @@ CLIClient::CLICmdDescriptor::CLICmdDescriptor(std::string commandText, std::stri
 {
 }
 
-/// What lives on the task, and outlives the client for as long as something of it is queued there.
+/// The part that runs on the task. Entries that are queued on the task hold it, so it may outlive the client.
 class CLIClient::Impl final : public std::enable_shared_from_this<Impl>
 {
 public:
@@ -52,11 +51,11 @@ public:
         }
     }
 
-    /// On any thread: afterwards no command starts.
+    /// Safe from any thread. No command starts after it returns.
     void End()
     {
         m_hasEnded = true;
-        Handler ended; // destroyed after the mutex is free again
+        Handler ended; // destroyed after the mutex is released
         {
             const ScopedMutex lock(m_mutex);
             ended.swap(m_handler);
@@ -68,33 +67,34 @@ public:
         }
         else if (task != nullptr)
         {
-            IL::BreakThread([self = shared_from_this()] { self->Close(); }, task); // a stop of the task closes too
+            IL::BreakThread([self = shared_from_this()] { self->Close(); },
+                            task); // dropped if the task has stopped; the stop notification has closed it then
         }
     }
 
 private:
     void Open(const Descriptors& descriptors)
     {
-        using Console::FormatAnswer;
+        TASK_CHECK(m_task);
+        using Console::FormatResponse;
         using Console::LineServer;
         if (m_hasEnded)
         {
             return;
         }
-        const auto run = [weak = weak_from_this()](const std::string& command, const std::list<std::string>& arguments,
-                                                   std::string& response)
-        {
-            const std::shared_ptr<Impl> self = weak.lock();
-            return self && self->Run(command, arguments, response);
-        };
-        const auto answerer = std::make_shared<const Console::LineAnswerer>(descriptors, run);
+        // The server's handler and the stop notification hold this object until Close(). If the client ends right after
+        // its task was stopped, the sockets must not be destroyed on the client's thread while the task serves them.
+        const auto run = [self = shared_from_this()](const std::string& command,
+                                                     const std::list<std::string>& arguments, std::string& response)
+        { return self->Run(command, arguments, response); };
+        const auto handler = std::make_shared<const Console::RequestHandler>(descriptors, run);
         const auto server = std::make_shared<LineServer>(
             m_task,
-            LineServer::Answers{
-                [answerer](const std::string& line) { return answerer->Answer(line); },
-                FormatAnswer(false, "a line of more than " + std::to_string(LineServer::kMaxLineBytes) + " bytes"),
-                FormatAnswer(false, "a line without its end"),
-                FormatAnswer(false, "too many consoles: " + std::to_string(LineServer::kMaxClients) + " are open")});
+            LineServer::Responses{
+                [handler](const std::string& line) { return handler->Handle(line); },
+                FormatResponse(false, "a line of more than " + std::to_string(LineServer::kMaxLineBytes) + " bytes"),
+                FormatResponse(false, "a line without its end"),
+                FormatResponse(false, "too many consoles: " + std::to_string(LineServer::kMaxClients) + " are open")});
         std::string error;
         if (!server->Open(SystemUtils::RunDir() + "/console", error))
         {
@@ -102,20 +102,20 @@ private:
             return;
         }
         m_server = server;
-        // Holds us until Close(): a client that ends right after its task was stopped must not take the sockets along
-        // on its own thread, while the task still serves them.
         m_stop = m_task.load()->ConnectStopNotification([self = shared_from_this()] { self->Close(); });
     }
 
     bool Run(const std::string& command, const std::list<std::string>& arguments, std::string& response)
     {
+        TASK_CHECK(m_task);
         const ScopedMutex lock(m_mutex);
-        const Handler handler = m_hasEnded ? nullptr : m_handler; // a copy: it may end the client
+        const Handler handler = m_hasEnded ? nullptr : m_handler; // a copy: the command may destroy the client
         return handler && handler(command, arguments, response);
     }
 
     void Broadcast(const std::string& text)
     {
+        TASK_CHECK(m_task);
         if (m_server)
         {
             m_server->Broadcast(Console::FormatAsync(text));
@@ -124,6 +124,7 @@ private:
 
     void Close()
     {
+        TASK_CHECK(m_task);
         const std::shared_ptr<Console::LineServer> server = std::move(m_server);
         m_server = nullptr;
         if (server)
@@ -154,7 +155,7 @@ CLIClient::~CLIClient()
 
 void CLIClient::Initialize(NotifyTargetTaskIF* task, const Descriptors& descriptors, const Handler& handler)
 {
-    if (const InitializeOverride initialize = s_initialize)
+    if (const auto initialize = s_initializeOverride.Get())
     {
         initialize(descriptors, handler);
         return;
@@ -165,9 +166,4 @@ void CLIClient::Initialize(NotifyTargetTaskIF* task, const Descriptors& descript
 void CLIClient::SendAsyncResponse(const std::string& text)
 {
     m_impl->Send(text);
-}
-
-void CLIClient::SetInitializeOverride(InitializeOverride initialize)
-{
-    s_initialize = initialize;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "runtime/FactoryOverride.h"
+
 #include <functional>
 #include <list>
 #include <memory>
@@ -8,48 +10,47 @@
 
 class NotifyTargetTaskIF;
 
-/// A service's end of the debug console: it says which commands the service knows, and is called when a person types
-/// one. Ours serves the console as the Unix socket `console` in SONARIX_RUN_DIR, see docs/console-protocol.md.
-/// Task: the handler is called on the task given to Initialize(), and the socket is served there; what is called here
-/// is safe from any thread.
-/// Owner: whoever knows the commands. Once destroyed it calls nobody; for that, the destructor waits for a command
-/// that is running on another thread.
-/// Never blocks on a person: one who does not read is left waiting, or dropped.
+/// The service's part of the debug console: registers commands and calls a handler when a user runs one. Our
+/// implementation serves the Unix socket `console` in SONARIX_RUN_DIR; docs/console-protocol.md describes it.
+/// Task: the handler and the socket run on the task given to Initialize(). All operations are safe from any thread.
+/// Owner: the object that handles the commands. The destructor waits for a command that runs on another thread; the
+/// handler is not called after destruction.
+/// Never blocks on a console that does not read: its next command waits, or its connection is closed.
 class CLIClient final
 {
 public:
-    /// What a person types and reads of one command. A value.
+    /// The texts of one command. A value.
     struct CLICmdDescriptor
     {
         CLICmdDescriptor(std::string commandText, std::string helpText, std::string usageText);
 
-        const std::string command; ///< its words, blanks between them; upper and lower case are the same
+        const std::string command; ///< its words, separated by blanks; case is ignored
         const std::string help;
         const std::string usage;
     };
     using Descriptors = std::vector<std::shared_ptr<CLICmdDescriptor>>;
 
-    /// `command`: the words of the command as they were typed, one blank between them; `arguments`: the words behind
-    /// them. Fills in `response`, of any length; false tells the person that it was not done.
+    /// `command` has the words of the command as typed, separated by one blank; `arguments` has the words after it.
+    /// Sets `response`, of any length. Returns false if the command was not executed.
     using Handler =
         std::function<bool(const std::string& command, const std::list<std::string>& arguments, std::string& response)>;
 
-    /// `name`: of the service, for log lines.
+    /// `name` is the name of the service in log lines.
     explicit CLIClient(const std::string& name);
     ~CLIClient();
     CLIClient(const CLIClient&) = delete;
     CLIClient& operator=(const CLIClient&) = delete;
 
-    /// Once. Returns at once; the console is there as soon as the task has got to it. Where it cannot be (the socket of
-    /// a living service stands there, no right to make it), one line of level 1 says so and the service goes without.
+    /// To be called once. Returns at once; an entry of the task opens the socket. If that fails (the socket of another
+    /// running service, missing permission), one line of level 1 is logged and there is no console.
     void Initialize(NotifyTargetTaskIF* task, const Descriptors& descriptors, const Handler& handler);
 
-    /// For every console that is open, without an order between this and the answer to a command.
+    /// Sends `text` to every open console. The order relative to responses is not defined.
     void SendAsyncResponse(const std::string& text);
 
-    /// In a test: Initialize() hands what it got to this, and opens nothing. Null in the product.
-    using InitializeOverride = void (*)(const Descriptors& descriptors, const Handler& handler);
-    static void SetInitializeOverride(InitializeOverride initialize);
+    /// If set, by a test, Initialize() calls this function and opens no socket.
+    static inline FactoryOverride<void (*)(const Descriptors& descriptors, const Handler& handler)>
+        s_initializeOverride;
 
 private:
     class Impl;

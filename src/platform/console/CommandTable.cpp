@@ -21,15 +21,15 @@ char Lower(char letter)
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
 }
 
-bool AreSame(const std::string& typed, const std::string& lower)
+bool IsSameWord(const std::string& typed, const std::string& lower)
 {
     return std::equal(typed.begin(), typed.end(), lower.begin(), lower.end(),
                       [](char left, char right) { return Lower(left) == right; });
 }
 
-bool Begins(const std::string& lower, const std::string& typed)
+bool HasPrefix(const std::string& lower, const std::string& typed)
 {
-    return typed.size() <= lower.size() && AreSame(typed, lower.substr(0, typed.size()));
+    return typed.size() <= lower.size() && IsSameWord(typed, lower.substr(0, typed.size()));
 }
 
 } // namespace
@@ -96,7 +96,7 @@ std::size_t Console::CommandTable::Match(const std::vector<std::string>& words) 
         const std::size_t size = command.words.size();
         if (size > longest && size <= words.size() &&
             std::equal(command.words.begin(), command.words.end(), words.begin(),
-                       [](const std::string& lower, const std::string& typed) { return AreSame(typed, lower); }))
+                       [](const std::string& lower, const std::string& typed) { return IsSameWord(typed, lower); }))
         {
             longest = size;
         }
@@ -104,7 +104,7 @@ std::size_t Console::CommandTable::Match(const std::vector<std::string>& words) 
     return longest;
 }
 
-CLIClient::Descriptors Console::CommandTable::Beginning(const std::vector<std::string>& words) const
+CLIClient::Descriptors Console::CommandTable::WithPrefix(const std::vector<std::string>& words) const
 {
     CLIClient::Descriptors found;
     for (const Command& command : m_commands)
@@ -112,7 +112,8 @@ CLIClient::Descriptors Console::CommandTable::Beginning(const std::vector<std::s
         bool fits = words.size() <= command.words.size();
         for (std::size_t at = 0; fits && at < words.size(); ++at)
         {
-            fits = at + 1 < words.size() ? AreSame(words[at], command.words[at]) : Begins(command.words[at], words[at]);
+            fits = at + 1 < words.size() ? IsSameWord(words[at], command.words[at])
+                                         : HasPrefix(command.words[at], words[at]);
         }
         if (fits)
         {

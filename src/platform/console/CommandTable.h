@@ -6,25 +6,25 @@
 #include <string>
 #include <vector>
 
-/// The words of what a person typed, and whose they are.
+/// Parsing of the debug console's command lines.
 namespace Console
 {
 
-/// Splits at blanks and tabs. Double quotes hold a word together, also in its middle (`name="Living Room"`), and within
-/// them a backslash takes a quote or a backslash as it is. False, with the reason in `error`: a quote without its end,
-/// another control character.
+/// Splits `text` at blanks and tabs. Double quotes may enclose a word or a part of it (`name="Living Room"`); between
+/// them, \" is a quote and \\ a backslash. Returns false, with the reason in `error`, for a quote without its end and
+/// for a control character other than a tab.
 [[nodiscard]] bool SplitWords(const std::string& text, std::vector<std::string>& words, std::string& error);
 
-/// The commands of a service. A value.
+/// The commands of a service. A value class.
 class CommandTable
 {
 public:
     explicit CommandTable(CLIClient::Descriptors descriptors);
 
-    /// How many of the words are those of the longest command that they begin with; 0 where there is none.
+    /// Finds the longest command that `words` begins with. Returns the number of its words; 0 if there is none.
     std::size_t Match(const std::vector<std::string>& words) const;
-    /// Those whose words begin with `words`, the last one perhaps unfinished, in the order of their registration.
-    CLIClient::Descriptors Beginning(const std::vector<std::string>& words) const;
+    /// Returns the commands that begin with `words`, whose last word may be incomplete, in the order of registration.
+    CLIClient::Descriptors WithPrefix(const std::vector<std::string>& words) const;
 
 private:
     struct Command

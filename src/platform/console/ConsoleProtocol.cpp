@@ -7,14 +7,14 @@ namespace
 
 using nlohmann::ordered_json;
 
-std::string Line(const ordered_json& object)
+std::string LineFromJson(const ordered_json& object)
 {
     return object.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
 } // namespace
 
-bool Console::ReadRequest(const std::string& line, Request& request, std::string& error)
+bool Console::RequestFromLine(const std::string& line, Request& request, std::string& error)
 {
     const nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
     if (!object.is_object())
@@ -29,25 +29,25 @@ bool Console::ReadRequest(const std::string& line, Request& request, std::string
         error = "a request has either \"command\" or \"help\"";
         return false;
     }
-    const auto& asked = command != object.end() ? command : help;
-    if (!asked->is_string())
+    const auto& found = command != object.end() ? command : help;
+    if (!found->is_string())
     {
-        error = '"' + asked.key() + "\" takes a text";
+        error = '"' + found.key() + "\" takes a text";
         return false;
     }
     request.kind = command != object.end() ? Request::Kind::COMMAND : Request::Kind::HELP;
-    request.text = asked->get<std::string>();
+    request.text = found->get<std::string>();
     return true;
 }
 
-std::string Console::FormatAnswer(bool isOk, const std::string& response)
+std::string Console::FormatResponse(bool isOk, const std::string& response)
 {
-    return Line({{"ok", isOk}, {"response", response}});
+    return LineFromJson({{"ok", isOk}, {"response", response}});
 }
 
 std::string Console::FormatAsync(const std::string& text)
 {
-    return Line({{"async", text}});
+    return LineFromJson({{"async", text}});
 }
 
 std::string Console::FormatCommands(const CLIClient::Descriptors& descriptors)
@@ -58,5 +58,5 @@ std::string Console::FormatCommands(const CLIClient::Descriptors& descriptors)
         commands.push_back(
             {{"command", descriptor->command}, {"help", descriptor->help}, {"usage", descriptor->usage}});
     }
-    return Line({{"ok", true}, {"response", ""}, {"commands", commands}});
+    return LineFromJson({{"ok", true}, {"response", ""}, {"commands", commands}});
 }

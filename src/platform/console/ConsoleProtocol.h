@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// The lines of the console's socket, see docs/console-protocol.md: one JSON object each, here without its end.
+/// The lines of the console's socket, without '\n': one JSON object each. docs/console-protocol.md describes them.
 namespace Console
 {
 
@@ -16,14 +16,14 @@ struct Request
         HELP,
     };
     Kind kind = Kind::COMMAND;
-    std::string text; ///< UTF-8: what was typed, or the beginning of the commands that are asked for
+    std::string text; ///< UTF-8: the command line, or the prefix of the commands to list
 };
 
-/// False, with the reason in `error`, for any bytes that are no request.
-[[nodiscard]] bool ReadRequest(const std::string& line, Request& request, std::string& error);
+/// Returns false, with the reason in `error`, if `line` is not a request.
+[[nodiscard]] bool RequestFromLine(const std::string& line, Request& request, std::string& error);
 
-/// Texts that are not UTF-8 come out with U+FFFD in the place of each wrong byte.
-std::string FormatAnswer(bool isOk, const std::string& response);
+/// U+FFFD replaces each invalid byte of the texts.
+std::string FormatResponse(bool isOk, const std::string& response);
 std::string FormatAsync(const std::string& text);
 std::string FormatCommands(const CLIClient::Descriptors& descriptors);
 

@@ -2,7 +2,9 @@
 
 #include "base/ListeningSocket.h"
 #include "runtime/DPrint.h"
+#include "runtime/Liveness.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/TaskIo.h"
 
 #include <boost/asio/buffer.hpp>
@@ -30,9 +32,9 @@ using ErrorCode = boost::system::error_code;
 
 const DPrint s_log("CLIClient");
 
-constexpr mode_t kFileMode = 0600; ///< who may connect may do everything
+constexpr mode_t kFileMode = 0600; ///< every client may run every command
 
-/// "process 123, user 0".
+/// Returns "process 123, user 0".
 std::string PeerOf(Protocol::socket& socket)
 {
     ucred peer = {};
@@ -46,14 +48,16 @@ std::string PeerOf(Protocol::socket& socket)
 
 } // namespace
 
-/// One client. The handlers in flight and the server hold it; once closed it does nothing.
-class LineServer::Session final : public std::enable_shared_from_this<Session>
+/// A connected client. The server and the pending handlers hold it. After Close() it does nothing.
+class LineServer::Client final : public std::enable_shared_from_this<Client>
 {
 public:
-    Session(Protocol::socket socket, const std::shared_ptr<LineServer>& server, const Answers& answers)
-        : m_socket(std::move(socket))
+    Client(NotifyTargetTaskIF* task, Protocol::socket socket, const std::shared_ptr<LineServer>& server,
+           const Responses& responses)
+        : m_task(task)
+        , m_socket(std::move(socket))
         , m_server(server)
-        , m_answers(answers)
+        , m_responses(responses)
         , m_peer(PeerOf(m_socket))
     {
     }
@@ -75,10 +79,10 @@ public:
         return m_waiting.size() + m_sending.size();
     }
 
-    /// Takes the next step: answers a line that is there already, or reads on.
+    /// Handles the next line if it has been received and the last response is sent; else reads.
     void Next()
     {
-        const std::shared_ptr<LineServer> server = m_server.lock(); // a line may end it
+        const std::shared_ptr<LineServer> server = m_server.lock(); // a command may destroy the server
         if (m_isReading || UnreadBytes() > 0 || !m_socket.is_open() || !server)
         {
             return;
@@ -87,10 +91,10 @@ public:
         switch (TakeLine(line))
         {
         case Found::LINE:
-            Send(m_answers.line(line));
+            Send(m_responses.handle(line));
             break;
         case Found::TOO_LONG:
-            Send(m_answers.tooLong);
+            Send(m_responses.tooLong);
             break;
         case Found::NOTHING:
             Read();
@@ -112,7 +116,7 @@ private:
         TOO_LONG,
     };
 
-    /// Out of what has come. The bytes of a line that is too long go as they come.
+    /// Takes a line from the received bytes. The bytes of a line that is too long are discarded as they arrive.
     Found TakeLine(std::string& line)
     {
         const std::size_t end = m_input.find('\n', m_searched);
@@ -146,6 +150,7 @@ private:
 
     void HandleRead(const ErrorCode& error, std::size_t size)
     {
+        TASK_CHECK(m_task);
         m_isReading = false;
         m_input.append(m_buffer.data(), size);
         if (!error)
@@ -157,7 +162,7 @@ private:
             m_isEnding = true;
             if (error == asio::error::eof && !m_input.empty() && !m_isSkipping)
             {
-                Send(m_answers.cut);
+                Send(m_responses.cut);
             }
             EndIfSent();
         }
@@ -177,7 +182,8 @@ private:
 
     void HandleSent(const ErrorCode& error)
     {
-        m_sending = std::string(); // gives a large answer's memory back
+        TASK_CHECK(m_task);
+        m_sending = std::string(); // frees the memory of a large response
         if (error)
         {
             m_isEnding = true;
@@ -197,47 +203,52 @@ private:
         }
     }
 
+    [[maybe_unused]] NotifyTargetTaskIF* const m_task; ///< for TASK_CHECK
     Protocol::socket m_socket;
     const std::weak_ptr<LineServer> m_server;
-    const Answers& m_answers; ///< of the server, used only while it has this session open
+    const Responses& m_responses; ///< owned by the server; used while the server holds this client
     const std::string m_peer;
     std::array<char, 4096> m_buffer{};
-    std::string m_input;        ///< read, not yet answered
-    std::size_t m_searched = 0; ///< so much of it holds no line's end
+    std::string m_input;        ///< received, not yet handled
+    std::size_t m_searched = 0; ///< these first bytes of m_input contain no '\n'
     std::string m_sending;
     std::string m_waiting;
     bool m_isReading = false;
-    bool m_isSkipping = false; ///< the rest of a line that was too long
+    bool m_isSkipping = false; ///< the rest of a line that is too long is discarded
     bool m_isEnding = false;
 };
 
 struct LineServer::Impl
 {
-    Impl(NotifyTargetTaskIF* givenTask, Answers givenAnswers)
+    Impl(NotifyTargetTaskIF* givenTask, Responses givenResponses)
         : task(givenTask)
-        , answers(std::move(givenAnswers))
+        , responses(std::move(givenResponses))
     {
     }
 
     NotifyTargetTaskIF* const task;
-    const Answers answers;
+    const Responses responses;
     std::unique_ptr<ListeningSocket> file;
     std::unique_ptr<Protocol::acceptor> acceptor;
     std::unique_ptr<asio::steady_timer> pause;
-    std::vector<std::shared_ptr<Session>> sessions;
-    bool isToldOfPause = false;
-    bool isToldOfRefusal = false;
+    std::vector<std::shared_ptr<Client>> clients;
+    bool hasLoggedPause = false;
+    bool hasLoggedRefusal = false;
 };
 
-LineServer::LineServer(NotifyTargetTaskIF* task, Answers answers)
-    : m_impl(std::make_unique<Impl>(task, std::move(answers)))
+LineServer::LineServer(NotifyTargetTaskIF* task, Responses responses)
+    : m_impl(std::make_unique<Impl>(task, std::move(responses)))
 {
 }
 
-LineServer::~LineServer() = default;
+LineServer::~LineServer()
+{
+    TASK_CHECK(m_impl->task);
+}
 
 bool LineServer::Open(const std::string& path, std::string& error)
 {
+    TASK_CHECK(m_impl->task);
     auto file = std::make_unique<ListeningSocket>();
     error = file->Open(path, kFileMode);
     if (!error.empty())
@@ -256,19 +267,20 @@ bool LineServer::Open(const std::string& path, std::string& error)
 
 void LineServer::Accept()
 {
+    TASK_CHECK(m_impl->task);
     m_impl->acceptor->async_wait(Protocol::acceptor::wait_read,
-                                 [weak = weak_from_this()](const ErrorCode& error)
-                                 {
-                                     const std::shared_ptr<LineServer> self = weak.lock();
-                                     if (self && !error && self->m_impl->acceptor)
-                                     {
-                                         self->Take();
-                                     }
-                                 });
+                                 Liveness::Weakly(shared_from_this(),
+                                                  [](LineServer& self, const ErrorCode& error)
+                                                  {
+                                                      if (!error && self.m_impl->acceptor)
+                                                      {
+                                                          self.AcceptOne();
+                                                      }
+                                                  }));
 }
 
-/// One client, then everybody else's turn.
-void LineServer::Take()
+/// Accepts one client, then returns to the task's queue.
+void LineServer::AcceptOne()
 {
     ErrorCode error;
     Protocol::socket socket(m_impl->acceptor->get_executor());
@@ -280,71 +292,72 @@ void LineServer::Take()
     }
     if (error)
     {
-        if (!std::exchange(m_impl->isToldOfPause, true))
+        if (!std::exchange(m_impl->hasLoggedPause, true))
         {
-            DPRINT(s_log, DPrint::LEVEL_WARNING, "no console can be opened for now: " << error.message());
+            DPRINT(s_log, DPrint::LEVEL_WARNING, "accepting consoles pauses: " << error.message());
         }
         m_impl->pause->expires_after(kAcceptPause);
-        m_impl->pause->async_wait(
-            [weak = weak_from_this()](const ErrorCode& cancelled)
-            {
-                const std::shared_ptr<LineServer> self = weak.lock();
-                if (self && !cancelled && self->m_impl->acceptor)
-                {
-                    self->Accept();
-                }
-            });
+        m_impl->pause->async_wait(Liveness::Weakly(shared_from_this(),
+                                                   [](LineServer& self, const ErrorCode& cancelled)
+                                                   {
+                                                       if (!cancelled && self.m_impl->acceptor)
+                                                       {
+                                                           self.Accept();
+                                                       }
+                                                   }));
         return;
     }
-    m_impl->isToldOfPause = false;
-    if (m_impl->sessions.size() >= kMaxClients)
+    m_impl->hasLoggedPause = false;
+    if (m_impl->clients.size() >= kMaxClients)
     {
-        const std::string line = m_impl->answers.tooMany + '\n'; // a new socket has room for it
+        const std::string line = m_impl->responses.tooMany + '\n'; // fits into the send buffer of a new socket
         [[maybe_unused]] const ssize_t sent =
             ::send(socket.native_handle(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (!std::exchange(m_impl->isToldOfRefusal, true)) // one who tries again and again gets no line each time
+        if (!std::exchange(m_impl->hasLoggedRefusal, true)) // one log line per series of refusals
         {
             DPRINT(s_log, DPrint::LEVEL_WARNING, "refused " << PeerOf(socket) << ": " << kMaxClients << " are open");
         }
     }
     else
     {
-        m_impl->isToldOfRefusal = false;
-        const auto session = std::make_shared<Session>(std::move(socket), shared_from_this(), m_impl->answers);
-        m_impl->sessions.push_back(session);
-        DPRINT(s_log, DPrint::LEVEL_DEBUG, session->Peer() << " opened the console");
-        session->Next();
+        m_impl->hasLoggedRefusal = false;
+        const auto client =
+            std::make_shared<Client>(m_impl->task, std::move(socket), shared_from_this(), m_impl->responses);
+        m_impl->clients.push_back(client);
+        DPRINT(s_log, DPrint::LEVEL_DEBUG, client->Peer() << " opened the console");
+        client->Next();
     }
     Accept();
 }
 
 void LineServer::Broadcast(const std::string& line)
 {
-    for (const std::shared_ptr<Session>& session : std::vector(m_impl->sessions))
+    TASK_CHECK(m_impl->task);
+    for (const std::shared_ptr<Client>& client : std::vector(m_impl->clients))
     {
-        if (session->UnreadBytes() > kMaxUnreadBytes)
+        if (client->UnreadBytes() > kMaxUnreadBytes)
         {
-            DPRINT(s_log, DPrint::LEVEL_WARNING, "dropped " << session->Peer() << ": it does not read");
-            Drop(session, "was dropped");
+            DPRINT(s_log, DPrint::LEVEL_WARNING, "dropped " << client->Peer() << ": it does not read");
+            Drop(client, "was dropped");
             continue;
         }
-        session->Send(line);
+        client->Send(line);
     }
 }
 
-void LineServer::Drop(const std::shared_ptr<Session>& session, const std::string& why)
+void LineServer::Drop(const std::shared_ptr<Client>& client, const std::string& why)
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, session->Peer() << ' ' << why);
-    session->Close();
-    m_impl->sessions.erase(std::remove(m_impl->sessions.begin(), m_impl->sessions.end(), session),
-                           m_impl->sessions.end());
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, client->Peer() << ' ' << why);
+    client->Close();
+    m_impl->clients.erase(std::remove(m_impl->clients.begin(), m_impl->clients.end(), client), m_impl->clients.end());
 }
 
 void LineServer::Close()
 {
-    for (const std::shared_ptr<Session>& session : std::exchange(m_impl->sessions, {}))
+    TASK_CHECK(m_impl->task);
+    for (const std::shared_ptr<Client>& client : std::exchange(m_impl->clients, {}))
     {
-        session->Close();
+        client->Close();
     }
     m_impl->acceptor.reset();
     m_impl->pause.reset();

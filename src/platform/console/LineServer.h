@@ -11,51 +11,48 @@ class NotifyTargetTaskIF;
 namespace Console
 {
 
-/// A Unix socket on which each line gets one line as its answer. Knows nothing of what the lines say.
-/// Task: everything, the destructor too, is on `task`, which serves the sockets; only the construction may be
-/// elsewhere. Owner: a std::shared_ptr.
+/// Serves a Unix stream socket on which each line gets a one-line response. Independent of the lines' content.
+/// Task: everything but the constructor runs on `task`, which serves the sockets. Owner: a std::shared_ptr.
 ///
-/// Design: a client is asked for its next line only when the answer to the last one has gone out, so that one who does
-/// not read costs an answer and no more. What the service sends by itself is all that can pile up, and is bounded.
-/// Between two lines of one client everybody else has his turn, the task's own entries included.
+/// Design: a client's next line is read after the response to its last line has been sent, so a client that does not
+/// read costs one response. Only broadcasts can queue up, up to kMaxUnreadBytes.
+/// Returns to the task's queue after each line, so one client cannot starve the others.
 class LineServer final : public std::enable_shared_from_this<LineServer>
 {
 public:
-    using Answer = std::function<std::string(const std::string& line)>; ///< both without the line's end
-
-    struct Answers
+    struct Responses ///< all lines are without '\n'
     {
-        Answer line;         ///< for each line
-        std::string tooLong; ///< for one of more than kMaxLineBytes
-        std::string cut;     ///< for one that the client left without its end
-        std::string tooMany; ///< for a client beyond kMaxClients, who gets nothing else
+        std::function<std::string(const std::string& line)> handle; ///< called for each line
+        std::string tooLong;                                        ///< to a line of more than kMaxLineBytes
+        std::string cut;                                            ///< to a last line without '\n'
+        std::string tooMany; ///< to a client beyond kMaxClients, which is then disconnected
     };
 
-    LineServer(NotifyTargetTaskIF* task, Answers answers);
+    LineServer(NotifyTargetTaskIF* task, Responses responses);
     ~LineServer();
     LineServer(const LineServer&) = delete;
     LineServer& operator=(const LineServer&) = delete;
 
-    /// False, with the reason in `error`, where there can be no socket; see ListeningSocket.
+    /// Returns false, with the reason in `error`, if the socket cannot be created; see ListeningSocket.
     [[nodiscard]] bool Open(const std::string& path, std::string& error);
-    /// To every client.
+    /// Sends `line` to every client.
     void Broadcast(const std::string& line);
-    /// Drops the clients and removes the file. Nothing is called from then on.
+    /// Disconnects the clients and removes the file. No callback runs afterwards.
     void Close();
 
     static constexpr std::size_t kMaxLineBytes = std::size_t{64} << 10U;
     static constexpr std::size_t kMaxClients = 16;
-    /// A client for whom more than this waits at a broadcast is dropped.
+    /// A client is disconnected if more than this is queued for it at a broadcast.
     static constexpr std::size_t kMaxUnreadBytes = std::size_t{1} << 20U;
-    /// Pause in accepting when descriptors or memory have run out.
+    /// Accepting pauses for this time when descriptors or memory have run out.
     static constexpr std::chrono::milliseconds kAcceptPause{500};
 
 private:
-    class Session;
+    class Client;
     struct Impl;
     void Accept();
-    void Take();
-    void Drop(const std::shared_ptr<Session>& session, const std::string& why);
+    void AcceptOne();
+    void Drop(const std::shared_ptr<Client>& client, const std::string& why);
 
     std::unique_ptr<Impl> m_impl;
 };

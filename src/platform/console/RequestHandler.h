@@ -8,14 +8,15 @@
 namespace Console
 {
 
-/// From a line of the socket to the line that answers it. On the task of the commands.
-class LineAnswerer
+/// Executes the request in a line of the socket and formats the response. Task: that of the commands.
+class RequestHandler
 {
 public:
-    LineAnswerer(CLIClient::Descriptors descriptors, CLIClient::Handler handler);
+    RequestHandler(CLIClient::Descriptors descriptors, CLIClient::Handler handler);
 
-    /// Any bytes, without a line's end. An exception out of the handler is an answer too.
-    std::string Answer(const std::string& line) const;
+    /// `line` may contain any bytes but '\n'. If the command throws, the response is an error with the exception's
+    /// text.
+    std::string Handle(const std::string& line) const;
 
 private:
     std::string Run(const std::string& text) const;

@@ -34,7 +34,7 @@ using testing::StartsWith;
 namespace
 {
 
-/// A person's end of the socket, byte by byte.
+/// A client of the console's socket that sends any bytes.
 class RawConsole
 {
 public:
@@ -45,7 +45,7 @@ public:
         if (!m_socket.Open() ||
             ::setsockopt(m_socket.Descriptor(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0)
         {
-            throw std::runtime_error("nobody at " + path);
+            throw std::runtime_error("no service at " + path);
         }
     }
     void Send(const std::string& bytes)
@@ -53,18 +53,18 @@ public:
         m_socket.Send(bytes);
     }
 
-    /// As much as the socket takes without waiting.
+    /// Sends repeatedly until the socket would block.
     void SendUntilFull(const std::string& bytes) const
     {
         while (::send(m_socket.Descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
         {
         }
     }
-    void SendNoMore() const
+    void CloseSending() const
     {
         ::shutdown(m_socket.Descriptor(), SHUT_WR);
     }
-    /// Nothing at the end, or after ten seconds.
+    /// Returns the next line; nothing at the end of the stream and after 10 s.
     std::optional<std::string> Line()
     {
         std::size_t end = 0;
@@ -79,14 +79,14 @@ public:
         m_read.erase(0, end + 1);
         return line;
     }
-    std::string Ask(const std::string& line)
+    std::string Request(const std::string& line)
     {
         Send(line + '\n');
         return Line().value_or("nothing");
     }
     std::string Run(const std::string& command)
     {
-        return Ask(R"({"command":")" + command + R"("})");
+        return Request(R"({"command":")" + command + R"("})");
     }
 
 private:
@@ -94,7 +94,7 @@ private:
     std::string m_read;
 };
 
-/// A service of five commands, which echoes its arguments.
+/// A console with five commands that echo their arguments.
 class CLIClientTest : public testing::Test
 {
 protected:
@@ -141,7 +141,7 @@ protected:
     {
         return m_directory.Path() + "/console";
     }
-    static std::string Answer(const std::string& response)
+    static std::string Response(const std::string& response)
     {
         return R"({"ok":true,"response":")" + response + R"("})";
     }
@@ -158,31 +158,30 @@ protected:
 
 } // namespace
 
-TEST_F(CLIClientTest, LongestCommandIsTakenAndTheRestAreItsArguments)
+TEST_F(CLIClientTest, LongestCommandRunsWithTheRestAsArguments)
 {
     Open();
-    RawConsole person(Path());
-    EXPECT_EQ(person.Run("lamp"), Answer("lamp"));
-    EXPECT_EQ(person.Run("  LAMP\\tOn   slow "), Answer("LAMP On[slow]"));
-    EXPECT_EQ(person.Run("lamp on slowly"), Answer("lamp on slowly"));
-    EXPECT_EQ(person.Run("lamp a=\\\"b  c\\\"d \\\"\\\" \\\"\\\\\\\"\\\\\\\\\\\""),
-              Answer("lamp[a=b  cd][][\\\"\\\\]"));
-    EXPECT_EQ(person.Run("lamp refuse"), Error("lamp[refuse]"));
-    EXPECT_EQ(person.Run("fail"), Error("fail failed: lamp broken\uFFFD"));
-    EXPECT_EQ(person.Run("lam"), Error("unknown command: lam"));
-    EXPECT_EQ(person.Run(""), Error("no command"));
-    EXPECT_EQ(person.Ask(R"({"help":"lamp o"})"),
+    RawConsole client(Path());
+    EXPECT_EQ(client.Run("lamp"), Response("lamp"));
+    EXPECT_EQ(client.Run("  LAMP\\tOn   slow "), Response("LAMP On[slow]"));
+    EXPECT_EQ(client.Run("lamp on slowly"), Response("lamp on slowly"));
+    EXPECT_EQ(client.Run("lamp a=\\\"b  c\\\"d \\\"\\\" \\\"\\\\\\\"\\\\\\\\\\\""),
+              Response("lamp[a=b  cd][][\\\"\\\\]"));
+    EXPECT_EQ(client.Run("lamp refuse"), Error("lamp[refuse]"));
+    EXPECT_EQ(client.Run("fail"), Error("fail failed: lamp broken\uFFFD"));
+    EXPECT_EQ(client.Run("lam"), Error("unknown command: lam"));
+    EXPECT_EQ(client.Run(""), Error("no command"));
+    EXPECT_EQ(client.Request(R"({"help":"lamp o"})"),
               R"({"ok":true,"response":"","commands":[)"
               R"({"command":"lamp on","help":"help \"x\"","usage":"lamp on WORD"},)"
               R"({"command":"lamp on slowly","help":"help \"x\"","usage":"lamp on slowly WORD"}]})");
-    EXPECT_EQ(person.Ask(R"({"help":"nothing"})"), R"({"ok":true,"response":"","commands":[]})");
+    EXPECT_EQ(client.Request(R"({"help":"nothing"})"), R"({"ok":true,"response":"","commands":[]})");
 }
 
-TEST_F(CLIClientTest, BadLinesGetOneErrorEachAndNobodyElseNotices)
+TEST_F(CLIClientTest, InvalidLineGetsOneError)
 {
     Open();
     RawConsole bad(Path());
-    RawConsole good(Path());
     const std::string lines[] = {
         "",
         "x",
@@ -202,12 +201,18 @@ TEST_F(CLIClientTest, BadLinesGetOneErrorEachAndNobodyElseNotices)
     };
     for (const std::string& line : lines)
     {
-        EXPECT_THAT(bad.Ask(line), StartsWith(R"({"ok":false,"response":")")) << line;
+        EXPECT_THAT(bad.Request(line), StartsWith(R"({"ok":false,"response":")")) << line;
     }
     const std::string large(std::size_t{1} << 20U, 'x');
-    EXPECT_EQ(bad.Ask(large), Error("a line of more than 65536 bytes"));
-    EXPECT_EQ(bad.Ask(R"({"command":"lamp"})" + std::string(65'518, ' ')), Answer("lamp"));
+    EXPECT_EQ(bad.Request(large), Error("a line of more than 65536 bytes"));
+    EXPECT_EQ(bad.Request(R"({"command":"lamp"})" + std::string(65'518, ' ')), Response("lamp"));
+}
 
+TEST_F(CLIClientTest, RandomBytesGetOneErrorPerLine)
+{
+    Open();
+    RawConsole bad(Path());
+    RawConsole good(Path());
     std::minstd_rand random(7);
     std::string bytes(100'000, '\0');
     std::size_t ends = 0;
@@ -222,57 +227,61 @@ TEST_F(CLIClientTest, BadLinesGetOneErrorEachAndNobodyElseNotices)
         EXPECT_THAT(bad.Line().value_or("nothing"), StartsWith(R"({"ok":false)"));
     }
     sender.wait();
-    EXPECT_EQ(bad.Run("lamp"), Answer("lamp"));
+    EXPECT_EQ(bad.Run("lamp"), Response("lamp"));
+    EXPECT_EQ(good.Run("lamp"), Response("lamp"));
+}
 
-    // A line cut off is no command, whole though its text may be; those before it are answered all the same.
+TEST_F(CLIClientTest, LastLineWithoutItsEndIsNotExecuted)
+{
+    Open();
+    RawConsole bad(Path());
     bad.Send(R"({"command":"lamp on"})"
              "\n"
              R"({"command":"lamp"})");
-    bad.SendNoMore();
-    EXPECT_EQ(bad.Line(), Answer("lamp on"));
+    bad.CloseSending();
+    EXPECT_EQ(bad.Line(), Response("lamp on"));
     EXPECT_EQ(bad.Line(), Error("a line without its end"));
     EXPECT_EQ(bad.Line(), std::nullopt);
-    EXPECT_EQ(good.Run("lamp"), Answer("lamp"));
 }
 
-TEST_F(CLIClientTest, HundredConsolesAreSixteenAndOneThatNeverReadsCostsAnAnswer)
+TEST_F(CLIClientTest, ClientsAreLimitedAndNeedNotRead)
 {
     Open();
     {
-        std::vector<std::unique_ptr<RawConsole>> people;
+        std::vector<std::unique_ptr<RawConsole>> clients;
         for (int at = 0; at < 100; ++at)
         {
-            people.push_back(std::make_unique<RawConsole>(Path()));
+            clients.push_back(std::make_unique<RawConsole>(Path()));
         }
-        for (std::size_t at = 0; at < people.size(); ++at)
+        for (std::size_t at = 0; at < clients.size(); ++at)
         {
-            EXPECT_EQ(people[at]->Run("lamp"), at < 16 ? Answer("lamp") : Error("too many consoles: 16 are open"))
+            EXPECT_EQ(clients[at]->Run("lamp"), at < 16 ? Response("lamp") : Error("too many consoles: 16 are open"))
                 << at;
         }
     }
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << m_log.Text();
-    // Their places are free again as soon as the task has heard of their ends.
+    // The places are free when the task has processed all disconnections.
     for (int at = 0; at < 16; ++at)
     {
         EXPECT_TRUE(m_log.WaitFor("has gone")) << m_log.Text();
     }
-    std::unique_ptr<RawConsole> mute;
+    std::unique_ptr<RawConsole> silent;
     std::unique_ptr<RawConsole> good;
     for (int attempt = 0; attempt < 100 && !good; ++attempt)
     {
         m_task.Drain();
-        mute = std::make_unique<RawConsole>(Path());
+        silent = std::make_unique<RawConsole>(Path());
         good = std::make_unique<RawConsole>(Path());
-        if (good->Run("lamp") != Answer("lamp"))
+        if (good->Run("lamp") != Response("lamp"))
         {
             good.reset();
         }
     }
     ASSERT_TRUE(good);
 
-    mute->SendUntilFull(R"({"command":"large"})"
-                        "\n");
-    EXPECT_EQ(good->Run("lamp"), Answer("lamp"));
+    silent->SendUntilFull(R"({"command":"large"})"
+                          "\n");
+    EXPECT_EQ(good->Run("lamp"), Response("lamp"));
     const std::string text(std::size_t{256} << 10U, 'a');
     for (int at = 0; at < 8; ++at)
     {
@@ -280,10 +289,10 @@ TEST_F(CLIClientTest, HundredConsolesAreSixteenAndOneThatNeverReadsCostsAnAnswer
         EXPECT_EQ(good->Line(), R"({"async":")" + text + R"("})");
     }
     EXPECT_TRUE(m_log.WaitFor("it does not read"));
-    EXPECT_EQ(good->Run("lamp"), Answer("lamp"));
+    EXPECT_EQ(good->Run("lamp"), Response("lamp"));
 }
 
-TEST_F(CLIClientTest, LivingSocketIsNeverReplacedAndItsFileIsItsOwners)
+TEST_F(CLIClientTest, SocketInUseIsKeptAndFileHasMode0600)
 {
     Open();
     struct stat status = {};
@@ -296,99 +305,102 @@ TEST_F(CLIClientTest, LivingSocketIsNeverReplacedAndItsFileIsItsOwners)
     EXPECT_TRUE(m_log.Contains("second has no debug console: ")) << m_log.Text();
     second.reset();
     m_task.Drain();
-    EXPECT_EQ(RawConsole(Path()).Run("lamp"), Answer("lamp"));
+    EXPECT_EQ(RawConsole(Path()).Run("lamp"), Response("lamp"));
 
     m_client.reset();
     m_task.Drain();
-    EXPECT_FALSE(std::filesystem::exists(Path())) << "removed at the end";
+    EXPECT_FALSE(std::filesystem::exists(Path())) << "removed with the client";
 
-    const int stranger = ::open(m_directory.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_EQ(::flock(stranger, LOCK_EX), 0) << "who may read the folder does not hold up the task for good";
+    const int lock = ::open(m_directory.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::flock(lock, LOCK_EX), 0) << "a lock by another process must not block the task for good";
     Open();
-    ::close(stranger);
-    EXPECT_EQ(RawConsole(Path()).Run("lamp"), Answer("lamp"));
+    ::close(lock);
+    EXPECT_EQ(RawConsole(Path()).Run("lamp"), Response("lamp"));
 }
 
-TEST_F(CLIClientTest, EndWaitsForTheCommandThatRunsAndNothingIsCalledAfterwards)
+TEST_F(CLIClientTest, DestructorWaitsForTheRunningCommand)
 {
     m_client = std::make_unique<CLIClient>("slow");
     Watched<int> calls;
-    std::promise<void> goOn;
+    std::promise<void> proceed;
     const auto command = std::make_shared<CLIClient::CLICmdDescriptor>("wait", "", "");
     m_client->Initialize(
         m_task.Get(), {command},
-        [&, over = goOn.get_future().share()](const std::string&, const std::list<std::string>&, std::string&)
+        [&, over = proceed.get_future().share()](const std::string&, const std::list<std::string>&, std::string&)
         {
             calls.Change([](int& count) { ++count; });
             over.wait();
             return true;
         });
     m_task.Drain();
-    RawConsole person(Path());
-    person.Send(R"({"command":"wait"})"
+    RawConsole client(Path());
+    client.Send(R"({"command":"wait"})"
                 "\n"
                 R"({"command":"wait"})"
                 "\n");
     ASSERT_TRUE(calls.WaitFor(1));
     auto end = std::async(std::launch::async, [this] { m_client.reset(); });
     EXPECT_EQ(end.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    goOn.set_value();
+    proceed.set_value();
     end.wait();
-    while (person.Line())
+    while (client.Line())
     {
     }
     m_task.Drain();
-    EXPECT_EQ(calls.Get(), 1);
+    EXPECT_EQ(calls.Get(), 1) << "the second command must not start";
+}
 
-    // A task that stops takes the console along, and a client may outlive it.
+TEST_F(CLIClientTest, ConsoleClosesWhenItsTaskStops)
+{
     Open();
     RawConsole other(Path());
-    EXPECT_EQ(other.Run("lamp"), Answer("lamp"));
+    EXPECT_EQ(other.Run("lamp"), Response("lamp"));
     m_task.StopAndJoin();
     EXPECT_EQ(other.Line(), std::nullopt);
     EXPECT_FALSE(std::filesystem::exists(Path()));
     m_client->SendAsyncResponse("late");
 }
 
-TEST_F(CLIClientTest, ConsoleEndsOnItsTaskThoughTheClientGoesFirst)
+TEST_F(CLIClientTest, StoppedTaskClosesConsoleAfterClientEnd)
 {
     Open();
-    RawConsole person(Path());
-    EXPECT_EQ(person.Run("lamp"), Answer("lamp"));
-    std::promise<void> isHeldUp;
-    std::promise<void> goOn;
+    RawConsole client(Path());
+    EXPECT_EQ(client.Run("lamp"), Response("lamp"));
+    std::promise<void> isBlocked;
+    std::promise<void> proceed;
     IL::BreakThread(
         [&]
         {
-            isHeldUp.set_value();
-            goOn.get_future().wait();
+            isBlocked.set_value();
+            proceed.get_future().wait();
         },
         m_task.Get());
-    isHeldUp.get_future().wait();
+    isBlocked.get_future().wait();
     IL::StopTask(m_task.Get());
     m_client.reset();
-    EXPECT_TRUE(std::filesystem::exists(Path())) << "the task still serves it";
-    goOn.set_value();
-    EXPECT_EQ(person.Line(), std::nullopt);
+    EXPECT_TRUE(std::filesystem::exists(Path())) << "the task is still blocked";
+    proceed.set_value();
+    EXPECT_EQ(client.Line(), std::nullopt);
     m_task.StopAndJoin();
     EXPECT_FALSE(std::filesystem::exists(Path()));
 }
 
-TEST_F(CLIClientTest, AcceptingGoesOnWhenDescriptorsAreFreeAgain)
+TEST_F(CLIClientTest, AcceptingContinuesWhenDescriptorsAreFree)
 {
     Open();
     RawConsole first(Path());
-    EXPECT_EQ(first.Run("lamp"), Answer("lamp"));
+    EXPECT_EQ(first.Run("lamp"), Response("lamp"));
     rlimit before = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int next = ::dup(0); // the lowest free one
+    const int next = ::dup(0); // the lowest free descriptor
     ::close(next);
     rlimit tight = before;
-    tight.rlim_cur = static_cast<rlim_t>(next) + 1; // enough for this end of a connection, none for the other
+    tight.rlim_cur =
+        static_cast<rlim_t>(next) + 1; // enough for the client's end of a connection, not for the service's
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
     RawConsole second(Path());
-    EXPECT_TRUE(m_log.WaitFor("no console can be opened for now"));
-    EXPECT_EQ(first.Run("lamp"), Answer("lamp"));
+    EXPECT_TRUE(m_log.WaitFor("accepting consoles pauses"));
+    EXPECT_EQ(first.Run("lamp"), Response("lamp"));
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_EQ(second.Run("lamp"), Answer("lamp"));
+    EXPECT_EQ(second.Run("lamp"), Response("lamp"));
 }
