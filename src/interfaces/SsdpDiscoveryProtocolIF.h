@@ -22,7 +22,7 @@ class SsdpDiscoveryProtocolIF : public std::enable_shared_from_this<SsdpDiscover
 public:
     virtual ~SsdpDiscoveryProtocolIF() = default;
 
-    /// `interfaceName` is the primary interface, such as "eth0".
+    /// `interfaceName` is the primary interface, for example "eth0".
     virtual void Start(const std::string& interfaceName) = 0;
     virtual void Stop() = 0;
     virtual CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) = 0;

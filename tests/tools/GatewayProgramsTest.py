@@ -72,7 +72,7 @@ class GatewayPrograms(unittest.TestCase):
     def start_gateway(self, *words):
         gateway = self.start("portico-gateway", *words)
         end = time.monotonic() + LIMIT
-        while portico("get", "/nobody").returncode == 3:
+        while portico("get", "/unserved").returncode == 3:
             self.assertLess(time.monotonic(), end, "the gateway does not answer")
         return gateway
 
@@ -100,8 +100,8 @@ class GatewayPrograms(unittest.TestCase):
         for words in (["get", "/x"], ["watch", "/x"], ["post", "/x", "{}"]):
             self.check(3, "portico: no gateway at localhost:8084; is it running?\n", "portico", *words)
         self.start_gateway()
-        self.check(1, "404", "portico", "post", "/nobody", "-", input='{"a": 1}')
-        self.check(2, "", "portico", "post", "/nobody", "-", input="{")
+        self.check(1, "404", "portico", "post", "/unserved", "-", input='{"a": 1}')
+        self.check(2, "", "portico", "post", "/unserved", "-", input="{")
         self.check(1, "Address already in use", "portico-gateway", "--lan-port", "0")
         self.check(1, "Address already in use", "portico-gateway", "--port", "0")
         self.check(1, "/nowhere/ca.pem", "portico-gateway", "--port", "0", "--lan-port", "0", "--tls-dir", "/nowhere")

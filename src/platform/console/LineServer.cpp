@@ -1,8 +1,8 @@
 #include "platform/console/LineServer.h"
 
 #include "base/ListeningSocket.h"
+#include "runtime/AcceptLoop.h"
 #include "runtime/DPrint.h"
-#include "runtime/Liveness.h"
 #include "runtime/Task.h"
 #include "runtime/TaskCheck.h"
 #include "runtime/TaskIo.h"
@@ -10,7 +10,6 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 
 #include <algorithm>
@@ -229,10 +228,8 @@ struct LineServer::Impl
     NotifyTargetTaskIF* const task;
     const Responses responses;
     std::unique_ptr<ListeningSocket> file;
-    std::unique_ptr<Protocol::acceptor> acceptor;
-    std::unique_ptr<asio::steady_timer> pause;
+    std::unique_ptr<IL::AcceptLoop> acceptLoop;
     std::vector<std::shared_ptr<Client>> clients;
-    bool hasLoggedPause = false;
     bool hasLoggedRefusal = false;
 };
 
@@ -256,58 +253,23 @@ bool LineServer::Open(const std::string& path, std::string& error)
         error = path + ": " + error;
         return false;
     }
-    asio::io_context& io = IL::IoContextOf(m_impl->task);
-    m_impl->acceptor = std::make_unique<Protocol::acceptor>(io, Protocol(), file->Release());
-    m_impl->acceptor->non_blocking(true);
-    m_impl->pause = std::make_unique<asio::steady_timer>(io);
+    // Form 3 of Liveness: destroying the loop on the task, as Close() and the destructor do, ends its callbacks.
+    auto acceptLoop = std::make_unique<IL::AcceptLoop>(m_impl->task, "CLIClient", "console",
+                                                       [this](int descriptor) { AddClient(descriptor); });
+    error = acceptLoop->Start(file->Release());
+    if (!error.empty())
+    {
+        return false;
+    }
+    m_impl->acceptLoop = std::move(acceptLoop);
     m_impl->file = std::move(file);
-    Accept();
     return true;
 }
 
-void LineServer::Accept()
+void LineServer::AddClient(int descriptor)
 {
     TASK_CHECK(m_impl->task);
-    m_impl->acceptor->async_wait(Protocol::acceptor::wait_read,
-                                 Liveness::Weakly(shared_from_this(),
-                                                  [](LineServer& self, const ErrorCode& error)
-                                                  {
-                                                      if (!error && self.m_impl->acceptor)
-                                                      {
-                                                          self.AcceptOne();
-                                                      }
-                                                  }));
-}
-
-/// Accepts one client, then returns to the task's queue.
-void LineServer::AcceptOne()
-{
-    ErrorCode error;
-    Protocol::socket socket(m_impl->acceptor->get_executor());
-    m_impl->acceptor->accept(socket, error);
-    if (error == asio::error::would_block || error == asio::error::connection_aborted)
-    {
-        Accept();
-        return;
-    }
-    if (error)
-    {
-        if (!std::exchange(m_impl->hasLoggedPause, true))
-        {
-            DPRINT(s_log, DPrint::LEVEL_WARNING, "accepting consoles pauses: " << error.message());
-        }
-        m_impl->pause->expires_after(kAcceptPause);
-        m_impl->pause->async_wait(Liveness::Weakly(shared_from_this(),
-                                                   [](LineServer& self, const ErrorCode& cancelled)
-                                                   {
-                                                       if (!cancelled && self.m_impl->acceptor)
-                                                       {
-                                                           self.Accept();
-                                                       }
-                                                   }));
-        return;
-    }
-    m_impl->hasLoggedPause = false;
+    Protocol::socket socket(IL::IoContextOf(m_impl->task), Protocol(), descriptor);
     if (m_impl->clients.size() >= kMaxClients)
     {
         const std::string line = m_impl->responses.tooMany + '\n'; // fits into the send buffer of a new socket
@@ -317,17 +279,14 @@ void LineServer::AcceptOne()
         {
             DPRINT(s_log, DPrint::LEVEL_WARNING, "refused " << PeerOf(socket) << ": " << kMaxClients << " are open");
         }
+        return;
     }
-    else
-    {
-        m_impl->hasLoggedRefusal = false;
-        const auto client =
-            std::make_shared<Client>(m_impl->task, std::move(socket), shared_from_this(), m_impl->responses);
-        m_impl->clients.push_back(client);
-        DPRINT(s_log, DPrint::LEVEL_DEBUG, client->Peer() << " opened the console");
-        client->Next();
-    }
-    Accept();
+    m_impl->hasLoggedRefusal = false;
+    const auto client =
+        std::make_shared<Client>(m_impl->task, std::move(socket), shared_from_this(), m_impl->responses);
+    m_impl->clients.push_back(client);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, client->Peer() << " opened the console");
+    client->Next();
 }
 
 void LineServer::Broadcast(const std::string& line)
@@ -359,8 +318,7 @@ void LineServer::Close()
     {
         client->Close();
     }
-    m_impl->acceptor.reset();
-    m_impl->pause.reset();
+    m_impl->acceptLoop.reset();
     m_impl->file.reset();
 }
 

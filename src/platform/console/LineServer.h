@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -44,14 +43,11 @@ public:
     static constexpr std::size_t kMaxClients = 16;
     /// A client is disconnected if more than this is queued for it at a broadcast.
     static constexpr std::size_t kMaxUnreadBytes = std::size_t{1} << 20U;
-    /// Accepting pauses for this time when descriptors or memory have run out.
-    static constexpr std::chrono::milliseconds kAcceptPause{500};
 
 private:
     class Client;
     struct Impl;
-    void Accept();
-    void AcceptOne();
+    void AddClient(int descriptor);
     void Drop(const std::shared_ptr<Client>& client, const std::string& why);
 
     std::unique_ptr<Impl> m_impl;

@@ -399,7 +399,7 @@ TEST_F(CLIClientTest, AcceptingContinuesWhenDescriptorsAreFree)
         static_cast<rlim_t>(next) + 1; // enough for the client's end of a connection, not for the service's
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
     RawConsole second(Path());
-    EXPECT_TRUE(m_log.WaitFor("accepting consoles pauses"));
+    EXPECT_TRUE(m_log.WaitFor("accepting pauses"));
     EXPECT_EQ(first.Run("lamp"), Response("lamp"));
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(second.Run("lamp"), Response("lamp"));

@@ -35,7 +35,7 @@ bool Options::Parse(int argc, const char* const* argv)
         optind = next == 1 ? 0 : next; // 0 restarts getopt_long
         const std::string element = next < argc ? argv[next] : "";
         int index = -1;
-        // '-': words are returned in order, as 1. ':': a missing value is told from an unknown option.
+        // '-': getopt_long returns words in order, as 1. ':': it returns ':' for a missing value, else '?'.
         const int found = getopt_long(argc, arguments.data(), "-:hV", known.data(), &index);
         const bool isLong = element.starts_with("--");
         const std::string name = isLong ? element.substr(2, element.find('=') - 2) : "";

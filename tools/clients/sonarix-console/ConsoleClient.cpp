@@ -214,7 +214,7 @@ ExitStatus ConsoleClient::LoadCommands()
     return response.isOk ? EXIT_DONE : EXIT_ERROR_RESPONSE;
 }
 
-/// Prints what the service sends while a line is edited.
+/// Prints the async lines that arrive while a line is edited.
 void ConsoleClient::ReadAsync()
 {
     for (std::string line;;)

@@ -62,7 +62,7 @@ bool ReadType(const std::string& word, Command& command, std::string& error)
     command.type = word;
     if (!IsServiceType(word))
     {
-        error = "\"" + word + "\" is no service type, such as _kova-clock._tcp";
+        error = "\"" + word + "\" is no service type, for example _kova-clock._tcp";
         return false;
     }
     return true;
@@ -148,7 +148,7 @@ bool SetField(const std::string& word, SonarixPb::DeviceInfo& device, std::strin
     const auto* const field = device.GetDescriptor()->FindFieldByName(word.substr(0, equals));
     if (equals == std::string::npos || field == nullptr || field->type() != field->TYPE_STRING)
     {
-        error = "\"" + word + "\" is no FIELD=VALUE of a device, such as friendlyname=Kitchen";
+        error = "\"" + word + "\" is no FIELD=VALUE of a device, for example friendlyname=Kitchen";
         return false;
     }
     device.GetReflection()->SetString(&device, field, word.substr(equals + 1));

@@ -56,7 +56,7 @@ std::string DescribeError(const IPCMessageEnvelope& answer)
     {
         return "that it rejects the request";
     }
-    return IsResponse(answer, error) ? Quoted(error.message()) : "what is no answer to that";
+    return IsResponse(answer, error) ? Quoted(error.message()) : "with an unexpected message";
 }
 
 } // namespace
