@@ -140,6 +140,11 @@ int main(int argc, char** argv)
         std::fputs(kUsage, isUnderstood ? stdout : stderr);
         return isUnderstood ? 0 : 2;
     }
+    if (options.WantsVersion())
+    {
+        std::puts("simulation-soak " SONARIX_VERSION);
+        return 0;
+    }
     const auto number = [&options](const std::string& option, std::uint64_t otherwise)
     { return std::strtoull(options.Get(option, std::to_string(otherwise)).c_str(), nullptr, 10); };
     if (options.Get("seed"))
