@@ -67,8 +67,8 @@ public:
         }
         else if (task != nullptr)
         {
-            IL::BreakThread([self = shared_from_this()] { self->Close(); },
-                            task); // dropped if the task has stopped; the stop notification has closed it then
+            // If the task has stopped, this entry is dropped: the stop notification has closed the console.
+            IL::BreakThread([self = shared_from_this()] { self->Close(); }, task);
         }
     }
 
