@@ -10,13 +10,13 @@
 #include <utility>
 #include <vector>
 
-/// What a test sees of one connection; its connection lives on the task of its Ends.
+/// One connection and what its handlers got. The connection is used on the task of its WebSocketEnds.
 struct WebSocketEnd
 {
     std::shared_ptr<WebSocket::Connection> connection; ///< on the task only
     Watched<bool> isOpen{false};
     Watched<std::vector<std::string>> messages;
-    Watched<std::vector<std::string>> closed; ///< the reasons: never more than one
+    Watched<std::vector<std::string>> closed; ///< the reasons: at most one
 
     bool WaitForMessages(std::size_t count) const
     {
@@ -34,7 +34,7 @@ struct WebSocketEnd
     }
 };
 
-/// A listener and its connections, all on one task.
+/// A listener and its connections, on one task.
 class WebSocketEnds
 {
 public:
@@ -74,7 +74,7 @@ public:
         task.Run([&] { end->connection = WebSocket::Connect(task.Get(), target, end->Record(), limits); });
         return end;
     }
-    /// Waits for it; throws where it does not come.
+    /// Waits for the connection. Throws if it does not come.
     std::shared_ptr<WebSocketEnd> Accepted(std::size_t index = 0) const
     {
         accepted.WaitUntil([index](const auto& all) { return all.size() > index; });
@@ -90,5 +90,5 @@ public:
 
 private:
     std::shared_ptr<WebSocket::Listener> m_listener;
-    std::vector<std::shared_ptr<WebSocketEnd>> m_connected; ///< die after the task's end
+    std::vector<std::shared_ptr<WebSocketEnd>> m_connected; ///< destroyed after the task has ended
 };

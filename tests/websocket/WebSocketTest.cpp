@@ -2,7 +2,7 @@
 
 #include "tests/support/LogCapture.h"
 #include "tests/websocket/WebSocketEnds.h"
-#include "tests/websocket/WebSocketRawClient.h"
+#include "tests/websocket/support/WebSocketRawClient.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ using testing::SizeIs;
 namespace
 {
 
-TEST(WebSocket, CarriesMessagesInOrderBothWays)
+TEST(WebSocket, MessagesArriveInOrderBothWays)
 {
     WebSocketEnds ends;
     const auto client = ends.Connect(ends.Here());
@@ -46,7 +46,7 @@ TEST(WebSocket, CarriesMessagesInOrderBothWays)
     ends.task.Run([&] { EXPECT_EQ(client->connection->QueuedBytes(), 0U); });
 }
 
-TEST(WebSocket, RefusesWhatItWasNotToldToSpeak)
+TEST(WebSocket, RequestWithoutAKnownSubProtocolIsRefused)
 {
     WebSocketEnds ends;
     const auto client = ends.Connect(ends.Here("other"));
@@ -66,7 +66,7 @@ TEST(WebSocket, RefusesWhatItWasNotToldToSpeak)
     EXPECT_THAT(ends.accepted.Get(), SizeIs(0));
 }
 
-TEST(WebSocket, EndsAtFramesThatAreTooBigOrNoText)
+TEST(WebSocket, FrameThatIsTooLargeOrNotTextEndsTheConnection)
 {
     WebSocketEnds ends({.maxMessageBytes = 100});
     const std::vector<std::pair<std::string, std::string>> cases = {
@@ -90,7 +90,7 @@ TEST(WebSocket, EndsAtFramesThatAreTooBigOrNoText)
     }
 }
 
-TEST(WebSocket, DropsAPeerThatDoesNotRead)
+TEST(WebSocket, PeerThatDoesNotReadIsDropped)
 {
     const std::size_t limit = 1U << 20U;
     WebSocketEnds ends({.maxQueuedBytes = limit});
@@ -108,7 +108,7 @@ TEST(WebSocket, DropsAPeerThatDoesNotRead)
     EXPECT_LE(highest, limit);
 }
 
-TEST(WebSocket, LimitsTheTimeOfAHandshakeAndAcceptsAgainWhenAPlaceIsFree)
+TEST(WebSocket, HandshakeTimeoutFreesAConnectionOfTheLimit)
 {
     WebSocket::ListenOptions options;
     options.maxConnections = 2;
@@ -125,11 +125,11 @@ TEST(WebSocket, LimitsTheTimeOfAHandshakeAndAcceptsAgainWhenAPlaceIsFree)
     EXPECT_TRUE(patient->isOpen.WaitFor(true));
 }
 
-TEST(WebSocket, TellsOfAPeerThatIsNotThereAndOfOneThatGoes)
+TEST(WebSocket, AbsentAndLostPeersAreReported)
 {
     WebSocketEnds ends;
     WebSocket::Target nowhere = ends.Here();
-    nowhere.port = WebSocketEnds().Port(); // gone by now
+    nowhere.port = WebSocketEnds().Port(); // closed by now
     for (const char* const host : {"127.0.0.1", "no-such-host.invalid"})
     {
         nowhere.host = host;
@@ -138,7 +138,7 @@ TEST(WebSocket, TellsOfAPeerThatIsNotThereAndOfOneThatGoes)
             [&]
             {
                 absent.connection = WebSocket::Connect(ends.task.Get(), nowhere, absent.Record(), {});
-                EXPECT_THAT(absent.closed.Get(), SizeIs(0)) << "told inside the call";
+                EXPECT_THAT(absent.closed.Get(), SizeIs(0)) << "reported inside Connect()";
             });
         EXPECT_TRUE(absent.WaitForClosed());
         EXPECT_FALSE(absent.isOpen.Get());
@@ -152,24 +152,24 @@ TEST(WebSocket, TellsOfAPeerThatIsNotThereAndOfOneThatGoes)
     ends.Send(server, "into the void");
 }
 
-TEST(WebSocket, NoticesASilentPeerAndKeepsAnIdleOne)
+TEST(WebSocket, SilentPeerIsClosedAndIdlePeerIsKept)
 {
     WebSocketEnds ends({.idleTimeout = 100ms});
     const auto idle = ends.Connect(ends.Here());
     ends.Accepted();
-    const WebSocketRawClient silent(ends.Port()); // answers no ping
+    const WebSocketRawClient silent(ends.Port()); // does not answer pings
     silent.Open();
     EXPECT_TRUE(ends.Accepted(1)->WaitForClosed());
     EXPECT_FALSE(idle->WaitForClosed(500ms));
 }
 
-TEST(WebSocket, CallsNobodyAfterCloseWhereverItIsClosed)
+TEST(WebSocket, CloseInAnyHandlerEndsAllCalls)
 {
     WebSocketEnds ends;
     for (std::size_t way = 0; way < 3; ++way) // in `opened`, in `message`, and by the destructor in `message`
     {
         std::shared_ptr<WebSocket::Connection> connection;
-        int calls = 0; // on the task, as the connection
+        int calls = 0; // on the task
         WebSocket::Connection::Handlers handlers;
         handlers.opened = [&, way]
         {
@@ -196,7 +196,7 @@ TEST(WebSocket, CallsNobodyAfterCloseWhereverItIsClosed)
     }
 }
 
-TEST(WebSocket, BringsOutWhatWasSentBeforeClose)
+TEST(WebSocket, CloseSendsTheQueueFirst)
 {
     WebSocketEnds ends;
     const auto client = ends.Connect(ends.Here());
@@ -216,10 +216,10 @@ TEST(WebSocket, BringsOutWhatWasSentBeforeClose)
     EXPECT_THAT(server->closed.Get(), SizeIs(0));
 }
 
-TEST(WebSocket, WaitsForADescriptorWithoutLosingTheClient)
+TEST(WebSocket, ListenerWithoutDescriptorsKeepsTheClientWaiting)
 {
 #if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "this build looks at objects through a pipe, and takes them for wild where none can be made";
+    GTEST_SKIP() << "AddressSanitizer checks pointers through a pipe, which needs descriptors";
 #endif
     const LogCapture log;
     WebSocketEnds ends;
@@ -228,13 +228,13 @@ TEST(WebSocket, WaitsForADescriptorWithoutLosingTheClient)
     const int firstFree = ::dup(0);
     ::close(firstFree);
     rlimit one = before;
-    one.rlim_cur = static_cast<rlim_t>(firstFree) + 1; // the client's own
+    one.rlim_cur = static_cast<rlim_t>(firstFree) + 1; // for the client
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
-    const WebSocketRawClient client(ends.Port()); // connected by the kernel alone
+    const WebSocketRawClient client(ends.Port()); // connected by the kernel, not accepted
     EXPECT_TRUE(log.WaitFor("pauses"));
     const std::clock_t start = std::clock();
     EXPECT_FALSE(ends.accepted.WaitUntil([](const auto& all) { return !all.empty(); }, 400ms));
-    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10) << "it spins";
+    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10) << "busy loop";
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     client.Open();
     EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1U) << log.Text();

@@ -1,8 +1,8 @@
 #include "websocket/WebSocket.h"
 
-#include "tests/websocket/WebSocketCertificates.h"
 #include "tests/websocket/WebSocketEnds.h"
-#include "tests/websocket/WebSocketRawClient.h"
+#include "tests/websocket/support/WebSocketCertificates.h"
+#include "tests/websocket/support/WebSocketRawClient.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,7 +46,7 @@ protected:
     WebSocketEnds m_ends{{}, Options()};
 };
 
-TEST_F(WebSocketTls, KnowsBothSidesAndServesPlainOnTheSamePort)
+TEST_F(WebSocketTls, TlsAndPlainConnectionsShareAPort)
 {
     const auto client = m_ends.Connect(Target("guid-server", m_clientDir));
     const std::string big(3U << 20U, 'b');
@@ -59,14 +59,14 @@ TEST_F(WebSocketTls, KnowsBothSidesAndServesPlainOnTheSamePort)
     m_ends.task.Run([&] { EXPECT_EQ(server->connection->PeerName(), "guid-client"); });
 
     EXPECT_TRUE(m_ends.Connect(m_ends.Here())->isOpen.WaitFor(true));
-    EXPECT_TRUE(m_ends.Connect(m_ends.Here("tarsier_mTLS"))->WaitForClosed()) << "that is not for plain ones";
+    EXPECT_TRUE(m_ends.Connect(m_ends.Here("tarsier_mTLS"))->WaitForClosed()) << "this sub-protocol needs TLS";
     WebSocket::Target target = Target("guid-server", m_clientDir);
     target.subProtocol = "tarsier";
     EXPECT_TRUE(m_ends.Connect(target)->WaitForClosed());
     EXPECT_THAT(m_ends.accepted.Get(), SizeIs(2));
 }
 
-TEST_F(WebSocketTls, ChecksTheServersName)
+TEST_F(WebSocketTls, ClientChecksTheNameOfTheServer)
 {
     EXPECT_TRUE(m_ends.Connect(Target("also-called.so", m_clientDir))->isOpen.WaitFor(true));
     for (const std::string name : {"guid-other", "GUID-SERVER", "guid-serve", "called.so"})
@@ -78,13 +78,13 @@ TEST_F(WebSocketTls, ChecksTheServersName)
     }
 }
 
-TEST_F(WebSocketTls, RefusesStrangersAndBrokenHandshakes)
+TEST_F(WebSocketTls, UnknownAuthorityOrBrokenHandshakeIsRefused)
 {
     const WebSocketCertificates stranger;
     const std::string directory = stranger.Make("guid-server");
     const auto client = m_ends.Connect(Target("guid-server", directory));
     EXPECT_TRUE(client->WaitForClosed());
-    // One that trusts our authority, but was signed by another: the server must not take it.
+    // This client trusts our authority, but its certificate is signed by another one.
     std::filesystem::copy(m_serverDir + "/ca.pem", directory + "/ca.pem",
                           std::filesystem::copy_options::overwrite_existing);
     const auto imposter = m_ends.Connect(Target("guid-server", directory));

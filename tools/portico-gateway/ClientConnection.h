@@ -1,10 +1,10 @@
 #pragma once
 
-#include "tools/portico-gateway/PendingRequests.h"
+#include "jsonrpc/Frame.h"
+#include "jsonrpc/PendingRequests.h"
+#include "tools/portico-gateway/GatewayContext.h"
 #include "tools/portico-gateway/Router.h"
-#include "tools/portico-gateway/RpcFrame.h"
 #include "tools/portico-gateway/Subscriptions.h"
-#include "tools/portico-gateway/Surroundings.h"
 
 #include <cstddef>
 #include <functional>
@@ -19,9 +19,10 @@ class Connection;
 namespace Gateway
 {
 
-/// One client: its messages are read, held against the protocol, and answered. What the methods do is the
-/// derived class's.
-/// Task: everything on the gateway's. Owner: the gateway, until `gone`. Whatever bytes come, it answers or drops.
+/// One client: parses its messages, checks them against the protocol and sends the answers. The derived class
+/// performs the methods.
+/// Task: everything on the gateway's task. Owner: the gateway, until it calls `gone`. Any bytes are answered or
+/// dropped.
 class ClientConnection : public SubscriberIF, public std::enable_shared_from_this<ClientConnection>
 {
 public:
@@ -31,39 +32,43 @@ public:
     ClientConnection(const ClientConnection&) = delete;
     ClientConnection& operator=(const ClientConnection&) = delete;
 
-    /// Takes the connection into use. `gone` is the last that happens to it.
+    /// Starts to handle messages. `gone` is called last, when the connection has ended.
     void Start(GoneCallback gone);
-    void Tell(const std::string& frame) final;
-    bool HasRoom(std::size_t bytes) const final;
+    void Send(const std::string& frame) final;
+    bool HasRoomFor(std::size_t bytes) const final;
 
-    /// The own service has served its list: what waited for that may go on.
+    /// This product's service has served its product list since the gateway's start.
     virtual void HandleOwnList() {}
 
 protected:
-    ClientConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection,
+    ClientConnection(const GatewayContext& context, std::shared_ptr<WebSocket::Connection> connection,
                      std::size_t maxRequests);
 
-    /// `answer` may be called at once or later; a client that has gone by then hears nothing.
-    virtual void Open(const Params& params, const AnswerCallback& answer) = 0;
-    virtual void HandleCall(const std::string& method, const Params& params, const AnswerCallback& answer) = 0;
-    virtual void HandleAnswer(const std::string& id, const Answer& answer) = 0;
+    /// `answer` may be called now or later. It does nothing after the client has disconnected.
+    virtual void Open(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer) = 0;
+    virtual void HandleCall(const std::string& method, const JsonRpc::Params& params,
+                            const JsonRpc::AnswerCallback& answer) = 0;
+    virtual void HandleAnswer(const std::string& id, const JsonRpc::Answer& answer) = 0;
     virtual void HandleGone() = 0;
 
-    /// For a method that needs a path: false, and the error answered, where it has none.
-    static bool HasPath(const Params& params, const AnswerCallback& answer);
-    static Request MakeRequest(const std::string& verb, const Params& params);
+    /// Returns false, after answering with an error, if the parameters have no path.
+    static bool HasPath(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer);
+    void Fail(const JsonRpc::AnswerCallback& answer, int code, const std::string& message) const;
+    /// Adds the subscription, answers, and sends the last notification of the path.
+    void AddSubscription(const std::string& path, Origin origin, const JsonRpc::AnswerCallback& answer);
+    static JsonRpc::Request MakeRequest(const std::string& verb, const JsonRpc::Params& params);
 
-    const Surroundings& m_surroundings;
+    const GatewayContext& m_context;
     const std::shared_ptr<WebSocket::Connection> m_connection;
 
 private:
     void HandleMessage(const std::string& text);
-    void HandleFrame(const Frame& frame, const AnswerCallback& answer);
-    AnswerCallback MakeAnswer(const Frame& frame);
+    void HandleFrame(const JsonRpc::Frame& frame, const JsonRpc::AnswerCallback& answer);
+    JsonRpc::AnswerCallback MakeAnswer(const JsonRpc::Frame& frame);
 
-    const std::size_t m_maxRequests; ///< that may wait for their answers at a time
+    const std::size_t m_maxRequests; ///< limit of requests without an answer
     std::size_t m_requests = 0;
-    bool m_isOpen = false; ///< `open` was answered
+    bool m_isOpen = false; ///< `open` has succeeded
     GoneCallback m_gone;
 };
 

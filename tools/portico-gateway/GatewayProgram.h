@@ -1,11 +1,12 @@
 #pragma once
 
+#include "runtime/Liveness.h"
 #include "tools/portico-gateway/ClientConnection.h"
+#include "tools/portico-gateway/GatewayContext.h"
 #include "tools/portico-gateway/MdnsLookup.h"
 #include "tools/portico-gateway/PeerAddresses.h"
 #include "tools/portico-gateway/Router.h"
 #include "tools/portico-gateway/Subscriptions.h"
-#include "tools/portico-gateway/Surroundings.h"
 
 #include <cstdint>
 #include <map>
@@ -24,30 +25,30 @@ class Listener;
 namespace Gateway
 {
 
-/// Where the gateway listens and what it knows.
+/// Ports, files and identity of the gateway.
 struct Settings
 {
     std::uint16_t port = 8084;         ///< on the loopback addresses; 0: any
     std::uint16_t lanPort = kLanPort;  ///< on every address; 0: any
-    std::uint16_t peerPort = kLanPort; ///< where other products listen
+    std::uint16_t peerPort = kLanPort; ///< LAN port of other products
     std::string tlsDir;                ///< ca.pem, cert.pem, key.pem; empty: no TLS
     std::string peersFile;             ///< empty: none
     std::string ownGuid;
     Timings timings;
 };
 
-/// The gateway as a whole: its two ports and every client on them.
-/// Task: everything on `task`, construction and destruction too. Owner: the program, or a test.
+/// The whole gateway: its two ports and all clients.
+/// Task: everything on `task`, construction and destruction too. Owner: the program or a test.
 class GatewayProgram final
 {
 public:
-    /// `mdns` null: the real look-up.
+    /// If `mdns` is null, the gateway uses MdnsLookup.
     GatewayProgram(NotifyTargetTaskIF* task, const Settings& settings, std::unique_ptr<MdnsLookupIF> mdns = nullptr);
     ~GatewayProgram();
     GatewayProgram(const GatewayProgram&) = delete;
     GatewayProgram& operator=(const GatewayProgram&) = delete;
 
-    /// False, with the reason in `error`, where a port or the certificates cannot be had.
+    /// Returns false and sets `error` if a port cannot be bound or the certificates cannot be loaded.
     bool Start(std::string& error);
 
     std::uint16_t Port() const;
@@ -65,11 +66,11 @@ private:
     Subscriptions m_subscriptions;
     PeerAddresses m_addresses;
     bool m_hasOwnList = false;
-    Surroundings m_surroundings;
+    GatewayContext m_context;
     std::map<ClientConnection*, std::shared_ptr<ClientConnection>> m_clients;
     std::vector<std::shared_ptr<WebSocket::Listener>> m_local;
     std::shared_ptr<WebSocket::Listener> m_lan;
-    const std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
+    Liveness m_liveness;
 };
 
 } // namespace Gateway

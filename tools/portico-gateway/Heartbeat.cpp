@@ -1,17 +1,18 @@
 #include "tools/portico-gateway/Heartbeat.h"
+#include "runtime/TaskCheck.h"
 
 #include <utility>
 
 namespace Gateway
 {
 
-Heartbeat::Heartbeat(const Surroundings& surroundings, Check check, IsReached isReached, Tell tell)
-    : m_surroundings(surroundings)
+Heartbeat::Heartbeat(const GatewayContext& context, Check check, IsReached isReached, Report report)
+    : m_context(context)
     , m_check(std::move(check))
     , m_isReached(std::move(isReached))
-    , m_tell(std::move(tell))
-    , m_period("PorticoGatewayCheckPeriod", surroundings.task)
-    , m_limit("PorticoGatewayCheckLimit", surroundings.task)
+    , m_report(std::move(report))
+    , m_period("PorticoGatewayCheckPeriod", context.task)
+    , m_limit("PorticoGatewayCheckLimit", context.task)
 {
 }
 
@@ -19,6 +20,7 @@ Heartbeat::~Heartbeat() = default;
 
 void Heartbeat::CheckNow()
 {
+    TASK_CHECK(m_context.task);
     if (m_isUnderWay)
     {
         m_isDue = true;
@@ -27,23 +29,21 @@ void Heartbeat::CheckNow()
     m_isDue = false;
     m_isUnderWay = true;
     const unsigned int number = ++m_number;
-    m_period.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkPeriod.count()), [this] { CheckNow(); });
-    m_limit.PostIn(static_cast<unsigned int>(m_surroundings.timings.checkLimit.count()),
+    m_period.PostIn(static_cast<unsigned int>(m_context.timings.checkPeriod.count()), [this] { CheckNow(); });
+    m_limit.PostIn(static_cast<unsigned int>(m_context.timings.checkLimit.count()),
                    [this, number] { HandleLimit(number); });
-    m_check(
-        [this, number, alive = std::weak_ptr(m_alive)](const Answer& answer)
+    m_check(m_liveness.Guard(
+        [this, number](const JsonRpc::Answer& answer)
         {
-            if (alive.lock())
-            {
-                const bool isFailure =
-                    answer.code == NOT_SERVED || answer.code == UNREACHABLE || answer.code == NO_ANSWER;
-                HandleResult(number, !(answer.IsError() && isFailure));
-            }
-        });
+            const bool isFailure = answer.code == JsonRpc::NOT_SERVED || answer.code == JsonRpc::UNREACHABLE ||
+                                   answer.code == JsonRpc::NO_ANSWER;
+            HandleResult(number, !(answer.IsError() && isFailure));
+        }));
 }
 
 void Heartbeat::HandleOwnList()
 {
+    TASK_CHECK(m_context.task);
     m_isUnderWay = false;
     ++m_number;
     CheckNow();
@@ -51,8 +51,8 @@ void Heartbeat::HandleOwnList()
 
 void Heartbeat::HandleLimit(unsigned int check)
 {
-    // A service whose connection stands may be busy with the answers of hundreds of others: the question ends by
-    // itself.
+    TASK_CHECK(m_context.task);
+    // While the product is connected, its service may be busy with hundreds of requests: requestLimit ends the check.
     if (!m_isReached())
     {
         HandleResult(check, false);
@@ -61,6 +61,7 @@ void Heartbeat::HandleLimit(unsigned int check)
 
 void Heartbeat::HandleResult(unsigned int check, bool isPassed)
 {
+    TASK_CHECK(m_context.task);
     if (!m_isUnderWay || check != m_number)
     {
         return;
@@ -71,15 +72,15 @@ void Heartbeat::HandleResult(unsigned int check, bool isPassed)
     {
         m_period.PostIn(0, [this] { CheckNow(); });
     }
-    if (!m_surroundings.hasOwnList())
+    if (!m_context.hasOwnList())
     {
         return;
     }
     const Status status = isPassed ? ONLINE : OFFLINE;
-    if (m_told != status || status == OFFLINE)
+    if (m_reported != status || status == OFFLINE)
     {
-        m_told = status;
-        m_tell(status);
+        m_reported = status;
+        m_report(status);
     }
 }
 

@@ -1,19 +1,19 @@
 #pragma once
 
+#include "jsonrpc/PendingRequests.h"
+#include "runtime/Liveness.h"
 #include "runtime/Timers.h"
-#include "tools/portico-gateway/PendingRequests.h"
-#include "tools/portico-gateway/Surroundings.h"
+#include "tools/portico-gateway/GatewayContext.h"
 
 #include <functional>
-#include <memory>
 #include <optional>
 
 namespace Gateway
 {
 
-/// Checks one opened product by its own answer, again and again, and tells when that is news: at the first result,
-/// at each change and at each check that fails; nothing before the own service has served its list.
-/// Task: everything on the gateway's. Owner: the client's connection; destroyed, it calls nobody.
+/// Checks one opened product periodically by a request and reports its status: at the first result, at each change
+/// and at each failed check. Reports nothing before this product's service has served its list.
+/// Task: everything on the gateway's task. Owner: the client's connection. No callback comes after destruction.
 class Heartbeat final
 {
 public:
@@ -22,36 +22,37 @@ public:
         ONLINE = 1040,
         OFFLINE = 1041,
     };
-    /// One check: the question is sent, and the answer comes now or later; never, where the product is not reached.
-    using Check = std::function<void(AnswerCallback)>;
-    using IsReached = std::function<bool()>; ///< the question of the check has gone to the product
-    using Tell = std::function<void(Status)>;
+    /// Sends the request of one check. The callback gets the answer now or later, or never if the product is not
+    /// reached.
+    using Check = std::function<void(JsonRpc::AnswerCallback)>;
+    using IsReached = std::function<bool()>; ///< the product is connected, so the request has been sent
+    using Report = std::function<void(Status)>;
 
-    Heartbeat(const Surroundings& surroundings, Check check, IsReached isReached, Tell tell);
+    Heartbeat(const GatewayContext& context, Check check, IsReached isReached, Report report);
     ~Heartbeat();
     Heartbeat(const Heartbeat&) = delete;
     Heartbeat& operator=(const Heartbeat&) = delete;
 
-    /// Begins a check, after the one that is under way. The first call starts the regular ones.
+    /// Starts a check now, or after the one in progress. The first call also starts the periodic checks.
     void CheckNow();
-    /// The own service has served its list: a check that went without it does not count, and another begins.
+    /// This product's service has served its list: a check that began without it is ignored, and a new one starts.
     void HandleOwnList();
 
 private:
     void HandleLimit(unsigned int check);
     void HandleResult(unsigned int check, bool isPassed);
 
-    const Surroundings& m_surroundings;
+    const GatewayContext& m_context;
     const Check m_check;
     const IsReached m_isReached;
-    const Tell m_tell;
+    const Report m_report;
     unsigned int m_number = 0; ///< of the last check
     bool m_isUnderWay = false;
-    bool m_isDue = false; ///< the next one, while one is under way
-    std::optional<Status> m_told;
+    bool m_isDue = false; ///< another check starts after the one in progress
+    std::optional<Status> m_reported;
     MessageTimer m_period;
     MessageTimer m_limit;
-    const std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
+    Liveness m_liveness;
 };
 
 } // namespace Gateway

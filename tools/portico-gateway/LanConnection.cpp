@@ -1,6 +1,7 @@
 #include "tools/portico-gateway/LanConnection.h"
 
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 #include "websocket/WebSocket.h"
 
 #include <utility>
@@ -14,30 +15,32 @@ const DPrint s_log("PorticoGateway");
 
 } // namespace
 
-LanConnection::LanConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection)
-    : ClientConnection(surroundings, std::move(connection), kMaxRequests)
+LanConnection::LanConnection(const GatewayContext& context, std::shared_ptr<WebSocket::Connection> connection)
+    : ClientConnection(context, std::move(connection), kMaxRequests)
 {
 }
 
 LanConnection::~LanConnection() = default;
 
-void LanConnection::Open(const Params& params, const AnswerCallback& answer)
+void LanConnection::Open(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
     if (!params.guid.empty())
     {
-        answer(Answer::Error(INVALID_PARAMS, "no product is reached through another", m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::INVALID_PARAMS, "no product is reached through another");
         return;
     }
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: open from %s %s", params.service->c_str(),
             m_connection->PeerAddress().c_str(), m_connection->PeerName().c_str());
-    answer(Answer::Empty());
+    answer(JsonRpc::Answer::Empty());
 }
 
-void LanConnection::HandleCall(const std::string& method, const Params& params, const AnswerCallback& answer)
+void LanConnection::HandleCall(const std::string& method, const JsonRpc::Params& params,
+                               const JsonRpc::AnswerCallback& answer)
 {
-    if (!IsVerb(method) && method != "subscribe")
+    TASK_CHECK(m_context.task);
+    if (!JsonRpc::IsVerb(method) && method != "subscribe")
     {
-        answer(Answer::Error(METHOD_NOT_FOUND, method + " is not for other products", m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::METHOD_NOT_FOUND, method + " is not for other products");
         return;
     }
     if (!HasPath(params, answer))
@@ -49,44 +52,39 @@ void LanConnection::HandleCall(const std::string& method, const Params& params, 
         Subscribe(params, answer);
         return;
     }
-    if (method != "get" && m_surroundings.router.IsPublic(*params.path))
+    if (method != "get" && m_context.router.IsPublic(*params.path))
     {
-        answer(Answer::Error(WRONG_VERB, "other products only get and subscribe", m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::WRONG_VERB, "other products only get and subscribe");
         return;
     }
     if (method != "get")
     {
-        answer(Answer::Error(NOT_SERVED, "nobody serves " + *params.path, m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::NOT_SERVED, "nobody serves " + *params.path);
         return;
     }
-    m_surroundings.router.Send(MakeRequest(method, params), Origin::LAN, answer);
+    m_context.router.Send(MakeRequest(method, params), Origin::LAN, answer);
 }
 
-void LanConnection::Subscribe(const Params& params, const AnswerCallback& answer)
+void LanConnection::Subscribe(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
-    const Router& router = m_surroundings.router;
-    const bool isHidden = router.IsServedAtAll(*params.path) && !router.IsPublic(*params.path);
+    const bool isHidden = m_context.router.HasServer(*params.path) && !m_context.router.IsPublic(*params.path);
     if (params.scope != 0 || isHidden)
     {
-        answer(Answer::Error(NOT_SERVED, "nobody serves " + *params.path, m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::NOT_SERVED, "nobody serves " + *params.path);
         return;
     }
-    const Answer added = m_surroundings.subscriptions.Add(this, *params.path, Origin::LAN);
-    answer(added);
-    if (!added.IsError())
-    {
-        m_surroundings.subscriptions.TellLast(this, *params.path, Origin::LAN);
-    }
+    AddSubscription(*params.path, Origin::LAN, answer);
 }
 
-void LanConnection::HandleAnswer(const std::string&, const Answer&)
+void LanConnection::HandleAnswer(const std::string&, const JsonRpc::Answer&)
 {
-    // Nobody on the LAN is asked anything.
+    // LAN clients get no requests.
 }
 
 void LanConnection::HandleGone()
 {
-    m_surroundings.subscriptions.Forget(this);
+    TASK_CHECK(m_context.task);
+    m_context.subscriptions.Forget(this);
 }
 
 } // namespace Gateway

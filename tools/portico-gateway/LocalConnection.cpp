@@ -1,6 +1,7 @@
 #include "tools/portico-gateway/LocalConnection.h"
 
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 #include "websocket/WebSocket.h"
 
 #include <utility>
@@ -12,23 +13,23 @@ namespace
 
 const DPrint s_log("PorticoGateway");
 
-const Request kCheck{"get", "/sonarix/info", "1.0", std::nullopt};
+const JsonRpc::Request kCheck{"get", "/sonarix/info", "1.0", std::nullopt};
 
 } // namespace
 
-LocalConnection::LocalConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection)
-    : ClientConnection(surroundings, std::move(connection), kMaxRequests)
-    , m_asked(surroundings.task, surroundings.ownGuid)
+LocalConnection::LocalConnection(const GatewayContext& context, std::shared_ptr<WebSocket::Connection> connection)
+    : ClientConnection(context, std::move(connection), kMaxRequests)
+    , m_serverRequests(context.task, context.ownGuid, kMaxServerRequests)
 {
 }
 
 LocalConnection::~LocalConnection() = default;
 
-void LocalConnection::Open(const Params& params, const AnswerCallback& answer)
+void LocalConnection::Open(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
     m_service = *params.service;
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: open, guid |%s|", m_service.c_str(), params.guid.c_str());
-    answer(Answer::Empty());
+    answer(JsonRpc::Answer::Empty());
     if (!params.guid.empty())
     {
         OpenProduct(params.guid);
@@ -37,35 +38,36 @@ void LocalConnection::Open(const Params& params, const AnswerCallback& answer)
 
 void LocalConnection::OpenProduct(const std::string& guid)
 {
-    const auto tell = [this, guid](Heartbeat::Status status)
+    const auto report = [this, guid](Heartbeat::Status status)
     {
         DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: product %s: %d", m_service.c_str(), guid.c_str(), status);
-        m_connection->Send(HeartbeatFrame(guid, status));
+        m_connection->Send(JsonRpc::TextFromHeartbeat(guid, status));
     };
-    if (guid == m_surroundings.ownGuid)
+    if (guid == m_context.ownGuid)
     {
         m_heartbeat = std::make_unique<Heartbeat>(
-            m_surroundings,
-            [this](const AnswerCallback& answer) { m_surroundings.router.Send(kCheck, Origin::LOCAL, answer); },
-            [] { return true; }, tell);
+            m_context,
+            [this](const JsonRpc::AnswerCallback& answer) { m_context.router.Send(kCheck, Origin::LOCAL, answer); },
+            [] { return true; }, report);
     }
     else
     {
         RemoteProduct::Callbacks callbacks;
         callbacks.notified = [this](const std::string& path, const std::string& version, const std::string& body)
-        { m_connection->Send(NotifyFrame(path, version, body)); };
+        { m_connection->Send(JsonRpc::TextFromNotification(path, version, body)); };
         callbacks.lost = [this] { m_heartbeat->CheckNow(); };
-        m_remote = std::make_unique<RemoteProduct>(m_surroundings, guid, m_connection->SubProtocol(), m_service,
+        m_remote = std::make_unique<RemoteProduct>(m_context, guid, m_connection->SubProtocol(), m_service,
                                                    std::move(callbacks));
         m_heartbeat = std::make_unique<Heartbeat>(
-            m_surroundings, [this](const AnswerCallback& answer) { m_remote->SendCheck(kCheck, answer); },
-            [this] { return m_remote->IsReached(); }, tell);
+            m_context, [this](const JsonRpc::AnswerCallback& answer) { m_remote->SendCheck(kCheck, answer); },
+            [this] { return m_remote->IsReached(); }, report);
     }
     m_heartbeat->CheckNow();
 }
 
 void LocalConnection::HandleOwnList()
 {
+    TASK_CHECK(m_context.task);
     if (m_remote != nullptr)
     {
         m_remote->HandleOwnList();
@@ -76,9 +78,11 @@ void LocalConnection::HandleOwnList()
     }
 }
 
-void LocalConnection::HandleCall(const std::string& method, const Params& params, const AnswerCallback& answer)
+void LocalConnection::HandleCall(const std::string& method, const JsonRpc::Params& params,
+                                 const JsonRpc::AnswerCallback& answer)
 {
-    if (IsVerb(method))
+    TASK_CHECK(m_context.task);
+    if (JsonRpc::IsVerb(method))
     {
         if (!HasPath(params, answer))
         {
@@ -90,7 +94,7 @@ void LocalConnection::HandleCall(const std::string& method, const Params& params
         }
         else
         {
-            m_surroundings.router.Send(MakeRequest(method, params), Origin::LOCAL, answer);
+            m_context.router.Send(MakeRequest(method, params), Origin::LOCAL, answer);
         }
     }
     else if (method == "subscribe")
@@ -107,15 +111,16 @@ void LocalConnection::HandleCall(const std::string& method, const Params& params
     }
     else
     {
-        answer(Answer::Error(METHOD_NOT_FOUND, "no method " + method, m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::METHOD_NOT_FOUND, "no method " + method);
     }
 }
 
-void LocalConnection::HandleServerCall(const std::string& method, const Params& params, const AnswerCallback& answer)
+void LocalConnection::HandleServerCall(const std::string& method, const JsonRpc::Params& params,
+                                       const JsonRpc::AnswerCallback& answer)
 {
     if (m_remote != nullptr)
     {
-        answer(Answer::Error(INVALID_REQUEST, "a connection to another product serves nothing", {}));
+        answer(JsonRpc::Answer::Error(JsonRpc::INVALID_REQUEST, "a connection to another product serves nothing", {}));
         return;
     }
     if (!HasPath(params, answer))
@@ -129,32 +134,32 @@ void LocalConnection::HandleServerCall(const std::string& method, const Params& 
     }
     if (!params.verb)
     {
-        answer(Answer::Error(INVALID_PARAMS, "no verb", m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::INVALID_PARAMS, "no verb");
         return;
     }
     method == "serve" ? Serve(params, answer) : Withdraw(params, answer);
 }
 
-void LocalConnection::Serve(const Params& params, const AnswerCallback& answer)
+void LocalConnection::Serve(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
-    const Answer served = m_surroundings.router.Serve(this, *params.verb, *params.path, params.scope);
+    const JsonRpc::Answer served = m_context.router.Serve(this, *params.verb, *params.path, params.scope);
     DPRINTF(s_log, served.IsError() ? DPrint::LEVEL_WARNING : DPrint::LEVEL_INFO, "%s: serve %s %s, scope %d: %s",
             m_service.c_str(), params.verb->c_str(), params.path->c_str(), params.scope,
             served.IsError() ? "taken" : "done");
     answer(served);
 }
 
-void LocalConnection::Withdraw(const Params& params, const AnswerCallback& answer)
+void LocalConnection::Withdraw(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
-    const Answer withdrawn = m_surroundings.router.Withdraw(this, *params.verb, *params.path);
-    if (!m_surroundings.router.IsServedBy(this, *params.path))
+    const JsonRpc::Answer withdrawn = m_context.router.Withdraw(this, *params.verb, *params.path);
+    if (!m_context.router.IsServedBy(this, *params.path))
     {
-        m_surroundings.subscriptions.DropLast(this, *params.path);
+        m_context.subscriptions.DropLast(this, *params.path);
     }
     answer(withdrawn);
 }
 
-void LocalConnection::Subscribe(const Params& params, const AnswerCallback& answer)
+void LocalConnection::Subscribe(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
     if (!HasPath(params, answer))
     {
@@ -165,15 +170,10 @@ void LocalConnection::Subscribe(const Params& params, const AnswerCallback& answ
         m_remote->Subscribe(*params.path, params.version, params.scope, answer);
         return;
     }
-    const Answer added = m_surroundings.subscriptions.Add(this, *params.path, Origin::LOCAL);
-    answer(added);
-    if (!added.IsError())
-    {
-        m_surroundings.subscriptions.TellLast(this, *params.path, Origin::LOCAL);
-    }
+    AddSubscription(*params.path, Origin::LOCAL, answer);
 }
 
-void LocalConnection::Unsubscribe(const Params& params, const AnswerCallback& answer)
+void LocalConnection::Unsubscribe(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
     if (!HasPath(params, answer))
     {
@@ -185,48 +185,52 @@ void LocalConnection::Unsubscribe(const Params& params, const AnswerCallback& an
     }
     else
     {
-        m_surroundings.subscriptions.Remove(this, *params.path);
+        m_context.subscriptions.Remove(this, *params.path);
     }
-    answer(Answer::Empty());
+    answer(JsonRpc::Answer::Empty());
 }
 
-void LocalConnection::Notify(const Params& params, const AnswerCallback& answer)
+void LocalConnection::Notify(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer)
 {
-    if (!m_surroundings.router.IsServedBy(this, *params.path))
+    if (!m_context.router.IsServedBy(this, *params.path))
     {
-        DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: a notification of %s, which it does not serve, is dropped",
+        DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: dropped a notification of %s, which this client does not serve",
                 m_service.c_str(), params.path->c_str());
-        answer(Answer::Error(NOT_SERVED, "this client does not serve " + *params.path, m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::NOT_SERVED, "this client does not serve " + *params.path);
         return;
     }
-    m_surroundings.subscriptions.Notify(this, *params.path, params.version, params.body.value_or("{}"));
-    answer(Answer::Empty());
+    m_context.subscriptions.Notify(this, *params.path, params.version, params.body.value_or("{}"));
+    answer(JsonRpc::Answer::Empty());
 }
 
 // ---- as a server of paths -----------------------------------------------------------------------------------
 
-void LocalConnection::Handle(const Request& request, const AnswerCallback& answer)
+void LocalConnection::Handle(const JsonRpc::Request& request, const JsonRpc::AnswerCallback& answer)
 {
-    const auto id = m_asked.Add(m_surroundings.timings.requestLimit, answer);
+    TASK_CHECK(m_context.task);
+    const auto id = m_serverRequests.Add(m_context.timings.requestLimit, answer);
     if (!id)
     {
-        answer(Answer::Error(UNREACHABLE, "too many requests wait for " + m_service, m_surroundings.ownGuid));
+        Fail(answer, JsonRpc::UNREACHABLE, "too many requests wait for " + m_service);
         return;
     }
-    m_connection->Send(CallFrame(*id, request));
+    m_connection->Send(JsonRpc::TextFromRequest(*id, request));
 }
 
-void LocalConnection::HandleAnswer(const std::string& id, const Answer& answer)
+void LocalConnection::HandleAnswer(const std::string& id, const JsonRpc::Answer& answer)
 {
-    m_asked.Take(id, answer);
+    TASK_CHECK(m_context.task);
+    m_serverRequests.Finish(id, answer);
 }
 
 void LocalConnection::HandleGone()
 {
-    m_surroundings.router.Forget(this);
-    m_surroundings.subscriptions.DropLast(this);
-    m_surroundings.subscriptions.Forget(this);
-    m_asked.FailAll(Answer::Error(NOT_SERVED, m_service + " has gone before it answered", m_surroundings.ownGuid));
+    TASK_CHECK(m_context.task);
+    m_context.router.Forget(this);
+    m_context.subscriptions.DropLast(this);
+    m_context.subscriptions.Forget(this);
+    m_serverRequests.FailAll(
+        JsonRpc::Answer::Error(JsonRpc::NOT_SERVED, m_service + " disconnected before it answered", m_context.ownGuid));
 }
 
 } // namespace Gateway

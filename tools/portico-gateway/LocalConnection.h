@@ -10,37 +10,40 @@
 namespace Gateway
 {
 
-/// A client on this product: asks, serves, subscribes and notifies here, or, opened with another product's guid,
-/// asks and subscribes there.
+/// A client on this product. It requests, serves, subscribes and notifies here. If it has opened another product's
+/// guid, it requests and subscribes there.
 class LocalConnection final : public ClientConnection, public PathServerIF
 {
 public:
-    LocalConnection(const Surroundings& surroundings, std::shared_ptr<WebSocket::Connection> connection);
+    LocalConnection(const GatewayContext& context, std::shared_ptr<WebSocket::Connection> connection);
     ~LocalConnection() override;
 
-    void Handle(const Request& request, const AnswerCallback& answer) override;
+    void Handle(const JsonRpc::Request& request, const JsonRpc::AnswerCallback& answer) override;
     void HandleOwnList() override;
 
-    static constexpr std::size_t kMaxRequests = 1024;
+    static constexpr std::size_t kMaxRequests = 1024;       ///< of the client, without an answer
+    static constexpr std::size_t kMaxServerRequests = 4096; ///< sent to the client, without an answer
 
 private:
-    void Open(const Params& params, const AnswerCallback& answer) override;
-    void HandleCall(const std::string& method, const Params& params, const AnswerCallback& answer) override;
-    void HandleAnswer(const std::string& id, const Answer& answer) override;
+    void Open(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer) override;
+    void HandleCall(const std::string& method, const JsonRpc::Params& params,
+                    const JsonRpc::AnswerCallback& answer) override;
+    void HandleAnswer(const std::string& id, const JsonRpc::Answer& answer) override;
     void HandleGone() override;
 
     void OpenProduct(const std::string& guid);
-    void HandleServerCall(const std::string& method, const Params& params, const AnswerCallback& answer);
-    void Serve(const Params& params, const AnswerCallback& answer);
-    void Withdraw(const Params& params, const AnswerCallback& answer);
-    void Subscribe(const Params& params, const AnswerCallback& answer);
-    void Unsubscribe(const Params& params, const AnswerCallback& answer);
-    void Notify(const Params& params, const AnswerCallback& answer);
+    void HandleServerCall(const std::string& method, const JsonRpc::Params& params,
+                          const JsonRpc::AnswerCallback& answer);
+    void Serve(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer);
+    void Withdraw(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer);
+    void Subscribe(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer);
+    void Unsubscribe(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer);
+    void Notify(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer);
 
     std::string m_service;
-    PendingRequests m_asked;                 ///< what this client was asked as a server
-    std::unique_ptr<RemoteProduct> m_remote; ///< set: opened for another product
-    std::unique_ptr<Heartbeat> m_heartbeat;  ///< set: opened with a guid, the own one too
+    JsonRpc::PendingRequests m_serverRequests; ///< requests sent to this client, for paths that it serves
+    std::unique_ptr<RemoteProduct> m_remote;   ///< set: opened for another product
+    std::unique_ptr<Heartbeat> m_heartbeat;    ///< set: opened with any guid, also this product's
 };
 
 } // namespace Gateway

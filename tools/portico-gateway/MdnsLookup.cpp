@@ -1,6 +1,7 @@
 #include "tools/portico-gateway/MdnsLookup.h"
 
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "tools/portico-gateway/MdnsWorker.h"
 
 #include <utility>
@@ -30,24 +31,13 @@ MdnsLookup::~MdnsLookup()
 
 void MdnsLookup::Find(const std::string& guid, AddressesCallback callback)
 {
+    TASK_CHECK(m_task);
     if (m_worker == nullptr)
     {
         m_workerTask = IL::CreateTask("PorticoGatewayMdns", "");
         m_worker = std::make_shared<MdnsWorker>(m_workerTask);
     }
-    const auto answer = [task = m_task, alive = std::weak_ptr(m_alive),
-                         callback = std::move(callback)](const std::vector<std::string>& addresses)
-    {
-        IL::BreakThread(
-            [alive, callback, addresses]
-            {
-                if (alive.lock())
-                {
-                    callback(addresses);
-                }
-            },
-            task);
-    };
+    const auto answer = m_liveness.OnTask<std::vector<std::string>>(m_task, std::move(callback));
     IL::BreakThread([worker = m_worker, guid, answer] { worker->Find(guid, answer); }, m_workerTask);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "runtime/Liveness.h"
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,22 +12,23 @@ class NotifyTargetTaskIF;
 namespace Gateway
 {
 
-/// Finds the addresses of a product by its mDNS record.
+/// Finds the addresses of a product by its mDNS records.
 class MdnsLookupIF
 {
 public:
     using AddressesCallback = std::function<void(const std::vector<std::string>& addresses)>;
 
     virtual ~MdnsLookupIF() = default;
-    /// Numeric addresses of the records that carry the guid, none where there is none or no mDNS daemon.
+    /// `callback` gets the numeric addresses of all records with the guid. The list is empty if there is no such
+    /// record or no mDNS daemon.
     virtual void Find(const std::string& guid, AddressesCallback callback) = 0;
 };
 
 class MdnsWorker;
 
-/// The look-up through the mDNS daemon. The first question starts a task of its own, as calls to the daemon block;
-/// from then on the records are followed, so that a question costs one resolve of what carries the guid.
-/// Task: everything on `task`; answers come on it, never from inside the call, and none after the destructor.
+/// Looks products up through the mDNS daemon. The first query starts a separate task, since calls to the daemon
+/// block. From then on the records are browsed, so that a query costs one resolve per record with the guid.
+/// Task: everything on `task`. Answers come on it, never from inside Find(), and none after destruction.
 class MdnsLookup final : public MdnsLookupIF
 {
 public:
@@ -40,7 +43,7 @@ private:
     NotifyTargetTaskIF* m_task;
     NotifyTargetTaskIF* m_workerTask = nullptr;
     std::shared_ptr<MdnsWorker> m_worker;
-    const std::shared_ptr<bool> m_alive = std::make_shared<bool>(true); ///< seen weakly by answers on their way
+    Liveness m_liveness;
 };
 
 } // namespace Gateway

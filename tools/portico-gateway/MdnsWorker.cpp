@@ -3,7 +3,9 @@
 #include "Mdns/BrowserFactory.h"
 #include "Mdns/MdnsClient.h"
 #include "runtime/AsyncCallback.h"
+#include "runtime/Liveness.h"
 #include "runtime/MonotonicClock.h"
+#include "runtime/TaskCheck.h"
 
 #include <algorithm>
 #include <utility>
@@ -28,37 +30,39 @@ MdnsWorker::~MdnsWorker() = default;
 
 void MdnsWorker::Find(const std::string& guid, AddressesCallback callback)
 {
+    TASK_CHECK(m_task);
     if (m_browser == nullptr && MonotonicClock::NowMs() >= m_noBackendUntilMs)
     {
         StartBackend();
     }
-    if (m_browser == nullptr || m_questions.size() >= kMaxQuestions)
+    if (m_browser == nullptr || m_queries.size() >= kMaxQueries)
     {
         callback({});
         return;
     }
     const std::int64_t now = MonotonicClock::NowMs();
-    Question question{guid, std::move(callback), now + kLimit.count(), {}};
+    Query query{guid, std::move(callback), now + kLimit.count(), {}};
     for (const auto& [id, record] : m_records)
     {
-        if (record.guid == guid && now >= record.restsUntilMs) // its address may be another by now
+        if (record.guid == guid && now >= record.retryAtMs) // the address may have changed
         {
-            question.awaited.insert(id);
+            query.awaited.insert(id);
         }
     }
-    const std::set<MDNS::ServiceId> awaited = question.awaited;
-    m_questions.push_back(std::move(question));
+    const std::set<MDNS::ServiceId> awaited = query.awaited;
+    m_queries.push_back(std::move(query));
     for (const MDNS::ServiceId& id : awaited)
     {
         Queue(id);
     }
     ResolveNext();
-    AnswerQuestions();
+    AnswerQueries();
 }
 
 void MdnsWorker::Stop()
 {
-    m_questions.clear();
+    TASK_CHECK(m_task);
+    m_queries.clear();
     m_timer.Cancel();
     DropBackend();
 }
@@ -66,25 +70,10 @@ void MdnsWorker::Stop()
 void MdnsWorker::StartBackend()
 {
     const unsigned int backend = ++m_backend;
-    const std::weak_ptr<MdnsWorker> weak = weak_from_this();
     const AsyncCallback<> connected(
-        [weak, backend]
-        {
-            if (const auto self = weak.lock())
-            {
-                self->HandleConnected(backend);
-            }
-        },
-        m_task);
+        Liveness::Weakly(shared_from_this(), [backend](MdnsWorker& self) { self.HandleConnected(backend); }), m_task);
     const AsyncCallback<> restart(
-        [weak, backend]
-        {
-            if (const auto self = weak.lock())
-            {
-                self->HandleFailure(backend);
-            }
-        },
-        m_task);
+        Liveness::Weakly(shared_from_this(), [backend](MdnsWorker& self) { self.HandleFailure(backend); }), m_task);
     m_browsingSinceMs = MonotonicClock::NowMs();
     m_browser = MDNS::BrowserFactory::Create(true, false, connected, restart);
     if (m_browser == nullptr)
@@ -116,30 +105,20 @@ void MdnsWorker::DropBackend()
 
 void MdnsWorker::HandleConnected(unsigned int backend)
 {
+    TASK_CHECK(m_task);
     if (backend != m_backend || !m_browses.empty())
     {
         return;
     }
     m_browsingSinceMs = MonotonicClock::NowMs();
-    const std::weak_ptr<MdnsWorker> weak = weak_from_this();
-    const AsyncCallback<MDNS::ServiceId> added(
-        [weak, backend](const MDNS::ServiceId& id)
-        {
-            if (const auto self = weak.lock())
-            {
-                self->HandleAdded(backend, id);
-            }
-        },
-        m_task);
-    const AsyncCallback<MDNS::ServiceId> removed(
-        [weak, backend](const MDNS::ServiceId& id)
-        {
-            if (const auto self = weak.lock())
-            {
-                self->HandleRemoved(backend, id);
-            }
-        },
-        m_task);
+    const AsyncCallback<MDNS::ServiceId> added(Liveness::Weakly(shared_from_this(),
+                                                                [backend](MdnsWorker& self, const MDNS::ServiceId& id)
+                                                                { self.HandleAdded(backend, id); }),
+                                               m_task);
+    const AsyncCallback<MDNS::ServiceId> removed(Liveness::Weakly(shared_from_this(),
+                                                                  [backend](MdnsWorker& self, const MDNS::ServiceId& id)
+                                                                  { self.HandleRemoved(backend, id); }),
+                                                 m_task);
     for (const char* const type : kTypes)
     {
         m_browses.push_back(m_browser->Browse(type, added, removed));
@@ -148,20 +127,22 @@ void MdnsWorker::HandleConnected(unsigned int backend)
 
 void MdnsWorker::HandleFailure(unsigned int backend)
 {
+    TASK_CHECK(m_task);
     if (backend != m_backend)
     {
         return;
     }
     DropBackend();
-    const std::list<Question> questions = std::exchange(m_questions, {});
-    for (const Question& question : questions)
+    const std::list<Query> queries = std::exchange(m_queries, {});
+    for (const Query& query : queries)
     {
-        question.callback({});
+        query.callback({});
     }
 }
 
 void MdnsWorker::HandleAdded(unsigned int backend, const MDNS::ServiceId& id)
 {
+    TASK_CHECK(m_task);
     if (backend != m_backend || (m_records.size() >= kMaxRecords && m_records.count(id) == 0))
     {
         return;
@@ -172,6 +153,7 @@ void MdnsWorker::HandleAdded(unsigned int backend, const MDNS::ServiceId& id)
 
 void MdnsWorker::HandleRemoved(unsigned int backend, const MDNS::ServiceId& id)
 {
+    TASK_CHECK(m_task);
     const auto found = m_records.find(id);
     if (backend != m_backend || found == m_records.end())
     {
@@ -180,17 +162,18 @@ void MdnsWorker::HandleRemoved(unsigned int backend, const MDNS::ServiceId& id)
     found->second.resolve.Disconnect();
     m_resolving -= found->second.isResolving ? 1U : 0U;
     m_records.erase(found);
-    for (Question& question : m_questions)
+    for (Query& query : m_queries)
     {
-        question.awaited.erase(id);
+        query.awaited.erase(id);
     }
     ResolveNext();
-    AnswerQuestions();
+    AnswerQueries();
 }
 
 void MdnsWorker::HandleResolved(unsigned int backend, const MDNS::ServiceId& id, const std::string& host,
                                 const MDNS::Service& service)
 {
+    TASK_CHECK(m_task);
     const auto found = m_records.find(id);
     if (backend != m_backend || found == m_records.end() || !found->second.isResolving)
     {
@@ -202,7 +185,7 @@ void MdnsWorker::HandleResolved(unsigned int backend, const MDNS::ServiceId& id,
     --m_resolving;
     if (host == MDNS::kNotSeen)
     {
-        record.restsUntilMs = MonotonicClock::NowMs() + kResolvePause.count();
+        record.retryAtMs = MonotonicClock::NowMs() + kResolvePause.count();
     }
     else
     {
@@ -210,12 +193,12 @@ void MdnsWorker::HandleResolved(unsigned int backend, const MDNS::ServiceId& id,
         record.guid = guid != service.txt.end() ? guid->second : std::string();
         record.address = service.address.ipaddr();
     }
-    for (Question& question : m_questions)
+    for (Query& query : m_queries)
     {
-        question.awaited.erase(id);
+        query.awaited.erase(id);
     }
     ResolveNext();
-    AnswerQuestions();
+    AnswerQueries();
 }
 
 void MdnsWorker::Queue(const MDNS::ServiceId& id)
@@ -240,61 +223,57 @@ void MdnsWorker::ResolveNext()
         {
             continue;
         }
-        const std::weak_ptr<MdnsWorker> weak = weak_from_this();
         const AsyncCallback<std::string, MDNS::Service> resolved(
-            [weak, backend, id](const std::string& host, const MDNS::Service& service)
-            {
-                if (const auto self = weak.lock())
-                {
-                    self->HandleResolved(backend, id, host, service);
-                }
-            },
+            Liveness::Weakly(shared_from_this(),
+                             [backend, id](MdnsWorker& self, const std::string& host, const MDNS::Service& service)
+                             { self.HandleResolved(backend, id, host, service); }),
             m_task);
         found->second.isQueued = false;
         found->second.isResolving = true;
         ++m_resolving;
         found->second.resolve = m_browser->Resolve(id, resolved);
-        if (!found->second.resolve.IsConnected()) // the daemon refuses; the next question tries again
+        if (!found->second.resolve.IsConnected()) // the daemon refused it; the next query tries again
         {
             found->second.isResolving = false;
             --m_resolving;
-            std::for_each(m_questions.begin(), m_questions.end(), [&id](Question& each) { each.awaited.erase(id); });
+            std::for_each(m_queries.begin(), m_queries.end(), [&id](Query& each) { each.awaited.erase(id); });
         }
     }
 }
 
-bool MdnsWorker::IsReady(const Question& question, std::int64_t now) const
+bool MdnsWorker::IsReady(const Query& query, std::int64_t now) const
 {
-    if (now >= question.deadlineMs)
+    if (now >= query.deadlineMs)
     {
         return true;
     }
-    if (!question.awaited.empty())
+    if (!query.awaited.empty())
     {
         return false;
     }
     const bool isSettled = now - m_browsingSinceMs >= kLimit.count() && m_resolving == 0 && m_toResolve.empty();
-    return isSettled || !AddressesOf(question.guid).empty();
+    return isSettled || !AddressesOf(query.guid).empty();
 }
 
-void MdnsWorker::AnswerQuestions()
+void MdnsWorker::AnswerQueries()
 {
+    TASK_CHECK(m_task);
     const std::int64_t now = MonotonicClock::NowMs();
     std::int64_t next = 0;
-    for (auto question = m_questions.begin(); question != m_questions.end();)
+    for (auto query = m_queries.begin(); query != m_queries.end();)
     {
-        if (IsReady(*question, now))
+        if (IsReady(*query, now))
         {
-            question->callback(AddressesOf(question->guid));
-            question = m_questions.erase(question);
+            query->callback(AddressesOf(query->guid));
+            query = m_queries.erase(query);
             continue;
         }
-        next = next == 0 ? question->deadlineMs : std::min(next, question->deadlineMs);
-        ++question;
+        next = next == 0 ? query->deadlineMs : std::min(next, query->deadlineMs);
+        ++query;
     }
     if (next != 0)
     {
-        m_timer.PostIn(static_cast<unsigned int>(next - now), [this] { AnswerQuestions(); });
+        m_timer.PostIn(static_cast<unsigned int>(next - now), [this] { AnswerQueries(); });
     }
 }
 

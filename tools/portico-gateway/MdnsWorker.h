@@ -24,9 +24,10 @@ class Browser;
 namespace Gateway
 {
 
-/// Follows the products' records and answers who carries a guid. A backend that fails is made anew at the next
-/// question, never by itself: a missing daemon costs nothing.
-/// Task: everything on `task`, which is its own; the backend's threads only post there.
+/// Browses the products' records and finds the addresses of a guid. A failed backend is replaced at the next query,
+/// not before: a missing daemon costs nothing.
+/// Task: everything on `task`. Owner: MdnsLookup and callbacks in progress. The backend's threads only post to the
+/// task.
 class MdnsWorker final : public std::enable_shared_from_this<MdnsWorker>
 {
 public:
@@ -40,16 +41,17 @@ public:
     void Find(const std::string& guid, AddressesCallback callback);
     void Stop();
 
-    /// How long a question may wait, and how long browsing takes until what it has not shown is not there.
+    /// Time limit of a query. After browsing for this time, a record that has not appeared does not exist.
     static constexpr std::chrono::milliseconds kLimit{2500};
-    /// Resolves at a time: a burst of them costs the daemon more than its share.
+    /// Concurrent resolves. More would delay the daemon's other clients.
     static constexpr std::size_t kMaxResolves = 16;
-    /// Records that are followed; a neighbour that invents more is passed over.
+    /// Limit of browsed records, against a neighbour that announces more. Further records are ignored.
     static constexpr std::size_t kMaxRecords = 4096;
-    static constexpr std::size_t kMaxQuestions = 1024;
-    /// A record whose product has gone without a goodbye fails at each resolve, which is a line in the log each.
+    static constexpr std::size_t kMaxQueries = 1024;
+    /// Pause after a failed resolve. The record of a product that disappeared without a goodbye fails each time, with
+    /// a log line.
     static constexpr std::chrono::milliseconds kResolvePause{10000};
-    /// Where there is no D-Bus, trying again sooner only fills the log.
+    /// Pause after a failed start of the backend. Without D-Bus a shorter one only fills the log.
     static constexpr std::chrono::milliseconds kBackendPause{30000};
 
 private:
@@ -57,17 +59,17 @@ private:
     {
         std::string guid;
         std::string address;
-        CallbackConnection resolve; ///< under way
+        CallbackConnection resolve; ///< the resolve in progress
         bool isResolving = false;
         bool isQueued = false;
-        std::int64_t restsUntilMs = 0; ///< after a resolve that failed
+        std::int64_t retryAtMs = 0; ///< set by a failed resolve
     };
-    struct Question
+    struct Query
     {
         std::string guid;
         AddressesCallback callback;
         std::int64_t deadlineMs;
-        std::set<MDNS::ServiceId> awaited; ///< records that carry the guid and are being looked at anew
+        std::set<MDNS::ServiceId> awaited; ///< records with the guid whose resolve is not finished
     };
 
     void StartBackend();
@@ -81,21 +83,21 @@ private:
 
     void Queue(const MDNS::ServiceId& id);
     void ResolveNext();
-    /// Answers what can be answered and sets the timer for the rest.
-    void AnswerQuestions();
-    bool IsReady(const Question& question, std::int64_t now) const;
+    /// Answers the queries that are ready and starts the timer for the others.
+    void AnswerQueries();
+    bool IsReady(const Query& query, std::int64_t now) const;
     std::vector<std::string> AddressesOf(const std::string& guid) const;
 
     NotifyTargetTaskIF* m_task;
     std::shared_ptr<MDNS::Browser> m_browser;
-    unsigned int m_backend = 0; ///< counts backends, so that a late report of an old one is known as such
+    unsigned int m_backend = 0; ///< number of the backend; reports of an older one are ignored
     std::int64_t m_browsingSinceMs = 0;
     std::int64_t m_noBackendUntilMs = 0;
     std::vector<CallbackConnection> m_browses;
     std::map<MDNS::ServiceId, Record> m_records;
     std::deque<MDNS::ServiceId> m_toResolve;
     std::size_t m_resolving = 0;
-    std::list<Question> m_questions;
+    std::list<Query> m_queries;
     MessageTimer m_timer;
 };
 

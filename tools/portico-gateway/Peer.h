@@ -6,18 +6,18 @@
 namespace Gateway
 {
 
-/// The port of every product's gateway towards the LAN.
+/// The LAN port of every product's gateway.
 inline constexpr std::uint16_t kLanPort = 8090;
 
-/// Where a product's gateway may be reached.
+/// An address at which a product's gateway may listen.
 struct Peer
 {
     std::string host;
     std::uint16_t port = kLanPort;
-    /// Somebody wrote it down for just this product. Otherwise it is hearsay: who answers there has to give its guid.
+    /// True: configured for this product. False: found on the LAN, so the gateway there must prove its guid.
     bool isGiven = false;
 
-    bool IsSamePlace(const Peer& other) const
+    bool HasSameAddress(const Peer& other) const
     {
         return host == other.host && port == other.port;
     }

@@ -1,6 +1,7 @@
 #include "tools/portico-gateway/PeerAddresses.h"
 
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "tools/portico-gateway/ProductTable.h"
 #include "tools/portico-gateway/Router.h"
 
@@ -30,8 +31,9 @@ PeerAddresses::PeerAddresses(NotifyTargetTaskIF* task, Router& router, const std
 
 PeerAddresses::~PeerAddresses() = default;
 
-void PeerAddresses::AskTable(const std::string& guid, PeersCallback callback)
+void PeerAddresses::QueryTable(const std::string& guid, PeersCallback callback)
 {
+    TASK_CHECK(m_task);
     if (const std::optional<Peer> given = m_file.Find(guid))
     {
         IL::BreakThread([callback = std::move(callback), peer = *given] { callback({peer}); }, m_task);
@@ -41,42 +43,32 @@ void PeerAddresses::AskTable(const std::string& guid, PeersCallback callback)
     m_waiting.push_back({guid, std::move(callback), isAsked});
     if (!isAsked)
     {
-        Ask();
+        SendQuery();
     }
 }
 
-void PeerAddresses::Ask()
+void PeerAddresses::SendQuery()
 {
-    const unsigned int question = ++m_question;
-    m_limit.PostIn(static_cast<unsigned int>(kTableLimit.count()), [this, question] { HandleTable(question, {}); });
-    const auto handle = [this, question](const Answer& answer) { HandleTable(question, answer.result); };
-    IL::BreakThread(
-        [this, handle, alive = std::weak_ptr(m_alive)]
-        {
-            if (alive.lock())
-            {
-                m_router.Send({"get", kTablePath, "1.0", std::nullopt}, Origin::LOCAL,
-                              [handle, alive](const Answer& answer)
-                              {
-                                  if (alive.lock())
-                                  {
-                                      handle(answer);
-                                  }
-                              });
-            }
-        },
-        m_task);
+    const unsigned int query = ++m_query;
+    m_limit.PostIn(static_cast<unsigned int>(kTableLimit.count()), [this, query] { HandleTable(query, {}); });
+    const JsonRpc::AnswerCallback handle =
+        m_liveness.Guard([this, query](const JsonRpc::Answer& answer) { HandleTable(query, answer.result); });
+    m_liveness.OnTask<>(m_task,
+                        [this, handle] {
+                            m_router.Send({"get", kTablePath, "1.0", std::nullopt}, Origin::LOCAL, handle);
+                        })();
 }
 
-void PeerAddresses::HandleTable(unsigned int question, const std::string& productList)
+void PeerAddresses::HandleTable(unsigned int query, const std::string& productList)
 {
-    if (question != m_question)
+    TASK_CHECK(m_task);
+    if (query != m_query)
     {
         return;
     }
-    ++m_question;
+    ++m_query;
     m_limit.Cancel();
-    const std::map<std::string, std::string> addresses = ReadAddresses(productList);
+    const std::map<std::string, std::string> addresses = AddressesFromProductList(productList);
     std::vector<Waiting> waiting;
     for (Waiting& each : std::exchange(m_waiting, {}))
     {
@@ -91,7 +83,7 @@ void PeerAddresses::HandleTable(unsigned int question, const std::string& produc
     }
     if (!m_waiting.empty())
     {
-        Ask();
+        SendQuery();
     }
     for (const Waiting& each : waiting)
     {
@@ -101,8 +93,9 @@ void PeerAddresses::HandleTable(unsigned int question, const std::string& produc
     }
 }
 
-void PeerAddresses::AskMdns(const std::string& guid, PeersCallback callback)
+void PeerAddresses::QueryMdns(const std::string& guid, PeersCallback callback)
 {
+    TASK_CHECK(m_task);
     m_mdns->Find(guid,
                  [callback = std::move(callback), port = m_port](const std::vector<std::string>& addresses)
                  {

@@ -21,7 +21,7 @@ bool ReadPort(const std::string& text, std::uint16_t& port)
 }
 
 /// "host", "host:port", "[ipv6]", "[ipv6]:port", or a bare IPv6 address.
-std::optional<Peer> ReadPlace(const std::string& text)
+std::optional<Peer> PeerFromText(const std::string& text)
 {
     Peer peer;
     peer.isGiven = true;
@@ -73,12 +73,13 @@ std::optional<Peer> PeersFile::Find(const std::string& guid)
         {
             continue;
         }
-        const std::optional<Peer> peer = words >> place ? ReadPlace(place) : std::nullopt;
+        const std::optional<Peer> peer = words >> place ? PeerFromText(place) : std::nullopt;
         if (!peer)
         {
-            if (unreadable.insert(line).second && m_told.count(line) == 0)
+            if (unreadable.insert(line).second && m_loggedLines.count(line) == 0)
             {
-                DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: no guid and host[:port]: %s", m_path.c_str(), line.c_str());
+                DPRINTF(s_log, DPrint::LEVEL_ERROR, "%s: not a line of guid and host[:port]: %s", m_path.c_str(),
+                        line.c_str());
             }
         }
         else if (name == guid && !first)
@@ -86,7 +87,7 @@ std::optional<Peer> PeersFile::Find(const std::string& guid)
             first = peer;
         }
     }
-    m_told = std::move(unreadable);
+    m_loggedLines = std::move(unreadable);
     return first;
 }
 

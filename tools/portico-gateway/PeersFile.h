@@ -9,19 +9,19 @@
 namespace Gateway
 {
 
-/// A file of lines `guid host[:port]`, IPv6 hosts in brackets where a port follows; empty lines and lines that begin
-/// with '#' are passed over. Read at each question, so that it can be edited while the gateway runs.
+/// A file of lines `guid host[:port]`, with IPv6 hosts in brackets if a port follows. Empty lines and lines that
+/// begin with '#' are ignored. Read at each query, so it can be edited while the gateway runs.
 class PeersFile final
 {
 public:
-    explicit PeersFile(std::string path); ///< empty: there is none
+    explicit PeersFile(std::string path); ///< empty: no file
 
-    /// The first line for the guid. A line that cannot be read is skipped, and logged once as long as it stands there.
+    /// Returns the first line for the guid. An unreadable line is skipped, and logged once while it is in the file.
     std::optional<Peer> Find(const std::string& guid);
 
 private:
     const std::string m_path;
-    std::set<std::string> m_told; ///< the lines of the last reading that could not be read
+    std::set<std::string> m_loggedLines; ///< unreadable lines of the last read
 };
 
 } // namespace Gateway

@@ -15,7 +15,7 @@ namespace
 
 using Json = nlohmann::json;
 
-/// Both forms are legal: the record itself, or an object whose sole key is the record's name.
+/// A record may be wrapped in an object whose only key is the name of the record.
 Json ReadRecord(const std::string& text, const char* name)
 {
     Json record = Json::parse(text, nullptr, /*allow_exceptions=*/false);
@@ -26,10 +26,18 @@ Json ReadRecord(const std::string& text, const char* name)
     return record;
 }
 
+/// Null if `object` is not an object or has no such member.
+const Json& Member(const Json& object, const char* key)
+{
+    static const Json s_null;
+    const auto found = object.find(key); // end() unless it is an object
+    return found != object.end() ? *found : s_null;
+}
+
 std::string Text(const Json& object, const char* key)
 {
-    const auto found = object.find(key);
-    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+    const Json& member = Member(object, key);
+    return member.is_string() ? member.get<std::string>() : std::string();
 }
 
 bool IsNumeric(const std::string& address)
@@ -39,7 +47,8 @@ bool IsNumeric(const std::string& address)
            inet_pton(AF_INET6, address.c_str(), ignored.data()) == 1;
 }
 
-/// "192.0.2.1" of "http://192.0.2.1:49152/description.xml", "2001:db8::1" of "http://[2001:db8::1]/".
+/// The host of a URL: "192.0.2.1" for "http://192.0.2.1:49152/description.xml", "2001:db8::1" for
+/// "http://[2001:db8::1]/".
 std::string HostOf(const std::string& location)
 {
     const std::size_t scheme = location.find("://");
@@ -49,39 +58,27 @@ std::string HostOf(const std::string& location)
 
 } // namespace
 
-std::map<std::string, std::string> ReadAddresses(const std::string& productList)
+std::map<std::string, std::string> AddressesFromProductList(const std::string& productList)
 {
     std::map<std::string, std::string> addresses;
     const Json list = ReadRecord(productList, "ProductList");
-    const auto products = list.is_object() ? list.find("products") : list.end();
-    if (!list.is_object() || products == list.end() || !products->is_array())
+    for (const Json& row : Member(list, "products"))
     {
-        return addresses;
-    }
-    for (const Json& row : *products)
-    {
-        const auto info = row.is_object() ? row.find("productinfo") : row.end();
-        if (!row.is_object() || info == row.end() || !info->is_object())
-        {
-            continue;
-        }
-        std::string address = Text(*info, "ipaddress");
-        if (address.empty()) // it answered for itself while it had no network; mDNS may have no record of it
-        {
-            address = HostOf(Text(*info, "location"));
-        }
+        const Json& info = Member(row, "productinfo");
+        std::string address = Text(info, "ipaddress");
+        // A product that had no network when it answered with its info has no address; mDNS may have no record either.
+        address = address.empty() ? HostOf(Text(info, "location")) : address;
         if (IsNumeric(address))
         {
-            addresses.emplace(Text(*info, "guid"), std::move(address));
+            addresses.emplace(Text(info, "guid"), std::move(address));
         }
     }
     return addresses;
 }
 
-std::string FindGuid(const std::string& productInfo)
+std::string GuidFromProductInfo(const std::string& productInfo)
 {
-    const Json info = ReadRecord(productInfo, "ProductInfo");
-    return info.is_object() ? Text(info, "guid") : std::string();
+    return Text(ReadRecord(productInfo, "ProductInfo"), "guid");
 }
 
 } // namespace Gateway

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/portico-gateway/RpcFrame.h"
+#include "jsonrpc/Frame.h"
 
 #include <map>
 #include <string>
@@ -8,11 +8,12 @@
 namespace Gateway
 {
 
-/// guid -> `ipaddress` of the rows of a product list as JSON, whatever their state, or the host of `location` where
-/// that is empty. A row without a numeric address is left out: it is made of what the LAN says.
-std::map<std::string, std::string> ReadAddresses(const std::string& productList);
+/// Maps guid to `ipaddress` for all rows of a product list in JSON, whatever their state. If that is empty, it is the
+/// host of `location`. Rows without a numeric address are left out: their contents come from the LAN, and a name
+/// would be resolved.
+std::map<std::string, std::string> AddressesFromProductList(const std::string& productList);
 
-/// The `guid` of a product's own information as JSON, empty where there is none.
-std::string FindGuid(const std::string& productInfo);
+/// The `guid` of a product info in JSON; empty if it has none.
+std::string GuidFromProductInfo(const std::string& productInfo);
 
 } // namespace Gateway

@@ -3,6 +3,7 @@
 #include "runtime/DPrint.h"
 #include "runtime/MonotonicClock.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "tools/portico-gateway/PeerAddresses.h"
 #include "tools/portico-gateway/ProductTable.h"
 #include "websocket/WebSocket.h"
@@ -20,21 +21,21 @@ const DPrint s_log("PorticoGateway");
 const std::string kInfoPath = "/sonarix/info";
 const std::string kTlsSubProtocol = "tarsier_mTLS";
 
-/// A product whose cable is cut is noticed after twice this.
+/// An unreachable product is noticed after twice this time.
 constexpr std::chrono::milliseconds kIdleTimeout{2000};
-/// A product's own information is a few KiB; its whole list, which a person may ask for, some hundred.
+/// The largest answer of our own services is the whole product list, a few hundred KiB.
 constexpr std::size_t kMaxAnswerBytes = 1U << 20U;
 
 } // namespace
 
-RemoteProduct::RemoteProduct(const Surroundings& surroundings, std::string guid, std::string subProtocol,
+RemoteProduct::RemoteProduct(const GatewayContext& context, std::string guid, std::string subProtocol,
                              std::string service, Callbacks callbacks)
-    : m_surroundings(surroundings)
+    : m_context(context)
     , m_guid(std::move(guid))
     , m_subProtocol(std::move(subProtocol))
     , m_service(std::move(service))
     , m_callbacks(std::move(callbacks))
-    , m_pending(surroundings.task, m_guid)
+    , m_pending(context.task, m_guid, kMaxPending)
 {
 }
 
@@ -42,10 +43,11 @@ RemoteProduct::~RemoteProduct() = default;
 
 // ---- requests and subscriptions -----------------------------------------------------------------------------
 
-void RemoteProduct::Send(const Request& request, AnswerCallback answer)
+void RemoteProduct::Send(const JsonRpc::Request& request, JsonRpc::AnswerCallback answer)
 {
+    TASK_CHECK(m_context.task);
     const bool hasJustFailed =
-        m_failedAtMs != 0 && MonotonicClock::NowMs() - m_failedAtMs < m_surroundings.timings.retryPause.count();
+        m_failedAtMs != 0 && MonotonicClock::NowMs() - m_failedAtMs < m_context.timings.retryPause.count();
     if (m_state == State::IDLE && hasJustFailed)
     {
         answer(Unreachable(m_lastReason));
@@ -54,17 +56,18 @@ void RemoteProduct::Send(const Request& request, AnswerCallback answer)
     SendCheck(request, std::move(answer));
 }
 
-void RemoteProduct::SendCheck(const Request& request, AnswerCallback answer)
+void RemoteProduct::SendCheck(const JsonRpc::Request& request, JsonRpc::AnswerCallback answer)
 {
+    TASK_CHECK(m_context.task);
     if (m_state == State::READY)
     {
-        Carry(request, answer);
+        Forward(request, answer);
         return;
     }
-    Park(request, std::move(answer));
+    Enqueue(request, std::move(answer));
 }
 
-void RemoteProduct::Park(const Request& request, AnswerCallback answer)
+void RemoteProduct::Enqueue(const JsonRpc::Request& request, JsonRpc::AnswerCallback answer)
 {
     if (m_waiting.size() >= kMaxWaiting)
     {
@@ -91,18 +94,19 @@ std::deque<RemoteProduct::Waiting> RemoteProduct::TakeWaiting()
     return std::exchange(m_waiting, {});
 }
 
-void RemoteProduct::Subscribe(const std::string& path, const std::string& version, int scope, AnswerCallback answer)
+void RemoteProduct::Subscribe(const std::string& path, const std::string& version, int scope,
+                              JsonRpc::AnswerCallback answer)
 {
+    TASK_CHECK(m_context.task);
     if (m_subscriptions.size() >= kMaxSubscriptions && m_subscriptions.count(path) == 0)
     {
-        answer(Answer::Error(UNREACHABLE, "too many subscriptions", m_guid));
+        answer(JsonRpc::Answer::Error(JsonRpc::UNREACHABLE, "too many subscriptions", m_guid));
         return;
     }
-    m_subscriptions[path].params =
-        R"({"path":)" + ToJson(path) + R"(,"version":)" + version + R"(,"scope":)" + std::to_string(scope) + "}";
+    m_subscriptions[path].params = JsonRpc::SubscribeParams(path, version, scope);
     if (m_state != State::READY)
     {
-        answer(Answer::Empty());
+        answer(JsonRpc::Answer::Empty());
         if (m_state == State::IDLE)
         {
             StartAttempt();
@@ -110,7 +114,7 @@ void RemoteProduct::Subscribe(const std::string& path, const std::string& versio
         return;
     }
     SendSubscription(path,
-                     [this, path, answer = std::move(answer)](const Answer& answered)
+                     [this, path, answer = std::move(answer)](const JsonRpc::Answer& answered)
                      {
                          if (answered.IsError())
                          {
@@ -122,34 +126,36 @@ void RemoteProduct::Subscribe(const std::string& path, const std::string& versio
 
 void RemoteProduct::Unsubscribe(const std::string& path)
 {
-    // Another product's gateway takes no word of this: what it still tells is passed over.
+    TASK_CHECK(m_context.task);
+    // The LAN port does not accept `unsubscribe`. Later notifications are ignored.
     m_subscriptions.erase(path);
 }
 
-void RemoteProduct::SendSubscription(const std::string& path, AnswerCallback refusedOrDone)
+void RemoteProduct::SendSubscription(const std::string& path, JsonRpc::AnswerCallback refusedOrDone)
 {
     Call("subscribe", m_subscriptions[path].params,
-         [this, answer = std::move(refusedOrDone)](const Answer& answered)
+         [this, answer = std::move(refusedOrDone)](const JsonRpc::Answer& answered)
          {
-             // Without a connection, or without an answer in time, nothing was refused: it is renewed later.
-             const bool isRefused = answered.IsError() && m_state == State::READY && answered.code != NO_ANSWER;
-             answer(isRefused ? answered : Answer::Empty());
+             // A lost connection or a timeout is not a refusal: the subscription is renewed later.
+             const bool isRefused =
+                 answered.IsError() && m_state == State::READY && answered.code != JsonRpc::NO_ANSWER;
+             answer(isRefused ? answered : JsonRpc::Answer::Empty());
          });
 }
 
 void RemoteProduct::Renew(const std::string& path)
 {
     SendSubscription(path,
-                     [this, path](const Answer& answered)
+                     [this, path](const JsonRpc::Answer& answered)
                      {
                          const auto found = m_subscriptions.find(path);
                          if (found == m_subscriptions.end())
                          {
                              return;
                          }
-                         const bool isNews = answered.IsError() && !found->second.isToldRefused;
-                         found->second.isToldRefused = answered.IsError();
-                         if (isNews)
+                         const bool isChange = answered.IsError() && !found->second.isRefusalLogged;
+                         found->second.isRefusalLogged = answered.IsError();
+                         if (isChange)
                          {
                              DPRINTF(s_log, DPrint::LEVEL_WARNING, "%s: product %s refuses the subscription of %s: %d",
                                      m_service.c_str(), m_guid.c_str(), path.c_str(), answered.code);
@@ -157,38 +163,46 @@ void RemoteProduct::Renew(const std::string& path)
                      });
 }
 
-void RemoteProduct::Carry(const Request& request, const AnswerCallback& answer)
+void RemoteProduct::Forward(const JsonRpc::Request& request, const JsonRpc::AnswerCallback& answer)
 {
-    // The request itself is not kept: its body may be large, and many wait.
-    const bool isTelling = request.verb == "get" && request.path == kInfoPath;
-    const auto id = m_pending.Add(m_surroundings.timings.carriedRequestLimit,
-                                  [this, isTelling, answer](const Answer& answered)
+    // The lambda does not keep the request: its body may be large, and many requests wait.
+    const bool isInfo = request.verb == "get" && request.path == kInfoPath;
+    const auto id = m_pending.Add(m_context.timings.remoteRequestLimit,
+                                  [this, isInfo, answer](const JsonRpc::Answer& answered)
                                   {
-                                      const bool isImpostor = isTelling && IsImpostor(answered);
-                                      answer(isImpostor ? Unreachable("another product answers there") : answered);
+                                      const bool isWrongProduct = isInfo && IsWrongProduct(answered);
+                                      answer(isWrongProduct ? Unreachable("another product answers there") : answered);
                                   });
     if (!id)
     {
         answer(Unreachable("too many requests wait for it"));
         return;
     }
-    m_connection->Send(CallFrame(*id, request));
+    m_connection->Send(JsonRpc::TextFromRequest(*id, request));
 }
 
-void RemoteProduct::Call(const std::string& method, const std::string& params, AnswerCallback answer)
+void RemoteProduct::Call(const std::string& method, const std::string& params, JsonRpc::AnswerCallback answer)
 {
-    const auto id = m_pending.Add(m_surroundings.timings.carriedRequestLimit, answer);
+    const auto id = m_pending.Add(m_context.timings.remoteRequestLimit, answer);
     if (!id)
     {
         answer(Unreachable("too many requests wait for it"));
         return;
     }
-    m_connection->Send(CallFrame(*id, method, params));
+    m_connection->Send(JsonRpc::TextFromCall(*id, method, params));
 }
 
-Answer RemoteProduct::Unreachable(const std::string& reason) const
+void RemoteProduct::FailWaiting(const std::string& reason)
 {
-    return Answer::Error(UNREACHABLE, "product " + m_guid + " is not reachable: " + reason, m_guid);
+    for (const Waiting& each : TakeWaiting())
+    {
+        each.answer(Unreachable(reason));
+    }
+}
+
+JsonRpc::Answer RemoteProduct::Unreachable(const std::string& reason) const
+{
+    return JsonRpc::Answer::Error(JsonRpc::UNREACHABLE, "product " + m_guid + " is not reachable: " + reason, m_guid);
 }
 
 // ---- the connection -----------------------------------------------------------------------------------------
@@ -199,46 +213,49 @@ void RemoteProduct::StartAttempt()
     m_state = State::RESOLVING;
     m_toTry.clear();
     m_tried.clear();
-    m_isMdnsAsked = false;
-    if (m_subProtocol == kTlsSubProtocol && m_surroundings.tls == nullptr)
+    m_isMdnsQueried = false;
+    if (m_subProtocol == kTlsSubProtocol && m_context.tls == nullptr)
     {
         const auto fail =
-            ForThisAttempt([this](const auto&) { Fail("no certificates, start the gateway with --tls-dir"); });
-        IL::BreakThread([fail] { fail({}); }, m_surroundings.task);
+            ForCurrentAttempt([this](const auto&) { Fail("no certificates, start the gateway with --tls-dir"); });
+        IL::BreakThread([fail] { fail({}); }, m_context.task);
         return;
     }
-    const bool isKnown = !m_tablePeers.empty() && MonotonicClock::NowMs() - m_tableAskedAtMs < kTableMemory.count();
+    const bool isKnown =
+        !m_tablePeers.empty() && MonotonicClock::NowMs() - m_tableQueriedAtMs < kTableCacheTime.count();
     if (isKnown)
     {
         m_toTry = m_tablePeers;
         TryNext();
         return;
     }
-    m_surroundings.addresses.AskTable(m_guid, ForThisAttempt(
-                                                  [this](const std::vector<Peer>& peers)
-                                                  {
-                                                      m_tablePeers = peers;
-                                                      m_tableAskedAtMs = MonotonicClock::NowMs();
-                                                      m_toTry = peers;
-                                                      TryNext();
-                                                  }));
+    m_context.addresses.QueryTable(m_guid, ForCurrentAttempt(
+                                               [this](const std::vector<Peer>& peers)
+                                               {
+                                                   m_tablePeers = peers;
+                                                   m_tableQueriedAtMs = MonotonicClock::NowMs();
+                                                   m_toTry = peers;
+                                                   TryNext();
+                                               }));
 }
 
 std::function<void(const std::vector<Peer>&)>
-RemoteProduct::ForThisAttempt(std::function<void(const std::vector<Peer>&)> callback) const
+RemoteProduct::ForCurrentAttempt(std::function<void(const std::vector<Peer>&)> callback) const
 {
-    return [this, attempt = m_attempt, callback = std::move(callback),
-            alive = std::weak_ptr(m_alive)](const std::vector<Peer>& peers)
-    {
-        if (alive.lock() && attempt == m_attempt && m_state == State::RESOLVING)
+    return m_liveness.Guard(
+        [this, attempt = m_attempt, callback = std::move(callback)](const std::vector<Peer>& peers)
         {
-            callback(peers);
-        }
-    };
+            TASK_CHECK(m_context.task);
+            if (attempt == m_attempt && m_state == State::RESOLVING)
+            {
+                callback(peers);
+            }
+        });
 }
 
 void RemoteProduct::HandleOwnList()
 {
+    TASK_CHECK(m_context.task);
     m_failedAtMs = 0;
     if (m_state == State::RESOLVING)
     {
@@ -252,8 +269,8 @@ void RemoteProduct::TryNext()
     {
         const Peer peer = m_toTry.front();
         m_toTry.erase(m_toTry.begin());
-        const bool isTried =
-            std::any_of(m_tried.begin(), m_tried.end(), [&peer](const Peer& tried) { return tried.IsSamePlace(peer); });
+        const bool isTried = std::any_of(m_tried.begin(), m_tried.end(),
+                                         [&peer](const Peer& tried) { return tried.HasSameAddress(peer); });
         if (!isTried)
         {
             m_tried.push_back(peer);
@@ -261,19 +278,19 @@ void RemoteProduct::TryNext()
             return;
         }
     }
-    if (m_isMdnsAsked)
+    if (m_isMdnsQueried)
     {
         Fail(m_tried.empty() ? "no address is known" : m_lastReason);
         return;
     }
-    m_isMdnsAsked = true;
+    m_isMdnsQueried = true;
     m_state = State::RESOLVING;
-    m_surroundings.addresses.AskMdns(m_guid, ForThisAttempt(
-                                                 [this](const std::vector<Peer>& peers)
-                                                 {
-                                                     m_toTry = peers;
-                                                     TryNext();
-                                                 }));
+    m_context.addresses.QueryMdns(m_guid, ForCurrentAttempt(
+                                              [this](const std::vector<Peer>& peers)
+                                              {
+                                                  m_toTry = peers;
+                                                  TryNext();
+                                              }));
 }
 
 void RemoteProduct::Connect(const Peer& peer)
@@ -286,31 +303,33 @@ void RemoteProduct::Connect(const Peer& peer)
     target.subProtocol = m_subProtocol;
     if (m_subProtocol == kTlsSubProtocol)
     {
-        target.tls = m_surroundings.tls;
+        target.tls = m_context.tls;
         target.expectedPeer = m_guid;
     }
     WebSocket::Limits limits;
-    limits.handshakeTimeout = m_surroundings.timings.connectLimit;
+    limits.handshakeTimeout = m_context.timings.connectLimit;
     limits.idleTimeout = kIdleTimeout;
     limits.maxMessageBytes = kMaxAnswerBytes;
-    limits.maxQueuedBytes += kMaxWaitingBytes; // what has waited goes out at once
+    limits.maxQueuedBytes += kMaxWaitingBytes; // all waiting requests are sent at once
     WebSocket::Connection::Handlers handlers;
     handlers.opened = [this] { HandleOpened(); };
     handlers.message = [this](const std::string& text) { HandleMessage(text); };
     handlers.closed = [this](const std::string& reason) { HandleClosed(reason); };
-    m_connection = WebSocket::Connect(m_surroundings.task, target, std::move(handlers), limits);
+    m_connection = WebSocket::Connect(m_context.task, target, std::move(handlers), limits);
 }
 
 void RemoteProduct::HandleOpened()
 {
+    TASK_CHECK(m_context.task);
     m_state = State::IDENTIFYING;
-    const auto id =
-        m_pending.Add(m_surroundings.timings.checkLimit, [this](const Answer& answer) { HandleOpenAnswer(answer); });
-    m_connection->Send(CallFrame(*id, "open", R"({"service":)" + ToJson(m_service) + R"(,"guid":""})"));
+    const auto id = m_pending.Add(m_context.timings.checkLimit,
+                                  [this](const JsonRpc::Answer& answer) { HandleOpenAnswer(answer); });
+    m_connection->Send(JsonRpc::TextFromCall(*id, "open", JsonRpc::OpenParams(m_service, {})));
 }
 
-void RemoteProduct::HandleOpenAnswer(const Answer& answer)
+void RemoteProduct::HandleOpenAnswer(const JsonRpc::Answer& answer)
 {
+    TASK_CHECK(m_context.task);
     if (m_state != State::IDENTIFYING)
     {
         return;
@@ -330,23 +349,23 @@ void RemoteProduct::HandleOpenAnswer(const Answer& answer)
 
 void RemoteProduct::Identify()
 {
-    const Request request{"get", kInfoPath, "1.0", std::nullopt};
-    const auto id = m_pending.Add(m_surroundings.timings.checkLimit,
-                                  [this](const Answer& answer)
+    const JsonRpc::Request request{"get", kInfoPath, "1.0", std::nullopt};
+    const auto id = m_pending.Add(m_context.timings.checkLimit,
+                                  [this](const JsonRpc::Answer& answer)
                                   {
-                                      // A product whose service is not up yet has no name, and is let pass.
-                                      if (m_state == State::IDENTIFYING && !IsImpostor(answer))
+                                      // A product whose service is not running returns no guid, and is accepted.
+                                      if (m_state == State::IDENTIFYING && !IsWrongProduct(answer))
                                       {
                                           HandleReady();
                                       }
                                   });
-    m_connection->Send(CallFrame(*id, request));
+    m_connection->Send(JsonRpc::TextFromRequest(*id, request));
 }
 
-bool RemoteProduct::IsImpostor(const Answer& answer)
+bool RemoteProduct::IsWrongProduct(const JsonRpc::Answer& answer)
 {
-    const bool isTelling = !answer.IsError() && !m_peer.isGiven;
-    const std::string guid = isTelling ? FindGuid(answer.result) : std::string();
+    const bool isInfo = !answer.IsError() && !m_peer.isGiven;
+    const std::string guid = isInfo ? GuidFromProductInfo(answer.result) : std::string();
     if (guid.empty() || guid == m_guid)
     {
         return false;
@@ -360,8 +379,8 @@ void RemoteProduct::HandleReady()
     m_state = State::READY;
     m_failedAtMs = 0;
     m_readySinceMs = MonotonicClock::NowMs();
-    m_isToldUnreachable = false;
-    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is reached at %s", m_service.c_str(), m_guid.c_str(),
+    m_isUnreachableLogged = false;
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: connected to product %s at %s", m_service.c_str(), m_guid.c_str(),
             m_peer.host.c_str());
     std::vector<std::string> paths;
     for (const auto& [path, subscription] : m_subscriptions)
@@ -372,23 +391,23 @@ void RemoteProduct::HandleReady()
     {
         Renew(path);
     }
-    const std::deque<Waiting> waiting = TakeWaiting();
-    for (const Waiting& each : waiting)
+    for (const Waiting& each : TakeWaiting())
     {
-        Carry(each.request, each.answer);
+        Forward(each.request, each.answer);
     }
 }
 
 void RemoteProduct::HandleMessage(const std::string& text)
 {
-    const Frame frame = ParseFrame(text);
-    if (frame.kind == Frame::Kind::ANSWER && frame.id)
+    TASK_CHECK(m_context.task);
+    const JsonRpc::Frame frame = JsonRpc::FrameFromText(text);
+    if (frame.kind == JsonRpc::Frame::Kind::ANSWER && frame.id)
     {
-        m_pending.Take(*frame.id, frame.answer);
+        m_pending.Finish(*frame.id, frame.answer);
         return;
     }
     const bool isNotification =
-        frame.kind == Frame::Kind::CALL && frame.method == "notify" && frame.params.malformed.empty();
+        frame.kind == JsonRpc::Frame::Kind::CALL && frame.method == "notify" && frame.params.malformed.empty();
     if (isNotification && frame.params.path && m_subscriptions.count(*frame.params.path) != 0)
     {
         m_callbacks.notified(*frame.params.path, frame.params.version, frame.params.body.value_or("{}"));
@@ -397,10 +416,11 @@ void RemoteProduct::HandleMessage(const std::string& text)
 
 void RemoteProduct::HandleClosed(const std::string& reason)
 {
+    TASK_CHECK(m_context.task);
     const bool wasReady = m_state == State::READY;
     m_lastReason = reason;
     m_connection.reset();
-    m_state = State::RESOLVING; // what fails now asks for nothing new
+    m_state = State::RESOLVING; // so that requests which fail now do not start an attempt
     m_pending.FailAll(Unreachable(reason));
     if (!wasReady)
     {
@@ -408,12 +428,9 @@ void RemoteProduct::HandleClosed(const std::string& reason)
         return;
     }
     m_state = State::IDLE;
-    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is lost: %s", m_service.c_str(), m_guid.c_str(), reason.c_str());
-    const std::deque<Waiting> waiting = TakeWaiting();
-    for (const Waiting& each : waiting)
-    {
-        each.answer(Unreachable(reason));
-    }
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: connection to product %s lost: %s", m_service.c_str(), m_guid.c_str(),
+            reason.c_str());
+    FailWaiting(reason);
     if (MonotonicClock::NowMs() - m_readySinceMs >= kStableAfter.count())
     {
         m_callbacks.lost();
@@ -425,17 +442,13 @@ void RemoteProduct::Fail(const std::string& reason)
     m_state = State::IDLE;
     m_lastReason = reason;
     m_failedAtMs = MonotonicClock::NowMs();
-    if (!m_isToldUnreachable)
+    if (!m_isUnreachableLogged)
     {
-        m_isToldUnreachable = true;
+        m_isUnreachableLogged = true;
         DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: product %s is not reachable: %s", m_service.c_str(), m_guid.c_str(),
                 reason.c_str());
     }
-    const std::deque<Waiting> waiting = TakeWaiting();
-    for (const Waiting& each : waiting)
-    {
-        each.answer(Unreachable(reason));
-    }
+    FailWaiting(reason);
 }
 
 } // namespace Gateway

@@ -16,7 +16,7 @@ void Router::SetServedCallback(std::function<void(const std::string&, const std:
     m_onServed = std::move(callback);
 }
 
-Answer Router::Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope)
+JsonRpc::Answer Router::Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope)
 {
     const auto found = m_paths.find(path);
     if (found != m_paths.end() && found->second.count(verb) != 0)
@@ -24,15 +24,16 @@ Answer Router::Serve(PathServerIF* server, const std::string& verb, const std::s
         Endpoint& endpoint = found->second.at(verb);
         if (endpoint.server != server)
         {
-            return Answer::Error(PATH_TAKEN, verb + " " + path + " is served by another client", m_ownGuid);
+            return JsonRpc::Answer::Error(JsonRpc::PATH_TAKEN, verb + " " + path + " is served by another client",
+                                          m_ownGuid);
         }
         endpoint.scope = scope;
-        return Answer::Empty();
+        return JsonRpc::Answer::Empty();
     }
     std::size_t& served = m_served[server];
     if (served >= kMaxServed)
     {
-        return Answer::Error(UNREACHABLE, "this client serves too many paths", m_ownGuid);
+        return JsonRpc::Answer::Error(JsonRpc::UNREACHABLE, "this client serves too many paths", m_ownGuid);
     }
     ++served;
     m_paths[path][verb] = Endpoint{server, scope};
@@ -40,16 +41,17 @@ Answer Router::Serve(PathServerIF* server, const std::string& verb, const std::s
     {
         m_onServed(verb, path);
     }
-    return Answer::Empty();
+    return JsonRpc::Answer::Empty();
 }
 
-Answer Router::Withdraw(PathServerIF* server, const std::string& verb, const std::string& path)
+JsonRpc::Answer Router::Withdraw(PathServerIF* server, const std::string& verb, const std::string& path)
 {
     const auto found = m_paths.find(path);
     const auto endpoint = found != m_paths.end() ? found->second.find(verb) : decltype(found->second.end())();
     if (found == m_paths.end() || endpoint == found->second.end() || endpoint->second.server != server)
     {
-        return Answer::Error(NOT_SERVED, "this client does not serve " + verb + " " + path, m_ownGuid);
+        return JsonRpc::Answer::Error(JsonRpc::NOT_SERVED, "this client does not serve " + verb + " " + path,
+                                      m_ownGuid);
     }
     found->second.erase(endpoint);
     --m_served[server];
@@ -57,7 +59,7 @@ Answer Router::Withdraw(PathServerIF* server, const std::string& verb, const std
     {
         m_paths.erase(found);
     }
-    return Answer::Empty();
+    return JsonRpc::Answer::Empty();
 }
 
 void Router::Forget(PathServerIF* server)
@@ -70,19 +72,20 @@ void Router::Forget(PathServerIF* server)
     }
 }
 
-void Router::Send(const Request& request, Origin origin, const AnswerCallback& answer) const
+void Router::Send(const JsonRpc::Request& request, Origin origin, const JsonRpc::AnswerCallback& answer) const
 {
     const auto found = m_paths.find(request.path);
     if (found == m_paths.end() || (origin == Origin::LAN && !IsPublic(request.path)))
     {
-        answer(Answer::Error(NOT_SERVED, "nobody serves " + request.path, m_ownGuid));
+        answer(JsonRpc::Answer::Error(JsonRpc::NOT_SERVED, "nobody serves " + request.path, m_ownGuid));
         return;
     }
     const auto endpoint = found->second.find(request.verb);
     const bool isThere = endpoint != found->second.end() && (origin == Origin::LOCAL || endpoint->second.scope == 0);
     if (!isThere)
     {
-        answer(Answer::Error(WRONG_VERB, request.path + " does not answer " + request.verb, m_ownGuid));
+        answer(
+            JsonRpc::Answer::Error(JsonRpc::WRONG_VERB, request.path + " does not answer " + request.verb, m_ownGuid));
         return;
     }
     endpoint->second.server->Handle(request, answer);
@@ -101,7 +104,7 @@ bool Router::IsServedBy(const PathServerIF* server, const std::string& path) con
                                                  [server](const auto& verb) { return verb.second.server == server; });
 }
 
-bool Router::IsServedAtAll(const std::string& path) const
+bool Router::HasServer(const std::string& path) const
 {
     return m_paths.count(path) != 0;
 }

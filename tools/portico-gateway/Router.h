@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tools/portico-gateway/PendingRequests.h"
-#include "tools/portico-gateway/RpcFrame.h"
+#include "jsonrpc/Frame.h"
+#include "jsonrpc/PendingRequests.h"
 
 #include <cstddef>
 #include <functional>
@@ -11,7 +11,7 @@
 namespace Gateway
 {
 
-/// Where a request or subscription comes from: this product sees everything, others what has scope 0.
+/// The origin of a request or subscription. LAN clients see paths of scope 0 only.
 enum class Origin
 {
     LOCAL,
@@ -23,11 +23,12 @@ class PathServerIF
 {
 public:
     virtual ~PathServerIF() = default;
-    virtual void Handle(const Request& request, const AnswerCallback& answer) = 0;
+    virtual void Handle(const JsonRpc::Request& request, const JsonRpc::AnswerCallback& answer) = 0;
 };
 
-/// Which client serves which path, and the way of a request there.
-/// Task: the gateway's. Owner: the gateway. Never keeps a server alive: each tells when it goes.
+/// Knows which client serves which path, and forwards requests to it.
+/// Task: everything on the gateway's task. Owner: the gateway. Does not own servers: each calls Forget() when it
+/// ends.
 class Router final
 {
 public:
@@ -35,26 +36,26 @@ public:
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
 
-    /// Called with (verb, path) at each path newly served.
+    /// Called with (verb, path) when a client begins to serve a path.
     void SetServedCallback(std::function<void(const std::string& verb, const std::string& path)> callback);
 
-    /// PATH_TAKEN where another client serves this verb of the path; serving it twice changes its scope.
-    /// UNREACHABLE where this client serves kMaxServed already; the others' do not count.
-    Answer Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope);
-    /// NOT_SERVED where this client does not serve it.
-    Answer Withdraw(PathServerIF* server, const std::string& verb, const std::string& path);
+    /// PATH_TAKEN if another client serves this verb of the path. Serving it twice changes its scope. UNREACHABLE if
+    /// this client already serves kMaxServed; other clients do not count.
+    JsonRpc::Answer Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope);
+    /// NOT_SERVED if this client does not serve it.
+    JsonRpc::Answer Withdraw(PathServerIF* server, const std::string& verb, const std::string& path);
     void Forget(PathServerIF* server);
 
-    /// `answer` is called once, perhaps before the return.
-    void Send(const Request& request, Origin origin, const AnswerCallback& answer) const;
+    /// `answer` is called once, perhaps before Send() returns.
+    void Send(const JsonRpc::Request& request, Origin origin, const JsonRpc::AnswerCallback& answer) const;
 
     bool IsServed(const std::string& verb, const std::string& path) const;
     bool IsServedBy(const PathServerIF* server, const std::string& path) const;
-    bool IsServedAtAll(const std::string& path) const;
-    /// Whether other products see the path: one of its verbs, of `server` where given, has scope 0.
+    bool HasServer(const std::string& path) const;
+    /// True if other products may see the path: one of its verbs (of `server`, unless null) has scope 0.
     bool IsPublic(const std::string& path, const PathServerIF* server = nullptr) const;
 
-    static constexpr std::size_t kMaxServed = 16384; ///< by one client, each verb of a path counted
+    static constexpr std::size_t kMaxServed = 16384; ///< by one client; each verb of a path counts
 
 private:
     struct Endpoint
@@ -65,8 +66,8 @@ private:
 
     const std::string m_ownGuid;
     std::function<void(const std::string&, const std::string&)> m_onServed;
-    std::map<std::string, std::map<std::string, Endpoint>> m_paths; ///< path, verb
-    std::map<const PathServerIF*, std::size_t> m_served;            ///< how many each has there
+    std::map<std::string, std::map<std::string, Endpoint>> m_paths; ///< by path and verb
+    std::map<const PathServerIF*, std::size_t> m_served;            ///< number of entries of each server
 };
 
 } // namespace Gateway

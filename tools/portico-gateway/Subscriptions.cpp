@@ -18,17 +18,17 @@ Subscriptions::Subscriptions(const Router& router)
 {
 }
 
-Answer Subscriptions::Add(SubscriberIF* subscriber, const std::string& path, Origin origin)
+JsonRpc::Answer Subscriptions::Add(SubscriberIF* subscriber, const std::string& path, Origin origin)
 {
     std::set<std::string>& paths = m_paths[subscriber];
     const std::size_t limit = origin == Origin::LAN ? kMaxPathsLan : kMaxPathsLocal;
     if (paths.size() >= limit && paths.count(path) == 0)
     {
-        return Answer::Error(UNREACHABLE, "too many subscriptions", {});
+        return JsonRpc::Answer::Error(JsonRpc::UNREACHABLE, "too many subscriptions", {});
     }
     paths.insert(path);
     m_subscribers[path][subscriber] = origin;
-    return Answer::Empty();
+    return JsonRpc::Answer::Empty();
 }
 
 void Subscriptions::Remove(SubscriberIF* subscriber, const std::string& path)
@@ -66,19 +66,19 @@ void Subscriptions::Forget(SubscriberIF* subscriber)
     m_missed.erase(subscriber);
 }
 
-void Subscriptions::TellLast(SubscriberIF* subscriber, const std::string& path, Origin origin) const
+void Subscriptions::SendLast(SubscriberIF* subscriber, const std::string& path, Origin origin) const
 {
     const auto last = m_last.find(path);
     if (last != m_last.end() && (origin == Origin::LOCAL || m_router.IsPublic(path, last->second.server)))
     {
-        subscriber->Tell(last->second.frame);
+        subscriber->Send(last->second.frame);
     }
 }
 
 void Subscriptions::Notify(const PathServerIF* server, const std::string& path, const std::string& version,
                            const std::string& body)
 {
-    const std::string frame = NotifyFrame(path, version, body);
+    const std::string frame = JsonRpc::TextFromNotification(path, version, body);
     const bool isKept = KeepLast(server, path, frame);
     const auto found = m_subscribers.find(path);
     if (found == m_subscribers.end())
@@ -90,15 +90,15 @@ void Subscriptions::Notify(const PathServerIF* server, const std::string& path, 
     {
         if (origin == Origin::LOCAL || isPublic)
         {
-            isKept ? Offer(subscriber, path, frame) : subscriber->Tell(frame);
+            isKept ? SendOrDefer(subscriber, path, frame) : subscriber->Send(frame);
         }
     }
 }
 
-/// For one whose frame can be told later, too.
-void Subscriptions::Offer(SubscriberIF* subscriber, const std::string& path, const std::string& frame)
+/// Sends the frame, or marks the path as missed if the subscriber's queue is full.
+void Subscriptions::SendOrDefer(SubscriberIF* subscriber, const std::string& path, const std::string& frame)
 {
-    if (!subscriber->HasRoom(frame.size()))
+    if (!subscriber->HasRoomFor(frame.size()))
     {
         m_missed[subscriber].insert(path);
         return;
@@ -107,10 +107,10 @@ void Subscriptions::Offer(SubscriberIF* subscriber, const std::string& path, con
     {
         missed->second.erase(path);
     }
-    subscriber->Tell(frame);
+    subscriber->Send(frame);
 }
 
-void Subscriptions::CatchUp(SubscriberIF* subscriber)
+void Subscriptions::SendMissed(SubscriberIF* subscriber)
 {
     const auto missed = m_missed.extract(subscriber);
     if (missed.empty())
@@ -123,7 +123,7 @@ void Subscriptions::CatchUp(SubscriberIF* subscriber)
         const bool isLocal = m_subscribers.at(path).at(subscriber) == Origin::LOCAL;
         if (last != m_last.end() && (isLocal || m_router.IsPublic(path, last->second.server)))
         {
-            Offer(subscriber, path, last->second.frame);
+            SendOrDefer(subscriber, path, last->second.frame);
         }
     }
 }
@@ -154,7 +154,7 @@ bool Subscriptions::KeepLast(const PathServerIF* server, const std::string& path
 {
     if (const auto old = m_last.find(path); old != m_last.end())
     {
-        Erase(old); // where the new one is not kept, the old one is no news either
+        Erase(old); // if the new one is not kept, the old one is outdated too
     }
     if (m_lastBytes + frame.size() <= kMaxLastBytes)
     {
@@ -162,12 +162,11 @@ bool Subscriptions::KeepLast(const PathServerIF* server, const std::string& path
         m_last[path] = Last{server, frame};
         return true;
     }
-    if (!m_isToldFull)
+    if (!m_isFullLogged)
     {
-        m_isToldFull = true;
-        DPRINTF(s_log, DPrint::LEVEL_WARNING,
-                "the last notification of %s is not kept: %zu bytes of others are, of %zu at most", path.c_str(),
-                m_lastBytes, kMaxLastBytes);
+        m_isFullLogged = true;
+        DPRINTF(s_log, DPrint::LEVEL_WARNING, "the last notification of %s is not kept: %zu of %zu bytes are in use",
+                path.c_str(), m_lastBytes, kMaxLastBytes);
     }
     return false;
 }
@@ -176,7 +175,7 @@ void Subscriptions::Erase(std::map<std::string, Last>::iterator last)
 {
     m_lastBytes -= last->second.frame.size();
     m_last.erase(last);
-    m_isToldFull = m_isToldFull && m_lastBytes > kMaxLastBytes / 2;
+    m_isFullLogged = m_isFullLogged && m_lastBytes > kMaxLastBytes / 2;
 }
 
 } // namespace Gateway

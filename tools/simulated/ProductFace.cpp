@@ -1,6 +1,6 @@
 #include "tools/simulated/ProductFace.h"
 
-#include "tools/portico-gateway/RpcFrame.h"
+#include "jsonrpc/Frame.h"
 #include "websocket/WebSocket.h"
 
 #include <utility>
@@ -12,31 +12,31 @@ const std::string kInfoPath = "/sonarix/info";
 constexpr const char* kSubProtocol = "tarsier";
 constexpr std::size_t kMaxMessageBytes = 64U << 10U;
 
-Gateway::Answer Answered(const Gateway::Frame& frame, const std::string& guid, const std::string& record, bool isOpen)
+JsonRpc::Answer Answered(const JsonRpc::Frame& frame, const std::string& guid, const std::string& record, bool isOpen)
 {
-    using Gateway::Answer;
-    const Gateway::Params& params = frame.params;
+    using JsonRpc::Answer;
+    const JsonRpc::Params& params = frame.params;
     if (!params.malformed.empty())
     {
-        return Answer::Error(Gateway::INVALID_PARAMS, "malformed: " + params.malformed, guid);
+        return Answer::Error(JsonRpc::INVALID_PARAMS, "malformed: " + params.malformed, guid);
     }
     if (frame.method == "open")
     {
         return params.guid.empty()
                    ? Answer::Empty()
-                   : Answer::Error(Gateway::INVALID_PARAMS, "no product is reached through another", guid);
+                   : Answer::Error(JsonRpc::INVALID_PARAMS, "no product is reached through another", guid);
     }
     if (!isOpen)
     {
-        return Answer::Error(Gateway::INVALID_REQUEST, "open comes first", guid);
+        return Answer::Error(JsonRpc::INVALID_REQUEST, "open comes first", guid);
     }
     if (frame.method != "get" && frame.method != "subscribe")
     {
-        return Answer::Error(Gateway::METHOD_NOT_FOUND, frame.method + " is not for other products", guid);
+        return Answer::Error(JsonRpc::METHOD_NOT_FOUND, frame.method + " is not for other products", guid);
     }
     if (params.path != kInfoPath)
     {
-        return Answer::Error(Gateway::NOT_SERVED, "nobody serves " + params.path.value_or("no path"), guid);
+        return Answer::Error(JsonRpc::NOT_SERVED, "nobody serves " + params.path.value_or("no path"), guid);
     }
     return frame.method == "get" ? Answer::Result(record) : Answer::Empty();
 }
@@ -82,7 +82,7 @@ void ProductFace::Close()
 void ProductFace::SetRecord(std::string json)
 {
     m_record = std::move(json);
-    const std::string told = Gateway::NotifyFrame(kInfoPath, "1.0", m_record);
+    const std::string told = JsonRpc::TextFromNotification(kInfoPath, "1.0", m_record);
     for (auto& [number, client] : m_clients)
     {
         if (client.isSubscribed)
@@ -104,20 +104,20 @@ void ProductFace::HandleAccepted(std::shared_ptr<WebSocket::Connection> connecti
 void ProductFace::HandleMessage(Client& client, const std::string& text)
 {
     ++m_requestCount;
-    const Gateway::Frame frame = Gateway::ParseFrame(text);
-    if (frame.kind == Gateway::Frame::Kind::INVALID)
+    const JsonRpc::Frame frame = JsonRpc::FrameFromText(text);
+    if (frame.kind == JsonRpc::Frame::Kind::INVALID)
     {
-        client.connection->Send(Gateway::AnswerFrame(frame.id.value_or("null"), frame.answer));
+        client.connection->Send(JsonRpc::TextFromAnswer(frame.id.value_or("null"), frame.answer));
         return;
     }
-    if (frame.kind == Gateway::Frame::Kind::ANSWER)
+    if (frame.kind == JsonRpc::Frame::Kind::ANSWER)
     {
         return;
     }
-    const Gateway::Answer answer = Answered(frame, m_guid, m_record, client.isOpen);
+    const JsonRpc::Answer answer = Answered(frame, m_guid, m_record, client.isOpen);
     if (frame.id)
     {
-        client.connection->Send(Gateway::AnswerFrame(*frame.id, answer));
+        client.connection->Send(JsonRpc::TextFromAnswer(*frame.id, answer));
     }
     if (answer.IsError())
     {
@@ -127,6 +127,6 @@ void ProductFace::HandleMessage(Client& client, const std::string& text)
     if (frame.method == "subscribe")
     {
         client.isSubscribed = true;
-        client.connection->Send(Gateway::NotifyFrame(kInfoPath, "1.0", m_record));
+        client.connection->Send(JsonRpc::TextFromNotification(kInfoPath, "1.0", m_record));
     }
 }

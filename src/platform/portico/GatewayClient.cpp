@@ -1,5 +1,6 @@
 #include "platform/portico/GatewayClient.h"
 
+#include "jsonrpc/Frame.h"
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
 
@@ -29,72 +30,60 @@ const char* MethodName(Verb verb)
     return "";
 }
 
-/// Only weak references travel in ordinary entries: the session's last one must go on its own task.
-void PostTo(NotifyTargetTaskIF* io, const std::weak_ptr<Session>& weak, std::function<void(Session&)> operation)
-{
-    IL::BreakThread(
-        [weak, operation = std::move(operation)]
-        {
-            if (const std::shared_ptr<Session> session = weak.lock())
-            {
-                operation(*session);
-            }
-        },
-        io);
-}
-
-/// Handle of a registration or a request. May outlive the client.
-class SessionConnection final : public CallbackConnectionIF
+/// The handle of a registration or a request. It may outlive the client.
+class RevocableConnection final : public CallbackConnectionIF
 {
 public:
-    SessionConnection(NotifyTargetTaskIF* io, std::weak_ptr<Session> session, std::shared_ptr<SlotIF> slot)
+    RevocableConnection(NotifyTargetTaskIF* io, std::weak_ptr<GatewaySession> session,
+                        std::shared_ptr<RevocableCallbackIF> callback)
         : m_io(io)
         , m_session(std::move(session))
-        , m_slot(std::move(slot))
+        , m_callback(std::move(callback))
     {
     }
 
     void Disconnect() override
     {
-        m_slot->Clear();
-        PostTo(m_io, m_session, [slot = m_slot](Session& session) { session.Remove(slot.get()); });
+        m_callback->Revoke();
+        GatewaySession::Post(m_io, m_session,
+                             [callback = m_callback](GatewaySession& session) { session.Remove(callback.get()); });
     }
 
     bool IsConnected() const override
     {
-        return m_slot->IsSet();
+        return m_callback->IsActive();
     }
 
 private:
     NotifyTargetTaskIF* m_io;
-    std::weak_ptr<Session> m_session;
-    std::shared_ptr<SlotIF> m_slot;
+    std::weak_ptr<GatewaySession> m_session;
+    std::shared_ptr<RevocableCallbackIF> m_callback;
 };
 
 } // namespace
 
-GatewayClient::GatewayClient(NotifyTargetTaskIF* io, Session::Settings settings)
+GatewayClient::GatewayClient(NotifyTargetTaskIF* io, GatewaySession::Settings settings)
     : m_io(io)
-    , m_gate(std::make_shared<Gate>())
-    , m_session(std::make_shared<Session>(io, m_gate, std::move(settings)))
+    , m_shutdown(std::make_shared<ShutdownState>())
+    , m_session(std::make_shared<GatewaySession>(io, m_shutdown, std::move(settings)))
 {
-    Post([](Session& session) { session.Start(); });
+    Post([](GatewaySession& session) { session.Start(); });
 }
 
 GatewayClient::~GatewayClient()
 {
     Shutdown();
-    // Released within the entry: its timers and its connection belong to that task.
+    // The entry destroys the session on its task, which owns its timers and its connection.
     IL::BreakThread([session = std::move(m_session)]() mutable { session.reset(); }, m_io);
 }
 
 void GatewayClient::Shutdown()
 {
     {
-        const ScopedMutex lock(m_gate->mutex);
-        m_gate->isOpen = false;
+        const ScopedMutex lock(m_shutdown->mutex);
+        m_shutdown->isShutdown = true;
     }
-    Post([](Session& session) { session.Close(); });
+    Post([](GatewaySession& session) { session.Close(); });
 }
 
 CallbackConnection GatewayClient::RegisterGet(const std::string& path, const GetHandler& handler,
@@ -111,13 +100,13 @@ CallbackConnection GatewayClient::RegisterBody(Verb verb, const std::string& pat
                                                const std::string& label, const int&)
 {
     const auto registration = std::make_shared<Registration>();
-    registration->serve = std::make_shared<Registration::ServeSlot>(m_gate, handler);
+    registration->served = std::make_shared<Registration::RequestCallback>(m_shutdown, handler);
     registration->verb = MethodName(verb);
     registration->path = path;
     registration->scope = static_cast<int>(scope);
-    registration->version = version;
+    registration->version = JsonRpc::VersionFromNumber(version);
     registration->label = label;
-    return Add(registration, registration->serve);
+    return Add(registration, registration->served);
 }
 
 CallbackConnection GatewayClient::RegisterNotificationText(const std::string& path,
@@ -126,27 +115,27 @@ CallbackConnection GatewayClient::RegisterNotificationText(const std::string& pa
                                                            const int&)
 {
     const auto registration = std::make_shared<Registration>();
-    registration->listen = std::make_shared<Registration::NotifySlot>(m_gate, callback);
+    registration->subscription = std::make_shared<Registration::NotifyCallback>(m_shutdown, callback);
     registration->path = path;
     registration->scope = static_cast<int>(scope);
-    registration->version = version;
-    return Add(registration, registration->listen);
+    registration->version = JsonRpc::VersionFromNumber(version);
+    return Add(registration, registration->subscription);
 }
 
 CallbackConnection GatewayClient::Add(const std::shared_ptr<Registration>& registration,
-                                      std::shared_ptr<SlotIF> slot) const
+                                      std::shared_ptr<RevocableCallbackIF> callback) const
 {
-    Post([registration](Session& session) { session.Add(registration); });
-    return CallbackConnection(std::make_shared<SessionConnection>(m_io, m_session, std::move(slot)));
+    Post([registration](GatewaySession& session) { session.Add(registration); });
+    return CallbackConnection(std::make_shared<RevocableConnection>(m_io, m_session, std::move(callback)));
 }
 
 CallbackConnection GatewayClient::SendText(Verb verb, const std::string& path, const std::string& body,
                                            const Callback<std::string, std::string>& done, const double& version)
 {
-    const auto slot = std::make_shared<Session::RequestSlot>(m_gate, done);
-    Post([method = MethodName(verb), path, body, version, slot](Session& session)
-         { session.Request(method, path, body, version, slot); });
-    return CallbackConnection(std::make_shared<SessionConnection>(m_io, m_session, slot));
+    const auto callback = std::make_shared<GatewaySession::AnswerCallback>(m_shutdown, done);
+    Post([method = MethodName(verb), path, body, version, callback](GatewaySession& session)
+         { session.Request(method, path, body, JsonRpc::VersionFromNumber(version), callback); });
+    return CallbackConnection(std::make_shared<RevocableConnection>(m_io, m_session, callback));
 }
 
 void GatewayClient::SendNotification(const std::string& path, const google::protobuf::Message& message,
@@ -154,8 +143,8 @@ void GatewayClient::SendNotification(const std::string& path, const google::prot
 {
     try
     {
-        Post([path, body = ProtoToMarkup::ToJson(message, true, false, false), version](Session& session)
-             { session.Notify(path, body, version); });
+        Post([path, body = ProtoToMarkup::ToJson(message, true, false, false), version](GatewaySession& session)
+             { session.Notify(path, JsonRpc::VersionFromNumber(version), body); });
     }
     catch (const ProtoToMarkup::MarkupError& failure)
     {
@@ -163,9 +152,9 @@ void GatewayClient::SendNotification(const std::string& path, const google::prot
     }
 }
 
-void GatewayClient::Post(std::function<void(Session&)> operation) const
+void GatewayClient::Post(std::function<void(GatewaySession&)> operation) const
 {
-    PostTo(m_io, m_session, std::move(operation));
+    GatewaySession::Post(m_io, m_session, std::move(operation));
 }
 
 } // namespace Portico

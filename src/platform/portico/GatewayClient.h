@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/portico/Session.h"
-#include "platform/portico/Slot.h"
+#include "platform/portico/GatewaySession.h"
+#include "platform/portico/RevocableCallback.h"
 #include <PorticoClientIF.h>
 
 #include <functional>
@@ -13,11 +13,12 @@ class NotifyTargetTaskIF;
 namespace Portico
 {
 
-/// The library's own client: copies what it is given and posts it to its session. See PorticoClientIF.
+/// The gateway client of the product: copies its arguments and posts them to its session. See PorticoClientIF.
+/// Thread: safe from any thread. Owner: the caller of PorticoClient::Create.
 class GatewayClient final : public PorticoClientIF
 {
 public:
-    GatewayClient(NotifyTargetTaskIF* io, Session::Settings settings);
+    GatewayClient(NotifyTargetTaskIF* io, GatewaySession::Settings settings);
     ~GatewayClient() override;
     GatewayClient(const GatewayClient&) = delete;
     GatewayClient& operator=(const GatewayClient&) = delete;
@@ -37,12 +38,13 @@ public:
     void Shutdown() override;
 
 private:
-    void Post(std::function<void(Session&)> operation) const;
-    CallbackConnection Add(const std::shared_ptr<Registration>& registration, std::shared_ptr<SlotIF> slot) const;
+    void Post(std::function<void(GatewaySession&)> operation) const;
+    CallbackConnection Add(const std::shared_ptr<Registration>& registration,
+                           std::shared_ptr<RevocableCallbackIF> callback) const;
 
     NotifyTargetTaskIF* m_io;
-    std::shared_ptr<Gate> m_gate;
-    std::shared_ptr<Session> m_session;
+    std::shared_ptr<ShutdownState> m_shutdown;
+    std::shared_ptr<GatewaySession> m_session;
 };
 
 } // namespace Portico

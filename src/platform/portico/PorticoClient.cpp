@@ -1,7 +1,8 @@
 #include <PorticoClient.h>
 
 #include "platform/portico/GatewayClient.h"
-#include "platform/portico/IoTask.h"
+#include "runtime/FactoryOverride.h"
+#include "runtime/Task.h"
 
 #include <utility>
 
@@ -11,7 +12,14 @@ namespace Portico
 namespace
 {
 
-PorticoClientFactoryIF* s_factoryOverride = nullptr;
+FactoryOverride<PorticoClientFactoryIF*> s_factoryOverride;
+
+/// The task of all gateway clients of the process. Created by the first call, never stopped.
+NotifyTargetTaskIF* IoTask()
+{
+    static NotifyTargetTaskIF* const task = IL::CreateTask("PorticoClientIO", "");
+    return task;
+}
 
 } // namespace
 
@@ -21,12 +29,11 @@ std::shared_ptr<PorticoClientIF> PorticoClient::Create(std::string serviceName, 
                                                        std::optional<HeartbeatCallback> heartbeatCallback,
                                                        const CommonClientCreationInfo& info)
 {
-    if (s_factoryOverride != nullptr)
+    if (PorticoClientFactoryIF* const factory = s_factoryOverride.Get())
     {
-        return s_factoryOverride->Create(serviceName, host, port, subProtocol, guid, connectCallback, heartbeatCallback,
-                                         info);
+        return factory->Create(serviceName, host, port, subProtocol, guid, connectCallback, heartbeatCallback, info);
     }
-    Session::Settings settings;
+    GatewaySession::Settings settings;
     settings.service = std::move(serviceName);
     settings.host = host;
     settings.port = port;
@@ -43,7 +50,7 @@ std::shared_ptr<PorticoClientIF> PorticoClient::Create(std::string serviceName, 
 
 void PorticoClient::SetFactoryOverride(PorticoClientFactoryIF* factory)
 {
-    s_factoryOverride = factory;
+    s_factoryOverride.Set(factory);
 }
 
 } // namespace Portico

@@ -10,23 +10,24 @@
 namespace Portico
 {
 
-/// (path, error body): the gateway refused a subscription to `path`, or, where that is empty, the connection itself.
+/// (path, error record): the gateway refused a subscription to `path`, or the connection if `path` is empty.
 using RefusalCallback = AsyncCallback<const std::string, const std::string>;
 
-/// Settings that all clients share; the defaults are what the service uses.
+/// Optional settings. The service uses the defaults.
 struct CommonClientCreationInfo
 {
-    /// A refused connection is told once until one stands, before the connect callback's false; the client tries on.
+    /// A refused connection is reported once until one succeeds, before the connect callback's false. The client
+    /// retries.
     std::optional<RefusalCallback> onRefused = std::nullopt;
 };
 
-/// Tells on a task that the connection stands (true), or that it went or could not be made (false, once for each);
-/// requests that end because of that end afterwards.
+/// True: the connection is established. False: it ended or could not be made, reported once. Requests that fail
+/// because of that end afterwards.
 using ConnectCallback = AsyncCallback<const bool>;
-/// (guid, status): what the gateway finds out about the product that the connection was opened for.
+/// (guid, status): the gateway's status of the product that the connection was opened for.
 using HeartbeatCallback = AsyncCallback<const std::string, const PORTICO_CLIENT_ERRORS>;
 
-/// Substitutes the client library as a whole; null in the product.
+/// Replaces the whole client library in tests; null in the product.
 class PorticoClientFactoryIF
 {
 public:
@@ -38,29 +39,30 @@ public:
                                                     const CommonClientCreationInfo& info) = 0;
 };
 
-/// Makes gateway connections. All clients of a process share one I/O thread.
+/// Creates gateway connections. All clients of a process share one I/O thread.
 ///
-/// What holds for each: pauses between attempts grow from 0.1 s to 5 s, with jitter. A request waits for the
-/// connection until the attempt under way fails, at most 10 s, and for its answer at most 15 s; then, and when the
-/// connection goes, it ends in its error callback with code 503 or 504. A path that the gateway still sees with
-/// somebody else (409) is asked for again with the same pauses. A notification that cannot go out yet is held, the
-/// last one of each path, until the gateway has agreed to serve the path, or, where 256 KiB wait for a gateway that
-/// does not keep up, until these have gone out. The answer of a handler is dropped where the connection of its request
-/// has gone. A message of more than 4 MiB is not sent, since the gateway would end the
-/// connection: the request or the answer ends in an error (413) instead, of a notification a line of log remains.
+/// Reconnecting: pauses grow from 0.1 s to 5 s, with jitter.
+/// Requests: a request waits at most 10 s for the connection attempt in progress, and at most 15 s for its answer.
+/// Then, and when the connection ends, it ends in its error callback with code 503 or 504.
+/// Serving: a path that another client serves (409) is requested again with the same pauses. The answer of a handler
+/// is dropped if the connection of its request has ended.
+/// Notifications: the last notification of each path is held back until the gateway has accepted the path, and while
+/// 256 KiB are queued for a gateway that reads too slowly.
+/// Size: a message over 4 MiB is not sent, since the gateway would close the connection. A request or an answer ends
+/// in error 413 instead, a notification is dropped with a log line.
 class PorticoClient
 {
 public:
-    /// Returns at once, whether there is a gateway or not; connects, and reconnects, by itself.
-    /// `subProtocol` "tarsier" or "tarsier_mTLS"; `guid` the product to be reached, empty for this one.
-    /// `connectCallback` may be null; it is copied.
+    /// Returns at once, with or without a gateway. Connects and reconnects by itself. `subProtocol` is "tarsier" or
+    /// "tarsier_mTLS". `guid` is the product to reach, empty for this product. `connectCallback` may be null; it is
+    /// copied.
     static std::shared_ptr<PorticoClientIF> Create(std::string serviceName, const std::string& host, int port,
                                                    const std::string& subProtocol, const std::string& guid,
                                                    ConnectCallback* connectCallback,
                                                    std::optional<HeartbeatCallback> heartbeatCallback,
                                                    const CommonClientCreationInfo& info);
 
-    /// Process-wide; null puts the library's own back. Before the first Create.
+    /// Process-wide, for tests. Null restores the library's own Create(). Safe from any thread.
     static void SetFactoryOverride(PorticoClientFactoryIF* factory);
 };
 

@@ -13,8 +13,8 @@ namespace google::protobuf
 class Message;
 }
 
-/// What the gateway client reports by itself.
-enum PORTICO_CLIENT_ERRORS : int // any status that a gateway may send is a value of it
+/// Status of a remote product. The gateway may send other values.
+enum PORTICO_CLIENT_ERRORS : int
 {
     HEARTBEAT_ONLINE = 1040,  ///< the remote product answers
     HEARTBEAT_OFFLINE = 1041, ///< the remote product does not answer
@@ -38,16 +38,16 @@ enum class Verb
     DELETE,
 };
 
-/// Subcode of an error that the client library makes itself: a body that does not parse, a handler that throws.
+/// Subcode of errors that the client library creates: a body that does not parse, an exception in a handler.
 inline constexpr int kSubcodeMarkup = 2005;
 
 } // namespace Portico
 
-/// One connection to the product's local API gateway, as the rest of the service sees it: serve paths, send
-/// requests, subscribe, notify. Bodies are the JSON form of records.
-/// Thread: every operation is safe from any thread and returns at once. Callbacks come on the library's own
-/// thread, so callers pass AsyncCallbacks. Owner: whoever created it; once it is destroyed it calls nobody.
-/// Never blocks, never waits for the network: what is registered holds across reconnects.
+/// A connection to the product's local API gateway: serve paths, send requests, subscribe, notify. Bodies are the
+/// JSON form of records.
+/// Thread: every operation is safe from any thread and returns at once. Callbacks come on the library's thread, so
+/// callers pass AsyncCallbacks. Owner: the caller of Create(). No callback comes after destruction. Never waits for
+/// the network: registrations are kept across reconnects.
 class PorticoClientIF
 {
 public:
@@ -57,7 +57,8 @@ public:
 
     virtual ~PorticoClientIF() = default;
 
-    /// Makes `path` answer GET. The handler answers by calling exactly one of the two, now or later, from any thread.
+    /// Serves GET of `path`. The handler answers by calling exactly one of its two callbacks, now or later, on any
+    /// thread.
     virtual CallbackConnection RegisterGet(const std::string& path, const GetHandler& handler,
                                            const Portico::EndpointScope& scope, const double& version,
                                            const std::string& label, const int& option) = 0;
@@ -67,22 +68,22 @@ public:
                                             const Portico::EndpointScope& scope, const double& version,
                                             const std::string& label, const int& option) = 0;
 
-    /// The untyped form of RegisterNotification: every body that is notified on `path`.
+    /// The untyped form of RegisterNotification: gets every body that is notified on `path`.
     virtual CallbackConnection RegisterNotificationText(const std::string& path, const Callback<std::string>& callback,
                                                         const Portico::EndpointScope& scope, const double& version,
                                                         const int& option) = 0;
 
-    /// One request. `done` is called once with (body, error body); the error body is empty for an answer, otherwise
-    /// an object with `code`, `subcode`, `message` and `guid`. Disconnecting the result drops the answer.
+    /// Sends one request. `done` is called once with (body, error body). The error body is empty on success,
+    /// otherwise an object with `code`, `subcode`, `message` and `guid`. Disconnecting the result drops the answer.
     virtual CallbackConnection SendText(Portico::Verb verb, const std::string& path, const std::string& body,
                                         const Callback<std::string, std::string>& done, const double& version) = 0;
 
-    /// Pushes a record to the subscribers of a path served here.
+    /// Sends a record to the subscribers of a path that this client serves.
     virtual void SendNotification(const std::string& path, const google::protobuf::Message& message,
                                   const double& version) = 0;
 
-    /// Ends the client's activity: no callback starts after it returns to the caller. It waits for one that runs,
-    /// unless it is called from within. So does the destructor.
+    /// Ends the client. No callback starts after it has returned. Waits for a running callback, unless called from
+    /// inside it. The destructor does the same.
     virtual void Shutdown() = 0;
 
     template <class T>
@@ -109,7 +110,7 @@ public:
         return RegisterBody(Portico::Verb::DELETE, path, ParseBody<T>(handler), scope, version, label, option);
     }
 
-    /// A payload that does not parse, and an exception out of the callback, are swallowed without a trace.
+    /// Payloads that do not parse and exceptions of the callback are ignored.
     template <class T>
     CallbackConnection RegisterNotification(const std::string& path, const Callback<T>& callback,
                                             const Portico::EndpointScope& scope, const double& version,
@@ -123,14 +124,14 @@ public:
                 ProtoToMarkup::FromJson(body, &message, T::descriptor()->name());
                 callback(message);
             }
-            catch (const std::exception&) // NOLINT(bugprone-empty-catch): a neighbour's bad push is nobody's news
+            catch (const std::exception&) // NOLINT(bugprone-empty-catch): a bad notification must not fill the log
             {
             }
         };
         return RegisterNotificationText(path, parse, scope, version, option);
     }
 
-    /// One GET. A body that does not parse ends in `onError` with guid "1", code 0 and subcode 2005.
+    /// Sends one GET. A body that does not parse ends in `onError` with guid "1", code 0 and subcode 2005.
     template <class Resp, class Err>
     CallbackConnection SendGet(const std::string& path, const Callback<Resp>& onResult, const Callback<Err>& onError,
                                const double& version)

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Backoff.h"
-#include "platform/portico/Slot.h"
+#include "platform/portico/RevocableCallback.h"
 #include <PorticoClientIF.h>
 
 #include <memory>
@@ -12,28 +12,28 @@ class MessageTimer;
 namespace Portico
 {
 
-/// One path that a client serves, or one that it listens to; done again at each connection. On the I/O task,
-/// but for the slot.
-struct Registration
+/// One path that a client serves or subscribes to. Sent again at each connection.
+/// Task: the I/O task. The callbacks are safe from any thread.
+struct Registration : std::enable_shared_from_this<Registration>
 {
-    using ServeSlot = Slot<std::string, PorticoClientIF::Response, PorticoClientIF::Response>;
-    using NotifySlot = Slot<std::string>;
+    using RequestCallback = RevocableCallback<std::string, PorticoClientIF::Response, PorticoClientIF::Response>;
+    using NotifyCallback = RevocableCallback<std::string>;
 
-    std::shared_ptr<ServeSlot> serve;   ///< set: a served path
-    std::shared_ptr<NotifySlot> listen; ///< set: a subscription
-    std::string verb;                   ///< of a served path, "get" to "delete"
+    std::shared_ptr<RequestCallback> served;      ///< set: a served path
+    std::shared_ptr<NotifyCallback> subscription; ///< set: a subscription
+    std::string verb;                             ///< of a served path, "get" to "delete"
     std::string path;
     int scope = 0;
-    double version = 1.0;
+    std::string version = "1.0"; ///< JSON text
     std::string label;
 
-    bool isConfirmed = false; ///< the gateway of this connection has agreed to serve it
-    Backoff backoff;          ///< between attempts while the path is taken
+    bool isConfirmed = false; ///< the gateway has accepted `serve` on this connection
+    Backoff backoff;          ///< between attempts while another client serves the path
     std::unique_ptr<MessageTimer> retry;
 
-    SlotIF* Owner() const
+    RevocableCallbackIF* Owner() const
     {
-        return serve ? static_cast<SlotIF*>(serve.get()) : listen.get();
+        return served ? static_cast<RevocableCallbackIF*>(served.get()) : subscription.get();
     }
 };
 

@@ -14,14 +14,14 @@
 #include <string>
 #include <vector>
 
-/// A gateway of a test's own, on a task of its own: answers `open`, `serve` and the like with {}, keeps every frame
-/// for the test to take, and sends what the test tells it to.
+/// A gateway on its own task. Answers `open`, `serve` and the like with {}, keeps every frame for Take(), and sends
+/// what the test requests.
 ///
 ///     FakeGateway gateway;
 ///     auto client = PorticoClient::Create(..., gateway.Port(), ...);
 ///     EXPECT_EQ(gateway.Take("open")["params"]["service"], "Name");
 ///
-/// Used on the test's thread.
+/// Thread: the test's.
 class FakeGateway
 {
 public:
@@ -42,7 +42,7 @@ public:
                 m_port = m_listener->Port();
             });
     }
-    /// Goes as a killed process does: listener and connections.
+    /// Closes listener and connections, like a killed process.
     ~FakeGateway()
     {
         m_task.Run(
@@ -65,31 +65,31 @@ public:
         return m_port;
     }
 
-    /// The next frame of that method, not looked at again; waits for it. Empty, and the test fails, where none comes.
+    /// Waits for the next frame of `method` and removes it. Returns {} and fails the test if none comes.
     json Take(const std::string& method)
     {
         const auto frame = m_frames.TakeFirst([&](const json& each) { return each.value("method", "") == method; });
-        EXPECT_TRUE(frame) << "no \"" << method << "\" came";
+        EXPECT_TRUE(frame) << "no frame of method " << method;
         return frame.value_or(json::object());
     }
-    /// The next frame of any method, or null after `milliseconds`.
+    /// The next frame of any method, or null after `milliseconds` without one.
     json TakeAny(int milliseconds)
     {
         return m_frames.Take(std::chrono::milliseconds(milliseconds)).value_or(nullptr);
     }
-    /// The next answer to a request that the test sent.
+    /// The next answer to a request of the test.
     json TakeAnswer()
     {
         return Take("");
     }
 
-    /// Not answered by itself; get, post and so on never are.
+    /// Stops automatic answers to `methods`. get, post, put and delete are never answered automatically.
     void SetMute(const std::set<std::string>& methods)
     {
         m_task.Run([&] { m_mute.insert(methods.begin(), methods.end()); });
     }
 
-    /// On the newest connection.
+    /// Sends on the newest connection.
     void SendText(const std::string& text)
     {
         m_task.Run(
@@ -129,7 +129,7 @@ public:
         Send({{"id", id}, {"method", method}, {"params", params}});
     }
 
-    /// Runs `meanwhile` while the gateway reads nothing, as one that is held up.
+    /// Runs `meanwhile` while the gateway reads nothing.
     void Stall(const std::function<void()>& meanwhile)
     {
         m_task.Stall(meanwhile);
@@ -169,7 +169,7 @@ private:
     std::vector<std::shared_ptr<WebSocket::Connection>> m_connections;
     std::set<std::string> m_mute = {"get", "post", "put", "delete"};
 
-    // For the test to look at.
+    // Read by the test.
     Inbox<json> m_frames;
     Watched<std::size_t> m_open{0};
     std::uint16_t m_port = 0;

@@ -1,4 +1,4 @@
-// The gateway client against a gateway of the test's own: what crosses the wire, and what comes back to callers.
+// The gateway client and a FakeGateway: the frames that it sends, and its callbacks.
 #include "tests/platform/portico/FakeGateway.h"
 #include "tests/support/Inbox.h"
 #include "tests/support/RealTask.h"
@@ -42,7 +42,7 @@ protected:
                                               {});
     }
 
-    /// Its end comes to m_ends: the body or the error.
+    /// m_ends gets the body or the error.
     CallbackConnection Send(PorticoClientIF& client, const std::string& path, Portico::Verb verb = Portico::Verb::GET,
                             const std::string& body = {})
     {
@@ -74,7 +74,7 @@ protected:
 
 } // namespace
 
-TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
+TEST_F(PorticoClientTest, OpensThenRegistersThenSendsWaiting)
 {
     FakeGateway gateway;
     const auto client = Create(gateway.Port(), "someone");
@@ -91,12 +91,12 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     const json get = gateway.Take("get");
     EXPECT_EQ(get["params"], json({{"path", "/status"}, {"version", 1.0}}));
     gateway.SendText(R"({"jsonrpc":"2.0","id":)" + get["id"].dump() + R"(,"result":{"zeta":1,"alpha":2}})");
-    EXPECT_EQ(m_ends.Take(), R"({"zeta":1,"alpha":2})"); // in the order in which it was written
+    EXPECT_EQ(m_ends.Take(), R"({"zeta":1,"alpha":2})"); // order of members kept
 
     gateway.Send({{"method", "heartbeat"}, {"params", {{"guid", "G"}, {"status", 1041}}}});
     EXPECT_EQ(m_told.Take(), "G1041");
 
-    // Frames that make no sense change nothing.
+    // Malformed frames are ignored.
     for (const char* frame :
          {"", "{", "[]", "null", "[{\"method\":\"get\"}]", "{}", R"({"id":1})", R"({"id":1,"error":5})",
           R"({"method":5})", R"({"method":"get","params":[1]})", R"({"id":999,"result":{}})",
@@ -105,7 +105,7 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     {
         gateway.SendText(frame);
     }
-    std::string members; // such as a hostile product's answer may have
+    std::string members; // too many, as in the answer of a hostile product
     for (int count = 0; count < 100000; ++count)
     {
         members += '"' + std::to_string(count) + "\":0,";
@@ -116,10 +116,10 @@ TEST_F(PorticoClientTest, OpensFirstThenWhatIsRegisteredThenWhatWaited)
     EXPECT_EQ(gateway.TakeAnswer(), json({{"jsonrpc", "2.0"}, {"id", 77}, {"result", {{"code", 1}}}}));
     gateway.Request(78, "post", "/mine", json::object());
     EXPECT_EQ(gateway.TakeAnswer()["error"]["code"], 404);
-    EXPECT_TRUE(gateway.TakeAny(0).is_null()) << "such as another open";
+    EXPECT_TRUE(gateway.TakeAny(0).is_null()) << "unexpected frame";
 }
 
-TEST_F(PorticoClientTest, GatewayThatIsNotThereOrRefusesIsTriedAgain)
+TEST_F(PorticoClientTest, AbsentOrRefusingGatewayIsRetried)
 {
     auto gateway = std::make_unique<FakeGateway>();
     const std::uint16_t port = gateway->Port();
@@ -138,10 +138,10 @@ TEST_F(PorticoClientTest, GatewayThatIsNotThereOrRefusesIsTriedAgain)
         gateway->AnswerError(gateway->Take("open"), -32602, "not you");
     }
     gateway->Answer(gateway->Take("open"), json::object());
-    EXPECT_EQ(m_connects.Take(), true); // told once, not at each attempt
+    EXPECT_EQ(m_connects.Take(), true); // reported once, not at each attempt
 }
 
-TEST_F(PorticoClientTest, ComesBackByItselfWithAllThatWasInForce)
+TEST_F(PorticoClientTest, ReconnectRestoresRegistrations)
 {
     auto gateway = std::make_unique<FakeGateway>();
     const std::uint16_t port = gateway->Port();
@@ -154,7 +154,7 @@ TEST_F(PorticoClientTest, ComesBackByItselfWithAllThatWasInForce)
     gateway->Take("get");
 
     gateway.reset();
-    EXPECT_EQ(TakeError()["code"], 503); // what was on its way
+    EXPECT_EQ(TakeError()["code"], 503); // the request without an answer
     EXPECT_EQ(m_connects.Take(), false);
     client->SendNotification("/one", Record(10), 1.0);
     client->SendNotification("/one", Record(11), 1.0);
@@ -174,7 +174,7 @@ TEST_F(PorticoClientTest, ComesBackByItselfWithAllThatWasInForce)
     EXPECT_TRUE(m_ends.IsEmpty());
 }
 
-TEST_F(PorticoClientTest, TakenPathIsAskedForUntilItIsFreeAndTheLastNotificationWaits)
+TEST_F(PorticoClientTest, TakenPathIsRetriedAndHoldsItsLastNotification)
 {
     FakeGateway gateway;
     gateway.SetMute({"serve"});
@@ -182,7 +182,7 @@ TEST_F(PorticoClientTest, TakenPathIsAskedForUntilItIsFreeAndTheLastNotification
     const CallbackConnection served = Serve(*client, "/mine");
     client->SendNotification("/mine", Record(1), 1.0);
     client->SendNotification("/mine", Record(2), 1.0);
-    client->SendNotification("/foreign", Record(3), 1.0); // not served here: the gateway's business
+    client->SendNotification("/foreign", Record(3), 1.0); // not served by this client
     EXPECT_EQ(gateway.Take("notify")["params"]["path"], "/foreign");
     for (int attempt = 0; attempt < 3; ++attempt)
     {
@@ -200,10 +200,10 @@ TEST_F(PorticoClientTest, TakenPathIsAskedForUntilItIsFreeAndTheLastNotification
     while (!gateway.TakeAny(0).is_null())
     {
     }
-    EXPECT_TRUE(gateway.TakeAny(700).is_null()) << "still asking for a path that nobody wants any more";
+    EXPECT_TRUE(gateway.TakeAny(700).is_null()) << "a disconnected path is still requested";
 }
 
-TEST_F(PorticoClientTest, HandlerAnswersLaterOnceAndForItsOwnConnection)
+TEST_F(PorticoClientTest, LateAnswerIsSentOnceAndOnItsConnection)
 {
     Inbox<std::pair<Response, Response>> waiting;
     auto gateway = std::make_unique<FakeGateway>();
@@ -224,71 +224,34 @@ TEST_F(PorticoClientTest, HandlerAnswersLaterOnceAndForItsOwnConnection)
     gateway.reset();
     gateway = std::make_unique<FakeGateway>(port);
     gateway->Take("serve");
-    second.first(Record(2)); // id 2 means something else here
+    second.first(Record(2)); // id 2 belongs to the other connection
     gateway->Request(3, "get", "/later", nullptr);
     waiting.Take().value().first(Record(3));
     EXPECT_EQ(gateway->TakeAnswer()["id"], 3);
 }
 
-TEST_F(PorticoClientTest, BodyThatDoesNotParseAndHandlerThatThrowsEndInAnError)
+TEST_F(PorticoClientTest, BodiesAreJsonAndErrorsAreRecords)
 {
     FakeGateway gateway;
     const auto client = Create(gateway.Port());
-    const auto fail = [](const Portico::Error&, const Response&, const Response&) { throw std::logic_error("mine"); };
-    client->RegisterPost<Portico::Error>("/in", fail, EndpointScope::PUBLIC, 1.0, "Unknown", 0);
-    gateway.Take("serve");
-    for (const json& body : {json({{"code", "text"}}), json(nullptr), json({{"code", 13}})})
-    {
-        gateway.Request(1, "post", "/in", body);
-        const json error = gateway.TakeAnswer()["error"];
-        EXPECT_EQ(error["data"]["subcode"], 2005);
-        EXPECT_EQ(error["message"] == "mine", body == json({{"code", 13}}));
-    }
-}
-
-TEST_F(PorticoClientTest, AnswersComeAsRecordsOrErrors)
-{
-    FakeGateway gateway;
-    const auto client = Create(gateway.Port());
-    Inbox<Portico::Error> results;
-    Inbox<Portico::Error> errors;
-    const auto send = [&]
-    {
-        client->SendGet<Portico::Error, Portico::Error>(
-            "/x", [&results](const Portico::Error& record) { results.Put(record); },
-            [&errors](const Portico::Error& error) { errors.Put(error); }, 1.0);
-        return gateway.Take("get");
-    };
-    gateway.Answer(send(), {{"code", 1}});
-    EXPECT_EQ(results.Take().value().code(), 1);
-    gateway.AnswerError(send(), 404, "nobody");
-    EXPECT_EQ(errors.Take().value().ShortDebugString(), R"(code: 404 subcode: 7 message: "nobody" guid: "G")");
-    gateway.Answer(send(), json::array());
-    const Portico::Error unreadable = errors.Take().value();
-    EXPECT_TRUE(unreadable.has_code() && unreadable.subcode() == 2005) << unreadable.ShortDebugString();
-
-    client->RegisterNotification<Portico::Error>(
-        "/told",
-        [&results](const Portico::Error& record)
-        {
-            results.Put(record);
-            throw std::logic_error("a subscriber's own fault");
-        },
-        EndpointScope::PUBLIC, 1.0);
-    gateway.Take("subscribe");
-    gateway.Notify("/told", {{"code", json::array()}});
-    gateway.Notify("/told", {{"code", 1}});
-    gateway.Notify("/told", {{"code", 2}});
-    EXPECT_EQ(results.Take().value().code(), 1);
-    EXPECT_EQ(results.Take().value().code(), 2);
-
+    Send(*client, "/x");
+    gateway.AnswerError(gateway.Take("get"), 404, "no server");
+    EXPECT_EQ(TakeError(), json({{"code", 404}, {"subcode", 7}, {"message", "no server"}, {"guid", "G"}}));
     Send(*client, "/in", Portico::Verb::POST, "{oops"); // is not sent
     EXPECT_EQ(TakeError()["subcode"], 2005);
     Send(*client, "/in", Portico::Verb::DELETE, R"({"a":[1]})");
     EXPECT_EQ(gateway.Take("delete")["params"]["body"], json({{"a", {1}}}));
+
+    const auto fail = [](const Portico::Error&, const Response&, const Response&) { throw std::logic_error("mine"); };
+    client->RegisterPost<Portico::Error>("/in", fail, EndpointScope::PUBLIC, 1.0, "Unknown", 0);
+    gateway.Take("serve");
+    gateway.Request(1, "post", "/in", {{"code", 13}});
+    const json error = gateway.TakeAnswer()["error"];
+    EXPECT_EQ(error["data"]["subcode"], 2005);
+    EXPECT_EQ(error["message"], "mine");
 }
 
-TEST_F(PorticoClientTest, DisconnectedMeansNoMoreCalls)
+TEST_F(PorticoClientTest, DisconnectEndsCalls)
 {
     FakeGateway gateway;
     const auto client = Create(gateway.Port());
@@ -311,10 +274,10 @@ TEST_F(PorticoClientTest, DisconnectedMeansNoMoreCalls)
     EXPECT_EQ(gateway.Take("withdraw")["params"]["verb"], "get");
     two.Disconnect();
     two.Disconnect();
-    EXPECT_EQ(gateway.Take("unsubscribe")["params"]["path"], "/told"); // only now that nobody listens
+    EXPECT_EQ(gateway.Take("unsubscribe")["params"]["path"], "/told"); // after the last subscription
 }
 
-TEST_F(PorticoClientTest, EndedClientCallsNobody)
+TEST_F(PorticoClientTest, EndedClientMakesNoCalls)
 {
     FakeGateway gateway;
     auto client = Create(gateway.Port(), "G");
@@ -350,7 +313,7 @@ TEST_F(PorticoClientTest, EndedClientCallsNobody)
     shut->Shutdown();
     EXPECT_TRUE(gateway.WaitForConnections(0));
     Send(*shut, "/late");
-    EXPECT_FALSE(m_connects.Take(milliseconds(300))); // stays away
+    EXPECT_FALSE(m_connects.Take(milliseconds(300))); // does not reconnect
     EXPECT_TRUE(m_ends.IsEmpty());
 }
 
@@ -371,7 +334,7 @@ TEST_F(PorticoClientTest, FiveHundredClientsShareOneThread)
     EXPECT_TRUE(gateway.WaitForConnections(0));
 }
 
-TEST_F(PorticoClientTest, WhatIsLargerThanTheGatewayTakesIsNotSent)
+TEST_F(PorticoClientTest, MessageOver4MiBIsNotSent)
 {
     constexpr std::size_t kLimit = 4U << 20U;
     Portico::Error large = Record(2);
@@ -391,10 +354,10 @@ TEST_F(PorticoClientTest, WhatIsLargerThanTheGatewayTakesIsNotSent)
         std::string(R"({"jsonrpc":"2.0","id":5,"method":"post","params":{"path":"/fits","version":1.0,"body":""}})")
             .size();
     Send(*client, "/fits", Portico::Verb::POST, '"' + std::string(kLimit - envelope, 'x') + '"');
-    EXPECT_EQ(gateway.Take("post")["params"]["path"], "/fits") << "and the connection stands";
+    EXPECT_EQ(gateway.Take("post")["params"]["path"], "/fits") << "the connection must stay open";
 }
 
-TEST_F(PorticoClientTest, GatewayThatDoesNotKeepUpKeepsItsConnectionAndGetsTheLastNotification)
+TEST_F(PorticoClientTest, SlowGatewayGetsTheLastNotification)
 {
     constexpr int kLast = 10;
     Portico::Error large;
@@ -412,7 +375,7 @@ TEST_F(PorticoClientTest, GatewayThatDoesNotKeepUpKeepsItsConnectionAndGetsTheLa
                 large.set_code(code);
                 client->SendNotification("/mine", large, 1.0);
             }
-            client->SendNotification("/small", Record(7), 1.0); // not served here
+            client->SendNotification("/small", Record(7), 1.0); // not served by this client
             Send(*client, "/asked");
         });
     std::vector<int> codes;
@@ -425,19 +388,19 @@ TEST_F(PorticoClientTest, GatewayThatDoesNotKeepUpKeepsItsConnectionAndGetsTheLa
             codes.push_back(frame["params"]["body"]["code"]);
         }
     }
-    EXPECT_LT(codes.size(), std::size_t{kLast}) << "the stall was too short to mean anything";
+    EXPECT_LT(codes.size(), std::size_t{kLast}) << "the stall was too short";
     EXPECT_TRUE(std::is_sorted(codes.begin(), codes.end()));
     gateway.Answer(gateway.Take("get"), {{"code", 1}});
     EXPECT_EQ(m_ends.Take(), R"({"code":1})");
     client->SendNotification("/mine", Record(30), 1.0);
     json next = gateway.Take("notify");
-    if (next["params"]["path"] == "/small") // what order paths have among themselves is the library's
+    if (next["params"]["path"] == "/small") // the order of paths is not defined
     {
         next = gateway.Take("notify");
     }
     EXPECT_EQ(next["params"]["body"], json({{"code", 30}}));
     for (json frame = gateway.TakeAny(0); !frame.is_null(); frame = gateway.TakeAny(0))
     {
-        EXPECT_NE(frame["method"], "open") << "the connection went";
+        EXPECT_NE(frame["method"], "open") << "the connection was lost";
     }
 }

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-/// A gateway on a task of its own, on free ports, with checks that follow each other quickly.
+/// A gateway on its own task and free ports, with short check periods.
 ///
 ///     GatewayUnderTest gateway("own-guid");
 ///     RpcClient client(gateway.Port(), "Name");
@@ -54,11 +54,11 @@ public:
                                                                       std::make_unique<Lookup>(m_task.Get(), *this));
                 std::string error;
                 ASSERT_TRUE(m_program->Start(error)) << error;
-                m_settings.port = m_program->Port(); // the same ones after a restart
+                m_settings.port = m_program->Port(); // kept for the next Start()
                 m_settings.lanPort = m_program->LanPort();
             });
     }
-    /// As a process that is killed: sockets go, nothing is said.
+    /// Closes all sockets without a message, like a killed process.
     void Kill()
     {
         m_task.Run([this] { m_program.reset(); });
@@ -74,8 +74,8 @@ public:
     }
 
     Watched<std::map<std::string, std::vector<std::string>>> mdns; ///< addresses by guid
-    std::atomic<int> mdnsQuestions{0};
-    std::atomic<bool> isMdnsSilent{false}; ///< no question is answered
+    std::atomic<int> mdnsQueries{0};
+    std::atomic<bool> isMdnsSilent{false}; ///< queries get no answer
 
 private:
     class Lookup final : public Gateway::MdnsLookupIF
@@ -88,7 +88,7 @@ private:
         }
         void Find(const std::string& guid, AddressesCallback callback) override
         {
-            ++m_owner.mdnsQuestions;
+            ++m_owner.mdnsQueries;
             if (!m_owner.isMdnsSilent)
             {
                 IL::BreakThread([callback = std::move(callback), found = m_owner.mdns.Get()[guid]] { callback(found); },

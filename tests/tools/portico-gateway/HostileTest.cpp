@@ -22,7 +22,7 @@ const std::vector<std::string> kSeeds = {
     R"({"jsonrpc":"2.0","id":18446744073709551616,"error":{"code":1e999,"message":7,"data":[]}})",
 };
 
-/// Some letters give way to nothing, a mark or a piece of another seed; what comes out is UTF-8.
+/// Replaces some bytes by nothing, a JSON character or a piece of another seed. The result is UTF-8.
 std::string Mutate(std::mt19937& random)
 {
     const auto below = [&random](std::size_t bound) { return random() % bound; };
@@ -52,28 +52,28 @@ TEST(GatewayHostile, MutatedFramesAreAnsweredOrDropped)
     }
     for (RpcClient* const client : {&local, &lan})
     {
-        client->Send({{"jsonrpc", "2.0"}, {"id", "the end"}, {"method", "get"}, {"params", {{"path", "/nobody"}}}});
+        client->Send({{"jsonrpc", "2.0"}, {"id", "the end"}, {"method", "get"}, {"params", {{"path", "/not-served"}}}});
         EXPECT_EQ(RpcClient::Code(client->AnswerTo("the end")), 404);
     }
-    EXPECT_EQ(bystander.Code("get", {{"path", "/nobody"}}), 404);
-    EXPECT_TRUE(bystander.Has("post")) << "some still reach the code behind the parser";
+    EXPECT_EQ(bystander.Code("get", {{"path", "/not-served"}}), 404);
+    EXPECT_TRUE(bystander.Has("post")) << "some mutated frames must pass the parser";
 }
 
 struct Client : Gateway::PathServerIF, Gateway::SubscriberIF
 {
-    void Handle(const Gateway::Request&, const Gateway::AnswerCallback&) override {}
-    void Tell(const std::string&) override
+    void Handle(const JsonRpc::Request&, const JsonRpc::AnswerCallback&) override {}
+    void Send(const std::string&) override
     {
-        ++told;
+        ++sent;
     }
-    bool HasRoom(std::size_t) const override
+    bool HasRoomFor(std::size_t) const override
     {
         return true;
     }
-    int told = 0;
+    int sent = 0;
 };
 
-TEST(GatewayHostile, AGreedyClientLeavesRoomForTheOthers)
+TEST(GatewayHostile, LimitsApplyToEachClient)
 {
     Gateway::Router router("own");
     Client greedy;
@@ -82,8 +82,8 @@ TEST(GatewayHostile, AGreedyClientLeavesRoomForTheOthers)
     {
         ASSERT_FALSE(router.Serve(&greedy, "get", "/" + std::to_string(i), 0).IsError());
     }
-    EXPECT_EQ(router.Serve(&greedy, "get", "/more", 0).code, Gateway::UNREACHABLE);
-    EXPECT_FALSE(router.Serve(&greedy, "get", "/0", 1).IsError()) << "another scope is nothing new";
+    EXPECT_EQ(router.Serve(&greedy, "get", "/more", 0).code, JsonRpc::UNREACHABLE);
+    EXPECT_FALSE(router.Serve(&greedy, "get", "/0", 1).IsError()) << "a change of scope needs no entry";
     EXPECT_FALSE(router.Serve(&modest, "get", "/more", 0).IsError());
     router.Withdraw(&greedy, "get", "/0");
     EXPECT_FALSE(router.Serve(&greedy, "get", "/1 more", 0).IsError());
@@ -93,12 +93,12 @@ TEST(GatewayHostile, AGreedyClientLeavesRoomForTheOthers)
     subscriptions.Notify(&greedy, "/1", "1.0", large);
     subscriptions.Notify(&modest, "/more", "1.0", "1");
     subscriptions.Notify(&modest, "/more", "1.0", large);
-    subscriptions.TellLast(&modest, "/more", Gateway::Origin::LOCAL);
-    EXPECT_EQ(modest.told, 0) << "neither what is too much nor what was before it";
+    subscriptions.SendLast(&modest, "/more", Gateway::Origin::LOCAL);
+    EXPECT_EQ(modest.sent, 0) << "neither the notification over the limit nor the one before it";
     subscriptions.DropLast(&greedy);
     subscriptions.Notify(&modest, "/more", "1.0", large);
-    subscriptions.TellLast(&modest, "/more", Gateway::Origin::LOCAL);
-    EXPECT_EQ(modest.told, 1);
+    subscriptions.SendLast(&modest, "/more", Gateway::Origin::LOCAL);
+    EXPECT_EQ(modest.sent, 1);
 }
 
 } // namespace

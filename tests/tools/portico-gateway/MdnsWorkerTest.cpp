@@ -32,7 +32,7 @@ protected:
     {
         m_mdns.Announce(FakeMdns::MakeService(name, type, {{"GUID", guid}}, address));
     }
-    std::shared_ptr<Addresses> Ask(const std::string& guid)
+    std::shared_ptr<Addresses> StartFind(const std::string& guid)
     {
         auto answer = std::make_shared<Addresses>();
         IL::BreakThread([this, guid, answer]
@@ -43,7 +43,7 @@ protected:
     /// The answer, if it came within `time`.
     Addresses Find(const std::string& guid, std::chrono::milliseconds time = 100ms)
     {
-        const auto answer = Ask(guid);
+        const auto answer = StartFind(guid);
         m_simulation.RunFor(time);
         return *answer;
     }
@@ -54,41 +54,41 @@ protected:
     std::shared_ptr<Gateway::MdnsWorker> m_worker = std::make_shared<Gateway::MdnsWorker>(m_task);
 };
 
-TEST_F(GatewayMdns, FindsTheRecordsOfAGuidAsTheyAreNow)
+TEST_F(GatewayMdns, FindReturnsTheCurrentAddresses)
 {
     Announce("Kitchen", "g-1", "10.0.0.1");
     Announce("Bath", "g-2", "10.0.0.2", "_kova-accessory._tcp");
     Announce("Clock", "g-1", "10.0.0.3", "_kova-clock._tcp");
     EXPECT_THAT(Find("g-1"), Optional(ElementsAre("10.0.0.1")));
     EXPECT_THAT(Find("g-2"), Optional(ElementsAre("10.0.0.2")));
-    Announce("Kitchen", "g-1", "10.0.0.77"); // a new address, which no browser is told of
+    Announce("Kitchen", "g-1", "10.0.0.77"); // a new address, which browsing does not report
     Announce("Liar", "g-1", "10.0.0.66");
     m_simulation.RunFor(100ms);
     EXPECT_THAT(Find("g-1"), Optional(UnorderedElementsAre("10.0.0.77", "10.0.0.66")));
 }
 
-TEST_F(GatewayMdns, AnswersInTimeWhatNobodyKnows)
+TEST_F(GatewayMdns, UnknownGuidIsAnsweredAtTheLimit)
 {
-    const auto first = Ask("g-1");
+    const auto first = StartFind("g-1");
     m_simulation.RunFor(2400ms);
-    EXPECT_FALSE(first->has_value()) << "a record may still come";
+    EXPECT_FALSE(first->has_value()) << "a record may still appear";
     m_simulation.RunFor(200ms);
     EXPECT_THAT(*first, Optional(IsEmpty()));
-    EXPECT_TRUE(Find("g-1", 10ms)) << "what browsing has not shown by now is not there";
+    EXPECT_TRUE(Find("g-1", 10ms)) << "browsing is complete, so the answer is immediate";
 
     Announce("Silent", "g-2", "10.0.0.2");
     m_simulation.RunFor(100ms);
     m_mdns.SetAnswersResolves(false);
-    EXPECT_THAT(Find("g-2", 2600ms), Optional(ElementsAre("10.0.0.2"))) << "the last that was known";
+    EXPECT_THAT(Find("g-2", 2600ms), Optional(ElementsAre("10.0.0.2"))) << "the last known address";
 }
 
-TEST_F(GatewayMdns, LeavesARecordAloneThatNobodyAnswersFor)
+TEST_F(GatewayMdns, FailedResolveIsNotRepeatedFor10s)
 {
     Announce("Kitchen", "g-1", "10.0.0.1");
     Find("g-1");
     m_mdns.FallSilent("Kitchen", "_kova-lanyard._tcp");
     m_mdns.ClearCalls();
-    for (int i = 0; i < 5; ++i) // the checks of a product that is away
+    for (int i = 0; i < 5; ++i) // as the checks of an absent product do
     {
         EXPECT_THAT(Find("g-1", 2s), Optional(ElementsAre("10.0.0.1")));
     }
@@ -98,7 +98,7 @@ TEST_F(GatewayMdns, LeavesARecordAloneThatNobodyAnswersFor)
     EXPECT_THAT(Find("g-1"), Optional(ElementsAre("10.0.0.2")));
 }
 
-TEST_F(GatewayMdns, ComesBackAfterTheDaemonAndLivesWithoutABus)
+TEST_F(GatewayMdns, LostDaemonOrBusIsReplacedAtTheNextQuery)
 {
     m_mdns.SetHasBus(false);
     EXPECT_THAT(Find("g-1", 10ms), Optional(IsEmpty()));
@@ -107,26 +107,26 @@ TEST_F(GatewayMdns, ComesBackAfterTheDaemonAndLivesWithoutABus)
     Announce("Kitchen", "g-1", "10.0.0.1");
     EXPECT_THAT(Find("g-1"), Optional(ElementsAre("10.0.0.1")));
 
-    const auto unanswered = Ask("g-3");
+    const auto unanswered = StartFind("g-3");
     m_simulation.RunFor(10ms);
     m_mdns.KillDaemon();
     m_simulation.RunFor(10ms);
-    EXPECT_TRUE(unanswered->has_value()) << "not left waiting";
+    EXPECT_TRUE(unanswered->has_value()) << "the query must end";
     const int made = m_mdns.BrowsersMade();
     m_simulation.RunFor(60s);
-    EXPECT_EQ(m_mdns.BrowsersMade(), made) << "nothing is made while nobody asks";
+    EXPECT_EQ(m_mdns.BrowsersMade(), made) << "no backend without a query";
     m_mdns.StartDaemon();
     EXPECT_THAT(Find("g-1", 3s), Optional(ElementsAre("10.0.0.1")));
 }
 
-TEST_F(GatewayMdns, ResolvesAFewAtATime)
+TEST_F(GatewayMdns, ConcurrentResolvesAreLimited)
 {
     m_mdns.SetAnswersResolves(false);
     for (int i = 0; i < 100; ++i)
     {
         Announce("P" + std::to_string(i), "g-" + std::to_string(i), "10.0.1." + std::to_string(i));
     }
-    const auto answer = Ask("g-99");
+    const auto answer = StartFind("g-99");
     m_simulation.RunFor(100ms);
     EXPECT_EQ(m_mdns.PendingResolves(), Gateway::MdnsWorker::kMaxResolves);
     m_mdns.SetAnswersResolves(true);

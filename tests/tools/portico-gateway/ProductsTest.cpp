@@ -1,7 +1,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/tools/portico-gateway/GatewayUnderTest.h"
 #include "tests/tools/portico-gateway/RpcClient.h"
-#include "tests/websocket/WebSocketCertificates.h"
+#include "tests/websocket/support/WebSocketCertificates.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,10 +29,10 @@ constexpr int kOffline = 1041;
 constexpr const char* kInfo = "/sonarix/info";
 constexpr const char* kList = "/sonarix/products";
 const Json kFarInfo = {{"guid", "far"}};
-/// The far product answers at each loopback address; the kernel lets no connection go to this one.
+/// No connection can be made to this address. The far product listens on all loopback addresses.
 constexpr const char* kNowhere = "255.255.255.255";
 
-/// The products that a service lists; a row is a guid and an address.
+/// A product list. Each row is a guid and an address.
 Json Rows(const std::vector<std::array<Json, 2>>& rows)
 {
     Json products = Json::array({5});
@@ -43,7 +43,7 @@ Json Rows(const std::vector<std::array<Json, 2>>& rows)
     return {{"products", products}};
 }
 
-/// A product's discovery service, as far as gateways ask it.
+/// A discovery service that serves one record.
 std::unique_ptr<RpcClient> Service(const GatewayUnderTest& gateway, const std::string& path, const Json& record)
 {
     auto service = std::make_unique<RpcClient>(gateway.Port(), "SonarixService");
@@ -58,12 +58,12 @@ std::string GuidOf(RpcClient& client)
 
 void WaitForOnline(RpcClient& client)
 {
-    while (client.TakeHeartbeat() == kOffline) // none: has failed the test
+    while (client.TakeHeartbeat() == kOffline) // 0 if none came, which has failed the test
     {
     }
 }
 
-/// Two gateways, of which the first finds the second by a peers file, once that is written.
+/// Two gateways. After WritePeers(), the near one finds the far one by its peers file.
 class GatewayProducts : public testing::Test
 {
 protected:
@@ -85,13 +85,13 @@ protected:
         return settings;
     }
 
-    /// Waits longer than a check may take to reach it.
+    /// Its request limit is longer than checkLimit.
     GatewayUnderTest m_far{"far", GatewayUnderTest::AnsweringWithin(3000ms)};
     Gateway::Settings m_settings = Settings(m_far);
     GatewayUnderTest m_near{"near", m_settings};
 };
 
-TEST_F(GatewayProducts, CarriesRequestsAndSubscriptionsOfScopeZero)
+TEST_F(GatewayProducts, RequestsAndSubscriptionsOfScopeZeroWork)
 {
     WritePeers(m_far);
     RpcClient server(m_far.Port(), "Server");
@@ -99,9 +99,9 @@ TEST_F(GatewayProducts, CarriesRequestsAndSubscriptionsOfScopeZero)
     server.Serve("get", "/closed", 1);
     server.Notify("/open", {{"n", 1}});
     RpcClient client(m_near.Port(), "Client", "far");
-    client.Subscribe("/open"); // before it is reached
+    client.Subscribe("/open"); // before the connection
     EXPECT_EQ(client.TakeBody(), Json({{"n", 1}}));
-    const int get = client.Ask("get", {{"path", "/open"}, {"version", 3.5}});
+    const int get = client.SendRequest("get", {{"path", "/open"}, {"version", 3.5}});
     const Json request = server.Take("get");
     EXPECT_EQ(request["params"], Json({{"path", "/open"}, {"version", 3.5}}));
     server.Answer(request, {{"n", 2}});
@@ -113,40 +113,40 @@ TEST_F(GatewayProducts, CarriesRequestsAndSubscriptionsOfScopeZero)
     EXPECT_EQ(RpcClient::Code(hidden), 404);
     EXPECT_EQ(hidden["error"]["data"]["guid"], "far");
     EXPECT_EQ(client.Code("serve", {{"verb", "get"}, {"path", "/x"}}), -32600);
-    RpcClient bad(m_near.Port(), "Client", "bad"); // a line of the file that says nothing
+    RpcClient bad(m_near.Port(), "Client", "bad"); // its line in the file is unreadable
     EXPECT_EQ(bad.Code("get", {{"path", "/open"}}), 503);
     client.Call("unsubscribe", {{"path", "/open"}});
     server.Notify("/open", {{"n", 4}});
-    EXPECT_TRUE(client.HearsNothing());
+    EXPECT_TRUE(client.HasNoNotification());
 }
 
-TEST_F(GatewayProducts, TellsOfDeathAndReturnOfAServiceAndOfNoneThatIsOnlyBusy)
+TEST_F(GatewayProducts, HeartbeatFollowsTheServiceButNotABusyOne)
 {
     WritePeers(m_far);
     RpcClient client(m_near.Port(), "Client", "far");
     client.Subscribe(kInfo);
     auto far = Service(m_far, kInfo, kFarInfo);
-    EXPECT_FALSE(client.Has("heartbeat", 400ms)) << "before the own service has served its list";
+    EXPECT_FALSE(client.Has("heartbeat", 400ms)) << "before this product's service has served its list";
     const auto near = Service(m_near, kList, Rows({}));
     EXPECT_EQ(client.TakeHeartbeat(), kOnline);
-    EXPECT_FALSE(client.Has("heartbeat", 400ms)) << "told once";
+    EXPECT_FALSE(client.Has("heartbeat", 400ms)) << "reported once";
 
     far->isMute = true;
     const Json check = far->Take("get");
-    EXPECT_FALSE(client.Has("heartbeat", 2300ms)) << "busy, but its connection stands";
+    EXPECT_FALSE(client.Has("heartbeat", 2300ms)) << "busy, but connected";
     far->Answer(check, kFarInfo);
-    EXPECT_FALSE(client.Has("heartbeat", 2300ms)) << "and the next check has just begun";
+    EXPECT_FALSE(client.Has("heartbeat", 2300ms)) << "the next check has just started";
     EXPECT_EQ(client.TakeHeartbeat(), kOffline) << "not answered in time";
     far->isMute = false;
     WaitForOnline(client);
-    far.reset(); // the service alone: 404
+    far.reset(); // the service ends, the gateway stays: 404
     EXPECT_EQ(client.TakeHeartbeat(), kOffline);
-    EXPECT_EQ(client.TakeHeartbeat(), kOffline) << "at each check that fails";
+    EXPECT_EQ(client.TakeHeartbeat(), kOffline) << "at each failed check";
     far = Service(m_far, kInfo, kFarInfo);
     WaitForOnline(client);
 }
 
-TEST_F(GatewayProducts, ReachesByTlsWhoShowsItsGuid)
+TEST_F(GatewayProducts, TlsPeerMustShowItsGuid)
 {
     const WebSocketCertificates authority;
     m_settings.tlsDir = authority.Make("far");
@@ -161,9 +161,7 @@ TEST_F(GatewayProducts, ReachesByTlsWhoShowsItsGuid)
     EXPECT_EQ(wrong.Code("get", {{"path", kInfo}}), 503);
 }
 
-// ---- where the peers file does not know the product ---------------------------------------------------------
-
-TEST_F(GatewayProducts, TakesTheRowOfAnyStateAndAsksOnceForAll)
+TEST_F(GatewayProducts, OneGetOfTheListServesAllOpens)
 {
     const auto farService = Service(m_far, kInfo, kFarInfo);
     const Json rows = Rows({{"other", kNowhere}, {"far", "a.name"}, {"far", 5}, {"far", "127.0.0.1"}});
@@ -175,10 +173,10 @@ TEST_F(GatewayProducts, TakesTheRowOfAnyStateAndAsksOnceForAll)
     EXPECT_EQ(GuidOf(first), "far");
     EXPECT_EQ(GuidOf(second), "far");
     EXPECT_FALSE(near->Has("get"));
-    EXPECT_EQ(m_near.mdnsQuestions, 0);
+    EXPECT_EQ(m_near.mdnsQueries, 0);
 }
 
-TEST_F(GatewayProducts, TakesTheHostOfTheLocationWhereTheRowHasNoAddress)
+TEST_F(GatewayProducts, RowWithoutAddressGivesTheHostOfItsLocation)
 {
     const auto farService = Service(m_far, kInfo, kFarInfo);
     Json rows = Rows({{"far", ""}, {"other", ""}});
@@ -192,17 +190,17 @@ TEST_F(GatewayProducts, TakesTheHostOfTheLocationWhereTheRowHasNoAddress)
     EXPECT_THAT(answer["error"]["message"].get<std::string>(), HasSubstr("product far answers"));
 }
 
-TEST_F(GatewayProducts, AsksMdnsWhereTheRowLeadsNowhereOrToAnother)
+TEST_F(GatewayProducts, MdnsIsQueriedWhenTheRowIsWrong)
 {
     const auto farService = Service(m_far, kInfo, kFarInfo);
     m_near.mdns.Set({{"far", {kNowhere, "127.0.0.1"}}});
-    RpcClient early(m_near.Port(), "Client", "far"); // nobody serves the list yet
+    RpcClient early(m_near.Port(), "Client", "far"); // the list is not served yet
     EXPECT_EQ(GuidOf(early), "far");
     const auto near = Service(m_near, kList, Rows({{"far", kNowhere}, {"away", kNowhere}, {"third", "127.0.0.1"}}));
     RpcClient client(m_near.Port(), "Client", "far");
     EXPECT_EQ(GuidOf(client), "far");
     EXPECT_EQ(client.TakeHeartbeat(), kOnline);
-    EXPECT_EQ(m_near.mdnsQuestions, 2);
+    EXPECT_EQ(m_near.mdnsQueries, 2);
     RpcClient third(m_near.Port(), "Client", "third");
     const Json answer = third.Call("get", {{"path", kInfo}});
     EXPECT_EQ(RpcClient::Code(answer), 503);
@@ -216,45 +214,45 @@ TEST_F(GatewayProducts, AsksMdnsWhereTheRowLeadsNowhereOrToAnother)
         EXPECT_EQ(away.TakeHeartbeat(), kOffline);
     }
     EXPECT_EQ(near->answered, before + 1) << "not at each attempt";
-    EXPECT_GE(m_near.mdnsQuestions, 6) << "mDNS may have a new address";
+    EXPECT_GE(m_near.mdnsQueries, 6) << "mDNS may have a new address";
 }
 
-TEST_F(GatewayProducts, AsksForAddressesAnewWhenTheOwnServiceComesBack)
+TEST_F(GatewayProducts, OwnListRestartsTheAttempt)
 {
     const auto farService = Service(m_far, kInfo, kFarInfo);
     m_near.isMdnsSilent = true;
-    RpcClient client(m_near.Port(), "Client", "far"); // as after the gateway's restart, before the own service is back
-    const int get = client.Ask("get", {{"path", kInfo}});
+    RpcClient client(m_near.Port(), "Client", "far"); // as after a restart of the gateway
+    const int get = client.SendRequest("get", {{"path", kInfo}});
     EXPECT_FALSE(client.Has("heartbeat", 300ms));
-    EXPECT_EQ(m_near.mdnsQuestions, 1);
+    EXPECT_EQ(m_near.mdnsQueries, 1);
     const auto near = Service(m_near, kList, Rows({{"far", "127.0.0.1"}}));
     EXPECT_EQ(client.AnswerTo(get)["result"]["guid"], "far");
-    EXPECT_EQ(client.TakeHeartbeat(), kOnline) << "nothing was said of the time without the table";
+    EXPECT_EQ(client.TakeHeartbeat(), kOnline) << "no failure may be reported for the time without the list";
     EXPECT_FALSE(client.Has("heartbeat", 300ms));
 }
 
-TEST_F(GatewayProducts, WhoComesWhileTheListIsAskedForIsSoughtInTheNextOne)
+TEST_F(GatewayProducts, QueryDuringAGetOfTheListWaitsForTheNextGet)
 {
     const auto farService = Service(m_far, kInfo, kFarInfo);
     RpcClient near(m_near.Port(), "SonarixService");
     near.Serve("get", kList, 1);
-    RpcClient first(m_near.Port(), "First", "nobody");
-    const Json question = near.Take("get");
+    RpcClient first(m_near.Port(), "First", "unknown");
+    const Json query = near.Take("get");
     RpcClient late(m_near.Port(), "Late", "far");
     EXPECT_FALSE(late.Has("heartbeat", 100ms));
-    near.Answer(question, Rows({})); // as it was before there was a row
+    near.Answer(query, Rows({})); // without a row for it
     near.Answer(near.Take("get"), Rows({{"far", "127.0.0.1"}}));
-    EXPECT_EQ(late.TakeHeartbeat(), kOnline) << "not before the next attempt";
+    EXPECT_EQ(late.TakeHeartbeat(), kOnline) << "only after another attempt";
 }
 
-TEST_F(GatewayProducts, BoundsWhatWaitsAndKeepsWhatTheProductRefuses)
+TEST_F(GatewayProducts, WaitingBytesAreBoundedAndRefusalsRetried)
 {
     const LogCapture log;
-    m_near.isMdnsSilent = true; // the product is sought until the list is served
+    m_near.isMdnsSilent = true; // the attempt waits until the list is served
     RpcClient heavy(m_near.Port(), "Heavy", "far");
     const Json post = {{"path", "/p"}, {"body", std::string(3U << 20U, 'x')}};
-    heavy.Ask("post", post);
-    heavy.Ask("post", post);
+    heavy.SendRequest("post", post);
+    heavy.SendRequest("post", post);
     EXPECT_THAT(heavy.Call("post", post).dump(), HasSubstr("too much waits for it"));
 
     RpcClient client(m_near.Port(), "Client", "far");
@@ -264,12 +262,12 @@ TEST_F(GatewayProducts, BoundsWhatWaitsAndKeepsWhatTheProductRefuses)
     WritePeers(m_far);
     const auto near = Service(m_near, kList, Rows({}));
     EXPECT_TRUE(log.WaitFor("refuses the subscription of /p"));
-    const auto lines = log.Lines(); // two clients have read the file
+    const auto lines = log.Lines(); // two queries have read the file
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [](const auto& line) { return line.m_text.find("nonsense") != std::string::npos; }),
               1);
 
-    m_near.isMdnsSilent = false; // an attempt while the other is away ends
+    m_near.isMdnsSilent = false; // attempts end while the far gateway is down
     m_far.Kill();
     m_far.Start();
     server = std::make_unique<RpcClient>(m_far.Port(), "Server");

@@ -15,7 +15,9 @@
 #include <string>
 #include <utility>
 
-/// A client of the gateway that speaks the protocol word by word, for a test's thread. Goes as a process that ends.
+/// A client of the gateway that sends and receives single frames. Its destructor closes the socket like a process
+/// that ends.
+/// Thread: the test's.
 ///
 ///     RpcClient client(gateway.Port(), "Name");
 ///     EXPECT_EQ(client.Code("get", {{"path", "/p"}}), 404);
@@ -25,7 +27,7 @@ class RpcClient final
 public:
     using Json = nlohmann::json;
 
-    /// Without a service nothing is opened.
+    /// Sends no `open` if `service` is empty.
     explicit RpcClient(std::uint16_t port, const std::string& service = {}, const std::string& guid = {},
                        const std::string& subProtocol = "tarsier")
     {
@@ -47,7 +49,7 @@ public:
     }
     ~RpcClient()
     {
-        m_task.StopAndJoin(); // its socket is closed without a goodbye
+        m_task.StopAndJoin(); // closes the socket without a close frame
     }
     RpcClient(const RpcClient&) = delete;
     RpcClient& operator=(const RpcClient&) = delete;
@@ -56,7 +58,7 @@ public:
     {
         Do("serve", {{"verb", verb}, {"path", path}, {"scope", scope}, {"version", 1.0}, {"label", "Unknown"}});
     }
-    /// Serves and answers gets by itself, unless mute: then they are there to be taken.
+    /// Serves the record and answers each get with it. While isMute is set, requests are left for Take().
     void ServeRecord(const std::string& path, int scope, const Json& record)
     {
         m_task.Run([&] { m_records[path] = record; });
@@ -72,12 +74,12 @@ public:
             {{"jsonrpc", "2.0"}, {"method", "notify"}, {"params", {{"path", path}, {"version", 1.0}, {"body", body}}}});
     }
 
-    /// A request, and the whole frame that answers it; null, and a failed test, where none comes.
+    /// Sends a request and waits for the frame that answers it. Returns null and fails the test if none comes.
     Json Call(const std::string& method, const Json& params)
     {
-        return AnswerTo(Ask(method, params));
+        return AnswerTo(SendRequest(method, params));
     }
-    /// A request, and the error code of its answer, 0 for a result.
+    /// Sends a request. Returns the error code of its answer, 0 for a result.
     int Code(const std::string& method, const Json& params)
     {
         return Code(Call(method, params));
@@ -86,7 +88,7 @@ public:
     {
         return answer.contains("error") ? answer["error"]["code"].get<int>() : 0;
     }
-    int Ask(const std::string& method, const Json& params) ///< the id, to be given to AnswerTo
+    int SendRequest(const std::string& method, const Json& params) ///< returns the id for AnswerTo()
     {
         const int id = ++m_lastId;
         Send({{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}});
@@ -102,7 +104,7 @@ public:
         Send({{"jsonrpc", "2.0"}, {"id", request["id"]}, {kind, content}});
     }
 
-    /// The next frame of that method that came in, not seen again; null, and a failed test, where none comes.
+    /// Waits for the next frame of `method` and removes it. Returns null and fails the test if none comes.
     Json Take(const std::string& method)
     {
         return TakeFrame([&](const Json& frame) { return frame.value("method", "") == method; }, method);
@@ -112,20 +114,20 @@ public:
         const Json frame = Take("notify");
         return frame.is_null() ? frame : frame["params"]["body"];
     }
-    int TakeHeartbeat() ///< its status; 0 where none came
+    int TakeHeartbeat() ///< its status, 0 if none came
     {
         const Json frame = Take("heartbeat");
         return frame.is_null() ? 0 : frame["params"]["status"].get<int>();
     }
-    /// Whether a frame of that method is there, or comes within `limit`; it stays there.
+    /// Whether a frame of `method` is there or comes within `limit`. Does not remove it.
     bool Has(const std::string& method, std::chrono::milliseconds limit = std::chrono::milliseconds(0)) const
     {
         return m_frames.Has([&](const Json& frame) { return frame.value("method", "") == method; }, limit);
     }
-    /// Whether a notification has come, once all that the gateway had to say before now is here.
-    bool HearsNothing()
+    /// True if no notification has come before the answer to a request sent now.
+    bool HasNoNotification()
     {
-        Code("get", {{"path", "/nobody serves this"}});
+        Code("get", {{"path", "/not-served"}});
         return !Has("notify");
     }
 
@@ -139,7 +141,7 @@ public:
     }
 
     std::atomic<bool> isMute{false};
-    std::atomic<int> answered{0}; ///< by itself
+    std::atomic<int> answered{0}; ///< requests answered with a record
 
 private:
     void Do(const std::string& method, const Json& params)

@@ -1,4 +1,4 @@
-#include "tools/portico-gateway/RpcFrame.h"
+#include "jsonrpc/Frame.h"
 
 #include "base/JsonText.h"
 
@@ -8,22 +8,40 @@
 #include <cctype>
 #include <limits>
 
-namespace Gateway
+namespace JsonRpc
 {
 namespace
 {
 
-using Json = nlohmann::ordered_json; // bodies go on in the order in which they came
+using Json = nlohmann::ordered_json; // keeps the order of a body's members
 
 std::string Dump(const Json& value)
 {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-/// What the frame carries at the place of `value`: the text that was taken out there, or the value itself.
-std::string Carried(const Json& value, const std::string& body)
+/// JSON text of a body or result. JsonText::ReadFrame may have replaced it by null and returned its text as `body`.
+std::string BodyText(const Json& value, const std::string& body)
 {
     return value.is_null() && !body.empty() ? body : Dump(value);
+}
+
+std::string Text(const Json& object, const char* key)
+{
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+/// A value beyond the range of int becomes the nearest int.
+int Number(const Json& object, const char* key)
+{
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_number_integer())
+    {
+        return 0;
+    }
+    return static_cast<int>(std::clamp<std::int64_t>(found->get<std::int64_t>(), std::numeric_limits<int>::min(),
+                                                     std::numeric_limits<int>::max()));
 }
 
 Frame Invalid(int code, const std::string& message, const std::string& id = "null")
@@ -93,7 +111,7 @@ void ReadNumbers(const Json& object, Params& params)
     }
 }
 
-Params ReadParams(const Json& document, const std::string& takenBody)
+Params ReadParams(const Json& document, const std::string& body)
 {
     Params params;
     const auto found = document.find("params");
@@ -115,30 +133,24 @@ Params ReadParams(const Json& document, const std::string& takenBody)
     ReadText(*found, "label", label, params.malformed);
     ReadText(*found, "guid", guid, params.malformed);
     params.guid = guid.value_or("");
-    if (const auto body = found->find("body"); body != found->end())
+    params.status = Number(*found, "status");
+    if (const auto value = found->find("body"); value != found->end())
     {
-        params.body = Carried(*body, takenBody);
+        params.body = BodyText(*value, body);
     }
     return params;
 }
 
-int ReadCode(const Json& error)
+Json ErrorData(int subcode, const std::string& guid)
 {
-    const auto found = error.find("code");
-    if (found == error.end() || !found->is_number_integer())
-    {
-        return 0;
-    }
-    const auto value = found->get<std::int64_t>();
-    return static_cast<int>(
-        std::clamp<std::int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+    return {{"subcode", subcode}, {"guid", guid}};
 }
 
-Answer ReadAnswer(const Json& document, const std::string& takenBody)
+Answer ReadAnswer(const Json& document, const std::string& body)
 {
     if (const auto result = document.find("result"); result != document.end())
     {
-        return Answer::Result(Carried(*result, takenBody));
+        return Answer::Result(BodyText(*result, body));
     }
     const auto found = document.find("error");
     if (found == document.end() || !found->is_object())
@@ -146,15 +158,24 @@ Answer ReadAnswer(const Json& document, const std::string& takenBody)
         return Answer::Error(INTERNAL_ERROR, "the answer holds neither result nor error", {});
     }
     Answer answer;
-    answer.code = ReadCode(*found);
-    const auto message = found->find("message");
+    answer.code = Number(*found, "code");
     const auto data = found->find("data");
-    const Json error = {
-        {"code", answer.code},
-        {"message", message != found->end() && message->is_string() ? *message : Json("")},
-        {"data", data != found->end() && data->is_object() ? *data : Json({{"subcode", 0}, {"guid", ""}})}};
+    const Json error = {{"code", answer.code},
+                        {"message", Text(*found, "message")},
+                        {"data", data != found->end() && data->is_object() ? *data : ErrorData(0, {})}};
     answer.error = Dump(error);
     return answer;
+}
+
+/// Reserves once: bodies may be megabytes.
+void AppendPathParams(std::string& text, const std::string& path, const std::string& version, const std::string& body)
+{
+    const std::string quotedPath = Dump(path);
+    text.reserve(text.size() + quotedPath.size() + version.size() + body.size() + 64);
+    text += R"({"path":)" + quotedPath + R"(,"version":)" + version;
+    text += body.empty() ? "" : ",\"body\":";
+    text += body;
+    text += '}';
 }
 
 } // namespace
@@ -171,19 +192,19 @@ Answer Answer::Empty()
     return Result("{}");
 }
 
-Answer Answer::Error(int code, const std::string& message, const std::string& guid)
+Answer Answer::Error(int code, const std::string& message, const std::string& guid, int subcode)
 {
-    const Json error = {{"code", code}, {"message", message}, {"data", {{"subcode", 0}, {"guid", guid}}}};
+    const Json error = {{"code", code}, {"message", message}, {"data", ErrorData(subcode, guid)}};
     Answer answer;
     answer.code = code;
     answer.error = Dump(error);
     return answer;
 }
 
-Frame ParseFrame(const std::string& text)
+Frame FrameFromText(const std::string& text)
 {
     const JsonText::Frame parts = JsonText::ReadFrame(text);
-    if (parts.verdict == JsonText::Verdict::TOO_COMPLEX) // values may be written out again, a stack frame a level
+    if (parts.verdict == JsonText::Verdict::TOO_COMPLEX) // writing a value needs one stack frame per level
     {
         return Invalid(PARSE_ERROR, "nested too deep, or too many members");
     }
@@ -228,39 +249,85 @@ Frame ParseFrame(const std::string& text)
     return frame;
 }
 
-std::string ToJson(const std::string& text)
+std::string PathParams(const std::string& path, const std::string& version, const std::string& body)
 {
-    return Dump(Json(text));
+    std::string params;
+    AppendPathParams(params, path, version, body);
+    return params;
 }
 
-std::string CallFrame(const std::string& id, const std::string& method, const std::string& params)
+std::string TextFromCall(const std::string& id, const std::string& method, const std::string& params)
 {
     return R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":")" + method + R"(","params":)" + params + "}";
 }
 
-std::string CallFrame(const std::string& id, const Request& request)
+std::string TextFromRequest(const std::string& id, const Request& request)
 {
-    return CallFrame(id, request.verb,
-                     R"({"path":)" + ToJson(request.path) + R"(,"version":)" + request.version +
-                         (request.body ? R"(,"body":)" + *request.body : std::string()) + "}");
+    static const std::string s_none;
+    return TextFromCall(id, request.verb,
+                        PathParams(request.path, request.version, request.body ? *request.body : s_none));
 }
 
-std::string AnswerFrame(const std::string& id, const Answer& answer)
+std::string TextFromAnswer(const std::string& id, const Answer& answer)
 {
     return R"({"jsonrpc":"2.0","id":)" + id +
            (answer.IsError() ? R"(,"error":)" + answer.error : R"(,"result":)" + answer.result) + "}";
 }
 
-std::string NotifyFrame(const std::string& path, const std::string& version, const std::string& body)
+std::string TextFromNotification(const std::string& path, const std::string& version, const std::string& body)
 {
-    return R"({"jsonrpc":"2.0","method":"notify","params":{"path":)" + ToJson(path) + R"(,"version":)" + version +
-           R"(,"body":)" + body + "}}";
+    std::string text = R"({"jsonrpc":"2.0","method":"notify","params":)";
+    AppendPathParams(text, path, version, body);
+    text += '}';
+    return text;
 }
 
-std::string HeartbeatFrame(const std::string& guid, int status)
+std::string TextFromHeartbeat(const std::string& guid, int status)
 {
-    return R"({"jsonrpc":"2.0","method":"heartbeat","params":{"guid":)" + ToJson(guid) + R"(,"status":)" +
-           std::to_string(status) + "}}";
+    return R"({"jsonrpc":"2.0","method":"heartbeat","params":)" + Dump({{"guid", guid}, {"status", status}}) + "}";
+}
+
+std::string OpenParams(const std::string& service, const std::string& guid)
+{
+    return Dump({{"service", service}, {"guid", guid}});
+}
+
+std::string SubscribeParams(const std::string& path, const std::string& version, int scope)
+{
+    return R"({"path":)" + Dump(path) + R"(,"version":)" + version + R"(,"scope":)" + std::to_string(scope) + "}";
+}
+
+std::string ServeParams(const std::string& verb, const std::string& path, int scope, const std::string& version,
+                        const std::string& label)
+{
+    return R"({"verb":")" + verb + R"(","label":)" + Dump(label) + "," +
+           SubscribeParams(path, version, scope).substr(1);
+}
+
+std::string VersionFromNumber(double version)
+{
+    return Dump(version);
+}
+
+std::string RecordFromAnswer(const Answer& answer)
+{
+    if (!answer.IsError())
+    {
+        return {};
+    }
+    const Json error = Json::parse(answer.error);
+    return Dump({{"code", answer.code},
+                 {"subcode", Number(error["data"], "subcode")},
+                 {"message", Text(error, "message")},
+                 {"guid", Text(error["data"], "guid")}});
+}
+
+Answer AnswerFromRecord(const std::string& record)
+{
+    const Json fields = Json::parse(record, nullptr, /*allow_exceptions=*/false);
+    return fields.is_object() ? Answer::Error(Number(fields, "code"), Text(fields, "message"), Text(fields, "guid"),
+                                              Number(fields, "subcode"))
+                              : Answer::Error(0, {}, {});
 }
 
 bool IsVerb(const std::string& method)
@@ -268,4 +335,9 @@ bool IsVerb(const std::string& method)
     return method == "get" || method == "post" || method == "put" || method == "delete";
 }
 
-} // namespace Gateway
+bool IsJson(const std::string& text)
+{
+    return JsonText::Check(text) == JsonText::Verdict::JSON;
+}
+
+} // namespace JsonRpc

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-/// A certification authority of a test's own in a temporary directory, by the openssl command.
+/// A certification authority in a temporary directory. Uses the openssl command.
 ///
 ///     WebSocketCertificates authority;
 ///     TlsIdentity::Load(authority.Make("guid-a"), error);
@@ -23,7 +23,7 @@ public:
     WebSocketCertificates(const WebSocketCertificates&) = delete;
     WebSocketCertificates& operator=(const WebSocketCertificates&) = delete;
 
-    /// The directory with ca.pem, cert.pem and key.pem of a new certificate.
+    /// Creates a certificate. Returns the directory with its ca.pem, cert.pem and key.pem.
     std::string Make(const std::string& commonName, const std::string& dnsName = {}) const
     {
         const std::string directory = m_root + "/" + commonName;

@@ -9,16 +9,16 @@
 namespace Portico
 {
 
-/// The last notification of each path that could not be sent yet. On the I/O task. Bounded: one path more, or one
-/// byte more, drops the notification.
-class HeldNotifications final
+/// The last notification of each path that could not be sent yet. Bounded: a notification over a limit is dropped.
+/// Task: the I/O task.
+class DeferredNotifications final
 {
 public:
     static constexpr std::size_t kMaxPaths = 64;
     static constexpr std::size_t kMaxBytes = 8U << 20U;
 
-    /// Replaces what was held for the path. False: dropped.
-    bool Hold(const std::string& path, std::string frame)
+    /// Replaces the notification of the path. Returns false if the new one was dropped.
+    bool Put(const std::string& path, std::string frame)
     {
         Take(path);
         if (m_frames.size() >= kMaxPaths || m_bytes + frame.size() > kMaxBytes)
@@ -30,7 +30,7 @@ public:
         return true;
     }
 
-    /// Empty where nothing is held.
+    /// Empty if there is none.
     std::string Take(const std::string& path)
     {
         auto node = m_frames.extract(path);
@@ -42,7 +42,7 @@ public:
         return std::move(node.mapped());
     }
 
-    /// Null where nothing is held.
+    /// Null if there is none.
     const std::string* Find(const std::string& path) const
     {
         const auto found = m_frames.find(path);

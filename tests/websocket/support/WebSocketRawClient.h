@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/// A TCP client that says exactly what a test wants, well-formed or not.
+/// A TCP client that sends any bytes, well-formed or not.
 class WebSocketRawClient final
 {
 public:
@@ -38,7 +38,7 @@ public:
     {
         ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
-    /// Everything until `end` has come or the peer closes (or 10 s of silence).
+    /// Receives until `end` has come, the peer closes or 10 s pass without data.
     std::string Receive(const std::string& end = {}) const
     {
         std::string all;
@@ -57,7 +57,7 @@ public:
              "Sec-WebSocket-Protocol: tarsier\r\n\r\n");
         EXPECT_NE(Receive("\r\n\r\n").find(" 101 "), std::string::npos);
     }
-    /// A whole masked frame of at most 125 bytes, the mask all zero. `opcode` 1 text, 2 binary.
+    /// A masked frame of at most 125 bytes with an all-zero mask. `opcode`: 1 text, 2 binary.
     static std::string Frame(int opcode, const std::string& payload)
     {
         return std::string(1, static_cast<char>(0x80 | opcode)) + static_cast<char>(0x80 | payload.size()) +

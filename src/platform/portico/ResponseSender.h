@@ -1,0 +1,50 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+class NotifyTargetTaskIF;
+
+namespace google::protobuf
+{
+class Message;
+}
+
+namespace JsonRpc
+{
+struct Answer;
+}
+
+namespace Portico
+{
+
+class GatewaySession;
+
+/// Sends the answer to one request of the gateway. The first call counts, later ones are ignored. An answer for a
+/// connection that has been lost, or for a client that has ended, is dropped.
+/// Thread: safe from any thread. Shared by the two callbacks that a handler gets.
+class ResponseSender final
+{
+public:
+    ResponseSender(std::weak_ptr<GatewaySession> session, NotifyTargetTaskIF* io, std::uint64_t epoch, std::string id);
+
+    void Respond(const google::protobuf::Message& message);
+    /// `error` has `code`, `subcode`, `message` and `guid`.
+    void Fail(const google::protobuf::Message& error);
+    /// Code 0, subcode 2005.
+    void Fail(const char* text);
+
+private:
+    void Send(const google::protobuf::Message& message, JsonRpc::Answer (*answerFromText)(std::string));
+    void Post(JsonRpc::Answer answer);
+
+    std::weak_ptr<GatewaySession> m_session;
+    NotifyTargetTaskIF* m_io;
+    std::uint64_t m_epoch;
+    std::string m_id;
+    std::atomic<bool> m_isAnswered = false;
+};
+
+} // namespace Portico
