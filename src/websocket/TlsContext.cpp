@@ -47,7 +47,7 @@ bool HasDnsName(const X509* certificate, const std::string& name)
     return false;
 }
 
-/// As OpenSSL's own, but a peer that has gone is an error and never SIGPIPE.
+/// Like OpenSSL's socket write, but with MSG_NOSIGNAL: a closed connection is an error, not SIGPIPE.
 int WriteToSocket(BIO* bio, const char* data, int size)
 {
     BIO_clear_retry_flags(bio);
@@ -60,7 +60,7 @@ int WriteToSocket(BIO* bio, const char* data, int size)
     return static_cast<int>(sent);
 }
 
-/// Made once, for the life of the process.
+/// Created once, never freed.
 const BIO_METHOD* SocketMethod()
 {
     static const BIO_METHOD* const s_method = []
@@ -111,7 +111,8 @@ bool TlsContext::ReadFiles(const std::string& directory, std::string& error)
         return false;
     }
     SSL_CTX_set_min_proto_version(m_context, TLS1_2_VERSION);
-    // Idle connections give their buffers back; without sessions and tickets nothing is kept for a resumption.
+    // RELEASE_BUFFERS: an idle connection keeps no record buffers. Resumption is off, so no sessions or tickets are
+    // stored.
     SSL_CTX_set_mode(m_context,
                      SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_options(m_context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET);

@@ -10,8 +10,9 @@ struct ssl_st;
 namespace WebSocket
 {
 
-/// The OpenSSL side of a TlsIdentity: TLS 1.2 and later, both roles, the peer's certificate always required and
-/// held against the directory's ca.pem. Shared by connections; used on their task alone.
+/// The OpenSSL context of a TlsIdentity: TLS 1.2 and later, client and server. The peer must always show a
+/// certificate that ca.pem has signed. Shared by connections.
+/// Task: that of the connections.
 class TlsContext final : public TlsIdentity
 {
 public:
@@ -20,23 +21,23 @@ public:
     TlsContext(const TlsContext&) = delete;
     TlsContext& operator=(const TlsContext&) = delete;
 
-    /// False, with the reason in `error`.
+    /// Returns false and sets `error` if a file cannot be used.
     bool ReadFiles(const std::string& directory, std::string& error);
 
-    /// A session for one connection, the caller's to free. Null where memory is short.
+    /// A TLS session for one connection, which the caller frees. Null if memory is short.
     ssl_st* NewSession(int descriptor, bool server) const;
 
 private:
     ssl_ctx_st* m_context;
 };
 
-/// Common name of the certificate that the peer has shown, empty where there is none.
+/// Common name of the peer's certificate; empty if there is none.
 std::string PeerCommonName(const ssl_st* session);
 
-/// Whether that certificate carries `name`, as common name or as DNS name. Compared byte by byte.
+/// Whether the peer's certificate has `name` as common name or DNS name. Compared byte by byte.
 bool PeerHasName(const ssl_st* session, const std::string& name);
 
-/// What OpenSSL has against the last operation: its own text, or `otherwise`.
+/// OpenSSL's text for the last error, or `otherwise`.
 std::string TlsErrorText(const std::string& otherwise);
 
 } // namespace WebSocket

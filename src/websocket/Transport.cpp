@@ -18,7 +18,7 @@ namespace WebSocket
 namespace
 {
 
-/// Largest share of a write that is put together for one TLS record.
+/// Several buffers of a write are copied into one TLS record of at most this size (RFC 8446 section 5.1).
 constexpr std::size_t kRecordBytes = 16U << 10U;
 
 } // namespace

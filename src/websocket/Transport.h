@@ -28,9 +28,9 @@ using Executor = boost::asio::io_context::executor_type;
 using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
 using ErrorCode = boost::system::error_code;
 
-/// The byte stream under a WebSocket: a TCP socket, bare or with TLS on it. One class for both, so that the heavy
-/// protocol templates are compiled once, and TLS straight on the descriptor, so that a connection at rest keeps no
-/// record buffers. Lives on its socket's task; its owner outlives the operations in flight.
+/// The byte stream under a WebSocket: a TCP socket, plain or with TLS. One class for both, so that Beast's templates
+/// are compiled once. OpenSSL works directly on the descriptor, so that an idle connection keeps no record buffers.
+/// Task: its socket's. Owner: the connection, which outlives the operations in flight.
 class Transport
 {
 public:
@@ -49,14 +49,18 @@ public:
     {
         return m_socket;
     }
-    const ssl_st* Tls() const
+    const Socket& Raw() const
+    {
+        return m_socket;
+    }
+    const ssl_st* Tls() const ///< null: plain
     {
         return m_tls;
-    } ///< null: plain
+    }
 
-    /// Puts TLS on the connected socket; AsyncHandshake has to follow. False where memory is short.
+    /// Adds TLS to the connected socket; AsyncHandshake() must follow. Returns false if memory is short.
     bool StartTls(const TlsContext& context, bool server);
-    /// What TLS said of its last failure, empty if it has none.
+    /// Text of the last TLS failure, empty if there was none.
     const std::string& TlsFailure() const
     {
         return m_tlsFailure;
@@ -89,15 +93,14 @@ private:
         HANDSHAKE,
     };
 
-    /// The first buffers of a sequence: all of a frame, or of an HTTP answer, go out together. A partial transfer
-    /// is legal.
+    /// The first 16 buffers of a sequence, enough for a frame or an HTTP response. A partial transfer is legal.
     struct Pieces
     {
         std::array<iovec, 16> parts;
         std::size_t count = 0;
     };
 
-    /// What one non-blocking try came to: `wait` tells for what the socket must be waited before the next one.
+    /// Result of one non-blocking attempt. If `again` is set, wait for `wait` and repeat.
     struct Attempt
     {
         ErrorCode error;
@@ -136,7 +139,7 @@ private:
             {
                 m_transport.m_socket.async_wait(attempt.wait, std::move(*this));
             }
-            else if (first) // never from inside the call that starts it
+            else if (first) // never call the handler from inside the initiating function
             {
                 boost::asio::post(m_transport.get_executor(),
                                   boost::beast::bind_front_handler(std::move(m_handler), attempt.error, attempt.bytes));
@@ -184,8 +187,8 @@ private:
     std::string m_tlsFailure;
 };
 
-/// Beast's hooks, found by the argument's namespace: how a connection ends under the closing handshake, and when
-/// its idle timer has run out.
+/// Beast finds these functions by argument-dependent lookup. async_teardown and teardown run after the closing
+/// handshake, beast_close_socket when the idle timer expires.
 template <class Handler>
 void async_teardown(boost::beast::role_type, Transport& transport, Handler&& handler)
 {

@@ -1,15 +1,16 @@
-// The only source that instantiates Beast's WebSocket stream: each further one would cost half a minute to compile.
+// Connections. The only source that instantiates Beast's WebSocket stream: each further one takes 30 s to compile.
 #include "websocket/WebSocket.h"
 
-#include "runtime/DPrint.h"
+#include "runtime/Liveness.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/TaskIo.h"
+#include "websocket/AcceptConnection.h"
 #include "websocket/TlsContext.h"
 #include "websocket/Transport.h"
 
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/address.hpp>
-#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/empty_body.hpp>
@@ -34,55 +35,18 @@ namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace websocket = boost::beast::websocket;
 using asio::ip::tcp;
-using Acceptor = asio::basic_socket_acceptor<tcp, Executor>;
 using Resolver = asio::ip::basic_resolver<tcp, Executor>;
 using Timer =
     asio::basic_waitable_timer<std::chrono::steady_clock, asio::wait_traits<std::chrono::steady_clock>, Executor>;
 
-const DPrint s_log("WebSocket");
-
-/// A connection at rest keeps no buffer larger than this.
+/// Largest buffer that an idle connection keeps.
 constexpr std::size_t kRestingBufferBytes = 4096;
-/// What is masked and handed to the kernel at a time, of a message that does not fit into the other.
+/// Write buffer for a message larger than that: so much is masked and written at a time.
 constexpr std::size_t kBusyBufferBytes = 65536;
-/// How long a closed connection may take to bring out what is queued and its goodbye.
+/// Time limit after Close() for sending the queued messages and the close frame.
 constexpr std::chrono::milliseconds kCloseLimit{1000};
-/// Pause in accepting when descriptors or memory have run out.
-constexpr std::chrono::milliseconds kAcceptPause{100};
-/// At most one line per this time about such pauses.
-constexpr std::chrono::seconds kAcceptLogPeriod{60};
+/// ContentType handshake(22) of a TLS record, RFC 8446 section 5.1.
 constexpr unsigned char kTlsHandshakeByte = 0x16;
-
-/// Counts the connections of one listener; the last share of a connection gives its place back.
-class Places
-{
-public:
-    std::size_t m_taken = 0;
-    std::function<void()> m_onFree; ///< set while the listener waits for a place
-};
-
-class Place
-{
-public:
-    explicit Place(std::shared_ptr<Places> places)
-        : m_places(std::move(places))
-    {
-        ++m_places->m_taken;
-    }
-    ~Place()
-    {
-        --m_places->m_taken;
-        if (const std::function<void()> onFree = std::exchange(m_places->m_onFree, nullptr))
-        {
-            onFree();
-        }
-    }
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
-
-private:
-    std::shared_ptr<Places> m_places;
-};
 
 std::string NumericHost(const tcp::endpoint& endpoint)
 {
@@ -102,54 +66,58 @@ std::string HostField(const Target& target)
     return (bracket ? "[" + host + "]" : host) + ":" + std::to_string(target.port);
 }
 
-/// One connection's machinery, kept alive by its operations in flight; the caller holds a Link.
-class Session final : public std::enable_shared_from_this<Session>
+class MessageStream;
+std::shared_ptr<Connection> HandleFromStream(const std::shared_ptr<MessageStream>& stream);
+
+/// A WebSocket connection. Its operations in flight keep it alive; the caller owns a handle that
+/// closes it (HandleFromStream).
+/// Task: everything runs on `m_task`.
+class MessageStream final : public Connection, public std::enable_shared_from_this<MessageStream>
 {
 public:
-    using OpenedCallback = std::function<void(const std::shared_ptr<Session>&)>;
-
-    Session(Socket socket, const Limits& limits)
-        : m_ws(std::move(socket))
+    MessageStream(NotifyTargetTaskIF* task, Socket socket, const Limits& limits)
+        : m_task(task)
+        , m_ws(std::move(socket))
         , m_timer(m_ws.get_executor())
         , m_limits(limits)
     {
     }
 
     void ConnectTo(const Target& target);
-    void Accept(std::shared_ptr<const ListenOptions> options, std::unique_ptr<Place> place, OpenedCallback opened);
+    void Accept(std::shared_ptr<const ListenOptions> options, std::shared_ptr<void> permit, OpenedCallback opened);
 
-    void SetHandlers(Connection::Handlers handlers);
-    void Send(std::string text);
-    void Close();
-
-    bool IsOpen() const
+    void SetHandlers(Handlers handlers) override;
+    void Send(std::string text) override;
+    void Close() override;
+    bool IsOpen() const override
     {
         return m_state == State::OPEN;
     }
-    std::size_t QueuedBytes() const
+    std::size_t QueuedBytes() const override
     {
         return m_queuedBytes;
     }
-    const std::string& SubProtocol() const
+    const std::string& SubProtocol() const override
     {
         return m_subProtocol;
     }
-    const std::string& PeerName() const
+    const std::string& PeerName() const override
     {
         return m_peerName;
     }
-    std::string PeerAddress();
+    std::string PeerAddress() const override;
 
 private:
     enum class State
     {
-        OPENING, ///< TCP, TLS and WebSocket handshakes, all under one limit
+        OPENING, ///< TCP, TLS and WebSocket handshakes, within handshakeTimeout together
         OPEN,
-        CLOSING, ///< nobody listens any more; what is queued and the goodbye go out, under a limit
-        DEAD,
+        CLOSING, ///< no handlers; queued messages and the close frame are sent within kCloseLimit
+        CLOSED,
     };
 
-    /// A step of opening that goes on unless the connection died meanwhile; failures end it.
+    /// The handler of one handshake step: continues with `next` unless the connection was closed meanwhile. A failure
+    /// ends the connection.
     template <class Next>
     auto Step(const char* what, Next next)
     {
@@ -189,12 +157,12 @@ private:
 
     std::string Reason(const ErrorCode& error) const;
     void Fail(const std::string& reason);
-    void TellClosed(const std::string& reason);
+    void ReportClosed(const std::string& reason);
     void BeginClose(websocket::close_code code);
-    void SendGoodbye();
-    void Die();
+    void SendCloseFrame();
+    void Terminate();
 
-    struct Opening ///< what only the handshakes need; freed when open
+    struct Opening ///< data of the handshakes; freed when the connection is open
     {
         Target target;                                ///< client
         std::shared_ptr<const ListenOptions> options; ///< server
@@ -204,13 +172,14 @@ private:
         beast::http::request<beast::http::empty_body> request;
     };
 
+    NotifyTargetTaskIF* const m_task;
     websocket::stream<Transport, false> m_ws;
     Timer m_timer;
     const Limits m_limits;
     State m_state = State::OPENING;
     bool m_reading = false;
     bool m_writing = false;
-    bool m_goodbyeSent = false;
+    bool m_isCloseFrameSent = false;
     websocket::close_code m_closeCode = websocket::close_code::normal;
     beast::flat_buffer m_buffer;
     std::deque<std::string> m_queue;
@@ -218,34 +187,34 @@ private:
     std::size_t m_queuedBytes = 0;
     std::string m_subProtocol;
     std::string m_peerName;
-    std::string m_reason; ///< why it died
-    std::shared_ptr<Connection::Handlers> m_handlers;
+    std::string m_reason; ///< why the connection ended
+    std::shared_ptr<Handlers> m_handlers;
     std::unique_ptr<Opening> m_opening = std::make_unique<Opening>();
-    std::unique_ptr<Place> m_place;
+    std::shared_ptr<void> m_permit; ///< released when the connection has ended
 };
 
 // ---- opening, as client -------------------------------------------------------------------------------------
 
-void Session::LimitHandshake()
+void MessageStream::LimitHandshake()
 {
     m_timer.expires_after(m_limits.handshakeTimeout);
-    m_timer.async_wait(
-        [weak = weak_from_this()](const ErrorCode& error)
-        {
-            const std::shared_ptr<Session> self = weak.lock();
-            if (!error && self != nullptr && self->m_state == State::OPENING)
-            {
-                self->Fail("no handshake in time");
-            }
-        });
+    m_timer.async_wait(Liveness::Weakly(shared_from_this(),
+                                        [](MessageStream& self, const ErrorCode& error)
+                                        {
+                                            if (!error && self.m_state == State::OPENING)
+                                            {
+                                                self.Fail("no handshake in time");
+                                            }
+                                        }));
 }
 
-void Session::ConnectTo(const Target& target)
+void MessageStream::ConnectTo(const Target& target)
 {
+    TASK_CHECK(m_task);
     m_opening->target = target;
     LimitHandshake();
 
-    // A numeric address and the own host need no resolver, which is a thread of its own.
+    // Numeric addresses and localhost are not resolved: the resolver starts a thread.
     ErrorCode error;
     const asio::ip::address address =
         target.host == "localhost" ? asio::ip::make_address("127.0.0.1") : asio::ip::make_address(target.host, error);
@@ -272,12 +241,12 @@ void Session::ConnectTo(const Target& target)
         });
 }
 
-void Session::TryEndpoints(const std::vector<tcp::endpoint>& endpoints)
+void MessageStream::TryEndpoints(const std::vector<tcp::endpoint>& endpoints)
 {
     asio::async_connect(m_ws.next_layer().Raw(), endpoints, Step("connect", [this] { Connected(); }));
 }
 
-void Session::SetSocketOptions()
+void MessageStream::SetSocketOptions()
 {
     ErrorCode ignored;
     Socket& socket = m_ws.next_layer().Raw();
@@ -291,7 +260,7 @@ void Session::SetSocketOptions()
     }
 }
 
-void Session::Connected()
+void MessageStream::Connected()
 {
     Transport& transport = m_ws.next_layer();
     SetSocketOptions();
@@ -309,7 +278,7 @@ void Session::Connected()
     transport.AsyncHandshake(Step("TLS", [this] { ClientTlsDone(); }));
 }
 
-void Session::ClientTlsDone()
+void MessageStream::ClientTlsDone()
 {
     const ssl_st* const tls = m_ws.next_layer().Tls();
     m_peerName = PeerCommonName(tls);
@@ -322,7 +291,7 @@ void Session::ClientTlsDone()
     ClientHandshake();
 }
 
-void Session::ClientHandshake()
+void MessageStream::ClientHandshake()
 {
     SetOptions();
     m_ws.set_option(websocket::stream_base::decorator(
@@ -345,11 +314,12 @@ void Session::ClientHandshake()
 
 // ---- opening, as server -------------------------------------------------------------------------------------
 
-void Session::Accept(std::shared_ptr<const ListenOptions> options, std::unique_ptr<Place> place, OpenedCallback opened)
+void MessageStream::Accept(std::shared_ptr<const ListenOptions> options, std::shared_ptr<void> permit,
+                           OpenedCallback opened)
 {
     m_opening->options = std::move(options);
     m_opening->opened = std::move(opened);
-    m_place = std::move(place);
+    m_permit = std::move(permit);
     LimitHandshake();
     SetSocketOptions();
     if (m_opening->options->tls == nullptr)
@@ -360,7 +330,7 @@ void Session::Accept(std::shared_ptr<const ListenOptions> options, std::unique_p
     m_ws.next_layer().Raw().async_wait(Socket::wait_read, Step("accept", [this] { DetectTls(); }));
 }
 
-void Session::DetectTls()
+void MessageStream::DetectTls()
 {
     Transport& transport = m_ws.next_layer();
     unsigned char first = 0;
@@ -372,7 +342,7 @@ void Session::DetectTls()
     }
     if (size <= 0)
     {
-        Fail("accept: the peer has gone");
+        Fail("accept: the peer has closed the connection");
         return;
     }
     if (first != kTlsHandshakeByte)
@@ -388,19 +358,19 @@ void Session::DetectTls()
     transport.AsyncHandshake(Step("TLS", [this] { ServerTlsDone(); }));
 }
 
-void Session::ServerTlsDone()
+void MessageStream::ServerTlsDone()
 {
     m_peerName = PeerCommonName(m_ws.next_layer().Tls());
     ReadRequest();
 }
 
-void Session::ReadRequest()
+void MessageStream::ReadRequest()
 {
     beast::http::async_read(m_ws.next_layer(), m_buffer, m_opening->request,
                             Step("request", [this] { AnswerRequest(); }));
 }
 
-void Session::AnswerRequest()
+void MessageStream::AnswerRequest()
 {
     const auto& request = m_opening->request;
     if (m_buffer.size() != 0)
@@ -435,7 +405,7 @@ void Session::AnswerRequest()
     m_ws.async_accept(request, Step("handshake", [this] { Opened(); }));
 }
 
-void Session::Refuse(const std::string& reason)
+void MessageStream::Refuse(const std::string& reason)
 {
     static constexpr std::string_view s_answer =
         "HTTP/1.1 400 Bad Request\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
@@ -445,9 +415,9 @@ void Session::Refuse(const std::string& reason)
 
 // ---- open ---------------------------------------------------------------------------------------------------
 
-void Session::SetOptions()
+void MessageStream::SetOptions()
 {
-    // Beast asks at half of its idle time-out and gives up at the whole; the handshakes are under our own limit.
+    // Beast sends a ping after half of its idle timeout and fails after the whole. Handshakes have our own limit.
     websocket::stream_base::timeout timeout{};
     timeout.handshake_timeout = websocket::stream_base::none();
     timeout.idle_timeout = m_limits.idleTimeout.count() == 0
@@ -461,8 +431,9 @@ void Session::SetOptions()
     m_ws.text(true);
 }
 
-void Session::Opened()
+void MessageStream::Opened()
 {
+    TASK_CHECK(m_task);
     m_timer.cancel();
     m_state = State::OPEN;
     m_buffer = beast::flat_buffer();
@@ -470,50 +441,52 @@ void Session::Opened()
     m_opening.reset();
     if (opened != nullptr)
     {
-        opened(shared_from_this());
-        return; // reading starts with the handlers
+        opened(HandleFromStream(shared_from_this()));
+        return; // SetHandlers() starts the reading
     }
     StartRead();
     Pump();
-    if (const std::shared_ptr<Connection::Handlers> handlers = m_handlers; handlers != nullptr && handlers->opened)
+    if (const std::shared_ptr<Handlers> handlers = m_handlers; handlers != nullptr && handlers->opened)
     {
         handlers->opened();
     }
 }
 
-void Session::SetHandlers(Connection::Handlers handlers)
+void MessageStream::SetHandlers(Handlers handlers)
 {
-    m_handlers = std::make_shared<Connection::Handlers>(std::move(handlers));
+    TASK_CHECK(m_task);
+    m_handlers = std::make_shared<Handlers>(std::move(handlers));
     if (m_state == State::OPEN && !m_reading)
     {
         StartRead();
     }
-    else if (m_state == State::DEAD)
+    else if (m_state == State::CLOSED)
     {
-        TellClosed(m_reason);
+        ReportClosed(m_reason);
     }
 }
 
-void Session::StartRead()
+void MessageStream::StartRead()
 {
     m_reading = true;
     m_ws.async_read(m_buffer,
                     [self = shared_from_this()](const ErrorCode& error, std::size_t) { self->OnRead(error); });
 }
 
-void Session::OnRead(const ErrorCode& error)
+void MessageStream::OnRead(const ErrorCode& error)
 {
+    TASK_CHECK(m_task);
     if (error)
     {
         m_reading = false;
-        // While the goodbye is on its way this is only its answer: the timer or its end finish the rest.
+        // After our close frame this is its answer; the end of async_close or the timer terminates the connection.
         if (m_state == State::OPEN)
         {
             Fail(Reason(error));
         }
-        else if (!m_goodbyeSent)
+        else if (!m_isCloseFrameSent)
         {
-            Die();
+            Terminate();
         }
         return;
     }
@@ -528,27 +501,28 @@ void Session::OnRead(const ErrorCode& error)
     {
         m_buffer = beast::flat_buffer();
     }
-    if (m_state == State::DEAD)
+    if (m_state == State::CLOSED)
     {
         m_reading = false;
         return;
     }
     if (m_state == State::OPEN && !text)
     {
-        TellClosed("a binary message came");
+        ReportClosed("a binary message came");
         m_queue.clear();
         BeginClose(websocket::close_code::unknown_data);
     }
-    StartRead(); // before the call out, so that an exception from there does not end the reading
-    if (const std::shared_ptr<Connection::Handlers> handlers = m_handlers;
+    StartRead(); // before the handler, so that an exception in it does not end the reading
+    if (const std::shared_ptr<Handlers> handlers = m_handlers;
         m_state == State::OPEN && handlers != nullptr && handlers->message)
     {
         handlers->message(std::move(message));
     }
 }
 
-void Session::Send(std::string text)
+void MessageStream::Send(std::string text)
 {
+    TASK_CHECK(m_task);
     if (m_state != State::OPENING && m_state != State::OPEN)
     {
         return;
@@ -563,9 +537,9 @@ void Session::Send(std::string text)
     Pump();
 }
 
-void Session::Pump()
+void MessageStream::Pump()
 {
-    if (m_writing || m_goodbyeSent || (m_state != State::OPEN && m_state != State::CLOSING))
+    if (m_writing || m_isCloseFrameSent || (m_state != State::OPEN && m_state != State::CLOSING))
     {
         return;
     }
@@ -573,7 +547,7 @@ void Session::Pump()
     {
         if (m_state == State::CLOSING)
         {
-            SendGoodbye();
+            SendCloseFrame();
         }
         return;
     }
@@ -585,8 +559,9 @@ void Session::Pump()
                      [self = shared_from_this()](const ErrorCode& error, std::size_t) { self->OnWritten(error); });
 }
 
-void Session::OnWritten(const ErrorCode& error)
+void MessageStream::OnWritten(const ErrorCode& error)
 {
+    TASK_CHECK(m_task);
     m_writing = false;
     m_queuedBytes -= std::min(m_queuedBytes, m_inFlight.size());
     std::string().swap(m_inFlight);
@@ -598,11 +573,11 @@ void Session::OnWritten(const ErrorCode& error)
         }
         else
         {
-            Die();
+            Terminate();
         }
         return;
     }
-    const std::shared_ptr<Connection::Handlers> handlers = m_handlers;
+    const std::shared_ptr<Handlers> handlers = m_handlers;
     if (m_queue.empty() && m_state == State::OPEN && handlers != nullptr && handlers->drained)
     {
         handlers->drained();
@@ -610,7 +585,7 @@ void Session::OnWritten(const ErrorCode& error)
     Pump();
 }
 
-std::string Session::PeerAddress()
+std::string MessageStream::PeerAddress() const
 {
     ErrorCode error;
     const tcp::endpoint endpoint = m_ws.next_layer().Raw().remote_endpoint(error);
@@ -619,7 +594,7 @@ std::string Session::PeerAddress()
 
 // ---- the end ------------------------------------------------------------------------------------------------
 
-std::string Session::Reason(const ErrorCode& error) const
+std::string MessageStream::Reason(const ErrorCode& error) const
 {
     if (error == websocket::error::closed)
     {
@@ -629,23 +604,23 @@ std::string Session::Reason(const ErrorCode& error) const
     return tls.empty() ? error.message() : tls;
 }
 
-void Session::Fail(const std::string& reason)
+void MessageStream::Fail(const std::string& reason)
 {
-    if (m_state == State::DEAD)
+    if (m_state == State::CLOSED)
     {
         return;
     }
-    TellClosed(reason);
-    Die();
+    ReportClosed(reason);
+    Terminate();
 }
 
-void Session::TellClosed(const std::string& reason)
+void MessageStream::ReportClosed(const std::string& reason)
 {
     m_reason = reason;
     asio::post(m_ws.get_executor(),
                [self = shared_from_this()]
                {
-                   const std::shared_ptr<Connection::Handlers> handlers = std::exchange(self->m_handlers, nullptr);
+                   const std::shared_ptr<Handlers> handlers = std::exchange(self->m_handlers, nullptr);
                    if (handlers != nullptr && handlers->closed)
                    {
                        handlers->closed(self->m_reason);
@@ -653,8 +628,9 @@ void Session::TellClosed(const std::string& reason)
                });
 }
 
-void Session::Close()
+void MessageStream::Close()
 {
+    TASK_CHECK(m_task);
     m_handlers.reset();
     if (m_state == State::OPEN)
     {
@@ -662,11 +638,11 @@ void Session::Close()
     }
     else if (m_state == State::OPENING)
     {
-        Die();
+        Terminate();
     }
 }
 
-void Session::BeginClose(websocket::close_code code)
+void MessageStream::BeginClose(websocket::close_code code)
 {
     m_state = State::CLOSING;
     m_closeCode = code;
@@ -676,7 +652,7 @@ void Session::BeginClose(websocket::close_code code)
         {
             if (!error)
             {
-                self->Die();
+                self->Terminate();
             }
         });
     if (!m_reading)
@@ -686,15 +662,16 @@ void Session::BeginClose(websocket::close_code code)
     Pump();
 }
 
-void Session::SendGoodbye()
+void MessageStream::SendCloseFrame()
 {
-    m_goodbyeSent = true;
-    m_ws.async_close(m_closeCode, [self = shared_from_this()](const ErrorCode&) { self->Die(); });
+    m_isCloseFrameSent = true;
+    m_ws.async_close(m_closeCode, [self = shared_from_this()](const ErrorCode&) { self->Terminate(); });
 }
 
-void Session::Die()
+void MessageStream::Terminate()
 {
-    m_state = State::DEAD;
+    TASK_CHECK(m_task);
+    m_state = State::CLOSED;
     m_timer.cancel();
     if (m_opening != nullptr && m_opening->resolver)
     {
@@ -703,255 +680,31 @@ void Session::Die()
     m_ws.next_layer().Close();
     m_queue.clear();
     m_queuedBytes = 0;
-    m_place.reset();
+    m_permit.reset();
 }
 
-/// What the caller holds.
-class Link final : public Connection
+/// What the caller owns: releasing the last reference closes the stream.
+std::shared_ptr<Connection> HandleFromStream(const std::shared_ptr<MessageStream>& stream)
 {
-public:
-    explicit Link(std::shared_ptr<Session> session)
-        : m_session(std::move(session))
-    {
-    }
-    ~Link() override
-    {
-        m_session->Close();
-    }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-
-    void SetHandlers(Handlers handlers) override
-    {
-        m_session->SetHandlers(std::move(handlers));
-    }
-    void Send(std::string text) override
-    {
-        m_session->Send(std::move(text));
-    }
-    void Close() override
-    {
-        m_session->Close();
-    }
-    bool IsOpen() const override
-    {
-        return m_session->IsOpen();
-    }
-    std::size_t QueuedBytes() const override
-    {
-        return m_session->QueuedBytes();
-    }
-    const std::string& SubProtocol() const override
-    {
-        return m_session->SubProtocol();
-    }
-    std::string PeerAddress() const override
-    {
-        return m_session->PeerAddress();
-    }
-    const std::string& PeerName() const override
-    {
-        return m_session->PeerName();
-    }
-
-private:
-    const std::shared_ptr<Session> m_session;
-};
-
-// ---- listening ----------------------------------------------------------------------------------------------
-
-class Acceptance final : public std::enable_shared_from_this<Acceptance>
-{
-public:
-    using AcceptedCallback = std::function<void(std::shared_ptr<Connection>)>;
-
-    Acceptance(asio::io_context& io, const ListenOptions& options, AcceptedCallback accepted)
-        : m_acceptor(io.get_executor())
-        , m_timer(io.get_executor())
-        , m_options(std::make_shared<const ListenOptions>(options))
-        , m_accepted(std::make_shared<const AcceptedCallback>(std::move(accepted)))
-    {
-    }
-
-    bool Bind(std::string& error);
-    void AcceptNext();
-    void Stop();
-    std::uint16_t Port() const
-    {
-        ErrorCode ignored;
-        return m_acceptor.local_endpoint(ignored).port();
-    }
-
-private:
-    void OnAccepted(const ErrorCode& error, Socket socket);
-    void SayFull();
-    void Pause(const ErrorCode& error);
-
-    Acceptor m_acceptor;
-    Timer m_timer;
-    const std::shared_ptr<const ListenOptions> m_options;
-    std::shared_ptr<const AcceptedCallback> m_accepted; ///< null: stopped
-    const std::shared_ptr<Places> m_places = std::make_shared<Places>();
-    std::optional<std::chrono::steady_clock::time_point> m_saidAt;
-    bool m_isFullSaid = false; ///< until a tenth of the places is free: peers that come and go fill no log
-};
-
-bool Acceptance::Bind(std::string& error)
-{
-    try
-    {
-        const tcp::endpoint endpoint(asio::ip::make_address(m_options->address), m_options->port);
-        m_acceptor.open(endpoint.protocol());
-        m_acceptor.set_option(asio::socket_base::reuse_address(true));
-        if (endpoint.address().is_v6())
-        {
-            m_acceptor.set_option(asio::ip::v6_only(false));
-        }
-        m_acceptor.bind(endpoint);
-        m_acceptor.listen();
-        return true;
-    }
-    catch (const boost::system::system_error& failure)
-    {
-        error = m_options->address + ":" + std::to_string(m_options->port) + ": " + failure.code().message();
-        return false;
-    }
+    return {static_cast<Connection*>(stream.get()), [stream](Connection*) { stream->Close(); }};
 }
-
-void Acceptance::AcceptNext()
-{
-    if (m_accepted == nullptr)
-    {
-        return;
-    }
-    if (m_places->m_taken >= m_options->maxConnections)
-    {
-        SayFull();
-        m_places->m_onFree = [weak = weak_from_this()]
-        {
-            if (const std::shared_ptr<Acceptance> self = weak.lock())
-            {
-                asio::post(self->m_acceptor.get_executor(), [self] { self->AcceptNext(); });
-            }
-        };
-        return;
-    }
-    const std::size_t tenth = std::max<std::size_t>(1, m_options->maxConnections / 10);
-    m_isFullSaid = m_isFullSaid && m_places->m_taken + tenth > m_options->maxConnections;
-    m_acceptor.async_accept([self = shared_from_this()](const ErrorCode& error, Socket socket)
-                            { self->OnAccepted(error, std::move(socket)); });
-}
-
-void Acceptance::OnAccepted(const ErrorCode& error, Socket socket)
-{
-    if (m_accepted == nullptr)
-    {
-        return;
-    }
-    if (error && error != asio::error::connection_aborted)
-    {
-        Pause(error);
-        return;
-    }
-    if (!error)
-    {
-        const auto session = std::make_shared<Session>(std::move(socket), m_options->limits);
-        session->Accept(m_options, std::make_unique<Place>(m_places),
-                        [weak = std::weak_ptr(m_accepted)](const std::shared_ptr<Session>& opened)
-                        {
-                            auto link = std::make_shared<Link>(opened); // closes where the listener has gone
-                            if (const auto accepted = weak.lock())
-                            {
-                                (*accepted)(std::move(link));
-                            }
-                        });
-    }
-    AcceptNext();
-}
-
-void Acceptance::SayFull()
-{
-    if (!m_isFullSaid)
-    {
-        m_isFullSaid = true;
-        DPRINTF(s_log, DPrint::LEVEL_WARNING, "accepting on port %u waits: all %zu places are taken",
-                static_cast<unsigned>(Port()), m_options->maxConnections);
-    }
-}
-
-void Acceptance::Pause(const ErrorCode& error)
-{
-    const auto now = std::chrono::steady_clock::now();
-    if (!m_saidAt || now - *m_saidAt > kAcceptLogPeriod)
-    {
-        m_saidAt = now;
-        DPRINTF(s_log, DPrint::LEVEL_WARNING, "accepting on port %u pauses: %s", static_cast<unsigned>(Port()),
-                error.message().c_str());
-    }
-    m_timer.expires_after(kAcceptPause);
-    m_timer.async_wait(
-        [self = shared_from_this()](const ErrorCode& cancelled)
-        {
-            if (!cancelled)
-            {
-                self->AcceptNext();
-            }
-        });
-}
-
-void Acceptance::Stop()
-{
-    m_accepted.reset();
-    ErrorCode ignored;
-    m_acceptor.close(ignored);
-    m_timer.cancel();
-}
-
-class ListenerLink final : public Listener
-{
-public:
-    explicit ListenerLink(std::shared_ptr<Acceptance> acceptance)
-        : m_acceptance(std::move(acceptance))
-        , m_port(m_acceptance->Port())
-    {
-    }
-    ~ListenerLink() override
-    {
-        m_acceptance->Stop();
-    }
-    ListenerLink(const ListenerLink&) = delete;
-    ListenerLink& operator=(const ListenerLink&) = delete;
-    std::uint16_t Port() const override
-    {
-        return m_port;
-    }
-
-private:
-    const std::shared_ptr<Acceptance> m_acceptance;
-    const std::uint16_t m_port;
-};
 
 } // namespace
 
 std::shared_ptr<Connection> Connect(NotifyTargetTaskIF* task, const Target& target, Connection::Handlers handlers,
                                     const Limits& limits)
 {
-    const auto session = std::make_shared<Session>(Socket(IL::IoContextOf(task).get_executor()), limits);
-    session->SetHandlers(std::move(handlers));
-    session->ConnectTo(target);
-    return std::make_shared<Link>(session);
+    const auto stream = std::make_shared<MessageStream>(task, Socket(IL::IoContextOf(task).get_executor()), limits);
+    stream->SetHandlers(std::move(handlers));
+    stream->ConnectTo(target);
+    return HandleFromStream(stream);
 }
 
-std::shared_ptr<Listener> Listen(NotifyTargetTaskIF* task, const ListenOptions& options,
-                                 std::function<void(std::shared_ptr<Connection>)> accepted, std::string& error)
+void AcceptConnection(NotifyTargetTaskIF* task, Socket socket, std::shared_ptr<const ListenOptions> options,
+                      std::shared_ptr<void> permit, OpenedCallback opened)
 {
-    const auto acceptance = std::make_shared<Acceptance>(IL::IoContextOf(task), options, std::move(accepted));
-    if (!acceptance->Bind(error))
-    {
-        return nullptr;
-    }
-    acceptance->AcceptNext();
-    return std::make_shared<ListenerLink>(acceptance);
+    const auto stream = std::make_shared<MessageStream>(task, std::move(socket), options->limits);
+    stream->Accept(options, std::move(permit), std::move(opened));
 }
 
 } // namespace WebSocket
