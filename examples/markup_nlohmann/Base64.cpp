@@ -39,7 +39,7 @@ std::string Base64::Encode(const std::string& bytes)
 
 std::optional<std::string> Base64::Decode(const std::string& text)
 {
-    const std::size_t end = text.find_last_not_of('=') + 1; // 0 where there is nothing else
+    const std::size_t end = text.find_last_not_of('=') + 1; // 0 if there are only =
     if (text.size() - end > 2 || end % 4 == 1 || (text.size() != end && text.size() % 4 != 0))
     {
         return std::nullopt;

@@ -28,9 +28,9 @@ namespace
 
 const DPrint s_log("ProtoToMarkup");
 
-constexpr int kMaxNesting = 100;      // the walk over a record takes a stack frame a level
-constexpr std::size_t kMaxTold = 256; // unknown enumerators come from the network
-constexpr std::size_t kMaxToldBytes = 64;
+constexpr int kMaxNesting = 100;        // reading a record takes one stack frame per level
+constexpr std::size_t kMaxLogged = 256; // bounds the memory for values from the network
+constexpr std::size_t kMaxLoggedBytes = 64;
 
 [[noreturn]] void Refuse(const FieldDescriptor& field, const char* wanted)
 {
@@ -47,7 +47,7 @@ json Parse(const std::string& text)
         }
         return true;
     };
-    // The parser would take a NUL for the end of the text, and pass over a byte order mark.
+    // The parser would stop at a NUL and skip a byte order mark.
     if (text.find('\0') != std::string::npos || text.starts_with("\xef\xbb\xbf"))
     {
         throw MarkupError("no JSON");
@@ -57,7 +57,7 @@ json Parse(const std::string& text)
     {
         document = json::parse(text, bound);
     }
-    catch (const json::parse_error& error) // whose own text quotes the input
+    catch (const json::parse_error& error) // its text quotes the input
     {
         throw MarkupError("no JSON in UTF-8, at byte " + std::to_string(error.byte));
     }
@@ -72,7 +72,7 @@ json Parse(const std::string& text)
     return document;
 }
 
-/// A number, in quotes or not.
+/// The number in a JSON number or in a string.
 std::optional<json> NumberIn(const json& value)
 {
     if (!value.is_string())
@@ -131,17 +131,17 @@ double Real(const json& value, const FieldDescriptor& field, double highest)
     return real;
 }
 
-void TellOnce(const FieldDescriptor& field, const json& value)
+void LogOnce(const FieldDescriptor& field, const json& value)
 {
     static std::mutex s_mutex;
-    static std::set<std::string>& s_told = *new std::set<std::string>; // other threads may outlive the statics
+    static std::set<std::string>& s_logged = *new std::set<std::string>; // other threads may outlive the statics
     // Cut and in JSON's own quotes: a neighbour's text puts no line breaks into the log.
-    const json shown = value.is_string() ? json(value.get<std::string>().substr(0, kMaxToldBytes)) : value;
+    const json shown = value.is_string() ? json(value.get<std::string>().substr(0, kMaxLoggedBytes)) : value;
     const std::string text = field.full_name() + ": unknown enumerator " +
                              shown.dump(-1, ' ', true, json::error_handler_t::replace) + " is left out";
     {
         const std::lock_guard lock(s_mutex);
-        if (s_told.size() >= kMaxTold || !s_told.insert(text).second)
+        if (s_logged.size() >= kMaxLogged || !s_logged.insert(text).second)
         {
             return;
         }
@@ -149,7 +149,7 @@ void TellOnce(const FieldDescriptor& field, const json& value)
     DPRINT(s_log, DPrint::LEVEL_ERROR, text);
 }
 
-/// Null, and told of, where the schema does not know it.
+/// Null, with a log line, if the schema does not have it.
 const EnumValueDescriptor* Enumerator(const json& value, const FieldDescriptor& field)
 {
     const EnumDescriptor& type = *field.enum_type();
@@ -171,14 +171,14 @@ const EnumValueDescriptor* Enumerator(const json& value, const FieldDescriptor& 
     }
     if (found == nullptr)
     {
-        TellOnce(field, value);
+        LogOnce(field, value);
     }
     return found;
 }
 
 void ReadMessage(const json& object, Message& message);
 
-/// Sets the field, or adds to its list.
+/// Sets the field, or appends to its list.
 void ReadValue(const json& value, Message& message, const FieldDescriptor& field)
 {
     const Reflection& to = *message.GetReflection();

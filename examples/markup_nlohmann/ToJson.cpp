@@ -13,12 +13,12 @@ using google::protobuf::EnumValueDescriptor;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
-using json = nlohmann::ordered_json; // a person reads the fields in the order of the record
+using json = nlohmann::ordered_json; // keeps the order of the record's fields
 
 namespace
 {
 
-/// Both walk a record, with a stack frame for each level of it.
+/// Recursive: one stack frame per level of the record.
 class Writer
 {
 public:
@@ -32,7 +32,7 @@ public:
     {
         const auto* const descriptor = message.GetDescriptor();
         std::vector<const FieldDescriptor*> fields;
-        message.GetReflection()->ListFields(message, &fields); // what is set, by number
+        message.GetReflection()->ListFields(message, &fields); // the fields that are set, by number
         if (m_allFields)
         {
             fields.clear();
@@ -76,7 +76,7 @@ private:
         return list;
     }
 
-    /// `index` -1 for what is no list.
+    /// `index` is -1 for a field that is not a list.
     json WriteValue(const Message& message, const FieldDescriptor& field, int index) const
     {
         const Reflection& from = *message.GetReflection();
@@ -87,7 +87,7 @@ private:
             return isOne ? from.GetInt32(message, &field) : from.GetRepeatedInt32(message, &field, index);
         case FieldDescriptor::CPPTYPE_UINT32:
             return isOne ? from.GetUInt32(message, &field) : from.GetRepeatedUInt32(message, &field, index);
-        // In quotes: many a reader has no integers of more than 53 bits.
+        // As strings: many JSON readers have no integers above 53 bits.
         case FieldDescriptor::CPPTYPE_INT64:
             return std::to_string(isOne ? from.GetInt64(message, &field)
                                         : from.GetRepeatedInt64(message, &field, index));

@@ -26,16 +26,15 @@ using nlohmann::json;
 
 const DPrint s_log("ProtoToMarkup");
 
-/// One line for each enumerator that we do not know, not one for each record that holds it: a neighbour of a later
-/// generation sends it with every answer.
-void TellUnknownEnumerator(const FieldDescriptor& field, const std::string& value)
+/// Logs an unknown enumerator once per value, not once per record: a newer neighbour sends it with every answer.
+void LogUnknownEnumerator(const FieldDescriptor& field, const std::string& value)
 {
-    constexpr std::size_t kMaxTold = 256;
+    constexpr std::size_t kMaxLogged = 256;
     static std::mutex s_mutex;
-    static std::set<std::string> s_told;
+    static std::set<std::string> s_logged;
     const std::string what = field.full_name() + ": " + value.substr(0, 64);
     const std::lock_guard lock(s_mutex);
-    if (s_told.size() < kMaxTold && s_told.insert(what).second)
+    if (s_logged.size() < kMaxLogged && s_logged.insert(what).second)
     {
         DPRINT(s_log, DPrint::LEVEL_ERROR, "unknown enumerator, its field stays unset: " << what);
     }
@@ -67,7 +66,7 @@ const FieldDescriptor* FindField(const Descriptor& type, const std::string& key)
 
 void Prepare(json& object, const Descriptor& type);
 
-/// Unset or left out becomes null.
+/// A value that must stay unset becomes null.
 void PrepareElement(json& value, const FieldDescriptor& field)
 {
     if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE && value.is_object())
@@ -78,7 +77,7 @@ void PrepareElement(json& value, const FieldDescriptor& field)
     {
         if (!IsKnownEnumerator(value, *field.enum_type()))
         {
-            TellUnknownEnumerator(field, value.dump(-1, ' ', /*ensure_ascii=*/true));
+            LogUnknownEnumerator(field, value.dump(-1, ' ', /*ensure_ascii=*/true));
             value = nullptr;
         }
     }
@@ -89,8 +88,8 @@ void PrepareElement(json& value, const FieldDescriptor& field)
     }
 }
 
-/// Refuses what protobuf's reader would let pass (one value where a list belongs, a list in a list, "true" as a text)
-/// and takes out what it would not (enumerators that we do not know).
+/// Rejects what protobuf's parser would accept (a single value for a list, a list in a list, "true" as a string) and
+/// removes what it would reject (unknown enumerators).
 void Prepare(json& object, const Descriptor& type)
 {
     for (const auto& [key, value] : object.items())
@@ -125,10 +124,10 @@ void Prepare(json& object, const Descriptor& type)
     }
 }
 
-/// Reads strict JSON: protobuf's own reader takes bare keys, single quotes and trailing commas too.
+/// Parses strict JSON. protobuf's parser also accepts bare keys, single quotes and trailing commas.
 json ParseObject(const std::string& text)
 {
-    // The parser would take a NUL for the end of the text, and pass over a byte order mark.
+    // The parser would stop at a NUL and skip a byte order mark.
     if (text.find('\0') != std::string::npos || text.starts_with("\xef\xbb\xbf"))
     {
         throw ProtoToMarkup::MarkupError("no JSON");
@@ -142,7 +141,7 @@ json ParseObject(const std::string& text)
     {
         document = json::parse(text);
     }
-    catch (const json::parse_error& failure) // its own text quotes the input, which may be no UTF-8
+    catch (const json::parse_error& failure) // its text quotes the input, which may be invalid UTF-8
     {
         throw ProtoToMarkup::MarkupError("no JSON, from byte " + std::to_string(failure.byte) + " on");
     }
@@ -157,14 +156,14 @@ json ParseObject(const std::string& text)
     return document;
 }
 
-/// The text may quote a value of any length, and travels on in an error answer.
+/// Limits an error text, which may quote a value of any length and is sent in an error answer.
 std::string Shorten(std::string text)
 {
     constexpr std::size_t kMaxText = 300;
     if (text.size() > kMaxText)
     {
         std::size_t end = kMaxText;
-        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) // not within a character
+        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) // not inside a UTF-8 sequence
         {
             --end;
         }

@@ -55,7 +55,7 @@ void CheckField(const Message& message, const FieldDescriptor& field)
     }
 }
 
-/// protobuf would print a text that is no UTF-8 as an empty one.
+/// protobuf would print a string that is not UTF-8 as an empty string.
 void CheckTexts(const Message& message)
 {
     std::vector<const FieldDescriptor*> fields;
@@ -79,17 +79,17 @@ std::string Print(const Message& message, bool singleLine, bool allFields, bool 
     {
         throw ProtoToMarkup::MarkupError(std::string(status.message()));
     }
-    if (!json.empty() && json.back() == '\n') // the indented form ends its last line
+    if (!json.empty() && json.back() == '\n') // the indented form ends in a newline
     {
         json.pop_back();
     }
     return json;
 }
 
-/// The form that travels, of what our records are made of; anything else is left to protobuf's printer. That one
-/// serializes the record and reads it again along a description of its type, which takes five times as long. Of a long
-/// list only what has changed is written anew: one of hundreds of products is written at each change of one.
-/// Recursive: a stack frame for each level of the record.
+/// Writes the compact form for the field types that our records use. Others fall back to protobuf's printer, which is
+/// five times slower (measured): it serializes the record and parses it again by its type. In long lists, only
+/// changed elements are written again (WrittenRows).
+/// Recursive: one stack frame per level of the record.
 class LineWriter
 {
 public:
@@ -104,7 +104,7 @@ public:
         Write(message);
     }
 
-    /// False: the record holds something that is not written here.
+    /// Returns false if the record has a field type that this class does not write.
     bool Take(std::string& json)
     {
         json = std::move(m_json);
@@ -157,7 +157,7 @@ private:
         std::string binary;
         s_rows.Begin(field.message_type(), m_enumsAsNumbers);
         constexpr std::size_t kGrowth = 4096;
-        m_json.reserve(m_json.size() + s_rows.Bytes() + kGrowth); // or it takes fresh memory twenty times over
+        m_json.reserve(m_json.size() + s_rows.Bytes() + kGrowth); // avoids about twenty reallocations
         m_json += '[';
         for (int index = 0; index < size; ++index)
         {
@@ -171,7 +171,7 @@ private:
             }
             const std::size_t begin = m_json.size();
             Write(row);
-            if (m_isForeign) // then none of it is of use
+            if (m_isForeign) // the text is not used then
             {
                 return;
             }
@@ -194,7 +194,7 @@ private:
         m_json += ']';
     }
 
-    /// `index` -1 for what is no list.
+    /// `index` is -1 for a field that is not a list.
     void WriteValue(const Message& message, const FieldDescriptor& field, int index)
     {
         const Reflection& from = *message.GetReflection();
@@ -207,7 +207,7 @@ private:
         case FieldDescriptor::CPPTYPE_UINT32:
             WriteNumber(isOne ? from.GetUInt32(message, &field) : from.GetRepeatedUInt32(message, &field, index));
             break;
-        case FieldDescriptor::CPPTYPE_INT64: // quoted: many a reader has no integers of more than 53 bits
+        case FieldDescriptor::CPPTYPE_INT64: // as strings: many JSON readers have no integers above 53 bits
             m_json += '"';
             WriteNumber(isOne ? from.GetInt64(message, &field) : from.GetRepeatedInt64(message, &field, index));
             m_json += '"';

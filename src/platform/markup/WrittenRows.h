@@ -5,22 +5,22 @@
 #include <utility>
 #include <vector>
 
-/// The elements of the long list that was written last, as they were then: the product table is published at each
-/// change of one row, and the other hundreds are as they were a moment ago. What a row was is told by its binary form,
-/// which costs a fortieth of its text; so nobody has to say that a row has changed.
+/// Cache of each element's JSON from the last long list, keyed by its wire bytes. The product table is sent at each
+/// change of one row; hundreds of others are unchanged. Serializing costs 1/40 of printing JSON, so unchanged rows
+/// are found by comparison and no dirty flag is needed.
 ///
-/// For one thread. Holds one list; never decides what is in it.
+/// For one thread. Holds one list.
 class WrittenRows
 {
 public:
-    /// Shorter ones cost nothing worth keeping them.
+    /// Shorter lists are not cached.
     static constexpr int kLongList = 16;
 
-    /// A list begins, of elements of a kind: those of another kind are forgotten.
+    /// Starts a list. Drops the cache if `type` or `enumsAsNumbers` differ from the last list.
     void Begin(const void* type, bool enumsAsNumbers)
     {
         const std::pair kind(type, enumsAsNumbers);
-        if (m_kind != kind || m_isWriting) // whoever wrote the last one left it halfway
+        if (m_kind != kind || m_isWriting) // the last list was not finished
         {
             m_last.clear();
         }
@@ -31,10 +31,10 @@ public:
         m_misses = 0;
     }
 
-    /// The text of an element that is as it was in the last list, about here; null where it is not.
+    /// The cached text of an element, or null. Searches a few rows from the current position only.
     const std::string* Find(const std::string& binary)
     {
-        constexpr std::size_t kRemoved = 8; ///< so many in a row may have left the list
+        constexpr std::size_t kRemoved = 8; ///< consecutive rows that may have been removed
         for (std::size_t at = m_at; at < m_last.size() && at <= m_at + m_misses + kRemoved; ++at)
         {
             if (m_last[at].binary == binary)
@@ -45,7 +45,7 @@ public:
                 return &m_written.back().json;
             }
         }
-        ++m_misses; // it is new, or stands in the place of what it was
+        ++m_misses; // the row is new or changed
         return nullptr;
     }
 
@@ -66,7 +66,7 @@ public:
         }
     }
 
-    /// Of the last list's text, about.
+    /// Approximate size of the last list's text.
     std::size_t Bytes() const
     {
         return m_bytes;
@@ -85,5 +85,5 @@ private:
     std::vector<Row> m_last;
     std::vector<Row> m_written;
     std::size_t m_at = 0;     ///< in the last list
-    std::size_t m_misses = 0; ///< since the last that was found
+    std::size_t m_misses = 0; ///< since the last row that was found
 };

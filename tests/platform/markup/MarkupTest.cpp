@@ -1,4 +1,4 @@
-// The JSON form of records, on the client library's own record and on protobuf's.
+// The JSON form of records, tested with Portico::Error and with protobuf's own messages.
 #include "tests/support/LogCapture.h"
 #include <PorticoError.pb.h>
 #include <ProtoToMarkup.h>
@@ -20,7 +20,7 @@ using ProtoToMarkup::FromJson;
 using ProtoToMarkup::MarkupError;
 using ProtoToMarkup::ToJson;
 
-TEST(Markup, WritesNamesAsInTheSchemaAndOnlyWhatIsSet)
+TEST(Markup, SetFieldsAreWrittenWithSchemaNames)
 {
     FieldDescriptorProto field;
     EXPECT_EQ(ToJson(field, true, false, false), "{}");
@@ -37,8 +37,8 @@ TEST(Markup, WritesNamesAsInTheSchemaAndOnlyWhatIsSet)
     EXPECT_EQ(ToJson(error, true, true, false), R"({"code":-5,"subcode":0,"message":"","guid":""})");
 }
 
-/// What travels is written by hand, what a person reads by protobuf: they differ in blanks alone.
-TEST(Markup, BothFormsSayTheSame)
+/// The compact form is our writer's, the indented form protobuf's: they differ in white space only.
+TEST(Markup, CompactAndIndentedFormsAreEqual)
 {
     FieldDescriptorProto field;
     DescriptorProto type;
@@ -53,7 +53,7 @@ TEST(Markup, BothFormsSayTheSame)
     *file.mutable_options()->add_uninterpreted_option() = option;
     option.set_double_value(0.1);
     option.set_string_value("\xff\"");
-    google::protobuf::Timestamp stamp; // a form of its own
+    google::protobuf::Timestamp stamp; // has a special JSON form
     stamp.set_seconds(1);
     for (const google::protobuf::Message* record :
          std::initializer_list<const google::protobuf::Message*>{&file, &option, &stamp, &field})
@@ -67,8 +67,8 @@ TEST(Markup, BothFormsSayTheSame)
     }
 }
 
-/// Of a long list only what has changed is written anew, whatever has come, gone, changed or moved since the last.
-TEST(Markup, ALongListSaysWhatItsElementsSay)
+/// A long list is written from a cache of unchanged elements, whatever was added, removed, changed or moved.
+TEST(Markup, LongListEqualsItsElements)
 {
     std::mt19937 random(1);
     DescriptorProto list;
@@ -99,7 +99,7 @@ TEST(Markup, ALongListSaysWhatItsElementsSay)
             expected += (expected.empty() ? "" : ",") + ToJson(row, true, false, what % 2 == 0);
         }
         ASSERT_EQ(ToJson(list, true, false, what % 2 == 0), "{\"field\":[" + expected + "]}") << round;
-        if (what == 0) // halfway through a list, what was written of it is forgotten
+        if (what == 0) // an exception in the middle of a list drops the cache
         {
             DescriptorProto broken = list;
             broken.mutable_field(broken.field_size() - 1)->set_name("\xff");
@@ -108,7 +108,7 @@ TEST(Markup, ALongListSaysWhatItsElementsSay)
     }
 }
 
-TEST(Markup, RefusesToWriteWhatCannotBeRead)
+TEST(Markup, InvalidUtf8OrMissingFieldsAreNotWritten)
 {
     for (const char* text : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "ok\x80"})
     {
@@ -128,7 +128,7 @@ TEST(Markup, RefusesToWriteWhatCannotBeRead)
     EXPECT_THROW(FromJson(R"({"name_part":"x"})", &incomplete), MarkupError);
 }
 
-TEST(Markup, UnknownFieldsAndEnumeratorsLeaveTheirFieldUnset)
+TEST(Markup, UnknownFieldsAndEnumeratorsAreSkipped)
 {
     const LogCapture log;
     FieldDescriptorProto field;
@@ -138,16 +138,16 @@ TEST(Markup, UnknownFieldsAndEnumeratorsLeaveTheirFieldUnset)
     EXPECT_EQ(field.ShortDebugString(), R"(label: LABEL_OPTIONAL type: TYPE_BOOL type_name: "t")");
     FromJson(R"({"type":4294967296,"label":"1","number":"7","extendee":"first","extendee":"x"})", &field);
     EXPECT_EQ(field.ShortDebugString(), R"(extendee: "x" number: 7 label: LABEL_OPTIONAL)");
-    DescriptorProto lists; // lose what is unset, and of a list given twice the last counts
+    DescriptorProto lists; // unset elements are dropped, and the last of two lists counts
     FromJson(R"({"reserved_name":["a"],"field":[null,{"type":"TYPE_NEW"}],"reserved_name":["b",null]})", &lists);
     EXPECT_EQ(lists.ShortDebugString(), R"(field { } reserved_name: "b")");
     const std::size_t before = log.Count(DPrint::LEVEL_ERROR);
     FromJson(R"({"label":"LABEL_LATER"})", &field);
     FromJson(R"({"label":"LABEL_LATER"})", &field);
-    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), before + 1) << "told once, not with every record that holds it";
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), before + 1) << "logged once per value";
 }
 
-TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
+TEST(Markup, InvalidTextThrowsAndKeepsTheMessage)
 {
     std::string deep;
     for (int level = 0; level < 100000; ++level)
@@ -169,7 +169,7 @@ TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
         const std::string start = text.substr(0, 60);
         DescriptorProto message;
         message.set_name("kept");
-        Portico::Error answer; // which travels on as JSON
+        Portico::Error answer; // is sent as JSON
         try
         {
             FromJson(text, &message);
@@ -184,7 +184,7 @@ TEST(Markup, AnythingElseIsAnErrorAndChangesNothing)
     }
 }
 
-TEST(Markup, UnwrapsTheRootOnlyWhereItIsTheSoleKey)
+TEST(Markup, RootNameIsUnwrappedIfItIsTheOnlyKey)
 {
     const char* const rows[][2] = {{R"( {"Error" : {"code":3,"message":"}"} } )", R"(code: 3 message: "}")"},
                                    {R"({"Error":{"code":4},"code":5})", "code: 5"},
