@@ -16,7 +16,7 @@
 #include "runtime/ConditionSemaphore.h"
 #include "runtime/Task.h"
 #include "ssdp/XmlFunctions.h"
-#include "ssdp/XmlLook.h"
+#include "ssdp/XmlPrecheck.h"
 #include <ProtoToMarkup.h>
 
 #include <benchmark/benchmark.h>
@@ -405,7 +405,7 @@ void ReadDescription(benchmark::State& state, const std::string& text)
 {
     for (auto _ : state)
     {
-        const char* const why = XmlLook::WhyNotToParse(text);
+        const char* const why = XmlPrecheck::WhyNotToParse(text);
         TiXmlDocument document;
         const bool isRead = XML::Parse(&document, text);
         benchmark::DoNotOptimize(isRead);

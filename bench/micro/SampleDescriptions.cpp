@@ -1,6 +1,6 @@
 #include "bench/micro/SampleDescriptions.h"
 
-#include "ssdp/XmlLook.h"
+#include "ssdp/XmlPrecheck.h"
 
 namespace
 {
@@ -19,7 +19,7 @@ std::string Repeated(const std::string& text, int times)
 
 /// `begin`, `filler` as often as there is room, `end`.
 std::string Filled(const std::string& begin, const std::string& filler, const std::string& end,
-                   std::size_t size = XmlLook::kMaxBytes)
+                   std::size_t size = XmlPrecheck::kMaxBytes)
 {
     return begin + Repeated(filler, static_cast<int>((size - begin.size() - end.size()) / filler.size())) + end;
 }
@@ -39,10 +39,10 @@ std::string SampleDescriptions::Large()
 
 std::vector<std::string> SampleDescriptions::Bad()
 {
-    constexpr int kElements = static_cast<int>(XmlLook::kMaxTags / 2) - 1;
-    constexpr int kAttributes = XmlLook::kMaxAttributes;
+    constexpr int kElements = static_cast<int>(XmlPrecheck::kMaxTags / 2) - 1;
+    constexpr int kAttributes = XmlPrecheck::kMaxAttributes;
     // End tags that end nothing let as many more levels pass.
-    const std::string ends = Repeated("</a>", kElements - XmlLook::kMaxLevels);
+    const std::string ends = Repeated("</a>", kElements - XmlPrecheck::kMaxLevels);
     std::string attributes;
     for (int number = 0; number < kAttributes; ++number)
     {
@@ -50,9 +50,9 @@ std::vector<std::string> SampleDescriptions::Bad()
     }
     return {
         Filled("<r>" + Repeated("<a>b</a>", kElements), "text ", "</r>"),
-        Filled(Repeated("<a>", XmlLook::kMaxLevels - 1) + Repeated("<a/>", kElements), "text ", ""),
+        Filled(Repeated("<a>", XmlPrecheck::kMaxLevels - 1) + Repeated("<a/>", kElements), "text ", ""),
         Filled(ends + Repeated("<a>", kElements), "text ", ""),
-        Filled("<r>" + Repeated("<a" + attributes + "/>", static_cast<int>(XmlLook::kMaxEqualSigns) / kAttributes),
+        Filled("<r>" + Repeated("<a" + attributes + "/>", static_cast<int>(XmlPrecheck::kMaxEqualSigns) / kAttributes),
                "text ", "</r>"),
         Filled("<r>", "&#x20AC;", "</r>"),
         Filled("<r a='", "&amp;", "'/>"),

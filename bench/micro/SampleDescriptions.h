@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-/// Device descriptions for the measuring of their reading. XmlLook lets all of them pass.
+/// Device descriptions for the measuring of their reading. XmlPrecheck lets all of them pass.
 namespace SampleDescriptions
 {
 

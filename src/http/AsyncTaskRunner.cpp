@@ -45,7 +45,7 @@ private:
     std::atomic<bool> m_finished = false;
 };
 
-/// All tasks that run. Each of them holds the list and is held by it, until it is reaped.
+/// All running tasks. Each task and the list hold each other until the task is removed.
 class AsyncTaskList final
 {
 public:
@@ -62,7 +62,7 @@ public:
 
     void RemoveFinished()
     {
-        std::list<std::shared_ptr<MyCTask>> finished; // destroyed after the lock
+        std::list<std::shared_ptr<MyCTask>> finished; // destroyed after the mutex is released
         const std::lock_guard lock(m_mutex);
         for (auto task = m_tasks.begin(); task != m_tasks.end();)
         {
@@ -76,7 +76,7 @@ public:
         }
     }
 
-    /// Lets go of all; those that run hold themselves until they end.
+    /// Drops all entries. A running task holds itself until it ends.
     void Release()
     {
         std::list<std::shared_ptr<MyCTask>> all;
@@ -113,7 +113,7 @@ void MyCTask::Body()
 
 const std::shared_ptr<AsyncTaskList>& TheList()
 {
-    // Never destroyed: while the process ends, a request may still run, and start another.
+    // Never destroyed: a request may still run, and start another one, while the process exits.
     static const auto& s_list = *new std::shared_ptr<AsyncTaskList>(std::make_shared<AsyncTaskList>());
     struct ReleaseAtExit
     {

@@ -6,7 +6,7 @@
 namespace Threads_Http
 {
 
-/// A piece of work for a thread of its own, and what its requester may ask of it meanwhile, from any thread.
+/// Work for a thread of its own. All operations but Run() are safe from any thread.
 class IRunnable
 {
 public:
@@ -17,12 +17,12 @@ public:
     virtual int GetAttemptCount() const = 0;
 };
 
-/// Runs `runnable` on a new thread "Async Task", with no queue and no limit; from 20 at once on each start logs a
-/// warning. Thread: any. The thread holds the runnable until Run() has returned, and nobody joins it.
-/// Throws std::system_error where there is no thread to be had; the runnable is let go then.
+/// Runs `runnable` on a new detached thread "Async Task", which holds it until Run() has returned. Safe from any
+/// thread. There is no queue and no limit; each start logs a warning while 20 or more run. Throws std::system_error if
+/// the thread cannot be created; the runnable is released then.
 void StartAsyncTask(const std::shared_ptr<IRunnable>& runnable);
 
-/// How many have been started and have not ended yet, in the whole process.
+/// Threads of this process that StartAsyncTask() has started and that have not ended.
 std::size_t CountAsyncTasks();
 
 } // namespace Threads_Http

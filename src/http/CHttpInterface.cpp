@@ -1,6 +1,5 @@
 #include "http/CHttpInterface.h"
 
-#include "http/RequestLine.h"
 #include "http/RunTask.h"
 #include "http/SimpleURLFetcher.h"
 #include "http/SimpleURLFetcherCallback.h"
@@ -12,16 +11,6 @@ namespace
 {
 
 const DPrint s_log("HttpIF");
-
-Http::Bytes BytesOf(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
-std::shared_ptr<Http::ISimpleURLFetcherCallback> MakeCallback(Http::HSMRequester requester, std::string requestData)
-{
-    return std::make_shared<Http::HSMSimpleURLFetcherCallback>(std::move(requester), std::move(requestData));
-}
 
 } // namespace
 
@@ -52,7 +41,7 @@ bool HttpOpHandle::WasRateLimited() const
 
 CHttpInterface::CHttpInterface(bool defaultRetries, const std::string& proxy)
     : m_settings(std::make_unique<HttpSettings>())
-    , m_line(std::make_shared<RequestLine>())
+    , m_requests(std::make_shared<RequestGroup>())
 {
     m_settings->proxy = proxy;
     if (defaultRetries)
@@ -69,22 +58,32 @@ void CHttpInterface::InjectFetcher(std::shared_ptr<Http::SimpleURLFetcher> fetch
     m_fetcher = std::move(fetcher);
 }
 
-HttpRequest CHttpInterface::MakeRequest(const std::string& url, int method) const
+HttpRequest CHttpInterface::MakeRequest(const std::string& url, int method, const Http::Headers& headers,
+                                        const std::string& contentType, const Http::Bytes& body) const
 {
     HttpRequest request;
     request.url = url;
     request.method = static_cast<HttpRequest::Method>(method);
+    request.body = body;
+    request.contentType = contentType;
+    request.headers = headers;
     request.settings = *m_settings;
     return request;
 }
 
-IHttpInterface::OpHandle CHttpInterface::StartRequest(HttpRequest request, const Http::Headers& headers,
+IHttpInterface::OpHandle CHttpInterface::StartRequest(HttpRequest request,
                                                       std::shared_ptr<Http::ISimpleURLFetcherCallback> callback)
 {
-    request.headers = headers;
-    const auto task = std::make_shared<RunTask>(std::move(request), std::move(callback), m_fetcher, m_line);
-    m_line->Start(task, m_maxRunningRequests);
+    const auto task = std::make_shared<RunTask>(std::move(request), std::move(callback), m_fetcher, m_requests);
+    Threads_Http::StartAsyncTask(task);
     return std::make_shared<HttpOpHandle>(task);
+}
+
+IHttpInterface::OpHandle CHttpInterface::StartRequest(HttpRequest request, Http::HSMRequester requester)
+{
+    auto callback = std::make_shared<Http::HSMSimpleURLFetcherCallback>(
+        std::move(requester), std::string(request.body.begin(), request.body.end()));
+    return StartRequest(std::move(request), std::move(callback));
 }
 
 IHttpInterface::OpHandle CHttpInterface::PostBinaryData(const std::string& url, const Http::Bytes& body,
@@ -94,12 +93,8 @@ IHttpInterface::OpHandle CHttpInterface::PostBinaryData(const std::string& url, 
                                                         std::uint32_t userValue3, const Http::Headers& headers)
 {
     s_log.LogVerbose("CHttpInterface::PostBinaryData(url:%s)\n", url.c_str());
-    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_POST);
-    request.body = body;
-    request.contentType = contentType;
-    return StartRequest(
-        std::move(request), headers,
-        MakeCallback({callback, userValue, userText, userValue2, userValue3}, std::string(body.begin(), body.end())));
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_POST, headers, contentType, body),
+                        Http::HSMRequester{callback, userValue, userText, userValue2, userValue3});
 }
 
 IHttpInterface::OpHandle CHttpInterface::Post(const std::string& url, const std::string& body,
@@ -109,11 +104,8 @@ IHttpInterface::OpHandle CHttpInterface::Post(const std::string& url, const std:
                                               const Http::Headers& headers)
 {
     s_log.LogVerbose("CHttpInterface::Post(url:%s)\n", url.c_str());
-    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_POST);
-    request.body = BytesOf(body);
-    request.contentType = contentType;
-    return StartRequest(std::move(request), headers,
-                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, body));
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_POST, headers, contentType, {body.begin(), body.end()}),
+                        Http::HSMRequester{callback, userValue, userText, userValue2, userValue3});
 }
 
 IHttpInterface::OpHandle CHttpInterface::Get(const std::string& url, const ResponseCallback& callback,
@@ -122,8 +114,8 @@ IHttpInterface::OpHandle CHttpInterface::Get(const std::string& url, const Respo
                                              const Http::Headers& headers)
 {
     s_log.LogVerbose("CHttpInterface::Get(url:%s)\n", url.c_str());
-    return StartRequest(MakeRequest(url, HttpRequest::METHOD_GET), headers,
-                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, {}));
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_GET, headers),
+                        Http::HSMRequester{callback, userValue, userText, userValue2, userValue3});
 }
 
 IHttpInterface::OpHandle CHttpInterface::Put(const std::string& url, const std::string& body,
@@ -133,11 +125,8 @@ IHttpInterface::OpHandle CHttpInterface::Put(const std::string& url, const std::
                                              const Http::Headers& headers)
 {
     s_log.LogVerbose("CHttpInterface::Put(url:%s)\n", url.c_str());
-    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_PUT);
-    request.body = BytesOf(body);
-    request.contentType = contentType;
-    return StartRequest(std::move(request), headers,
-                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, body));
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_PUT, headers, contentType, {body.begin(), body.end()}),
+                        Http::HSMRequester{callback, userValue, userText, userValue2, userValue3});
 }
 
 IHttpInterface::OpHandle CHttpInterface::Delete(const std::string& url, const std::string& contentType,
@@ -146,10 +135,8 @@ IHttpInterface::OpHandle CHttpInterface::Delete(const std::string& url, const st
                                                 std::uint32_t userValue3, const Http::Headers& headers)
 {
     s_log.LogVerbose("CHttpInterface::Delete(url:%s)\n", url.c_str());
-    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_DELETE);
-    request.contentType = contentType;
-    return StartRequest(std::move(request), headers,
-                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, {}));
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_DELETE, headers, contentType),
+                        Http::HSMRequester{callback, userValue, userText, userValue2, userValue3});
 }
 
 IHttpInterface::OpHandle CHttpInterface::Delete(const std::string& url, const std::string& contentType,
@@ -159,11 +146,9 @@ IHttpInterface::OpHandle CHttpInterface::Delete(const std::string& url, const st
                                                 const std::vector<int>& retryBackoff)
 {
     s_log.LogVerbose("CHttpInterface::Delete(url:%s) with retryBackoff\n", url.c_str());
-    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_DELETE);
-    request.contentType = contentType;
+    HttpRequest request = MakeRequest(url, HttpRequest::METHOD_DELETE, headers, contentType);
     request.settings.backoffValues = retryBackoff;
-    return StartRequest(std::move(request), headers,
-                        MakeCallback({callback, userValue, userText, userValue2, userValue3}, {}));
+    return StartRequest(std::move(request), Http::HSMRequester{callback, userValue, userText, userValue2, userValue3});
 }
 
 IHttpInterface::OpHandle CHttpInterface::GetUrlAsFile(const std::string& url, const std::string& fileName,
@@ -172,7 +157,7 @@ IHttpInterface::OpHandle CHttpInterface::GetUrlAsFile(const std::string& url, co
                                                       std::uint32_t userValue3, const Http::Headers& headers)
 {
     s_log.LogVerbose("CHttpInterface::GetUrlAsFile(url:%s)\n", url.c_str());
-    return StartRequest(MakeRequest(url, HttpRequest::METHOD_GET), headers,
+    return StartRequest(MakeRequest(url, HttpRequest::METHOD_GET, headers),
                         std::make_shared<Http::HSMFileFetcherCallback>(
                             Http::HSMRequester{callback, userValue, userText, userValue2, userValue3}, fileName));
 }
@@ -261,22 +246,17 @@ void CHttpInterface::SetRetryOnAnyStatus(bool retry)
     m_settings->retryOnAnyStatus = retry;
 }
 
-void CHttpInterface::SetMaxAnswerBytes(std::size_t bytes)
+void CHttpInterface::SetMaxResponseBytes(std::size_t bytes)
 {
-    m_settings->maxAnswerBytes = bytes;
+    m_settings->maxResponseBytes = bytes;
 }
 
-void CHttpInterface::SetMaxRunningRequests(std::size_t count)
+void CHttpInterface::SetMaxSleepingRequests(std::size_t count)
 {
-    m_maxRunningRequests = count;
-}
-
-void CHttpInterface::SetRetryWaitCallback(const Callback<bool>& callback)
-{
-    m_settings->onRetryWait = callback;
+    m_settings->maxSleepingRequests = count;
 }
 
 void CHttpInterface::DiscardRequests()
 {
-    m_line->Discard();
+    m_requests->AbandonAll();
 }

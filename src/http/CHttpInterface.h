@@ -6,7 +6,7 @@
 #include <string>
 
 class IRunTask;
-class RequestLine;
+class RequestGroup;
 struct HttpRequest;
 struct HttpSettings;
 
@@ -17,7 +17,7 @@ class SimpleURLFetcher;
 struct HSMRequester;
 } // namespace Http
 
-/// Forwards to its request. Without one (null) it does nothing.
+/// Forwards to its request; does nothing if that is null.
 class HttpOpHandle final : public IHttpOpHandle
 {
 public:
@@ -30,18 +30,18 @@ private:
     const std::shared_ptr<IRunTask> m_task;
 };
 
-/// The HTTP engine. Its end touches no request under way: each holds a copy of all that it needs, and is delivered.
-/// An owner that wants less calls DiscardRequests() first.
+/// The HTTP engine. Each request runs on a thread of its own, with a copy of all that it needs: the destructor waits
+/// for no request and ends none. An owner that wants their end calls DiscardRequests() first.
 class CHttpInterface final : public IHttpInterface
 {
 public:
-    /// `defaultRetries`: no answer, 502, 503 and 504 are retried after 15, 60, 240 and 960 s. `proxy` may be empty.
+    /// `defaultRetries`: no response, 502, 503 and 504 are retried after 15, 60, 240 and 960 s. `proxy` may be empty.
     CHttpInterface(bool defaultRetries, const std::string& proxy);
     ~CHttpInterface() override;
     CHttpInterface(const CHttpInterface&) = delete;
     CHttpInterface& operator=(const CHttpInterface&) = delete;
 
-    /// Makes every exchange through `fetcher` (a test's, for one), one request at a time; null: each its own.
+    /// Makes every exchange through `fetcher`, one request at a time (for tests); null: each request has its own.
     void InjectFetcher(std::shared_ptr<Http::SimpleURLFetcher> fetcher);
 
     OpHandle PostBinaryData(const std::string& url, const Http::Bytes& body, const std::string& contentType,
@@ -84,18 +84,17 @@ public:
     void SetRetryBackoff(const std::vector<int>& values, bool repeat) override;
     void SetRetryStatusCodes(const std::vector<int>& values) override;
     void SetRetryOnAnyStatus(bool retry) override;
-    void SetMaxAnswerBytes(std::size_t bytes) override;
-    void SetMaxRunningRequests(std::size_t count) override;
-    void SetRetryWaitCallback(const Callback<bool>& callback) override;
+    void SetMaxResponseBytes(std::size_t bytes) override;
+    void SetMaxSleepingRequests(std::size_t count) override;
     void DiscardRequests() override;
 
 private:
-    OpHandle StartRequest(HttpRequest request, const Http::Headers& headers,
-                          std::shared_ptr<Http::ISimpleURLFetcherCallback> callback);
-    HttpRequest MakeRequest(const std::string& url, int method) const;
+    HttpRequest MakeRequest(const std::string& url, int method, const Http::Headers& headers,
+                            const std::string& contentType = {}, const Http::Bytes& body = {}) const;
+    OpHandle StartRequest(HttpRequest request, std::shared_ptr<Http::ISimpleURLFetcherCallback> callback);
+    OpHandle StartRequest(HttpRequest request, Http::HSMRequester requester);
 
     const std::unique_ptr<HttpSettings> m_settings;
+    const std::shared_ptr<RequestGroup> m_requests;
     std::shared_ptr<Http::SimpleURLFetcher> m_fetcher;
-    const std::shared_ptr<RequestLine> m_line;
-    std::size_t m_maxRunningRequests = 0;
 };

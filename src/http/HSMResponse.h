@@ -9,7 +9,7 @@
 namespace Http
 {
 
-/// Header name to value; names as they came, so that a look-up is case-sensitive.
+/// Header name to value. Names are stored as received; look-ups are case-sensitive.
 using Headers = std::map<std::string, std::string>;
 using Bytes = std::vector<std::uint8_t>;
 
@@ -18,20 +18,20 @@ constexpr bool IsSuccess(int httpStatus)
     return httpStatus >= 200 && httpStatus <= 299;
 }
 
-/// What an asynchronous request ends in. A value.
+/// The outcome of an asynchronous request.
 struct HSMResponse
 {
-    std::string url;         ///< as it was asked for
+    std::string url;         ///< as requested
     std::string requestData; ///< the body that was sent
-    std::string body;        ///< empty after a transfer failure, and where it went into a file
+    std::string body;        ///< empty after a transfer failure, and after GetUrlAsFile()
     Headers headers;
-    int status = 0;              ///< HTTP status, 0 where none came
-    std::uint32_t userValue = 0; ///< the requester's, as all of user...
+    int status = 0;              ///< HTTP status; 0: no response
+    std::uint32_t userValue = 0; ///< all user... members: passed by the requester, returned unchanged
     std::string userText;
-    bool success = false; ///< status 200 to 299, and the body is in the file where it was to go into one
+    bool success = false; ///< status 200 to 299, and for GetUrlAsFile() the body is in the file
     std::uint32_t userValue2 = 0;
     std::uint32_t userValue3 = 0;
-    int curlStatus = 0; ///< a CURLcode; 0 where an answer came, of whatever status
+    int curlStatus = 0; ///< a CURLcode; 0: a response came, whatever its status
     std::string effectiveUrl;
 };
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <ctime>
 #include <random>
@@ -19,8 +18,8 @@ const DPrint s_log("SimpleASyncURLFetcher");
 
 constexpr std::array<const char*, 4> kMethodNames = {"POST", "GET", "DELETE", "PUT"};
 constexpr int kMaxExponent = 30;
-constexpr double kJitter = 0.3; ///< share of a wait by which it varies
-/// How much of a retry header the log shows: a peer may send 64 KiB of it with each answer, and answer for ever.
+constexpr double kJitter = 0.3; ///< a sleep varies by this share of its length
+/// The log shows so much of a retry header: a peer may send 64 KiB in each of any number of responses.
 constexpr std::size_t kMaxShownBytes = 64;
 
 constexpr bool IsServerError(int status)
@@ -28,7 +27,6 @@ constexpr bool IsServerError(int status)
     return status >= 500 && status <= 599;
 }
 
-/// Names are compared as they came.
 std::string HeaderOf(const Http::SimpleURLFetcherResult& result, const char* name)
 {
     const auto found = result.headers.find(name);
@@ -43,27 +41,33 @@ std::string Shown(const std::string& text)
 } // namespace
 
 RunTask::RunTask(HttpRequest request, std::shared_ptr<Http::ISimpleURLFetcherCallback> callback,
-                 std::shared_ptr<Http::SimpleURLFetcher> fetcher, std::shared_ptr<IRetryGate> gate)
+                 std::shared_ptr<Http::SimpleURLFetcher> fetcher, std::shared_ptr<RequestGroup> group)
     : m_request(std::move(request))
     , m_callback(std::move(callback))
     , m_fetcher(std::move(fetcher))
-    , m_gate(std::move(gate))
+    , m_group(std::move(group))
 {
     m_waiter.Reset();
+    m_group->Add(*this);
+}
+
+RunTask::~RunTask()
+{
+    m_group->Remove(*this);
 }
 
 void RunTask::Run()
 {
     s_log.LogVerbose("Run(data size:%zd headers2Add size:%zd, method:%d)\n", m_request.body.size(),
                      m_request.headers.size(), static_cast<int>(m_request.method));
-    std::optional<Http::SimpleURLFetcher> ownFetcher; // until the requester has been called
+    std::optional<Http::SimpleURLFetcher> ownFetcher; // destroyed after the callback
     Result result;
     try
     {
         ownFetcher.emplace("", "");
         Exchange(m_fetcher ? *m_fetcher : *ownFetcher, result);
     }
-    catch (...) // no memory, for one: the requester gets the last response, or none at all
+    catch (...) // std::bad_alloc, for example. The callback gets the last response, or an empty one.
     {
         IL::LogCaughtException("Async Task");
     }
@@ -111,8 +115,9 @@ void RunTask::SetUp(Http::SimpleURLFetcher& fetcher)
     {
         fetcher.SetFollowRedirects(true);
     }
-    fetcher.SetMaxAnswerBytes(m_settings.maxAnswerBytes);
-    fetcher.SetPause([this](int seconds) { return PauseTransfer(seconds); });
+    fetcher.SetMaxResponseBytes(m_settings.maxResponseBytes);
+    fetcher.SetPause([this](int seconds)
+                     { return m_transferWaiter.Wait(static_cast<unsigned>(seconds)) == EventWaiter::TIMED_OUT; });
 }
 
 RunTask::Result RunTask::Perform(Http::SimpleURLFetcher& fetcher) const
@@ -131,12 +136,6 @@ RunTask::Result RunTask::Perform(Http::SimpleURLFetcher& fetcher) const
     return {};
 }
 
-bool RunTask::PauseTransfer(int seconds)
-{
-    std::unique_lock lock(m_abandonedMutex);
-    return !m_abandonedChanged.wait_for(lock, std::chrono::seconds(seconds), [this] { return m_abandoned; });
-}
-
 void RunTask::Cancel()
 {
     s_log.LogVerbose("RunTask::Cancel()\n");
@@ -146,15 +145,7 @@ void RunTask::Cancel()
 void RunTask::Abandon()
 {
     Cancel();
-    const std::lock_guard lock(m_abandonedMutex);
-    m_abandoned = true;
-    m_abandonedChanged.notify_all();
-}
-
-bool RunTask::IsAbandoned()
-{
-    const std::lock_guard lock(m_abandonedMutex);
-    return m_abandoned;
+    m_transferWaiter.Wake();
 }
 
 bool RunTask::WasRateLimited() const
@@ -167,7 +158,7 @@ int RunTask::GetAttemptCount() const
     return m_attempt;
 }
 
-/// Waits and returns true where the request is to be made anew.
+/// True: the request has slept and must be made again.
 bool RunTask::CheckIfRetryNeededAndSleep(const std::string& url, const Result& result, const std::string& method)
 {
     if (Http::IsSuccess(result.httpStatus) || m_settings.retriesDisabled)
@@ -219,7 +210,7 @@ bool RunTask::CheckIfRetryNeededAndSleep(const std::string& url, const Result& r
         DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Using Retry-After value to calculate sleep value");
         sleep = CalculateRetrySleepValue(behavior, retryValue);
     }
-    if (sleep != 0 && MayWait())
+    if (sleep != 0 && MaySleep())
     {
         ++m_attempt;
         DPRINT(s_log, DPrint::LEVEL_INFO,
@@ -231,7 +222,7 @@ bool RunTask::CheckIfRetryNeededAndSleep(const std::string& url, const Result& r
     return false;
 }
 
-/// True: `retryValue` is a wait that the answer named. `stop`: it was the last attempt that the answer allows.
+/// True: the response names a wait, now in `retryValue`, in seconds. `stop`: the response allows no further attempt.
 bool RunTask::HandleRetryHeaders(const Result& result, std::uint32_t& retryValue, bool& stop, int& behavior)
 {
     bool found = false;
@@ -282,55 +273,16 @@ bool RunTask::HandleRetryHeaders(const Result& result, std::uint32_t& retryValue
     if (isCountLimited)
     {
         behavior = GetRetryBehavior(result);
-        const std::string text = HeaderOf(result, "X-Retry-Count");
-        if (text == "-1")
+        if (IsRetryCountReached(HeaderOf(result, "X-Retry-Count")))
         {
-            DPRINT(s_log, DPrint::LEVEL_VERBOSE,
-                   "X-Retry-Count of -1 found, unlimted retries allowed for this request");
-            DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Attempting the:" << m_attempt << " retry out of unlimted retries");
-        }
-        else
-        {
-            std::uint32_t count = 0;
-            bool isUnlimited = false;
-            if (ConvertToInt(text, count))
-            {
-                DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Count header value found:" << count);
-            }
-            else if (m_settings.backoffValues.empty())
-            {
-                count = m_settings.m_RetryCountMax;
-                DPRINT(s_log, DPrint::LEVEL_VERBOSE,
-                       "Retry-Count header is not valid, defaulting to m_RetryCountMax of:" << count);
-            }
-            else
-            {
-                count = static_cast<std::uint32_t>(m_settings.backoffValues.size());
-                DPRINT(s_log, DPrint::LEVEL_VERBOSE,
-                       "Retry-Count header is not valid, defaulting to back off retries count of:" << count);
-                isUnlimited = m_settings.m_RetryBackoffRepeat;
-                if (isUnlimited)
-                {
-                    DPRINT(s_log, DPrint::LEVEL_DEBUG,
-                           "m_RetryBackoffRepeat set to true, unlimted retries allowed:" << count);
-                }
-            }
-            if (!isUnlimited)
-            {
-                if (static_cast<std::uint32_t>(m_attempt) >= count)
-                {
-                    DPRINT(s_log, DPrint::LEVEL_INFO,
-                           "The max number of retries:" << m_attempt << " reached, request will not be retried");
-                    stop = true;
-                    return found;
-                }
-                DPRINT(s_log, DPrint::LEVEL_VERBOSE,
-                       "Attempting the:" << m_attempt << " out of:" << count << " retries");
-            }
+            DPRINT(s_log, DPrint::LEVEL_INFO,
+                   "The max number of retries:" << m_attempt << " reached, request will not be retried");
+            stop = true;
+            return found;
         }
     }
 
-    if (found) // the end of the rate limit goes before Retry-After
+    if (found) // X-Ratelimit-Reset takes precedence over Retry-After
     {
         return true;
     }
@@ -343,7 +295,46 @@ bool RunTask::HandleRetryHeaders(const Result& result, std::uint32_t& retryValue
     return false;
 }
 
-/// Nothing: no back-off for this status, or the table is at its end.
+/// `retryCount` is the value of X-Retry-Count, empty if the response has none.
+bool RunTask::IsRetryCountReached(const std::string& retryCount) const
+{
+    if (retryCount == "-1")
+    {
+        DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Count of -1 found, unlimted retries allowed for this request");
+        DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Attempting the:" << m_attempt << " retry out of unlimted retries");
+        return false;
+    }
+    std::uint32_t count = 0;
+    if (ConvertToInt(retryCount, count))
+    {
+        DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Count header value found:" << count);
+    }
+    else if (m_settings.backoffValues.empty())
+    {
+        count = m_settings.m_RetryCountMax;
+        DPRINT(s_log, DPrint::LEVEL_VERBOSE,
+               "Retry-Count header is not valid, defaulting to m_RetryCountMax of:" << count);
+    }
+    else
+    {
+        count = static_cast<std::uint32_t>(m_settings.backoffValues.size());
+        DPRINT(s_log, DPrint::LEVEL_VERBOSE,
+               "Retry-Count header is not valid, defaulting to back off retries count of:" << count);
+        if (m_settings.m_RetryBackoffRepeat)
+        {
+            DPRINT(s_log, DPrint::LEVEL_DEBUG, "m_RetryBackoffRepeat set to true, unlimted retries allowed:" << count);
+            return false;
+        }
+    }
+    if (static_cast<std::uint32_t>(m_attempt) >= count)
+    {
+        return true;
+    }
+    DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Attempting the:" << m_attempt << " out of:" << count << " retries");
+    return false;
+}
+
+/// Empty: no back-off for this status, or all values of the table are used up.
 std::optional<std::uint32_t> RunTask::NextBackoff(int status)
 {
     const std::vector<int>& codes = m_settings.retryStatusCodes;
@@ -448,20 +439,21 @@ std::uint32_t RunTask::CalculateRetrySleepValue(int behavior, std::uint32_t valu
     const auto range =
         static_cast<std::uint64_t>(std::round(static_cast<float>(static_cast<double>(seconds) * kJitter)));
     DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Using a randomness factor of +-:" << range);
-    // A rate-limited wait is never shortened: the retry must not land before the limit ends. Numbers of the kernel's,
-    // because those of an unseeded generator would have all products of a network retry in step.
+    // A rate-limited wait is never shortened: the retry must not come before the limit ends. The kernel's random
+    // numbers are used because an unseeded generator would make all products of a network retry at the same time.
     const std::uint64_t lowest = m_rateLimited ? seconds : seconds - range;
     std::random_device random;
     const std::uint64_t wait = std::uniform_int_distribution<std::uint64_t>(lowest, seconds + range)(random);
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(wait, UINT32_MAX));
 }
 
-bool RunTask::MayWait()
+bool RunTask::MaySleep()
 {
-    if (m_gate && !m_gate->Enter(*this))
+    if (!m_group->BeginSleep(*this, m_settings.maxSleepingRequests))
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING,
-               m_request.url << " is not retried: as many requests wait for their retry as may");
+               m_request.url << " is not retried: " << m_settings.maxSleepingRequests
+                             << " requests sleep before their retry already");
         return false;
     }
     return true;
@@ -469,17 +461,8 @@ bool RunTask::MayWait()
 
 bool RunTask::Sleep(std::uint32_t seconds)
 {
-    m_settings.onRetryWait(true);
-    EventWaiter::Result result = m_waiter.Wait(seconds);
-    m_settings.onRetryWait(false);
-    if (m_gate)
-    {
-        m_gate->Leave(*this, result == EventWaiter::TIMED_OUT);
-    }
-    if (result == EventWaiter::TIMED_OUT && IsAbandoned())
-    {
-        result = EventWaiter::WOKEN;
-    }
+    const EventWaiter::Result result = m_waiter.Wait(seconds);
+    m_group->EndSleep(*this);
     switch (result)
     {
     case EventWaiter::TIMED_OUT:
@@ -493,4 +476,43 @@ bool RunTask::Sleep(std::uint32_t seconds)
     }
     DPRINT(s_log, DPrint::LEVEL_CRITICAL, "Could not set a wait event to retry request, request will be cancelled");
     return false;
+}
+
+void RequestGroup::Add(RunTask& task)
+{
+    const std::lock_guard lock(m_mutex);
+    m_tasks.insert(&task);
+}
+
+void RequestGroup::Remove(RunTask& task)
+{
+    const std::lock_guard lock(m_mutex);
+    m_tasks.erase(&task);
+    m_sleeping.erase(&task);
+}
+
+void RequestGroup::AbandonAll()
+{
+    const std::lock_guard lock(m_mutex);
+    for (RunTask* const task : m_tasks)
+    {
+        task->Abandon();
+    }
+}
+
+bool RequestGroup::BeginSleep(RunTask& task, std::size_t limit)
+{
+    const std::lock_guard lock(m_mutex);
+    if (limit != 0 && m_sleeping.size() >= limit)
+    {
+        return false;
+    }
+    m_sleeping.insert(&task);
+    return true;
+}
+
+void RequestGroup::EndSleep(RunTask& task)
+{
+    const std::lock_guard lock(m_mutex);
+    m_sleeping.erase(&task);
 }

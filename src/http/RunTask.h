@@ -6,16 +6,16 @@
 #include "http/SimpleURLFetcherCallback.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
-/// What a handle may ask of its request, from any thread.
+/// The operations of a request that its handle offers. Safe from any thread.
 class IRunTask
 {
 public:
@@ -25,7 +25,7 @@ public:
     virtual bool WasRateLimited() const = 0;
 };
 
-/// How requests are made. A value; each request has a copy of its own.
+/// Settings of a CHttpInterface. Each request has its own copy.
 struct HttpSettings
 {
     bool followRedirects = false;
@@ -33,22 +33,21 @@ struct HttpSettings
     int retryDelay = 0; ///< seconds, between those
     int rateLimitStatus = 429;
     bool rateLimitHandling = true;
-    int retryType = 1; ///< 1: back-off values go through CalculateRetrySleepValue; else they stand
+    int retryType = 1; ///< 1: back-off values go through CalculateRetrySleepValue; else they are used unchanged
     bool retriesDisabled = false;
-    unsigned m_DefaultRetryValue = 15; ///< seconds, where a behavior was named and no value
+    unsigned m_DefaultRetryValue = 15; ///< seconds, if the response names a behavior and no value
     unsigned m_RetryCountMax = 4;
     unsigned maxRetryValue = 43200; ///< seconds
     int timeoutSec = 30;
-    bool m_RetryBackoffRepeat = false; ///< keep using the last back-off value
+    bool m_RetryBackoffRepeat = false; ///< repeat the last back-off value without end
     bool retryOnAnyStatus = false;
     std::vector<int> backoffValues; ///< seconds
     std::vector<int> retryStatusCodes;
     std::string proxy;
-    std::size_t maxAnswerBytes = 0;
-    Callback<bool> onRetryWait;
+    std::size_t maxResponseBytes = 0;
+    std::size_t maxSleepingRequests = 0;
 };
 
-/// One request. A value.
 struct HttpRequest
 {
     enum Method
@@ -71,35 +70,44 @@ struct HttpRequest
 
 class RunTask;
 
-/// Asked before a request waits to be retried, and told afterwards; on the request's thread.
-class IRetryGate
+/// The requests of one CHttpInterface, and the bound on those that sleep before a retry. Safe from any thread.
+class RequestGroup final
 {
 public:
-    virtual ~IRetryGate() = default;
-    virtual bool Enter(RunTask& task) = 0; ///< false: it shall not wait, and not be retried
-    /// After an Enter() that said true. `isRetried`: may wait for a turn; else there is no more exchange.
-    virtual void Leave(RunTask& task, bool isRetried) = 0;
+    void Add(RunTask& task);
+    void Remove(RunTask& task); ///< returns when no AbandonAll() uses `task`
+    void AbandonAll();
+    /// False: `limit` requests (0: no limit) sleep already.
+    [[nodiscard]] bool BeginSleep(RunTask& task, std::size_t limit);
+    void EndSleep(RunTask& task);
+
+private:
+    std::mutex m_mutex;
+    std::set<RunTask*> m_tasks;
+    std::set<RunTask*> m_sleeping;
 };
 
-/// One request on its way: the exchange, the waits before its retries, the outcome's delivery.
-/// Thread: Run() is on the request's own, all else on any. Holds all that it needs; whoever started it may be gone.
+/// One request: the exchange, the sleeps before its retries, and the call of the callback.
+/// Thread: Run() runs on the request's own thread; all other operations are safe from any thread.
+/// Owner: that thread and the handle. It needs nothing of the CHttpInterface that started it.
 class RunTask final : public Threads_Http::IRunnable, public IRunTask
 {
 public:
-    /// `fetcher` may be null: a fetcher of its own then. One that is not belongs to this task while it runs.
-    /// `gate` may be null: every wait is allowed.
+    /// `fetcher` may be null: the request makes its own. An injected one is used by this request alone while it runs.
     RunTask(HttpRequest request, std::shared_ptr<Http::ISimpleURLFetcherCallback> callback,
-            std::shared_ptr<Http::SimpleURLFetcher> fetcher, std::shared_ptr<IRetryGate> gate);
+            std::shared_ptr<Http::SimpleURLFetcher> fetcher, std::shared_ptr<RequestGroup> group);
+    ~RunTask() override;
+    RunTask(const RunTask&) = delete;
+    RunTask& operator=(const RunTask&) = delete;
 
-    /// Calls the callback once, whatever is thrown before. What the callback throws is the caller's.
+    /// Calls the callback once, also after an exception in the exchange. Passes on what the callback throws.
     void Run() override;
     void Cancel() override;
     bool WasRateLimited() const override;
     int GetAttemptCount() const override;
 
-    /// Cancel(), and no further round of the transfer itself.
+    /// Cancel(), and also ends the retries of the transfer itself.
     void Abandon();
-    bool IsAbandoned();
 
 private:
     enum RetryBehavior
@@ -113,27 +121,24 @@ private:
     void Exchange(Http::SimpleURLFetcher& fetcher, Result& result);
     void SetUp(Http::SimpleURLFetcher& fetcher);
     Result Perform(Http::SimpleURLFetcher& fetcher) const;
-    bool PauseTransfer(int seconds);
     bool CheckIfRetryNeededAndSleep(const std::string& url, const Result& result, const std::string& method);
     bool HandleRetryHeaders(const Result& result, std::uint32_t& retryValue, bool& stop, int& behavior);
+    bool IsRetryCountReached(const std::string& retryCount) const;
     std::optional<std::uint32_t> NextBackoff(int status);
     int GetRetryBehavior(const Result& result) const;
     bool ConvertToInt(const std::string& text, std::uint32_t& value) const;
     std::uint32_t CalculateRetrySleepValue(int behavior, std::uint32_t value) const;
-    bool MayWait();
+    bool MaySleep();
     bool Sleep(std::uint32_t seconds);
 
     const HttpRequest m_request;
     const HttpSettings& m_settings = m_request.settings;
     const std::shared_ptr<Http::ISimpleURLFetcherCallback> m_callback;
     const std::shared_ptr<Http::SimpleURLFetcher> m_fetcher;
-    const std::shared_ptr<IRetryGate> m_gate;
+    const std::shared_ptr<RequestGroup> m_group;
     std::size_t m_backoffIndex = 0;
     std::atomic<int> m_attempt = 0;
     std::atomic<bool> m_rateLimited = false;
-    EventWaiter m_waiter;
-
-    std::mutex m_abandonedMutex;
-    std::condition_variable m_abandonedChanged;
-    bool m_abandoned = false;
+    EventWaiter m_waiter;         ///< for the sleep before a retry
+    EventWaiter m_transferWaiter; ///< for the pauses between retries of the transfer itself
 };

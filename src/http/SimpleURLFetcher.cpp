@@ -13,7 +13,7 @@
 
 #include <netdb.h>
 
-// curl_formadd and CURLOPT_PUT have successors since; both are there in every libcurl that a product may bring.
+// curl_formadd and CURLOPT_PUT are deprecated, but every libcurl version that products use has them.
 #define CURL_DISABLE_DEPRECATION
 #include <curl/curl.h>
 
@@ -27,7 +27,7 @@ constexpr const char* kETag = "ETag";
 constexpr const char* kMultipart = "multipart/form-data";
 constexpr int kProxyRetryDelay = 5; ///< seconds
 
-/// While the process has one thread: libcurl's set-up, and one look-up, which loads the resolver's libraries.
+/// Runs while the process has one thread. Sets up libcurl, and makes the resolver load its libraries by one look-up.
 struct LibrarySetUp
 {
     LibrarySetUp()
@@ -42,9 +42,9 @@ struct LibrarySetUp
 };
 const LibrarySetUp s_librarySetUp;
 
-/// Never destroyed: a request may still run while the process ends.
+/// Never destroyed: a request may still run while the process exits.
 const Http::Headers& s_noDefaults = *new Http::Headers;               ///< for GET and DELETE
-const Http::Headers& s_noExpect = *new Http::Headers{{"Expect", ""}}; ///< for POST and PUT: without libcurl's own
+const Http::Headers& s_noExpect = *new Http::Headers{{"Expect", ""}}; ///< for POST and PUT: removes libcurl's own
 
 Http::Headers MergeHeaders(const Http::Headers& defaults, const Http::Headers& headers)
 {
@@ -67,7 +67,7 @@ bool IsSpace(char character)
     return std::isspace(static_cast<unsigned char>(character)) != 0;
 }
 
-/// What a further try would not change.
+/// Failures that a retry cannot change.
 bool IsFinal(CURLcode code)
 {
     switch (code)
@@ -120,7 +120,7 @@ SimpleURLFetcher::SimpleURLFetcher(const std::string& url, const std::string& pr
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_WRITEDATA, this));
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_HEADERFUNCTION, &SimpleURLFetcher::OnHeader));
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_HEADERDATA, this));
-        // What a neighbour's URL, a redirect or the environment must not bring in.
+        // A device's URL, a redirect or the environment must not choose another protocol, credentials or a proxy.
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_PROTOCOLS_STR, "http,https"));
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https"));
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L));
@@ -212,7 +212,7 @@ bool SimpleURLFetcher::SetTimeOut(float seconds)
     {
         return false;
     }
-    // 24 days are as good as what is longer, and fit into a long everywhere.
+    // 2.1e9 ms, 24 days, fit into a 32-bit long.
     const auto milliseconds = static_cast<long>(std::clamp(seconds * 1000.0F, 0.0F, 2.1e9F));
     if (seconds < 0 || curl_easy_setopt(m_curlHandle, CURLOPT_TIMEOUT_MS, milliseconds) != CURLE_OK)
     {
@@ -260,9 +260,9 @@ void SimpleURLFetcher::SetRetryDelay(int seconds)
     m_retryDelay = seconds;
 }
 
-void SimpleURLFetcher::SetMaxAnswerBytes(std::size_t bytes)
+void SimpleURLFetcher::SetMaxResponseBytes(std::size_t bytes)
 {
-    m_maxAnswerBytes = bytes;
+    m_maxResponseBytes = bytes;
 }
 
 void SimpleURLFetcher::SetPause(Pause pause)
@@ -270,24 +270,24 @@ void SimpleURLFetcher::SetPause(Pause pause)
     m_pause = std::move(pause);
 }
 
-/// False: more than we take.
-bool SimpleURLFetcher::CountAnswer(std::size_t bytes)
+/// False: the response is over its limit.
+bool SimpleURLFetcher::CountResponse(std::size_t bytes)
 {
-    m_answerBytes += bytes;
-    if (m_maxAnswerBytes == 0 || m_answerBytes <= m_maxAnswerBytes)
+    m_responseBytes += bytes;
+    if (m_maxResponseBytes == 0 || m_responseBytes <= m_maxResponseBytes)
     {
         return true;
     }
-    if (!m_answerTooLong)
+    if (!m_responseTooLong)
     {
-        m_answerTooLong = true;
-        s_log.LogWarning("the answer from '%s' is longer than %zu bytes, it is not read any further", m_url.c_str(),
-                         m_maxAnswerBytes);
+        m_responseTooLong = true;
+        s_log.LogWarning("the response from '%s' is longer than %zu bytes, the rest is not read", m_url.c_str(),
+                         m_maxResponseBytes);
     }
     return false;
 }
 
-// No exception may pass through libcurl: out of memory ends the transfer.
+// No exception may pass through libcurl. std::bad_alloc ends the transfer.
 
 std::size_t SimpleURLFetcher::OnBody(char* data, std::size_t size, std::size_t count, void* self)
 {
@@ -295,7 +295,7 @@ std::size_t SimpleURLFetcher::OnBody(char* data, std::size_t size, std::size_t c
     const std::size_t bytes = size * count;
     try
     {
-        if (!fetcher.CountAnswer(bytes))
+        if (!fetcher.CountResponse(bytes))
         {
             return 0;
         }
@@ -314,7 +314,7 @@ std::size_t SimpleURLFetcher::OnHeader(char* data, std::size_t size, std::size_t
     const std::size_t bytes = size * count;
     try
     {
-        if (!fetcher.CountAnswer(bytes))
+        if (!fetcher.CountResponse(bytes))
         {
             return 0;
         }
@@ -331,7 +331,7 @@ void SimpleURLFetcher::StoreHeader(const std::string& line)
 {
     if (line.starts_with("HTTP/"))
     {
-        m_responseHeaders.clear(); // one more answer begins: after a redirect, or a 100
+        m_responseHeaders.clear(); // a further response begins, after a redirect or a 1xx
     }
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos || colon == 0)
@@ -360,7 +360,7 @@ std::size_t SimpleURLFetcher::OnRead(char* room, std::size_t size, std::size_t c
     return bytes;
 }
 
-/// Where libcurl has to send the body anew, as on a kept connection that the server has closed.
+/// libcurl sends the body again if, for example, the server has closed the reused connection.
 int SimpleURLFetcher::OnSeek(void* self, long long offset, int origin)
 {
     auto& fetcher = *static_cast<SimpleURLFetcher*>(self);
@@ -480,7 +480,7 @@ SimpleURLFetcherResult SimpleURLFetcher::PostMultipartFormData(const Bytes& body
     {
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr)));
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_HTTPPOST, form));
-        // Without a content type of ours: libcurl's own names the boundary.
+        // libcurl's own Content-Type header contains the boundary.
         FixupRequestHeaders_("", MergeHeaders(s_noExpect, headers));
         result = DoSendREceive_();
         CHECKED(curl_easy_setopt(m_curlHandle, CURLOPT_HTTPPOST, static_cast<curl_httppost*>(nullptr)));
@@ -558,15 +558,15 @@ SimpleURLFetcherResult SimpleURLFetcher::DoSendREceive_()
         m_responseHeaders.clear();
         m_responseData.clear();
         m_requestOffset = 0;
-        m_answerBytes = 0;
-        m_answerTooLong = false;
+        m_responseBytes = 0;
+        m_responseTooLong = false;
         if (!isFirstRound)
         {
             s_log.LogTestAutomation("HTTP Retry\n");
         }
         const CURLcode code = curl_easy_perform(m_curlHandle);
         result.curlCode = code;
-        if (IsFinal(code) || m_answerTooLong)
+        if (IsFinal(code) || m_responseTooLong)
         {
             break;
         }

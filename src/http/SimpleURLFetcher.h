@@ -11,37 +11,37 @@ struct curl_slist;
 namespace Http
 {
 
-/// What one exchange came to. A value.
+/// The outcome of one exchange.
 struct SimpleURLFetcherResult
 {
-    Bytes body; ///< only where curlCode is 0
+    Bytes body; ///< only if curlCode is 0
     std::string redirectUrl;
-    Headers headers;    ///< of the final answer, only where curlCode is 0
-    int httpStatus = 0; ///< 0 where none came
-    int curlCode = 2;   ///< a CURLcode; CURLE_FAILED_INIT until the exchange was tried
+    Headers headers;    ///< of the final response, only if curlCode is 0
+    int httpStatus = 0; ///< 0: no response
+    int curlCode = 2;   ///< a CURLcode; CURLE_FAILED_INIT before the exchange
     std::string effectiveUrl;
 
-    std::string ETag() const;    ///< that header's value, or nothing
-    std::string Refresh() const; ///< that header's value, or nothing
+    std::string ETag() const;    ///< empty without that header
+    std::string Refresh() const; ///< empty without that header
 };
 
-/// One HTTP exchange at a time, on the caller's thread, which it blocks until the exchange is over; an exchange that
-/// failed in transfer, or was not answered by a 2xx, is tried anew as often as SetRetries() says.
-/// Thread: one, whichever uses it. Never throws on what the network does: all outcomes are in the result.
+/// One HTTP exchange at a time; blocks the calling thread until it is over. A failed transfer, and a response other
+/// than 2xx, is retried as often as SetRetries() allows. Thread: one at a time. Never throws because of the network:
+/// all outcomes are in the result.
 ///
-/// It speaks http and https and nothing else, also where it is redirected; takes no proxy from the environment; and
-/// knows no credentials but those that it is given here: a URL that holds some is refused (CURLE_LOGIN_DENIED).
-/// Not bounded: looking up a host name, for which libcurl waits although the time-out has passed.
+/// Security: uses only http and https, also after a redirect; takes no proxy from the environment; sends no credentials
+/// but those set here, and refuses a URL that contains some (CURLE_LOGIN_DENIED).
+/// Limitation: the time-out does not cover looking up a host name; libcurl waits for its end.
 class SimpleURLFetcher
 {
 public:
-    /// Both may be empty. Where libcurl gives no handle, every later operation reports so and fails.
+    /// Both may be empty. If libcurl gives no handle, every later operation logs that and fails.
     SimpleURLFetcher(const std::string& url, const std::string& proxy);
     virtual ~SimpleURLFetcher();
     SimpleURLFetcher(const SimpleURLFetcher&) = delete;
     SimpleURLFetcher& operator=(const SimpleURLFetcher&) = delete;
 
-    /// Each sends `headers` over its default headers; an empty value keeps libcurl from sending its own header.
+    /// Each sends its default headers, replaced by those in `headers`. An empty value removes libcurl's own header.
     virtual SimpleURLFetcherResult GET(const Headers& headers);
     virtual SimpleURLFetcherResult POST(const std::string& body, const std::string& contentType,
                                         const Headers& headers);
@@ -54,27 +54,27 @@ public:
     virtual SimpleURLFetcherResult PUT(const Bytes& body, const std::string& contentType, const Headers& headers);
     virtual SimpleURLFetcherResult DELETE(const std::string& contentType, const Headers& headers);
 
-    /// False: no handle, after a level-0 line.
+    /// The setters return false if there is no handle, after a level-0 line.
     bool SetURL(const std::string& url);
     bool SetProxy(const std::string& proxy);
     bool SetValidateServerCertificate(bool validate);
     bool SetValidateHostCertificate(bool validate);
-    /// For connecting, and for the whole exchange; 0 is no limit. False also below 0, which changes nothing.
+    /// Limits connecting, and the whole exchange; 0: no limit. A negative value returns false and changes nothing.
     bool SetTimeOut(float seconds);
     bool SetFollowRedirects(bool follow);
     bool SetSimpleAuthentication(const std::string& user, const std::string& password);
 
-    /// The value of an Authorization header, until SetSimpleAuthentication().
+    /// Value of the Authorization header, until SetSimpleAuthentication().
     void SetAuthorization(const std::string& authorization);
-    /// How often this fetcher may try anew, over all its exchanges; negative: for ever.
+    /// Number of retries left for all exchanges of this fetcher; negative: no limit.
     void SetRetries(int retries);
     void SetRetryDelay(int seconds);
 
-    /// An answer whose headers and body are longer ends the exchange as it arrives, as CURLE_WRITE_ERROR, with one
-    /// level-2 line that names the URL, and is not tried anew. 0, as at construction: no limit.
-    void SetMaxAnswerBytes(std::size_t bytes);
+    /// Limit for the headers and the body of a response together; 0, the default: no limit. A longer response ends the
+    /// exchange while it arrives, as CURLE_WRITE_ERROR, with one level-2 line that names the URL, and is not retried.
+    void SetMaxResponseBytes(std::size_t bytes);
 
-    /// How to wait before an exchange is tried anew, instead of sleeping. 0 seconds is no wait. False: do not try anew.
+    /// Called before each retry instead of sleep(); `seconds` may be 0. False: do not retry.
     using Pause = std::function<bool(int seconds)>;
     void SetPause(Pause pause);
 
@@ -88,14 +88,14 @@ private:
     bool FixupRequestHeaders_(const std::string& contentType, const Headers& headers);
     SimpleURLFetcherResult DoSendREceive_();
     void Finish(SimpleURLFetcherResult& result);
-    bool CountAnswer(std::size_t bytes);
+    bool CountResponse(std::size_t bytes);
     bool WaitForNextRound(int seconds) const;
     void StoreHeader(const std::string& line);
 
     bool m_validateServerCertificate = true;
     bool m_validateHostCertificate = true;
     Bytes m_requestData;
-    std::size_t m_requestOffset = 0; ///< how far a PUT has read m_requestData
+    std::size_t m_requestOffset = 0; ///< bytes of m_requestData that a PUT has sent
     Bytes m_responseData;
     Headers m_responseHeaders;
     std::string m_url;
@@ -107,9 +107,9 @@ private:
     int m_retries = 0;
     int m_retryDelay = 0; ///< seconds
     bool m_isDevelopment = false;
-    std::size_t m_maxAnswerBytes = 0;
-    std::size_t m_answerBytes = 0; ///< of this round
-    bool m_answerTooLong = false;
+    std::size_t m_maxResponseBytes = 0;
+    std::size_t m_responseBytes = 0; ///< received in this round
+    bool m_responseTooLong = false;
     Pause m_pause;
 };
 

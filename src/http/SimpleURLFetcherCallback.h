@@ -10,7 +10,7 @@
 namespace Http
 {
 
-/// What the requester is told about one request; its values go through as they stand.
+/// The requester's callback, and the values that it gets back unchanged.
 struct HSMRequester
 {
     Callback<HSMResponse> callback; ///< may be empty
@@ -20,7 +20,7 @@ struct HSMRequester
     std::uint32_t userValue3 = 0;
 };
 
-/// Who takes the outcome of a request, on the thread that made the exchange.
+/// Receives the outcome of a request, on the thread that made the exchange.
 class ISimpleURLFetcherCallback
 {
 public:
@@ -28,7 +28,7 @@ public:
     virtual void OnResponse(const std::string& url, const SimpleURLFetcherResult& result) = 0;
 };
 
-/// Turns the outcome into a record and calls the requester with it.
+/// Calls the requester's callback with the outcome as an HSMResponse.
 class HSMSimpleURLFetcherCallback : public ISimpleURLFetcherCallback
 {
 public:
@@ -44,8 +44,8 @@ private:
     const std::string m_requestData;
 };
 
-/// Puts the body of a 2xx answer into a file first: the record's `success` is whether it is there, on the disk, and
-/// its `body` is empty. A file that holds the body already is left alone.
+/// Writes the body of a 2xx response into a file first. The record's `success` says that the file holds it and is
+/// flushed to the disk; its `body` is empty. A file that already holds the body is not written.
 class HSMFileFetcherCallback final : public HSMSimpleURLFetcherCallback
 {
 public:

@@ -1,6 +1,7 @@
 #include "ssdp/FetchQueue.h"
 
 #include "runtime/MonotonicClock.h"
+#include "runtime/TaskCheck.h"
 
 #include <algorithm>
 #include <iterator>
@@ -11,63 +12,62 @@ namespace SonarixService
 {
 
 FetchQueue::FetchQueue(NotifyTargetTaskIF* task)
-    : m_timer("SsdpFetchQueueTimer", task)
+    : m_task(task)
+    , m_timer("SsdpFetchQueueTimer", task)
 {
 }
 
 const char* FetchQueue::Add(Fetch fetch)
 {
+    TASK_CHECK(m_task);
     if (m_fetches >= kMaxFetches)
     {
-        return "as many descriptions are being fetched as may";
+        return "too many descriptions are being fetched";
     }
-    Host& host = m_hosts[fetch.host]; // made here, it is below its bound
+    Host& host = m_hosts[fetch.host]; // a new entry is below the limit
     if (host.fetches >= kMaxFetchesOfHost)
     {
-        return "as many descriptions of its host are being fetched as may";
+        return "too many descriptions of its host are being fetched";
     }
     ++host.fetches;
     ++m_fetches;
     m_waiting.push_back({std::move(fetch), MonotonicClock::NowMs()});
-    GiveTurns();
+    StartNext();
     return nullptr;
 }
 
 void FetchQueue::Ended(IPv4 host, bool wasReached)
 {
-    --m_transfers;
-    Forget(host);
-    Remember(host, wasReached);
-    GiveTurns();
+    TASK_CHECK(m_task);
+    --m_running;
+    Remove(host);
+    std::erase(m_unreached, host);
+    if (!wasReached)
+    {
+        m_unreached.push_back(host);
+        if (m_unreached.size() > kMaxUnreached)
+        {
+            m_unreached.pop_front();
+        }
+    }
+    StartNext();
 }
 
-void FetchQueue::RetryWait(bool begins)
+void FetchQueue::StartNext()
 {
-    if (begins)
-    {
-        --m_transfers;
-        GiveTurns();
-    }
-    else
-    {
-        ++m_transfers;
-    }
-}
-
-void FetchQueue::GiveTurns()
-{
+    TASK_CHECK(m_task);
     GiveUpLate();
-    while (m_transfers < kMaxTransfers && !m_waiting.empty())
+    while (m_running < kMaxRunning && !m_waiting.empty())
     {
         const auto next = Next();
         const Fetch fetch = std::move(next->fetch);
         m_waiting.erase(next);
-        m_hosts[fetch.host].lastTurn = ++m_turns;
-        ++m_transfers;
+        m_hosts[fetch.host].lastStart = ++m_starts;
+        ++m_running;
         if (!fetch.start())
         {
-            --m_transfers;
-            Forget(fetch.host);
+            --m_running;
+            Remove(fetch.host);
         }
     }
     ArmTimer();
@@ -80,24 +80,24 @@ void FetchQueue::GiveUpLate()
     {
         const Fetch fetch = std::move(m_waiting.front().fetch);
         m_waiting.pop_front();
-        Forget(fetch.host);
+        Remove(fetch.host);
         fetch.giveUp();
     }
 }
 
 std::list<FetchQueue::Waiting>::iterator FetchQueue::Next()
 {
-    const auto place = [this](const Waiting& waiting)
+    const auto rank = [this](const Waiting& waiting)
     {
         const IPv4 host = waiting.fetch.host;
         const bool isUnreached = std::find(m_unreached.begin(), m_unreached.end(), host) != m_unreached.end();
-        return std::tuple(isUnreached, m_hosts[host].lastTurn);
+        return std::tuple(isUnreached, m_hosts[host].lastStart);
     };
     return std::min_element(m_waiting.begin(), m_waiting.end(),
-                            [&place](const Waiting& left, const Waiting& right) { return place(left) < place(right); });
+                            [&rank](const Waiting& left, const Waiting& right) { return rank(left) < rank(right); });
 }
 
-void FetchQueue::Forget(IPv4 host)
+void FetchQueue::Remove(IPv4 host)
 {
     --m_fetches;
     const auto found = m_hosts.find(host);
@@ -107,26 +107,13 @@ void FetchQueue::Forget(IPv4 host)
     }
 }
 
-void FetchQueue::Remember(IPv4 host, bool wasReached)
-{
-    std::erase(m_unreached, host);
-    if (!wasReached)
-    {
-        m_unreached.push_back(host);
-        if (m_unreached.size() > kMaxUnreached)
-        {
-            m_unreached.pop_front();
-        }
-    }
-}
-
 void FetchQueue::ArmTimer()
 {
     m_timer.Cancel();
     if (!m_waiting.empty())
     {
         const std::int64_t waitMs = m_waiting.front().sinceMs + kMaxWaitMs - MonotonicClock::NowMs();
-        m_timer.PostIn(static_cast<unsigned>(std::max<std::int64_t>(waitMs, 0)), [this] { GiveTurns(); });
+        m_timer.PostIn(static_cast<unsigned>(std::max<std::int64_t>(waitMs, 0)), [this] { StartNext(); });
     }
 }
 

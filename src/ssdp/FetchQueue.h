@@ -1,7 +1,7 @@
 #pragma once
 
 #include "runtime/Timers.h"
-#include "ssdp/InterfaceLink.h"
+#include "ssdp/InterfaceAddresses.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,27 +15,27 @@ class NotifyTargetTaskIF;
 namespace SonarixService
 {
 
-/// Says which description is fetched next. It starts fetches and counts them, and knows nothing of HTTP.
-/// Task: all on the one that it was made with. Owner: SsdpDeviceParser, as long as that task runs.
-/// Its end drops what waits; nobody is told.
+/// Decides which description is fetched next, and limits how many fetches run. It does not know HTTP.
+/// Task: everything runs on the task given to the constructor.
+/// Owner: SsdpDeviceParser, which ends after that task. The destructor drops waiting fetches without a callback.
 ///
-/// Design: whoever had a turn longest ago is next, so that a neighbour that announces much does not keep out the
-/// others; hosts that could not be reached last go behind all others, since each of them may hold its turn for the
-/// whole time limit of a transfer. A fetch that waits before a retry lets the next one start, and counts as a transfer
-/// again once its wait is over, at once: then no new one starts before there are fewer.
+/// Design: the next fetch is one of the host whose last fetch started longest ago, so a host with many announcements
+/// does not delay the others. Hosts that could not be reached go behind all others, because each of them may block a
+/// place for the full time limit of a transfer. A fetch that sleeps before a retry keeps its place; HTTP bounds the
+/// sleeping ones (kMaxSleeping), so the other places stay free for transfers.
 ///
-///     Add ----> waits ----> start() ----> transfers ----> Ended
-///                 |                        |      ^
-///                 v kMaxWaitMs             v      |
-///             giveUp()                   RetryWait
+///     Add ----> waiting ----> start() ----> running ----> Ended
+///                  |
+///                  v kMaxWaitMs
+///              giveUp()
 class FetchQueue final
 {
 public:
     struct Fetch
     {
         IPv4 host = 0;
-        std::function<bool()> start;  ///< false: it has ended at once
-        std::function<void()> giveUp; ///< it has waited too long for its turn
+        std::function<bool()> start;  ///< false: it has failed at once, and Ended() is not called
+        std::function<void()> giveUp; ///< called instead of start() after kMaxWaitMs
     };
 
     explicit FetchQueue(NotifyTargetTaskIF* task);
@@ -43,22 +43,22 @@ public:
     FetchQueue(const FetchQueue&) = delete;
     FetchQueue& operator=(const FetchQueue&) = delete;
 
-    /// Null: taken, and perhaps started before the return. Else which bound it is over, for a line of the log.
+    /// Null: accepted; start() may have been called already. Otherwise the reason for a log line.
     [[nodiscard]] const char* Add(Fetch fetch);
-    /// A fetch of `host` that was started is over.
+    /// A started fetch of `host` has ended.
     void Ended(IPv4 host, bool wasReached);
-    /// One of those that were started begins to wait before a retry, or has done so and goes on.
-    void RetryWait(bool begins);
 
-    /// As many threads and sockets at once as a small device can spare; at 50 ms a description they serve 160 a second.
-    static constexpr std::size_t kMaxTransfers = 8;
-    /// All that wait, are in transfer, or wait before a retry: a few times what a house has that answers one search.
+    /// Bounds threads and sockets for a small device. With 50 ms for a description, 8 serve 160 a second.
+    static constexpr std::size_t kMaxRunning = 8;
+    /// Of kMaxRunning: hosts that ask for retries after hours leave the other half to transfers.
+    static constexpr std::size_t kMaxSleeping = kMaxRunning / 2;
+    /// Waiting and running fetches: several times the number of devices in a house that respond to one search.
     static constexpr std::size_t kMaxFetches = 256;
-    /// Of those, of one host: a product has one description, and a second while it moves to a new LOCATION.
+    /// Of kMaxFetches, for one host: a product has one description, and a second one while its LOCATION changes.
     static constexpr std::size_t kMaxFetchesOfHost = 2;
-    /// The length of a search: the next one finds a device again that has not had its turn by then.
+    /// The length of a search. The next search finds the device again.
     static constexpr std::int64_t kMaxWaitMs = 10'000;
-    /// How many hosts that could not be reached are remembered; the oldest is forgotten.
+    /// Unreachable hosts that are remembered; the oldest one is replaced.
     static constexpr std::size_t kMaxUnreached = kMaxFetches;
 
 private:
@@ -70,22 +70,22 @@ private:
     struct Host
     {
         std::size_t fetches = 0;
-        std::uint64_t lastTurn = 0; ///< 0: none since it has had fetches here
+        std::uint64_t lastStart = 0; ///< number of its last start; 0: none since it has fetches here
     };
 
-    void GiveTurns();
+    void StartNext();
     void GiveUpLate();
     std::list<Waiting>::iterator Next();
-    void Forget(IPv4 host);
-    void Remember(IPv4 host, bool wasReached);
+    void Remove(IPv4 host);
     void ArmTimer();
 
-    std::list<Waiting> m_waiting; ///< the longest first
-    std::map<IPv4, Host> m_hosts; ///< those that have fetches
-    std::deque<IPv4> m_unreached;
+    NotifyTargetTaskIF* const m_task;
+    std::list<Waiting> m_waiting; ///< the oldest first
+    std::map<IPv4, Host> m_hosts; ///< hosts with waiting or running fetches
+    std::deque<IPv4> m_unreached; ///< hosts whose last fetch failed in transfer
     std::size_t m_fetches = 0;
-    std::size_t m_transfers = 0;
-    std::uint64_t m_turns = 0;
+    std::size_t m_running = 0;
+    std::uint64_t m_starts = 0;
     MessageTimer m_timer;
 };
 

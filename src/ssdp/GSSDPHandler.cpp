@@ -2,11 +2,12 @@
 
 #include "base/Heap.h"
 #include "runtime/DPrint.h"
-#include "ssdp/AnnouncementGate.h"
+#include "ssdp/AnnouncementFilter.h"
 #include "ssdp/GlibLog.h"
-#include "ssdp/InterfaceLink.h"
-#include "ssdp/MessageFilter.h"
+#include "ssdp/InterfaceAddresses.h"
+#include "ssdp/MessageInterceptor.h"
 
+#include <cassert>
 #include <libgssdp/gssdp.h>
 #include <pthread.h>
 #include <stdexcept>
@@ -22,13 +23,18 @@ namespace
 const DPrint s_log("GSSDPHandler");
 
 const char* const kThreadName = "GSSDPMainLoop";
-const char* const kAllResources = "ssdp:all"; ///< until the first search, while the browser is switched off
+const char* const kAllResources = "ssdp:all"; ///< until the first search, while the browser is inactive
 
-/// The client never forgets a host that it has heard. At a search, one that remembers more than a house has is
-/// replaced.
+/// GSSDPClient caches the User-Agent of every host forever. If it holds more than this, more than a house has, it is
+/// replaced at the next search.
 constexpr std::size_t kManyHosts = 100;
-/// One that remembers too many does not live until the next search; but each new one searches, too.
-constexpr int kMinRenewalSec = 10;
+/// A client whose cache is full (MessageInterceptor::kMaxHosts) is replaced between searches, but not more often than
+/// this: each new client sends M-SEARCHes.
+constexpr int kMinReplacementSec = 10;
+
+#ifndef NDEBUG
+thread_local const GSSDPHandler* t_handlerOfThread = nullptr; ///< set on the thread "GSSDPMainLoop"
+#endif
 
 const char* OrEmpty(const char* text)
 {
@@ -39,7 +45,7 @@ void EndSource(GSource*& source)
 {
     if (source != nullptr)
     {
-        g_source_destroy(source); // first: the reference may be the last one
+        g_source_destroy(source); // before unref, which may free it
         g_source_unref(source);
         source = nullptr;
     }
@@ -47,11 +53,11 @@ void EndSource(GSource*& source)
 
 } // namespace
 
-/// A client and the browser on it, with the gate between them.
-struct GSSDPHandler::Ear
+/// A client, its browser, and the interceptor that filters the messages between them.
+struct GSSDPHandler::Listener
 {
     /// Throws std::runtime_error with the library's reason.
-    Ear(const std::string& iface, AnnouncementGate& gate)
+    Listener(const std::string& iface, AnnouncementFilter& filter)
     {
         GError* error = nullptr;
         m_client =
@@ -62,18 +68,18 @@ struct GSSDPHandler::Ear
             g_clear_error(&error);
             throw std::runtime_error(message);
         }
-        m_filter = std::make_unique<MessageFilter>(m_client, gate);
+        m_interceptor = std::make_unique<MessageInterceptor>(m_client, filter);
         m_browser = gssdp_resource_browser_new(m_client, kAllResources);
         gssdp_resource_browser_set_active(m_browser, FALSE); // nothing is searched until the first StartSearch()
     }
-    ~Ear()
+    ~Listener()
     {
         g_clear_object(&m_browser);
-        m_filter.reset();
+        m_interceptor.reset();
         g_clear_object(&m_client);
     }
-    Ear(const Ear&) = delete;
-    Ear& operator=(const Ear&) = delete;
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
 
     void Search(const std::string& target)
     {
@@ -82,30 +88,30 @@ struct GSSDPHandler::Ear
     }
 
     GSSDPClient* m_client = nullptr;
-    std::unique_ptr<MessageFilter> m_filter;
+    std::unique_ptr<MessageInterceptor> m_interceptor;
     GSSDPResourceBrowser* m_browser = nullptr;
 };
 
-/// Made and freed on the thread. m_loop and m_context may be used elsewhere while the thread runs.
+/// Created and freed on the thread "GSSDPMainLoop". While it runs, other threads may use m_loop and m_context.
 struct GSSDPHandler::MainLoop
 {
     MainLoop()
         : m_context(g_main_context_new())
     {
-        g_main_context_push_thread_default(m_context); // the library attaches its sockets and timers there
+        g_main_context_push_thread_default(m_context); // the library attaches its sockets and timers to it
         m_loop = g_main_loop_new(m_context, FALSE);
     }
     ~MainLoop()
     {
         EndSource(m_ready);
         EndSource(m_tick);
-        if (m_ear)
+        if (m_listener)
         {
-            gssdp_resource_browser_set_active(m_ear->m_browser, FALSE);
+            gssdp_resource_browser_set_active(m_listener->m_browser, FALSE);
         }
         g_main_loop_unref(m_loop);
-        g_main_context_unref(m_context); // the thread's default stack has another reference
-        m_ear.reset();
+        g_main_context_unref(m_context); // the thread's stack of default contexts holds another reference
+        m_listener.reset();
         g_main_context_pop_thread_default(m_context);
     }
     MainLoop(const MainLoop&) = delete;
@@ -118,7 +124,7 @@ struct GSSDPHandler::MainLoop
         g_source_attach(source, m_context);
     }
 
-    /// A request on its way to the loop.
+    /// A request of StartSearch() to the loop.
     struct Restart
     {
         GSSDPHandler* handler;
@@ -132,7 +138,7 @@ struct GSSDPHandler::MainLoop
     }
     static gboolean OnTick(gpointer handler)
     {
-        static_cast<GSSDPHandler*>(handler)->GSSDPMainLoopRenewWornClient();
+        static_cast<GSSDPHandler*>(handler)->GSSDPMainLoopReplaceFullClient();
         static_cast<GSSDPHandler*>(handler)->GSSDPTimeout();
         return G_SOURCE_CONTINUE;
     }
@@ -162,13 +168,49 @@ struct GSSDPHandler::MainLoop
 
     GMainContext* const m_context;
     GMainLoop* m_loop = nullptr;
-    AnnouncementGate m_gate;
-    std::unique_ptr<Ear> m_ear;
+    AnnouncementFilter m_filter;
+    std::unique_ptr<Listener> m_listener;
     std::string m_target; ///< of the last search
-    int m_sinceRenewalSec = kMinRenewalSec;
+    int m_sinceReplacementSec = kMinReplacementSec;
     GSource* m_tick = nullptr;
     GSource* m_ready = nullptr;
 };
+
+const char* Name(GSSDPHandlerIF::SearchStatus status)
+{
+    switch (status)
+    {
+    case GSSDPHandlerIF::SEARCH_NOT_READY:
+        return "SEARCH_NOT_READY";
+    case GSSDPHandlerIF::SEARCH_READY:
+        return "SEARCH_READY";
+    case GSSDPHandlerIF::SEARCH_IN_PROGRESS:
+        return "SEARCH_IN_PROGRESS";
+    case GSSDPHandlerIF::SEARCH_COMPLETE:
+        return "SEARCH_COMPLETE";
+    default:
+        return "(?)";
+    }
+}
+
+const char* Name(GSSDPHandlerIF::ResourceStatus status)
+{
+    switch (status)
+    {
+    case GSSDPHandlerIF::RESOURCE_UNAVAILABLE:
+        return "RESOURCE_UNAVAILABLE";
+    case GSSDPHandlerIF::RESOURCE_AVAILABLE:
+        return "RESOURCE_AVAILABLE";
+    default:
+        return "(?)";
+    }
+}
+
+std::shared_ptr<GSSDPHandlerIF> GSSDPHandlerIF::Create(const std::string& iface)
+{
+    Factory* const factory = s_factoryOverride.Get();
+    return factory != nullptr ? factory->Create(iface) : std::make_shared<GSSDPHandler>(iface.c_str());
+}
 
 GSSDPHandler::GSSDPHandler(const char* iface)
     : m_iface(OrEmpty(iface))
@@ -246,7 +288,7 @@ void GSSDPHandler::StartGssdpSearchThread()
     }
     m_cond.wait(lock, [this] { return m_status != SEARCH_NOT_READY || m_error; });
     m_error.reset();
-    m_running = true; // also after an error: the thread is there to be joined, and StartSearch() asks the status
+    m_running = true; // also after an error: the thread must be joined, and StartSearch() tests m_status
 }
 
 void GSSDPHandler::StopGssdpSearchThread()
@@ -278,13 +320,16 @@ void GSSDPHandler::SetStatus(const char* function, SearchStatus status)
 
 void GSSDPHandler::GSSDPMainLoop()
 {
+#ifndef NDEBUG
+    t_handlerOfThread = this;
+#endif
     pthread_setname_np(pthread_self(), kThreadName);
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s - Starting main loop", __func__);
     auto owned = std::make_unique<MainLoop>();
     MainLoop& loop = *owned;
     try
     {
-        loop.m_ear = std::make_unique<Ear>(m_iface, loop.m_gate);
+        loop.m_listener = std::make_unique<Listener>(m_iface, loop.m_filter);
     }
     catch (const std::runtime_error& error)
     {
@@ -295,14 +340,14 @@ void GSSDPHandler::GSSDPMainLoop()
         m_cond.notify_one();
         return;
     }
-    if (!loop.m_ear->m_filter->IsConnected())
+    if (!loop.m_listener->m_interceptor->IsConnected())
     {
         DPRINTF(s_log, DPrint::LEVEL_ERROR,
-                "%s: this GSSDP has no signal message-received: announcements are not checked, and one without a "
-                "colon in its USN ends the process",
+                "%s: this GSSDP has no signal message-received: announcements are not checked, and a USN without a "
+                "colon ends the process",
                 __func__);
     }
-    Listen(*loop.m_ear);
+    Connect(*loop.m_listener);
     loop.Attach(loop.m_tick, g_timeout_source_new_seconds(1), &MainLoop::OnTick, this);
     loop.Attach(loop.m_ready, g_idle_source_new(), &MainLoop::OnStarted, this);
     {
@@ -317,11 +362,12 @@ void GSSDPHandler::GSSDPMainLoop()
         owned = std::move(m_mainLoop);
     }
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s - Main loop stopped", __func__);
-    owned.reset(); // without m_mutex: the browser reports what it forgets
+    owned.reset(); // without m_mutex: the browser reports its resources as unavailable
 }
 
 void GSSDPHandler::GSSDPMainLoopStarted()
 {
+    assert(t_handlerOfThread == this);
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s - Main loop running", __func__);
     const std::lock_guard lock(m_mutex);
     SetStatus(__func__, SEARCH_READY);
@@ -330,6 +376,7 @@ void GSSDPHandler::GSSDPMainLoopStarted()
 
 void GSSDPHandler::GSSDPTimeout()
 {
+    assert(t_handlerOfThread == this);
     const std::lock_guard lock(m_mutex);
     if (m_status == SEARCH_IN_PROGRESS && m_timeoutSec > 0 && ++m_elapsedSec >= m_timeoutSec)
     {
@@ -342,8 +389,9 @@ void GSSDPHandler::GSSDPTimeout()
 
 void GSSDPHandler::GSSDPMainLoopRestartBrowser(const std::string& target)
 {
+    assert(t_handlerOfThread == this);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
-    Heap::GiveBack(); // what this thread has kept free of devices that have gone
+    Heap::GiveBack(); // this thread's free memory of removed devices
     MainLoop* loop = nullptr;
     {
         const std::lock_guard lock(m_mutex);
@@ -354,64 +402,66 @@ void GSSDPHandler::GSSDPMainLoopRestartBrowser(const std::string& target)
         }
         loop = m_mainLoop.get();
     }
-    Ear* ear = loop->m_ear.get();
-    const char* const interface = OrEmpty(gssdp_client_get_interface(ear->m_client));
+    Listener* listener = loop->m_listener.get();
+    const char* const interface = OrEmpty(gssdp_client_get_interface(listener->m_client));
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s - Restarting browser on %s (%s) with filter: %s", __func__, interface,
-            OrEmpty(gssdp_client_get_host_ip(ear->m_client)), target.c_str());
-    gssdp_resource_browser_set_active(ear->m_browser, FALSE);
-    loop->m_gate.Restart(target, ReadInterfaceLink(interface));
+            OrEmpty(gssdp_client_get_host_ip(listener->m_client)), target.c_str());
+    gssdp_resource_browser_set_active(listener->m_browser, FALSE);
+    loop->m_filter.Restart(target, ReadInterfaceAddresses(interface));
     loop->m_target = target;
-    if (ear->m_filter->Hosts() <= kManyHosts || !RenewClient(*loop))
+    if (listener->m_interceptor->Hosts() <= kManyHosts || !ReplaceClient(*loop))
     {
-        ear->Search(target);
+        listener->Search(target);
     }
 }
 
-void GSSDPHandler::GSSDPMainLoopRenewWornClient()
+void GSSDPHandler::GSSDPMainLoopReplaceFullClient()
 {
+    assert(t_handlerOfThread == this);
     MainLoop* loop = nullptr;
     {
         const std::lock_guard lock(m_mutex);
         loop = m_mainLoop.get();
     }
-    if (loop != nullptr && ++loop->m_sinceRenewalSec >= kMinRenewalSec && !loop->m_target.empty() &&
-        loop->m_ear->m_filter->Hosts() >= MessageFilter::kMaxHosts)
+    if (loop != nullptr && ++loop->m_sinceReplacementSec >= kMinReplacementSec && !loop->m_target.empty() &&
+        loop->m_listener->m_interceptor->Hosts() >= MessageInterceptor::kMaxHosts)
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING,
-               "more than " << MessageFilter::kMaxHosts << " hosts speak SSDP: they are forgotten");
-        RenewClient(*loop);
+               "more than " << MessageInterceptor::kMaxHosts << " hosts use SSDP: the client is replaced");
+        ReplaceClient(*loop);
     }
 }
 
-/// In the place of a client that remembers too many hosts; its browser goes without a word, and the new one searches at
-/// once. False: the old one stays.
-bool GSSDPHandler::RenewClient(MainLoop& loop)
+/// Replaces the client and its browser, which reports nothing. The new browser searches at once. False: the old client
+/// stays.
+bool GSSDPHandler::ReplaceClient(MainLoop& loop)
 {
-    loop.m_sinceRenewalSec = 0;
+    loop.m_sinceReplacementSec = 0;
     try
     {
-        auto ear = std::make_unique<Ear>(m_iface, loop.m_gate);
-        g_signal_handlers_disconnect_by_data(loop.m_ear->m_browser, this);
-        loop.m_ear = std::move(ear);
+        auto listener = std::make_unique<Listener>(m_iface, loop.m_filter);
+        g_signal_handlers_disconnect_by_data(loop.m_listener->m_browser, this);
+        loop.m_listener = std::move(listener);
     }
     catch (const std::runtime_error& error)
     {
         DPRINT(s_log, DPrint::LEVEL_WARNING, "no new GSSDP client: " << error.what());
         return false;
     }
-    Listen(*loop.m_ear);
-    loop.m_ear->Search(loop.m_target);
+    Connect(*loop.m_listener);
+    loop.m_listener->Search(loop.m_target);
     return true;
 }
 
-void GSSDPHandler::Listen(Ear& ear)
+void GSSDPHandler::Connect(Listener& listener)
 {
-    g_signal_connect(ear.m_browser, "resource-available", G_CALLBACK(&MainLoop::OnAvailable), this);
-    g_signal_connect(ear.m_browser, "resource-unavailable", G_CALLBACK(&MainLoop::OnUnavailable), this);
+    g_signal_connect(listener.m_browser, "resource-available", G_CALLBACK(&MainLoop::OnAvailable), this);
+    g_signal_connect(listener.m_browser, "resource-unavailable", G_CALLBACK(&MainLoop::OnUnavailable), this);
 }
 
 void GSSDPHandler::GSSDPResourceAvailableCB(const std::string& usn, const std::vector<std::string>& locations)
 {
+    assert(t_handlerOfThread == this);
     const std::lock_guard lock(m_mutex);
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s: resource available", __func__);
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s:    USN:      %s", __func__, usn.c_str());
@@ -424,6 +474,7 @@ void GSSDPHandler::GSSDPResourceAvailableCB(const std::string& usn, const std::v
 
 void GSSDPHandler::GSSDPResourceUnavailableCB(const std::string& usn)
 {
+    assert(t_handlerOfThread == this);
     const std::lock_guard lock(m_mutex);
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s: resource unavailable", __func__);
     DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s:    USN:      %s", __func__, usn.c_str());

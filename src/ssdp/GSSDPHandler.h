@@ -14,26 +14,25 @@
 namespace SonarixService
 {
 
-/// One GSSDP resource browser on one interface, and on top of it a search with a time-out, which the browser has no
-/// notion of: a caller asks for a target and a number of seconds, and after those SEARCH_COMPLETE is published. The
-/// browser stays active then: sightings and byebyes for the same target go on arriving.
-/// Task: operations on any thread; GLib's and GSSDP's objects, all their callbacks and the subscribers' on the thread
-/// "GSSDPMainLoop", which lives from the constructor to the destructor. Subscribers are called with m_mutex held: they
-/// pass AsyncCallbacks and never call back into the handler.
-/// Owner: SsdpDiscovery.
-/// Never follows a change of the interface: a new interface or address means a new handler. A client that cannot be
-/// made (no such interface, no IPv4 address) leaves the handler SEARCH_NOT_READY for good, and every search is refused.
+/// One GSSDP resource browser on one interface, with a search time-out, which the browser lacks: SEARCH_COMPLETE is
+/// published that many seconds after StartSearch(). The browser stays active after it: announcements and byebyes for
+/// the same target are still reported. Task: operations on any thread. Objects of GLib and GSSDP and all their
+/// callbacks stay on the thread "GSSDPMainLoop" (checked in debug builds), which runs from the constructor to the
+/// destructor. It calls the subscribers with m_mutex held: they pass AsyncCallbacks and never call the handler. Owner:
+/// SsdpDiscovery. Does not follow a change of the interface: a new interface or address needs a new handler. If the
+/// client cannot be created (no such interface, no IPv4 address), the handler stays SEARCH_NOT_READY and refuses every
+/// search.
 ///
-/// What one neighbour can do to it is bounded by the AnnouncementGate before the browser. What the client itself
-/// remembers of neighbours, it forgets by being replaced: at a search, or in between where there are very many.
+/// Limits: AnnouncementFilter bounds what one host can do to the browser. GSSDPClient caches the User-Agent of every
+/// host forever, so it is replaced at a search, or earlier if the cache is very large.
 ///
-/// Design: switching the browser off makes it report everything that it knows as unavailable and forget it; switched
-/// on again it searches and reports what answers, as if seen for the first time. Each StartSearch() does both.
-/// m_threadMutex before m_mutex, never the reverse; the thread takes m_mutex alone.
+/// Design: a browser that is deactivated reports everything that it knows as unavailable and clears its table.
+/// Activated again, it searches and reports all responses as new. Each StartSearch() does both. Lock order:
+/// m_threadMutex before m_mutex. The thread "GSSDPMainLoop" takes only m_mutex.
 class GSSDPHandler final : public GSSDPHandlerIF
 {
 public:
-    /// `iface` null or empty: no particular interface. Returns when the thread is SEARCH_READY or has failed.
+    /// `iface` null or empty: the library chooses. Returns when the status is SEARCH_READY or the thread has failed.
     explicit GSSDPHandler(const char* iface);
     ~GSSDPHandler() override;
     GSSDPHandler(const GSSDPHandler&) = delete;
@@ -44,38 +43,38 @@ public:
     bool StartSearch(const std::string& target, int timeoutSec) override;
 
 private:
-    struct Ear;
-    struct MainLoop; ///< what GLib and GSSDP hold, and their callbacks
+    struct Listener;
+    struct MainLoop; ///< the objects of GLib and GSSDP, and their callbacks
 
     void StartGssdpSearchThread();
     void StopGssdpSearchThread();
     void SetStatus(const char* function, SearchStatus status); ///< with m_mutex held
 
-    // On the thread.
+    // On the thread "GSSDPMainLoop".
     void GSSDPMainLoop();
     void GSSDPMainLoopStarted();
     void GSSDPTimeout();
     void GSSDPMainLoopRestartBrowser(const std::string& target);
-    void GSSDPMainLoopRenewWornClient();
-    bool RenewClient(MainLoop& loop);
-    void Listen(Ear& ear);
+    void GSSDPMainLoopReplaceFullClient();
+    bool ReplaceClient(MainLoop& loop);
+    void Connect(Listener& listener);
     void GSSDPResourceAvailableCB(const std::string& usn, const std::vector<std::string>& locations);
     void GSSDPResourceUnavailableCB(const std::string& usn);
 
-    std::mutex m_mutex;             ///< guards what follows, up to the registries
-    std::condition_variable m_cond; ///< the thread is SEARCH_READY, or has left an error
+    std::mutex m_mutex;             ///< guards the members up to the registries
+    std::condition_variable m_cond; ///< signals SEARCH_READY or m_error to the constructor
     std::unique_ptr<MainLoop> m_mainLoop;
     std::optional<std::string> m_error;
     SearchStatus m_status = SEARCH_NOT_READY;
     std::string m_iface;
-    int m_timeoutSec = 0; ///< of the current search; not positive: none
+    int m_timeoutSec = 0; ///< of the current search; not positive: no time-out
     int m_elapsedSec = 0;
     CallbackRegistry<SearchStatus> m_searchStatusRegistry;
     CallbackRegistry<ResourceStatus, std::string, std::string> m_resourceStatusRegistry;
 
-    std::mutex m_threadMutex; ///< one start, stop or StartSearch() at a time
+    std::mutex m_threadMutex; ///< serializes start, stop and StartSearch()
     std::thread m_thread;
-    bool m_running = false; ///< from a finished start to a finished stop, also where the client failed
+    bool m_running = false; ///< from a finished start to a finished stop, also if the client could not be created
 };
 
 } // namespace SonarixService

@@ -1,22 +1,24 @@
 #pragma once
 
 #include "runtime/Callback.h"
+#include "runtime/FactoryOverride.h"
 
+#include <memory>
 #include <string>
 
 namespace SonarixService
 {
 
-/// Searches one interface by SSDP and reports what answers. Safe from any thread; subscribers pass AsyncCallbacks,
-/// since they are called on a foreign thread, under a lock that every operation here takes.
+/// Searches one interface by SSDP and reports the responses and announcements. Safe from any thread. Subscribers pass
+/// AsyncCallbacks: they are called on a foreign thread, with a mutex held that every operation here takes.
 class GSSDPHandlerIF
 {
 public:
     enum SearchStatus
     {
         SEARCH_NOT_READY = 0,   ///< no running main loop
-        SEARCH_READY = 1,       ///< the main loop runs, no search was asked for yet
-        SEARCH_IN_PROGRESS = 2, ///< a search is counting down
+        SEARCH_READY = 1,       ///< the main loop runs, no search has been started yet
+        SEARCH_IN_PROGRESS = 2, ///< the time-out of a search counts down
         SEARCH_COMPLETE = 3,    ///< the last search has reached its time-out
     };
 
@@ -26,17 +28,31 @@ public:
         RESOURCE_AVAILABLE = 1,
     };
 
+    /// Replaces Create() in tests.
+    class Factory
+    {
+    public:
+        virtual std::shared_ptr<GSSDPHandlerIF> Create(const std::string& iface) = 0;
+
+    protected:
+        ~Factory() = default;
+    };
+
     virtual ~GSSDPHandlerIF() = default;
 
-    /// The subscriptions last as long as the object. Published are SEARCH_IN_PROGRESS and SEARCH_COMPLETE only.
+    /// The subscriptions last as long as the object. Only SEARCH_IN_PROGRESS and SEARCH_COMPLETE are published.
     virtual void RegisterForSearchStatus(const Callback<SearchStatus>& callback) = 0;
-    /// The arguments are the status, the USN and the LOCATION (empty where there is none).
+    /// The arguments are the status, the USN and the LOCATION (empty if there is none).
     virtual void RegisterForResourceStatus(const Callback<ResourceStatus, std::string, std::string>& callback) = 0;
 
-    /// Searches for `target` ("ssdp:all", or a URN with a version) and reports SEARCH_COMPLETE after `timeoutSec`
-    /// seconds; without a positive time-out never. What is there is reported anew, also what was known. False, and
-    /// nothing changes: not ready, or a search with a time-out still counts down.
+    /// Searches for `target`, which is "ssdp:all" or a URN with a version, and publishes SEARCH_COMPLETE after
+    /// `timeoutSec` seconds, or never if that is not positive. Devices that were known are reported again. Returns
+    /// false and changes nothing if the handler is not ready or a search with a time-out is in progress.
     virtual bool StartSearch(const std::string& target, int timeoutSec) = 0;
+
+    /// A GSSDPHandler on the interface `iface` (empty: the library chooses). On return it is ready or has failed.
+    static std::shared_ptr<GSSDPHandlerIF> Create(const std::string& iface);
+    static inline FactoryOverride<Factory*> s_factoryOverride;
 };
 
 /// "SEARCH_READY" and so on; "(?)" for a value outside the enumeration.

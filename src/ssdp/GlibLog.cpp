@@ -44,13 +44,14 @@ std::string_view Field(const GLogField* fields, gsize count, std::string_view na
     return {};
 }
 
-/// Counts lines against the minute. Gives the number that was kept back before this one, or -1: this one is as well.
-std::int64_t Pass()
+/// Counts the lines of this minute. Returns the number of lines suppressed since the last one, or -1: suppress this
+/// one.
+std::int64_t CountLine()
 {
     static std::mutex s_mutex;
     static std::int64_t s_windowStartMs = -kWindowMs;
     static int s_lines = 0;
-    static std::int64_t s_keptBack = 0;
+    static std::int64_t s_suppressed = 0;
 
     const std::lock_guard lock(s_mutex);
     const std::int64_t now = MonotonicClock::NowMs();
@@ -61,28 +62,28 @@ std::int64_t Pass()
     }
     if (s_lines >= kMaxLines)
     {
-        ++s_keptBack;
+        ++s_suppressed;
         return -1;
     }
     ++s_lines;
-    return std::exchange(s_keptBack, 0);
+    return std::exchange(s_suppressed, 0);
 }
 
 GLogWriterOutput Write(GLogLevelFlags flags, const GLogField* fields, gsize count, gpointer)
 {
     const DPrint::Level level = LevelOf(flags);
-    const bool isLastWord = (flags & (G_LOG_LEVEL_ERROR | G_LOG_FLAG_FATAL)) != 0; // the process ends with it
-    if (level == DPrint::LEVEL_FINEST || !s_log.IsLog(level)) // what is for GLib's own developers helps nobody here
+    const bool endsProcess = (flags & (G_LOG_LEVEL_ERROR | G_LOG_FLAG_FATAL)) != 0;
+    if (level == DPrint::LEVEL_FINEST || !s_log.IsLog(level)) // GLib's info and debug messages
     {
         return G_LOG_WRITER_HANDLED;
     }
-    const std::int64_t keptBack = isLastWord ? 0 : Pass();
-    if (keptBack >= 0)
+    const std::int64_t suppressed = endsProcess ? 0 : CountLine();
+    if (suppressed >= 0)
     {
-        const std::string domain(Field(fields, count, "GLIB_DOMAIN")); // GSSDP's browser has none
+        const std::string domain(Field(fields, count, "GLIB_DOMAIN")); // empty in messages of GSSDP's browser
         const std::string text(Field(fields, count, "MESSAGE").substr(0, kMaxTextBytes));
         DPRINTF(s_log, level, "%s%s%s%s", domain.c_str(), domain.empty() ? "" : ": ", text.c_str(),
-                keptBack > 0 ? (" (" + std::to_string(keptBack) + " lines before it were kept back)").c_str() : "");
+                suppressed > 0 ? (" (" + std::to_string(suppressed) + " earlier lines were suppressed)").c_str() : "");
     }
     return G_LOG_WRITER_HANDLED;
 }

@@ -3,11 +3,11 @@
 namespace SonarixService::GlibLog
 {
 
-/// Sends what GLib and the libraries on it have to say through the log, at most kMaxLines a minute: anybody on the
-/// network can make them warn. Process-wide and for good; the first call counts. Safe from any thread.
+/// Redirects the messages of GLib and of libraries based on it to the log, at most kMaxLines a minute: any host on the
+/// network can cause warnings. Process-wide and permanent; further calls do nothing. Safe from any thread.
 void Install();
 
-/// A busy network gives a few a day; more help nobody.
+/// Lines a minute. A busy network causes a few a day.
 constexpr int kMaxLines = 10;
 
 } // namespace SonarixService::GlibLog

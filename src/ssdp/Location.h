@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ssdp/InterfaceLink.h"
+#include "ssdp/InterfaceAddresses.h"
 
 #include <cstddef>
 #include <optional>
@@ -9,11 +9,11 @@
 namespace SonarixService
 {
 
-/// What browsers and servers take as a URL's length, and more than any description's address has.
+/// The common limit of browsers and servers for a URL. A LOCATION has less than 100 bytes.
 constexpr std::size_t kMaxLocationBytes = 2000;
 
-/// The host of "http://<address>[:<port>][/...]", also with https; nothing for anything else (a name, a user, a blank),
-/// so that whoever fetches it reads the same host in it.
+/// The host of "http://<address>[:<port>][/...]", or the same with https. Empty for every other form, for example one
+/// with a name, a user or a space: libcurl must not read another host in it.
 std::optional<IPv4> HostOfLocation(std::string_view location);
 
 } // namespace SonarixService

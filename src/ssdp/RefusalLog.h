@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ssdp/InterfaceLink.h"
+#include "ssdp/InterfaceAddresses.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,22 +12,21 @@
 namespace SonarixService
 {
 
-/// Counts what is refused by its reason, and says which refusals are told to the log: neither a neighbour that goes on
-/// for hours nor a forger of addresses fills it.
-/// Task: its owner's. Never forgets a count; a reason is one of a few texts.
+/// Counts refusals by reason, and limits their log lines: neither one sender over hours nor many forged addresses can
+/// flood the log.
+/// Task: that of its owner. Counts are never removed: the reasons must be a few constant texts.
 class RefusalLog final
 {
 public:
     void Add(std::string_view reason);
-    /// So far.
     std::uint64_t Count(std::string_view reason) const;
 
-    /// Whether a line is due now; it counts as written then.
+    /// True: the caller must write a line now.
     [[nodiscard]] bool MayLog(IPv4 sender, std::string_view reason, std::int64_t nowMs);
 
-    /// A reason is logged once in this time for each sender.
+    /// Minimum time between two lines with the same sender and reason.
     static constexpr std::int64_t kLogIntervalMs = 60'000;
-    /// Senders that may have lines in one interval: more help nobody.
+    /// Senders with log lines in one interval.
     static constexpr std::size_t kMaxLoggedSenders = 64;
 
 private:
@@ -35,7 +34,7 @@ private:
     using ByReason = std::map<std::string, Value, std::less<>>;
 
     ByReason<std::uint64_t> m_counts;
-    std::map<IPv4, ByReason<std::int64_t>> m_logged; ///< when
+    std::map<IPv4, ByReason<std::int64_t>> m_logged; ///< time of the last line, in ms
 };
 
 } // namespace SonarixService

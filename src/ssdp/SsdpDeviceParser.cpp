@@ -4,6 +4,7 @@
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
 #include "runtime/MonotonicClock.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/Sonarix.pb.h"
 #include "ssdp/Location.h"
 #include "ssdp/XmlFunctions.h"
@@ -16,6 +17,7 @@
 #include <system_error>
 #include <tinyxml.h>
 #include <utility>
+#include <vector>
 
 namespace SonarixService
 {
@@ -25,7 +27,7 @@ namespace
 
 const DPrint s_log("SsdpDeviceParser");
 
-/// An element's name, and the field that it goes to: what gives that field, or sets it.
+/// The name of an element, and the function that sets the field or returns it for writing.
 template <class Message, class Result, class... Args>
 using Field = std::pair<std::string_view, Result (Message::*)(Args...)>;
 template <class Message>
@@ -88,7 +90,7 @@ constexpr TextField<Service> kServiceFields[] = {
     {"eventSubURL", &Service::mutable_eventsuburl},
 };
 
-/// Null: none of that name.
+/// Null: no field for that name.
 template <class Member, std::size_t N>
 Member FieldOf(const std::pair<std::string_view, Member> (&fields)[N], const std::string& name)
 {
@@ -117,17 +119,41 @@ void StoreNumber(const NumberField<Message> (&fields)[N], const std::string& nam
     }
 }
 
-/// `function(child, name, text)` for each child element.
-template <class Function>
-void ForEachChild(TiXmlElement* element, Function function)
+struct Child
 {
+    TiXmlElement* element;
+    std::string name;
+    std::string text;
+};
+
+std::vector<Child> ChildrenOf(TiXmlElement* element)
+{
+    std::vector<Child> children;
     for (TiXmlElement* child = element->FirstChildElement(); child != nullptr; child = child->NextSiblingElement())
     {
-        function(child, XML::ExtractElementName(child), XML::ExtractText(child));
+        children.push_back({child, XML::ExtractElementName(child), XML::ExtractText(child)});
     }
+    return children;
 }
 
 } // namespace
+
+const char* Name(SsdpDeviceParser::ParseStatus status)
+{
+    switch (status)
+    {
+    case SsdpDeviceParser::PARSE_SUCCESS:
+        return "PARSE_SUCCESS";
+    case SsdpDeviceParser::PARSE_HTTP_ERROR:
+        return "PARSE_HTTP_ERROR";
+    case SsdpDeviceParser::PARSE_NO_DATA:
+        return "PARSE_NO_DATA";
+    case SsdpDeviceParser::PARSE_XML_ERROR:
+        return "PARSE_XML_ERROR";
+    default:
+        return "(?)";
+    }
+}
 
 SsdpDeviceParser::SsdpDeviceParser(IHttpInterface* http, NotifyTargetTaskIF* task, ParseCallback parsed)
     : m_http(http)
@@ -135,21 +161,22 @@ SsdpDeviceParser::SsdpDeviceParser(IHttpInterface* http, NotifyTargetTaskIF* tas
     , m_parseCb(std::move(parsed))
     , m_queue(task)
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "SsdpDeviceParser");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     m_http->SetRetries(0);
     m_http->SetTimeout(kTimeoutSec);
-    m_http->SetMaxAnswerBytes(kMaxAnswerBytes);
-    m_http->SetMaxRunningRequests(FetchQueue::kMaxTransfers);
-    m_http->SetRetryWaitCallback(AsyncCallback<bool>([this](bool begins) { m_queue.RetryWait(begins); }, m_task));
+    m_http->SetMaxResponseBytes(kMaxResponseBytes);
+    m_http->SetMaxSleepingRequests(FetchQueue::kMaxSleeping);
 }
 
 SsdpDeviceParser::~SsdpDeviceParser()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~SsdpDeviceParser");
+    TASK_CHECK(m_task);
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
 }
 
 void SsdpDeviceParser::ParseDevice(std::string location, Sonarix::ProductInfo info)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     info.set_location(location);
     ParseLocation(location, info);
@@ -167,25 +194,25 @@ void SsdpDeviceParser::ParseLocation(const std::string& location, const Sonarix:
     const std::optional<IPv4> host = HostOfLocation(location);
     if (!host)
     {
-        Fail(info, "its LOCATION is no URL of an IPv4 address"); // a look-up of a name has no time limit
+        Fail(info, "its LOCATION is no URL of an IPv4 address"); // looking up a name has no time limit
         return;
     }
     const char* const why = m_queue.Add({*host, [this, host, location, info] { return Fetch(*host, location, info); },
-                                         [this, info] { Fail(info, "it has waited too long for its turn"); }});
+                                         [this, info] { Fail(info, "it has waited too long in the queue"); }});
     if (why != nullptr)
     {
         Fail(info, why);
     }
 }
 
-/// False: there is no fetch, and its failure was reported.
+/// False: the fetch has failed, and the callback has been called.
 bool SsdpDeviceParser::Fetch(IPv4 host, const std::string& location, const Sonarix::ProductInfo& info)
 {
     const AsyncCallback<Http::HSMResponse> response(
-        [this, host, info](const Http::HSMResponse& answer)
+        [this, host, info](const Http::HSMResponse& received)
         {
-            m_queue.Ended(host, answer.curlStatus == 0);
-            DeviceDataResponse(answer, info);
+            m_queue.Ended(host, received.curlStatus == 0);
+            DeviceDataResponse(received, info);
         },
         m_task);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "GET '" << location << "'");
@@ -221,6 +248,7 @@ void SsdpDeviceParser::LogRefusal(const Sonarix::ProductInfo& info, const char* 
 
 void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Sonarix::ProductInfo info)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, response.status << " (" << response.curlStatus << ")");
     if (response.status >= 400 || response.curlStatus != 0)
     {
@@ -240,15 +268,15 @@ void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Son
     m_parseCb(status, info);
 }
 
-/// Leaves `info` as it is where it fails.
+/// Does not change `info` if it fails.
 SsdpDeviceParser::ParseStatus SsdpDeviceParser::ParseDeviceData(const std::string& data, Sonarix::ProductInfo& info)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     TiXmlDocument document;
-    const char* why = XmlLook::WhyNotToParse(data);
+    const char* why = XmlPrecheck::WhyNotToParse(data);
     if (why == nullptr && !XML::Parse(&document, data))
     {
-        why = "it is no well-formed XML";
+        why = "it is not well-formed XML";
     }
     if (why != nullptr)
     {
@@ -263,7 +291,7 @@ SsdpDeviceParser::ParseStatus SsdpDeviceParser::ParseDeviceData(const std::strin
     ParseServiceInfo(device.FirstChild("serviceList").ToElement(), filled);
     if (filled.icons_size() > kMaxRows || filled.services_size() > kMaxRows || filled.ByteSizeLong() > kMaxRecordBytes)
     {
-        LogRefusal(info, "taken", "its icons and services are too many");
+        LogRefusal(info, "taken", "it has too many icons or services");
         return PARSE_XML_ERROR;
     }
     info.Swap(&filled);
@@ -278,41 +306,37 @@ void SsdpDeviceParser::ParseDeviceInfo(TiXmlElement* element, Sonarix::ProductIn
         DPRINT(s_log, DPrint::LEVEL_WARNING, "Unable to find 'device' element in XML.");
         return;
     }
-    ForEachChild(element,
-                 [&info](TiXmlElement* child, const std::string& name, const std::string& text)
-                 {
-                     DPRINT(s_log, DPrint::LEVEL_FINEST, name << " = " << text);
-                     StoreText(kInfoFields, name, text, info);
-                     if (name == "kova:X_multiroomVersions")
-                     {
-                         ParseMultiroomVersions(child, *info.mutable_multiroom());
-                     }
-                 });
+    for (const auto& [child, name, text] : ChildrenOf(element))
+    {
+        DPRINT(s_log, DPrint::LEVEL_FINEST, name << " = " << text);
+        StoreText(kInfoFields, name, text, info);
+        if (name == "kova:X_multiroomVersions")
+        {
+            ParseMultiroomVersions(child, *info.mutable_multiroom());
+        }
+    }
 }
 
 void SsdpDeviceParser::ParseMultiroomVersions(TiXmlElement* element, SXCommon::MultiroomVersions& multiroom)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
-    ForEachChild(element,
-                 [&multiroom](TiXmlElement* child, const std::string& name, const std::string&)
-                 {
-                     DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s", "ParseMultiroomVersions", name.c_str());
-                     if (const auto field = FieldOf(kMultiroomFields, name))
-                     {
-                         ParseVersionInfo(child, *(multiroom.*field)());
-                     }
-                 });
+    for (const auto& [child, name, text] : ChildrenOf(element))
+    {
+        DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s", __func__, name.c_str());
+        if (const auto field = FieldOf(kMultiroomFields, name))
+        {
+            ParseVersionInfo(child, *(multiroom.*field)());
+        }
+    }
 }
 
 void SsdpDeviceParser::ParseVersionInfo(TiXmlElement* element, SXCommon::ProtocolVersion& version)
 {
-    ForEachChild(element,
-                 [&version](TiXmlElement*, const std::string& name, const std::string& text)
-                 {
-                     DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s = %s", "ParseVersionInfo", name.c_str(),
-                             text.c_str());
-                     StoreNumber(kVersionFields, name, text, version);
-                 });
+    for (const auto& [child, name, text] : ChildrenOf(element))
+    {
+        DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s = %s", __func__, name.c_str(), text.c_str());
+        StoreNumber(kVersionFields, name, text, version);
+    }
 }
 
 void SsdpDeviceParser::ParseIconInfo(TiXmlElement* element, Sonarix::ProductInfo& info)
@@ -320,21 +344,19 @@ void SsdpDeviceParser::ParseIconInfo(TiXmlElement* element, Sonarix::ProductInfo
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     if (element == nullptr)
     {
-        DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: Unable to find 'iconList' element in XML.", "ParseIconInfo");
+        DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: Unable to find 'iconList' element in XML.", __func__);
         return;
     }
-    // After the first row every element is one, whatever its name.
+    // After the first "icon", an element of any name is a row.
     for (TiXmlElement* row = element->FirstChildElement("icon"); row != nullptr; row = row->NextSiblingElement())
     {
         SXCommon::Icon& icon = *info.add_icons();
-        ForEachChild(row,
-                     [&icon](TiXmlElement*, const std::string& name, const std::string& text)
-                     {
-                         DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s = %s", "ParseIconInfo", name.c_str(),
-                                 text.c_str());
-                         StoreText(kIconTexts, name, text, icon);
-                         StoreNumber(kIconNumbers, name, text, icon);
-                     });
+        for (const auto& [child, name, text] : ChildrenOf(row))
+        {
+            DPRINTF(s_log, DPrint::LEVEL_FINEST, "%s -    %s = %s", __func__, name.c_str(), text.c_str());
+            StoreText(kIconTexts, name, text, icon);
+            StoreNumber(kIconNumbers, name, text, icon);
+        }
     }
 }
 
@@ -349,12 +371,11 @@ void SsdpDeviceParser::ParseServiceInfo(TiXmlElement* element, Sonarix::ProductI
     for (TiXmlElement* row = element->FirstChildElement("service"); row != nullptr; row = row->NextSiblingElement())
     {
         SXCommon::Service& service = *info.add_services();
-        ForEachChild(row,
-                     [&service](TiXmlElement*, const std::string& name, const std::string& text)
-                     {
-                         DPRINT(s_log, DPrint::LEVEL_FINEST, name << " = " << text);
-                         StoreText(kServiceFields, name, text, service);
-                     });
+        for (const auto& [child, name, text] : ChildrenOf(row))
+        {
+            DPRINT(s_log, DPrint::LEVEL_FINEST, name << " = " << text);
+            StoreText(kServiceFields, name, text, service);
+        }
     }
 }
 

@@ -1,10 +1,9 @@
 #pragma once
 
+#include "runtime/Callback.h"
 #include "ssdp/FetchQueue.h"
-#include "ssdp/InterfaceLink.h"
 #include "ssdp/RefusalLog.h"
-#include "ssdp/SsdpDeviceParserIF.h"
-#include "ssdp/XmlLook.h"
+#include "ssdp/XmlPrecheck.h"
 
 #include <cstddef>
 #include <string>
@@ -34,34 +33,44 @@ class Service;
 namespace SonarixService
 {
 
-/// Fetches UPnP device descriptions over HTTP and reads them into product records, the extension elements of our own
-/// products included ("kova:X_...", with that very prefix).
-/// Task: everything runs on the one that it was made with; the exchanges run on threads of `http`.
-/// Owner: SsdpDiscovery, whose task it is. Its end drops the fetches that wait for their turn; it cancels none that has
-/// begun, and those come to nothing once the task has stopped.
-/// Never follows a redirect, and asks no host but one that the LOCATION gives by its IPv4 address. What is over a bound
-/// ends with the status of the failure that it is nearest to, and a level-2 line that names the device, which is
-/// not repeated for a minute.
-class SsdpDeviceParser final : public SsdpDeviceParserIF
+/// Fetches UPnP device descriptions over HTTP and reads them into product records, including the extension elements of
+/// our own products ("kova:X_...", compared with this prefix).
+/// Task: everything but the constructor runs on `task`; the exchanges run on threads of `http`.
+/// Owner: SsdpDiscovery, which ends that task first; a response that arrives later is dropped with the task.
+/// Never follows a redirect, and contacts only the IPv4 address that the LOCATION contains. A description that exceeds
+/// a limit ends with the status of the most similar failure, and with a level-2 line that names the device and is not
+/// repeated within a minute.
+class SsdpDeviceParser final
 {
 public:
-    /// Sets up `http`, which is this parser's alone as long as it lives. `parsed` may be empty.
+    enum ParseStatus
+    {
+        PARSE_SUCCESS = 0,    ///< the text is well-formed XML, of any content
+        PARSE_HTTP_ERROR = 1, ///< the GET failed
+        PARSE_NO_DATA = 2,    ///< no location, or an empty body
+        PARSE_XML_ERROR = 3,  ///< the body is no XML
+    };
+    using ParseCallback = Callback<ParseStatus, Sonarix::ProductInfo>;
+
+    /// Changes the settings of `http`; no one else uses it while this object exists. `parsed` may be empty; it is
+    /// called inside ParseDevice(), so it must only post.
     SsdpDeviceParser(IHttpInterface* http, NotifyTargetTaskIF* task, ParseCallback parsed);
-    ~SsdpDeviceParser() override;
+    ~SsdpDeviceParser();
     SsdpDeviceParser(const SsdpDeviceParser&) = delete;
     SsdpDeviceParser& operator=(const SsdpDeviceParser&) = delete;
 
-    void ParseDevice(std::string location, Sonarix::ProductInfo info) override;
+    /// Reads the description at `location` into `info`, and calls the callback once with the status and `info`.
+    void ParseDevice(std::string location, Sonarix::ProductInfo info);
 
-    /// For connecting, and for each whole exchange: what a device in the same house takes some 50 ms for.
+    /// Limits connecting, and each whole exchange. A device on the same network takes about 50 ms.
     static constexpr int kTimeoutSec = 5;
-    /// Headers and body together, counted as they arrive.
-    static constexpr std::size_t kMaxAnswerBytes = XmlLook::kMaxBytes;
-    /// Rows of a record's icons, and of its services. They pile up with each new LOCATION, since rows are appended;
-    /// a device that has so many starts afresh when it is sighted next.
+    /// Headers and body together, counted while they arrive.
+    static constexpr std::size_t kMaxResponseBytes = XmlPrecheck::kMaxBytes;
+    /// Limit for the icons of a record, and for its services. Each new LOCATION appends rows. A device over the limit
+    /// is dropped, and its next announcement starts an empty record.
     static constexpr int kMaxRows = 256;
-    /// A record's size: twice what one description can say, for the same reason.
-    static constexpr std::size_t kMaxRecordBytes = 2 * kMaxAnswerBytes;
+    /// Limit for the size of a record, for the same reason: twice the largest description.
+    static constexpr std::size_t kMaxRecordBytes = 2 * kMaxResponseBytes;
 
 private:
     void ParseLocation(const std::string& location, const Sonarix::ProductInfo& info);
@@ -83,5 +92,8 @@ private:
     FetchQueue m_queue;
     RefusalLog m_refusals;
 };
+
+/// "PARSE_SUCCESS" and so on; "(?)" for a value outside the enumeration.
+const char* Name(SsdpDeviceParser::ParseStatus status);
 
 } // namespace SonarixService

@@ -4,8 +4,8 @@
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/Sonarix.pb.h"
-#include "ssdp/GSSDPHandlerFactory.h"
 
 #include <utility>
 #include <vector>
@@ -50,15 +50,15 @@ const char* Name(SsdpDiscoveryIF::SearchScope scope)
     }
 }
 
-SsdpDiscovery::SsdpDiscovery(const SsdpDeviceParserFactory& makeParser, const std::string& iface,
-                             Callback<Sonarix::Product> productStateCb)
+SsdpDiscovery::SsdpDiscovery(IHttpInterface* http, const std::string& iface, Callback<Sonarix::Product> productStateCb)
     : m_productStateCb(std::move(productStateCb))
     , m_task(IL::CreateTask("SsdpDiscoveryTask", ""))
-    , m_gssdpHandler(GSSDPHandlerFactory::Create(iface))
-    , m_parser(makeParser(m_task, AsyncCallback<SsdpDeviceParserIF::ParseStatus, Sonarix::ProductInfo>(
-                                      [this](SsdpDeviceParserIF::ParseStatus status, const Sonarix::ProductInfo& info)
-                                      { OnParseComplete(status, info); },
-                                      m_task)))
+    , m_gssdpHandler(GSSDPHandlerIF::Create(iface))
+    , m_parser(http, m_task,
+               AsyncCallback<SsdpDeviceParser::ParseStatus, Sonarix::ProductInfo>(
+                   [this](SsdpDeviceParser::ParseStatus status, const Sonarix::ProductInfo& info)
+                   { OnParseComplete(status, info); },
+                   m_task))
 {
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: iface=%s", __func__, iface.c_str());
     m_gssdpHandler->RegisterForSearchStatus(AsyncCallback<GSSDPHandlerIF::SearchStatus>(
@@ -73,7 +73,7 @@ SsdpDiscovery::~SsdpDiscovery()
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     IL::StopTask(m_task);
-    IL::JoinTask(m_task); // no receiver runs any more
+    IL::JoinTask(m_task); // no handler runs from here on
     ClearDeviceStateFlags();
     RemoveOfflineDevices();
 }
@@ -82,7 +82,7 @@ bool SsdpDiscovery::RefreshDeviceList(SearchScope state, int timeoutSec)
 {
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: state=%s, timeoutSec=%d", __func__, Name(state), timeoutSec);
     const std::string target = TargetOf(state);
-    ClearDeviceStateFlags(); // before the handler has accepted: a refused search leaves them cleared as well
+    ClearDeviceStateFlags(); // also if the handler refuses the search
     return m_gssdpHandler->StartSearch(target, timeoutSec);
 }
 
@@ -103,6 +103,7 @@ void SsdpDiscovery::GetProductList(Sonarix::ProductList& list)
 void SsdpDiscovery::OnResourceStatus(GSSDPHandlerIF::ResourceStatus status, const std::string& usn,
                                      const std::string& location)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "status=" << Name(status) << ", usn=" << usn << ", location=" << location);
     const ScopedMutex lock(m_mutex);
     const std::string guid = ParseGuid(usn);
@@ -126,7 +127,7 @@ void SsdpDiscovery::UpdateDevice(Sonarix::Product& device, GSSDPHandlerIF::Resou
 {
     if (status != GSSDPHandlerIF::RESOURCE_AVAILABLE)
     {
-        device.set_state(SXCommon::OFFLINE); // removed and reported at the end of the next search, unless it is back
+        device.set_state(SXCommon::OFFLINE); // reported and removed at the end of the next search, unless it is back
         return;
     }
     Sonarix::ProductInfo info = device.productinfo();
@@ -135,7 +136,7 @@ void SsdpDiscovery::UpdateDevice(Sonarix::Product& device, GSSDPHandlerIF::Resou
         DPRINT(s_log, DPrint::LEVEL_DEBUG, "updating location (was " << info.location() << ")");
         info.set_location(location);
         info.set_ipaddress(ExtractHostFromLocation(location));
-        RequestParse(location, info); // the entry changes when the description has been read
+        RequestParse(location, info); // OnParseComplete() changes the entry
     }
     else if (device.state() == SXCommon::OFFLINE)
     {
@@ -162,21 +163,22 @@ void SsdpDiscovery::AddDevice(const std::string& guid, const std::string& locati
 void SsdpDiscovery::RequestParse(const std::string& location, const Sonarix::ProductInfo& info)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "Requesting parse for location " << location);
-    m_parser->ParseDevice(location, info);
+    m_parser.ParseDevice(location, info);
 }
 
-void SsdpDiscovery::OnParseComplete(SsdpDeviceParserIF::ParseStatus status, const Sonarix::ProductInfo& info)
+void SsdpDiscovery::OnParseComplete(SsdpDeviceParser::ParseStatus status, const Sonarix::ProductInfo& info)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "status = " << Name(status));
     const ScopedMutex lock(m_mutex);
-    if (!info.has_guid()) // a second request, made while the entry had no productinfo to copy from
+    if (!info.has_guid()) // a further request, made while the entry had no productinfo to copy
     {
         DPRINT(s_log, DPrint::LEVEL_ERROR,
                "Product Info has no guid. Cannot update map. How could this have happened??");
         return;
     }
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "status=" << Name(status) << ", location='" << info.location() << "'");
-    if (status != SsdpDeviceParserIF::PARSE_SUCCESS)
+    if (status != SsdpDeviceParser::PARSE_SUCCESS)
     {
         DPRINT(s_log, DPrint::LEVEL_DEBUG, "Erasing guid from map: " << info.guid());
         m_deviceMap.erase(info.guid());
@@ -189,7 +191,7 @@ void SsdpDiscovery::OnParseComplete(SsdpDeviceParserIF::ParseStatus status, cons
                "Product does not exist in map, so adding it for guid. There must be an error to cause this. Guid's are "
                "pre-populated before starting parsing. Guid: "
                    << info.guid());
-        // Without a state: it is not listed, and OFFLINE at the next search.
+        // It has no state: it is not listed, and the next search sets it to OFFLINE.
         device = m_deviceMap.emplace(info.guid(), std::make_shared<Sonarix::Product>()).first;
     }
     device->second->mutable_productinfo()->CopyFrom(info);
@@ -199,13 +201,14 @@ void SsdpDiscovery::OnParseComplete(SsdpDeviceParserIF::ParseStatus status, cons
 
 void SsdpDiscovery::OnSearchStatus(GSSDPHandlerIF::SearchStatus status)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: status=%s", __func__, Name(status));
     if (status != GSSDPHandlerIF::SEARCH_COMPLETE)
     {
         return;
     }
     RemoveOfflineDevices();
-    Heap::GiveBack(); // of many that have gone; what the others make of it, after the next search
+    Heap::GiveBack(); // the memory of removed devices
     if (s_log.IsLog(DPrint::LEVEL_VERBOSE))
     {
         const ScopedMutex lock(m_mutex);
@@ -276,7 +279,7 @@ std::string SsdpDiscovery::ExtractHostFromLocation(const std::string& location)
             break;
         }
     }
-    return host.substr(0, host.find(':')); // only the colon ends it: without a port the path stays
+    return host.substr(0, host.find(':')); // without a port the path stays: only a colon ends the host
 }
 
 } // namespace SonarixService

@@ -2,7 +2,7 @@
 
 #include "runtime/ThreadMutex.h"
 #include "ssdp/GSSDPHandlerIF.h"
-#include "ssdp/SsdpDeviceParserIF.h"
+#include "ssdp/SsdpDeviceParser.h"
 #include "ssdp/SsdpDiscoveryIF.h"
 
 #include <map>
@@ -17,29 +17,28 @@ class Product;
 namespace SonarixService
 {
 
-/// Turns the bare announcements of the SSDP adapter into products, has their descriptions read, judges which are
-/// offline after each search, and reports every change upward.
-/// Task: everything that changes the table but the flags of RefreshDeviceList() runs on "SsdpDiscoveryTask", which is
-/// made here and ends here. The public operations run on the caller's thread.
-/// Owner: SsdpDiscoveryProtocol, from a start to a stop; a later start makes a new one with an empty table.
-/// Never has a clock: it is told when to search.
+/// The table of SSDP devices: makes products of announcements and their descriptions, decides after each search which
+/// devices are offline, and reports every change to its callback.
+/// Task: the handlers run on "SsdpDiscoveryTask", which this object creates and ends. The public operations run on the
+/// caller's thread.
+/// Owner: SsdpDiscoveryProtocol, from Start() to Stop(); a later Start() makes a new table.
+/// Has no timer: SsdpDiscoveryProtocol starts the searches.
 ///
-/// Design: RefreshDeviceList() flags every device OFFLINE, a sighting during the search raises it to ONLINE, and at
-/// SEARCH_COMPLETE whatever is still flagged is reported and removed. So the measure of being alive is to have answered
-/// the last search. A description is fetched at the first sighting and at each one with another location.
+/// Design: RefreshDeviceList() sets every device to OFFLINE. An announcement or a response during the search sets the
+/// device to ONLINE. At SEARCH_COMPLETE, devices that are still OFFLINE are reported and removed: a device that misses
+/// one search is gone. A description is fetched when a guid is new and when its LOCATION changes.
 ///
-///     RefreshDeviceList   flags: OFFLINE
-///       sighting          known: ONLINE, reported      unknown: entered, description asked for
+///     RefreshDeviceList   all devices: OFFLINE
+///       available         known: ONLINE, reported      unknown: added, description requested
 ///       description                                    reported
 ///     SEARCH_COMPLETE     still OFFLINE: reported, removed
 class SsdpDiscovery final : public SsdpDiscoveryIF
 {
 public:
-    /// `productStateCb` may be empty. It is called with the table's mutex held, on "SsdpDiscoveryTask" and at last on
-    /// the thread of the destructor: it copies the product, and calls nothing here.
-    SsdpDiscovery(const SsdpDeviceParserFactory& makeParser, const std::string& iface,
-                  Callback<Sonarix::Product> productStateCb);
-    /// Reports every device that is left as OFFLINE. Not on "SsdpDiscoveryTask".
+    /// `http` is not owned. `productStateCb` may be empty. It is called with m_mutex held, on "SsdpDiscoveryTask" and
+    /// on the thread of the destructor: it must copy the product and must not call this object.
+    SsdpDiscovery(IHttpInterface* http, const std::string& iface, Callback<Sonarix::Product> productStateCb);
+    /// Reports every remaining device as OFFLINE. Must not run on "SsdpDiscoveryTask".
     ~SsdpDiscovery() override;
     SsdpDiscovery(const SsdpDiscovery&) = delete;
     SsdpDiscovery& operator=(const SsdpDiscovery&) = delete;
@@ -51,7 +50,7 @@ private:
     // On the task.
     void OnResourceStatus(GSSDPHandlerIF::ResourceStatus status, const std::string& usn, const std::string& location);
     void OnSearchStatus(GSSDPHandlerIF::SearchStatus status);
-    void OnParseComplete(SsdpDeviceParserIF::ParseStatus status, const Sonarix::ProductInfo& info);
+    void OnParseComplete(SsdpDeviceParser::ParseStatus status, const Sonarix::ProductInfo& info);
 
     void AddDevice(const std::string& guid, const std::string& location); ///< with m_mutex held
     void UpdateDevice(Sonarix::Product& device, GSSDPHandlerIF::ResourceStatus status, const std::string& location);
@@ -66,7 +65,7 @@ private:
     Callback<Sonarix::Product> m_productStateCb;
     NotifyTargetTaskIF* const m_task;
     std::shared_ptr<GSSDPHandlerIF> m_gssdpHandler;
-    std::unique_ptr<SsdpDeviceParserIF> m_parser; ///< goes first
+    SsdpDeviceParser m_parser; ///< destroyed first
 };
 
 } // namespace SonarixService

@@ -8,7 +8,7 @@ class ProductList;
 namespace SonarixService
 {
 
-/// The table of the devices that SSDP has found on one interface. Safe from any thread.
+/// The table of the SSDP devices of one interface. Safe from any thread.
 class SsdpDiscoveryIF
 {
 public:
@@ -21,12 +21,12 @@ public:
 
     virtual ~SsdpDiscoveryIF() = default;
 
-    /// Starts a search of `timeoutSec` seconds; what has not answered at its end is reported and removed. False where
-    /// the search was refused; then no device is listed until a later search has found it again.
+    /// Starts a search of `timeoutSec` seconds. Devices that have not responded at its end are reported and removed.
+    /// False: the search was refused, and no device is listed until a later search finds it again.
     virtual bool RefreshDeviceList(SearchScope state, int timeoutSec) = 0;
 
-    /// Replaces what is in `list` by copies of the devices that are ONLINE, by guid. One that is still waiting for its
-    /// description has no productinfo.
+    /// Replaces the products of `list` by copies of the devices that are ONLINE, ordered by guid. A device without a
+    /// description yet has no productinfo.
     virtual void GetProductList(Sonarix::ProductList& list) = 0;
 };
 

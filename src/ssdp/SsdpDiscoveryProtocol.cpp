@@ -3,9 +3,9 @@
 #include "http/CHttpInterface.h"
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/Timers.h"
 #include "schemas/Sonarix.pb.h"
-#include "ssdp/SsdpDeviceParser.h"
 #include "ssdp/SsdpDiscovery.h"
 
 #include <utility>
@@ -27,22 +27,22 @@ std::shared_ptr<SsdpDiscoveryProtocolIF> SsdpDiscoveryProtocol::Create()
 }
 
 SsdpDiscoveryProtocol::SsdpDiscoveryProtocol()
-    : SsdpDiscoveryProtocol(std::make_unique<CHttpInterface>(false, ""), ReadInterfaceLink)
+    : SsdpDiscoveryProtocol(std::make_unique<CHttpInterface>(false, ""), ReadInterfaceAddresses)
 {
 }
 
-SsdpDiscoveryProtocol::SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, LinkReader readLink)
+SsdpDiscoveryProtocol::SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, AddressReader readAddresses)
     : m_task(IL::CreateTask("SsdpDiscoveryProtocolTask", ""))
     , m_pollTimer(APTimerFactory::CreateTimer(m_task, "SsdpPollingTimer"))
     , m_http(std::move(http))
-    , m_readLink(std::move(readLink))
+    , m_readAddresses(std::move(readAddresses))
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "SsdpDiscoveryProtocol");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
 }
 
 SsdpDiscoveryProtocol::~SsdpDiscoveryProtocol()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~SsdpDiscoveryProtocol");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     Stop();
     IL::JoinTask(m_task);
 }
@@ -50,12 +50,12 @@ SsdpDiscoveryProtocol::~SsdpDiscoveryProtocol()
 void SsdpDiscoveryProtocol::Start(const std::string& interfaceName)
 {
     const ScopedMutex lock(m_mutex);
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Start");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     m_pollTimer->Stop();
     EndDiscovery();
     m_interfaceName = interfaceName;
     BeginDiscovery();
-    DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s: Setting timer for %d seconds", "Start",
+    DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "%s: Setting timer for %d seconds", __func__,
             static_cast<int>(kPollingPeriodMs / 1000));
     m_pollTimer->SetTimeouts(kPollingPeriodMs, kPollingPeriodMs);
     m_pollTimer->Start([this] { RefreshSonarix(); });
@@ -64,44 +64,43 @@ void SsdpDiscoveryProtocol::Start(const std::string& interfaceName)
 void SsdpDiscoveryProtocol::Stop()
 {
     const ScopedMutex lock(m_mutex);
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Stop");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     m_pollTimer->Stop();
     EndDiscovery();
 }
 
-/// With the mutex held.
+/// With m_mutex held.
 void SsdpDiscoveryProtocol::BeginDiscovery()
 {
-    m_link = m_readLink(m_interfaceName); // before the sockets are bound: what changes now differs later
-    const SsdpDeviceParserFactory makeParser = [this](NotifyTargetTaskIF* task, const ParseCallback& parsed)
-    { return std::make_unique<SsdpDeviceParser>(m_http.get(), task, parsed); };
-    m_ssdpDiscovery = std::make_shared<SsdpDiscovery>(makeParser, m_interfaceName,
+    m_addresses = m_readAddresses(m_interfaceName); // before the sockets are bound, so that no change is missed
+    m_ssdpDiscovery = std::make_shared<SsdpDiscovery>(m_http.get(), m_interfaceName,
                                                       [this](const Sonarix::Product& product)
                                                       { m_productRegistry.Send(product, CallbackConnection()); });
-    // Not only when the timer comes. Where it is refused, the next tick tries again.
+    // The first search does not wait for the timer. If it is refused, the timer starts the next one.
     m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
 }
 
-/// With the mutex held. The table's end waits for its task, which never takes our mutex.
+/// With m_mutex held. The table's destructor joins its task, which never takes m_mutex.
 void SsdpDiscoveryProtocol::EndDiscovery()
 {
     m_ssdpDiscovery.reset();
-    m_http->DiscardRequests(); // what the table has asked for; nobody hears of it any more
+    m_http->DiscardRequests(); // ends the sleeps of the table's requests; their results are dropped
 }
 
 void SsdpDiscoveryProtocol::RefreshSonarix()
 {
+    TASK_CHECK(m_task);
     const ScopedMutex lock(m_mutex);
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "RefreshSonarix");
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
     if (!m_ssdpDiscovery)
     {
         return;
     }
-    const InterfaceLink link = m_readLink(m_interfaceName);
-    if (!link.subnets.empty() && !link.IsSameAs(m_link)) // without an address there is nothing to bind to
+    const InterfaceAddresses addresses = m_readAddresses(m_interfaceName);
+    if (!addresses.subnets.empty() && !addresses.IsSameAs(m_addresses)) // sockets cannot be bound without an address
     {
         DPRINT(s_log, DPrint::LEVEL_INFO,
-               m_interfaceName << " is another interface now, or has another address: SSDP begins anew");
+               m_interfaceName << " was created again or has another address: SSDP restarts");
         EndDiscovery();
         BeginDiscovery();
         return;

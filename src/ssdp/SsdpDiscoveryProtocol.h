@@ -4,7 +4,7 @@
 #include "runtime/CallbackRegistry.h"
 #include "runtime/FactoryOverride.h"
 #include "runtime/ThreadMutex.h"
-#include "ssdp/InterfaceLink.h"
+#include "ssdp/InterfaceAddresses.h"
 
 #include <functional>
 #include <memory>
@@ -19,35 +19,37 @@ namespace SonarixService
 
 class SsdpDiscoveryIF;
 
-/// What the rest of the service sees of SSDP. Owns the table of devices from a start to a stop, the timer that has it
-/// search, and the HTTP interface that descriptions are fetched with; fans every report out to the subscribers.
-/// Task: operations run on the caller's, from any; the timer on "SsdpDiscoveryProtocolTask". Reports come on
-/// "SsdpDiscoveryTask", and on the thread that ends a table, with the table's mutex held: subscribers pass
+/// SSDP discovery for the rest of the service. Owns the table of devices from Start() to Stop(), the timer that starts
+/// the searches, and the HTTP interface for descriptions; passes every report to all subscribers.
+/// Task: the timer's handler runs on "SsdpDiscoveryProtocolTask"; the operations run on the caller's thread. Reports
+/// come on "SsdpDiscoveryTask", and on the thread that ends a table, with the table's mutex held: subscribers pass
 /// AsyncCallbacks.
-/// Owner: the controller, for the life of the process. The destructor waits for the end of its task, which it does not
-/// stop by itself.
-/// Never waits for a description: Stop() drops those that wait, and a transfer under way ends unheard within its limit.
+/// Owner: the controller, for the life of the process. The destructor joins its task and does not stop it.
+/// Never waits for a description: Stop() drops queued fetches, and the result of a running transfer is dropped.
 ///
-/// Design: each search lowers all devices and each answer raises one, so every device is reported once in 30 s as long
-/// as it lives. Those reports are a heartbeat, no news.
-/// An interface that was made anew, or has another address, without the network having been called down, is seen at the
-/// next search: the adapter's sockets are of no use then, and a new table begins, as by Start().
+/// Design: a search sets all devices to OFFLINE and each response sets one to ONLINE, so a present device is reported
+/// every 30 s. Such a report says that the device is present, not that it has changed.
+/// Before each search the interface's addresses are compared with those at the start of the table. If they differ, the
+/// sockets are useless, and a new table begins as in Start(). This covers changes without a network-down event.
 class SsdpDiscoveryProtocol final : public SsdpDiscoveryProtocolIF
 {
 public:
-    using LinkReader = std::function<InterfaceLink(const std::string& interfaceName)>;
+    using AddressReader = std::function<InterfaceAddresses(const std::string& interfaceName)>;
+
+    static std::shared_ptr<SsdpDiscoveryProtocolIF> Create();
+    static inline FactoryOverride<std::shared_ptr<SsdpDiscoveryProtocolIF> (*)()> s_factoryOverride;
 
     static std::shared_ptr<SsdpDiscoveryProtocolIF> Create();
     static inline FactoryOverride<std::shared_ptr<SsdpDiscoveryProtocolIF> (*)()> s_factoryOverride;
 
     SsdpDiscoveryProtocol();
-    /// Descriptions are fetched with `http`, not null; `readLink` tells of the interface before each search.
-    SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, LinkReader readLink);
+    /// `http` fetches the descriptions, not null; `readAddresses` is called before each search.
+    SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, AddressReader readAddresses);
     ~SsdpDiscoveryProtocol() override;
     SsdpDiscoveryProtocol(const SsdpDiscoveryProtocol&) = delete;
     SsdpDiscoveryProtocol& operator=(const SsdpDiscoveryProtocol&) = delete;
 
-    /// Searches at once, and every kPollingPeriodMs. What an earlier start has found is reported OFFLINE first.
+    /// Searches at once, and then every kPollingPeriodMs. Devices of an earlier Start() are reported OFFLINE first.
     void Start(const std::string& interfaceName) override;
     void Stop() override;
     CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) override;
@@ -55,7 +57,7 @@ public:
     void GetProductList(Sonarix::ProductList& list) override;
 
     static constexpr unsigned kPollingPeriodMs = 30'000;
-    /// How long a device has to answer each search. One that stops answering is gone 30 to 40 s after its last answer.
+    /// Time for responses to one search. A device that stops responding is removed 30 to 40 s after its last response.
     static constexpr int kSearchTimeoutSec = 10;
 
 private:
@@ -67,10 +69,10 @@ private:
     NotifyTargetTaskIF* const m_task;
     const std::shared_ptr<APTimerIF> m_pollTimer;
     const std::unique_ptr<IHttpInterface> m_http;
-    const LinkReader m_readLink;
-    CThreadMutex m_mutex; ///< guards what follows and the timer calls; taken before the table's own, never after
+    const AddressReader m_readAddresses;
+    CThreadMutex m_mutex; ///< guards the members below and the timer calls; taken before the table's mutex, never after
     std::string m_interfaceName;
-    InterfaceLink m_link;                             ///< as it was when the table was made
+    InterfaceAddresses m_addresses;                   ///< at the start of the table
     std::shared_ptr<SsdpDiscoveryIF> m_ssdpDiscovery; ///< null while stopped
 };
 

@@ -18,7 +18,7 @@ bool IsText(const std::string& text)
     return text.find('\0') == std::string::npos && Utf8::IsValid(text);
 }
 
-/// Of all nodes, without recursion.
+/// Visits all nodes without recursion: the depth comes from the network.
 bool AreTexts(const TiXmlNode* node)
 {
     while (node != nullptr)

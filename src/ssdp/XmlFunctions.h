@@ -5,21 +5,20 @@
 class TiXmlDocument;
 class TiXmlElement;
 
-/// Reading XML through TinyXML. Stateless, from any thread.
+/// Reads XML with TinyXML. Stateless, safe from any thread.
 namespace XML
 {
 
-/// Reads `text`, which XmlLook has let pass, into `document`. False: no well-formed XML (as far as TinyXML sees), or
-/// one whose texts and names are no UTF-8, or hold a NUL, once their references are replaced.
+/// Parses `text`, which XmlPrecheck has accepted, into `document`. False: TinyXML finds an error, or a text or name is
+/// not UTF-8 or contains a NUL after its character references have been replaced.
 bool Parse(TiXmlDocument* document, const std::string& text);
 
 std::string ExtractElementName(TiXmlElement* element);
 
-/// The texts directly in `element`, CDATA too, one behind the other; empty where there is none.
+/// The concatenated texts directly in `element`, including CDATA.
 std::string ExtractText(TiXmlElement* element);
 
-/// The decimal number that `text` is; 0 for anything else, and for a number that is no int32, since those are the
-/// fields that these numbers go to.
+/// The decimal number in `text`; 0 if it is not one, or is over INT32_MAX: the numbers are stored in int32 fields.
 unsigned ToUnsigned(const std::string& text);
 
 } // namespace XML

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "runtime/CallbackRegistry.h"
-#include "ssdp/GSSDPHandlerFactory.h"
 #include "ssdp/GSSDPHandlerIF.h"
 #include "tests/fakes/FakeDiscovery.h"
 
@@ -9,17 +8,16 @@
 #include <string>
 #include <vector>
 
-/// The adapter, played by the test; the factory makes the sole one, and tells when it is let go of.
-struct FakeGSSDPHandler final : SonarixService::GSSDPHandlerIF,
-                                SonarixService::GSSDPHandlerFactory::detail::GSSDPHandlerFactoryIF
+/// A scripted handler. It replaces the real one while it exists; `calls` records its creation and its release.
+struct FakeGSSDPHandler final : SonarixService::GSSDPHandlerIF, SonarixService::GSSDPHandlerIF::Factory
 {
     FakeGSSDPHandler()
     {
-        SonarixService::GSSDPHandlerFactory::SetOverride(this);
+        s_factoryOverride.Set(this);
     }
     ~FakeGSSDPHandler() override
     {
-        SonarixService::GSSDPHandlerFactory::SetOverride(nullptr);
+        s_factoryOverride.Set(nullptr);
     }
     std::shared_ptr<SonarixService::GSSDPHandlerIF> Create(const std::string& interfaceName) override
     {

@@ -8,12 +8,11 @@
 #include <utility>
 #include <vector>
 
-/// HTTP played by the test: a GET waits here until it is answered. Settings are noted, the rest does nothing.
+/// A scripted HTTP engine: a GET is stored until the test answers it. Settings are recorded; other requests do nothing.
 ///
 ///     FakeHttp http;
 ///     ...
 ///     http.Answer(0, 200, "<root/>");
-///     http.m_onRetryWait(true);
 class FakeHttp : public IHttpInterface
 {
 public:
@@ -41,15 +40,13 @@ public:
     std::vector<std::string> m_urls;
     std::vector<ResponseCallback> m_callbacks;
     std::vector<std::string> m_settings;
-    Callback<bool> m_onRetryWait;
     bool m_hasNoThread = false;
 
     // clang-format off
     void SetRetries(int retries) override { Note("retries", static_cast<std::size_t>(retries)); }
     void SetTimeout(int seconds) override { Note("timeout", static_cast<std::size_t>(seconds)); }
-    void SetMaxAnswerBytes(std::size_t bytes) override { Note("bytes", bytes); }
-    void SetMaxRunningRequests(std::size_t count) override { Note("running", count); }
-    void SetRetryWaitCallback(const Callback<bool>& callback) override { m_onRetryWait = callback; }
+    void SetMaxResponseBytes(std::size_t bytes) override { Note("bytes", bytes); }
+    void SetMaxSleepingRequests(std::size_t count) override { Note("sleeping", count); }
     using Text = const std::string&;
     using Number = std::uint32_t;
     OpHandle PostBinaryData(Text, const Http::Bytes&, Text, const ResponseCallback&, Number, Text, Number, Number, const Http::Headers&) override { return {}; }

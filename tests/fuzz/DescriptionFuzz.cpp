@@ -1,4 +1,4 @@
-/// Device descriptions, as their devices send them, through the whole parser. An input is a body.
+/// Passes device descriptions through SsdpDeviceParser. An input is the body of a response.
 #include "base/Utf8.h"
 #include "runtime/engine/Simulation.h"
 #include "schemas/Sonarix.pb.h"
@@ -16,7 +16,7 @@ using Fuzz::Require;
 namespace
 {
 
-/// Whether a text of the printer's has an escaped NUL; a backslash of the text itself is doubled.
+/// True if the printer's text has an escaped NUL. The printer doubles each backslash of a string.
 bool HasNul(const std::string& text)
 {
     for (std::size_t at = text.find('\\'); at < text.size(); at = text.find('\\', at + 2))
@@ -60,7 +60,7 @@ struct Parser
                                 Require(printer.PrintToString(info, &text) && Utf8::IsValid(text), "no UTF-8");
                                 Require(!HasNul(text), "a NUL");
                                 Require(status == SsdpDeviceParser::PARSE_SUCCESS || info.ByteSizeLong() < 30,
-                                        "a failure that has changed the record");
+                                        "a failure changed the record");
                             }};
 };
 

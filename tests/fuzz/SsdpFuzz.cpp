@@ -1,10 +1,10 @@
-/// Datagrams through the announcement gate into the real resource browser, as they come from the network.
+/// Passes datagrams through AnnouncementFilter to the real resource browser.
 ///
-/// An input is any number of datagrams, each ended by a NUL (which ends a datagram for the library as well). The first
-/// byte of each chooses the sender and whether a new search begins before it.
-#include "ssdp/AnnouncementGate.h"
+/// An input is a sequence of datagrams, each ended by a NUL, which also ends a datagram for the library. The first byte
+/// of each selects the sender, and whether a new search begins before it.
+#include "ssdp/AnnouncementFilter.h"
 #include "ssdp/GlibLog.h"
-#include "ssdp/MessageFilter.h"
+#include "ssdp/MessageInterceptor.h"
 #include "tests/fuzz/FuzzChecks.h"
 
 #include <libgssdp/gssdp.h>
@@ -27,12 +27,12 @@ namespace
 const char* const kTargets[] = {"urn:schemas-upnp-org:device:MediaRenderer:1", "ssdp:all"};
 const char* const kSenders[] = {"10.77.0.2", "10.77.0.3", "10.77.0.1", "192.168.1.1"};
 
-InterfaceLink Link()
+InterfaceAddresses Addresses()
 {
     return {{{*ParseIPv4("10.77.0.1"), 0xFFFFFF00}}, {*ParseIPv4("10.77.0.1")}};
 }
 
-/// A client that sends nothing, in a network namespace of this process, with the gate and a browser behind it.
+/// An inactive client in a new network namespace, with the filter and a browser.
 struct Browser
 {
     Browser()
@@ -45,8 +45,8 @@ struct Browser
         client = gssdp_client_new_full("lo", nullptr, 0, GSSDP_UDA_VERSION_1_0, &error);
         Require(client != nullptr, "no client");
         g_object_set(client, "active", FALSE, nullptr);
-        filter = std::make_unique<MessageFilter>(client, gate);
-        Require(filter->IsConnected(), "no signal");
+        interceptor = std::make_unique<MessageInterceptor>(client, filter);
+        Require(interceptor->IsConnected(), "no signal");
         browser = gssdp_resource_browser_new(client, "ssdp:all");
         g_signal_connect(browser, "resource-available", G_CALLBACK(&Browser::OnAvailable), this);
         g_signal_connect(browser, "resource-unavailable", G_CALLBACK(&Browser::OnUnavailable), this);
@@ -73,12 +73,12 @@ struct Browser
     {
         gssdp_resource_browser_set_active(browser, FALSE);
         known.clear();
-        gate.Restart(target, Link());
+        filter.Restart(target, Addresses());
         gssdp_resource_browser_set_target(browser, target);
         gssdp_resource_browser_set_active(browser, TRUE);
     }
 
-    /// Parses as the client does.
+    /// Parses a datagram like GSSDPClient.
     void Receive(const char* sender, const std::string& datagram)
     {
         const Fuzz::TimeLimit limit;
@@ -116,13 +116,13 @@ struct Browser
         soup_message_headers_unref(headers);
         g_free(method);
         g_free(path);
-        Require(known.size() <= std::size_t{4} * AnnouncementGate::kMaxUsnsOfSender,
+        Require(known.size() <= std::size_t{4} * AnnouncementFilter::kMaxUsnsOfSender,
                 "more USNs than four senders may have");
     }
 
     GSSDPClient* client = nullptr;
-    AnnouncementGate gate;
-    std::unique_ptr<MessageFilter> filter;
+    AnnouncementFilter filter;
+    std::unique_ptr<MessageInterceptor> interceptor;
     GSSDPResourceBrowser* browser = nullptr;
     std::set<std::string> known;
 };

@@ -35,7 +35,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-/// What has been delivered. Shared with the requests: a thread of one may outlive a test that gives up.
+/// The delivered responses. Shared with the requests, whose threads may outlive a failed test.
 class Responses final
 {
 public:
@@ -77,11 +77,11 @@ std::size_t RequestThreads()
     return count;
 }
 
-/// The kernel says nothing when a thread ends, so this looks until there are `count`.
-bool ThreadsBecome(std::size_t count)
+/// Polls, because the kernel reports no end of a thread.
+bool AllThreadsEnd()
 {
     const auto limit = std::chrono::steady_clock::now() + 60s;
-    while (RequestThreads() != count || Threads_Http::CountAsyncTasks() != count)
+    while (RequestThreads() != 0 || Threads_Http::CountAsyncTasks() != 0)
     {
         if (std::chrono::steady_clock::now() > limit)
         {
@@ -92,15 +92,10 @@ bool ThreadsBecome(std::size_t count)
     return true;
 }
 
-bool AllThreadsEnd()
-{
-    return ThreadsBecome(0);
-}
-
-// First of all: the stack of a thread that has ended would do for a new one. Not with sanitizers, whose shadows need
-// all the addresses they can get.
+// The first test: a new thread could reuse the stack of an ended one. Not with sanitizers, whose shadow memory needs
+// more address space than the limit allows.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST(CHttpInterface, WithoutAThreadTheRequesterGetsTheExceptionAndTheNextOneWorks)
+TEST(CHttpInterface, FailedThreadCreationThrowsAndTheNextRequestWorks)
 {
     const ForkedResult result = RunForked(
         []
@@ -108,7 +103,6 @@ TEST(CHttpInterface, WithoutAThreadTheRequesterGetsTheExceptionAndTheNextOneWork
             HttpServer server([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(200)); });
             const Responses responses;
             CHttpInterface http(false, "");
-            http.SetMaxRunningRequests(1);
             rlimit before{};
             getrlimit(RLIMIT_AS, &before);
             const rlimit none{1, before.rlim_max};
@@ -131,7 +125,14 @@ TEST(CHttpInterface, WithoutAThreadTheRequesterGetsTheExceptionAndTheNextOneWork
 }
 #endif
 
-TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
+std::string ThreadName()
+{
+    std::array<char, 16> name{};
+    pthread_getname_np(pthread_self(), name.data(), name.size());
+    return name.data();
+}
+
+TEST(CHttpInterface, OperationDeliversOneRecordOnItsOwnThread)
 {
     HttpServer server(
         [](HttpServer::Exchange& exchange)
@@ -144,14 +145,12 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
     std::atomic<int> onOwnThread = 0;
     const auto callback = [&](const Http::HSMResponse& response)
     {
-        std::array<char, 16> name{};
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        onOwnThread += std::string(name.data()) == "Async Task" ? 1 : 0;
+        onOwnThread += ThreadName() == "Async Task" ? 1 : 0;
         Into(responses)(response);
     };
     CHttpInterface http(false, "");
     const std::string url = server.Url("/x");
-    http.Get(url, {}, 0, "", 0, 0, {}); // delivers nothing
+    http.Get(url, {}, 0, "", 0, 0, {}); // an empty callback
     ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 1; }));
 
     const std::string file = directory.Path() + "/file";
@@ -184,18 +183,17 @@ TEST(CHttpInterface, EachOperationDeliversOneRecordOnItsOwnThread)
     }
     EXPECT_EQ(onOwnThread, static_cast<int>(operations.size()));
     EXPECT_EQ(std::filesystem::file_size(file), 4u);
-    EXPECT_EQ(responses->Get().back().status, 404);
     const std::vector<HttpServer::Request> requests = server.Requests().Get();
     EXPECT_EQ(requests.at(1).m_headers.at("X-Asked") + requests.at(6).m_headers.at("X-Asked"), "11");
     EXPECT_EQ(requests.at(2).m_headers.at("Content-Type"), "a/b");
     EXPECT_TRUE(AllThreadsEnd());
 }
 
-// One answer, and what follows it: delivered at once, or a wait of a length in a range.
+// One response, and its effect: delivered at once, or a sleep of a length in this range.
 struct RetryCase
 {
     std::string m_what;
-    int m_status; ///< 0: nobody listens
+    int m_status; ///< 0: connection refused
     std::vector<std::string> m_headers;
     unsigned m_lowest; ///< 0: no retry
     unsigned m_highest;
@@ -204,29 +202,44 @@ struct RetryCase
     bool m_defaultRetries = false;
 };
 
-TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
+void ExpectRetry(const RetryCase& one)
+{
+    LogCapture log("6");
+    HttpServer server([&one](HttpServer::Exchange& exchange)
+                      { exchange.Send(HttpServer::Answer(one.m_status, one.m_headers)); });
+    const std::string url =
+        one.m_status == 0 ? "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()) : server.Url("/");
+    CHttpInterface http(one.m_defaultRetries, "");
+    if (one.m_setUp)
+    {
+        one.m_setUp(http);
+    }
+    const Responses responses;
+    const IHttpInterface::OpHandle handle = Get(http, url, responses);
+    unsigned wait = 0;
+    if (one.m_lowest != 0)
+    {
+        const std::string begin = "Attempt:1 retrying GET in ";
+        ASSERT_TRUE(log.WaitFor(begin)) << one.m_what << log.Text();
+        const std::string text = log.Text();
+        wait = static_cast<unsigned>(std::stoul(text.substr(text.find(begin) + begin.size())));
+        EXPECT_TRUE(responses->Get().empty());
+        handle->Cancel();
+    }
+    ASSERT_TRUE(Come(responses, 1)) << one.m_what << log.Text();
+    EXPECT_TRUE(wait >= one.m_lowest && wait <= one.m_highest) << one.m_what << ": " << wait;
+    EXPECT_EQ(responses->Get().front().status, one.m_status);
+    EXPECT_EQ(handle->GetAttemptCount(), one.m_lowest != 0 ? 1 : 0) << one.m_what;
+    EXPECT_EQ(handle->WasRateLimited(), one.m_status == 429 && one.m_what != "limits ignored") << one.m_what;
+    EXPECT_TRUE(log.Contains(one.m_line)) << one.m_what << log.Text();
+}
+
+TEST(CHttpInterface, ResponseHeadersDecideTheRetry)
 {
     const std::string later = "X-Ratelimit-Reset: " + std::to_string(std::time(nullptr) + 1000);
     const std::string past = "X-Ratelimit-Reset: " + std::to_string(std::time(nullptr) - 1);
     const std::string over = "X-Ratelimit-Remaining: 0";
-    const std::string exponential = "X-Retry-Behavior: exponential";
-    const std::string first = "Using first back off value of:100 for exponential retry";
     const auto limitsIgnored = [](CHttpInterface& http) { http.SetRateLimitHandling(false); };
-    const auto backOff = [](CHttpInterface& http)
-    {
-        http.SetRetryBackoff({100, 200}, false);
-        http.SetRetryStatusCodes({503});
-    };
-    const auto backOffForAny = [&backOff](CHttpInterface& http)
-    {
-        backOff(http);
-        http.SetRetryOnAnyStatus(true);
-    };
-    const auto backOffAsItStands = [&backOffForAny](CHttpInterface& http)
-    {
-        backOffForAny(http);
-        http.SetRetryType(0);
-    };
     const std::vector<RetryCase> cases = {
         {"nothing named", 503, {}, 0, 0, "CheckIfRetryNeededAndSleep: The GET request for http://127.0.0.1:"},
         {"not a retry status", 404, {"Retry-After: 10"}, 0, 0, "failed with 404"},
@@ -248,6 +261,30 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
         {"never shortened", 429, {"X-Ratelimit-Remaining: 7", "Retry-After: 20"}, 20, 26, "Remaining value is:7"},
         {"behavior, no default", 429, {"X-Retry-Behavior: constant"}, 0, 0, "failed with 429"},
         {"limits ignored", 429, {"Retry-After: 10"}, 0, 0, "failed with 429", limitsIgnored},
+    };
+    std::for_each(cases.begin(), cases.end(), ExpectRetry);
+}
+
+TEST(CHttpInterface, BackOffTableDecidesTheRetry)
+{
+    const std::string exponential = "X-Retry-Behavior: exponential";
+    const std::string first = "Using first back off value of:100 for exponential retry";
+    const auto backOff = [](CHttpInterface& http)
+    {
+        http.SetRetryBackoff({100, 200}, false);
+        http.SetRetryStatusCodes({503});
+    };
+    const auto backOffForAny = [&backOff](CHttpInterface& http)
+    {
+        backOff(http);
+        http.SetRetryOnAnyStatus(true);
+    };
+    const auto backOffAsItStands = [&backOffForAny](CHttpInterface& http)
+    {
+        backOffForAny(http);
+        http.SetRetryType(0);
+    };
+    const std::vector<RetryCase> cases = {
         {"default table", 0, {}, 10, 20, "check for backOff retries", {}, true},
         {"back-off", 503, {}, 70, 130, "defaulting to back off retries count of:2", backOff},
         {"not for this status", 404, {}, 0, 0, "failed with 404", backOff},
@@ -256,41 +293,11 @@ TEST(CHttpInterface, WhatTheAnswerAndTheSettingsMakeOfARetry)
         {"grows from the first", 503, {exponential}, 70, 130, first, backOffForAny},
         {"as it stands", 503, {}, 100, 100, "Ignoring X_RETRY_BEHAVIOR", backOffAsItStands},
     };
-    for (const RetryCase& one : cases)
-    {
-        LogCapture log("6");
-        HttpServer server([&one](HttpServer::Exchange& exchange)
-                          { exchange.Send(HttpServer::Answer(one.m_status, one.m_headers)); });
-        const std::string url =
-            one.m_status == 0 ? "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()) : server.Url("/");
-        CHttpInterface http(one.m_defaultRetries, "");
-        if (one.m_setUp)
-        {
-            one.m_setUp(http);
-        }
-        const Responses responses;
-        const IHttpInterface::OpHandle handle = Get(http, url, responses);
-        unsigned wait = 0;
-        if (one.m_lowest != 0)
-        {
-            const std::string begin = "Attempt:1 retrying GET in ";
-            ASSERT_TRUE(log.WaitFor(begin)) << one.m_what << log.Text();
-            const std::string text = log.Text();
-            wait = static_cast<unsigned>(std::stoul(text.substr(text.find(begin) + begin.size())));
-            EXPECT_TRUE(responses->Get().empty());
-            handle->Cancel();
-        }
-        ASSERT_TRUE(Come(responses, 1)) << one.m_what << log.Text();
-        EXPECT_TRUE(wait >= one.m_lowest && wait <= one.m_highest) << one.m_what << ": " << wait;
-        EXPECT_EQ(responses->Get().front().status, one.m_status);
-        EXPECT_EQ(handle->GetAttemptCount(), one.m_lowest != 0 ? 1 : 0) << one.m_what;
-        EXPECT_EQ(handle->WasRateLimited(), one.m_status == 429 && one.m_what != "limits ignored") << one.m_what;
-        EXPECT_TRUE(log.Contains(one.m_line)) << one.m_what << log.Text();
-    }
+    std::for_each(cases.begin(), cases.end(), ExpectRetry);
 }
 
-// Waits of a second, all at the same time.
-TEST(CHttpInterface, RetriesAreCountedAndWaitsGrowByTheTable)
+// Sleeps of one second, all at the same time.
+TEST(CHttpInterface, RetriesAreCountedAndSleepsFollowTheTable)
 {
     LogCapture log("3");
     const std::string after = "Retry-After: 1";
@@ -332,8 +339,8 @@ TEST(CHttpInterface, RetriesAreCountedAndWaitsGrowByTheTable)
     EXPECT_EQ(asked["DELETE/table"], 3);
 }
 
-/// Answers "/hold..." as soon as it is let go, "/...retry..." with the wait that its number says when it is asked
-/// first, all else at once.
+/// Answers "/hold..." after LetGo(), and all other targets at once. The first response to "/...retryN" is a 503 that
+/// asks for a retry after N seconds.
 class HoldingServer final
 {
 public:
@@ -360,7 +367,7 @@ public:
     {
         LetGo(1'000'000);
     }
-    void LetGo(int requests) ///< the first so many
+    void LetGo(int requests) ///< the first `requests` exchanges
     {
         m_free.Set(requests);
     }
@@ -388,125 +395,100 @@ std::vector<std::string> UrlsOf(const Responses& responses, std::size_t hostByte
     return urls;
 }
 
-TEST(CHttpInterface, CancelKeepsAWaitFromStartingAndLetsATransferEnd)
+TEST(CHttpInterface, CancelPreventsASleepAndLetsTheTransferEnd)
 {
     HoldingServer server;
     const Responses responses;
     std::optional<CHttpInterface> http(std::in_place, false, "");
     http->SetTimeout(60);
     const IHttpInterface::OpHandle handle = Get(*http, server.Url("/hold-retry3600"), responses);
-    Get(*http, server.Url("/hold"), responses); // its handle goes, it does not
+    Get(*http, server.Url("/hold"), responses); // dropping the handle does not cancel the request
     ASSERT_TRUE(server.HasBeenAsked(2));
     handle->Cancel();
-    http.reset(); // touches no request
+    http.reset(); // ends no request
     EXPECT_TRUE(responses->Get().empty());
     server.LetGo(2);
     ASSERT_TRUE(Come(responses, 2));
     for (const Http::HSMResponse& response : responses->Get())
     {
-        EXPECT_EQ(server.Url(response.body), response.url) << "the last answer";
+        EXPECT_EQ(server.Url(response.body), response.url) << "the last response";
     }
     EXPECT_TRUE(AllThreadsEnd());
     EXPECT_TRUE(server.HasBeenAsked(2));
 }
 
-TEST(CHttpInterface, BoundsHoldForAllAndADiscardLeavesNothingBehind)
+/// Starts a request and returns when it sleeps for `seconds`.
+IHttpInterface::OpHandle Sleeper(CHttpInterface& http, const HoldingServer& server, int seconds,
+                                 const Responses& responses)
 {
-    auto log = std::make_unique<LogCapture>("3");
+    const LogCapture log("3");
+    const std::string url = server.Url("/retry" + std::to_string(seconds));
+    const IHttpInterface::OpHandle handle = Get(http, url, responses);
+    EXPECT_TRUE(log.WaitFor("seconds on " + url)) << log.Text();
+    return handle;
+}
+
+TEST(CHttpInterface, SleepingRequestsAreBounded)
+{
     HoldingServer server;
     const Responses responses;
     const std::size_t host = server.Url("").size();
     CHttpInterface http(false, "");
-    http.SetTimeout(60);
-    http.SetMaxRunningRequests(2);
-    // Two that wait for an hour hold up nobody; a third may not wait.
-    Get(http, server.Url("/retry3601"), responses);
-    Get(http, server.Url("/retry3602"), responses);
-    ASSERT_TRUE(log->WaitFor("seconds on " + server.Url("/retry3601")) &&
-                log->WaitFor("seconds on " + server.Url("/retry3602")));
-    Get(http, server.Url("/retry3603"), responses);
-    ASSERT_TRUE(Come(responses, 1));
-    EXPECT_TRUE(log->Contains(server.Url("/retry3603") + " is not retried")) << log->Text();
-    log.reset();
-    for (const std::string target : {"/hold1", "/hold2", "/hold3", "/4", "/5"})
+    http.SetMaxSleepingRequests(2);
+    const IHttpInterface::OpHandle first = Sleeper(http, server, 3601, responses);
+    Sleeper(http, server, 3602, responses);
     {
-        Get(http, server.Url(target), responses);
+        const LogCapture log("2");
+        Get(http, server.Url("/retry3603"), responses);
+        ASSERT_TRUE(Come(responses, 1));
+        EXPECT_EQ(responses->Get().front().status, 503);
+        EXPECT_TRUE(log.Contains("/retry3603 is not retried: 2 requests sleep before their retry already"))
+            << log.Text();
     }
-    ASSERT_TRUE(server.HasBeenAsked(5));
-    EXPECT_TRUE(ThreadsBecome(4));
-    server.LetGo(4); // the request that came fourth
-    ASSERT_TRUE(server.HasBeenAsked(6));
-    EXPECT_TRUE(ThreadsBecome(4));
+    Get(http, server.Url("/other"), responses); // the bound does not concern transfers
     ASSERT_TRUE(Come(responses, 2));
-    responses->Set({});
 
+    first->Cancel(); // a cancelled sleep counts no longer, and neither does one that is over
+    ASSERT_TRUE(Come(responses, 3));
+    Sleeper(http, server, 1, responses);
+    ASSERT_TRUE(Come(responses, 4));
+    Sleeper(http, server, 3604, responses);
+    EXPECT_THAT(UrlsOf(responses, host), testing::ElementsAre("/retry3603", "/other", "/retry3601", "/retry1"));
+    EXPECT_EQ(responses->Get().back().status, 200);
     http.DiscardRequests();
-    ASSERT_TRUE(Come(responses, 2)) << "those that waited for their retry";
-    EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre("/retry3601", "/retry3602"));
-    responses->Set({});
-    server.LetGo(1000);
     EXPECT_TRUE(AllThreadsEnd());
-    EXPECT_THAT(UrlsOf(responses, host), testing::UnorderedElementsAre(testing::StartsWith("/hold"), "/hold3"))
-        << "those in exchange; nobody else";
+}
+
+TEST(CHttpInterface, DiscardEndsSleepsAndLetsTransfersEnd)
+{
+    HoldingServer server;
+    const Responses responses;
+    CHttpInterface http(false, "");
+    http.SetTimeout(60);
+    Sleeper(http, server, 3600, responses);
+    Get(http, server.Url("/hold-retry3600"), responses);
+    ASSERT_TRUE(server.HasBeenAsked(2));
+    http.DiscardRequests();
+    ASSERT_TRUE(Come(responses, 1));
+    server.LetGo(2);
+    ASSERT_TRUE(Come(responses, 2));
+    EXPECT_THAT(UrlsOf(responses, server.Url("").size()), testing::ElementsAre("/retry3600", "/hold-retry3600"));
+    EXPECT_TRUE(AllThreadsEnd());
     Get(http, server.Url("/new"), responses);
     EXPECT_TRUE(Come(responses, 3));
 
-    // And those that wait for a proxy, which they would do for ever.
+    // A request that waits for its proxy would otherwise wait without limit.
     CHttpInterface proxied(false, "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()));
-    LogCapture again("3");
+    const LogCapture log("3");
     Get(proxied, server.Url("/"), responses);
-    ASSERT_TRUE(again.WaitFor("Failed to connect to the proxy, retrying connection after: 5"));
+    ASSERT_TRUE(log.WaitFor("Failed to connect to the proxy, retrying connection after: 5"));
     proxied.DiscardRequests();
     ASSERT_TRUE(responses->WaitUntil([](const auto& all) { return all.size() == 4; }, 4s));
     EXPECT_EQ(responses->Get().back().curlStatus, 7);
     EXPECT_TRUE(AllThreadsEnd());
 }
 
-TEST(CHttpInterface, ARetryWaitsForItsTurnAndItsRequesterKnowsOfItsWait)
-{
-    const LogCapture log("3");
-    HoldingServer server;
-    const Responses responses;
-    Watched<std::string> waits;
-    CHttpInterface http(false, "");
-    http.SetMaxRunningRequests(1);
-    http.SetRetryWaitCallback([&waits](bool begins)
-                              { waits.Change([begins](std::string& all) { all += begins ? "begins " : "ends "; }); });
-    Get(http, server.Url("/retry1"), responses);
-    ASSERT_TRUE(waits.WaitFor("begins "));
-    Get(http, server.Url("/hold"), responses);
-    Get(http, server.Url("/last"), responses);
-    ASSERT_TRUE(waits.WaitFor("begins ends "));
-    EXPECT_FALSE(server.HasBeenAsked(3, 300ms)) << "one at a time";
-    server.LetGo(2);
-    ASSERT_TRUE(Come(responses, 3)) << log.Text();
-    EXPECT_THAT(UrlsOf(responses, server.Url("").size()), testing::ElementsAre("/hold", "/retry1", "/last"));
-
-    // One that is cancelled needs no turn, and a discard ends the wait for one: neither is retried.
-    responses->Set({});
-    waits.Set("");
-    const IHttpInterface::OpHandle cancelled = Get(http, server.Url("/retry3600"), responses);
-    ASSERT_TRUE(waits.WaitFor("begins "));
-    Get(http, server.Url("/hold"), responses);
-    cancelled->Cancel();
-    ASSERT_TRUE(Come(responses, 1));
-    server.LetGo(6);
-    ASSERT_TRUE(Come(responses, 2));
-
-    waits.Set("");
-    Get(http, server.Url("/last-retry1"), responses);
-    ASSERT_TRUE(waits.WaitFor("begins "));
-    Get(http, server.Url("/hold"), responses);
-    ASSERT_TRUE(waits.WaitFor("begins ends "));
-    http.DiscardRequests();
-    ASSERT_TRUE(Come(responses, 3));
-    EXPECT_EQ(responses->Get().front().status + responses->Get().back().status, 2 * 503);
-    server.LetGo(8);
-    EXPECT_TRUE(AllThreadsEnd());
-    EXPECT_TRUE(server.HasBeenAsked(8));
-}
-
-/// One whose exchanges come to nothing that it could return.
+/// Throws in every exchange.
 class ThrowingFetcher final : public Http::SimpleURLFetcher
 {
 public:
@@ -517,7 +499,7 @@ public:
     }
 };
 
-TEST(CHttpInterface, ARequesterIsCalledAlthoughItsExchangeHasThrown)
+TEST(CHttpInterface, CallbackIsCalledAfterAnExceptionInTheExchange)
 {
     const LogCapture log("1");
     const Responses responses;
@@ -531,7 +513,7 @@ TEST(CHttpInterface, ARequesterIsCalledAlthoughItsExchangeHasThrown)
     EXPECT_TRUE(AllThreadsEnd());
 }
 
-TEST(CHttpInterface, WithoutALimitAllRunAtOnceAndTheLogSaysSo)
+TEST(CHttpInterface, ManyRequestsRunAtOnceAndAreLogged)
 {
     LogCapture log("2");
     HoldingServer server;
@@ -549,8 +531,8 @@ TEST(CHttpInterface, WithoutALimitAllRunAtOnceAndTheLogSaysSo)
     EXPECT_TRUE(log.Contains("Potentially too many async tasks running: 22"));
 }
 
-// Wherever the wake falls, before, between or in the wait.
-TEST(EventWaiter, NoWakeIsLost)
+// Whether Wake() comes before Wait(), in it, or between its test of the flag and its poll().
+TEST(EventWaiter, WakeIsNeverLost)
 {
     EventWaiter waiter;
     EXPECT_EQ(waiter.Wait(0), EventWaiter::TIMED_OUT);
@@ -568,7 +550,7 @@ TEST(EventWaiter, NoWakeIsLost)
         EXPECT_EQ(waiter.Wait(10), EventWaiter::WOKEN);
         EXPECT_LT(std::chrono::steady_clock::now() - begin, 9s);
         waker.join();
-        EXPECT_EQ(waiter.Wait(10), EventWaiter::WOKEN) << "it stays woken";
+        EXPECT_EQ(waiter.Wait(10), EventWaiter::WOKEN) << "until Reset()";
         waiter.Reset();
     }
 }

@@ -38,12 +38,12 @@ HttpServer::Handler Answering(const std::string& bytes)
     return [bytes](HttpServer::Exchange& exchange) { exchange.Send(bytes); };
 }
 
-// One fetcher, so that each verb meets what the one before it left in the handle.
-TEST(SimpleURLFetcher, EachVerbSendsItsOwnAndNothingOfTheOneBefore)
+// One fetcher: no verb may send what the previous one left in the handle.
+TEST(SimpleURLFetcher, VerbSendsNothingOfThePreviousRequest)
 {
     HttpServer server(Answering(HttpServer::Answer(200)));
     SimpleURLFetcher fetcher(server.Url("/x"), "");
-    const std::string large(100'000, 'p'); // one that libcurl would announce with "Expect: 100-continue"
+    const std::string large(100'000, 'p'); // libcurl announces a body of this size with "Expect: 100-continue"
     fetcher.PUT(large, "text/put", {});
     fetcher.POST(large, "text/post", {{"X-Mine", "1"}});
     fetcher.SetAuthorization("Bearer token");
@@ -80,7 +80,7 @@ TEST(SimpleURLFetcher, EachVerbSendsItsOwnAndNothingOfTheOneBefore)
     EXPECT_FALSE(requests[6].m_headers.contains("Content-Length") || requests[6].m_headers.contains("Content-Type"));
 }
 
-TEST(SimpleURLFetcher, HeadersOfTheFinalAnswerAsTheyCame)
+TEST(SimpleURLFetcher, HeadersAreThoseOfTheFinalResponse)
 {
     HttpServer server(
         [](HttpServer::Exchange& exchange)
@@ -109,17 +109,13 @@ TEST(SimpleURLFetcher, HeadersOfTheFinalAnswerAsTheyCame)
     EXPECT_EQ(followed.Refresh(), "5");
 }
 
-TEST(SimpleURLFetcher, TriesAnewWhatMayPassAndNotWhatWillNot)
+TEST(SimpleURLFetcher, FailedTransfersAndStatusesAreRetried)
 {
     LogCapture log("7");
     HttpServer server(
         [](HttpServer::Exchange& exchange)
         {
-            if (exchange.Asked().m_target == "/silent")
-            {
-                exchange.AwaitPeerGone();
-            }
-            else if (exchange.Number() == 0)
+            if (exchange.Number() == 0)
             {
                 exchange.Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\ncut");
                 exchange.Close();
@@ -146,14 +142,7 @@ TEST(SimpleURLFetcher, TriesAnewWhatMayPassAndNotWhatWillNot)
     EXPECT_TRUE(log.Contains("SimpleURLFetcher: retry needed, Curl 18, http 0, retries remaining -1"));
     EXPECT_TRUE(log.Contains("HTTP Retry"));
 
-    // A time-out is final, whatever the retries.
-    ASSERT_TRUE(fetcher.SetTimeOut(0.1F));
-    EXPECT_FALSE(fetcher.SetTimeOut(-1));
-    fetcher.SetURL(server.Url("/silent"));
-    EXPECT_EQ(fetcher.GET({}).curlCode, 28);
-    EXPECT_EQ(pauses.size(), 3u);
-
-    // Nobody listens: two retries are two, and over all exchanges.
+    // Without a server: two retries for all exchanges together.
     SimpleURLFetcher alone("http://127.0.0.1:" + std::to_string(HttpServer::FreePort()), "");
     alone.SetPause(pause);
     alone.SetRetries(2);
@@ -166,7 +155,18 @@ TEST(SimpleURLFetcher, TriesAnewWhatMayPassAndNotWhatWillNot)
     EXPECT_THAT(pauses, ElementsAre(7, 7, 7, 0, 0));
 }
 
-TEST(SimpleURLFetcher, WaitsForItsProxyAndTakesNoneFromTheEnvironment)
+TEST(SimpleURLFetcher, TimeOutIsNotRetried)
+{
+    HttpServer server([](HttpServer::Exchange& exchange) { exchange.AwaitPeerGone(); });
+    SimpleURLFetcher fetcher(server.Url("/"), "");
+    fetcher.SetRetries(-1);
+    ASSERT_TRUE(fetcher.SetTimeOut(0.1F));
+    EXPECT_FALSE(fetcher.SetTimeOut(-1));
+    EXPECT_EQ(fetcher.GET({}).curlCode, 28);
+    EXPECT_EQ(server.Requests().Get().size(), 1u);
+}
+
+TEST(SimpleURLFetcher, ProxyIsAwaitedAndNeverTakenFromTheEnvironment)
 {
     const std::uint16_t port = HttpServer::FreePort();
     setenv("http_proxy", ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);
@@ -194,20 +194,14 @@ TEST(SimpleURLFetcher, WaitsForItsProxyAndTakesNoneFromTheEnvironment)
     unsetenv("no_proxy");
 }
 
-TEST(SimpleURLFetcher, AnAnswerOverItsBoundEndsAsItArrives)
+TEST(SimpleURLFetcher, ResponseOverItsLimitEndsWhileItArrives)
 {
     std::atomic<std::size_t> sent = 0;
-    const std::string exact = HttpServer::Answer(200, {}, std::string(1000, 'b'));
     HttpServer server(
         [&](HttpServer::Exchange& exchange)
         {
             const std::string& target = exchange.Asked().m_target;
             std::string more = "1000\r\n" + std::string(0x1000, 'b') + "\r\n";
-            if (target == "/exact")
-            {
-                exchange.Send(exact);
-                return;
-            }
             exchange.Close();
             if (target == "/interim")
             {
@@ -229,10 +223,8 @@ TEST(SimpleURLFetcher, AnAnswerOverItsBoundEndsAsItArrives)
         });
     SimpleURLFetcher fetcher("", "");
     fetcher.SetTimeOut(20);
-    fetcher.SetRetries(-1); // it would not end if that were tried anew
-    fetcher.SetMaxAnswerBytes(exact.size());
-    fetcher.SetURL(server.Url("/exact"));
-    EXPECT_EQ(fetcher.GET({}).body.size(), 1000u);
+    fetcher.SetRetries(-1); // a retry would have no end
+    fetcher.SetMaxResponseBytes(1000);
     for (const std::string target : {"/body", "/headers", "/interim"})
     {
         LogCapture log("2");
@@ -241,18 +233,24 @@ TEST(SimpleURLFetcher, AnAnswerOverItsBoundEndsAsItArrives)
         EXPECT_EQ(result.curlCode, 23) << target;
         EXPECT_EQ(result.httpStatus, 0);
         EXPECT_TRUE(result.body.empty() && result.headers.empty());
-        EXPECT_TRUE(log.Contains("the answer from '" + server.Url(target) + "' is longer than " +
-                                 std::to_string(exact.size()) + " bytes"))
-            << log.Text();
-        EXPECT_EQ(log.Lines().size(), 2u) << "that, and how the fetch ended\n" << log.Text();
+        EXPECT_TRUE(log.Contains("the response from '" + server.Url(target) + "' is longer than 1000 bytes"));
+        EXPECT_EQ(log.Lines().size(), 2u) << "that line, and the failure of the fetch\n" << log.Text();
     }
-    EXPECT_LT(sent, 100'000'000u) << "the connection was not cut";
-    fetcher.SetMaxAnswerBytes(exact.size() - 1);
-    fetcher.SetURL(server.Url("/exact"));
+    EXPECT_LT(sent, 100'000'000u) << "the connection was not closed";
+}
+
+TEST(SimpleURLFetcher, ResponseOfExactlyItsLimitIsRead)
+{
+    const std::string exact = HttpServer::Answer(200, {}, std::string(1000, 'b'));
+    HttpServer server(Answering(exact));
+    SimpleURLFetcher fetcher(server.Url("/"), "");
+    fetcher.SetMaxResponseBytes(exact.size());
+    EXPECT_EQ(fetcher.GET({}).body.size(), 1000u);
+    fetcher.SetMaxResponseBytes(exact.size() - 1);
     EXPECT_EQ(fetcher.GET({}).curlCode, 23);
 }
 
-TEST(SimpleURLFetcher, RefusesWhatANeighboursUrlMustNotBringIn)
+TEST(SimpleURLFetcher, OtherProtocolsAndCredentialsInAUrlAreRefused)
 {
     HttpServer server([](HttpServer::Exchange& exchange)
                       { exchange.Send(HttpServer::Answer(302, {"Location: file:///etc/passwd"})); });
@@ -266,14 +264,14 @@ TEST(SimpleURLFetcher, RefusesWhatANeighboursUrlMustNotBringIn)
     EXPECT_EQ(codeOf("file:///etc/passwd"), 1);
     EXPECT_EQ(codeOf("ftp://" + host + "/"), 1);
     EXPECT_EQ(codeOf("gopher://" + host + "/"), 1);
-    EXPECT_EQ(codeOf("http://admin:admin@" + host + "/"), 67) << "credentials for whoever it points to";
+    EXPECT_EQ(codeOf("http://admin:admin@" + host + "/"), 67) << "credentials in the URL";
     EXPECT_EQ(codeOf("http://[::1"), 3);
     EXPECT_TRUE(server.Requests().Get().empty());
     fetcher.SetFollowRedirects(true);
     EXPECT_EQ(codeOf(server.Url("/")), 1);
 }
 
-TEST(FileFetcherCallback, PutsTheBodyOfASuccessIntoTheFileAndSaysSo)
+TEST(FileFetcherCallback, BodyOfASuccessIsWrittenToTheFile)
 {
     const TempDirectory directory;
     const std::string path = directory.Path() + "/file";

@@ -1,6 +1,7 @@
 #include "tests/simulation/SsdpRoad.h"
 
 #include "runtime/CallbackRegistry.h"
+#include "ssdp/FetchQueue.h"
 #include "ssdp/GSSDPHandlerIF.h"
 #include "ssdp/SsdpDiscoveryProtocol.h"
 #include "tests/fakes/FakeHttp.h"
@@ -104,7 +105,7 @@ public:
     OpHandle Get(const std::string& url, const ResponseCallback& callback, std::uint32_t, const std::string&,
                  std::uint32_t, std::uint32_t, const Http::Headers&) override
     {
-        const Transfer transfer{url, callback, m_onRetryWait, m_world.m_model.Fetches(url, NowMs())};
+        const Transfer transfer{url, callback, m_world.m_model.Fetches(url, NowMs())};
         if (m_road.OneIn(200))
         {
             m_world.m_model.Fetched(transfer.number, {});
@@ -130,21 +131,28 @@ private:
     {
         std::string url;
         ResponseCallback callback;
-        Callback<bool> onRetryWait;
         unsigned number; ///< the model's
     };
 
-    /// Before a retry, for as long as the device asks for.
+    /// A 503 that asks for a retry: a sleep if the bound allows one, and then the retry.
     void Wait(const Transfer& transfer)
     {
         m_world.At(m_world.Upto(300),
                    [this, transfer]
                    {
-                       transfer.onRetryWait(true);
+                       if (m_sleeping >= SonarixService::FetchQueue::kMaxSleeping)
+                       {
+                           m_world.m_model.Fetched(transfer.number, {});
+                           Http::HSMResponse response;
+                           response.status = 503;
+                           transfer.callback(response);
+                           return;
+                       }
+                       ++m_sleeping;
                        m_world.At(m_world.Upto(120'000),
                                   [this, transfer]
                                   {
-                                      transfer.onRetryWait(false);
+                                      --m_sleeping;
                                       End(transfer, m_world.Upto(300));
                                   });
                    });
@@ -196,12 +204,13 @@ private:
     SsdpRoad& m_road;
     World& m_world;
     std::map<std::string, std::string> m_told; ///< last, by URL
+    std::size_t m_sleeping = 0;
 };
 
 World::SsdpRoad::SsdpRoad(World& world)
     : m_world(world)
 {
-    SonarixService::GSSDPHandlerFactory::SetOverride(this);
+    Handler::s_factoryOverride.Set(this);
     static SsdpRoad* s_road = nullptr; // the factory is a plain function
     s_road = this;
     SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(
@@ -214,7 +223,7 @@ World::SsdpRoad::SsdpRoad(World& world)
 
 World::SsdpRoad::~SsdpRoad()
 {
-    SonarixService::GSSDPHandlerFactory::SetOverride(nullptr);
+    Handler::s_factoryOverride.Set(nullptr);
     SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ssdp/GSSDPHandlerFactory.h"
-#include "ssdp/InterfaceLink.h"
+#include "ssdp/GSSDPHandlerIF.h"
+#include "ssdp/InterfaceAddresses.h"
 #include "tests/simulation/World.h"
 
 #include <cstdint>
@@ -11,11 +11,11 @@
 /// SSDP on the simulated network: in the service, the adapter that searches and the engine that fetches descriptions;
 /// outside, the devices' answers, announcements and byebyes. Like the library, an adapter reports a device once in a
 /// search, and again only at another LOCATION.
-class World::SsdpRoad final : private SonarixService::GSSDPHandlerFactory::detail::GSSDPHandlerFactoryIF
+class World::SsdpRoad final : private SonarixService::GSSDPHandlerIF::Factory
 {
 public:
     explicit SsdpRoad(World& world);
-    ~SsdpRoad() override;
+    ~SsdpRoad();
     SsdpRoad(const SsdpRoad&) = delete;
     SsdpRoad& operator=(const SsdpRoad&) = delete;
 
@@ -42,9 +42,9 @@ private:
 
     World& m_world;
     std::weak_ptr<Adapter> m_adapter; ///< that of the service, as long as it wants SSDP
-    SonarixService::InterfaceLink m_link{{{0x0A000001, 0xFFFF0000}}, {}, 1};
-    SonarixService::InterfaceLink m_adapterLink; ///< as it was when the last adapter was made
-    std::int64_t m_multicastMs = 0;              ///< since when it passes
+    SonarixService::InterfaceAddresses m_link{{{0x0A000001, 0xFFFF0000}}, {}, 1};
+    SonarixService::InterfaceAddresses m_adapterLink; ///< as it was when the last adapter was made
+    std::int64_t m_multicastMs = 0;                   ///< since when it passes
     bool m_passesMulticast = true;
     bool m_isHanging = false;
 };

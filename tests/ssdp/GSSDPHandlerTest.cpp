@@ -1,6 +1,5 @@
 #include "ssdp/GSSDPHandlerIF.h"
 
-#include "ssdp/GSSDPHandlerFactory.h"
 #include "ssdp/GlibLog.h"
 #include "tests/ssdp/TestLan.h"
 #include "tests/support/LogCapture.h"
@@ -46,11 +45,11 @@ Event Unavailable(const std::string& guid)
     return {GSSDPHandlerIF::RESOURCE_UNAVAILABLE, Usn(guid), ""};
 }
 
-/// The real handler, and what it published.
+/// The real handler, and all that it has published.
 struct Unit
 {
     explicit Unit(const char* interface = "eth0")
-        : handler(GSSDPHandlerFactory::Create(interface))
+        : handler(GSSDPHandlerIF::Create(interface))
     {
         handler->RegisterForSearchStatus([this](GSSDPHandlerIF::SearchStatus status)
                                          { statuses.Change([status](auto& list) { list.push_back(status); }); });
@@ -81,10 +80,10 @@ struct Unit
 
     Watched<std::vector<GSSDPHandlerIF::SearchStatus>> statuses;
     Watched<Events> events;
-    std::shared_ptr<GSSDPHandlerIF> handler; ///< ends first
+    std::shared_ptr<GSSDPHandlerIF> handler; ///< destroyed first
 };
 
-TEST(GSSDPHandlerTest, EachSearchReportsAnewWhatIsThere)
+TEST(GSSDPHandlerTest, SearchReportsKnownDevicesAgain)
 {
     const LogCapture log("7");
     TestLan lan;
@@ -93,13 +92,13 @@ TEST(GSSDPHandlerTest, EachSearchReportsAnewWhatIsThere)
     lan.AddDevice("10.77.0.4",
                   TestLan::Answer("upnp:rootdevice", "uuid:tv::upnp:rootdevice", Description("10.77.0.4")));
     Unit unit;
-    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 2)) << log.Text(); // lasts a second at least
-    EXPECT_FALSE(unit.handler->StartSearch(kTarget, 0)) << "a timed search is not overtaken";
+    ASSERT_TRUE(unit.handler->StartSearch(kTarget, 2)) << log.Text(); // the search lasts at least one second
+    EXPECT_FALSE(unit.handler->StartSearch(kTarget, 0)) << "a search with a time-out is not replaced";
     EXPECT_TRUE(log.Contains("StartSearch - Search already in progress"));
     ASSERT_TRUE(unit.Sees({Available("kitchen", "10.77.0.2"), Available("hall", "10.77.0.3")})) << log.Text();
     ASSERT_TRUE(unit.Completes(1));
 
-    // Between searches: a goodbye counts from the one who announced, and is taken back by an announcement.
+    // Between searches, only the announcer's byebye counts, and a new announcement revokes it.
     unit.events.Set({});
     lan.Multicast("10.77.0.9", TestLan::Notify(kByebye, kTarget, Usn("kitchen"), ""));
     lan.Multicast("10.77.0.3", TestLan::Notify(kByebye, kTarget, Usn("hall"), ""));
@@ -127,7 +126,7 @@ TEST(GSSDPHandlerTest, EachSearchReportsAnewWhatIsThere)
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
 }
 
-TEST(GSSDPHandlerTest, DatagramsThatWouldKillTheBrowserDoNotReachIt)
+TEST(GSSDPHandlerTest, DatagramsThatAbortTheBrowserAreFiltered)
 {
     const LogCapture log;
     TestLan lan;
@@ -146,13 +145,13 @@ TEST(GSSDPHandlerTest, DatagramsThatWouldKillTheBrowserDoNotReachIt)
         lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget + "\xE2\x82", Usn("cut"), Description("10.77.0.2")));
     }
     lan.Multicast("192.168.9.9", TestLan::Notify(kAlive, kTarget, Usn("stranger"), Description("192.168.9.9")));
-    lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget, Usn("lure"), Description("127.0.0.1")));
+    lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget, Usn("loopback"), Description("127.0.0.1")));
     lan.Multicast("10.77.0.2", TestLan::Notify(kAlive, kTarget, Usn("last"), Description("10.77.0.2")));
     ASSERT_TRUE(unit.Sees({Available("last", "10.77.0.2")})) << log.Text();
     EXPECT_THAT(unit.events.Get(), ElementsAre(Available("first", "10.77.0.2"), Available("last", "10.77.0.2")));
-    EXPECT_TRUE(log.Contains("192.168.9.9 is not heard, the sender is not on the interface's link")) << log.Text();
+    EXPECT_TRUE(log.Contains("192.168.9.9 is ignored, the sender is not on the interface's subnets")) << log.Text();
 
-    // Each search looks at the link anew.
+    // Each search reads the interface's addresses again.
     TestLan::Ip("address add 192.168.9.1/24 dev eth0 label eth0:1");
     unit.events.Set({});
     ASSERT_TRUE(unit.handler->StartSearch(kTarget, 0));
@@ -161,7 +160,7 @@ TEST(GSSDPHandlerTest, DatagramsThatWouldKillTheBrowserDoNotReachIt)
     EXPECT_TRUE(unit.Sees({Available("stranger", "192.168.9.9")})) << log.Text();
 }
 
-TEST(GSSDPHandlerTest, SearchesGoOnAfterTheLinkHasBeenAway)
+TEST(GSSDPHandlerTest, SearchWorksAfterALinkDown)
 {
     const LogCapture log;
     TestLan lan;
@@ -181,7 +180,7 @@ TEST(GSSDPHandlerTest, SearchesGoOnAfterTheLinkHasBeenAway)
     EXPECT_TRUE(unit.Sees({Available("kitchen", "10.77.0.2")})) << log.Text();
 }
 
-TEST(GSSDPHandlerTest, AnInterfaceWithoutAnAddressRefusesEverySearch)
+TEST(GSSDPHandlerTest, InterfaceWithoutAnAddressRefusesEverySearch)
 {
     const LogCapture log("4");
     TestLan lan;
@@ -198,7 +197,7 @@ TEST(GSSDPHandlerTest, AnInterfaceWithoutAnAddressRefusesEverySearch)
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 2U) << log.Text();
 }
 
-TEST(GSSDPHandlerTest, WarningsThatNeighboursCauseDoNotFillTheLog)
+TEST(GSSDPHandlerTest, WarningsOfGlibAreLimited)
 {
     const LogCapture log;
     TestLan lan;

@@ -24,86 +24,110 @@ using Handler = GSSDPHandlerIF;
 namespace
 {
 
-// When it searches, and where, the simulated lives hold.
-TEST(SsdpDiscoveryProtocol, AStopLeavesNothingBehindAndTheNextStartBeginsAfresh)
+/// The protocol on a fake handler and a real HTTP server. The server answers "/hangs" after `mayAnswer`, "/busy" with a
+/// 503 that asks for a retry after an hour, and all other targets with a description. The simulation tests cover the
+/// times of the searches.
+struct SsdpDiscoveryProtocolTest : testing::Test
 {
-    const LogCapture log("4");
-    Watched<bool> mayGo{false};
-    HttpServer server(
-        [&mayGo](HttpServer::Exchange& exchange)
-        {
-            const std::string name = exchange.Asked().m_target.substr(1);
-            if (name == "hangs")
-            {
-                mayGo.WaitFor(true);
-            }
-            const std::string body = "<root><device><friendlyName>" + name + "</friendlyName></device></root>";
-            exchange.Send(name == "busy" ? HttpServer::Answer(503, {"Retry-After: 3600"})
-                                         : HttpServer::Answer(200, {}, body));
-        });
-    FakeGSSDPHandler handler;
-    const auto sighted = [&](const std::string& guid, const std::string& name)
-    { handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:" + guid, server.Url("/" + name), {}); };
-    Watched<std::vector<std::string>> reports;
-    const auto reported = [&reports](const std::vector<std::string>& expected)
-    { return reports.WaitFor(expected, 20s); };
-    // Kept: its end waits for that of its task, which nobody stops before the process ends.
-    static SsdpDiscoveryProtocol& s_protocol = *new SsdpDiscoveryProtocol;
-    const ScopedConnection connection = s_protocol.RegisterProductStateCallback(
-        [&reports](const Sonarix::Product& product)
-        {
-            const Sonarix::ProductInfo& info = product.productinfo();
-            const std::string text = info.guid() + " " + info.friendlyname() + " ";
-            reports.Change([&](auto& all) { all.push_back(text + SXCommon::ProductState_Name(product.state())); });
-        });
-    const auto listed = []
+    void Announce(const std::string& guid, const std::string& target) const
+    {
+        handler.resource.Send(Handler::RESOURCE_AVAILABLE, "uuid:" + guid, server.Url("/" + target), {});
+    }
+    bool Reported(const std::vector<std::string>& expected) const
+    {
+        return reports.WaitFor(expected, 20s);
+    }
+    std::vector<std::string> Listed() const
     {
         Sonarix::ProductList list;
-        list.add_products(); // goes
-        s_protocol.GetProductList(list);
+        list.add_products(); // GetProductList() removes it
+        protocol.GetProductList(list);
         std::vector<std::string> names;
         for (const Sonarix::Product& product : list.products())
         {
             names.push_back(product.productinfo().friendlyname());
         }
         return names;
-    };
-    EXPECT_THAT(listed(), IsEmpty());
-    s_protocol.Start("eth7");
+    }
+
+    LogCapture log{"4"};
+    Watched<bool> mayAnswer{false};
+    HttpServer server{
+        [this](HttpServer::Exchange& exchange)
+        {
+            const std::string name = exchange.Asked().m_target.substr(1);
+            if (name == "hangs")
+            {
+                mayAnswer.WaitFor(true);
+            }
+            const std::string body = "<friendlyName>" + name + "</friendlyName>";
+            exchange.Send(name == "busy" ? HttpServer::Answer(503, {"Retry-After: 3600"})
+                                         : HttpServer::Answer(200, {}, "<root><device>" + body + "</device></root>"));
+        }};
+    FakeGSSDPHandler handler;
+    Watched<std::vector<std::string>> reports;
+    /// Never destroyed: its destructor joins its task, which stops only at the end of the process.
+    SsdpDiscoveryProtocol& protocol = *new SsdpDiscoveryProtocol;
+    const ScopedConnection connection = protocol.RegisterProductStateCallback(
+        [this](const Sonarix::Product& product)
+        {
+            const Sonarix::ProductInfo& info = product.productinfo();
+            const std::string text = info.guid() + " " + info.friendlyname() + " ";
+            reports.Change([&](auto& all) { all.push_back(text + SXCommon::ProductState_Name(product.state())); });
+        });
+};
+
+TEST_F(SsdpDiscoveryProtocolTest, RestartReportsDevicesOfflineAndWaitsForNoTransfer)
+{
+    EXPECT_THAT(Listed(), IsEmpty());
+    protocol.Start("eth7");
     EXPECT_EQ(handler.iface, "eth7");
     EXPECT_THAT(handler.searches, ElementsAre("urn:schemas-upnp-org:device:MediaRenderer:1 10"));
-    sighted("a", "Kitchen");
-    ASSERT_TRUE(reported({"a Kitchen ONLINE"})) << log.Text();
-    sighted("b", "Hall");
-    ASSERT_TRUE(reported({"a Kitchen ONLINE", "b Hall ONLINE"})) << log.Text();
-    EXPECT_THAT(listed(), ElementsAre("Kitchen", "Hall"));
-    sighted("c", "busy");
+    Announce("a", "Kitchen");
+    ASSERT_TRUE(Reported({"a Kitchen ONLINE"})) << log.Text();
+    EXPECT_THAT(Listed(), ElementsAre("Kitchen"));
+    Announce("c", "busy");
     ASSERT_TRUE(log.WaitFor("Attempt:1 retrying GET in ")) << log.Text();
-    sighted("d", "hangs");
-    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 4; }));
+    Announce("d", "hangs");
+    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 3; }));
 
     const auto begin = std::chrono::steady_clock::now();
     reports.Set({});
-    s_protocol.Start("eth7"); // the old table ends first
-    EXPECT_THAT(reports.Get(), ElementsAre("a Kitchen OFFLINE", "b Hall OFFLINE", "  OFFLINE", "  OFFLINE"));
-    EXPECT_THAT(listed(), IsEmpty());
+    protocol.Start("eth7");
+    EXPECT_THAT(reports.Get(), ElementsAre("a Kitchen OFFLINE", "  OFFLINE", "  OFFLINE"));
+    EXPECT_THAT(Listed(), IsEmpty());
     EXPECT_EQ(handler.searches.size(), 2U);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s) << "no transfer is waited for";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
     reports.Set({});
-    sighted("a", "Kitchen"); // this host has fetches of the old table under way: they do not count any more
-    ASSERT_TRUE(reported({"a Kitchen ONLINE"})) << log.Text();
-    s_protocol.Stop();
-    s_protocol.Stop();
-    EXPECT_TRUE(reported({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
-    sighted("e", "late");
-    mayGo.Set(true);
+    Announce("a", "Kitchen"); // the limit of fetches for one host does not count those of the old table
+    ASSERT_TRUE(Reported({"a Kitchen ONLINE"})) << log.Text();
+    mayAnswer.Set(true);
+    protocol.Stop();
+}
+
+TEST_F(SsdpDiscoveryProtocolTest, StopDropsRunningFetches)
+{
+    protocol.Start("eth7");
+    Announce("a", "Kitchen");
+    ASSERT_TRUE(Reported({"a Kitchen ONLINE"})) << log.Text();
+    Announce("c", "busy");
+    ASSERT_TRUE(log.WaitFor("Attempt:1 retrying GET in ")) << log.Text();
+    Announce("d", "hangs");
+    ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 3; }));
+    reports.Set({});
+    protocol.Stop();
+    protocol.Stop();
+    const std::vector<std::string> offline = {"a Kitchen OFFLINE", "  OFFLINE", "  OFFLINE"};
+    EXPECT_TRUE(Reported(offline));
+    Announce("e", "late");
+    mayAnswer.Set(true);
     for (int i = 0; i < 1000 && Threads_Http::CountAsyncTasks() != 0; ++i)
     {
-        std::this_thread::sleep_for(10ms); // nobody tells of a thread's end
+        std::this_thread::sleep_for(10ms); // the end of a thread causes no event
     }
     EXPECT_EQ(Threads_Http::CountAsyncTasks(), 0U);
-    EXPECT_TRUE(reported({"a Kitchen ONLINE", "a Kitchen OFFLINE"}));
-    EXPECT_EQ(server.Requests().Get().size(), 5U);
+    EXPECT_EQ(reports.Get(), offline);
+    EXPECT_EQ(server.Requests().Get().size(), 3U);
 }
 
 } // namespace

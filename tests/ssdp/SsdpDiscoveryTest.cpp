@@ -3,6 +3,7 @@
 #include "runtime/engine/Simulation.h"
 #include "schemas/Sonarix.pb.h"
 #include "tests/fakes/FakeGSSDPHandler.h"
+#include "tests/fakes/FakeHttp.h"
 #include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -18,28 +19,12 @@ using namespace SonarixService;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Handler = GSSDPHandlerIF;
-using Parser = SsdpDeviceParserIF;
 using Scope = SsdpDiscoveryIF;
 
 namespace
 {
 
-// What the pages of the simulated lives do not show.
-
-/// Requests wait here until the test answers them.
-struct FakeParser final : Parser
-{
-    using Requests = std::vector<Sonarix::ProductInfo>;
-    explicit FakeParser(Requests& list)
-        : requests(list)
-    {
-    }
-    void ParseDevice(std::string, Sonarix::ProductInfo info) override
-    {
-        requests.push_back(std::move(info));
-    }
-    Requests& requests;
-};
+// The simulation tests cover the ordinary sequences.
 
 struct SsdpDiscoveryTest : testing::Test
 {
@@ -48,7 +33,7 @@ struct SsdpDiscoveryTest : testing::Test
         return (product.productinfo().has_guid() ? product.productinfo().guid() : "?") + " " +
                SXCommon::ProductState_Name(product.state()) + " " + product.productinfo().friendlyname();
     }
-    void Heard(Handler::ResourceStatus status, const std::string& usn)
+    void Announced(Handler::ResourceStatus status, const std::string& usn)
     {
         handler.resource.Send(status, usn, kLocation, {});
         simulation.RunUntilIdle();
@@ -58,20 +43,17 @@ struct SsdpDiscoveryTest : testing::Test
         handler.status.Send(Handler::SEARCH_COMPLETE, {});
         simulation.RunUntilIdle();
     }
-    /// Answers the oldest request.
+    /// Answers the oldest request for a description.
     void Parsed(const std::string& friendlyName)
     {
-        ASSERT_FALSE(requests.empty());
-        Sonarix::ProductInfo info = requests.front();
-        requests.erase(requests.begin());
-        info.set_friendlyname(friendlyName);
-        parsed(Parser::PARSE_SUCCESS, info);
+        ASSERT_LT(answered, http.m_urls.size());
+        http.Answer(answered++, 200, "<root><device><friendlyName>" + friendlyName + "</friendlyName></device></root>");
         simulation.RunUntilIdle();
     }
     std::vector<std::string> Listed()
     {
         Sonarix::ProductList list;
-        list.add_products()->set_state(SXCommon::ONLINE); // goes
+        list.add_products()->set_state(SXCommon::ONLINE); // GetProductList() removes it
         discovery.GetProductList(list);
         std::vector<std::string> texts;
         std::transform(list.products().begin(), list.products().end(), std::back_inserter(texts), Text);
@@ -87,20 +69,16 @@ struct SsdpDiscoveryTest : testing::Test
     IL::Simulation simulation{1};
     LogCapture log{"7"};
     FakeGSSDPHandler handler;
-    FakeParser::Requests requests;
-    ParseCallback parsed;
+    FakeHttp http;
+    std::size_t answered = 0;
     std::vector<std::string> reports;
-    SsdpDiscovery discovery{[this](NotifyTargetTaskIF*, const ParseCallback& callback)
-                            {
-                                parsed = callback;
-                                return std::make_unique<FakeParser>(requests);
-                            },
-                            "eth7", [this](const Sonarix::Product& product) { reports.push_back(Text(product)); }};
+    SsdpDiscovery discovery{&http, "eth7",
+                            [this](const Sonarix::Product& product) { reports.push_back(Text(product)); }};
 };
 
-TEST_F(SsdpDiscoveryTest, EverySearchLowersTheFlagsAlsoOneThatIsRefused)
+TEST_F(SsdpDiscoveryTest, SearchSetsAllDevicesOfflineEvenIfItIsRefused)
 {
-    Heard(Handler::RESOURCE_AVAILABLE, kUsn);
+    Announced(Handler::RESOURCE_AVAILABLE, kUsn);
     EXPECT_THAT(Listed(), ElementsAre("? ONLINE ")) << "before its description";
     handler.isReady = false;
     EXPECT_FALSE(discovery.RefreshDeviceList(static_cast<Scope::SearchScope>(3), 5));
@@ -112,25 +90,25 @@ TEST_F(SsdpDiscoveryTest, EverySearchLowersTheFlagsAlsoOneThatIsRefused)
     EXPECT_TRUE(log.Contains("RefreshDeviceList: state=(?), timeoutSec=5"));
 }
 
-TEST_F(SsdpDiscoveryTest, DescriptionsOfWhomNobodyKnowsOrOfOneThatHasGone)
+TEST_F(SsdpDiscoveryTest, DescriptionOfAnUnknownOrRemovedDeviceIsHandled)
 {
-    // Several USNs of one guid before the first description: the second request has no guid, and is dropped.
-    Heard(Handler::RESOURCE_AVAILABLE, kUsn);
-    Heard(Handler::RESOURCE_AVAILABLE, "uuid:Kitchen::upnp:rootdevice");
-    Heard(Handler::RESOURCE_AVAILABLE, "no guid");
-    ASSERT_EQ(requests.size(), 2U);
+    // Several USNs of one guid before the first description: the second request has no guid, and its result is dropped.
+    Announced(Handler::RESOURCE_AVAILABLE, kUsn);
+    Announced(Handler::RESOURCE_AVAILABLE, "uuid:Kitchen::upnp:rootdevice");
+    Announced(Handler::RESOURCE_AVAILABLE, "no guid");
+    ASSERT_EQ(http.m_urls.size(), 2U);
     EXPECT_TRUE(log.Contains("ParseGuid: Could not parse GUID from usn: no guid"));
     Parsed("One");
-    Parsed("Nobody's");
+    Parsed("Other");
     EXPECT_TRUE(log.Contains("Product Info has no guid. Cannot update map. How could this have happened??"));
     EXPECT_THAT(Reports(), ElementsAre("Kitchen ONLINE One"));
     EXPECT_THAT(Listed(), ElementsAre("Kitchen ONLINE One"));
 
-    // One that has been removed meanwhile comes back without a state, for one search.
-    Heard(Handler::RESOURCE_UNAVAILABLE, kUsn);
+    // A device that was removed before its description arrives is added without a state, until the next search.
+    Announced(Handler::RESOURCE_UNAVAILABLE, kUsn);
     Searched();
-    Heard(Handler::RESOURCE_AVAILABLE, kUsn);
-    Heard(Handler::RESOURCE_UNAVAILABLE, kUsn);
+    Announced(Handler::RESOURCE_AVAILABLE, kUsn);
+    Announced(Handler::RESOURCE_UNAVAILABLE, kUsn);
     Searched();
     Parsed("Late");
     EXPECT_THAT(Reports(), ElementsAre("Kitchen OFFLINE One", "? OFFLINE ", "Kitchen INVALID Late"));

@@ -23,8 +23,8 @@ MOST_GROWTH_OF_A_ROUND_KIB = 512
 MOST_GROWTH_AFTER_FLOOD_KIB = 10240
 FLOOD = os.path.join(os.path.dirname(os.path.realpath(__file__)), "ssdpflood.py")
 
-NO_LOCATION = "{address} is not heard, the LOCATION is missing or must not be fetched"
-TOO_LONG = "the answer from '{url}' is longer than 65536 bytes"
+NO_LOCATION = "{address} is ignored, the LOCATION is missing or must not be fetched"
+TOO_LONG = "the response from '{url}' is longer than 65536 bytes"
 NOT_PARSED = "the description at '{url}' of '{guid}' is not parsed: "
 #: What the log has to say about each, naming the device.
 LINES = {
@@ -38,7 +38,7 @@ LINES = {
     "huge-body": TOO_LONG, "endless-body": TOO_LONG, "deep-xml": TOO_LONG,
     "cut-xml": NOT_PARSED, "entity-xml": NOT_PARSED, "latin1-xml": NOT_PARSED, "utf16-xml": NOT_PARSED,
     "nul-byte": NOT_PARSED, "empty-body": NOT_PARSED + "it is empty",
-    "flapping": "{address} is not heard, it comes back or moves too often",
+    "flapping": "{address} is ignored, it returns or changes its LOCATION too often",
 }
 
 

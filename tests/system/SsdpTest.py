@@ -97,7 +97,7 @@ class Ssdp(LabCase):
         self.lab.make_link("kitchen")
         self.found(log, "the new interface")
 
-        self.found(office_log, "all that, at the new address", "office", "has another address: SSDP begins anew",
+        self.found(office_log, "all that, at the new address", "office", "has another address: SSDP restarts",
                    SEARCH_SECONDS)
         self.assertEqual(self.service_pids(), pids)
         self.all_online(self.convergence_seconds, "at the end")

@@ -1,4 +1,4 @@
-#include "ssdp/InterfaceLink.h"
+#include "ssdp/InterfaceAddresses.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -14,7 +14,7 @@ namespace SonarixService
 namespace
 {
 
-IPv4 AddressOf(const sockaddr* address)
+IPv4 IPv4FromSockaddr(const sockaddr* address)
 {
     sockaddr_in ipv4{};
     std::memcpy(&ipv4, address, sizeof ipv4);
@@ -39,36 +39,36 @@ std::optional<IPv4> ParseIPv4(std::string_view text)
     return ntohl(address.s_addr);
 }
 
-bool InterfaceLink::HasHost(IPv4 address) const
+bool InterfaceAddresses::HasHost(IPv4 address) const
 {
     return std::any_of(subnets.begin(), subnets.end(),
                        [address](const Subnet& subnet)
                        {
                            const IPv4 host = address & ~subnet.mask;
-                           const bool hasBroadcast = ~subnet.mask > 1; // a /31 and a /32 have hosts only
+                           const bool hasBroadcast = ~subnet.mask > 1; // not in a /31 and a /32 (RFC 3021)
                            return ((address ^ subnet.address) & subnet.mask) == 0 &&
                                   !(hasBroadcast && (host == 0 || host == ~subnet.mask));
                        });
 }
 
-bool InterfaceLink::IsOwn(IPv4 address) const
+bool InterfaceAddresses::IsOwn(IPv4 address) const
 {
     return std::find(own.begin(), own.end(), address) != own.end();
 }
 
-bool InterfaceLink::IsSameAs(const InterfaceLink& other) const
+bool InterfaceAddresses::IsSameAs(const InterfaceAddresses& other) const
 {
     return index == other.index && subnets == other.subnets;
 }
 
-InterfaceLink ReadInterfaceLink(const std::string& interfaceName)
+InterfaceAddresses ReadInterfaceAddresses(const std::string& interfaceName)
 {
-    InterfaceLink link;
-    link.index = if_nametoindex(interfaceName.c_str());
+    InterfaceAddresses result;
+    result.index = if_nametoindex(interfaceName.c_str());
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0)
     {
-        return link;
+        return result;
     }
     for (const ifaddrs* row = list; row != nullptr; row = row->ifa_next)
     {
@@ -76,16 +76,16 @@ InterfaceLink ReadInterfaceLink(const std::string& interfaceName)
         {
             continue;
         }
-        const IPv4 address = AddressOf(row->ifa_addr);
-        link.own.push_back(address);
-        const std::string_view name = row->ifa_name; // of a further address perhaps its label, "eth0:1"
+        const IPv4 address = IPv4FromSockaddr(row->ifa_addr);
+        result.own.push_back(address);
+        const std::string_view name = row->ifa_name; // a further address may have a label: "eth0:1"
         if (name.substr(0, name.find(':')) == interfaceName)
         {
-            link.subnets.push_back({address, AddressOf(row->ifa_netmask)});
+            result.subnets.push_back({address, IPv4FromSockaddr(row->ifa_netmask)});
         }
     }
     freeifaddrs(list);
-    return link;
+    return result;
 }
 
 } // namespace SonarixService

@@ -1,8 +1,9 @@
-#include "ssdp/MessageFilter.h"
+#include "ssdp/MessageInterceptor.h"
 
 #include "runtime/MonotonicClock.h"
-#include "ssdp/AnnouncementGate.h"
+#include "ssdp/AnnouncementFilter.h"
 
+#include <cassert>
 #include <libgssdp/gssdp.h>
 #include <libsoup/soup.h>
 
@@ -14,7 +15,7 @@ namespace
 
 const char* const kSignal = "message-received";
 
-/// The client's types of message.
+/// Values of GSSDP's internal enumeration of message types.
 enum MessageType
 {
     DISCOVERY_REQUEST = 0,
@@ -22,7 +23,7 @@ enum MessageType
     ANNOUNCEMENT = 2,
 };
 
-/// The signal, or 0 where it is not as we know it.
+/// 0: the signal does not exist or has other parameters.
 guint FindSignal()
 {
     const guint id = g_signal_lookup(kSignal, GSSDP_TYPE_CLIENT);
@@ -39,20 +40,20 @@ guint FindSignal()
                : 0;
 }
 
-/// As the browser reads it.
+/// Reads a header with the function that the browser uses, so that both see the same value.
 std::optional<std::string_view> Header(SoupMessageHeaders* headers, const char* name)
 {
     const char* const value = soup_message_headers_get_one(headers, name);
     return value != nullptr ? std::optional<std::string_view>(value) : std::nullopt;
 }
 
-SsdpMessage ToMessage(int type, SoupMessageHeaders* headers)
+SsdpMessage MessageFromHeaders(int type, SoupMessageHeaders* headers)
 {
     SsdpMessage message;
     switch (type)
     {
     case DISCOVERY_RESPONSE:
-        message.kind = SsdpMessage::Kind::ANSWER;
+        message.kind = SsdpMessage::Kind::RESPONSE;
         message.target = Header(headers, "ST");
         break;
     case ANNOUNCEMENT:
@@ -72,18 +73,18 @@ SsdpMessage ToMessage(int type, SoupMessageHeaders* headers)
 
 } // namespace
 
-MessageFilter::MessageFilter(GSSDPClient* client, AnnouncementGate& gate)
+MessageInterceptor::MessageInterceptor(GSSDPClient* client, AnnouncementFilter& filter)
     : m_client(client)
-    , m_gate(gate)
+    , m_filter(filter)
     , m_signalId(FindSignal())
 {
     if (m_signalId != 0)
     {
-        m_handlerId = g_signal_connect(client, kSignal, G_CALLBACK(&MessageFilter::OnMessageReceived), this);
+        m_handlerId = g_signal_connect(client, kSignal, G_CALLBACK(&MessageInterceptor::OnMessageReceived), this);
     }
 }
 
-MessageFilter::~MessageFilter()
+MessageInterceptor::~MessageInterceptor()
 {
     if (m_handlerId != 0)
     {
@@ -91,7 +92,7 @@ MessageFilter::~MessageFilter()
     }
 }
 
-void MessageFilter::NoteAgent(const char* fromIp, SoupMessageHeaders* headers)
+void MessageInterceptor::NoteAgent(const char* fromIp, SoupMessageHeaders* headers)
 {
     const auto server = Header(headers, "Server");
     const auto agent = server ? server : Header(headers, "User-Agent");
@@ -101,7 +102,7 @@ void MessageFilter::NoteAgent(const char* fromIp, SoupMessageHeaders* headers)
     }
     if (agent->size() > kMaxAgentBytes)
     {
-        gssdp_client_add_cache_entry(m_client, fromIp, ""); // in the place of the long one
+        gssdp_client_add_cache_entry(m_client, fromIp, ""); // replaces the long one
     }
     if (m_hosts.size() < kMaxHosts)
     {
@@ -109,14 +110,15 @@ void MessageFilter::NoteAgent(const char* fromIp, SoupMessageHeaders* headers)
     }
 }
 
-void MessageFilter::OnMessageReceived(GSSDPClient* client, const char* fromIp, unsigned, int type,
-                                      SoupMessageHeaders* headers, void* self)
+void MessageInterceptor::OnMessageReceived(GSSDPClient* client, const char* fromIp, unsigned, int type,
+                                           SoupMessageHeaders* headers, void* self)
 {
-    auto* const filter = static_cast<MessageFilter*>(self);
-    filter->NoteAgent(fromIp, headers);
-    if (!filter->m_gate.Admit(ToMessage(type, headers), fromIp, MonotonicClock::NowMs()))
+    auto* const interceptor = static_cast<MessageInterceptor*>(self);
+    assert(std::this_thread::get_id() == interceptor->m_thread);
+    interceptor->NoteAgent(fromIp, headers);
+    if (!interceptor->m_filter.Admit(MessageFromHeaders(type, headers), fromIp, MonotonicClock::NowMs()))
     {
-        g_signal_stop_emission(client, filter->m_signalId, 0);
+        g_signal_stop_emission(client, interceptor->m_signalId, 0);
     }
 }
 

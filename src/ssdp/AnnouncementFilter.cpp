@@ -1,4 +1,4 @@
-#include "ssdp/AnnouncementGate.h"
+#include "ssdp/AnnouncementFilter.h"
 
 #include "runtime/DPrint.h"
 #include "ssdp/Location.h"
@@ -23,16 +23,16 @@ bool IsPrintable(std::string_view text)
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-/// The guid of a USN, empty where it has none that is fit to be one.
-std::string_view GuidOf(std::string_view usn)
+/// Empty if `usn` has no acceptable guid.
+std::string_view GuidFromUsn(std::string_view usn)
 {
-    if (usn.size() > AnnouncementGate::kMaxUsnBytes || !usn.starts_with(kUuid) || !IsPrintable(usn))
+    if (usn.size() > AnnouncementFilter::kMaxUsnBytes || !usn.starts_with(kUuid) || !IsPrintable(usn))
     {
         return {};
     }
     usn.remove_prefix(kUuid.size());
     const std::string_view guid = usn.substr(0, usn.find(':'));
-    return guid.size() <= AnnouncementGate::kMaxGuidBytes ? guid : std::string_view();
+    return guid.size() <= AnnouncementFilter::kMaxGuidBytes ? guid : std::string_view();
 }
 
 std::size_t HashOfLocations(const SsdpMessage& message)
@@ -43,29 +43,29 @@ std::size_t HashOfLocations(const SsdpMessage& message)
     return std::hash<std::string>()(all);
 }
 
-const char* Text(AnnouncementGate::Reason reason)
+const char* Text(AnnouncementFilter::Reason reason)
 {
     switch (reason)
     {
-    case AnnouncementGate::OFF_LINK:
-        return "the sender is not on the interface's link";
-    case AnnouncementGate::TOO_MANY_SENDERS:
+    case AnnouncementFilter::OFF_LINK:
+        return "the sender is not on the interface's subnets";
+    case AnnouncementFilter::TOO_MANY_SENDERS:
         return "too many senders";
-    case AnnouncementGate::TOO_FAST:
+    case AnnouncementFilter::TOO_FAST:
         return "too many messages in a second";
-    case AnnouncementGate::BAD_TARGET:
-        return "the target is no text";
-    case AnnouncementGate::BAD_USN:
-        return "the USN is missing or is none";
-    case AnnouncementGate::NOT_ANNOUNCED:
-        return "nobody has announced it";
-    case AnnouncementGate::HELD_BY_ANOTHER:
+    case AnnouncementFilter::BAD_TARGET:
+        return "the target is not text";
+    case AnnouncementFilter::BAD_USN:
+        return "the USN is missing or invalid";
+    case AnnouncementFilter::NOT_ANNOUNCED:
+        return "it has not been announced";
+    case AnnouncementFilter::OTHER_OWNER:
         return "another address has announced it";
-    case AnnouncementGate::BAD_LOCATION:
+    case AnnouncementFilter::BAD_LOCATION:
         return "the LOCATION is missing or must not be fetched";
-    case AnnouncementGate::CHANGES_TOO_OFTEN:
-        return "it comes back or moves too often";
-    case AnnouncementGate::TOO_MANY_USNS:
+    case AnnouncementFilter::CHANGES_TOO_OFTEN:
+        return "it returns or changes its LOCATION too often";
+    case AnnouncementFilter::TOO_MANY_USNS:
         return "too many USNs";
     default:
         return "(?)";
@@ -74,39 +74,31 @@ const char* Text(AnnouncementGate::Reason reason)
 
 } // namespace
 
-void AnnouncementGate::Restart(std::string_view target, InterfaceLink link)
+void AnnouncementFilter::Restart(std::string_view target, InterfaceAddresses addresses)
 {
     m_isStarted = true;
-    m_link = std::move(link);
-
-    // What the browser makes of its target: an expression that is searched for anywhere, with any number in the place
-    // of the version.
-    const std::size_t colon = target.rfind(':');
-    const bool hasVersion = colon != std::string_view::npos && colon + 1 < target.size() && target[colon + 1] >= '0' &&
-                            target[colon + 1] <= '9' && !(target.starts_with(kUuid) && colon == kUuid.size() - 1);
-    m_cutsVersion = m_cutsVersion || hasVersion;
-    m_stem = hasVersion ? target.substr(0, colon + 1) : target;
-    m_matchesAll = target == "ssdp:all" || m_stem.find_first_of("\\^$.|?*+()[]{}") != std::string::npos;
-
+    m_addresses = std::move(addresses);
+    // The browser searches for its target in any place of ST or NT, with any number as the version.
+    m_stem = target == "ssdp:all" ? "" : target.substr(0, target.rfind(':') + 1);
     m_bareGuid.clear();
     m_senders.clear();
     m_usns.clear();
-    m_holders.clear();
+    m_owners.clear();
 }
 
-bool AnnouncementGate::Admit(const SsdpMessage& message, std::string_view sender, std::int64_t nowMs)
+bool AnnouncementFilter::Admit(const SsdpMessage& message, std::string_view sender, std::int64_t nowMs)
 {
     if (!m_isStarted)
     {
         return false;
     }
-    const Act act = ActOf(message);
-    if (act == Act::NONE)
+    const Action action = ActionOf(message);
+    if (action == Action::NONE)
     {
         return true;
     }
     const IPv4 address = ParseIPv4(sender).value_or(0);
-    const std::optional<Reason> reason = Judge(act, message, address, nowMs);
+    const std::optional<Reason> reason = Judge(action, message, address, nowMs);
     if (reason)
     {
         m_refusals.Add(Text(*reason));
@@ -115,40 +107,40 @@ bool AnnouncementGate::Admit(const SsdpMessage& message, std::string_view sender
     return !reason;
 }
 
-std::uint64_t AnnouncementGate::Refused(Reason reason) const
+std::uint64_t AnnouncementFilter::Refused(Reason reason) const
 {
     return m_refusals.Count(Text(reason));
 }
 
-AnnouncementGate::Act AnnouncementGate::ActOf(const SsdpMessage& message) const
+AnnouncementFilter::Action AnnouncementFilter::ActionOf(const SsdpMessage& message) const
 {
     if (message.kind == SsdpMessage::Kind::SEARCH || !message.target)
     {
-        return Act::NONE;
+        return Action::NONE;
     }
     if (message.target->size() > kMaxTargetBytes || !IsPrintable(*message.target))
     {
-        return Act::BROKEN; // the browser's expression takes it for valid UTF-8, unseen
+        return Action::BROKEN; // the browser passes it unchecked to a GRegex, which requires UTF-8
     }
-    if (!m_matchesAll && message.target->find(m_stem) == std::string_view::npos)
+    if (message.target->find(m_stem) == std::string_view::npos)
     {
-        return Act::NONE;
+        return Action::NONE;
     }
-    if (message.kind == SsdpMessage::Kind::ANSWER)
+    if (message.kind == SsdpMessage::Kind::RESPONSE)
     {
-        return Act::ALIVE;
+        return Action::ALIVE;
     }
     const std::string_view nts = message.nts.value_or("");
-    return nts.starts_with("ssdp:alive")    ? Act::ALIVE
-           : nts.starts_with("ssdp:byebye") ? Act::BYEBYE
-           : nts.starts_with("ssdp:update") ? Act::UPDATE
-                                            : Act::NONE;
+    return nts.starts_with("ssdp:alive")    ? Action::ALIVE
+           : nts.starts_with("ssdp:byebye") ? Action::BYEBYE
+           : nts.starts_with("ssdp:update") ? Action::UPDATE
+                                            : Action::NONE;
 }
 
-std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const SsdpMessage& message, IPv4 sender,
-                                                                std::int64_t nowMs)
+std::optional<AnnouncementFilter::Reason> AnnouncementFilter::Judge(Action action, const SsdpMessage& message,
+                                                                    IPv4 sender, std::int64_t nowMs)
 {
-    if (!m_link.HasHost(sender))
+    if (!m_addresses.HasHost(sender))
     {
         return OFF_LINK;
     }
@@ -160,35 +152,35 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     {
         return TOO_FAST;
     }
-    if (act == Act::BROKEN)
+    if (action == Action::BROKEN)
     {
         return BAD_TARGET;
     }
     const std::string usn(message.usn.value_or("").substr(0, kMaxUsnBytes + 1));
-    const std::string guid(GuidOf(usn));
+    const std::string guid(GuidFromUsn(usn));
     if (guid.empty())
     {
         return BAD_USN;
     }
 
-    const auto holder = m_holders.find(guid);
-    const bool isKnown = holder != m_holders.end();
-    if (isKnown && holder->second.sender != sender && !(holder->second.hasLeft && act == Act::ALIVE))
+    const auto owner = m_owners.find(guid);
+    const bool isKnown = owner != m_owners.end();
+    if (isKnown && owner->second.sender != sender && !(owner->second.hasLeft && action == Action::ALIVE))
     {
-        return HELD_BY_ANOTHER;
+        return OTHER_OWNER;
     }
-    const bool isBare = m_cutsVersion && usn.size() == kUuid.size() + guid.size();
-    if (isBare && m_bareGuid != guid && !(act == Act::ALIVE && m_bareGuid.empty()))
+    const bool isBare = usn.size() == kUuid.size() + guid.size();
+    if (isBare && m_bareGuid != guid && !(action == Action::ALIVE && m_bareGuid.empty()))
     {
-        return HELD_BY_ANOTHER;
+        return OTHER_OWNER;
     }
-    if (act != Act::ALIVE)
+    if (action != Action::ALIVE)
     {
         if (!isKnown)
         {
             return NOT_ANNOUNCED;
         }
-        holder->second.hasLeft = holder->second.hasLeft || act == Act::BYEBYE;
+        owner->second.hasLeft = owner->second.hasLeft || action == Action::BYEBYE;
         return std::nullopt;
     }
 
@@ -197,8 +189,8 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
         return BAD_LOCATION;
     }
     const std::size_t locations = HashOfLocations(message);
-    const bool isChange = isKnown && (holder->second.hasLeft || holder->second.locations != locations);
-    const int changes = (isKnown ? holder->second.changes : 0) + (isChange ? 1 : 0);
+    const bool isChange = isKnown && (owner->second.hasLeft || owner->second.locations != locations);
+    const int changes = (isKnown ? owner->second.changes : 0) + (isChange ? 1 : 0);
     if (isChange && changes > kMaxChangesOfProduct)
     {
         return CHANGES_TOO_OFTEN;
@@ -211,11 +203,11 @@ std::optional<AnnouncementGate::Reason> AnnouncementGate::Judge(Act act, const S
     {
         m_bareGuid = guid;
     }
-    m_holders[guid] = {sender, false, locations, changes};
+    m_owners[guid] = {sender, false, locations, changes};
     return std::nullopt;
 }
 
-bool AnnouncementGate::IsWithinRate(Sender& sender, std::int64_t nowMs)
+bool AnnouncementFilter::IsWithinRate(Sender& sender, std::int64_t nowMs)
 {
     if (sender.messagesInWindow == 0 || nowMs - sender.windowStartMs >= 1000)
     {
@@ -230,13 +222,14 @@ bool AnnouncementGate::IsWithinRate(Sender& sender, std::int64_t nowMs)
     return true;
 }
 
-bool AnnouncementGate::IsFetchable(std::string_view location, IPv4 sender) const
+bool AnnouncementFilter::IsFetchable(std::string_view location, IPv4 sender) const
 {
     const std::optional<IPv4> host = HostOfLocation(location);
-    return host && !IsLoopback(*host) && m_link.HasHost(*host) && (!m_link.IsOwn(*host) || m_link.IsOwn(sender));
+    return host && !IsLoopback(*host) && m_addresses.HasHost(*host) &&
+           (!m_addresses.IsOwn(*host) || m_addresses.IsOwn(sender));
 }
 
-bool AnnouncementGate::AreLocationsFetchable(const SsdpMessage& message, IPv4 sender) const
+bool AnnouncementFilter::AreLocationsFetchable(const SsdpMessage& message, IPv4 sender) const
 {
     if (message.location && !IsFetchable(*message.location, sender))
     {
@@ -245,7 +238,7 @@ bool AnnouncementGate::AreLocationsFetchable(const SsdpMessage& message, IPv4 se
     bool hasAny = message.location.has_value();
     if (message.furtherLocations)
     {
-        // Each one as the browser cuts them out, so that it keeps none that was not looked at.
+        // Splits the list as the browser does, so that the browser stores no unchecked LOCATION.
         const std::string_view list = *message.furtherLocations;
         std::size_t count = 0;
         for (std::size_t start = list.find('<'); start != std::string_view::npos; start = list.find('<', start))
@@ -267,7 +260,7 @@ bool AnnouncementGate::AreLocationsFetchable(const SsdpMessage& message, IPv4 se
     return hasAny;
 }
 
-bool AnnouncementGate::TakeUsn(const std::string& usn, IPv4 sender)
+bool AnnouncementFilter::TakeUsn(const std::string& usn, IPv4 sender)
 {
     const auto known = m_usns.find(usn);
     if (known != m_usns.end() && known->second == sender)
@@ -280,7 +273,7 @@ bool AnnouncementGate::TakeUsn(const std::string& usn, IPv4 sender)
     }
     if (known != m_usns.end())
     {
-        --m_senders[known->second].usns; // it has said byebye
+        --m_senders[known->second].usns; // the previous owner has sent its byebye
         known->second = sender;
     }
     else
@@ -291,17 +284,17 @@ bool AnnouncementGate::TakeUsn(const std::string& usn, IPv4 sender)
     return true;
 }
 
-void AnnouncementGate::Log(Reason reason, const SsdpMessage& message, std::string_view sender, IPv4 address,
-                           std::int64_t nowMs)
+void AnnouncementFilter::Log(Reason reason, const SsdpMessage& message, std::string_view sender, IPv4 address,
+                             std::int64_t nowMs)
 {
-    // Many products say byebye before their first announcement.
+    // Level 4 for NOT_ANNOUNCED: many products send a byebye before their first announcement.
     const DPrint::Level level = reason == NOT_ANNOUNCED ? DPrint::LEVEL_DEBUG : DPrint::LEVEL_WARNING;
     if (!s_log.IsLog(level) || !m_refusals.MayLog(address, Text(reason), nowMs))
     {
         return;
     }
     DPRINT(s_log, level,
-           sender << " is not heard, " << Text(reason) << " (" << Refused(reason) << " times so far): USN='"
+           sender << " is ignored, " << Text(reason) << " (" << Refused(reason) << " times so far): USN='"
                   << message.usn.value_or("").substr(0, kMaxLoggedBytes) << "', LOCATION='"
                   << message.location.value_or("").substr(0, kMaxLoggedBytes) << "'");
 }

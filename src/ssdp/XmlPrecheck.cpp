@@ -1,10 +1,10 @@
-#include "ssdp/XmlLook.h"
+#include "ssdp/XmlPrecheck.h"
 
 #include "base/Utf8.h"
 
 #include <algorithm>
 
-namespace XmlLook
+namespace XmlPrecheck
 {
 
 namespace
@@ -12,7 +12,7 @@ namespace
 
 constexpr const char* kCutShort = "it ends within a tag";
 
-/// Moves `at` behind the next `end`; false: there is none.
+/// Moves `at` behind the next `end`. False: there is none.
 bool SkipPast(std::string_view text, std::size_t& at, std::string_view end)
 {
     const std::size_t found = text.find(end, at);
@@ -20,7 +20,7 @@ bool SkipPast(std::string_view text, std::size_t& at, std::string_view end)
     return found != std::string_view::npos;
 }
 
-/// Moves `at` from the "<" of a tag behind its ">", and counts its attributes; false: it has no end.
+/// Moves `at` from the "<" of a tag behind its ">", and counts its attributes. False: it has no end.
 bool SkipTag(std::string_view text, std::size_t& at, int& attributes)
 {
     char quote = '\0';
@@ -109,7 +109,7 @@ const char* WhyNotToParse(std::string_view text)
     }
     if (text.find('\0') != std::string_view::npos || !Utf8::IsValid(text))
     {
-        return "it is no UTF-8 text";
+        return "it is not UTF-8 text";
     }
     if (std::count(text.begin(), text.end(), '<') > kMaxTags ||
         std::count(text.begin(), text.end(), '=') > kMaxEqualSigns)
@@ -119,4 +119,4 @@ const char* WhyNotToParse(std::string_view text)
     return WhyNotByItsTags(text);
 }
 
-} // namespace XmlLook
+} // namespace XmlPrecheck

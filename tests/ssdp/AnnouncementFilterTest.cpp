@@ -1,4 +1,4 @@
-#include "ssdp/AnnouncementGate.h"
+#include "ssdp/AnnouncementFilter.h"
 
 #include "ssdp/Location.h"
 
@@ -8,9 +8,10 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 using namespace SonarixService;
-using Gate = AnnouncementGate;
+using Filter = AnnouncementFilter;
 using Kind = SsdpMessage::Kind;
 
 namespace
@@ -26,7 +27,7 @@ std::string Host(std::uint32_t number)
     return "10.77." + std::to_string(number / 200) + "." + std::to_string(2 + number % 200);
 }
 
-/// An announcement as it comes, but for what a test says otherwise.
+/// An announcement; a test changes some of its headers.
 struct Packet
 {
     Kind kind = Kind::NOTIFY;
@@ -37,24 +38,24 @@ struct Packet
     std::optional<std::string> further = {};
 };
 
-/// A gate on 10.77.0.1/16 and 192.168.1.1/24; the unit is 172.16.0.1 as well, on another interface.
-struct GateTest : testing::Test
+/// A filter for 10.77.0.1/16 and 192.168.1.1/24. The device also has 172.16.0.1, on another interface.
+struct AnnouncementFilterTest : testing::Test
 {
-    GateTest()
+    AnnouncementFilterTest()
     {
         Restart();
     }
 
     void Restart(const std::string& target = kTarget)
     {
-        gate.Restart(target, {{{*ParseIPv4(kOwn), 0xFFFF0000}, {*ParseIPv4("192.168.1.1"), 0xFFFFFF00}},
-                              {*ParseIPv4(kOwn), *ParseIPv4("192.168.1.1"), *ParseIPv4("172.16.0.1")}});
+        filter.Restart(target, {{{*ParseIPv4(kOwn), 0xFFFF0000}, {*ParseIPv4("192.168.1.1"), 0xFFFFFF00}},
+                                {*ParseIPv4(kOwn), *ParseIPv4("192.168.1.1"), *ParseIPv4("172.16.0.1")}});
     }
 
     bool Admit(const Packet& packet, const std::string& from)
     {
-        return gate.Admit({packet.kind, packet.target, packet.nts, packet.usn, packet.location, packet.further}, from,
-                          now);
+        return filter.Admit({packet.kind, packet.target, packet.nts, packet.usn, packet.location, packet.further}, from,
+                            now);
     }
     bool Alive(const std::string& from, const std::string& usn, const std::string& location)
     {
@@ -70,32 +71,55 @@ struct GateTest : testing::Test
     }
 
     LogCapture log;
-    AnnouncementGate gate;
+    AnnouncementFilter filter;
     std::int64_t now = 1'000'000;
 };
 
-TEST_F(GateTest, OnlyALocationThatIsFetchedFromTheSendersOwnLinkPasses)
+struct LocationRow
 {
-    const struct
+    const char* from;
+    const char* location;
+    bool passes;
+};
+
+struct LocationTest : AnnouncementFilterTest
+{
+    void Expect(const std::vector<LocationRow>& rows)
     {
-        const char* from;
-        const char* location;
-        bool passes;
-    } rows[] = {
+        for (const auto& [from, location, passes] : rows)
+        {
+            now += 1000;
+            Restart();
+            EXPECT_EQ(Alive(from, "uuid:a::" + kTarget, location), passes) << from << " " << location;
+            const std::string list = "<http://10.77.0.2/>, <" + std::string(location) + ">";
+            EXPECT_EQ(Admit({.usn = "uuid:b::x", .further = list}, from), passes) << from << " AL " << list;
+        }
+    }
+};
+
+TEST_F(LocationTest, LocationMustBeInASubnetOfTheInterface)
+{
+    Expect({
         {kProduct, "http://10.77.0.2:8080/description.xml", true},
         {kProduct, "https://10.77.0.2", true},
         {kProduct, "http://10.77.200.9?a=b", false},
-        {kProduct, "http://10.77.200.9:1/x?a=b#c@d:e", true}, // another one on the link: a bridge speaks for it
+        {kProduct, "http://10.77.200.9:1/x?a=b#c@d:e", true}, // another host of the subnet: a bridge announces it
         {kProduct, "http://192.168.1.7/x", true},
         {"192.168.1.7", "http://10.77.0.2/x", true},
         {kProduct, "http://192.168.2.7/x", false},
         {kProduct, "http://8.8.8.8/x", false},
         {kProduct, "http://172.16.0.9/x", false},
-        {kProduct, "http://10.77.0.0/x", false}, // the subnet's own address, and its broadcast
+        {kProduct, "http://10.77.0.0/x", false}, // the network address and the broadcast address
         {kProduct, "http://10.77.255.255/x", false},
+    });
+}
+
+TEST_F(LocationTest, LocationMustNotLeadToThisDeviceOrHideItsHost)
+{
+    Expect({
         {kProduct, "http://127.0.0.1:8084/x", false},
         {kOwn, "http://127.0.0.1:8084/x", false},
-        {kProduct, "http://10.77.0.1:8084/x", false}, // this unit, by another's word
+        {kProduct, "http://10.77.0.1:8084/x", false}, // this device, announced by another host
         {kProduct, "http://192.168.1.1/x", false},
         {kOwn, "http://10.77.0.1:8084/x", true},
         {kProduct, "http://renderer.local/x", false},
@@ -115,18 +139,11 @@ TEST_F(GateTest, OnlyALocationThatIsFetchedFromTheSendersOwnLinkPasses)
         {kProduct, "http://10.77.0.2/a b", false},
         {kProduct, "http://10.77.0.2/\n", false},
         {kProduct, "", false},
-    };
-    for (const auto& [from, location, passes] : rows)
-    {
-        now += 1000;
-        Restart();
-        EXPECT_EQ(Alive(from, "uuid:a::" + kTarget, location), passes) << from << " " << location;
-        const std::string list = "<http://10.77.0.2/>, <" + std::string(location) + ">";
-        EXPECT_EQ(Admit({.usn = "uuid:b::x", .further = list}, from), passes) << from << " AL " << list;
-    }
+    });
+}
 
-    now += 1000;
-    Restart();
+TEST_F(AnnouncementFilterTest, LengthAndNumberOfLocationsAreLimited)
+{
     const std::string start = "http://10.77.0.2/";
     EXPECT_TRUE(Alive(kProduct, "uuid:a::x", start + std::string(kMaxLocationBytes - start.size(), 'x')));
     EXPECT_FALSE(Alive(kProduct, "uuid:a::x", start + std::string(kMaxLocationBytes - start.size() + 1, 'x')));
@@ -136,36 +153,36 @@ TEST_F(GateTest, OnlyALocationThatIsFetchedFromTheSendersOwnLinkPasses)
     EXPECT_FALSE(Admit({.usn = "uuid:a::x", .further = many + "<http://10.77.0.2/>"}, kProduct));
 }
 
-TEST_F(GateTest, WhatTheBrowserWouldActOnNeedsAUsnAndASenderOnTheLink)
+TEST_F(AnnouncementFilterTest, UsnAndSenderMustBeValid)
 {
-    const std::string longest(Gate::kMaxGuidBytes, 'g');
+    const std::string longest(Filter::kMaxGuidBytes, 'g');
     for (const std::string& usn : {"uuid:a::" + kTarget, std::string("uuid:b"), "uuid:" + longest + "::x",
-                                   "uuid:c:" + std::string(Gate::kMaxUsnBytes - 7, 'x')})
+                                   "uuid:c:" + std::string(Filter::kMaxUsnBytes - 7, 'x')})
     {
-        Restart(); // the bare form once a search
+        Restart(); // only one guid per search may have a USN without a suffix
         EXPECT_TRUE(Alive(kProduct, usn, "http://10.77.0.2/")) << usn;
     }
     for (const std::string& usn :
          {std::string(""), std::string("nocolon"), std::string("uuid"), std::string("uuid:"), std::string("uuid::a"),
           std::string("urn:uuid:a::b"), std::string("uuid:a\n::b"), std::string("uuid:\xC3\xA9::b"),
-          "uuid:" + longest + "g::x", "uuid:c:" + std::string(Gate::kMaxUsnBytes - 6, 'x')})
+          "uuid:" + longest + "g::x", "uuid:c:" + std::string(Filter::kMaxUsnBytes - 6, 'x')})
     {
         EXPECT_FALSE(Alive(kProduct, usn, "http://10.77.0.2/")) << usn;
         for (const char* const nts : {"ssdp:byebye", "ssdp:update", "ssdp:byebyenot"})
         {
             EXPECT_FALSE(Admit({.nts = nts, .usn = usn}, kProduct)) << nts << " " << usn;
         }
-        EXPECT_FALSE(Admit({Kind::ANSWER, "x" + kTarget + "7", {}, usn, "http://10.77.0.2/"}, kProduct)) << usn;
+        EXPECT_FALSE(Admit({Kind::RESPONSE, "x" + kTarget + "7", {}, usn, "http://10.77.0.2/"}, kProduct)) << usn;
         now += 1000;
     }
-    EXPECT_EQ(gate.Refused(Gate::BAD_USN), 10U * 5U);
+    EXPECT_EQ(filter.Refused(Filter::BAD_USN), 10U * 5U);
     for (const char* const sender : {"10.78.0.2", "192.168.2.2", "172.16.0.1", "127.0.0.1", "fe80::1", "", "10.77.0.0"})
     {
         EXPECT_FALSE(Alive(sender, "uuid:a::b", "http://10.77.0.2/")) << sender;
     }
-    EXPECT_EQ(gate.Refused(Gate::OFF_LINK), 7U);
+    EXPECT_EQ(filter.Refused(Filter::OFF_LINK), 7U);
 
-    // What the browser passes over goes by, whoever it comes from.
+    // Messages that the browser ignores pass from any sender.
     const Packet search{.kind = Kind::SEARCH, .usn = "nocolon"};
     for (const Packet& packet :
          {search, Packet{.target = {}, .usn = "nocolon"}, Packet{.target = "upnp:rootdevice", .usn = "nocolon"},
@@ -174,40 +191,38 @@ TEST_F(GateTest, WhatTheBrowserWouldActOnNeedsAUsnAndASenderOnTheLink)
         EXPECT_TRUE(Admit(packet, "8.8.8.8"));
     }
     EXPECT_FALSE(Admit({.target = "tv\xE2\x82", .nts = "upnp:other", .usn = "uuid:a::b"}, kProduct)) << "no UTF-8";
-    EXPECT_FALSE(Admit({.target = std::string(Gate::kMaxTargetBytes + 1, 'x'), .usn = "uuid:a::b"}, kProduct));
-    EXPECT_EQ(gate.Refused(Gate::BAD_TARGET), 2U);
+    EXPECT_FALSE(Admit({.target = std::string(Filter::kMaxTargetBytes + 1, 'x'), .usn = "uuid:a::b"}, kProduct));
+    EXPECT_EQ(filter.Refused(Filter::BAD_TARGET), 2U);
 
-    for (const char* const target : {"ssdp:all", "urn:some.where:device:x:1"}) // in the second, "." is any character
-    {
-        Restart(target);
-        EXPECT_FALSE(Admit({.target = "upnp:rootdevice", .usn = "nocolon"}, kProduct)) << target;
-    }
-    gate = {};
+    Restart("ssdp:all");
+    EXPECT_FALSE(Admit({.target = "upnp:rootdevice", .usn = "nocolon"}, kProduct));
+    filter = {};
     EXPECT_FALSE(Admit(search, kProduct)) << "no search yet";
 }
 
-TEST_F(GateTest, AProductIsHeldByTheFirstThatAnnouncesItUntilItsGoodbye)
+TEST_F(AnnouncementFilterTest, FirstAnnouncerOwnsAProductUntilItsByebye)
 {
     EXPECT_FALSE(Byebye(kProduct, "a")) << "not announced";
     EXPECT_TRUE(Alive(kProduct, "a"));
     EXPECT_FALSE(Alive(kOther, "a"));
     EXPECT_FALSE(Byebye(kOther, "a"));
     EXPECT_FALSE(Admit({.nts = "ssdp:byebye", .usn = "uuid:a::something:9"}, kOther)) << "the same product";
-    EXPECT_EQ(gate.Refused(Gate::HELD_BY_ANOTHER), 3U);
+    EXPECT_EQ(filter.Refused(Filter::OTHER_OWNER), 3U);
     EXPECT_TRUE(Alive(kProduct, "a"));
     EXPECT_TRUE(Byebye(kProduct, "a"));
     EXPECT_FALSE(Byebye(kOther, "a"));
-    EXPECT_TRUE(Admit({.nts = "ssdp:byebye", .usn = "uuid:a::something:9"}, kProduct)) << "one for each of its USNs";
+    EXPECT_TRUE(Admit({.nts = "ssdp:byebye", .usn = "uuid:a::something:9"}, kProduct))
+        << "a byebye for another USN of the product";
     EXPECT_TRUE(Alive(kOther, "a")) << "with a new address";
     EXPECT_FALSE(Byebye(kProduct, "a"));
     EXPECT_TRUE(Byebye(kOther, "a"));
 
     EXPECT_TRUE(Alive(kProduct, "b"));
     Restart();
-    EXPECT_TRUE(Alive(kOther, "b")) << "each search begins anew";
-    EXPECT_EQ(gate.Refused(Gate::NOT_ANNOUNCED), 1U);
+    EXPECT_TRUE(Alive(kOther, "b")) << "each search clears the tables";
+    EXPECT_EQ(filter.Refused(Filter::NOT_ANNOUNCED), 1U);
 
-    // The browser takes all USNs without a suffix for one, once it has had a target with a version.
+    // The browser treats all USNs without a suffix as one.
     const auto bare = [this](const char* nts, const std::string& from, const char* usn)
     { return Admit({.nts = nts, .usn = usn, .location = "http://" + from + "/"}, from); };
     EXPECT_TRUE(bare("ssdp:alive", kProduct, "uuid:c"));
@@ -215,60 +230,56 @@ TEST_F(GateTest, AProductIsHeldByTheFirstThatAnnouncesItUntilItsGoodbye)
     EXPECT_TRUE(Alive(kOther, "e"));
     EXPECT_FALSE(bare("ssdp:byebye", kOther, "uuid:e"));
     EXPECT_TRUE(bare("ssdp:byebye", kProduct, "uuid:c"));
-    gate = {};
-    Restart("ssdp:all");
-    EXPECT_TRUE(bare("ssdp:alive", kProduct, "uuid:c"));
-    EXPECT_TRUE(bare("ssdp:alive", kOther, "uuid:d"));
 }
 
-TEST_F(GateTest, OneSenderIsBoundedByRateAndByUsnsAndAllOfThemTogether)
+TEST_F(AnnouncementFilterTest, SendersAndUsnsAndChangesAreLimited)
 {
-    for (int i = 0; i < 2 * Gate::kMaxMessagesPerSecond; ++i)
+    for (int i = 0; i < 2 * Filter::kMaxMessagesPerSecond; ++i)
     {
-        EXPECT_EQ(Alive(kProduct, "a"), i < Gate::kMaxMessagesPerSecond) << i;
+        EXPECT_EQ(Alive(kProduct, "a"), i < Filter::kMaxMessagesPerSecond) << i;
     }
-    EXPECT_TRUE(Alive(kOther, "b")) << "the others are heard";
+    EXPECT_TRUE(Alive(kOther, "b")) << "other senders are not affected";
     now += 1000;
     EXPECT_TRUE(Alive(kProduct, "a"));
 
-    // A goodbye gives no room for another USN, or the browser's lists grow with each pair.
-    for (int i = 1; i < 2 * Gate::kMaxUsnsOfSender; ++i)
+    // A byebye does not make room for another USN, because the browser's lists grow with each new one.
+    for (int i = 1; i < 2 * Filter::kMaxUsnsOfSender; ++i)
     {
-        EXPECT_EQ(Alive(kProduct, "a" + std::to_string(i)), i < Gate::kMaxUsnsOfSender) << i;
-        EXPECT_TRUE(i >= Gate::kMaxUsnsOfSender || Byebye(kProduct, "a" + std::to_string(i)));
+        EXPECT_EQ(Alive(kProduct, "a" + std::to_string(i)), i < Filter::kMaxUsnsOfSender) << i;
+        EXPECT_TRUE(i >= Filter::kMaxUsnsOfSender || Byebye(kProduct, "a" + std::to_string(i)));
     }
-    EXPECT_TRUE(Alive(kOther, "a1")) << "one that has left comes back elsewhere";
+    EXPECT_TRUE(Alive(kOther, "a1")) << "from another address after its byebye";
     now += 1000;
-    EXPECT_TRUE(Alive(kProduct, "z")) << "which makes room";
+    EXPECT_TRUE(Alive(kProduct, "z")) << "the other address has taken over a USN";
 
     Restart();
-    for (std::uint32_t i = 0; i < Gate::kMaxUsns + 100; ++i)
+    for (std::uint32_t i = 0; i < Filter::kMaxUsns + 100; ++i)
     {
-        EXPECT_EQ(Alive(Host(i), "u" + std::to_string(i)), i < Gate::kMaxUsns) << i;
+        EXPECT_EQ(Alive(Host(i), "u" + std::to_string(i)), i < Filter::kMaxUsns) << i;
     }
-    EXPECT_EQ(gate.Refused(Gate::TOO_MANY_SENDERS), 100U);
+    EXPECT_EQ(filter.Refused(Filter::TOO_MANY_SENDERS), 100U);
     EXPECT_FALSE(Alive(Host(0), "more"));
-    EXPECT_EQ(gate.Refused(Gate::TOO_MANY_USNS), 16U + 1U);
+    EXPECT_EQ(filter.Refused(Filter::TOO_MANY_USNS), 16U + 1U);
     EXPECT_TRUE(Alive(Host(0), "u0"));
     Restart();
     EXPECT_TRUE(Alive(Host(2000), "late"));
 
-    // Each new LOCATION, and each return after a goodbye, would cost a fetch.
+    // Each new LOCATION, and each return after a byebye, may cost a fetch.
     for (const bool moves : {true, false})
     {
         now += 1000;
         Restart();
-        for (int i = 0; i < 2 * Gate::kMaxChangesOfProduct; ++i)
+        for (int i = 0; i < 2 * Filter::kMaxChangesOfProduct; ++i)
         {
             const std::string location = "http://10.77.0.2/" + std::to_string(moves ? i : 0);
-            EXPECT_EQ(Alive(kProduct, "uuid:a::x", location), i <= Gate::kMaxChangesOfProduct) << moves << i;
+            EXPECT_EQ(Alive(kProduct, "uuid:a::x", location), i <= Filter::kMaxChangesOfProduct) << moves << i;
             EXPECT_TRUE(moves || Byebye(kProduct, "a"));
         }
     }
-    EXPECT_EQ(gate.Refused(Gate::CHANGES_TOO_OFTEN), 2U * (Gate::kMaxChangesOfProduct - 1));
+    EXPECT_EQ(filter.Refused(Filter::CHANGES_TOO_OFTEN), 2U * (Filter::kMaxChangesOfProduct - 1));
 }
 
-TEST_F(GateTest, AReasonIsLoggedOnceAMinuteForEachSender)
+TEST_F(AnnouncementFilterTest, ReasonIsLoggedOnceAMinuteForEachSender)
 {
     const auto lines = [this] { return log.Count(DPrint::LEVEL_WARNING); };
     for (int second = 0; second < 59; ++second, now += 1000)
@@ -277,17 +288,17 @@ TEST_F(GateTest, AReasonIsLoggedOnceAMinuteForEachSender)
         Alive(kProduct, "uuid:a::b", "http://8.8.8.8/" + std::string(1900, 'x'));
         Alive(kOther, "uuid:a::b", "http://8.8.8.8/");
         Byebye(kOther, "unknown");
-        Restart(); // the searches go on meanwhile
+        Restart(); // has no effect on the log
     }
     EXPECT_EQ(lines(), 3U) << log.Text();
-    EXPECT_TRUE(log.Contains("10.77.0.2 is not heard, the LOCATION is missing or must not be fetched (1 times so far): "
+    EXPECT_TRUE(log.Contains("10.77.0.2 is ignored, the LOCATION is missing or must not be fetched (1 times so far): "
                              "USN='uuid:a::b', LOCATION='http://8.8.8.8/xxx"));
     now += 1000;
     Alive(kOther, "uuid:a::b", "http://8.8.8.8/");
     EXPECT_EQ(lines(), 4U);
     EXPECT_TRUE(log.Contains("(119 times so far)")) << log.Text();
 
-    // Forged senders do not fill the log.
+    // Many forged senders do not flood the log.
     for (int round = 0; round < 2; ++round)
     {
         log.Clear();
