@@ -1,5 +1,6 @@
 #include "ssdp/AnnouncementFilter.h"
 
+#include "base/EnumName.h"
 #include "runtime/DPrint.h"
 #include "ssdp/Location.h"
 
@@ -45,31 +46,17 @@ std::size_t HashOfLocations(const SsdpMessage& message)
 
 const char* Text(AnnouncementFilter::Reason reason)
 {
-    switch (reason)
-    {
-    case AnnouncementFilter::OFF_LINK:
-        return "the sender is not on the interface's subnets";
-    case AnnouncementFilter::TOO_MANY_SENDERS:
-        return "too many senders";
-    case AnnouncementFilter::TOO_FAST:
-        return "too many messages in a second";
-    case AnnouncementFilter::BAD_TARGET:
-        return "the target is not text";
-    case AnnouncementFilter::BAD_USN:
-        return "the USN is missing or invalid";
-    case AnnouncementFilter::NOT_ANNOUNCED:
-        return "it has not been announced";
-    case AnnouncementFilter::OTHER_OWNER:
-        return "another address has announced it";
-    case AnnouncementFilter::BAD_LOCATION:
-        return "the LOCATION is missing or must not be fetched";
-    case AnnouncementFilter::CHANGES_TOO_OFTEN:
-        return "it returns or changes its LOCATION too often";
-    case AnnouncementFilter::TOO_MANY_USNS:
-        return "too many USNs";
-    default:
-        return "(?)";
-    }
+    static constexpr const char* kNames[] = {"the sender is not on the interface's subnets",
+                                             "too many senders",
+                                             "too many messages in a second",
+                                             "the target is not text",
+                                             "the USN is missing or invalid",
+                                             "it has not been announced",
+                                             "another address has announced it",
+                                             "the LOCATION is missing or must not be fetched",
+                                             "it returns or changes its LOCATION too often",
+                                             "too many USNs"};
+    return EnumName(kNames, reason);
 }
 
 } // namespace

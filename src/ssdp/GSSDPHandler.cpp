@@ -1,5 +1,6 @@
 #include "ssdp/GSSDPHandler.h"
 
+#include "base/EnumName.h"
 #include "base/Heap.h"
 #include "runtime/DPrint.h"
 #include "ssdp/AnnouncementFilter.h"
@@ -178,32 +179,15 @@ struct GSSDPHandler::MainLoop
 
 const char* Name(GSSDPHandlerIF::SearchStatus status)
 {
-    switch (status)
-    {
-    case GSSDPHandlerIF::SEARCH_NOT_READY:
-        return "SEARCH_NOT_READY";
-    case GSSDPHandlerIF::SEARCH_READY:
-        return "SEARCH_READY";
-    case GSSDPHandlerIF::SEARCH_IN_PROGRESS:
-        return "SEARCH_IN_PROGRESS";
-    case GSSDPHandlerIF::SEARCH_COMPLETE:
-        return "SEARCH_COMPLETE";
-    default:
-        return "(?)";
-    }
+    static constexpr const char* kNames[] = {"SEARCH_NOT_READY", "SEARCH_READY", "SEARCH_IN_PROGRESS",
+                                             "SEARCH_COMPLETE"};
+    return EnumName(kNames, status);
 }
 
 const char* Name(GSSDPHandlerIF::ResourceStatus status)
 {
-    switch (status)
-    {
-    case GSSDPHandlerIF::RESOURCE_UNAVAILABLE:
-        return "RESOURCE_UNAVAILABLE";
-    case GSSDPHandlerIF::RESOURCE_AVAILABLE:
-        return "RESOURCE_AVAILABLE";
-    default:
-        return "(?)";
-    }
+    static constexpr const char* kNames[] = {"RESOURCE_UNAVAILABLE", "RESOURCE_AVAILABLE"};
+    return EnumName(kNames, status);
 }
 
 std::shared_ptr<GSSDPHandlerIF> GSSDPHandlerIF::Create(const std::string& iface)

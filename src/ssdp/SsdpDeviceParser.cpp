@@ -1,5 +1,6 @@
 #include "ssdp/SsdpDeviceParser.h"
 
+#include "base/EnumName.h"
 #include "http/IHttpInterface.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
@@ -140,19 +141,8 @@ std::vector<Child> ChildrenOf(TiXmlElement* element)
 
 const char* Name(SsdpDeviceParser::ParseStatus status)
 {
-    switch (status)
-    {
-    case SsdpDeviceParser::PARSE_SUCCESS:
-        return "PARSE_SUCCESS";
-    case SsdpDeviceParser::PARSE_HTTP_ERROR:
-        return "PARSE_HTTP_ERROR";
-    case SsdpDeviceParser::PARSE_NO_DATA:
-        return "PARSE_NO_DATA";
-    case SsdpDeviceParser::PARSE_XML_ERROR:
-        return "PARSE_XML_ERROR";
-    default:
-        return "(?)";
-    }
+    static constexpr const char* kNames[] = {"PARSE_SUCCESS", "PARSE_HTTP_ERROR", "PARSE_NO_DATA", "PARSE_XML_ERROR"};
+    return EnumName(kNames, status);
 }
 
 SsdpDeviceParser::SsdpDeviceParser(IHttpInterface* http, NotifyTargetTaskIF* task, ParseCallback parsed)

@@ -1,5 +1,6 @@
 #include "ssdp/SsdpDiscovery.h"
 
+#include "base/EnumName.h"
 #include "base/Heap.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
@@ -37,17 +38,8 @@ std::string TargetOf(SsdpDiscoveryIF::SearchScope scope)
 
 const char* Name(SsdpDiscoveryIF::SearchScope scope)
 {
-    switch (scope)
-    {
-    case SsdpDiscoveryIF::SEARCH_ALL:
-        return "SEARCH_ALL";
-    case SsdpDiscoveryIF::SEARCH_SERVERS:
-        return "SEARCH_SERVERS";
-    case SsdpDiscoveryIF::SEARCH_RENDERERS:
-        return "SEARCH_RENDERERS";
-    default:
-        return "(?)";
-    }
+    static constexpr const char* kNames[] = {"SEARCH_ALL", "SEARCH_SERVERS", "SEARCH_RENDERERS"};
+    return EnumName(kNames, scope);
 }
 
 SsdpDiscovery::SsdpDiscovery(IHttpInterface* http, const std::string& iface, Callback<Sonarix::Product> productStateCb)
