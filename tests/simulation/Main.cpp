@@ -1,6 +1,6 @@
 // Lives from fresh seeds for a given time, or from listed ones, each in a process of its own, on all processors.
 
-#include "tests/simulation/Life.h"
+#include "tests/simulation/Scenario.h"
 #include "tests/support/ForkedRun.h"
 #include "tools/clients/options/Options.h"
 
@@ -43,7 +43,7 @@ struct Sum
 
 int RunSeed(std::uint64_t seed)
 {
-    Life life(seed);
+    Scenario life(seed);
     const std::string failure = life.Run();
     std::printf("%" PRIu64 " %zu\n%s", life.Events(), life.Comparisons(), failure.c_str());
     return failure.empty() ? 0 : 1;

@@ -5,7 +5,7 @@
 #include "runtime/MonotonicClock.h"
 #include "schemas/Sonarix.pb.h"
 #include "service/DiscoveryServiceController.h"
-#include "tests/simulation/SsdpRoad.h"
+#include "tests/simulation/SsdpNetwork.h"
 #include <ProtoToMarkup.h>
 
 #include <algorithm>
@@ -73,7 +73,7 @@ World::World(std::uint64_t seed, bool isAccessory, Milliseconds checkPeriod)
     : simulation(seed)
     , m_checkPeriod(checkPeriod)
     , m_model(isAccessory)
-    , m_ssdp(std::make_unique<SsdpRoad>(*this))
+    , m_ssdp(std::make_unique<SsdpNetwork>(*this))
 {
     const char* const levels = std::getenv("SONARIX_LOG");
     DPrint::SetLevels(levels != nullptr ? levels : "0");

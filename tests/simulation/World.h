@@ -138,7 +138,7 @@ public:
     std::int64_t lastChangeMs = 0; ///< of the script, or a refresh
 
 private:
-    class SsdpRoad;
+    class SsdpNetwork;
     /// What the gateway knows of a product that the service is connected to.
     struct Peer
     {
@@ -178,7 +178,7 @@ private:
     FakePortico m_portico;
     FakeConsole m_console;
     Model m_model;
-    const std::unique_ptr<SsdpRoad> m_ssdp;
+    const std::unique_ptr<SsdpNetwork> m_ssdp;
     std::shared_ptr<SonarixService::DiscoveryServiceController> m_controller;
     std::shared_ptr<FakeConnection> m_gateway; ///< the service's main connection
     std::shared_ptr<FakeConnection> m_childEndpoint;

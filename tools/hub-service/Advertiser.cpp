@@ -34,8 +34,8 @@ void Advertiser::HandleOwnName(const std::string& name)
     {
         return;
     }
-    // A service that knows no name has been started anew and announces nothing. What mDNS still remembers of the
-    // product may soon put the name right; the announcement is owed all the same.
+    // A record without a name means that the service was restarted and announces nothing. A cached mDNS record of the
+    // product may set the name soon, but the announcement is still needed.
     if (name.empty() && !m_isPosting)
     {
         PostNow();
@@ -46,7 +46,7 @@ void Advertiser::HandleOwnName(const std::string& name)
 
 void Advertiser::PostForName()
 {
-    if (m_isPosting) // what we heard may be older than the post
+    if (m_isPosting) // the record may be older than the pending post
     {
         return;
     }
@@ -94,7 +94,7 @@ void Advertiser::HandlePosted(bool isAccepted)
     {
         PostNow();
     }
-    else if (m_isNameWrong) // the record's own word on the post is still to come
+    else if (m_isNameWrong) // a record that reflects the post has not arrived yet
     {
         PostForName();
     }

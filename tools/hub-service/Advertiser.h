@@ -10,17 +10,17 @@
 
 class NotifyTargetTaskIF;
 
-/// Decides when the product's description is to be posted: when the own record lacks the name or has another one,
-/// and at each rise of the network.
-/// Task: everything on the task given, the destructor too. One post at a time.
+/// Decides when to post the product's description: when the name in the own record is missing or different, and each
+/// time the network comes up.
+/// Task: all calls and the destructor run on `task`. At most one post is pending.
 ///
-/// A record that mDNS renamed after a collision comes back with the new name after each post. So that this does not
-/// go on for ever at the speed of the network, posts because of another name keep pauses, which grow while they do
-/// not last; a record without a name, and a rise of the network, never wait.
+/// Design: after a name collision, mDNS renames the record, so each post is followed by a record with a different name.
+/// The pause between posts for this reason therefore grows from kFirstPause to kLongestPause. A record without a name
+/// and a network that comes up are posted without a pause.
 class Advertiser final
 {
 public:
-    using Post = std::function<void()>; ///< its outcome comes to HandlePosted()
+    using Post = std::function<void()>; ///< its result is passed to HandlePosted()
 
     static constexpr std::chrono::milliseconds kFirstPause{5000};
     static constexpr std::chrono::milliseconds kLongestPause{300000};
@@ -29,12 +29,12 @@ public:
     Advertiser(const Advertiser&) = delete;
     Advertiser& operator=(const Advertiser&) = delete;
 
-    /// `name` is what the own record says now, empty where it lacks one.
+    /// `name` is the current name in the own record, empty if it has none.
     void HandleOwnName(const std::string& name);
     void HandleNetwork(bool isPrimaryUp);
-    /// Nobody tells us of the network any more: what is heard next may be another rise, and counts as one.
+    /// The gateway connection was lost. The next report of a network that is up counts as coming up.
     void ForgetNetwork();
-    /// A post that failed, since nobody serves the path yet, is tried again with pauses up to 5 s.
+    /// A failed post (no process serves the path yet) is retried with a backoff of up to 5 s.
     void HandlePosted(bool isAccepted);
 
 private:
@@ -44,11 +44,11 @@ private:
     const std::string m_name;
     const Post m_post;
     bool m_isPrimaryUp = false;
-    bool m_isPosting = false;    ///< an answer, or the time to ask again, is awaited
-    bool m_isPostWanted = false; ///< once more as soon as that has come
+    bool m_isPosting = false;    ///< a result or the retry timer is pending
+    bool m_isPostWanted = false; ///< post again after the pending one
     bool m_isNameWrong = false;
     std::chrono::milliseconds m_pause = kFirstPause;
-    std::int64_t m_notBeforeMs = -kFirstPause.count(); ///< the next post because of the name
+    std::int64_t m_notBeforeMs = -kFirstPause.count(); ///< earliest time of the next post for a different name
     Portico::Backoff m_retry;
     MessageTimer m_retryTimer;
     MessageTimer m_nameTimer;

@@ -13,7 +13,7 @@ class AdvertisementInfo;
 /// Names of the options that describe the product.
 std::vector<std::string> DescriptionOptions();
 
-/// What the product is: the JSON file named on the command line, if any, then the options over it; the guid always
-/// from the manufacturing data, `ecosys` "ORB2" where nothing else is said. False, with the reason in `error`, where
-/// the file cannot be used, or there is no name.
+/// The product's description: the JSON file on the command line if any, overridden by the options. The guid always
+/// comes from the manufacturing data; the default of `ecosys` is "ORB2". Returns false and sets `error` if the file is
+/// invalid or the name is missing.
 [[nodiscard]] bool ReadDescription(const Options& options, HUBAPI::AdvertisementInfo& info, std::string& error);

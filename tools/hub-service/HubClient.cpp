@@ -2,6 +2,7 @@
 
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/NetManager.pb.h"
 #include "schemas/Sonarix.pb.h"
 #include <PorticoClient.h>
@@ -59,10 +60,11 @@ void HubClient::Start(const std::string& host, int port)
 
 void HubClient::HandleConnection(bool isConnected)
 {
+    TASK_CHECK(m_task);
     m_isConnected = isConnected;
     if (isConnected)
     {
-        Ask();
+        RequestValues();
         return;
     }
     std::cerr << "hub-service: no gateway at " << m_gateway << "; is it running?\n";
@@ -82,8 +84,9 @@ void HubClient::Subscribe()
                                                                         Portico::EndpointScope::PUBLIC, 1.0);
 }
 
-/// What was notified before our time is not always told again. Nobody there is no news: they will notify.
-void HubClient::Ask()
+/// The gateway may not repeat notifications from before the subscription, so both values are also requested. Errors are
+/// ignored: a process that starts later sends a notification.
+void HubClient::RequestValues()
 {
     const AsyncCallback<Sonarix::ProductInfo> onInfo(
         [this](const Sonarix::ProductInfo& info) { m_advertiser->HandleOwnName(NameIn(info)); }, m_task);
@@ -96,8 +99,8 @@ void HubClient::Ask()
     m_client->SendGet<NetManager::Protobuf::NetworkStatus, Portico::Error>(kStatusPath, onStatus, ignored, 1.0);
 }
 
-/// Empty where the record lacks what nothing but our post brings: the service has been started anew, and what name it
-/// has is what mDNS remembers.
+/// Returns an empty name if the record lacks fields that only the post sets: then the service was restarted, and the
+/// name comes from a cached mDNS record.
 std::string HubClient::NameIn(const Sonarix::ProductInfo& info) const
 {
     const bool isPosted = (m_info.serialnumber().empty() || !info.serialnumber().empty()) &&
@@ -107,6 +110,7 @@ std::string HubClient::NameIn(const Sonarix::ProductInfo& info) const
 
 void HubClient::PostDescription()
 {
+    TASK_CHECK(m_task);
     const AsyncCallback<std::string, std::string> onDone(
         [this](const std::string&, const std::string& errorBody) { HandlePosted(errorBody); }, m_task);
     m_client->SendText(Portico::Verb::POST, kAdvertisePath, ProtoToMarkup::ToJson(m_info, true, false, false), onDone,
@@ -115,6 +119,7 @@ void HubClient::PostDescription()
 
 void HubClient::HandlePosted(const std::string& errorBody)
 {
+    TASK_CHECK(m_task);
     if (errorBody.empty())
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, "advertised as \"" << m_info.devicename() << "\"");
@@ -123,7 +128,7 @@ void HubClient::HandlePosted(const std::string& errorBody)
     else if (const std::string error = Describe(errorBody); m_isConnected && error != m_lastError)
     {
         m_lastError = error;
-        std::cerr << "hub-service: " << kAdvertisePath << ": " << error << "; asking again\n";
+        std::cerr << "hub-service: " << kAdvertisePath << ": " << error << "; retrying\n";
     }
     m_advertiser->HandlePosted(errorBody.empty());
 }

@@ -14,8 +14,8 @@ namespace Sonarix
 class ProductInfo;
 }
 
-/// Joins the advertiser to the gateway: hears of the own record and of the network, posts the description.
-/// Task: everything on the task given, Start() from anywhere. Lives as long as the process.
+/// Connects the advertiser to the gateway: subscribes to the own record and the network status, posts the description.
+/// Task: `task`; Start() may be called on any thread. Never destroyed.
 class HubClient
 {
 public:
@@ -28,7 +28,7 @@ public:
 private:
     void HandleConnection(bool isConnected);
     void Subscribe();
-    void Ask();
+    void RequestValues();
     std::string NameIn(const Sonarix::ProductInfo& info) const;
     void PostDescription();
     void HandlePosted(const std::string& errorBody);
@@ -36,8 +36,8 @@ private:
     NotifyTargetTaskIF* m_task;
     const HUBAPI::AdvertisementInfo m_info;
     std::shared_ptr<PorticoClientIF> m_client;
-    std::string m_gateway; ///< host and port, for people
+    std::string m_gateway; ///< host and port, for messages
     bool m_isConnected = false;
-    std::string m_lastError; ///< one line for each new trouble, not for each attempt
+    std::string m_lastError; ///< an error is printed once, not at each attempt
     std::optional<Advertiser> m_advertiser;
 };

@@ -1,4 +1,4 @@
-// Stand-in for the sibling process that knows what the product is: has it advertised.
+// Stand-in for the process that knows the product's description and requests its advertisement.
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
 #include "tools/clients/options/Options.h"
@@ -12,16 +12,16 @@ namespace
 {
 
 constexpr const char* kHelp = R"(Usage: hub-service [OPTION]... [FILE]
-Have the product advertised: post its description to
-/startDiscoveryAdvertisement whenever the own record lacks or differs from its
-name, and each time that the network comes up.
+Requests the product's advertisement: posts its description to
+/startDiscoveryAdvertisement if the name in the own record is missing or
+different, and each time the network comes up.
 
 FILE is a JSON object with the fields of an advertisement (deviceName,
 productType, productName, productColor, softwareVersion, productLanguage,
-serialNumber, country); options win over it. The guid is the manufacturing
-data's.
+serialNumber, country). Options override it. The guid comes from the
+manufacturing data.
 
-  --name NAME          of the product, as people see it
+  --name NAME          friendly name of the product
   --type TYPE          product type
   --product NAME       model name
   --color COLOR        product colour
@@ -29,9 +29,9 @@ data's.
   --language LANGUAGE  product language
   --serial NUMBER      serial number
   --country COUNTRY    country
-  --host HOST          of the gateway; default localhost
-  --port PORT          of the gateway; default 8084
-  --help, --version
+  --host HOST          host of the gateway; default localhost
+  --port PORT          port of the gateway; default 8084
+  -h, --help, -V, --version
 )";
 
 int Fail(const std::string& what, int status)
@@ -47,7 +47,7 @@ int Run(int argc, char** argv)
     Options options(names);
     if (!options.Parse(argc, argv))
     {
-        return Fail(options.Error() + " (hub-service --help tells more)", 2);
+        return Fail(options.Error() + " (see hub-service --help)", 2);
     }
     if (options.WantsHelp() || options.WantsVersion())
     {
@@ -69,7 +69,7 @@ int Run(int argc, char** argv)
     NotifyTargetTaskIF* const task = IL::CreateTask("HubServiceTask", "");
     HubClient client(task, info);
     client.Start(options.Get("host", "localhost"), *port);
-    IL::JoinTask(task); // for the life of the process
+    IL::JoinTask(task); // the task never ends
     return 0;
 }
 

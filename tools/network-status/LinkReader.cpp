@@ -29,7 +29,7 @@ std::string Numeric(const sockaddr* address)
     return text.data();
 }
 
-/// By what the driver says; a name tells where /sys is another namespace's.
+/// From sysfs. The name decides if /sys belongs to another network namespace.
 LinkType TypeOf(const std::string& name)
 {
     std::error_code ignored;

@@ -5,6 +5,5 @@
 #include <optional>
 #include <vector>
 
-/// All interfaces with an Ethernet address, in the kernel's order, read afresh. Nothing where the kernel would not
-/// tell; errno says why.
+/// Reads all interfaces with an Ethernet address, in the kernel's order. Returns nothing and sets errno on failure.
 std::optional<std::vector<Link>> ReadLinks();

@@ -1,4 +1,4 @@
-// Stand-in for the product's network service: tells through the gateway what the kernel says of the network.
+// Stand-in for the product's network service: publishes the kernel's links and addresses through the gateway.
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
 #include "tools/clients/options/Options.h"
@@ -20,14 +20,14 @@ namespace
 const DPrint s_log("NetworkStatus");
 
 constexpr const char* kHelp = R"(Usage: network-status [OPTION]...
-Watch the kernel's links and addresses, and serve /network/status and
+Watches the kernel's links and addresses, and serves /network/status and
 /network/wifi/stationUsage through the local API gateway.
 
   --primary IFACE      the primary interface; default: the first wired one with carrier
-  --wifi-bands LIST    bands of the Wi-Fi station, such as 2.4,5,6; default none
-  --host HOST          of the gateway; default localhost
-  --port PORT          of the gateway; default 8084
-  --help, --version
+  --wifi-bands LIST    bands of the Wi-Fi station, e.g. 2.4,5,6; default none
+  --host HOST          host of the gateway; default localhost
+  --port PORT          port of the gateway; default 8084
+  -h, --help, -V, --version
 )";
 
 int Fail(const std::string& what, int status)
@@ -42,13 +42,13 @@ int Watch(NetlinkMonitor& monitor, StatusBuilder& builder, Publisher& publisher)
     {
         if (!monitor.Wait())
         {
-            return Fail(std::string("the kernel's messages ended: ") + std::strerror(errno), 1);
+            return Fail(std::string("netlink socket failed: ") + std::strerror(errno), 1);
         }
         const auto links = ReadLinks();
         if (!links)
         {
             DPRINT(s_log, DPrint::LEVEL_ERROR,
-                   "cannot read the links, waiting for their next change: " << std::strerror(errno));
+                   "cannot read the links; retrying at their next change: " << std::strerror(errno));
             continue;
         }
         publisher.Update(builder.Build(*links));
@@ -61,7 +61,7 @@ int Run(int argc, char** argv)
     if (!options.Parse(argc, argv) || !options.Words().empty())
     {
         const std::string reason = options.Words().empty() ? options.Error() : "no argument " + options.Words().front();
-        return Fail(reason + " (network-status --help tells more)", 2);
+        return Fail(reason + " (see network-status --help)", 2);
     }
     if (options.WantsHelp() || options.WantsVersion())
     {
@@ -76,19 +76,19 @@ int Run(int argc, char** argv)
     }
     DPrint::Initialize();
 
-    // The monitor first: what changes while the links are read is told afterwards.
+    // The monitor is opened first, so that a change during ReadLinks() is not missed.
     std::string error;
     const std::unique_ptr<NetlinkMonitor> monitor = NetlinkMonitor::Open(error);
     const auto links = ReadLinks();
     if (!monitor || !links)
     {
-        return Fail("cannot ask the kernel: " + (monitor ? std::strerror(errno) : error), 1);
+        return Fail("cannot read the links: " + (monitor ? std::strerror(errno) : error), 1);
     }
     StatusBuilder builder(options.Get("primary", ""));
     Publisher publisher(IL::CreateTask("NetworkStatusTask", ""), builder.Build(*links), *usage);
     publisher.Start(options.Get("host", "localhost"), *port);
     const int status = Watch(*monitor, builder, publisher);
-    _exit(status); // tasks run on; nothing of theirs is to go under their feet
+    _exit(status); // the task still runs, so its objects are not destroyed
 }
 
 } // namespace

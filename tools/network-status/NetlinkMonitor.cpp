@@ -17,14 +17,14 @@ namespace
 constexpr int kQuietMs = 50;
 constexpr int kLongestBurstMs = 500;
 
-/// 1: readable, 0: time is over, -1: broken.
+/// 1: readable, 0: timeout, -1: error.
 int PollFor(int descriptor, int milliseconds)
 {
     pollfd entry{descriptor, POLLIN, 0};
     const int count = poll(&entry, 1, milliseconds);
     if (count < 0)
     {
-        return errno == EINTR ? 1 : -1; // an early look does no harm
+        return errno == EINTR ? 1 : -1; // a spurious read is harmless
     }
     return count;
 }
@@ -81,7 +81,7 @@ bool NetlinkMonitor::Wait()
     return true;
 }
 
-/// What the messages say does not matter: the state is read afresh.
+/// Discards the messages, because the caller reads the whole state.
 bool NetlinkMonitor::Drain() const
 {
     std::array<char, 8192> buffer{};

@@ -2,6 +2,7 @@
 
 #include "runtime/DPrint.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include <PorticoClient.h>
 
 #include <utility>
@@ -51,6 +52,7 @@ void Publisher::Update(const NetManager::Protobuf::NetworkStatus& status)
 
 void Publisher::HandleConnection(bool isConnected)
 {
+    TASK_CHECK(m_task);
     if (isConnected)
     {
         m_client->SendNotification(kStatusPath, m_status, 1.0);
@@ -60,6 +62,7 @@ void Publisher::HandleConnection(bool isConnected)
 
 void Publisher::HandleUpdate(const NetManager::Protobuf::NetworkStatus& status)
 {
+    TASK_CHECK(m_task);
     if (status.SerializeAsString() == m_status.SerializeAsString())
     {
         return;

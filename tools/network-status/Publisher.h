@@ -8,9 +8,9 @@
 class NotifyTargetTaskIF;
 class PorticoClientIF;
 
-/// Serves "/network/status" and "/network/wifi/stationUsage" through the gateway and notifies them: at each change,
-/// and each time that the gateway connection stands anew, since a new gateway knows nothing.
-/// Task: everything on the task given, Start() and Update() from anywhere. Lives as long as the process.
+/// Serves "/network/status" and "/network/wifi/stationUsage" through the gateway. Notifies both at each change and
+/// after each reconnection, because a restarted gateway has no notifications. Task: `task`; Start() and Update() may be
+/// called on any thread. Never destroyed.
 class Publisher
 {
 public:
@@ -20,7 +20,7 @@ public:
     Publisher& operator=(const Publisher&) = delete;
 
     void Start(const std::string& host, int port);
-    /// An unchanged status is no news.
+    /// Does not notify an unchanged status.
     void Update(const NetManager::Protobuf::NetworkStatus& status);
 
 private:

@@ -10,17 +10,17 @@ namespace NetManager::Protobuf
 class NetworkStatus;
 }
 
-/// Decides which interface is the primary one, and says what the links are as a NetworkStatus. Pure, but for
-/// remembering its choice, so that a second cable does not move the primary away from one that works.
+/// Selects the primary interface and converts links to a NetworkStatus. Its only state is the last selection, so that a
+/// second cable does not replace a working primary interface.
 class StatusBuilder
 {
 public:
-    /// `primary` is the interface to use, there or not; empty: the first wired one with carrier, then a wireless
-    /// one with carrier, then whatever is there.
+    /// `primary` is the interface to use, even if it does not exist. Empty: the first wired one with carrier, else the
+    /// first other one with carrier, else any.
     explicit StatusBuilder(std::string primary);
 
-    /// `primary` is always set, `primaryIpAddress` only while the primary has carrier and an address. The primary
-    /// comes first in `interfaces`, since readers take the first of its type.
+    /// Always sets `primary`; sets `primaryIpAddress` only while the primary has carrier and an address. The primary
+    /// is the first in `interfaces`, because readers use the first interface of its type.
     NetManager::Protobuf::NetworkStatus Build(std::vector<Link> links);
 
 private:

@@ -8,5 +8,5 @@ namespace NetManager::Protobuf
 class StationUsage;
 }
 
-/// Reads "2.4,5,6", any of the three in any order; empty: none. Nothing where an entry is something else.
+/// Parses a list of bands, "2.4,5,6" in any order; empty: no band. Returns nothing if an entry is unknown.
 std::optional<NetManager::Protobuf::StationUsage> ParseWifiBands(const std::string& text);

@@ -95,7 +95,7 @@ std::string InfoRecord(const Identity& identity)
 
 std::string TxtStrings(const Identity& identity)
 {
-    // A real product announces its versions before it knows them.
+    // A real product also announces its versions as empty objects, because it publishes before it has read them.
     const std::array<std::pair<const char*, std::string>, 13> pairs{{
         {"AudioControlProtocolVersion", "{}"},
         {"AudioPayloadVersion", "{}"},

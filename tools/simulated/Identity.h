@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-/// What all simulated products of the family say of themselves.
+/// Properties that all simulated products of the family share.
 namespace Family
 {
 
@@ -16,14 +16,14 @@ constexpr const char* kSoftware = "1.0.0";
 
 } // namespace Family
 
-/// Who one simulated neighbour is.
+/// Identity of one simulated device.
 struct Identity
 {
     std::string guid;
-    std::string name;       ///< as people see it
+    std::string name;       ///< the friendly name
     std::string address;    ///< numeric
-    std::uint32_t ipv4 = 0; ///< the same, host byte order
-    unsigned index = 0;     ///< its serial number and MAC address follow from it
+    std::uint32_t ipv4 = 0; ///< `address` in host byte order
+    unsigned index = 0;     ///< determines serial number and MAC address
 };
 
 Identity MakeIdentity(unsigned index, std::string guid, std::string name, std::uint32_t ipv4);
@@ -31,8 +31,8 @@ Identity MakeIdentity(unsigned index, std::string guid, std::string name, std::u
 std::string MacAddress(const Identity& identity);
 std::string SerialNumber(const Identity& identity);
 
-/// The record of a product of the family at /sonarix/info, as JSON.
+/// JSON of the resource /sonarix/info of a product of the family.
 std::string InfoRecord(const Identity& identity);
 
-/// The strings of such a product's TXT record, as on the wire.
+/// Wire form of the TXT record of a product of the family.
 std::string TxtStrings(const Identity& identity);

@@ -18,8 +18,8 @@ namespace
 {
 
 constexpr std::size_t kMaxDatagramBytes = 9000;
-constexpr int kBufferBytes = 4 << 20; // questions of many clients at once, answers of many products at once
-constexpr int kDatagramsAtOnce = 64;  // then others of the task have their turn
+constexpr int kBufferBytes = 4 << 20; // holds bursts: queries of many clients, responses of many products
+constexpr int kDatagramsAtOnce = 64;  // then other entries of the task run
 
 sockaddr_in SocketAddress(const Endpoint& endpoint)
 {
@@ -55,7 +55,7 @@ bool Attach(int descriptor, const MulticastSocket::Filter& filter)
     return Set(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, program);
 }
 
-/// As much as this process may have.
+/// SO_RCVBUFFORCE exceeds net.core.rmem_max and needs CAP_NET_ADMIN; without it the plain option applies.
 void EnlargeBuffers(int descriptor)
 {
     if (!Set(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, kBufferBytes))
@@ -180,12 +180,12 @@ bool MulticastSocket::SendTo(const Endpoint& receiver, const std::vector<std::ui
     header->cmsg_type = IP_PKTINFO;
     header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
-    if (receiver == m_impl->m_settings.group) // a host is found by its route, on this unit as well
+    if (receiver == m_impl->m_settings.group) // unicast follows the routes, which also lead to local addresses
     {
         info.ipi_ifindex = static_cast<int>(m_impl->m_interface);
     }
     info.ipi_spec_dst.s_addr = htonl(source);
     std::memcpy(CMSG_DATA(header), &info, sizeof info);
     const bool isSent = sendmsg(m_impl->m_socket.native_handle(), &message, MSG_DONTWAIT) >= 0;
-    return isSent || (errno != EAGAIN && errno != ENOBUFS); // no network: as if it had been sent there
+    return isSent || (errno != EAGAIN && errno != ENOBUFS); // other errors: treated as a lost datagram
 }

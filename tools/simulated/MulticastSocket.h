@@ -19,13 +19,13 @@ struct Endpoint
     auto operator<=>(const Endpoint&) const = default;
 };
 
-/// One socket at a multicast group of one interface that hears what it is to hear, and sends from any local address.
-/// Task: everything on the one given, callbacks too.
+/// A socket that is a member of a multicast group on one interface, filters received datagrams in the kernel, and sends
+/// from any local address.
+/// Task: all calls and callbacks run on `task`.
 class MulticastSocket final
 {
 public:
-    /// What is heard: a datagram whose byte at `offset` has `value` in the bits of `mask`. Others are dropped in the
-    /// kernel.
+    /// Accepts a datagram if `(byte at offset & mask) == value`. The kernel drops all others.
     struct Filter
     {
         unsigned int offset;
@@ -45,11 +45,11 @@ public:
     MulticastSocket(const MulticastSocket&) = delete;
     MulticastSocket& operator=(const MulticastSocket&) = delete;
 
-    /// False, with the reason in `error`.
+    /// Returns false and sets `error` on failure.
     bool Open(const std::string& interface, std::string& error);
-    /// To the group, from that address (host byte order). False: the kernel has no room now.
+    /// Sends to the group from the address `source` (host byte order). Returns false if the send buffer is full.
     bool Send(const std::vector<std::uint8_t>& bytes, std::uint32_t source);
-    /// The same, to one host.
+    /// Like Send(), to one host.
     bool SendTo(const Endpoint& receiver, const std::vector<std::uint8_t>& bytes, std::uint32_t source);
 
 private:

@@ -6,7 +6,7 @@
 #include <utility>
 
 Schedule::Schedule(NotifyTargetTaskIF* task)
-    : m_timer("CrowdSchedule", task)
+    : m_timer("Schedule", task)
 {
 }
 

@@ -8,7 +8,8 @@
 
 class NotifyTargetTaskIF;
 
-/// Many things to do later with one timer. Task: all on the one given. Owner: outlived by what the actions capture.
+/// Runs many delayed actions with one timer.
+/// Task: all calls and actions run on `task`. Owner: objects that the actions capture outlive the schedule.
 class Schedule final
 {
 public:
@@ -19,7 +20,7 @@ public:
     Schedule(const Schedule&) = delete;
     Schedule& operator=(const Schedule&) = delete;
 
-    /// Actions of the same millisecond run in the order in which they were given. None can be withdrawn.
+    /// Actions of the same millisecond run in the order of the calls. An action cannot be cancelled.
     void In(unsigned int milliseconds, Action action);
 
 private:
@@ -34,7 +35,7 @@ private:
     void Arm();
     void RunDue();
 
-    std::vector<Entry> m_heap; ///< the next one in front
+    std::vector<Entry> m_heap; ///< the next action in front
     std::uint64_t m_number = 0;
     std::int64_t m_armedForMs = 0; ///< 0: not armed
     MessageTimer m_timer;

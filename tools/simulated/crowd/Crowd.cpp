@@ -1,5 +1,7 @@
 #include "tools/simulated/crowd/Crowd.h"
 
+#include "runtime/TaskCheck.h"
+
 #include <algorithm>
 #include <ctime>
 #include <sstream>
@@ -8,18 +10,18 @@
 namespace
 {
 
-/// Products that start together are spread over this, so that no more than one speaks in two milliseconds.
+/// Announcements of products that start together are spread, so that at most one is sent per two milliseconds.
 constexpr unsigned int kMinSpreadMs = 1000;
 constexpr unsigned int kSpreadMsEach = 2;
 
-/// A product's guid is its host name too.
+/// The guid is also the host name.
 std::string GuidOf(unsigned int index)
 {
     const std::string digits = std::to_string(index);
     return "crowd-" + std::string(5 - std::min<std::size_t>(5, digits.size()), '0') + digits;
 }
 
-/// Calls `done` when its last copy has gone.
+/// Calls `done` when the last copy of the pointer is destroyed.
 std::shared_ptr<void> WhenAllAreDone(const std::function<void()>& done)
 {
     return {nullptr, [done](void*) { done(); }};
@@ -28,7 +30,8 @@ std::shared_ptr<void> WhenAllAreDone(const std::function<void()>& done)
 } // namespace
 
 Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
-    : m_random(settings.mdns.seed)
+    : m_task(task)
+    , m_random(settings.mdns.seed)
     , m_schedule(task)
     , m_responder(task, m_schedule, settings.mdns)
 {
@@ -40,9 +43,9 @@ Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
         product.identity = MakeIdentity(index, GuidOf(index), settings.namePrefix + " " + std::to_string(index),
                                         settings.firstIpv4 + offset);
         product.baseName = product.identity.name;
-        product.face = std::make_unique<ProductFace>(task, product.identity.guid, product.identity.address,
-                                                     settings.mdns.port, m_requests);
-        product.face->SetRecord(InfoRecord(product.identity));
+        product.gateway = std::make_unique<SimulatedGateway>(task, product.identity.guid, product.identity.address,
+                                                             settings.mdns.port, m_requests);
+        product.gateway->SetRecord(InfoRecord(product.identity));
         m_responder.Add(product.identity);
         m_products.push_back(std::move(product));
     }
@@ -50,11 +53,13 @@ Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
 
 bool Crowd::Start(std::string& error)
 {
+    TASK_CHECK(m_task);
     return m_responder.Open(error) && Return({"return", 0, m_products.size()}, error);
 }
 
 void Crowd::Run(const std::string& command, const Answer& answer)
 {
+    TASK_CHECK(m_task);
     if (command == "stats")
     {
         answer(Stats());
@@ -97,7 +102,7 @@ void Crowd::Run(const std::string& command, const Answer& answer)
 void Crowd::Silence(std::size_t product)
 {
     m_responder.Silence(product);
-    m_products[product].face->Close();
+    m_products[product].gateway->Close();
 }
 
 void Crowd::SayGoodbye(const Range& range, const std::function<void()>& done)
@@ -105,7 +110,7 @@ void Crowd::SayGoodbye(const Range& range, const std::function<void()>& done)
     const std::shared_ptr<void> all = WhenAllAreDone(done);
     for (std::size_t product = range.begin; product < range.end; ++product)
     {
-        m_responder.SayGoodbye(product, [this, product, all] { m_products[product].face->Close(); });
+        m_responder.SayGoodbye(product, [this, product, all] { m_products[product].gateway->Close(); });
     }
 }
 
@@ -115,7 +120,7 @@ bool Crowd::Return(const Range& range, std::string& error)
     const unsigned int spread = std::max(kMinSpreadMs, count * kSpreadMsEach);
     for (std::size_t product = range.begin; product < range.end; ++product)
     {
-        if (!m_products[product].face->Listen(error))
+        if (!m_products[product].gateway->Listen(error))
         {
             return false;
         }
@@ -141,7 +146,7 @@ void Crowd::Rename(const Range& range, const std::function<void()>& done)
                                [this, product, all]
                                {
                                    TakeNextName(product);
-                                   if (m_products[product].face->IsListening())
+                                   if (m_products[product].gateway->IsListening())
                                    {
                                        m_responder.Announce(product, 0);
                                    }
@@ -153,7 +158,7 @@ void Crowd::TakeNextName(std::size_t product)
 {
     Product& renamed = m_products[product];
     renamed.identity.name = renamed.baseName + ", " + std::to_string(++renamed.names);
-    renamed.face->SetRecord(InfoRecord(renamed.identity));
+    renamed.gateway->SetRecord(InfoRecord(renamed.identity));
     m_responder.Rename(product, renamed.identity.name);
 }
 
@@ -163,10 +168,10 @@ std::string Crowd::Stats() const
     std::size_t connections = 0;
     for (const Product& product : m_products)
     {
-        online += product.face->IsListening() ? 1 : 0;
-        connections += product.face->Connections();
+        online += product.gateway->IsListening() ? 1 : 0;
+        connections += product.gateway->Connections();
     }
-    const Responder::Counts& counts = m_responder.GetCounts();
+    const MdnsResponder::Counts& counts = m_responder.GetCounts();
     const std::clock_t cpuMs = std::clock() / (CLOCKS_PER_SEC / 1000);
     std::ostringstream line;
     line << "ok products=" << m_products.size() << " online=" << online << " connections=" << connections

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "tools/simulated/Identity.h"
-#include "tools/simulated/Neighbours.h"
-#include "tools/simulated/ProductFace.h"
 #include "tools/simulated/Schedule.h"
-#include "tools/simulated/crowd/Responder.h"
+#include "tools/simulated/SimulatedGateway.h"
+#include "tools/simulated/Simulator.h"
+#include "tools/simulated/crowd/MdnsResponder.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,9 +15,9 @@
 
 class NotifyTargetTaskIF;
 
-/// Many products of the family in one process: each with a name, a guid and an address of its own, on mDNS and at
-/// its gateway's port. Task: everything on the one given, answers too.
-class Crowd final : public Neighbours
+/// Many products of the family in one process. Each has its own name, guid, address, mDNS records and gateway port.
+/// Task: all calls and callbacks run on `task`.
+class Crowd final : public Simulator
 {
 public:
     struct Settings
@@ -26,14 +26,14 @@ public:
         unsigned int firstIndex = 0;
         std::uint32_t firstIpv4 = 0; ///< host byte order
         std::string namePrefix;
-        Responder::Settings mdns;
+        MdnsResponder::Settings mdns;
     };
 
     Crowd(NotifyTargetTaskIF* task, const Settings& settings);
     Crowd(const Crowd&) = delete;
     Crowd& operator=(const Crowd&) = delete;
 
-    /// All listen, and will be announced over the next seconds. False, with the reason in `error`.
+    /// Opens all ports and spreads the announcements over the next seconds. Returns false and sets `error` on failure.
     bool Start(std::string& error) override;
     void Run(const std::string& command, const Answer& answer) override;
 
@@ -43,9 +43,9 @@ private:
     struct Product
     {
         Identity identity;
-        std::unique_ptr<ProductFace> face;
+        std::unique_ptr<SimulatedGateway> gateway;
         std::string baseName;
-        unsigned int names = 1; ///< that it has had
+        unsigned int names = 1; ///< number of names used so far
     };
     using Range = RangeCommand;
 
@@ -56,9 +56,10 @@ private:
     void TakeNextName(std::size_t product);
     std::string Stats() const;
 
+    NotifyTargetTaskIF* const m_task;
     std::vector<Product> m_products;
     std::uint64_t m_requests = 0;
     IL::RandomSequence m_random;
     Schedule m_schedule;
-    Responder m_responder;
+    MdnsResponder m_responder;
 };

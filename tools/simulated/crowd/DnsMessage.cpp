@@ -15,9 +15,10 @@ constexpr std::uint8_t kAuthoritativeFlag = 0x04;
 constexpr std::uint8_t kTruncatedFlag = 0x02;
 constexpr std::uint8_t kPointerBits = 0xC0;
 constexpr std::uint16_t kInternetClass = 1;
-constexpr std::uint16_t kCacheFlush = 0x8000; ///< the record is the only one of its name and type
+constexpr std::uint16_t kCacheFlush =
+    0x8000; ///< RFC 6762 section 10.2: the record replaces others of its name and type
 
-/// Reads on from a position; after the first thing that is not there, `isGood` is false and all reads are 0.
+/// Sequential reader. After the first read past the end IsGood() is false and all reads return 0.
 class Reader
 {
 public:
@@ -66,11 +67,11 @@ public:
         m_position += m_isGood ? count : 0;
     }
 
-    /// Lowered.
+    /// Returns the name in lower case.
     Name GetName()
     {
         Name name;
-        std::size_t end = 0; // behind the first pointer; 0: none yet
+        std::size_t end = 0; // position after the first pointer; 0: no pointer yet
         while (m_isGood && name.size() <= kMaxNameBytes)
         {
             const std::size_t begin = m_position;
@@ -105,7 +106,7 @@ private:
     const std::uint8_t* m_bytes;
     std::size_t m_size;
     std::size_t m_position;
-    std::size_t m_lowestPointer = m_size; ///< of the name being read: the next one has to lead further back
+    std::size_t m_lowestPointer = m_size; ///< of the current name: each pointer must point before the last one
     bool m_isGood = true;
 };
 
@@ -143,7 +144,7 @@ Name MakeName(const std::vector<std::string>& labels)
 
 Name Lowered(Name name)
 {
-    // Lengths are under 64, letters above it: one pass does for both.
+    // Length bytes are below 64 and letters above, so length bytes stay unchanged.
     std::transform(name.begin(), name.end(), name.begin(),
                    [](char byte) { return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte; });
     return name;
@@ -160,7 +161,7 @@ std::optional<Query> ParseQuery(const std::uint8_t* bytes, std::size_t size)
     Reader reader(bytes, size, 4);
     const std::uint16_t questions = reader.Get16();
     const std::uint16_t answers = reader.Get16();
-    reader.Get32(); // authority records are of probes, additional ones of no use here
+    reader.Get32(); // skips the counts of authority and additional records
     for (unsigned index = 0; index < questions && reader.IsGood(); ++index)
     {
         Question question;
@@ -215,7 +216,7 @@ void ResponseWriter::AddAddress(Section section, const Name& name, std::uint32_t
 
 std::size_t ResponseWriter::BeginRecord(Section section, const Name& name, Type type, bool isUnique, std::uint32_t ttl)
 {
-    ++m_bytes[section == Section::ANSWER ? 7 : 11]; // the low byte of the section's count; there are never many
+    ++m_bytes[section == Section::ANSWER ? 7 : 11]; // low byte of the section's count; there are never more than 255
     PutName(name);
     Put16(type);
     Put16(isUnique ? kInternetClass | kCacheFlush : kInternetClass);

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-/// As much of DNS messages as an mDNS responder of one service type needs. Values; nothing here keeps state.
+/// The part of the DNS message format (RFC 1035, RFC 6762) that an mDNS responder of one service type needs. Stateless.
 namespace Dns
 {
 
@@ -20,41 +20,41 @@ enum Type : std::uint16_t
     ANY = 255,
 };
 
-/// A domain name as on the wire, without the root: each label behind a byte with its length.
+/// A domain name in wire form without the root label: each label follows a byte with its length.
 using Name = std::string;
 
-/// Labels of 1 to 63 bytes; a longer one is cut.
+/// Truncates labels to 63 bytes.
 Name MakeName(const std::vector<std::string>& labels);
-/// For comparing: ASCII letters in small.
+/// ASCII letters in lower case, for comparisons.
 Name Lowered(Name name);
 
 struct Question
 {
-    Name name; ///< lowered
+    Name name; ///< lower case
     std::uint16_t type = 0;
 };
 
-/// A record that the asker knows already.
+/// A record that the querier already has (RFC 6762 section 7.1).
 struct KnownAnswer
 {
-    Name name; ///< lowered
+    Name name; ///< lower case
     std::uint16_t type = 0;
     std::uint32_t ttl = 0;
-    Name target; ///< of a PTR, lowered
+    Name target; ///< of a PTR record, lower case
 };
 
 struct Query
 {
-    bool isTruncated = false; ///< more known answers follow in another message
+    bool isTruncated = false; ///< TC bit: more known answers follow in another message
     std::vector<Question> questions;
     std::vector<KnownAnswer> knownAnswers;
 };
 
-/// Nothing where the bytes are no query or don't hold what they promise. Linear in `size`: a name's pointers lead
-/// backwards only, and a name has 255 bytes at most.
+/// Returns nothing if the bytes are not a complete query. Linear in `size`: compression pointers must point backwards,
+/// and a name has at most 255 bytes.
 std::optional<Query> ParseQuery(const std::uint8_t* bytes, std::size_t size);
 
-/// One response of records under names that repeat; repetitions become pointers. Answers come before additionals.
+/// Writes one response with name compression. Answers must be added before additional records.
 class ResponseWriter
 {
 public:
@@ -84,7 +84,7 @@ private:
     void Put32(std::uint32_t value);
 
     std::vector<std::uint8_t> m_bytes;
-    std::vector<std::pair<Name, std::size_t>> m_written; ///< names and their ends, and where they stand
+    std::vector<std::pair<Name, std::size_t>> m_written; ///< names and suffixes of names, and their offsets
 };
 
 } // namespace Dns

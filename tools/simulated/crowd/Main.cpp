@@ -1,4 +1,4 @@
-// Many simulated products in one process, for the laboratory and for measuring.
+// Many simulated products in one process, for the laboratory and the benchmarks.
 #include "runtime/DPrint.h"
 #include "tools/clients/options/Options.h"
 #include "tools/simulated/crowd/Crowd.h"
@@ -13,33 +13,33 @@ namespace
 {
 
 constexpr const char* kHelp = R"(Usage: product-crowd --count N --interface IFACE [OPTION]...
-Be N products of the family on the network: each with a name, a guid, a host
-name and an address of its own, which answers mDNS with packets of its own and
-serves /sonarix/info at its gateway's port.
+Simulates N products of the family. Each has its own name, guid, host name and
+address, responds to mDNS queries with its own packets, and serves
+/sonarix/info at the port of its gateway.
 
-The addresses have to be local ones of this host:
+The addresses must be local addresses of this host:
     ip route add local 10.77.32.0/20 dev lo
 
-  --count N              how many, 1 to 8192
-  --interface IFACE      where mDNS is spoken
-  --first-address IPV4   of the first product, the others follow; default 10.77.32.1
-  --first-index I        of the first product, in names and guids; default 0
-  --name-prefix PREFIX   what stands before the index in names; default Crowd
-  --delay MIN:MAX        of each answer, in milliseconds; default 20:120
-  --seed S               of the delays; default 1
-  --port PORT            of the gateways; default 8090
-  --quiet                log errors alone
-  --help, --version
+  --count N              number of products, 1 to 8192
+  --interface IFACE      interface for mDNS
+  --first-address IPV4   address of the first product, the others follow; default 10.77.32.1
+  --first-index I        index of the first product, in names and guids; default 0
+  --name-prefix PREFIX   text before the index in names; default Crowd
+  --delay MIN:MAX        delay of each response in milliseconds; default 20:120
+  --seed S               seed of the delays; default 1
+  --port PORT            port of the gateways; default 8090
+  --quiet                log only errors
+  -h, --help, -V, --version
 
-Prints "ready N" once all listen, then reads commands, one a line, and answers
-each with a line "ok ..." or "error ...". Products are counted from 0.
+Prints "ready N" when all products listen. Then reads commands, one per line,
+and prints one line per command, "ok ..." or "error ...". Indices start at 0.
 
-  silence FIRST LAST     gone without goodbye: no mDNS, connections and ports closed
-  goodbye FIRST LAST     the same, after having said so
-  return FIRST LAST      back again
-  rename FIRST LAST      each takes another name
-  stats                  what there was to do
-  quit                   ends the program, as the end of the input does
+  silence FIRST LAST     stop mDNS and close connections and ports, without goodbye
+  goodbye FIRST LAST     the same, after a goodbye packet
+  return FIRST LAST      start again
+  rename FIRST LAST      give each product a new name
+  stats                  print counters
+  quit                   end the program, like the end of the input
 )";
 
 int Fail(const std::string& what, int status)
@@ -48,7 +48,7 @@ int Fail(const std::string& what, int status)
     return status;
 }
 
-bool ReadDelay(const std::string& text, Responder::Settings& settings)
+bool ReadDelay(const std::string& text, MdnsResponder::Settings& settings)
 {
     constexpr unsigned int kMostMs = 60000;
     const std::size_t colon = text.find(':');
@@ -63,7 +63,7 @@ bool ReadDelay(const std::string& text, Responder::Settings& settings)
     return true;
 }
 
-/// What is wrong, or nothing.
+/// Returns the reason why the options are invalid, else an empty text.
 std::string ReadSettings(const Options& options, Crowd::Settings& settings)
 {
     constexpr unsigned int kMostIndex = 99999; // five digits in a guid
@@ -103,7 +103,7 @@ std::string ReadSettings(const Options& options, Crowd::Settings& settings)
         return "--seed takes a number";
     }
     settings.mdns.seed = *seed;
-    return ReadDelay(options.Get("delay", "20:120"), settings.mdns) ? "" : "--delay takes two numbers, such as 20:120";
+    return ReadDelay(options.Get("delay", "20:120"), settings.mdns) ? "" : "--delay takes two numbers, e.g. 20:120";
 }
 
 int Run(int argc, char** argv)
@@ -113,7 +113,7 @@ int Run(int argc, char** argv)
     if (!options.Parse(argc, argv) || !options.Words().empty())
     {
         const std::string reason = options.Words().empty() ? options.Error() : "no argument " + options.Words().front();
-        return Fail(reason + " (product-crowd --help tells more)", 2);
+        return Fail(reason + " (see product-crowd --help)", 2);
     }
     if (options.WantsHelp() || options.WantsVersion())
     {
@@ -123,16 +123,16 @@ int Run(int argc, char** argv)
     Crowd::Settings settings;
     if (const std::string reason = ReadSettings(options, settings); !reason.empty())
     {
-        return Fail(reason + " (product-crowd --help tells more)", 2);
+        return Fail(reason + " (see product-crowd --help)", 2);
     }
     DPrint::Initialize();
     if (options.Has("quiet"))
     {
         DPrint::SetLevels("1");
     }
-    constexpr std::size_t kNeighbours = 16;
-    RaiseDescriptorLimit(settings.count * (1 + kNeighbours) +
-                         64); // a listener each, and a connection of each neighbour
+    constexpr std::size_t kConnections = 16;
+    // Per product one listener and the connections of other products' gateways.
+    RaiseDescriptorLimit(settings.count * (1 + kConnections) + 64);
     ServeCommands("product-crowd", settings.count,
                   [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Crowd>(task, settings); });
 }

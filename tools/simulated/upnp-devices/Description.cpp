@@ -59,7 +59,7 @@ std::string Icon(int size)
                                Element("depth", "24") + Element("url", "/icon-" + pixels + ".png"));
 }
 
-/// `name` as it stands in the text.
+/// The device description. `name` must be escaped already.
 std::string Description(const Identity& identity, bool isOfFamily, const std::string& name)
 {
     const std::string maker = isOfFamily ? Family::kManufacturer : "Another Maker";
@@ -88,7 +88,7 @@ std::string Repeated(const std::string& text, int times)
     return all;
 }
 
-/// With something put before its <device> element.
+/// Inserts `more` before the <device> element.
 std::string Before(const std::string& description, const std::string& more)
 {
     std::string text = description;
@@ -108,7 +108,7 @@ std::string WithEntities(const std::string& description)
     return text.insert(text.find("</friendlyName>"), "&e9;");
 }
 
-/// Of a text that is ASCII.
+/// UTF-16 with a byte order mark; `text` must be ASCII.
 std::string Utf16(const std::string& text)
 {
     std::string wide = "\xff\xfe";
@@ -132,19 +132,19 @@ std::string Head(const std::string& status, const std::string& headers, const st
            (length.empty() ? "" : "CONTENT-LENGTH: " + length + "\r\n") + "\r\n";
 }
 
-HttpAnswer Whole(const std::string& body, const std::string& status = "200 OK", const std::string& headers = "")
+HttpResponse Whole(const std::string& body, const std::string& status = "200 OK", const std::string& headers = "")
 {
     return {Head(status, headers, std::to_string(body.size())) + body};
 }
 
-HttpAnswer Filled(const std::string& body, std::uint64_t filler, const std::string& length)
+HttpResponse Filled(const std::string& body, std::uint64_t filler, const std::string& length)
 {
-    return {Head("200 OK", "", length) + body, HttpAnswer::Pace::AT_ONCE, filler};
+    return {Head("200 OK", "", length) + body, HttpResponse::Pace::AT_ONCE, filler};
 }
 
 } // namespace
 
-HttpAnswer AnswerOf(Kind kind, const Identity& identity, const std::string& path)
+HttpResponse AnswerOf(Kind kind, const Identity& identity, const std::string& path)
 {
     const std::string good = Description(identity, IsOfFamily(kind), identity.name);
     const std::string other = Description(identity, true,
@@ -154,9 +154,9 @@ HttpAnswer AnswerOf(Kind kind, const Identity& identity, const std::string& path
     switch (kind)
     {
     case Kind::SILENT_SERVER:
-        return {"", HttpAnswer::Pace::NEVER};
+        return {"", HttpResponse::Pace::NEVER};
     case Kind::SLOW_SERVER:
-        return {Whole(good).bytes, HttpAnswer::Pace::BYTE_A_SECOND};
+        return {Whole(good).bytes, HttpResponse::Pace::BYTE_A_SECOND};
     case Kind::STATUS_404:
         return Whole(good, "404 Not Found");
     case Kind::STATUS_500:
@@ -169,7 +169,7 @@ HttpAnswer AnswerOf(Kind kind, const Identity& identity, const std::string& path
     case Kind::HUGE_BODY:
         return Filled(good, kHugeBytes - good.size(), std::to_string(kHugeBytes));
     case Kind::ENDLESS_BODY:
-        return Filled(good, HttpAnswer::kEndless, "");
+        return Filled(good, HttpResponse::kEndless, "");
     case Kind::CUT_XML:
         return Whole(good.substr(0, good.find("</kova:X_productType>") + 8));
     case Kind::DEEP_XML:

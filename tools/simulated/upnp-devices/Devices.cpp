@@ -1,5 +1,6 @@
 #include "tools/simulated/upnp-devices/Devices.h"
 
+#include "runtime/TaskCheck.h"
 #include "tools/simulated/upnp-devices/Description.h"
 
 #include <algorithm>
@@ -12,7 +13,7 @@
 namespace
 {
 
-/// Devices that start together are spread over this, so that no more than one speaks in two milliseconds.
+/// Announcements of devices that start together are spread, so that at most one is sent per two milliseconds.
 constexpr unsigned int kMinSpreadMs = 500;
 constexpr unsigned int kSpreadMsEach = 2;
 
@@ -26,10 +27,11 @@ std::string GuidOf(unsigned int index)
 } // namespace
 
 Devices::Devices(NotifyTargetTaskIF* task, const Settings& settings)
-    : m_startsSilent(settings.isSilent)
+    : m_task(task)
+    , m_startsSilent(settings.isSilent)
     , m_random(settings.ssdp.seed)
     , m_schedule(task)
-    , m_speaker(task, m_schedule, settings.ssdp)
+    , m_responder(task, m_schedule, settings.ssdp)
 {
     m_devices.reserve(settings.kinds.size());
     for (std::size_t offset = 0; offset < settings.kinds.size(); ++offset)
@@ -55,30 +57,32 @@ void Devices::Add(NotifyTargetTaskIF* task, const Settings& settings, std::size_
     Device device;
     if (kind != Kind::CLOSED_PORT)
     {
-        device.http = std::make_unique<HttpFace>(task, identity.address, settings.port,
-                                                 [this, kind, identity](const std::string& path)
-                                                 {
-                                                     ++m_descriptions;
-                                                     return AnswerOf(kind, identity, path);
-                                                 });
+        device.http = std::make_unique<FakeHttpServer>(task, identity.address, settings.port,
+                                                       [this, kind, identity](const std::string& path)
+                                                       {
+                                                           ++m_descriptions;
+                                                           return AnswerOf(kind, identity, path);
+                                                       });
     }
     if (settings.hasGateways && HasGateway(kind))
     {
         device.gateway =
-            std::make_unique<ProductFace>(task, identity.guid, identity.address, settings.gatewayPort, m_requests);
+            std::make_unique<SimulatedGateway>(task, identity.guid, identity.address, settings.gatewayPort, m_requests);
         device.gateway->SetRecord(InfoRecord(identity));
     }
-    m_speaker.Add(kind, identity, settings.port);
+    m_responder.Add(kind, identity, settings.port);
     m_devices.push_back(std::move(device));
 }
 
 bool Devices::Start(std::string& error)
 {
-    return m_speaker.Open(error) && (m_startsSilent || Return(0, m_devices.size(), error));
+    TASK_CHECK(m_task);
+    return m_responder.Open(error) && (m_startsSilent || Return(0, m_devices.size(), error));
 }
 
 void Devices::Run(const std::string& command, const Answer& answer)
 {
+    TASK_CHECK(m_task);
     if (command == "stats")
     {
         answer(Stats());
@@ -112,15 +116,15 @@ void Devices::Run(const std::string& command, const Answer& answer)
 
 void Devices::Leave(std::size_t device, bool saysGoodbye)
 {
-    if (m_speaker.IsSilent(device))
+    if (m_responder.IsSilent(device))
     {
         return;
     }
     if (saysGoodbye)
     {
-        m_speaker.SayGoodbye(device);
+        m_responder.SayGoodbye(device);
     }
-    m_speaker.Silence(device);
+    m_responder.Silence(device);
     if (m_devices[device].http)
     {
         m_devices[device].http->Close();
@@ -142,9 +146,9 @@ bool Devices::Return(std::size_t begin, std::size_t end, std::string& error)
         {
             return false;
         }
-        if (m_speaker.IsSilent(device))
+        if (m_responder.IsSilent(device))
         {
-            m_speaker.Announce(device, static_cast<unsigned int>(m_random.Below(spread)));
+            m_responder.Announce(device, static_cast<unsigned int>(m_random.Below(spread)));
         }
     }
     return true;
@@ -156,11 +160,11 @@ std::string Devices::Stats() const
     std::size_t connections = 0;
     for (std::size_t device = 0; device < m_devices.size(); ++device)
     {
-        present += m_speaker.IsSilent(device) ? 0 : 1;
+        present += m_responder.IsSilent(device) ? 0 : 1;
         connections += m_devices[device].http ? m_devices[device].http->Connections() : 0;
         connections += m_devices[device].gateway ? m_devices[device].gateway->Connections() : 0;
     }
-    const SsdpSpeaker::Counts& counts = m_speaker.GetCounts();
+    const SsdpResponder::Counts& counts = m_responder.GetCounts();
     const std::clock_t cpuMs = std::clock() / (CLOCKS_PER_SEC / 1000);
     std::ostringstream line;
     line << "ok devices=" << m_devices.size() << " present=" << present << " connections=" << connections

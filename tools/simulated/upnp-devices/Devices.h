@@ -1,12 +1,12 @@
 #pragma once
 
 #include "tools/simulated/Identity.h"
-#include "tools/simulated/Neighbours.h"
-#include "tools/simulated/ProductFace.h"
 #include "tools/simulated/Schedule.h"
-#include "tools/simulated/upnp-devices/HttpFace.h"
+#include "tools/simulated/SimulatedGateway.h"
+#include "tools/simulated/Simulator.h"
+#include "tools/simulated/upnp-devices/FakeHttpServer.h"
 #include "tools/simulated/upnp-devices/Kinds.h"
-#include "tools/simulated/upnp-devices/SsdpSpeaker.h"
+#include "tools/simulated/upnp-devices/SsdpResponder.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -16,9 +16,9 @@
 
 class NotifyTargetTaskIF;
 
-/// Many UPnP devices in one process: each with a uuid and an address of its own, on SSDP, with a web server that serves
-/// its description, and products of the family with a gateway besides. Task: everything on the one given, answers too.
-class Devices final : public Neighbours
+/// Many UPnP devices in one process. Each has its own uuid and address, uses SSDP, and serves its description over
+/// HTTP. Products of the family also have a gateway. Task: all calls and callbacks run on `task`.
+class Devices final : public Simulator
 {
 public:
     struct Settings
@@ -30,9 +30,9 @@ public:
         std::uint16_t gatewayPort = 0;
         bool hasGateways = true;
         bool isSilent = false; ///< at the start
-        std::string guid;      ///< of the first device; empty: it follows from its index, as all others do
-        std::string name;      ///< the same
-        SsdpSpeaker::Settings ssdp;
+        std::string guid;      ///< of the first device; empty: derived from its index, like all others
+        std::string name;      ///< like `guid`
+        SsdpResponder::Settings ssdp;
     };
 
     Devices(NotifyTargetTaskIF* task, const Settings& settings);
@@ -40,7 +40,7 @@ public:
     Devices(const Devices&) = delete;
     Devices& operator=(const Devices&) = delete;
 
-    /// Where they are not to be silent, all listen, and will be announced over the next seconds.
+    /// Unless `isSilent` is set, opens all ports and spreads the announcements over the next seconds.
     bool Start(std::string& error) override;
     void Run(const std::string& command, const Answer& answer) override;
 
@@ -49,8 +49,8 @@ public:
 private:
     struct Device
     {
-        std::unique_ptr<HttpFace> http;       ///< null: nobody listens at its LOCATION
-        std::unique_ptr<ProductFace> gateway; ///< null: it has none
+        std::unique_ptr<FakeHttpServer> http;      ///< null: no server listens at its LOCATION
+        std::unique_ptr<SimulatedGateway> gateway; ///< null: the device has none
     };
 
     void Add(NotifyTargetTaskIF* task, const Settings& settings, std::size_t offset);
@@ -58,11 +58,12 @@ private:
     bool Return(std::size_t begin, std::size_t end, std::string& error);
     std::string Stats() const;
 
+    NotifyTargetTaskIF* const m_task;
     const bool m_startsSilent;
     std::vector<Device> m_devices;
-    std::uint64_t m_descriptions = 0; ///< asked for
-    std::uint64_t m_requests = 0;     ///< of gateways
+    std::uint64_t m_descriptions = 0; ///< requests of descriptions
+    std::uint64_t m_requests = 0;     ///< requests at the gateways
     IL::RandomSequence m_random;
     Schedule m_schedule;
-    SsdpSpeaker m_speaker;
+    SsdpResponder m_responder;
 };

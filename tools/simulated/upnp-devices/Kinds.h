@@ -5,34 +5,34 @@
 #include <string>
 #include <vector>
 
-/// What a simulated device is, and where it misbehaves, how. Each misbehaving one calls itself a product of the
-/// family, so that a row in somebody's table shows that it was believed; it has no gateway, unless it says otherwise.
+/// Kinds of simulated devices. A misbehaving device claims to be a product of the family, so a row in the daemon's
+/// table shows that its description was accepted. It has no gateway unless stated otherwise.
 enum class Kind : std::uint8_t
 {
     PRODUCT,           ///< of the family, with a gateway
-    RENDERER,          ///< of another maker
-    HASTY,             ///< a renderer that answers a search at once, whatever its MX
-    NO_LOCATION,       ///< none in any message
+    RENDERER,          ///< of another manufacturer
+    HASTY,             ///< a renderer that answers a search immediately and ignores MX
+    NO_LOCATION,       ///< no LOCATION header in any message
     EMPTY_LOCATION,    ///< "LOCATION:"
-    LONG_LOCATION,     ///< of over 2,000 characters, good otherwise
+    LONG_LOCATION,     ///< valid, more than 2,000 characters
     OTHER_SCHEME,      ///< ftp://
     LOOPBACK_LOCATION, ///< http://127.0.0.1
-    CLOSED_PORT,       ///< nobody listens there
-    SILENT_SERVER,     ///< accepts, and says nothing
-    SLOW_SERVER,       ///< says a byte a second
+    CLOSED_PORT,       ///< no server listens there
+    SILENT_SERVER,     ///< accepts the connection and sends nothing
+    SLOW_SERVER,       ///< sends one byte per second
     STATUS_404,
     STATUS_500,
     STATUS_503,   ///< Retry-After: 43200, X-Retry-Count: -1
-    REDIRECT,     ///< to a good description of its own
+    REDIRECT,     ///< to a valid description on the same server
     HUGE_BODY,    ///< 100 MiB
-    ENDLESS_BODY, ///< goes on until the reader has enough
+    ENDLESS_BODY, ///< continues until the client closes the connection
     CUT_XML,      ///< ends in the middle of an element
     DEEP_XML,     ///< 100,000 levels
-    ENTITY_XML,   ///< entities of entities, a billion in all
+    ENTITY_XML,   ///< nested entities that expand to a billion strings
     LATIN1_XML,   ///< ISO-8859-1
     UTF16_XML,    ///< UTF-16
-    NUL_BYTE,     ///< in the middle of a text
-    EMPTY_BODY,   ///< 200, and nothing
+    NUL_BYTE,     ///< in the middle of a text node
+    EMPTY_BODY,   ///< status 200 and no body
     FLAPPING,     ///< with a gateway; alive and byebye 100 times a second
 };
 

@@ -1,4 +1,4 @@
-// Many simulated UPnP devices in one process, good ones and such as misbehave, for the laboratory and for measuring.
+// Many simulated UPnP devices in one process, compliant and misbehaving ones, for the laboratory and the benchmarks.
 #include "runtime/DPrint.h"
 #include "tools/clients/options/Options.h"
 #include "tools/simulated/upnp-devices/Devices.h"
@@ -15,53 +15,53 @@ namespace
 {
 
 constexpr const char* kHelp = R"(Usage: upnp-devices --interface IFACE [OPTION]... KIND[:COUNT]...
-Be UPnP media renderers on the network: each with a uuid and an address of its
-own, which announces itself, answers searches after a random part of their MX,
-and serves its description.
+Simulates UPnP media renderers. Each has its own uuid and address, announces
+itself, responds to searches after a random part of MX, and serves its
+description.
 
-The addresses have to be local ones of this host:
+The addresses must be local addresses of this host:
     ip route add local 10.77.48.0/22 dev lo
 
-  --interface IFACE      where SSDP is spoken
-  --first-address IPV4   of the first device, the others follow; default 10.77.48.1
-  --first-index I        of the first device, in names and uuids; default 0
-  --guid GUID            of the first device, such as that of a real product
-  --name NAME            of the first device
-  --port PORT            of the descriptions; default 49152
-  --gateway-port PORT    of the gateways; default 8090
-  --no-gateway           no product has a gateway here
-  --max-age SECONDS      of what is announced; default 1800
-  --silent               all are away until they are told to return
-  --seed S               of the delays; default 1
-  --quiet                log errors alone
-  --help, --version
+  --interface IFACE      interface for SSDP
+  --first-address IPV4   address of the first device, the others follow; default 10.77.48.1
+  --first-index I        index of the first device, in names and uuids; default 0
+  --guid GUID            guid of the first device, e.g. that of a real product
+  --name NAME            name of the first device
+  --port PORT            HTTP port of the descriptions; default 49152
+  --gateway-port PORT    port of the gateways; default 8090
+  --no-gateway           start no gateways
+  --max-age SECONDS      CACHE-CONTROL max-age of announcements; default 1800
+  --silent               all devices are absent until the command return
+  --seed S               seed of the delays; default 1
+  --quiet                log only errors
+  -h, --help, -V, --version
 
-Good kinds:
-  product                of the family; serves /sonarix/info at its gateway's port
-  renderer               of another maker
-  hasty                  the same, and answers a search at once whatever its MX
-Misbehaving ones, which call themselves products of the family:
+Compliant kinds:
+  product                of the family; serves /sonarix/info at the gateway port
+  renderer               of another manufacturer
+  hasty                  a renderer that responds to searches immediately
+Misbehaving kinds, which claim to be products of the family:
   no-location, empty-location, long-location, other-scheme, loopback, closed-port
-                         their LOCATION is none, or leads nowhere
-  silent, slow           the server says nothing, or a byte a second
+                         LOCATION is missing, unusual or unreachable
+  silent, slow           the server sends nothing, or one byte per second
   status-404, status-500, status-503
-                         it answers so; the last one with hours of Retry-After
-  redirect               it answers with a redirection to a good description
+                         HTTP status; the last one with a Retry-After of 12 hours
+  redirect               redirects to a valid description
   huge-body, endless-body
                          100 MiB, or no end
   cut-xml, deep-xml, entity-xml, latin1-xml, utf16-xml, nul-byte, empty-body
-                         the description is none that can be read
-  flapping               says alive and byebye 100 times a second; has a gateway
-  misbehaving            one of each of these
+                         malformed or unusual description
+  flapping               sends alive and byebye 100 times per second; has a gateway
+  misbehaving            one device of each kind above
 
-Prints "ready N" once all listen, then reads commands, one a line, and answers
-each with a line "ok ..." or "error ...". Devices are counted from 0.
+Prints "ready N" when all devices listen. Then reads commands, one per line,
+and prints one line per command, "ok ..." or "error ...". Indices start at 0.
 
-  silence FIRST LAST     gone without byebye: no SSDP, connections and ports closed
-  goodbye FIRST LAST     the same, after having said so
-  return FIRST LAST      back again
-  stats                  what there was to do
-  quit                   ends the program, as the end of the input does
+  silence FIRST LAST     stop SSDP and close connections and ports, without byebye
+  goodbye FIRST LAST     the same, after byebye
+  return FIRST LAST      start again
+  stats                  print counters
+  quit                   end the program, like the end of the input
 )";
 
 int Fail(const std::string& what, int status)
@@ -70,7 +70,7 @@ int Fail(const std::string& what, int status)
     return status;
 }
 
-/// What is wrong with a word KIND[:COUNT], or nothing.
+/// Appends the devices of a word KIND[:COUNT]. Returns the reason if it is invalid, else an empty text.
 std::string AddDevices(const std::string& word, std::vector<Kind>& kinds)
 {
     const std::size_t colon = word.find(':');
@@ -79,7 +79,7 @@ std::string AddDevices(const std::string& word, std::vector<Kind>& kinds)
                                                   : ReadNumber(word.substr(colon + 1), Devices::kMaxCount);
     if (!count || kinds.size() + *count > Devices::kMaxCount)
     {
-        return word + ": there is room for " + std::to_string(Devices::kMaxCount) + " devices";
+        return word + ": the limit is " + std::to_string(Devices::kMaxCount) + " devices";
     }
     std::vector<Kind> added;
     if (name == "misbehaving")
@@ -93,7 +93,7 @@ std::string AddDevices(const std::string& word, std::vector<Kind>& kinds)
     }
     else
     {
-        return "no kind of device " + name;
+        return "unknown kind of device " + name;
     }
     for (std::size_t number = 0; number < *count; ++number)
     {
@@ -102,7 +102,7 @@ std::string AddDevices(const std::string& word, std::vector<Kind>& kinds)
     return "";
 }
 
-/// What is wrong, or nothing.
+/// Returns the reason why the options are invalid, else an empty text.
 std::string ReadSettings(const Options& options, Devices::Settings& settings)
 {
     for (const std::string& word : options.Words())
@@ -114,7 +114,7 @@ std::string ReadSettings(const Options& options, Devices::Settings& settings)
     }
     if (settings.kinds.empty())
     {
-        return "what shall there be? product:3, for instance";
+        return "no devices given, e.g. product:3";
     }
     settings.ssdp.interface = options.Get("interface", "");
     if (settings.ssdp.interface.empty())
@@ -161,7 +161,7 @@ int Run(int argc, char** argv)
         {"no-gateway", "silent", "quiet"});
     if (!options.Parse(argc, argv))
     {
-        return Fail(options.Error() + " (upnp-devices --help tells more)", 2);
+        return Fail(options.Error() + " (see upnp-devices --help)", 2);
     }
     if (options.WantsHelp() || options.WantsVersion())
     {
@@ -171,15 +171,15 @@ int Run(int argc, char** argv)
     Devices::Settings settings;
     if (const std::string reason = ReadSettings(options, settings); !reason.empty())
     {
-        return Fail(reason + " (upnp-devices --help tells more)", 2);
+        return Fail(reason + " (see upnp-devices --help)", 2);
     }
     DPrint::Initialize();
     if (options.Has("quiet"))
     {
         DPrint::SetLevels("1");
     }
-    constexpr std::size_t kNeighbours = 16;
-    RaiseDescriptorLimit(settings.kinds.size() * (2 + kNeighbours) + 64); // two ports each, connections of neighbours
+    constexpr std::size_t kConnections = 16; // of other products' gateways, per device
+    RaiseDescriptorLimit(settings.kinds.size() * (2 + kConnections) + 64);
     ServeCommands("upnp-devices", settings.kinds.size(),
                   [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Devices>(task, settings); });
 }

@@ -1,5 +1,6 @@
-#include "tools/simulated/upnp-devices/HttpFace.h"
+#include "tools/simulated/upnp-devices/FakeHttpServer.h"
 
+#include "runtime/Liveness.h"
 #include "runtime/TaskIo.h"
 
 #include <boost/asio/io_context.hpp>
@@ -25,13 +26,13 @@ constexpr std::string_view kEndOfHead = "\r\n\r\n";
 constexpr std::size_t kFillerBytes = 64U << 10U;
 const std::string kFiller(kFillerBytes, 'x');
 
-/// One request and its answer; holds itself until it is over.
+/// One request and its response. Its handlers keep it alive until it ends.
 class Exchange final : public std::enable_shared_from_this<Exchange>
 {
 public:
     using Ended = std::function<void(Exchange*)>;
 
-    Exchange(tcp::socket socket, const HttpFace::Answering& answering, Ended ended)
+    Exchange(tcp::socket socket, const FakeHttpServer::Answering& answering, Ended ended)
         : m_socket(std::move(socket))
         , m_timer(m_socket.get_executor())
         , m_answering(answering)
@@ -42,11 +43,11 @@ public:
     void Begin()
     {
         boost::asio::async_read_until(
-            m_socket, boost::asio::dynamic_buffer(m_request, HttpFace::kMaxRequestBytes), kEndOfHead,
+            m_socket, boost::asio::dynamic_buffer(m_request, FakeHttpServer::kMaxRequestBytes), kEndOfHead,
             [self = shared_from_this()](const Error& error, std::size_t) { self->HeadCame(error); });
     }
 
-    /// Nobody hears of it any more.
+    /// Closes the connection without calling `ended`.
     void Abandon()
     {
         m_ended = nullptr;
@@ -66,13 +67,13 @@ private:
         std::string path;
         line >> method >> path;
         m_answer = m_answering(path);
-        if (m_answer.pace == HttpAnswer::Pace::AT_ONCE)
+        if (m_answer.pace == HttpResponse::Pace::AT_ONCE)
         {
             Write(boost::asio::buffer(m_answer.bytes));
             return;
         }
         WatchForEnd();
-        if (m_answer.pace == HttpAnswer::Pace::BYTE_A_SECOND)
+        if (m_answer.pace == HttpResponse::Pace::BYTE_A_SECOND)
         {
             WriteByte(0);
         }
@@ -92,7 +93,7 @@ private:
             return;
         }
         const std::uint64_t count = std::min<std::uint64_t>(m_answer.filler, kFiller.size());
-        m_answer.filler -= m_answer.filler == HttpAnswer::kEndless ? 0 : count;
+        m_answer.filler -= m_answer.filler == HttpResponse::kEndless ? 0 : count;
         Write(boost::asio::buffer(kFiller.data(), static_cast<std::size_t>(count)));
     }
 
@@ -115,7 +116,7 @@ private:
             });
     }
 
-    /// Of one that says little or nothing, the other side has to be heard.
+    /// Detects that the client closed the connection while little or nothing is sent to it.
     void WatchForEnd()
     {
         m_socket.async_wait(tcp::socket::wait_read,
@@ -151,15 +152,15 @@ private:
 
     tcp::socket m_socket;
     boost::asio::steady_timer m_timer;
-    const HttpFace::Answering& m_answering; ///< not used once m_ended is empty
+    const FakeHttpServer::Answering& m_answering; ///< invalid once m_ended is empty
     Ended m_ended;
     std::string m_request;
-    HttpAnswer m_answer;
+    HttpResponse m_answer;
 };
 
 } // namespace
 
-struct HttpFace::Impl : std::enable_shared_from_this<HttpFace::Impl>
+struct FakeHttpServer::Impl
 {
     Impl(boost::asio::io_context& io, tcp::endpoint endpoint, Answering answering)
         : m_endpoint(std::move(endpoint))
@@ -197,20 +198,19 @@ struct HttpFace::Impl : std::enable_shared_from_this<HttpFace::Impl>
 
     void Accept()
     {
-        m_acceptor.async_accept(
-            [weak = weak_from_this()](const Error& error, tcp::socket socket)
+        m_acceptor.async_accept(m_liveness.Guard(
+            [this](const Error& error, tcp::socket socket)
             {
-                const std::shared_ptr<Impl> self = weak.lock();
-                if (self == nullptr || error == boost::asio::error::operation_aborted)
+                if (error == boost::asio::error::operation_aborted)
                 {
                     return;
                 }
-                if (!error && self->m_exchanges.size() < kMaxConnections)
+                if (!error && m_exchanges.size() < kMaxConnections)
                 {
-                    self->Begin(std::move(socket));
+                    Begin(std::move(socket));
                 }
-                self->Accept();
-            });
+                Accept();
+            }));
     }
 
     void Begin(tcp::socket socket)
@@ -235,27 +235,29 @@ struct HttpFace::Impl : std::enable_shared_from_this<HttpFace::Impl>
     tcp::acceptor m_acceptor;
     const Answering m_answering;
     std::set<std::shared_ptr<Exchange>> m_exchanges;
+    Liveness m_liveness;
 };
 
-HttpFace::HttpFace(NotifyTargetTaskIF* task, std::string address, std::uint16_t port, Answering answering)
-    : m_impl(std::make_shared<Impl>(
+FakeHttpServer::FakeHttpServer(NotifyTargetTaskIF* task, const std::string& address, std::uint16_t port,
+                               Answering answering)
+    : m_impl(std::make_unique<Impl>(
           IL::IoContextOf(task), tcp::endpoint(boost::asio::ip::make_address_v4(address), port), std::move(answering)))
 {
 }
 
-HttpFace::~HttpFace() = default;
+FakeHttpServer::~FakeHttpServer() = default;
 
-bool HttpFace::Listen(std::string& error)
+bool FakeHttpServer::Listen(std::string& error)
 {
     return m_impl->m_acceptor.is_open() || m_impl->Listen(error);
 }
 
-void HttpFace::Close()
+void FakeHttpServer::Close()
 {
     m_impl->Close();
 }
 
-std::size_t HttpFace::Connections() const
+std::size_t FakeHttpServer::Connections() const
 {
     return m_impl->m_exchanges.size();
 }

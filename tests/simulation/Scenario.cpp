@@ -1,4 +1,4 @@
-#include "tests/simulation/Life.h"
+#include "tests/simulation/Scenario.h"
 
 #include "tests/simulation/World.h"
 
@@ -31,7 +31,7 @@ milliseconds CheckPeriod(std::uint64_t seed)
 } // namespace
 
 /// What happens, and when.
-class Life::Script
+class Scenario::Script
 {
 public:
     Script(World& world, std::uint64_t seed)
@@ -432,15 +432,15 @@ private:
     unsigned m_names = 0;
 };
 
-Life::Life(std::uint64_t seed)
+Scenario::Scenario(std::uint64_t seed)
     : m_world(std::make_unique<World>(seed, seed % 7 == 3, CheckPeriod(seed)))
     , m_script(std::make_unique<Script>(*m_world, seed))
 {
 }
 
-Life::~Life() = default;
+Scenario::~Scenario() = default;
 
-std::string Life::Run(int days)
+std::string Scenario::Run(int days)
 {
     const auto isOver = [this, end = IL::Engine::Current().NowMs() + milliseconds(hours(24 * days)).count()]
     { return IL::Engine::Current().NowMs() >= end || !m_world->Failure().empty(); };
@@ -453,12 +453,12 @@ std::string Life::Run(int days)
     return m_world->Failure();
 }
 
-std::uint64_t Life::Events() const
+std::uint64_t Scenario::Events() const
 {
     return m_world->simulation.Events();
 }
 
-std::size_t Life::Comparisons() const
+std::size_t Scenario::Comparisons() const
 {
     return m_world->Comparisons();
 }

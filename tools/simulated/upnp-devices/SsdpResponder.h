@@ -13,10 +13,10 @@
 class NotifyTargetTaskIF;
 class Schedule;
 
-/// The SSDP side of many devices, as if each had one of its own: each announces itself as root device, by its uuid and
-/// by its type, and answers each search for one of these from its own address, after a random part of the search's MX.
-/// Task: everything on the one given. Owner: outlives what it has put on `schedule`, or neither runs any more.
-class SsdpSpeaker final
+/// SSDP for many devices. Each device announces itself as root device, by its uuid and by its type, and answers
+/// searches for one of these from its own address after a random part of the search's MX (UPnP DA 1.1 section 1.3.3).
+/// Task: all calls run on `task`. Owner: must outlive the actions that it puts on `schedule`.
+class SsdpResponder final
 {
 public:
     struct Settings
@@ -27,26 +27,26 @@ public:
     };
     struct Counts
     {
-        std::uint64_t searches = 0; ///< heard
+        std::uint64_t searches = 0; ///< received
         std::uint64_t answers = 0;
         std::uint64_t notifies = 0;
     };
 
-    SsdpSpeaker(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings);
-    SsdpSpeaker(const SsdpSpeaker&) = delete;
-    SsdpSpeaker& operator=(const SsdpSpeaker&) = delete;
+    SsdpResponder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings);
+    SsdpResponder(const SsdpResponder&) = delete;
+    SsdpResponder& operator=(const SsdpResponder&) = delete;
 
-    /// False, with the reason in `error`.
+    /// Returns false and sets `error` on failure.
     bool Open(std::string& error);
 
-    /// A device that is silent until Announce; devices are known by the order of their adding, from 0.
+    /// Adds a device, which is silent until Announce(). Devices are numbered from 0 in the order of the calls.
     void Add(Kind kind, const Identity& identity, std::uint16_t port);
-    /// From now on it answers; it speaks by itself after the time, again a second later, and then in time before what
-    /// it has said expires.
+    /// Starts answering searches. Announces the device after `afterMs`, again one second later, and then each time
+    /// before max-age expires.
     void Announce(std::size_t device, unsigned int afterMs);
-    /// From now on it neither answers nor speaks.
+    /// Stops all messages of the device without byebye.
     void Silence(std::size_t device);
-    /// Silence, having said so.
+    /// Sends byebye, then Silence().
     void SayGoodbye(std::size_t device);
 
     bool IsSilent(std::size_t device) const
@@ -63,9 +63,10 @@ private:
     {
         Kind kind;
         Identity identity;
-        std::string location; ///< with the name of its header; empty where it has none
+        std::string location; ///< the whole header line; empty if the device sends none
         bool isSilent = true;
-        unsigned int life = 0; ///< counts silences: what was planned before one does not happen
+        unsigned int silences =
+            0; ///< number of silences so far; an action that was scheduled before a silence does nothing
     };
     struct Search
     {
@@ -81,7 +82,7 @@ private:
     void Flap(std::size_t device, std::int64_t dueMs);
     void Notify(const Device& device, const std::string& target, const std::string& subType);
     void Send(const Endpoint& receiver, const std::string& text, std::uint32_t source);
-    void InLife(std::size_t device, unsigned int afterMs, const std::function<void(const Device&)>& action);
+    void RunUnlessSilenced(std::size_t device, unsigned int afterMs, const std::function<void(const Device&)>& action);
 
     Schedule& m_schedule;
     const Settings m_settings;

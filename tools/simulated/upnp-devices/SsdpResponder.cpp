@@ -1,4 +1,4 @@
-#include "tools/simulated/upnp-devices/SsdpSpeaker.h"
+#include "tools/simulated/upnp-devices/SsdpResponder.h"
 
 #include "runtime/MonotonicClock.h"
 #include "tools/simulated/Schedule.h"
@@ -14,15 +14,15 @@
 namespace
 {
 
-/// 239.255.255.250:1900, M-SEARCH alone.
+/// 239.255.255.250:1900, only M-SEARCH.
 constexpr MulticastSocket::Settings kSsdp{{0xEFFFFFFA, 1900}, 4, {0, 0xFF, 'M'}};
 constexpr const char* kType = "urn:schemas-upnp-org:device:MediaRenderer:1";
 constexpr const char* kRoot = "upnp:rootdevice";
 constexpr const char* kServer = "Linux/5.10 UPnP/1.0 Sonarix-Devices/1.0";
-constexpr unsigned int kMaxMxSec = 5; // a longer one counts as this
+constexpr unsigned int kMaxMxSec = 5; // a larger MX is reduced to this (UPnP DA 1.1 section 1.3.3)
 constexpr unsigned int kAnnouncePauseMs = 1000;
 constexpr std::int64_t kFlapMs = 10;
-constexpr unsigned int kFullPauseMs = 5; // before a packet that the kernel had no room for is tried again
+constexpr unsigned int kFullPauseMs = 5; // before the next attempt if the send buffer was full
 
 std::string Trimmed(const std::string& text)
 {
@@ -46,7 +46,7 @@ std::string Usn(const Identity& identity, const std::string& target)
 
 } // namespace
 
-SsdpSpeaker::SsdpSpeaker(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings)
+SsdpResponder::SsdpResponder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings)
     : m_schedule(schedule)
     , m_settings(std::move(settings))
     , m_random(m_settings.seed)
@@ -56,19 +56,19 @@ SsdpSpeaker::SsdpSpeaker(NotifyTargetTaskIF* task, Schedule& schedule, Settings 
 {
 }
 
-bool SsdpSpeaker::Open(std::string& error)
+bool SsdpResponder::Open(std::string& error)
 {
     return m_socket.Open(m_settings.interface, error);
 }
 
-void SsdpSpeaker::Add(Kind kind, const Identity& identity, std::uint16_t port)
+void SsdpResponder::Add(Kind kind, const Identity& identity, std::uint16_t port)
 {
     const std::string location =
         kind == Kind::NO_LOCATION ? std::string() : "LOCATION: " + LocationOf(kind, identity, port) + "\r\n";
     m_devices.push_back({kind, identity, location});
 }
 
-void SsdpSpeaker::Announce(std::size_t device, unsigned int afterMs)
+void SsdpResponder::Announce(std::size_t device, unsigned int afterMs)
 {
     m_devices[device].isSilent = false;
     PlanAnnouncement(device, afterMs, 0);
@@ -78,13 +78,13 @@ void SsdpSpeaker::Announce(std::size_t device, unsigned int afterMs)
     }
 }
 
-void SsdpSpeaker::Silence(std::size_t device)
+void SsdpResponder::Silence(std::size_t device)
 {
     m_devices[device].isSilent = true;
-    ++m_devices[device].life;
+    ++m_devices[device].silences;
 }
 
-void SsdpSpeaker::SayGoodbye(std::size_t device)
+void SsdpResponder::SayGoodbye(std::size_t device)
 {
     for (const std::string& target : Targets(m_devices[device]))
     {
@@ -93,7 +93,7 @@ void SsdpSpeaker::SayGoodbye(std::size_t device)
     Silence(device);
 }
 
-bool SsdpSpeaker::Parse(const std::string& text, Search& search)
+bool SsdpResponder::Parse(const std::string& text, Search& search)
 {
     std::istringstream lines(text);
     std::string line;
@@ -125,10 +125,10 @@ bool SsdpSpeaker::Parse(const std::string& text, Search& search)
             isDiscover = value == "\"ssdp:discover\"";
         }
     }
-    return isDiscover && search.mxSec > 0; // whoever gives no MX gets no answer
+    return isDiscover && search.mxSec > 0; // a search without MX is invalid (UPnP DA 1.1 section 1.3.2)
 }
 
-void SsdpSpeaker::HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender)
+void SsdpResponder::HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender)
 {
     Search search;
     if (!Parse(std::string(bytes, bytes + size), search))
@@ -153,57 +153,59 @@ void SsdpSpeaker::HandleDatagram(const std::uint8_t* bytes, std::size_t size, co
     }
 }
 
-std::vector<std::string> SsdpSpeaker::Targets(const Device& device) const
+std::vector<std::string> SsdpResponder::Targets(const Device& device) const
 {
     return {kRoot, "uuid:" + device.identity.guid, kType};
 }
 
-void SsdpSpeaker::PlanAnswer(std::size_t device, const std::string& target, const Search& search,
-                             const Endpoint& sender)
+void SsdpResponder::PlanAnswer(std::size_t device, const std::string& target, const Search& search,
+                               const Endpoint& sender)
 {
     const unsigned int mostMs = std::min(search.mxSec, kMaxMxSec) * 1000;
     const bool isHasty = m_devices[device].kind == Kind::HASTY;
-    InLife(device, isHasty ? 0 : static_cast<unsigned int>(m_random.Below(mostMs)),
-           [this, target, sender](const Device& answering)
-           {
-               ++m_counts.answers;
-               Send(sender,
-                    "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=" + std::to_string(m_settings.maxAgeSec) +
-                        "\r\nEXT:\r\n" + answering.location + "SERVER: " + kServer + "\r\nST: " + target +
-                        "\r\nUSN: " + Usn(answering.identity, target) + "\r\n\r\n",
-                    answering.identity.ipv4);
-           });
+    RunUnlessSilenced(device, isHasty ? 0 : static_cast<unsigned int>(m_random.Below(mostMs)),
+                      [this, target, sender](const Device& answering)
+                      {
+                          ++m_counts.answers;
+                          Send(sender,
+                               "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=" + std::to_string(m_settings.maxAgeSec) +
+                                   "\r\nEXT:\r\n" + answering.location + "SERVER: " + kServer + "\r\nST: " + target +
+                                   "\r\nUSN: " + Usn(answering.identity, target) + "\r\n\r\n",
+                               answering.identity.ipv4);
+                      });
 }
 
-void SsdpSpeaker::PlanAnnouncement(std::size_t device, unsigned int afterMs, unsigned int number)
+void SsdpResponder::PlanAnnouncement(std::size_t device, unsigned int afterMs, unsigned int number)
 {
-    InLife(device, afterMs,
-           [this, device, number](const Device& announced)
-           {
-               for (const std::string& target : Targets(announced))
-               {
-                   Notify(announced, target, "ssdp:alive");
-               }
-               const unsigned int thirdMs = m_settings.maxAgeSec * 1000 / 3;
-               const auto nextMs =
-                   number == 0 ? kAnnouncePauseMs : thirdMs + static_cast<unsigned int>(m_random.Below(thirdMs / 2));
-               PlanAnnouncement(device, nextMs, number + 1);
-           });
+    RunUnlessSilenced(device, afterMs,
+                      [this, device, number](const Device& announced)
+                      {
+                          for (const std::string& target : Targets(announced))
+                          {
+                              Notify(announced, target, "ssdp:alive");
+                          }
+                          const unsigned int thirdMs = m_settings.maxAgeSec * 1000 / 3;
+                          const auto nextMs = number == 0
+                                                  ? kAnnouncePauseMs
+                                                  : thirdMs + static_cast<unsigned int>(m_random.Below(thirdMs / 2));
+                          PlanAnnouncement(device, nextMs, number + 1);
+                      });
 }
 
-void SsdpSpeaker::Flap(std::size_t device, std::int64_t dueMs)
+void SsdpResponder::Flap(std::size_t device, std::int64_t dueMs)
 {
     const std::int64_t afterMs = std::max<std::int64_t>(0, dueMs - MonotonicClock::NowMs());
-    InLife(device, static_cast<unsigned int>(afterMs),
-           [this, device, dueMs](const Device& flapping)
-           {
-               Notify(flapping, kType, "ssdp:byebye");
-               Notify(flapping, kType, "ssdp:alive");
-               Flap(device, dueMs + kFlapMs); // what a busy machine has delayed is caught up with
-           });
+    RunUnlessSilenced(device, static_cast<unsigned int>(afterMs),
+                      [this, device, dueMs](const Device& flapping)
+                      {
+                          Notify(flapping, kType, "ssdp:byebye");
+                          Notify(flapping, kType, "ssdp:alive");
+                          Flap(device,
+                               dueMs + kFlapMs); // based on the due time, so a delayed action does not lower the rate
+                      });
 }
 
-void SsdpSpeaker::Notify(const Device& device, const std::string& target, const std::string& subType)
+void SsdpResponder::Notify(const Device& device, const std::string& target, const std::string& subType)
 {
     ++m_counts.notifies;
     const bool isAlive = subType == "ssdp:alive";
@@ -216,7 +218,7 @@ void SsdpSpeaker::Notify(const Device& device, const std::string& target, const 
          device.identity.ipv4);
 }
 
-void SsdpSpeaker::Send(const Endpoint& receiver, const std::string& text, std::uint32_t source)
+void SsdpResponder::Send(const Endpoint& receiver, const std::string& text, std::uint32_t source)
 {
     if (!m_socket.SendTo(receiver, {text.begin(), text.end()}, source))
     {
@@ -224,12 +226,13 @@ void SsdpSpeaker::Send(const Endpoint& receiver, const std::string& text, std::u
     }
 }
 
-void SsdpSpeaker::InLife(std::size_t device, unsigned int afterMs, const std::function<void(const Device&)>& action)
+void SsdpResponder::RunUnlessSilenced(std::size_t device, unsigned int afterMs,
+                                      const std::function<void(const Device&)>& action)
 {
     m_schedule.In(afterMs,
-                  [this, device, action, life = m_devices[device].life]
+                  [this, device, action, silences = m_devices[device].silences]
                   {
-                      if (m_devices[device].life == life)
+                      if (m_devices[device].silences == silences)
                       {
                           action(m_devices[device]);
                       }

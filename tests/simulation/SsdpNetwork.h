@@ -11,13 +11,13 @@
 /// SSDP on the simulated network: in the service, the adapter that searches and the engine that fetches descriptions;
 /// outside, the devices' answers, announcements and byebyes. Like the library, an adapter reports a device once in a
 /// search, and again only at another LOCATION.
-class World::SsdpRoad final : private SonarixService::GSSDPHandlerIF::Factory
+class World::SsdpNetwork final : private SonarixService::GSSDPHandlerIF::Factory
 {
 public:
-    explicit SsdpRoad(World& world);
-    ~SsdpRoad();
-    SsdpRoad(const SsdpRoad&) = delete;
-    SsdpRoad& operator=(const SsdpRoad&) = delete;
+    explicit SsdpNetwork(World& world);
+    ~SsdpNetwork();
+    SsdpNetwork(const SsdpNetwork&) = delete;
+    SsdpNetwork& operator=(const SsdpNetwork&) = delete;
 
     void Announce(const Device& device);
     void SayBye(const std::string& guid);

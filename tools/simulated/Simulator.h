@@ -10,19 +10,19 @@
 
 class NotifyTargetTaskIF;
 
-/// Many simulated neighbours in one process, counted from 0, that do what they are told. Task: everything on the one
-/// that they were made for, answers too.
-class Neighbours
+/// Many simulated devices in one process, numbered from 0 and controlled by text commands.
+/// Task: all calls and callbacks run on the task for which the simulator was created.
+class Simulator
 {
 public:
-    /// One line, "ok …" or "error …".
+    /// Receives one line, "ok …" or "error …".
     using Answer = std::function<void(const std::string& line)>;
 
-    virtual ~Neighbours() = default;
+    virtual ~Simulator() = default;
 
-    /// False, with the reason in `error`.
+    /// Returns false and sets `error` on failure.
     virtual bool Start(std::string& error) = 0;
-    /// One command of those that the program's help lists. Answered when it is done; a second may come before that.
+    /// Executes a command from the program's help and calls `answer` when it is done. Commands may overlap.
     virtual void Run(const std::string& command, const Answer& answer) = 0;
 };
 
@@ -31,21 +31,21 @@ struct RangeCommand
 {
     std::string verb;
     std::size_t begin = 0;
-    std::size_t end = 0; ///< behind the last one
+    std::size_t end = 0; ///< one past the last index
 
-    /// False, with the answer to be given in `error`: the range is none of `count` neighbours.
+    /// Returns false and sets `error` to the answer line if the indices are not a range within `count` devices.
     bool Parse(const std::string& command, std::size_t count, std::string& error);
 };
 
-/// Runs the commands of standard input on a task of its own until the input ends, answers on standard output, and
-/// prints "ready COUNT" before. Ends the process.
+/// Creates a task and the simulator on it, prints "ready COUNT", then executes commands from standard input and prints
+/// the answers. Ends the process at the end of the input.
 [[noreturn]] void ServeCommands(const std::string& program, std::size_t count,
-                                const std::function<std::unique_ptr<Neighbours>(NotifyTargetTaskIF*)>& make);
+                                const std::function<std::unique_ptr<Simulator>(NotifyTargetTaskIF*)>& make);
 
-/// As many open files as that, if this process may have them.
+/// Raises the limit of open files to `wanted`, or as far as this process is allowed to.
 void RaiseDescriptorLimit(std::size_t wanted);
 
-/// Decimal, at most `most`.
+/// Parses a decimal number of at most `most`.
 template <class Number>
 std::optional<Number> ReadNumber(const std::string& text, Number most)
 {

@@ -1,4 +1,4 @@
-#include "tests/simulation/SsdpRoad.h"
+#include "tests/simulation/SsdpNetwork.h"
 
 #include "runtime/CallbackRegistry.h"
 #include "ssdp/FetchQueue.h"
@@ -53,10 +53,10 @@ std::string Xml(const Model::Description& description)
 
 } // namespace
 
-class World::SsdpRoad::Adapter final : public Handler, public std::enable_shared_from_this<Adapter>
+class World::SsdpNetwork::Adapter final : public Handler, public std::enable_shared_from_this<Adapter>
 {
 public:
-    Adapter(SsdpRoad& road, bool isReady)
+    Adapter(SsdpNetwork& road, bool isReady)
         : m_isReady(isReady)
         , m_road(road)
     {
@@ -88,16 +88,16 @@ public:
     const std::int64_t m_sinceMs = NowMs();
 
 private:
-    SsdpRoad& m_road;
+    SsdpNetwork& m_road;
     CallbackRegistry<SearchStatus> m_status;
     CallbackRegistry<ResourceStatus, std::string, std::string> m_resources;
 };
 
 /// Carries the descriptions.
-class World::SsdpRoad::Engine final : public FakeHttp
+class World::SsdpNetwork::Engine final : public FakeHttp
 {
 public:
-    explicit Engine(SsdpRoad& road)
+    explicit Engine(SsdpNetwork& road)
         : m_road(road)
         , m_world(road.m_world)
     {
@@ -201,17 +201,17 @@ private:
                    });
     }
 
-    SsdpRoad& m_road;
+    SsdpNetwork& m_road;
     World& m_world;
     std::map<std::string, std::string> m_told; ///< last, by URL
     std::size_t m_sleeping = 0;
 };
 
-World::SsdpRoad::SsdpRoad(World& world)
+World::SsdpNetwork::SsdpNetwork(World& world)
     : m_world(world)
 {
     Handler::s_factoryOverride.Set(this);
-    static SsdpRoad* s_road = nullptr; // the factory is a plain function
+    static SsdpNetwork* s_road = nullptr; // the factory is a plain function
     s_road = this;
     SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(
         []() -> std::shared_ptr<SonarixService::SsdpDiscoveryProtocolIF>
@@ -221,13 +221,13 @@ World::SsdpRoad::SsdpRoad(World& world)
         });
 }
 
-World::SsdpRoad::~SsdpRoad()
+World::SsdpNetwork::~SsdpNetwork()
 {
     Handler::s_factoryOverride.Set(nullptr);
     SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
 }
 
-std::shared_ptr<Handler> World::SsdpRoad::Create(const std::string& iface)
+std::shared_ptr<Handler> World::SsdpNetwork::Create(const std::string& iface)
 {
     const auto adapter = std::make_shared<Adapter>(*this, !OneIn(8));
     m_world.Say("SSDP on " + iface + (adapter->m_isReady ? "" : ", without success"));
@@ -240,7 +240,7 @@ std::shared_ptr<Handler> World::SsdpRoad::Create(const std::string& iface)
     return adapter;
 }
 
-bool World::SsdpRoad::Search(const std::shared_ptr<Adapter>& adapter, const std::string& target, int timeoutSec)
+bool World::SsdpNetwork::Search(const std::shared_ptr<Adapter>& adapter, const std::string& target, int timeoutSec)
 {
     m_world.m_model.Searched(NowMs());
     if (target != kTarget)
@@ -281,7 +281,7 @@ bool World::SsdpRoad::Search(const std::shared_ptr<Adapter>& adapter, const std:
     return true;
 }
 
-void World::SsdpRoad::Hear(const std::weak_ptr<Adapter>& ear, const Device& device)
+void World::SsdpNetwork::Hear(const std::weak_ptr<Adapter>& ear, const Device& device)
 {
     const auto adapter = ear.lock();
     if (!adapter || !adapter->m_hasSearched || !device.speaksSsdp || !device.isThere || !PassesMulticast())
@@ -303,12 +303,12 @@ void World::SsdpRoad::Hear(const std::weak_ptr<Adapter>& ear, const Device& devi
     adapter->Report(Handler::RESOURCE_AVAILABLE, device.guid, device.location);
 }
 
-void World::SsdpRoad::Announce(const Device& device)
+void World::SsdpNetwork::Announce(const Device& device)
 {
     Hear(m_adapter, device);
 }
 
-void World::SsdpRoad::SayBye(const std::string& guid)
+void World::SsdpNetwork::SayBye(const std::string& guid)
 {
     const auto adapter = m_adapter.lock();
     if (adapter && PassesMulticast() && adapter->m_known.erase(guid) != 0)
@@ -319,7 +319,7 @@ void World::SsdpRoad::SayBye(const std::string& guid)
     }
 }
 
-void World::SsdpRoad::SetMulticast(bool passes)
+void World::SsdpNetwork::SetMulticast(bool passes)
 {
     if (std::exchange(m_passesMulticast, passes) != passes)
     {
@@ -328,25 +328,25 @@ void World::SsdpRoad::SetMulticast(bool passes)
     }
 }
 
-void World::SsdpRoad::ChangeLink()
+void World::SsdpNetwork::ChangeLink()
 {
     ++(OneIn(2) ? m_link.index : m_link.subnets.front().address);
     m_world.Say("another link, unsaid");
 }
 
-void World::SsdpRoad::SetHanging(bool isHanging)
+void World::SsdpNetwork::SetHanging(bool isHanging)
 {
     m_isHanging = isHanging;
     m_world.Say(isHanging ? "descriptions hang" : "descriptions come");
 }
 
-bool World::SsdpRoad::PassesMulticast() const
+bool World::SsdpNetwork::PassesMulticast() const
 {
     return m_passesMulticast || m_world.m_refreshMs - NowMs() < kBeforeRefreshMs;
 }
 
 /// Null where nobody is.
-const Device* World::SsdpRoad::ServerOf(const std::string& location) const
+const Device* World::SsdpNetwork::ServerOf(const std::string& location) const
 {
     const auto device = std::find_if(m_world.devices.begin(), m_world.devices.end(),
                                      [&location](const Device& candidate)
@@ -354,7 +354,7 @@ const Device* World::SsdpRoad::ServerOf(const std::string& location) const
     return m_world.m_isNetworkUp && device != m_world.devices.end() ? &*device : nullptr;
 }
 
-bool World::SsdpRoad::MustKnow(const Device& device) const
+bool World::SsdpNetwork::MustKnow(const Device& device) const
 {
     const auto adapter = m_adapter.lock();
     const bool isHeard = adapter && adapter->m_isReady && m_passesMulticast && device.speaksSsdp && device.isThere &&
@@ -367,7 +367,7 @@ bool World::SsdpRoad::MustKnow(const Device& device) const
            std::count_if(m_world.devices.begin(), m_world.devices.end(), isInTheWay) == 1;
 }
 
-bool World::SsdpRoad::OneIn(std::uint64_t bound)
+bool World::SsdpNetwork::OneIn(std::uint64_t bound)
 {
     return m_world.simulation.Random(bound) == 0;
 }

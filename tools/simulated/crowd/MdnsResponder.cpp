@@ -1,4 +1,4 @@
-#include "tools/simulated/crowd/Responder.h"
+#include "tools/simulated/crowd/MdnsResponder.h"
 
 #include "runtime/MonotonicClock.h"
 #include "tools/simulated/Schedule.h"
@@ -8,22 +8,22 @@
 namespace
 {
 
-// As RFC 6762 has them: what names a host lives shorter than the rest.
+// RFC 6762 section 10: 75 minutes, and 120 s for records that contain the host name.
 constexpr std::uint32_t kTtl = 4500;
 constexpr std::uint32_t kHostTtl = 120;
 constexpr unsigned int kAnnouncePauseMs = 1000;
 constexpr int kAnnouncements = 2;
 constexpr std::int64_t kSentPauseMs = 1000;
 constexpr unsigned int kTruncatedLimitMs = 450;
-constexpr std::size_t kMaxTruncated = 64; ///< askers with more to come; further ones are answered at once
-constexpr unsigned int kFullPauseMs = 5;  ///< before a packet that the kernel had no room for is tried again
+constexpr std::size_t kMaxTruncated = 64; ///< queriers whose query continues; further ones get a response immediately
+constexpr unsigned int kFullPauseMs = 5;  ///< before the next attempt if the send buffer was full
 
-/// 224.0.0.251:5353, without the responses of others: their flag is the top bit of the third byte.
+/// 224.0.0.251:5353, only queries: the QR bit is the top bit of the third byte.
 constexpr MulticastSocket::Settings kMdns{{0xE00000FB, 5353}, 255, {2, 0x80, 0}};
 
 } // namespace
 
-Responder::Responder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings)
+MdnsResponder::MdnsResponder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings)
     : m_schedule(schedule)
     , m_settings(std::move(settings))
     , m_type(Dns::MakeName({"_kova-lanyard", "_tcp", "local"}))
@@ -34,14 +34,14 @@ Responder::Responder(NotifyTargetTaskIF* task, Schedule& schedule, Settings sett
 {
 }
 
-bool Responder::Open(std::string& error)
+bool MdnsResponder::Open(std::string& error)
 {
     return m_socket.Open(m_settings.interface, error);
 }
 
 // ---- products -----------------------------------------------------------------------------------------------
 
-void Responder::Add(const Identity& identity)
+void MdnsResponder::Add(const Identity& identity)
 {
     Product product;
     product.host = Dns::MakeName({identity.guid, "local"});
@@ -52,18 +52,18 @@ void Responder::Add(const Identity& identity)
     Rename(m_products.size() - 1, identity.name);
 }
 
-void Responder::Announce(std::size_t product, unsigned int afterMs)
+void MdnsResponder::Announce(std::size_t product, unsigned int afterMs)
 {
     m_products[product].isSilent = false;
     PlanAnnouncement(product, afterMs, kAnnouncements);
 }
 
-void Responder::PlanAnnouncement(std::size_t product, unsigned int afterMs, int more)
+void MdnsResponder::PlanAnnouncement(std::size_t product, unsigned int afterMs, int more)
 {
     m_schedule.In(afterMs,
-                  [this, product, more, life = m_products[product].life]
+                  [this, product, more, silences = m_products[product].silences]
                   {
-                      if (life != m_products[product].life)
+                      if (silences != m_products[product].silences)
                       {
                           return;
                       }
@@ -76,18 +76,18 @@ void Responder::PlanAnnouncement(std::size_t product, unsigned int afterMs, int 
                   });
 }
 
-void Responder::Silence(std::size_t product)
+void MdnsResponder::Silence(std::size_t product)
 {
     Product& silenced = m_products[product];
     silenced.isSilent = true;
     silenced.pending = 0;
     silenced.sentMs = {};
-    ++silenced.life;
+    ++silenced.silences;
 }
 
-void Responder::SayGoodbye(std::size_t product, std::function<void()> gone)
+void MdnsResponder::SayGoodbye(std::size_t product, std::function<void()> gone)
 {
-    m_schedule.In(m_products[product].isSilent ? 0 : OwnDelay(),
+    m_schedule.In(m_products[product].isSilent ? 0 : NextDelay(),
                   [this, product, gone = std::move(gone)]
                   {
                       if (!m_products[product].isSilent)
@@ -99,7 +99,7 @@ void Responder::SayGoodbye(std::size_t product, std::function<void()> gone)
                   });
 }
 
-void Responder::Rename(std::size_t product, const std::string& name)
+void MdnsResponder::Rename(std::size_t product, const std::string& name)
 {
     Product& renamed = m_products[product];
     m_byInstance.erase(Dns::Lowered(renamed.instance));
@@ -109,7 +109,7 @@ void Responder::Rename(std::size_t product, const std::string& name)
 
 // ---- queries ------------------------------------------------------------------------------------------------
 
-void Responder::HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender)
+void MdnsResponder::HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender)
 {
     const std::optional<Dns::Query> query = Dns::ParseQuery(bytes, size);
     if (!query)
@@ -117,54 +117,54 @@ void Responder::HandleDatagram(const std::uint8_t* bytes, std::size_t size, cons
         return;
     }
     ++m_counts.queries;
-    Asked asked;
+    Inquiry inquiry;
     if (const auto before = m_truncated.find(sender); before != m_truncated.end())
     {
-        asked = std::move(before->second);
+        inquiry = std::move(before->second);
         m_truncated.erase(before);
     }
-    Gather(*query, asked);
+    Gather(*query, inquiry);
     if (!query->isTruncated || m_truncated.size() >= kMaxTruncated)
     {
-        Answer(asked);
+        Answer(inquiry);
         return;
     }
-    const std::uint64_t number = asked.number = ++m_truncatedCount;
-    m_truncated[sender] = std::move(asked);
+    const std::uint64_t number = inquiry.number = ++m_truncatedCount;
+    m_truncated[sender] = std::move(inquiry);
     m_schedule.In(kTruncatedLimitMs,
                   [this, sender, number]
                   {
                       const auto found = m_truncated.find(sender);
                       if (found != m_truncated.end() && found->second.number == number)
                       {
-                          const Asked whole = std::move(found->second);
+                          const Inquiry whole = std::move(found->second);
                           m_truncated.erase(found);
                           Answer(whole);
                       }
                   });
 }
 
-void Responder::Gather(const Dns::Query& query, Asked& asked) const
+void MdnsResponder::Gather(const Dns::Query& query, Inquiry& inquiry) const
 {
-    asked.wanted.resize(m_products.size());
-    asked.known.resize(m_products.size());
+    inquiry.wanted.resize(m_products.size());
+    inquiry.known.resize(m_products.size());
     for (const Dns::Question& question : query.questions)
     {
-        Want(question, asked);
+        AddWanted(question, inquiry);
     }
     for (const Dns::KnownAnswer& answer : query.knownAnswers)
     {
-        Know(answer, asked);
+        AddKnown(answer, inquiry);
     }
 }
 
-void Responder::Want(const Dns::Question& question, Asked& asked) const
+void MdnsResponder::AddWanted(const Dns::Question& question, Inquiry& inquiry) const
 {
-    const auto want = [&asked, &question](std::size_t product, std::uint16_t type, Records record)
+    const auto want = [&inquiry, &question](std::size_t product, std::uint16_t type, Records record)
     {
         if (question.type == type || question.type == Dns::ANY)
         {
-            asked.wanted[product] |= record;
+            inquiry.wanted[product] |= record;
         }
     };
     if (question.name == m_type)
@@ -185,14 +185,14 @@ void Responder::Want(const Dns::Question& question, Asked& asked) const
     }
 }
 
-void Responder::Know(const Dns::KnownAnswer& answer, Asked& asked) const
+void MdnsResponder::AddKnown(const Dns::KnownAnswer& answer, Inquiry& inquiry) const
 {
-    // The data of a name's SRV, TXT and A never changes here, so that their names alone tell which they are.
-    const auto know = [&asked, &answer](std::size_t product, std::uint16_t type, Records record, std::uint32_t ttl)
+    // SRV, TXT and A records of a name never change here, so name and type identify them.
+    const auto know = [&inquiry, &answer](std::size_t product, std::uint16_t type, Records record, std::uint32_t ttl)
     {
         if (answer.type == type && answer.ttl >= ttl / 2)
         {
-            asked.known[product] |= record;
+            inquiry.known[product] |= record;
         }
     };
     const Dns::Name& name = answer.type == Dns::PTR && answer.name == m_type ? answer.target : answer.name;
@@ -210,11 +210,11 @@ void Responder::Know(const Dns::KnownAnswer& answer, Asked& asked) const
 
 // ---- answers ------------------------------------------------------------------------------------------------
 
-void Responder::Answer(const Asked& asked)
+void MdnsResponder::Answer(const Inquiry& inquiry)
 {
     for (std::size_t product = 0; product < m_products.size(); ++product)
     {
-        const auto records = static_cast<Records>(asked.wanted[product] & ~asked.known[product]);
+        const auto records = static_cast<Records>(inquiry.wanted[product] & ~inquiry.known[product]);
         if (records != 0 && !m_products[product].isSilent)
         {
             PlanAnswer(product, records);
@@ -222,23 +222,23 @@ void Responder::Answer(const Asked& asked)
     }
 }
 
-void Responder::PlanAnswer(std::size_t product, Records records)
+void MdnsResponder::PlanAnswer(std::size_t product, Records records)
 {
-    Product& asked = m_products[product];
+    Product& responding = m_products[product];
     const std::int64_t now = MonotonicClock::NowMs();
-    for (std::size_t bit = 0; bit < asked.sentMs.size(); ++bit)
+    for (std::size_t bit = 0; bit < responding.sentMs.size(); ++bit)
     {
-        const bool isJustSent = asked.sentMs[bit] != 0 && now - asked.sentMs[bit] < kSentPauseMs;
+        const bool isJustSent = responding.sentMs[bit] != 0 && now - responding.sentMs[bit] < kSentPauseMs;
         records = static_cast<Records>(isJustSent ? records & ~(1U << bit) : records);
     }
-    const bool isPlanned = asked.pending != 0;
-    asked.pending |= records;
-    if (asked.pending != 0 && !isPlanned)
+    const bool isPlanned = responding.pending != 0;
+    responding.pending |= records;
+    if (responding.pending != 0 && !isPlanned)
     {
-        m_schedule.In(OwnDelay(),
-                      [this, product, life = asked.life]
+        m_schedule.In(NextDelay(),
+                      [this, product, silences = responding.silences]
                       {
-                          if (life == m_products[product].life)
+                          if (silences == m_products[product].silences)
                           {
                               SendPending(product);
                           }
@@ -246,7 +246,7 @@ void Responder::PlanAnswer(std::size_t product, Records records)
     }
 }
 
-void Responder::SendPending(std::size_t product)
+void MdnsResponder::SendPending(std::size_t product)
 {
     const Records records = std::exchange(m_products[product].pending, Records{0});
     if (!SendRecords(product, records, false))
@@ -255,13 +255,13 @@ void Responder::SendPending(std::size_t product)
     }
 }
 
-bool Responder::SendRecords(std::size_t product, Records records, bool isGoodbye)
+bool MdnsResponder::SendRecords(std::size_t product, Records records, bool isGoodbye)
 {
     using Section = Dns::ResponseWriter::Section;
     Product& sender = m_products[product];
     const std::uint32_t ttl = isGoodbye ? 0 : kTtl;
     const std::uint32_t hostTtl = isGoodbye ? 0 : kHostTtl;
-    // Who asks for the product will ask for where it is next.
+    // RFC 6763 section 12: a response contains as additional records what the querier needs next.
     const unsigned int rest = (records & PTR_RECORD) != 0   ? ALL_RECORDS & ~records
                               : (records & SRV_RECORD) != 0 ? ADDRESS_RECORD & ~records
                                                             : 0U;
@@ -302,7 +302,7 @@ bool Responder::SendRecords(std::size_t product, Records records, bool isGoodbye
     return true;
 }
 
-unsigned int Responder::OwnDelay()
+unsigned int MdnsResponder::NextDelay()
 {
     return m_settings.minDelayMs +
            static_cast<unsigned int>(m_random.Below(m_settings.maxDelayMs - m_settings.minDelayMs + 1));

@@ -1,4 +1,4 @@
-#include "tools/simulated/Neighbours.h"
+#include "tools/simulated/Simulator.h"
 
 #include "runtime/Task.h"
 
@@ -25,17 +25,17 @@ bool RangeCommand::Parse(const std::string& command, std::size_t count, std::str
 }
 
 void ServeCommands(const std::string& program, std::size_t count,
-                   const std::function<std::unique_ptr<Neighbours>(NotifyTargetTaskIF*)>& make)
+                   const std::function<std::unique_ptr<Simulator>(NotifyTargetTaskIF*)>& make)
 {
-    NotifyTargetTaskIF* const task = IL::CreateTask("Neighbours", "");
-    std::unique_ptr<Neighbours> neighbours;
-    std::promise<std::string> started; // empty: well
+    NotifyTargetTaskIF* const task = IL::CreateTask("Simulator", "");
+    std::unique_ptr<Simulator> simulator;
+    std::promise<std::string> started; // empty: success
     IL::BreakThread(
         [&]
         {
             std::string error;
-            neighbours = make(task);
-            started.set_value(neighbours->Start(error) ? std::string() : error);
+            simulator = make(task);
+            started.set_value(simulator->Start(error) ? std::string() : error);
         },
         task);
     const std::string error = started.get_future().get();
@@ -49,12 +49,12 @@ void ServeCommands(const std::string& program, std::size_t count,
     {
         std::promise<std::string> answered;
         IL::BreakThread(
-            [&] { neighbours->Run(line, [&answered](const std::string& answer) { answered.set_value(answer); }); },
+            [&] { simulator->Run(line, [&answered](const std::string& answer) { answered.set_value(answer); }); },
             task);
         std::cout << answered.get_future().get() << std::endl;
     }
     std::cout.flush();
-    std::_Exit(0); // nothing of the task's is to go under its feet
+    std::_Exit(0); // the task still runs, so its objects are not destroyed
 }
 
 void RaiseDescriptorLimit(std::size_t wanted)

@@ -13,22 +13,22 @@ class Connection;
 class Listener;
 } // namespace WebSocket
 
-/// What other products see of one product's gateway: /sonarix/info at its own address, asked or subscribed.
-/// Task: everything on the one given. A neighbour can cost it kMaxConnections and no more.
-class ProductFace final
+/// A product's gateway as seen by other products: serves and notifies /sonarix/info at the product's address.
+/// Task: all calls run on `task`. Accepts at most kMaxConnections.
+class SimulatedGateway final
 {
 public:
-    ProductFace(NotifyTargetTaskIF* task, std::string guid, std::string address, std::uint16_t port,
-                std::uint64_t& requestCount);
-    ~ProductFace();
-    ProductFace(const ProductFace&) = delete;
-    ProductFace& operator=(const ProductFace&) = delete;
+    SimulatedGateway(NotifyTargetTaskIF* task, std::string guid, std::string address, std::uint16_t port,
+                     std::uint64_t& requestCount);
+    ~SimulatedGateway();
+    SimulatedGateway(const SimulatedGateway&) = delete;
+    SimulatedGateway& operator=(const SimulatedGateway&) = delete;
 
-    /// False, with the reason in `error`. Listening twice is harmless.
+    /// Returns false and sets `error` on failure. Does nothing if it listens already.
     bool Listen(std::string& error);
     /// Closes the port and all connections.
     void Close();
-    /// Tells the subscribers.
+    /// Notifies the subscribers.
     void SetRecord(std::string json);
 
     bool IsListening() const

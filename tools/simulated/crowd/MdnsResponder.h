@@ -17,11 +17,11 @@
 class NotifyTargetTaskIF;
 class Schedule;
 
-/// The mDNS side of many products, as if each had a responder of its own: each answers with a packet of its own,
-/// from its own address and after its own delay, and leaves out what the asker knows and what it has sent within
-/// the last second. Unicast answers are not given.
-/// Task: everything on the one given. Owner: outlives what it has put on `schedule`, or neither runs any more.
-class Responder final
+/// mDNS responder for many products. Each product responds with its own packet from its own address after its own
+/// delay, and omits known answers and records that it sent within the last second (RFC 6762 sections 6 and 7.1). It
+/// never sends unicast responses. Task: all calls run on `task`. Owner: must outlive the actions that it puts on
+/// `schedule`.
+class MdnsResponder final
 {
 public:
     struct Settings
@@ -38,22 +38,22 @@ public:
         std::uint64_t packets = 0; ///< sent
     };
 
-    Responder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings);
-    Responder(const Responder&) = delete;
-    Responder& operator=(const Responder&) = delete;
+    MdnsResponder(NotifyTargetTaskIF* task, Schedule& schedule, Settings settings);
+    MdnsResponder(const MdnsResponder&) = delete;
+    MdnsResponder& operator=(const MdnsResponder&) = delete;
 
-    /// False, with the reason in `error`.
+    /// Returns false and sets `error` on failure.
     bool Open(std::string& error);
 
-    /// A product that is silent until Announce; products are known by the order of their adding, from 0.
+    /// Adds a product, which is silent until Announce(). Products are numbered from 0 in the order of the calls.
     void Add(const Identity& identity);
-    /// From now on it answers; it speaks by itself after the time, and again a second later.
+    /// Starts responding to queries. Announces the product after `afterMs` and again one second later.
     void Announce(std::size_t product, unsigned int afterMs);
-    /// From now on it neither answers nor speaks.
+    /// Stops all packets of the product without goodbye.
     void Silence(std::size_t product);
-    /// After its delay it says that it goes, is silent from then on, and `gone` is called: at once where it is silent.
+    /// After the product's delay, sends a goodbye, then Silence() and `gone`. Calls `gone` without delay if silent.
     void SayGoodbye(std::size_t product, std::function<void()> gone);
-    /// Of a silent product.
+    /// The product must be silent.
     void Rename(std::size_t product, const std::string& name);
 
     bool IsSilent(std::size_t product) const
@@ -66,7 +66,7 @@ public:
     }
 
 private:
-    /// Which records, one bit each.
+    /// A set of record types, one bit each.
     using Records = std::uint8_t;
     enum : Records
     {
@@ -83,12 +83,13 @@ private:
         std::string txt;
         std::uint32_t ipv4 = 0;
         bool isSilent = true;
-        unsigned int life = 0; ///< counts silences: what was planned before one does not happen
-        Records pending = 0;   ///< to be answered when its delay is over
+        unsigned int silences =
+            0;               ///< number of silences so far; an action that was scheduled before a silence does nothing
+        Records pending = 0; ///< to be sent when the delay is over
         std::array<std::int64_t, 4> sentMs{};
     };
-    /// What one asker wants and knows, gathered from one query or, if it is truncated, several.
-    struct Asked
+    /// Wanted and known records of one querier, from one query or from several with the TC bit.
+    struct Inquiry
     {
         std::vector<Records> wanted; ///< by product
         std::vector<Records> known;
@@ -96,15 +97,15 @@ private:
     };
 
     void HandleDatagram(const std::uint8_t* bytes, std::size_t size, const Endpoint& sender);
-    void Gather(const Dns::Query& query, Asked& asked) const;
-    void Want(const Dns::Question& question, Asked& asked) const;
-    void Know(const Dns::KnownAnswer& answer, Asked& asked) const;
-    void Answer(const Asked& asked);
+    void Gather(const Dns::Query& query, Inquiry& inquiry) const;
+    void AddWanted(const Dns::Question& question, Inquiry& inquiry) const;
+    void AddKnown(const Dns::KnownAnswer& answer, Inquiry& inquiry) const;
+    void Answer(const Inquiry& inquiry);
     void PlanAnswer(std::size_t product, Records records);
     void SendPending(std::size_t product);
     bool SendRecords(std::size_t product, Records records, bool isGoodbye);
     void PlanAnnouncement(std::size_t product, unsigned int afterMs, int more);
-    unsigned int OwnDelay();
+    unsigned int NextDelay();
 
     Schedule& m_schedule;
     const Settings m_settings;
@@ -113,7 +114,7 @@ private:
     std::vector<Product> m_products;
     std::unordered_map<Dns::Name, std::size_t> m_byInstance; ///< lowered
     std::unordered_map<Dns::Name, std::size_t> m_byHost;     ///< lowered
-    std::map<Endpoint, Asked> m_truncated;                   ///< by sender: more is to come
+    std::map<Endpoint, Inquiry> m_truncated;                 ///< by sender: queries with the TC bit
     std::uint64_t m_truncatedCount = 0;
     Counts m_counts;
     MulticastSocket m_socket;

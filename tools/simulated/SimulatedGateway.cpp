@@ -1,6 +1,7 @@
-#include "tools/simulated/ProductFace.h"
+#include "tools/simulated/SimulatedGateway.h"
 
 #include "jsonrpc/Frame.h"
+#include "runtime/TaskCheck.h"
 #include "websocket/WebSocket.h"
 
 #include <utility>
@@ -12,7 +13,7 @@ const std::string kInfoPath = "/sonarix/info";
 constexpr const char* kSubProtocol = "tarsier";
 constexpr std::size_t kMaxMessageBytes = 64U << 10U;
 
-JsonRpc::Answer Answered(const JsonRpc::Frame& frame, const std::string& guid, const std::string& record, bool isOpen)
+JsonRpc::Answer ResponseTo(const JsonRpc::Frame& frame, const std::string& guid, const std::string& record, bool isOpen)
 {
     using JsonRpc::Answer;
     const JsonRpc::Params& params = frame.params;
@@ -24,15 +25,15 @@ JsonRpc::Answer Answered(const JsonRpc::Frame& frame, const std::string& guid, c
     {
         return params.guid.empty()
                    ? Answer::Empty()
-                   : Answer::Error(JsonRpc::INVALID_PARAMS, "no product is reached through another", guid);
+                   : Answer::Error(JsonRpc::INVALID_PARAMS, "other products cannot be reached through this one", guid);
     }
     if (!isOpen)
     {
-        return Answer::Error(JsonRpc::INVALID_REQUEST, "open comes first", guid);
+        return Answer::Error(JsonRpc::INVALID_REQUEST, "the first request must be open", guid);
     }
     if (frame.method != "get" && frame.method != "subscribe")
     {
-        return Answer::Error(JsonRpc::METHOD_NOT_FOUND, frame.method + " is not for other products", guid);
+        return Answer::Error(JsonRpc::METHOD_NOT_FOUND, frame.method + " is not allowed", guid);
     }
     if (params.path != kInfoPath)
     {
@@ -43,8 +44,8 @@ JsonRpc::Answer Answered(const JsonRpc::Frame& frame, const std::string& guid, c
 
 } // namespace
 
-ProductFace::ProductFace(NotifyTargetTaskIF* task, std::string guid, std::string address, std::uint16_t port,
-                         std::uint64_t& requestCount)
+SimulatedGateway::SimulatedGateway(NotifyTargetTaskIF* task, std::string guid, std::string address, std::uint16_t port,
+                                   std::uint64_t& requestCount)
     : m_task(task)
     , m_guid(std::move(guid))
     , m_address(std::move(address))
@@ -53,10 +54,14 @@ ProductFace::ProductFace(NotifyTargetTaskIF* task, std::string guid, std::string
 {
 }
 
-ProductFace::~ProductFace() = default;
-
-bool ProductFace::Listen(std::string& error)
+SimulatedGateway::~SimulatedGateway()
 {
+    TASK_CHECK(m_task);
+}
+
+bool SimulatedGateway::Listen(std::string& error)
+{
+    TASK_CHECK(m_task);
     if (m_listener != nullptr)
     {
         return true;
@@ -73,27 +78,30 @@ bool ProductFace::Listen(std::string& error)
     return m_listener != nullptr;
 }
 
-void ProductFace::Close()
+void SimulatedGateway::Close()
 {
+    TASK_CHECK(m_task);
     m_listener.reset();
     m_clients.clear();
 }
 
-void ProductFace::SetRecord(std::string json)
+void SimulatedGateway::SetRecord(std::string json)
 {
+    TASK_CHECK(m_task);
     m_record = std::move(json);
-    const std::string told = JsonRpc::TextFromNotification(kInfoPath, "1.0", m_record);
+    const std::string frame = JsonRpc::TextFromNotification(kInfoPath, "1.0", m_record);
     for (auto& [number, client] : m_clients)
     {
         if (client.isSubscribed)
         {
-            client.connection->Send(told);
+            client.connection->Send(frame);
         }
     }
 }
 
-void ProductFace::HandleAccepted(std::shared_ptr<WebSocket::Connection> connection)
+void SimulatedGateway::HandleAccepted(std::shared_ptr<WebSocket::Connection> connection)
 {
+    TASK_CHECK(m_task);
     const std::uint64_t number = ++m_clientNumber;
     Client& client = m_clients[number];
     client.connection = std::move(connection);
@@ -101,8 +109,9 @@ void ProductFace::HandleAccepted(std::shared_ptr<WebSocket::Connection> connecti
                                     [this, number](const std::string&) { m_clients.erase(number); }});
 }
 
-void ProductFace::HandleMessage(Client& client, const std::string& text)
+void SimulatedGateway::HandleMessage(Client& client, const std::string& text)
 {
+    TASK_CHECK(m_task);
     ++m_requestCount;
     const JsonRpc::Frame frame = JsonRpc::FrameFromText(text);
     if (frame.kind == JsonRpc::Frame::Kind::INVALID)
@@ -114,7 +123,7 @@ void ProductFace::HandleMessage(Client& client, const std::string& text)
     {
         return;
     }
-    const JsonRpc::Answer answer = Answered(frame, m_guid, m_record, client.isOpen);
+    const JsonRpc::Answer answer = ResponseTo(frame, m_guid, m_record, client.isOpen);
     if (frame.id)
     {
         client.connection->Send(JsonRpc::TextFromAnswer(*frame.id, answer));
