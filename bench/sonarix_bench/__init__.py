@@ -1,1 +1,1 @@
-"""What `bench/run` measures: whole processes on a network of their own, and the programs that count by themselves."""
+"""The benchmarks of `bench/run`: whole processes on a separate network, and benchmark programs."""

@@ -1,33 +1,33 @@
-"""What the kernel counts for a process. All of it is read from outside and costs the process nothing."""
+"""The kernel's counters of a process. Reading them does not affect the process."""
 import os
 
 
 def cpu_seconds(pid):
-    """Processor time of all threads that live, to the nanosecond."""
+    """CPU seconds of all existing threads, with nanosecond resolution."""
     total = 0
     for task in os.listdir(f"/proc/{pid}/task"):
         try:
             with open(f"/proc/{pid}/task/{task}/schedstat", encoding="ascii") as file:
                 total += int(file.read().split()[0])
         except FileNotFoundError:
-            pass  # a thread that ended meanwhile
+            pass  # the thread has ended
     return total / 1e9
 
 
 def private_dirty(pid):
-    """KiB that the process alone has written to."""
+    """Private dirty memory in KiB."""
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
         return sum(int(line.split()[1]) for line in file if line.startswith("Private_Dirty:"))
 
 
 def peak_resident(pid):
-    """KiB: the most that has ever been resident."""
+    """Peak resident memory in KiB."""
     with open(f"/proc/{pid}/status", encoding="utf-8") as file:
         return next(int(line.split()[1]) for line in file if line.startswith("VmHWM:"))
 
 
 def switches(pid):
-    """thread -> (voluntary, involuntary). A voluntary one is a sleep, and so has a wake-up to come."""
+    """Context switches: thread -> (voluntary, involuntary). A voluntary one is a sleep, followed by a wake-up."""
     counts = {}
     for task in os.listdir(f"/proc/{pid}/task"):
         with open(f"/proc/{pid}/task/{task}/status", encoding="utf-8") as file:
@@ -38,7 +38,7 @@ def switches(pid):
 
 
 def switches_since(pid, before):
-    """thread -> (voluntary, involuntary), of those that have any."""
+    """Differences: thread -> (voluntary, involuntary), only threads with a difference."""
     grown = {}
     for thread, (voluntary, involuntary) in switches(pid).items():
         old = before.get(thread, (0, 0))

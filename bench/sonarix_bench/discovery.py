@@ -1,9 +1,8 @@
-"""How soon a product lists what is there, beside `avahi-browse` of the same type in the same place.
+"""Measures how fast a product lists all products, compared with `avahi-browse` of the same type in the same namespace.
 
-Both begin with an mDNS daemon that was started a moment before and has heard nothing, and with a crowd that is quiet.
-The time begins where the process is started, the service's with gateway and network up. For the service it ends where
-a subscriber of the product's list has the list in which the product is ONLINE: resolved, connected to by its gateway,
-and answered for by the product itself. For avahi-browse it ends with the resolved line; it asks the product nothing.
+Both start with a new mDNS daemon with an empty cache and a silent crowd. Time starts with the measured process; for the
+service, gateway and network are up. It ends for the service when a subscriber receives the list in which the product is
+ONLINE: resolved, connected, and answered by the product itself. It ends for avahi-browse with the resolved line.
 """
 import os
 import re
@@ -19,15 +18,15 @@ from .world import CROWD_GUID, CROWD_NAME, Reader, World
 
 TYPE = "_kova-lanyard._tcp"
 RECEIVE_BUFFER = 4 << 20
-#: What an mDNS daemon needs for more than about a thousand products.
+#: Settings of the mDNS daemon for more than about 1,000 products.
 LARGE_NETWORK = ("cache-entries-max=20000", "objects-per-client-max=8192")
 
 
 @dataclass
 class Arrivals:
-    """When how many had been found."""
+    """Times at which products were found."""
     count: int
-    seconds: list = field(default_factory=list)  # of the first, the second, ...
+    seconds: list = field(default_factory=list)  # time of the first, second, ... product
     complete: threading.Event = field(default_factory=threading.Event)
 
     def __post_init__(self):
@@ -59,10 +58,10 @@ class Arrivals:
 @dataclass
 class ServiceRun:
     published: Arrivals
-    lists: int = 0          # how many the subscriber got
-    mebibytes: float = 0.0  # and how large they were in all
-    table: Arrivals = None  # the same products in the service's own table, by its log
-    cpu: dict = None        # program -> processor seconds until the last was found
+    lists: int = 0          # number of received lists
+    mebibytes: float = 0.0  # size of all lists
+    table: Arrivals = None  # times in the service's own table, from its log
+    cpu: dict = None        # program -> CPU seconds until the last product was found
 
 
 @dataclass(frozen=True)
@@ -70,7 +69,7 @@ class Course:
     count: int
     label: str
     runs: int
-    seconds: float                # after which what was not found counts as lost
+    seconds: float                # time limit; later products count as lost
     settings: dict = field(default_factory=dict)
     avahi: tuple = ()
     limits: dict = field(default_factory=dict)
@@ -105,8 +104,8 @@ def run(options, say):
             for number in range(runs):
                 browse = browse_once(world, course)
                 service = service_once(world, course)
-                say(f"discovery {course.label}, run {number + 1} of {runs}: avahi-browse {_told(browse)}; "
-                    f"service {_told(service.published)}, in its table {_told(service.table)}, {service.lists} lists of "
+                say(f"discovery {course.label}, run {number + 1} of {runs}: avahi-browse {_text(browse)}; "
+                    f"service {_text(service.published)}, in its table {_text(service.table)}, {service.lists} lists of "
                     f"{service.mebibytes:.1f} MiB in all; "
                     + ", ".join(f"{name} {seconds:.2f} s" for name, seconds in service.cpu.items()) + " of processor")
                 pairs.append((browse, service))
@@ -135,7 +134,7 @@ def browse_once(world, course):
 
 
 def service_once(world, course, settled=False):
-    """`settled`: goes on until the product lists itself, too, as every one does once it is announced."""
+    """`settled`: also waits until the product lists itself, which follows its announcement."""
     world.start_cold("gateway", "network", "hub")
     published = Arrivals(course.count)
     run_ = ServiceRun(published)
@@ -168,8 +167,8 @@ def service_once(world, course, settled=False):
 
 
 def _online(line, own_guid):
-    """How many rows of a list are ONLINE, and 1 if the product itself is among them. Counted in the text: to read
-    each of the large lists would take more of the machine than what is measured."""
+    """The number of ONLINE rows of a list, and 1 if the product itself is one of them. Counts in the text, because
+    parsing large lists would need more CPU time than the measured programs."""
     state = b'"state":"ONLINE"'
     at = line.find(own_guid)
     own = line.rfind(b'"state":', 0, at) if at >= 0 else -1
@@ -177,7 +176,7 @@ def _online(line, own_guid):
 
 
 def _table_of_log(path, offset, begin_clock, count):
-    """The service tells of each answer of a product before it publishes the list."""
+    """Times from the service's log, which has a line per product response before the list is published."""
     arrivals, seen = Arrivals(count), set()
     with open(path, "rb") as file:
         file.seek(offset)
@@ -222,6 +221,6 @@ def _ratio(ours, theirs):
     return ours / theirs if ours is not None and theirs else None
 
 
-def _told(arrivals):
+def _text(arrivals):
     last = f"{arrivals.last:.2f} s" if arrivals.seconds else "never"
     return f"{arrivals.found} of {arrivals.count}, the last at {last}"

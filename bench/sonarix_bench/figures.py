@@ -1,17 +1,15 @@
-"""The rows of the table, and its form."""
+"""Rows and format of the result table."""
 import re
 import statistics
 import subprocess
 from dataclasses import dataclass
 
-#: Several runs of one figure differ by this part at most, or the row says that it is noisy.
-STEADY_SPREAD = 0.2
 
 
 @dataclass(frozen=True)
 class Row:
-    """`limit` is "" or a demand such as "<= 1.5"; a number alone is the most. `samples` are what `value` is the median
-    of, and empty where it was counted once."""
+    """`limit` is "" or a condition like "<= 1.5"; a number alone is a maximum. `value` is the median of `samples`, which
+    are empty for a single measurement."""
     bench: str
     name: str
     value: float
@@ -21,14 +19,14 @@ class Row:
 
     @staticmethod
     def of(bench, name, samples, unit="", limit=""):
-        """The median of the samples that there are; None stands for a run in which the thing did not come to pass."""
+        """A row with the median. A sample is None if the event did not occur in that run; then the value is None, too."""
         present = tuple(sample for sample in samples if sample is not None)
         value = statistics.median(present) if present and len(present) == len(samples) else None
         return Row(bench, name, value, unit, limit, present if len(samples) > 1 else ())
 
     @property
     def holds(self):
-        """None where nothing is demanded."""
+        """Whether the value meets the limit; None without a limit."""
         if not self.limit:
             return None
         if self.value is None:
@@ -49,7 +47,7 @@ class Row:
 
 
 def number(value):
-    """Three digits that count, without an exponent."""
+    """Three significant digits, without an exponent."""
     if value is None:
         return "never"
     if value == int(value) or abs(value) >= 1000:
@@ -58,7 +56,7 @@ def number(value):
 
 
 def markdown(rows):
-    """The table as it stands in docs/performance.md."""
+    """The table in the format of bench/results/."""
     head = ("Bench", "Figure", "Value", "Unit", "Demand", "", "Spread (runs)")
     body = [(row.bench, row.name, number(row.value), row.unit, row.limit, row.verdict, row.spread) for row in rows]
     widths = [max(len(line[column]) for line in [head, *body]) for column in range(len(head))]
@@ -68,7 +66,8 @@ def markdown(rows):
 
 
 def of_program(bench, command, say):
-    """The rows that a program prints: name, value, unit and demand, separated by tabs. Other lines are its own talk."""
+    """Runs a benchmark program and returns the rows that it prints: name, value, unit and limit, separated by tabs.
+    Passes other lines to `say`."""
     result = subprocess.run(command, capture_output=True, text=True, check=False)
     rows = []
     for line in result.stdout.splitlines():

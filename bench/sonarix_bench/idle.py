@@ -1,10 +1,9 @@
-"""How often the daemon wakes while nothing happens: by itself, and for what others do.
+"""Counts how often the idle daemon wakes up by itself and because of other processes.
 
-A wake-up is the end of a voluntary context switch, summed over the daemon's threads. To tell the daemon's own from
-what it is woken for, the product's gateway is stopped (SIGSTOP) for a minute: everything that other processes ask of
-the daemon comes through it, but for the mDNS daemon's signals. Then it goes on, and the difference is what it causes.
-SSDP ticks once a second and searches every 30 s, by design: what its threads do is held against that, all others'
-against nothing.
+A wake-up is a voluntary context switch, summed over all threads. To separate the daemon's own wake-ups, the gateway is
+stopped with SIGSTOP for a minute: all requests of other processes come through it, except signals of the mDNS daemon.
+Then it continues, and the difference is caused by the gateway. SSDP is designed to wake once per second and to search
+every 30 s, so its threads have a limit of that size; all other threads have the limit 0.
 """
 import os
 import signal
@@ -15,11 +14,11 @@ from .discovery import Course, service_once
 from .figures import Row
 from .world import World
 
-#: The last request of the start has its answer, but its time limit of 15 s still has a timer.
+#: Longer than the timeout of 15 s of the last request of the start, whose timer still runs.
 _SETTLE_SECONDS = 18
-#: What the threads of SSDP are called.
+#: Names of the SSDP threads.
 _SSDP = ("SsdpDiscovery", "GSSDPMainLoop")
-#: Wake-ups of a search that nobody answers: its begin, three questions that the own socket hears too, its end.
+#: Wake-ups of a search without responses: start, three requests that the own socket also receives, end.
 _OF_A_SEARCH = 12
 
 
@@ -43,22 +42,22 @@ def run(options, say):
 
 
 def _measure(options, say, seconds, what, crowd=0, others=0):
-    """With the gateway stopped, switches of any kind but SSDP's, and SSDP's wake-ups; wake-ups a minute with it."""
+    """Returns with the gateway stopped all switches without SSDP and SSDP's wake-ups, and with it wake-ups per minute."""
     with World(options.bin_dir, crowd, others, log_dir=options.logs) as world:
         service_once(world, Course(crowd, what, 1, 60), settled=True)
         time.sleep(_SETTLE_SECONDS)
         gateway = world.product.pid("gateway")
         own = {}
-        if not others:  # which would take this product for dead meanwhile
+        if not others:  # other products would list this one as OFFLINE
             os.kill(gateway, signal.SIGSTOP)
-            time.sleep(1)  # what it had asked is answered
+            time.sleep(1)  # pending requests are answered
             own = _switches(world, seconds)
             os.kill(gateway, signal.SIGCONT)
             time.sleep(5)
         caused = _switches(world, seconds / 2)
     wakeups = sum(voluntary for thread, (voluntary, _) in caused.items() if not _is_ssdp(thread)) / (seconds / 2) * 60
-    say(f"idle, {what}: of its own " + (_told(own) if not others else "not looked at")
-        + f" in {seconds} s; with the gateway {_told(caused)} in {seconds / 2:g} s")
+    say(f"idle, {what}: of its own " + (_text(own) if not others else "not looked at")
+        + f" in {seconds} s; with the gateway {_text(caused)} in {seconds / 2:g} s")
     return (sum(sum(counts) for thread, counts in own.items() if not _is_ssdp(thread)),
             sum(voluntary for thread, (voluntary, _) in own.items() if _is_ssdp(thread)), wakeups)
 
@@ -74,6 +73,6 @@ def _switches(world, seconds):
     return counters.switches_since(pid, before)
 
 
-def _told(grown):
+def _text(grown):
     return ", ".join(f"{name} {voluntary}+{involuntary}"
                      for (name, _), (voluntary, involuntary) in grown.items()) or "nothing"

@@ -1,4 +1,4 @@
-"""Settings of the machine that a bench raises: they are not a namespace's own, and are put back at the end."""
+"""Kernel settings that a benchmark raises. They apply to all namespaces and are restored at the end."""
 import contextlib
 import os
 
@@ -7,7 +7,7 @@ RECEIVE_BUFFER = "net/core/rmem_default"
 
 @contextlib.contextmanager
 def raised(settings):
-    """`settings`: name below /proc/sys -> value. What is higher already stays."""
+    """`settings`: name below /proc/sys -> value. Higher current values are kept."""
     before = {name: _read(name) for name in settings}
     try:
         for name, value in settings.items():

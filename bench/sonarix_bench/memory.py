@@ -1,8 +1,7 @@
-"""What the daemon has written to (private dirty): at rest, and with the connections to a crowd.
+"""Measures the daemon's private dirty memory: idle, and with the connections to a crowd.
 
-The figure counts every page that is the process's own, freed heap that was not given back included. It is read when
-all products are ONLINE and three seconds have passed; the peak before that is the kernel's high-water mark of what
-was resident, shared pages of libraries included.
+The figure includes freed heap that was not returned to the kernel. It is read three seconds after all products are
+ONLINE. The peak is the kernel's maximum of resident memory, including shared pages of libraries.
 """
 import os
 import time
@@ -18,7 +17,7 @@ _SETTINGS = {machine.RECEIVE_BUFFER: RECEIVE_BUFFER}
 
 
 def run(options, say):
-    os.sync()  # pages of a program that was just built count as dirty until the kernel has written them
+    os.sync()  # file pages of a new binary count as dirty until they are written
     rest = _measure(options, 0)
     say(f"memory at rest: {rest}")
     rows = [Row("memory", "service at rest", rest["service"] / 1024, "MiB", "<= 8"),
@@ -38,7 +37,7 @@ def run(options, say):
 
 
 def _measure(options, count):
-    """In KiB, and how many were ONLINE."""
+    """Returns KiB and the number of ONLINE products."""
     with machine.raised(_SETTINGS if count else {}), \
             World(options.bin_dir, count, avahi=LARGE_NETWORK, log_dir=options.logs) as world:
         found = service_once(world, Course(count, str(count), 1, 60), settled=True).published.found

@@ -1,5 +1,4 @@
-"""The benches that are programs of their own. Each prints its figures as lines of name, value, unit and demand,
-separated by tabs."""
+"""Benchmarks that are separate programs. They print lines of name, value, unit and limit, separated by tabs."""
 import os
 
 from .figures import of_program

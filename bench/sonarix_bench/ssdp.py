@@ -1,10 +1,9 @@
-"""How soon the service hears of the UPnP devices that are there and has read their descriptions, beside
-`gssdp-discover` of the same target in the same namespace; and what devices that misbehave make it hold.
+"""Measures how fast the service finds UPnP devices and reads their descriptions, compared with `gssdp-discover` for the
+same target in the same namespace, and its memory with misbehaving devices.
 
-The devices have announced themselves and are quiet: what is heard are their answers, each after a random part of the
-search's MX of 3 s, three times since each search asks three times. Time begins for gssdp-discover where the process is
-started, and for the service at the line of its log that tells of the search. A device is announced at the service's
-line about it, and fetched at the line about its description.
+The devices have sent their announcements before. A device responds after a random part of MX = 3 s to each of the three
+requests of a search. Time starts for gssdp-discover with the process, for the service with the log line of the search.
+A device is "announced" with its log line, and "fetched" with the log line of its description.
 """
 import os
 import re
@@ -42,8 +41,8 @@ def _times(options, count, runs, say):
         for number in range(runs):
             theirs = _discover(world, count)
             announced, fetched = _service(world, count)
-            say(f"ssdp {count}, run {number + 1} of {runs}: gssdp-discover {_told(theirs)}; service announced "
-                f"{_told(announced)}, fetched {_told(fetched)}")
+            say(f"ssdp {count}, run {number + 1} of {runs}: gssdp-discover {_text(theirs)}; service announced "
+                f"{_text(announced)}, fetched {_text(fetched)}")
             pairs.append((theirs, announced, fetched))
         if world.deaths:
             raise RuntimeError("; ".join(world.deaths))
@@ -110,8 +109,8 @@ def _of_log(path, offset, count):
 
 
 def _held(options, say):
-    """Private dirty memory before, at the height of and after all that misbehaves."""
-    os.sync()  # pages of a program that was just built count as dirty until the kernel has written them
+    """Private dirty memory before, during and after misbehaving devices."""
+    os.sync()  # file pages of a new binary count as dirty until they are written
     kinds = [*MISBEHAVING, *["hasty"] * _HASTY]
     with World(options.bin_dir, devices=kinds, silent=True, log_dir=options.logs) as world:
         world.start_cold("gateway", "network", "hub")
@@ -155,6 +154,6 @@ def _after(announced, fetched):
     return fetched.last - announced.last if fetched.complete.is_set() else None
 
 
-def _told(arrivals):
+def _text(arrivals):
     last = f"{arrivals.last:.2f} s" if arrivals.seconds else "never"
     return f"{arrivals.found} of {arrivals.count}, the last at {last}"

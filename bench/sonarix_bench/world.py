@@ -1,4 +1,4 @@
-"""The network of a bench: one real product, and a crowd of simulated ones behind the other ports of one bridge."""
+"""The network of a benchmark: one real product and a crowd of simulated ones on a bridge."""
 import os
 import shutil
 import subprocess
@@ -15,12 +15,12 @@ from sonarix_lab.crowd import PROGRAM as CROWD_PROGRAM, Crowd  # noqa: E402
 from sonarix_lab.devices import MISBEHAVING, PROGRAM as DEVICES_PROGRAM, Devices  # noqa: E402
 from sonarix_lab.laboratory import BIN_DIR  # noqa: E402
 from sonarix_lab.ledger import Ledger  # noqa: E402
-from sonarix_lab.product import PROGRAMS, Product, Surroundings, check_programs, guid_of, last_line  # noqa: E402
+from sonarix_lab.product import PROGRAMS, Product, LabContext, check_programs, guid_of, last_line  # noqa: E402
 from sonarix_lab.reactor import Reactor  # noqa: E402
 
 __all__ = ["BIN_DIR", "CROWD_GUID", "CROWD_NAME", "LabError", "MISBEHAVING", "Reader", "World"]
 
-#: What the names and the guids of the crowd begin with.
+#: Prefixes of the crowd's names and guids.
 CROWD_NAME = "Crowd"
 CROWD_GUID = "crowd-"
 
@@ -33,9 +33,9 @@ _QUIET_SECONDS = 2.0
 class World:
     """with World(bin_dir, crowd=100) as world: ...
 
-    `avahi` holds further lines of the [server] section of the product's mDNS daemon. The product's programs are not
-    running yet, but for its bus; the crowd has announced itself and is quiet. `others` more real products, complete
-    ones, are started along with the crowd, and so are UPnP `devices` of these kinds, or stay away if they are `silent`.
+    `avahi` contains additional lines for the [server] section of the product's mDNS daemon. Of the product only the
+    bus runs. The crowd has sent its announcements. `others` real products and UPnP `devices` of these kinds are
+    started with the crowd; devices that are `silent` stay absent.
     """
 
     def __init__(self, bin_dir, crowd=0, others=0, avahi=(), devices=(), silent=False, log_dir=None):
@@ -82,8 +82,8 @@ class World:
     # ---- the product ---------------------------------------------------------------------------------------------
 
     def start_cold(self, *programs):
-        """Ends what runs of the product, and starts these programs anew with an mDNS daemon that knows nothing yet.
-        The service is not among them: whoever measures starts it.
+        """Stops the product's programs, then starts an mDNS daemon with an empty cache and the given programs. The
+        caller starts the service.
         """
         for program in ("service", "hub", "network", "gateway", "avahi"):
             if self.product.pid(program):
@@ -97,7 +97,7 @@ class World:
             self._wait("its network status", lambda: self._answers("/network/status"))
 
     def quiet(self):
-        """Waits until the crowd has said nothing by mDNS, and no device by SSDP, for two seconds."""
+        """Waits until crowd and devices have sent nothing for two seconds."""
         last, since = None, time.monotonic()
         deadline = since + _START_SECONDS
         while (self._crowd or self.devices) and time.monotonic() - since < _QUIET_SECONDS:
@@ -112,7 +112,7 @@ class World:
             time.sleep(0.1)
 
     def watch(self):
-        """A `portico watch` of the product's list, running."""
+        """Starts a `portico watch` of the product's list."""
         return self.product.popen(["portico", "watch", "/sonarix/products"], stdout=subprocess.PIPE,
                                   stderr=subprocess.DEVNULL)
 
@@ -128,7 +128,7 @@ class World:
         self._scratch = tempfile.mkdtemp(prefix="sonarix-bench-")
         log_dir = self._log_dir or os.path.join(self._scratch, "logs")
         os.makedirs(log_dir, exist_ok=True)
-        around = Surroundings(self._ledger, self._reactor, self._bin_dir, log_dir, "3",
+        around = LabContext(self._ledger, self._reactor, self._bin_dir, log_dir, "3",
                               lambda product, program, text: self.deaths.append(text))
         authority = Authority(os.path.join(self._scratch, "ca"))
         bridge = namespaces.Bridge(self._ledger)
@@ -169,7 +169,7 @@ class World:
             time.sleep(_POLL_SECONDS)
 
     def _avahi_runs(self):
-        """Its host name is established: what it says by itself has been said."""
+        """Whether the host name is established, so that no more announcements follow."""
         asked = self.product.run(["dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.Avahi", "/",
                                   "org.freedesktop.Avahi.Server.GetState"])
         return asked.returncode == 0 and asked.stdout.split() == ["int32", "2"]
@@ -179,7 +179,7 @@ class World:
 
 
 class Reader:
-    """Calls on_line(seconds since `begin`, line) on a thread of its own, for each line of a process's output."""
+    """Calls on_line(seconds since `begin`, line) on a separate thread for each line of a process's output."""
 
     def __init__(self, process, begin, on_line):
         self._process = process
@@ -189,7 +189,7 @@ class Reader:
         self._thread.start()
 
     def stop(self):
-        """Ends the process; no line is told after the return."""
+        """Ends the process. on_line is not called after the return."""
         self._process.kill()
         self._process.wait()
         self._thread.join()

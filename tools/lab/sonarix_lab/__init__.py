@@ -1,4 +1,4 @@
-"""A laboratory of whole products in network namespaces. `Lab` is what a test drives, `sonarix-lab` what a person does."""
+"""A laboratory of whole products in network namespaces. Tests use `Lab`, users the program `sonarix-lab`."""
 from .errors import LabError, LabTimeout
 from .laboratory import Lab
 

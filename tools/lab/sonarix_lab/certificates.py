@@ -1,4 +1,4 @@
-"""A certificate authority of the laboratory's own, and a certificate for each product."""
+"""The laboratory's certificate authority, and a certificate for each product."""
 import os
 import subprocess
 
@@ -9,7 +9,7 @@ _KEY = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
 
 
 class Authority:
-    """Lives in `folder`, for one run. Writes ca.pem, cert.pem and key.pem for products."""
+    """An authority in `folder`, for one run. Writes ca.pem, cert.pem and key.pem of products."""
 
     def __init__(self, folder):
         os.makedirs(folder, mode=0o700, exist_ok=True)
@@ -20,7 +20,7 @@ class Authority:
                  "-keyout", self._key, "-out", self._certificate)
 
     def issue(self, guid, folder):
-        """A certificate whose common and alternative names are the guid, good for both ends of a connection."""
+        """Writes a certificate for client and server use. Its common and alternative names are the guid."""
         os.makedirs(folder, mode=0o700, exist_ok=True)
         _openssl("req", "-x509", *_KEY, "-days", _DAYS, "-subj", f"/CN={guid}",
                  "-CA", self._certificate, "-CAkey", self._key,
@@ -36,4 +36,4 @@ class Authority:
 def _openssl(*arguments):
     result = subprocess.run(["openssl", *arguments], capture_output=True, text=True, check=False)
     if result.returncode != 0:
-        raise LabError("openssl could not make a certificate: " + result.stderr.strip().splitlines()[-1])
+        raise LabError("openssl failed: " + result.stderr.strip().splitlines()[-1])

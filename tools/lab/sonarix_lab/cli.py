@@ -18,22 +18,22 @@ from .view import LineView, TableView
 _PROG = os.environ.get("SONARIX_LAB_COMMAND", "sonarix-lab")
 
 _DESCRIPTION = """\
-Several products in network namespaces of their own, each with its D-Bus, mDNS daemon, gateway, network service and
-discovery service, find one another by real multicast on a bridge that nothing else is part of. Shows who lists whom,
-until Ctrl-C."""
+Runs several products, each in its own network namespace with D-Bus, mDNS daemon, gateway, network service and
+discovery service. They find each other by real multicast on a separate bridge. Shows which product lists which other
+one, until Ctrl-C."""
 
 _EPILOG = """\
---kill, --start, --link-down and --exec address the laboratory that runs, from another terminal. Where none runs,
---kill and --link-down start one and happen once every product lists every other as ONLINE, in the order given;
-with --once, their effect is waited for too.
+--kill, --start, --link-down and --exec control a running laboratory from another terminal. If no laboratory runs,
+--kill and --link-down start one and are executed in the given order after every product lists every other as ONLINE.
+With --once, the laboratory also waits for their effect.
 
 examples:
   {prog} --products 8
   {prog} --crowd 200
   {prog} --ssdp 3
-  {prog} --once --kill kitchen            # how long until the others list it as OFFLINE?
+  {prog} --once --kill kitchen            # measures the time until the others list it as OFFLINE
   {prog} --link-down bedroom 30           # from another terminal, or at the start
-  {prog} --ruin 10 --ssdp 2               # what does not survive that any program may be killed?
+  {prog} --ruin 10 --ssdp 2               # kills random programs and checks the recovery
   {prog} --exec kitchen portico get /sonarix/products
   {prog} --exec kitchen bash              # a shell in that product"""
 
@@ -50,7 +50,7 @@ def main(arguments=None):
                 control.send(options.state_dir, command)
             return 0
         if any(command["command"] == "start" for command in actions):
-            raise LabError(f"no laboratory runs in {options.state_dir}, there is nothing to start again")
+            raise LabError(f"no laboratory runs in {options.state_dir}, nothing to restart")
         return _run(options, actions)
     except LabError as error:
         print(f"{_PROG}: {error}", file=sys.stderr)
@@ -58,7 +58,7 @@ def main(arguments=None):
 
 
 class _Action(argparse.Action):
-    """Keeps the order of --kill and --link-down."""
+    """Stores --kill, --start and --link-down in one list, in order."""
 
     def __call__(self, parser, namespace, values, option_string=None):
         if self.dest == "link_down":
@@ -66,7 +66,7 @@ class _Action(argparse.Action):
             try:
                 command = {"command": "link-down", "product": name, "seconds": float(seconds)}
             except ValueError:
-                parser.error(f"--link-down: \"{seconds}\" is no number of seconds")
+                parser.error(f"--link-down: \"{seconds}\" is not a number of seconds")
         else:
             command = {"command": self.dest, "product": values}
         namespace.actions = (namespace.actions or []) + [command]
@@ -76,50 +76,49 @@ def _parse(arguments):
     parser = argparse.ArgumentParser(prog=_PROG, description=_DESCRIPTION, epilog=_EPILOG.format(prog=_PROG),
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.set_defaults(actions=None)
-    parser.add_argument("--products", type=_count, default=3, metavar="N", help="how many; 3 unless given")
+    parser.add_argument("--products", type=_count, default=3, metavar="N", help="number of products, default 3")
     parser.add_argument("--accessory", type=_count, default=0, metavar="N",
-                        help="as many more in accessory mode, which reach their hosts by mutual TLS")
+                        help="additional products in accessory mode, which use mutual TLS to their hosts")
     parser.add_argument("--crowd", type=_count, default=0, metavar="N",
-                        help=f"as many simulated products besides, {crowd.MOST} at most, which the others list")
+                        help=f"simulated products, at most {crowd.MOST}, which the others list")
     parser.add_argument("--ssdp", type=_count, default=0, metavar="N",
-                        help=f"as many simulated products besides that speak SSDP alone, {devices.DEVICES_A_HOST} at "
-                             "most, which the others list")
+                        help=f"simulated products that use only SSDP, at most {devices.DEVICES_A_HOST}, which the "
+                        "others list")
     parser.add_argument("--once", action="store_true",
-                        help="end with status 0 as soon as every product lists every other as ONLINE, "
-                             "with 1 after the time limit, saying who is missing")
-    parser.add_argument("--time-limit", type=float, default=60, metavar="SECONDS", help="of --once; 60 unless given")
+                        help="exit with status 0 as soon as every product lists every other as ONLINE, "
+                        "with 1 after the time limit and the missing products")
+    parser.add_argument("--time-limit", type=float, default=60, metavar="SECONDS", help="for --once, default 60")
     parser.add_argument("--kill", action=_Action, metavar="NAME",
-                        help="end that product's service and gateway by signal 9")
+                        help="kill that product's service and gateway with signal 9")
     parser.add_argument("--start", action=_Action, metavar="NAME",
-                        help="start what does not run in that product")
+                        help="start all programs of that product that do not run")
     parser.add_argument("--link-down", action=_Action, nargs=2, metavar=("NAME", "SECONDS"),
-                        help="cut that product's cable for a time")
+                        help="disconnect that product for a time")
     parser.add_argument("--ruin", type=float, metavar="MINUTES",
-                        help="kill programs at random for that long, and start them again: three products, of which one "
-                             "has no mDNS record and two speak SSDP; ends with status 1 as soon as anything does not "
-                             "come right again")
-    parser.add_argument("--seed", type=int, metavar="N", help="of --ruin; that of an earlier run kills in the same order")
-    parser.add_argument("--logs", metavar="DIR", help="keep the log of each program of each product there")
+                        help="kill and restart random programs for that time, in three products: one without mDNS "
+                        "record, two with SSDP. Exits with status 1 at the first state that does not recover")
+    parser.add_argument("--seed", type=int, metavar="N", help="seed of --ruin; the same seed kills in the same order")
+    parser.add_argument("--logs", metavar="DIR", help="write the log of each program of each product there")
     parser.add_argument("--log-levels", default="3", metavar="LEVELS",
-                        help="SONARIX_LOG of the services, such as 3,MdnsService=6; 3 unless given")
+                        help="SONARIX_LOG of the services, e.g. 3,MdnsService=6; default 3")
     parser.add_argument("--lan", action="store_true",
-                        help="one service on this machine's real network instead, with its own gateway and network "
-                             "service and the machine's mDNS daemon")
-    parser.add_argument("--interface", metavar="IFACE", help="of --lan; that of the default route unless given")
-    parser.add_argument("--bin-dir", default=BIN_DIR, metavar="DIR", help="of the programs")
+                        help="run one service on this machine's real network, with its own gateway and network "
+                        "service and the machine's mDNS daemon")
+    parser.add_argument("--interface", metavar="IFACE", help="interface for --lan, default: that of the default route")
+    parser.add_argument("--bin-dir", default=BIN_DIR, metavar="DIR", help="directory of the programs")
     parser.add_argument("--state-dir", default=ledger.DEFAULT_FOLDER, metavar="DIR",
-                        help=f"one laboratory at a time for each; {ledger.DEFAULT_FOLDER} unless given")
+                        help=f"state of the laboratory, one laboratory per directory; default {ledger.DEFAULT_FOLDER}")
     parser.add_argument("--exec", dest="execute", nargs=argparse.REMAINDER, metavar="NAME COMMAND",
-                        help="run a command in a product of the laboratory that runs; last of all options")
+                        help="run a command in a product of the running laboratory; must be the last option")
     options = parser.parse_args(arguments)
     if options.execute is not None and len(options.execute) < 2:
-        parser.error("--exec wants the name of a product and a command")
+        parser.error("--exec needs the name of a product and a command")
     if options.crowd > crowd.MOST:
-        parser.error(f"--crowd has room for {crowd.MOST}")
+        parser.error(f"--crowd is limited to {crowd.MOST}")
     if options.ssdp > devices.DEVICES_A_HOST:
-        parser.error(f"--ssdp has room for {devices.DEVICES_A_HOST}")
+        parser.error(f"--ssdp is limited to {devices.DEVICES_A_HOST}")
     if options.products < 1:
-        parser.error("--products wants one at least")
+        parser.error("--products must be at least 1")
     return options
 
 
@@ -195,7 +194,7 @@ def _make_lab(options, view):
 
 
 class _Course:
-    """What shall come to pass, one step after the other: everybody ONLINE, then each action and its effect."""
+    """The steps of a run: wait until all products are ONLINE, then execute each action and wait for its effect."""
 
     def __init__(self, lab, options, actions):
         self._lab = lab
@@ -214,7 +213,7 @@ class _Course:
         self._step_begin = 0.0
 
     def follow(self, view):
-        """Returns (message, status) at the end of --once; otherwise goes on until it is interrupted."""
+        """Returns (message, status) at the end of --once, otherwise runs until it is interrupted."""
         while True:
             view.draw(self._lab, self._lab.look(self._headline))
             if self._steps and self._lab.look(self._steps[0][1]):
@@ -259,7 +258,7 @@ class _Course:
 
 
 def _lan_interface(given):
-    """Checks what --lan needs of this machine."""
+    """Checks the requirements of --lan. Returns the interface."""
     bus = subprocess.run(["dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus",
                           "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner",
                           "string:org.freedesktop.Avahi"], capture_output=True, text=True, check=False)

@@ -1,4 +1,4 @@
-"""How a command from another terminal reaches the running laboratory: one JSON line each way on a local socket."""
+"""Commands from another terminal to the running laboratory: one JSON line in each direction on a local socket."""
 import json
 import os
 import socket
@@ -11,7 +11,7 @@ _TIMEOUT_SECONDS = 30
 
 
 class ControlServer:
-    """Serves one command at a time on a thread of its own. handle(dict) raises LabError where it can't."""
+    """Serves one command at a time on its own thread. handle(dict) raises LabError on failure."""
 
     def __init__(self, path, handle):
         self._handle = handle
@@ -38,7 +38,7 @@ class ControlServer:
                 try:
                     self._serve(connection)
                 except OSError:
-                    pass  # it went away; so what
+                    pass  # the client disconnected
 
     def _serve(self, connection):
         with connection.makefile("rw", encoding="utf-8") as stream:
@@ -53,13 +53,13 @@ class ControlServer:
 
 
 def is_running(folder):
-    """Whether a laboratory of this state folder takes commands."""
+    """Whether a laboratory with this state folder accepts commands."""
     with socket.socket(socket.AF_UNIX) as client:
         return client.connect_ex(ledger.control_socket(folder)) == 0
 
 
 def send(folder, command):
-    """Has the running laboratory carry out a command; raises LabError with its answer where it could not."""
+    """Sends a command to the running laboratory. Raises LabError with its response if the command failed."""
     with socket.socket(socket.AF_UNIX) as client:
         client.settimeout(_TIMEOUT_SECONDS)
         try:

@@ -1,4 +1,4 @@
-"""Simulated products, many to a process: what they are told on their standard input."""
+"""Simulated products, many per process, controlled through standard input."""
 from . import namespaces
 from .errors import LabError
 from .simulator import Simulator
@@ -13,12 +13,12 @@ def guid_of(index):
 
 
 class Crowd:
-    """Products of the family that are no processes of their own, on hosts of their own; known by index, from 0.
+    """Simulated products of the family on separate hosts, numbered from 0.
 
-    crowd.silence(0, 249)      # gone without a word
+    crowd.silence(0, 249)      # leave without goodbye
     crowd.bring_back(0, 249)
 
-    Each command returns when it is done there; how long the real products take to notice is theirs.
+    A command returns when the simulator has executed it. The real products notice it later.
     """
 
     def __init__(self, count):
@@ -35,8 +35,8 @@ class Crowd:
         return [guid_of(index) for index in range(self._count)]
 
     def start(self, around, bridge, *, delay="20:120", seed=1):
-        """Returns when all of them listen; their first words come over the next seconds. `delay` of each answer is in
-        milliseconds, least and most."""
+        """Returns when all products listen. Their announcements are spread over the next seconds. `delay` is the range of
+        response delays in milliseconds."""
         for index, first in enumerate(range(0, self._count, PRODUCTS_A_HOST)):
             self._hosts.append(_Host(index, first, min(PRODUCTS_A_HOST, self._count - first), around, bridge,
                                      ["--delay", delay, "--seed", str(seed + index)]))
@@ -44,22 +44,22 @@ class Crowd:
             host.expect("ready")
 
     def silence(self, first, last):
-        """They go without goodbye: no mDNS, connections and ports closed."""
+        """Stops mDNS and closes connections and ports, without goodbye."""
         self._command("silence", first, last)
 
     def say_goodbye(self, first, last):
-        """They say that they go, and go."""
+        """Sends goodbye packets, then like silence()."""
         self._command("goodbye", first, last)
 
     def bring_back(self, first, last):
         self._command("return", first, last)
 
     def rename(self, first, last):
-        """Each takes a name that it has not had."""
+        """Gives each product a new name."""
         self._command("rename", first, last)
 
     def stats(self):
-        """What they have had to do, summed up."""
+        """The sum of the simulators' counters."""
         total = {}
         for host in self._hosts:
             for name, value in host.stats().items():

@@ -1,4 +1,4 @@
-"""Simulated UPnP devices, many to a process: what they are told on its standard input."""
+"""Simulated UPnP devices, many per process, controlled through standard input."""
 import subprocess
 
 from . import namespaces
@@ -7,9 +7,9 @@ from .simulator import Simulator
 
 PROGRAM = "upnp-devices"
 DEVICES_A_HOST = 1000
-_INDICES_A_HOST = 10000  # so that no two hosts have the same uuids
+_INDICES_A_HOST = 10000  # keeps the uuids of hosts distinct
 
-#: What a misbehaving device may do; `upnp-devices --help` tells what each one is.
+#: Kinds of misbehaving devices; `upnp-devices --help` explains them.
 MISBEHAVING = ("no-location", "empty-location", "long-location", "other-scheme", "loopback", "closed-port", "silent",
                "slow", "status-404", "status-500", "status-503", "redirect", "huge-body", "endless-body", "cut-xml",
                "deep-xml", "entity-xml", "latin1-xml", "utf16-xml", "nul-byte", "empty-body", "flapping")
@@ -20,12 +20,12 @@ def guid_of(index):
 
 
 class Devices:
-    """UPnP devices that one process plays, each with an address of its own; known by number, from 0.
+    """UPnP devices of one simulator process, each with its own address, numbered from 0.
 
-    devices.silence(0, 2)      # gone without byebye
+    devices.silence(0, 2)      # leave without byebye
     devices.bring_back(0, 2)
 
-    Each command returns when it is done there; how long the products take to notice is theirs.
+    A command returns when the simulator has executed it. The products notice it later.
     """
 
     def __init__(self, kinds, guids, addresses, simulator, namespace=None):
@@ -33,12 +33,12 @@ class Devices:
         self.guids = guids
         self.addresses = addresses
         self._simulator = simulator
-        self._namespace = namespace  # where it is their own
+        self._namespace = namespace  # None: that of a product
         simulator.expect("ready")
 
     @classmethod
     def on_host(cls, index, kinds, around, bridge, *, silent=False, seed=1):
-        """On a host of their own, the one of that index. Returns when all of them listen."""
+        """Starts devices on the separate host with that index. Returns when all of them listen."""
         if not 0 < len(kinds) <= DEVICES_A_HOST or index >= namespaces.DEVICE_HOSTS:
             raise LabError(f"a host has 1 to {DEVICES_A_HOST} devices, and there are {namespaces.DEVICE_HOSTS} hosts")
         name = f"device-host-{index + 1}"
@@ -55,7 +55,7 @@ class Devices:
 
     @classmethod
     def at_product(cls, product, address, around):
-        """The one SSDP device that a real product is besides: its guid, its name, its address."""
+        """Starts one device with guid, name and address of a real product."""
         simulator = Simulator(f"{product.name}.device", product.namespace, around, PROGRAM, [
             "--interface", "eth0", "--first-address", address, "--guid", product.guid, "--name", product.spoken_name,
             "--no-gateway", "product"])
@@ -63,34 +63,34 @@ class Devices:
 
     @property
     def has_host(self):
-        """A host of their own, not that of a product."""
+        """Whether the devices have a separate host, not that of a product."""
         return self._namespace is not None
 
     def __len__(self):
         return len(self.kinds)
 
     def silence(self, first, last):
-        """They go without byebye: no SSDP, connections and ports closed."""
+        """Stops SSDP and closes connections and ports, without byebye."""
         self._command("silence", first, last)
 
     def say_goodbye(self, first, last):
-        """They say byebye, and go."""
+        """Sends byebye, then like silence()."""
         self._command("goodbye", first, last)
 
     def bring_back(self, first, last):
         self._command("return", first, last)
 
     def stats(self):
-        """What they have had to do: name -> number."""
+        """The simulator's counters: name -> number."""
         return self._simulator.stats()
 
     def run(self, command, **options):
-        """Runs a command on their host to its end; options and result as of subprocess.run, output as text."""
+        """Runs a command on the host and waits for it. Options and result as for subprocess.run, output as text."""
         return subprocess.run([*self._namespace.enter(), *command], capture_output=True, text=True, check=False,
                               **options)
 
     def close(self):
-        """They go without byebye, for good."""
+        """Ends the simulator, without byebye."""
         self._simulator.close()
         if self._namespace:
             self._namespace.close()

@@ -1,9 +1,9 @@
-"""What the laboratory says when it can't go on."""
+"""Exceptions of the laboratory."""
 
 
 class LabError(Exception):
-    """One line for the person at the terminal: what is missing, or what to do next."""
+    """The text is one line for the user: what is missing, or what to do."""
 
 
 class LabTimeout(LabError):
-    """A state that was waited for has not come; the text says which and how things stand."""
+    """An expected state was not reached in time. The text contains the expected and the actual state."""

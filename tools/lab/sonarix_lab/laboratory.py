@@ -1,4 +1,4 @@
-"""The laboratory as a whole: what the command line and the system tests drive."""
+"""The laboratory: the interface of the command line and the system tests."""
 import json
 import os
 import shutil
@@ -15,7 +15,7 @@ from .crowd import PROGRAM as CROWD_PROGRAM, Crowd
 from .devices import PROGRAM as DEVICES_PROGRAM, Devices
 from .errors import LabError, LabTimeout
 from .ledger import DEFAULT_FOLDER, Ledger
-from .product import PROGRAMS, Product, Surroundings, check_programs, guid_of
+from .product import PROGRAMS, Product, LabContext, check_programs, guid_of
 from .reactor import Reactor
 from .table import Tables, describe_missing
 from .watch import Watch
@@ -26,21 +26,21 @@ _ROOMS = ("kitchen", "bedroom", "office", "bath", "garage", "attic", "library", 
           "workshop")
 _FIRST_ADDRESS = 11
 _MOST_PRODUCTS = 100
-_MOST_GUESTS = 12  # beyond this, products that speak SSDP alone are counted with the crowd
+_MOST_GUESTS = 12  # above this, products that use only SSDP are shown with the crowd as a count
 
 
 class Lab:
-    """Products on a network of their own.
+    """Products on a separate network.
 
     with Lab(products=3) as lab:
         lab.wait_until(lambda tables: not tables.missing(), 60)
         lab.kill("kitchen")
         lab.wait_until(lambda tables: tables.offline("kitchen", ["bedroom", "office"]), 10)
 
-    Its operations are for one thread of the caller's. `on_change(seconds, text)` is called from a thread of the
-    laboratory's with each change. `programs` leaves out what a test does not need. `mute` products have no mDNS record
-    and are found by SSDP alone. `crowd` simulated products and `ssdp` more, which speak SSDP alone, are listed by the
-    real ones, but list nobody.
+    All methods must be called from one thread. `on_change(seconds, text)` is called from the laboratory's threads at
+    each change. `programs` limits the programs that run. `mute` products have no mDNS record and are found by SSDP only.
+    `crowd` and `ssdp` are numbers of simulated products, the latter with SSDP only. The real products list them; they
+    list no products.
     """
 
     def __init__(self, products=3, accessories=0, strangers=0, crowd=0, ssdp=0, mute=0, *, bin_dir=BIN_DIR,
@@ -63,7 +63,7 @@ class Lab:
 
     @classmethod
     def on_lan(cls, name, guid, interface, **options):
-        """One product on the machine's own network, with the machine's own mDNS daemon."""
+        """One product on the machine's network, with the machine's mDNS daemon."""
         lab = cls(products=0, **options)
         lab._lan_interface = interface
         lab._lan_identity = (name, guid)
@@ -79,7 +79,7 @@ class Lab:
         self.close()
 
     def open(self):
-        """Makes the network and starts every program; none is waited for but the buses."""
+        """Creates the network and starts every program. Waits only for the buses."""
         check_programs(self._bin_dir, self._programs, lan=self._lan_interface is not None,
                        more=[CROWD_PROGRAM] * bool(self._crowd_size) + [DEVICES_PROGRAM] * bool(self._ssdp))
         try:
@@ -89,7 +89,7 @@ class Lab:
             raise
 
     def close(self):
-        """Ends all of it; nothing is left running. May be called twice."""
+        """Ends all processes and removes the network. May be called twice."""
         if self._control:
             self._control.stop()
             self._control = None
@@ -119,15 +119,15 @@ class Lab:
             shutil.rmtree(self._scratch, ignore_errors=True)
             self._scratch = None
 
-    # ---- what the products say -----------------------------------------------------------------------------------
+    # ---- state of the products -----------------------------------------------------------------------------------
 
     @property
     def seconds(self):
-        """Since the start of the programs."""
+        """Seconds since the start of the programs."""
         return time.monotonic() - self._started
 
     def wait_until(self, condition, timeout, what="the state waited for"):
-        """Waits for condition(tables), tried at each change; the seconds that it took. Raises LabTimeout."""
+        """Waits for condition(tables), which is tested at each change. Returns the seconds. Raises LabTimeout."""
         begin = time.monotonic()
         with self._changed:
             if not self._changed.wait_for(lambda: condition(self._tables), timeout):
@@ -137,29 +137,29 @@ class Lab:
         return time.monotonic() - begin
 
     def wait_change(self, timeout):
-        """Waits for the next change of anything, or for the time; False where that was over first."""
+        """Waits for the next change. Returns False after the timeout."""
         with self._changed:
             return self._changed.wait(timeout)
 
     def look(self, question):
-        """question(tables), asked while nothing changes."""
+        """Returns question(tables), called under the lock."""
         with self._changed:
             return question(self._tables)
 
     def table(self, name):
-        """What a product lists: name (or guid, where it is none of the laboratory's) -> Row."""
+        """The list of a product: name (guid for products outside the laboratory) -> Row."""
         return self.look(lambda tables: tables.rows(self.product(name).name))
 
     @property
     def deaths(self):
-        """One line for each program that ended by itself."""
+        """One line for each program that ended unexpectedly."""
         with self._changed:
             return list(self._deaths)
 
-    # ---- what is done to them ------------------------------------------------------------------------------------
+    # ---- actions -------------------------------------------------------------------------------------------------
 
     def product(self, name):
-        """By its name, or by the name that people see."""
+        """The product with that name or friendly name."""
         for candidate in self._products.values():
             if name.lower() in (candidate.name, candidate.spoken_name.lower()):
                 return candidate
@@ -170,7 +170,7 @@ class Lab:
         return list(self._products.values())
 
     def kill(self, name, program=None):
-        """Signal 9 to one program of a product, or to its service and its gateway. Returns when it has gone."""
+        """Kills one program of a product, or its service and gateway, with signal 9. Waits for the end."""
         product = self.product(name)
         for each in [program] if program else ["service", "gateway"]:
             if program is None and not product.pid(each):
@@ -180,38 +180,38 @@ class Lab:
             self._note(f"{product.name}: {each} killed")
 
     def start(self, name, program=None):
-        """Starts what was killed: one program, or all that do not run."""
+        """Starts one program, or all programs that do not run."""
         product = self.product(name)
         for each in [program] if program else [p for p in self._programs_of(product) if not product.pid(p)]:
             self._start(product, each)
             self._note(f"{product.name}: {each} started")
 
     def link_down(self, name):
-        """Pulls the product's cable."""
+        """Disconnects the product, like a pulled cable."""
         self._carrier(self.product(name), False)
 
     def link_up(self, name):
         self._carrier(self.product(name), True)
 
     def remove_link(self, name):
-        """Takes the product's interface away."""
+        """Removes the product's interface."""
         self._namespace_of(self.product(name)).ip("link del eth0")
         self._note(f"{name}: interface removed")
 
     def make_link(self, name):
-        """Gives it a new one, with the address that it had at the start."""
+        """Creates a new interface with the product's first address."""
         product = self.product(name)
         self._bridge.plug(self._numbers[product.name], self._namespace_of(product))
         self._note(f"{name}: interface made again")
 
     def cut(self, name, seconds):
-        """Pulls the product's cable for a time; returns at once."""
+        """Disconnects the product for a time. Returns immediately."""
         product = self.product(name)
         self._carrier(product, False)
         self._reactor.call_later(seconds, lambda: self._carrier(product, True))
 
     def change_address(self, name):
-        """Gives the product another address, as a new lease would, and returns it."""
+        """Changes the product's address, like a new DHCP lease. Returns the address."""
         product = self.product(name)
         self._next_address += 1
         new = namespaces.address(self._next_address)
@@ -220,7 +220,7 @@ class Lab:
         return new
 
     def rename(self, name, new):
-        """Starts the product's hub service again with another name."""
+        """Restarts the product's hub service with another name."""
         product = self.product(name)
         product.kill("hub")
         product.spoken_name = new
@@ -228,8 +228,8 @@ class Lab:
         self._note(f"{product.name}: renamed to \"{new}\"")
 
     def start_crowd(self, count, **options):
-        """Brings simulated products onto the network, once in a laboratory's life; returns when all of them listen.
-        What they can be told afterwards is `crowd`'s. Options as of Crowd.start.
+        """Starts simulated products, at most once per laboratory. Returns when all of them listen. `crowd` controls them.
+        Options as for Crowd.start.
         """
         self.crowd = Crowd(count)
         with self._changed:
@@ -238,9 +238,9 @@ class Lab:
         self._note(f"a crowd of {count} started")
 
     def start_devices(self, kinds, *, listed=False, **options):
-        """Brings UPnP devices onto the network, one for each kind (`upnp-devices --help` has them), on a host of their
-        own; returns them when all listen. With `listed`, all products are expected to list them, which have to be of
-        the family. Options as of Devices.on_host.
+        """Starts UPnP devices on a separate host, one per kind (see `upnp-devices --help`). Returns them when all listen.
+        With `listed`, they must be of the family, and all products are expected to list them. Options as for
+        Devices.on_host.
         """
         index = sum(1 for devices in self._devices if devices.has_host)
         devices = Devices.on_host(index, list(kinds), self._around, self._bridge, **options)
@@ -256,7 +256,7 @@ class Lab:
         return devices
 
     def start_device_of(self, name):
-        """From now on the product speaks SSDP too, from its own address and with its own guid; returns the device."""
+        """Adds a UPnP device with address and guid of the product. Returns the device."""
         product = self.product(name)
         device = Devices.at_product(product, self._namespace_of(product).addresses()[0][0], self._around)
         self._devices.append(device)
@@ -264,26 +264,26 @@ class Lab:
         return device
 
     def watch_lines(self, pipe, on_line):
-        """Calls on_line(bytes) from a thread of the laboratory's for each line of a pipe until its end, then closes it."""
+        """Calls on_line(bytes) from the laboratory's thread for each line of a pipe, and closes it at its end."""
         self._reactor.watch_lines(pipe, on_line)
 
     def run(self, name, command, **options):
-        """Runs a command in a product to its end; options and result as of subprocess.run, output as text."""
+        """Runs a command in a product and waits for it. Options and result as for subprocess.run, output as text."""
         return self.product(name).run(command, **options)
 
     def portico(self, name, *arguments, **options):
-        """The same for `portico`."""
+        """Like run(), for `portico`."""
         return self.run(name, ["portico", *arguments], **options)
 
     def get(self, name, path):
-        """What a path of a product answers, as a record."""
+        """The record at a path of a product."""
         result = self.portico(name, "get", path, timeout=20)
         if result.returncode != 0:
             raise LabError(f"{name}: portico get {path}: {result.stderr.strip()}")
         return json.loads(result.stdout)
 
     def handle(self, command):
-        """A command of the control socket."""
+        """Executes a command of the control socket."""
         action, name = command["command"], command["product"]
         if action == "kill":
             self.kill(name)
@@ -316,7 +316,7 @@ class Lab:
         self._ledger = Ledger(self._state_dir)
         self._reactor = Reactor()
         self._scratch = tempfile.mkdtemp(prefix="sonarix-lab-")
-        self._around = around = Surroundings(self._ledger, self._reactor, self._bin_dir, self._make_log_dir(), self._log_levels,
+        self._around = around = LabContext(self._ledger, self._reactor, self._bin_dir, self._make_log_dir(), self._log_levels,
                                              self._died)
         authority = Authority(os.path.join(self._scratch, "ca"))
         if self._lan_interface:
@@ -367,8 +367,8 @@ class Lab:
         self._tables.add(product.name, product.guid, product.accessory)
         if "gateway" in self._programs and "service" in self._programs:
             self._watches[product.name] = [
-                Watch(product, "/sonarix/products", self._reactor, partial(self._heard_list, product)),
-                Watch(product, "/sonarix/info", self._reactor, partial(self._heard_info, product))]
+                Watch(product, "/sonarix/products", self._reactor, partial(self._list_received, product)),
+                Watch(product, "/sonarix/info", self._reactor, partial(self._info_received, product))]
 
     def _programs_of(self, product):
         wanted = ("dbus", "avahi") if product.stranger else self._programs
@@ -399,23 +399,23 @@ class Lab:
     def _carrier(self, product, up):
         number = self._numbers[product.name]
         if number is None:
-            raise LabError("the machine's own network is not the laboratory's to cut")
+            raise LabError("cannot disconnect the machine's own network")
         self._bridge.set_carrier(number, up)
         self._note(f"{product.name}: link {'up' if up else 'down'}")
 
     def _namespace_of(self, product):
         if not product.namespace:
-            raise LabError("the machine's own network is not the laboratory's to change")
+            raise LabError("cannot change the machine's own network")
         return product.namespace
 
-    def _heard_list(self, product, record, fresh):
+    def _list_received(self, product, record, fresh):
         with self._changed:
             if not fresh():
                 return
             self._tables.set_list(product.name, record.get("products", []))
             self._changed.notify_all()
 
-    def _heard_info(self, product, record, fresh):
+    def _info_received(self, product, record, fresh):
         with self._changed:
             if not fresh():
                 return

@@ -1,4 +1,4 @@
-"""The state folder: one laboratory at a time, what it has started, and the clean-up after one that died."""
+"""The state folder: allows one laboratory at a time, records its processes, and cleans up after one that crashed."""
 import fcntl
 import json
 import os
@@ -12,9 +12,9 @@ DEFAULT_FOLDER = "/run/sonarix-lab"
 
 
 class Ledger:
-    """Holds the folder's lock for the life of a laboratory and writes down each process before it matters.
+    """Holds the folder's lock while the laboratory exists, and records each process.
 
-    Taking it ends what an earlier laboratory of this folder has left running.
+    The constructor kills all processes that an earlier laboratory of this folder left.
     """
 
     def __init__(self, folder=DEFAULT_FOLDER):
@@ -48,13 +48,13 @@ class Ledger:
             self._write()
 
     def record_namespace(self, pid):
-        """What shares the network namespace of `pid` is this laboratory's."""
+        """Records that all processes in the network namespace of `pid` belong to this laboratory."""
         with self._guard:
             self._namespaces.append(processes.network_namespace(pid))
             self._write()
 
     def record_product(self, name, pid, environment):
-        """Lets a command from another terminal enter the product; pid is a process in its namespaces."""
+        """Records how a command from another terminal enters the product; `pid` is a process in its namespaces."""
         with self._guard:
             self._products[name] = {"pid": pid, "environment": environment}
             self._write()
@@ -63,7 +63,7 @@ class Ledger:
         processes.kill_all(self.mark, self._recorded, self._namespaces)
 
     def close(self):
-        """Ends everything that was recorded and gives the folder back."""
+        """Kills all recorded processes and releases the folder."""
         self.kill_all()
         for path in (self.control_socket, _ledger_path(self.folder)):
             _remove(path)
@@ -86,7 +86,7 @@ class Ledger:
 
 
 def read(folder):
-    """What the last laboratory of this folder has written, or None."""
+    """The record of the last laboratory of this folder, or None."""
     try:
         with open(_ledger_path(folder), encoding="utf-8") as file:
             return json.load(file)

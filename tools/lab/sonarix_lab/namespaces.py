@@ -1,4 +1,4 @@
-"""Network namespaces: one for the bridge, one with mounts and a host name of its own for each product."""
+"""Network namespaces: one for the bridge, and one per product with its own mounts and host name."""
 import json
 import os
 import signal
@@ -8,18 +8,18 @@ from . import processes
 from .errors import LabError
 
 _NETWORK = "10.77.0"
-_PREFIX = 16  # the addresses of all that are simulated are on the link, too
+_PREFIX = 16  # includes the addresses of all simulated devices
 
-# A simulated neighbour's address is one of many of its host. It is routed there all the same: else each would take a
-# place in the kernel's neighbour table, which all namespaces share.
+# A host has many simulated devices with one address each. The addresses are routed to the host although they are on the
+# link: otherwise each would occupy an entry of the kernel's neighbour table, which all namespaces share.
 CROWD_HOSTS = 4
 DEVICE_HOSTS = 2
 _HOSTS_OF_MANY = CROWD_HOSTS + DEVICE_HOSTS
 _FIRST_HOST_OF_MANY = 241
 _MANY_PREFIX = 22
 
-# The outer /sys would show the machine's own links; a fresh /run gives each product its own bus, mDNS daemon and
-# sockets. The machine's static mDNS services are no business of a product.
+# The outer /sys would show the machine's links. A new /run separates the sockets of the products' buses and daemons.
+# The machine's static mDNS services are hidden.
 _PRODUCT_SETUP = """
 echo "$0" > /proc/sys/kernel/hostname
 mount -t sysfs sysfs /sys
@@ -29,7 +29,7 @@ if [ -d /etc/avahi/services ]; then mount -t tmpfs tmpfs /etc/avahi/services; fi
 
 
 class Namespace:
-    """Namespaces kept by one sleeping process, until that process and all that were started in them have ended."""
+    """Namespaces of one product or host. A sleeping process keeps them alive until close()."""
 
     def __init__(self, ledger, name, product=True):
         self.name = name
@@ -43,7 +43,7 @@ class Namespace:
         if self._holder.stdout.readline() != b"ready\n":
             said = self._holder.stderr.read().decode(errors="replace").strip().splitlines()
             self._holder.wait()
-            raise LabError("needs the right to make network namespaces: run as root"
+            raise LabError("needs the right to create network namespaces: run as root"
                            + (f" ({said[-1]})" if said else ""))
         ledger.record_namespace(self._holder.pid)
         self._holder.stdout.close()
@@ -54,15 +54,15 @@ class Namespace:
         return self._holder.pid
 
     def enter(self):
-        """What to put before a command that shall run inside; the command's pid is that of the process started."""
+        """The prefix of a command that runs inside. The command has the pid of the started process."""
         return ["nsenter", "--target", str(self.pid), *self._enter_flags, "--"]
 
     def path(self, inside):
-        """Where a file of the namespace is seen from outside."""
+        """The path from outside of a file inside the namespace."""
         return f"/proc/{self.pid}/root{inside}"
 
     def ip(self, *commands):
-        """Runs commands of ip(8), all or up to the first that fails."""
+        """Runs commands of ip(8). Stops at the first failure and raises LabError."""
         result = subprocess.run([*self.enter(), "ip", "-batch", "-"], input="\n".join(commands) + "\n",
                                 capture_output=True, text=True, check=False)
         if result.returncode != 0:
@@ -70,19 +70,19 @@ class Namespace:
         return result.stdout
 
     def addresses(self):
-        """(IPv4 address, prefix) of its eth0, each."""
+        """List of (IPv4 address, prefix length) of eth0."""
         links = json.loads(subprocess.run([*self.enter(), "ip", "-json", "-4", "address", "show", "dev", "eth0"],
                                           capture_output=True, check=True).stdout)
         return [(info["local"], info["prefixlen"]) for info in links[0]["addr_info"]]
 
     def close(self):
-        """The namespaces go with the last process in them."""
+        """Kills the holder. The kernel removes the namespaces with the last process in them."""
         self._holder.send_signal(signal.SIGKILL)
         self._holder.wait()
 
 
 class Bridge:
-    """The one network that all products share, in a namespace of its own: the machine's interfaces have no part in it."""
+    """The network that all products share, in its own namespace, without the machine's interfaces."""
 
     def __init__(self, ledger):
         self._namespace = Namespace(ledger, "bridge", product=False)
@@ -92,20 +92,20 @@ class Bridge:
         self._namespace.close()
 
     def plug(self, number, namespace):
-        """A cable from port `number` to the namespace's eth0, which gets its address."""
+        """Connects port `number` to eth0 of the namespace and sets its address."""
         self._namespace.ip(f"link add port{number} type veth peer name eth0 netns {namespace.pid}",
                            f"link set port{number} master bridge0 up")
-        # Without this the link-local address, and what is announced on it, would wait a second for its duplicates.
+        # Disables duplicate address detection, which delays the link-local address and its mDNS announcements by 1 s.
         subprocess.run([*namespace.enter(), "sh", "-c", "echo 0 > /proc/sys/net/ipv6/conf/eth0/accept_dad"], check=True)
         namespace.ip(f"address add {address(number)}/{_PREFIX} dev eth0", "link set eth0 up", *_routes(number))
 
     def plug_many(self, index, namespace):
-        """The cable of a host of simulated neighbours, which answers for all addresses of its range."""
+        """Connects a host of simulated devices, which owns all addresses of its range."""
         self.plug(_FIRST_HOST_OF_MANY + index, namespace)
         namespace.ip(f"route add local {_range_of_many(index)} dev lo")
 
     def set_carrier(self, number, up):
-        """Down, the product sees what it sees when its cable is pulled: addresses stay, the carrier goes."""
+        """Down has the effect of a pulled cable: no carrier, addresses stay."""
         self._namespace.ip(f"link set port{number} {'up' if up else 'down'}")
 
 
@@ -114,7 +114,7 @@ def address(number):
 
 
 def address_of_many(index, number):
-    """Of one of the neighbours on that host."""
+    """The address of a simulated device on that host."""
     third, fourth = divmod(1 + number, 256)
     return f"10.77.{32 + 4 * index + third}.{fourth}"
 
@@ -130,6 +130,6 @@ def _routes(number=None):
 
 
 def change_address(namespace, new):
-    """As at a new lease: the old address goes, then the new one comes."""
+    """Like a new DHCP lease: removes the old address, then adds the new one."""
     old = [f"address del {local}/{prefix} dev eth0" for local, prefix in namespace.addresses()]
     namespace.ip(*old, f"address add {new}/{_PREFIX} dev eth0", *_routes())

@@ -1,10 +1,10 @@
-"""Which processes belong to a laboratory, and how they end."""
+"""Finds and kills the processes of a laboratory."""
 import os
 import select
 import signal
 import time
 
-#: Every process of a laboratory carries this variable, with the laboratory's own value.
+#: Environment variable of every process of a laboratory. The value identifies the laboratory.
 MARK = "SONARIX_LAB"
 
 _KILL_ROUNDS = 20
@@ -12,7 +12,7 @@ _KILL_WAIT_SECONDS = 5
 
 
 def start_time(pid):
-    """The kernel's start time of a process, which with its pid names it for good; None once it has ended."""
+    """The kernel's start time of a process, unique together with the pid. None if the process ended."""
     try:
         with open(f"/proc/{pid}/stat", "rb") as file:
             fields = file.read().rpartition(b")")[2].split()
@@ -37,11 +37,11 @@ def _carries(pid, mark):
 
 
 def find(mark, recorded, namespaces):
-    """The pids of a laboratory: what carries its mark, what it recorded, and what lives in its namespaces with these.
+    """The pids of a laboratory: processes with its mark, recorded processes, and others in the namespaces of these.
 
-    `recorded` holds (pid, start time); a pid that now is another process does not count. A daemon that changes its
-    user may have lost its environment, a helper that it started was never recorded: the namespace has them both.
-    A namespace in which nothing of the laboratory lives any more may be another's by now, and does not count.
+    `recorded` contains (pid, start time), so a reused pid is ignored. A daemon that changes its user may lose its
+    environment, and its helpers are not recorded; the namespace identifies both. A namespace without a process of
+    the laboratory is ignored, because its number may have been reused.
     """
     pids = [int(name) for name in os.listdir("/proc") if name.isdigit()]
     own = {pid for pid in pids if _carries(pid, mark)}
@@ -52,7 +52,7 @@ def find(mark, recorded, namespaces):
 
 
 def kill_all(mark, recorded, namespaces):
-    """Ends every process of a laboratory by signal 9 and waits for their end. Returns how many there were."""
+    """Kills every process of a laboratory with signal 9 and waits for their end. Returns the number of processes."""
     count = 0
     for _ in range(_KILL_ROUNDS):
         pids = find(mark, recorded, namespaces)

@@ -1,4 +1,4 @@
-"""One product: its files, its programs, and the commands that are run in it."""
+"""One product: its files, its programs, and commands that run in it."""
 import json
 import os
 import shutil
@@ -11,7 +11,7 @@ from typing import Callable
 from . import processes
 from .errors import LabError
 
-#: In the order of start; the mDNS daemon needs the bus, the others need nobody.
+#: In the order of start. The mDNS daemon needs the bus; the others start in any order.
 PROGRAMS = ("dbus", "avahi", "gateway", "network", "service", "hub")
 _OWN_PROGRAMS = {"gateway": "portico-gateway", "network": "network-status", "service": "sonarix-service",
                  "hub": "hub-service"}
@@ -20,7 +20,7 @@ _BUS = "/run/dbus/system_bus_socket"
 
 _GUID_SPACE = uuid.UUID("5b0e1f5e-8f0e-4b52-9a4e-7a0f3c1f2d10")
 
-# Only what the mDNS daemon needs: no activation, so that a daemon that was killed stays away until it is started.
+# Only what the mDNS daemon needs. Without activation, a killed daemon is not restarted by D-Bus.
 _DBUS_CONFIGURATION = f"""<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -77,25 +77,25 @@ _ETC = {
 
 
 def guid_of(name):
-    """The same name has the same guid in each run."""
+    """The guid of a product, derived from its name."""
     return str(uuid.uuid5(_GUID_SPACE, name))
 
 
 @dataclass(frozen=True)
-class Surroundings:
-    """What all products of one laboratory share."""
+class LabContext:
+    """State that all products of one laboratory share."""
     ledger: object
     reactor: object
     bin_dir: str
     log_dir: str
     log_levels: str
-    on_death: Callable  # (product, program, text), on the reactor's thread, when a program ends by itself
+    on_death: Callable  # (product, program, text), called on the reactor's thread when a program ends unexpectedly
 
 
 class Product:
-    """Programs that are started, killed and started again one by one; each writes to a log of its own.
+    """A product, whose programs can be started and killed one by one. Each program has its own log.
 
-    `namespace` is None for a product on the machine's own network, which has no bus and mDNS daemon of its own.
+    `namespace` is None for a product on the machine's network, which uses the machine's bus and mDNS daemon.
     """
 
     def __init__(self, name, guid, namespace, around, *, accessory=False, files=_FILES, interface="eth0"):
@@ -103,8 +103,8 @@ class Product:
         self.guid = guid
         self.namespace = namespace
         self.accessory = accessory
-        self.mute = False  # nobody asks it to announce itself: it has no hub, and no mDNS record
-        self.stranger = False  # on the network, but none of ours: a bus and an mDNS daemon alone
+        self.mute = False  # no hub service, so no mDNS record
+        self.stranger = False  # not of the family: only a bus and an mDNS daemon
         self.spoken_name = name.replace("-", " ").title()
         self.interface = interface
         self._around = around
@@ -121,7 +121,7 @@ class Product:
         }
 
     def programs(self):
-        """The programs that this product has. An accessory announces itself, it needs nobody to ask for it."""
+        """The programs of this product. An accessory needs no hub service, because it announces itself."""
         own = PROGRAMS if self.namespace else PROGRAMS[2:]
         return [program for program in own if not ((self.accessory or self.mute) and program == "hub")]
 
@@ -136,13 +136,13 @@ class Product:
         if self.namespace:
             os.makedirs(self._outside("/run/dbus"), exist_ok=True)
             self._write(f"{self._files}/dbus.conf", _DBUS_CONFIGURATION)
-            # A product's record is on IPv4 alone, and so is what a stranger makes up: of a record on both, the services
-            # hear twice, and ask for its IPv4 address by IPv6 too, where a daemon does not tell it.
+            # A product publishes on IPv4 only, so strangers do, too: browsers report a record on both protocols twice, and
+            # resolving its IPv4 address over IPv6 fails.
             ipv6 = "no" if self.stranger else "yes"
             self._write(f"{self._files}/avahi.conf", _AVAHI_CONFIGURATION.format(host=self.name, ipv6=ipv6))
 
     def start(self, program):
-        """Starts a program that is not running. The bus listens when this returns, nothing else is waited for."""
+        """Starts a program that does not run. Only for the bus this waits until it listens."""
         with self._guard:
             if program in self._running:
                 raise LabError(f"{self.name}: {program} runs already")
@@ -161,9 +161,8 @@ class Product:
                     raise LabError(f"{self.name}: no D-Bus: {last_line(self.log_path(program))}")
 
     def kill(self, program):
-        """Signal 9; returns when the program has gone, and with a bus its mDNS daemon, which then ends by itself. Not
-        for the reactor's thread.
-        """
+        """Kills a program with signal 9 and waits for its end; for a bus also for the end of its mDNS daemon. Must not
+        run on the reactor's thread."""
         with self._guard:
             running = self._running.get(program)
             if not running:
@@ -183,13 +182,13 @@ class Product:
             return running.process.pid if running else None
 
     def popen(self, command, **options):
-        """A command inside; its environment is that of the product's programs."""
+        """Starts a command inside with the environment of the product's programs."""
         enter = self.namespace.enter() if self.namespace else []
         return subprocess.Popen([*enter, *command], stdin=options.pop("stdin", subprocess.DEVNULL),
                                 start_new_session=True, env=self._whole_environment(), **options)
 
     def run(self, command, **options):
-        """Runs a command inside to its end; the result of subprocess.run, output captured as text."""
+        """Runs a command inside and waits for it. Returns the result of subprocess.run with output as text."""
         options.setdefault("text", True)
         options.setdefault("stdin", subprocess.DEVNULL)
         enter = self.namespace.enter() if self.namespace else []
@@ -215,7 +214,7 @@ class Product:
         }[program]
 
     def _tidy_after(self, program):
-        # What a killed mDNS daemon leaves behind would keep the next one from starting.
+        # Files of a killed mDNS daemon prevent the start of the next one.
         leftovers = {"avahi": ["/run/avahi-daemon/pid", "/run/avahi-daemon/socket"], "dbus": [_BUS]}
         for path in leftovers.get(program, []):
             try:
@@ -246,17 +245,17 @@ class Product:
 class _Process:
     def __init__(self, process):
         self.process = process
-        self.expected = False  # the laboratory itself ends it
+        self.expected = False  # True: the laboratory kills it
         self.gone = threading.Event()
 
 
 def outer_environment():
-    """That of the caller, without what leads to the caller's own bus."""
+    """The caller's environment without the variables of its D-Bus."""
     return {name: value for name, value in os.environ.items() if not name.startswith("DBUS_")}
 
 
 def check_programs(bin_dir, programs, lan, more=()):
-    """Raises a LabError that says what is missing on this machine."""
+    """Raises a LabError with the missing programs, if any."""
     own = [_OWN_PROGRAMS[program] for program in programs if program in _OWN_PROGRAMS]
     for program in [*own, *more] + (["portico"] if own else []):
         if not os.access(os.path.join(bin_dir, program), os.X_OK):

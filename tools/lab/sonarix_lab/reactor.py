@@ -1,4 +1,4 @@
-"""One thread that serves pipes, ends of processes and timers for a laboratory."""
+"""One thread that serves pipes, process ends and timers of a laboratory."""
 import heapq
 import itertools
 import os
@@ -11,9 +11,9 @@ _READ_SIZE = 1 << 16
 
 
 class Reactor:
-    """Every callback runs on the reactor's own thread, one at a time, and must not block.
+    """Callbacks run on the reactor's thread, one at a time, and must not block.
 
-    The operations may be called from any thread, callbacks included.
+    All methods may be called from any thread, also from callbacks.
     """
 
     def __init__(self):
@@ -30,7 +30,7 @@ class Reactor:
         self._thread.start()
 
     def stop(self):
-        """Hands out what has happened up to now and ends the thread; no callback runs after the return."""
+        """Delivers the events so far and ends the thread. No callback runs after the return."""
         self._stopped = True
         self._wake_write.send(b"x")
         self._thread.join()
@@ -48,7 +48,7 @@ class Reactor:
         self.post(lambda: heapq.heappush(self._timers, (due, next(self._order), callback)))
 
     def watch_lines(self, pipe, on_line):
-        """Calls on_line(bytes) for each line of `pipe` until its end, then closes it."""
+        """Calls on_line(bytes) for each line of `pipe`, and closes it at its end."""
         os.set_blocking(pipe.fileno(), False)
         pending = bytearray()
 
@@ -69,7 +69,7 @@ class Reactor:
         self.post(lambda: self._selector.register(pipe, selectors.EVENT_READ, readable))
 
     def watch_end(self, process, on_end):
-        """Calls on_end(status) once `process`, a Popen that nobody else waits for, has ended."""
+        """Calls on_end(status) when the Popen `process` ends. No other code may wait for it."""
         descriptor = os.pidfd_open(process.pid)
 
         def ended():
@@ -88,7 +88,7 @@ class Reactor:
     def _run(self):
         stopped = False
         while not stopped:
-            stopped = self._stopped  # seen before the last round, so that this still serves what came earlier
+            stopped = self._stopped  # read before the last round, so that this round serves all earlier events
             for key, _ in self._selector.select(0 if stopped else self._until_due()):
                 key.data()
             with self._lock:

@@ -1,4 +1,4 @@
-"""Kills the programs of a laboratory at random, starts them again, and says what does not come right."""
+"""Kills random programs of a laboratory, restarts them, and checks that everything recovers."""
 import json
 import random
 import subprocess
@@ -6,23 +6,23 @@ import time
 
 from .errors import LabError
 
-#: The products that it wants: two with an mDNS record, of which one speaks SSDP too, and one that has none.
+#: The required products: two with an mDNS record, one of them also with SSDP, and one without an mDNS record.
 SHAPE = {"products": 2, "mute": 1}
 
 _RIGHT_SECONDS = 90
-_QUIET_SECONDS = 15  # longer than a product that went is listed as ONLINE
+_QUIET_SECONDS = 15  # longer than an absent product stays listed as ONLINE
 _MOST_AT_ONCE = 3
 _RENDERER_TYPE = "_kova-lanyard._tcp"
 _NOTICED_SECONDS = 10
 
 
 class Ruin:
-    """Each program of each product has its turn, in an order of chance, up to three at once; a bus takes its mDNS daemon
-    with it. After each round the laboratory has to be right again: every table, every mDNS record, and no program
-    another one than before, but for those that were killed.
+    """Kills each program of each product in random order, up to three at once. A killed bus ends its mDNS daemon. After
+    each round the laboratory must recover: every table and every mDNS record is correct, and only the killed programs
+    have a new pid.
 
-    In every product a local client watches each discovery source all the time; its picture has to be the service's own
-    at the end.
+    In every product a local client watches each discovery source all the time. At the end its list must equal the
+    service's list.
     """
 
     def __init__(self, lab, seed):
@@ -34,10 +34,10 @@ class Ruin:
         self._clients = []
 
     def run(self, seconds):
-        """What happened, in one line; raises a LabError that says what is not right."""
+        """Returns a summary in one line. Raises a LabError if something does not recover."""
         end = time.monotonic() + seconds
         self._lab.start_device_of(self._lab.products[1].name)
-        self._lab.wait_until(self._tables_are_right, _RIGHT_SECONDS, "everybody ONLINE at the start")
+        self._lab.wait_until(self._tables_are_right, _RIGHT_SECONDS, "all products ONLINE at the start")
         self._start_clients()
         try:
             rounds = 0
@@ -78,7 +78,7 @@ class Ruin:
                                      + self._lab.deaths))
 
     def _draw(self, count):
-        """(product, program), `count` at most; no bus beside another program of its product."""
+        """Draws at most `count` pairs (product, program); never a bus and another program of its product."""
         victims = []
         while len(victims) < count:
             if not self._deck:
@@ -98,7 +98,7 @@ class Ruin:
         for each in _ended_with(program):
             self._lab.start(product.name, each)
         if program == "dbus":
-            # Without a bus no mDNS backend can be made, and none is before discovery starts anew with the network.
+            # The service creates the mDNS backend when the network comes up, and not later if the bus was missing then.
             self._lab.link_down(product.name)
             self._lab.wait_until(lambda tables: not tables.own(product.name).address, _NOTICED_SECONDS,
                                  f"{product.name} knows that it has no network")
@@ -118,7 +118,7 @@ class Ruin:
                 if time.monotonic() > deadline:
                     raise LabError(f"{product.name} has no mDNS record")
                 self._lab.wait_change(0.5)
-        # What was right before may have gone wrong with the death of which the others heard only meanwhile.
+        # A table that was correct above may change later, when its product notices a killed program.
         self._lab.wait_until(self._tables_are_right, _RIGHT_SECONDS, "all tables right, once all records are")
 
     @staticmethod
@@ -128,7 +128,7 @@ class Ruin:
                                              for name in tables.members))
 
     def _records(self, product):
-        """The names that the product's own mDNS daemon has, which remembers nothing of before its start."""
+        """The names in the cache of the product's mDNS daemon, which is empty after a start."""
         browse = self._lab.run(product.name, ["avahi-browse", "-pt", _RENDERER_TYPE], timeout=20)
         return {line.split(";")[3] for line in browse.stdout.splitlines() if line.startswith("+")}
 
@@ -145,7 +145,7 @@ def _ended_with(program):
 
 
 class _Watch:
-    """A `sonarix-ipc watch`, and the picture that its lines give."""
+    """A running `sonarix-ipc watch` and the list that results from its output."""
 
     def __init__(self, lab, product, source, key):
         self._lab = lab
@@ -155,10 +155,10 @@ class _Watch:
         self._known = set()
         self._process = product.popen(["sonarix-ipc", "watch", *source, "--json"], stdout=subprocess.PIPE,
                                       stderr=subprocess.DEVNULL)
-        lab.watch_lines(self._process.stdout, self._heard)
+        lab.watch_lines(self._process.stdout, self._line_received)
 
     def check(self):
-        """It runs, and its picture is the service's."""
+        """Checks that it still runs and that its list equals the service's."""
         what = f"{self._product.name}: sonarix-ipc watch {' '.join(self._source)}"
         deadline = time.monotonic() + _RIGHT_SECONDS
         while True:
@@ -171,13 +171,13 @@ class _Watch:
                 return
             if time.monotonic() > deadline:
                 raise LabError(f"{what} has {sorted(known)}, the service {sorted(devices)} {listed.stderr.strip()}")
-            time.sleep(0.5)  # a search is just filling the list
+            time.sleep(0.5)  # a search may be in progress
 
     def close(self):
         self._process.kill()
         self._process.wait()
 
-    def _heard(self, line):
+    def _line_received(self, line):
         change = json.loads(line)
         if change["change"] == "gone":
             self._known.discard(change["device"][self._key])

@@ -1,4 +1,4 @@
-"""A program that is many simulated neighbours, and is told on its standard input what they shall do."""
+"""A process that simulates many devices and reads commands from its standard input."""
 import os
 import select
 import subprocess
@@ -13,7 +13,7 @@ _ANSWER_SECONDS = 30
 
 
 class Simulator:
-    """One process of `program`, in the namespace given; its log is `name`.log. Ends with close()."""
+    """One process of `program` in a namespace, with the log `name`.log. Runs until close()."""
 
     def __init__(self, name, namespace, around, program, arguments):
         self.name = name
@@ -31,7 +31,7 @@ class Simulator:
         around.reactor.watch_end(self._process, lambda status: self._ended(around, status))
 
     def command(self, line):
-        """What it answers behind "ok"."""
+        """Sends a command. Returns the response after "ok"."""
         try:
             self._process.stdin.write(line.encode() + b"\n")
             self._process.stdin.flush()
@@ -40,18 +40,18 @@ class Simulator:
         return self.expect("ok")
 
     def stats(self):
-        """What it has had to do: name -> number."""
+        """The simulator's counters: name -> number."""
         return {name: int(value) for name, value in (item.split("=") for item in self.command("stats").split())}
 
     def expect(self, word):
-        """The rest of the next line, which has to begin with the word."""
+        """Reads the next line, which must begin with `word`. Returns the rest of it."""
         line = self._line()
         if line.split(" ")[0] != word:
-            raise LabError(f"{self.name}: {line or last_line(self._log_path) or 'ended without a word'}")
+            raise LabError(f"{self.name}: {line or last_line(self._log_path) or 'ended without output'}")
         return line[len(word) + 1:]
 
     def close(self):
-        """Returns when it has ended. Not for the reactor's thread."""
+        """Kills the process and waits for its end. Must not run on the reactor's thread."""
         self._expected = True
         self._process.kill()
         self._gone.wait()

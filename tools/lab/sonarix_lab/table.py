@@ -1,4 +1,4 @@
-"""What each product of a laboratory says of itself and of the others, and since when."""
+"""The lists and the own information of each product, with the times of changes."""
 from dataclasses import dataclass, replace
 
 ONLINE = "ONLINE"
@@ -7,7 +7,7 @@ OFFLINE = "OFFLINE"
 
 @dataclass(frozen=True)
 class Row:
-    """One product as another lists it."""
+    """One row in a product's list."""
     state: str
     name: str = ""
     address: str = ""
@@ -21,13 +21,13 @@ class Row:
                    tuple(product.get("protocols", ())), product)
 
     def shown(self):
-        """What a person sees of it; a change of anything else is no change of the table."""
+        """The displayed fields. Only their changes count as changes of the row."""
         return (self.state, self.name, self.address, self.protocols)
 
 
 @dataclass(frozen=True)
 class Own:
-    """What a product says of itself."""
+    """A product's own information."""
     mode: str = ""
     name: str = ""
     address: str = ""
@@ -43,20 +43,20 @@ class Own:
 
 
 class Tables:
-    """The lists of all products, by name of the product that lists. Not locked: the laboratory does that.
+    """The lists of all products, by name of the listing product ("observer"). The laboratory does the locking.
 
-    `on_change(text)` hears of each change; `clock()` gives the seconds since the laboratory's start.
+    `on_change(text)` is called at each change. `clock()` returns the seconds since the laboratory's start.
     """
 
     def __init__(self, clock, on_change):
         self._clock = clock
         self._on_change = on_change
         self._names = {}   # guid -> product
-        self._guids = {}   # the other way round
+        self._guids = {}   # product -> guid
         self._crowd = {}   # guids of simulated products, in order
-        self._told = {}    # product -> tenths of the crowd that it was told to list as ONLINE
+        self._reported_tenths = {}    # observer -> last reported tenths of the crowd that are ONLINE
         self._hosts = []
-        self._guests = []  # names of simulated products that have a row of their own
+        self._guests = []  # names of simulated products with their own row
         self._members = []
         self._own = {}     # product -> Own
         self._rows = {}    # product -> {guid: Row}
@@ -82,7 +82,7 @@ class Tables:
         return list(self._guests)
 
     def add_crowd(self, guids):
-        """The same, many of them: they are told of by their number alone."""
+        """Adds many simulated products, which are shown as a count only."""
         self._crowd.update(dict.fromkeys(guids))
 
     @property
@@ -102,7 +102,7 @@ class Tables:
         return self._own[name]
 
     def rows(self, observer):
-        """name of the product (or its guid, where it is none of the laboratory's) -> Row."""
+        """Name (guid for products outside the laboratory) -> Row."""
         return {self._names.get(guid, guid): row for guid, row in self._rows[observer].items()}
 
     def row(self, observer, target):
@@ -118,7 +118,7 @@ class Tables:
         return self._since.get((observer, self._guids.get(target, target)))
 
     def set_list(self, observer, products):
-        """A whole list, as the observer has published it."""
+        """Replaces the observer's list by the published one."""
         rows = {product.get("productinfo", {}).get("guid", ""): Row.of(product) for product in products}
         for guid in list(self._rows[observer]):
             if guid not in rows:
@@ -128,8 +128,8 @@ class Tables:
             self._rows[observer][guid] = row
             if old is None or old.shown() != row.shown():
                 self._since[(observer, guid)] = self._clock()
-                self._tell(observer, guid, row)
-        self._tell_crowd(observer)
+                self._report(observer, guid, row)
+        self._report_crowd(observer)
 
     def set_own(self, name, info):
         own, old = Own.of(info), self._own[name]
@@ -138,14 +138,13 @@ class Tables:
             self._on_change(f"{name} says {own.mode or 'no mode'}  {own.address or 'no address'}  \"{own.name}\"")
 
     def clear(self, observer):
-        """The observer has ended: what it said counts no more."""
+        """Clears the list and the own information of an observer that ended."""
         self._own[observer] = replace(Own(), name=self._own[observer].name)
         self._rows[observer] = {}
-        self._tell_crowd(observer)
+        self._report_crowd(observer)
 
     def missing(self):
-        """(observer, target, state) for each product that should list a host, a guest or one of the crowd as
-        ONLINE and doesn't."""
+        """List of (observer, target, state): a host, guest or crowd member that an observer does not list as ONLINE."""
         return [(observer, target, self.state(observer, target))
                 for observer in self._members for target in [*self._hosts, *self._guests, *self._crowd]
                 if observer != target and self.state(observer, target) != ONLINE]
@@ -165,21 +164,21 @@ class Tables:
         if guid not in self._crowd:
             self._on_change(f"{observer} no longer lists {self._names.get(guid, guid)}")
 
-    def _tell(self, observer, guid, row):
+    def _report(self, observer, guid, row):
         if guid in self._crowd:
             return
         target = self._names.get(guid, guid or "a product with no guid")
         self._on_change(f"{observer} lists {target} as {row.state}  {row.address or 'no address'}  "
                         f"{'+'.join(row.protocols) or 'no protocol'}  \"{row.name}\"")
 
-    def _tell_crowd(self, observer):
-        """A line for each tenth, not one for each of hundreds of products."""
+    def _report_crowd(self, observer):
+        """Reports each tenth of the crowd, not each product."""
         if not self._crowd:
             return
         online = self.crowd_online(observer)
         tenths = 10 * online // len(self._crowd)
-        if tenths != self._told.get(observer, 0):
-            self._told[observer] = tenths
+        if tenths != self._reported_tenths.get(observer, 0):
+            self._reported_tenths[observer] = tenths
             self._on_change(f"{observer} lists {online}/{len(self._crowd)} of the crowd as ONLINE")
 
 
@@ -187,7 +186,7 @@ _MOST_NAMED = 5
 
 
 def describe_missing(missing):
-    """One line of who lacks whom."""
+    """One line with the missing products per observer."""
     by_observer = {}
     for observer, target, state in missing:
         by_observer.setdefault(observer, []).append(f"{target} ({state or 'not listed'})")

@@ -1,4 +1,4 @@
-"""The table on a terminal, and the lines where there is none."""
+"""Output: a table on a terminal, lines otherwise."""
 import collections
 import shutil
 import sys
@@ -32,7 +32,7 @@ class LineView:
 
 
 class TableView:
-    """The whole table, drawn anew at each change, and the last changes below it."""
+    """The whole table, redrawn at each change, with the last changes below it."""
 
     def __init__(self, stream=sys.stdout):
         self._stream = stream
@@ -60,7 +60,7 @@ class TableView:
         self._stream.flush()
 
     def close(self, lab):
-        """Leaves the last table on the ordinary screen."""
+        """Leaves the alternate screen and prints the last table."""
         if self._entered:
             self._stream.write(_NORMAL + "\n".join(lab.look(lambda tables: table_lines(tables, 1000))) + "\n")
             self._stream.flush()
@@ -71,7 +71,7 @@ def change_line(seconds, text):
 
 
 def table_lines(tables, width):
-    """A row for each product: what it says of itself, and its state as each of the others lists it."""
+    """A row per product: its own information and its state in the lists of the others."""
     members = tables.members
     head = ["PRODUCT", "MODE", "ADDRESS", "PROTOCOL"]
     rows = []
@@ -102,7 +102,7 @@ def table_lines(tables, width):
 
 
 def _foreign(tables):
-    """Rows of products that are none of the laboratory's."""
+    """Rows of products outside the laboratory."""
     found = {}
     known = {*tables.members, *tables.guests, *tables.crowd}
     for observer in tables.members:

@@ -1,14 +1,14 @@
-"""Hears what a product publishes, through a `portico watch` in that product."""
+"""Receives the records that a product publishes, through a `portico watch` in that product."""
 import json
 import subprocess
 
-# Between two attempts while the product's gateway runs but does not answer yet.
-_AGAIN_SECONDS = 0.25
+# Between two attempts while the product's gateway runs but does not accept connections yet.
+_RETRY_SECONDS = 0.25
 
 
 class Watch:
-    """One path of one product. on_record(record, fresh) is called on the reactor's thread for each that is published;
-    fresh() tells whether the watch has gone on since, for a caller that looks again under a lock.
+    """One path of one product. on_record(record, fresh) is called on the reactor's thread for each published record.
+    fresh() returns False after stop(), for a caller that checks it under its lock.
     """
 
     def __init__(self, product, path, reactor, on_record):
@@ -24,7 +24,7 @@ class Watch:
         self._reactor.post(self._start)
 
     def stop(self):
-        """What was published before is not told any more, even if it is still on its way."""
+        """Drops records that were published before, also those in transit."""
         self._stops += 1
         self._reactor.post(self._stop)
 
@@ -36,7 +36,7 @@ class Watch:
         process = self._product.popen(["portico", "watch", self._path], stdout=subprocess.PIPE,
                                       stderr=subprocess.DEVNULL)
         self._process = process
-        self._reactor.watch_lines(process.stdout, lambda line: self._heard(process, stops, line))
+        self._reactor.watch_lines(process.stdout, lambda line: self._line_received(process, stops, line))
         self._reactor.watch_end(process, lambda status: self._ended(process))
 
     def _stop(self):
@@ -45,7 +45,7 @@ class Watch:
             self._process.kill()
             self._process = None
 
-    def _heard(self, process, stops, line):
+    def _line_received(self, process, stops, line):
         if process is not self._process:
             return
         try:
@@ -59,8 +59,8 @@ class Watch:
         if process is not self._process:
             return
         self._process = None
-        self._reactor.call_later(_AGAIN_SECONDS, self._again)
+        self._reactor.call_later(_RETRY_SECONDS, self._retry)
 
-    def _again(self):
+    def _retry(self):
         if self._wanted and self._product.pid("gateway"):
             self._start()
