@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What bench/run makes of its figures: medians, demands, and the lines of programs."""
+"""Evaluation of figures in bench/run: medians, limits, and the output of benchmark programs."""
 import os
 import sys
 import unittest

@@ -7,11 +7,11 @@
 #include <ctime>
 #include <string>
 
-/// What fuzzers share.
+/// Shared by the fuzzers.
 namespace Fuzz
 {
 
-/// Ends the process where it does not hold: a finding.
+/// Aborts if the condition is false, which libFuzzer reports as a crash.
 inline void Require(bool holds, const char* what)
 {
     if (!holds)
@@ -21,26 +21,26 @@ inline void Require(bool holds, const char* what)
     }
 }
 
-/// Every line of the log is made up to this level, and goes nowhere.
+/// Log lines up to `levels` are formatted and discarded.
 inline void Log(const char* levels)
 {
     DPrint::SetLevels(levels);
     DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
 }
 
-/// Requires at its end that its scope has taken no more processor time than kMaxSeconds.
+/// The destructor requires that the scope used at most kMaxSeconds of CPU time.
 class TimeLimit final
 {
 public:
     TimeLimit() = default;
     ~TimeLimit()
     {
-        Require(Now() - m_begin < kMaxSeconds, "it takes too long");
+        Require(Now() - m_begin < kMaxSeconds, "input takes too long");
     }
     TimeLimit(const TimeLimit&) = delete;
     TimeLimit& operator=(const TimeLimit&) = delete;
 
-    /// On a machine for development, with sanitizers: a small device is as slow without them.
+    /// For a development machine with sanitizers, which is about as fast as a small device without them.
     static constexpr double kMaxSeconds = 0.1;
 
 private:

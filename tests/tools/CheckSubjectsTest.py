@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""tools/check-subjects on a repository of its own: only commits after the list of areas are checked."""
+"""tools/check-subjects on a temporary repository: only commits after the list of areas are checked."""
 import os
 import subprocess
 import tempfile

@@ -1,4 +1,4 @@
-// What is posted, and when (in virtual time).
+// When the hub service posts which description, in simulated time.
 #include "runtime/Task.h"
 #include "runtime/engine/Simulation.h"
 #include "schemas/HubApi.pb.h"
@@ -54,14 +54,14 @@ protected:
 
 } // namespace
 
-TEST_F(AdvertiserTest, PostsForAMissingNameAndForEachRiseOfTheNetwork)
+TEST_F(AdvertiserTest, PostsForMissingNameAndWhenNetworkComesUp)
 {
     Network(false);
     Name("Kitchen");
     EXPECT_EQ(m_posts, 0);
     Name("");
     EXPECT_EQ(m_posts, 1);
-    Network(true); // while the first is on its way
+    Network(true); // while the first post is pending
     EXPECT_EQ(m_posts, 1);
     Posted(true);
     EXPECT_EQ(m_posts, 2);
@@ -75,12 +75,12 @@ TEST_F(AdvertiserTest, PostsForAMissingNameAndForEachRiseOfTheNetwork)
     EXPECT_EQ(m_posts, 3);
     Posted(true);
     Network(true);
-    m_advertiser->ForgetNetwork(); // it may have gone and come back unheard
+    m_advertiser->ForgetNetwork(); // the network may have changed meanwhile
     Network(true);
     EXPECT_EQ(m_posts, 4);
 }
 
-TEST_F(AdvertiserTest, AsksAgainWhileNobodyServesThePath)
+TEST_F(AdvertiserTest, PostIsRetriedWhileThePathIsNotServed)
 {
     Network(true);
     for (int attempt = 1; attempt <= 8; ++attempt)
@@ -94,9 +94,9 @@ TEST_F(AdvertiserTest, AsksAgainWhileNobodyServesThePath)
     EXPECT_EQ(m_posts, 9);
 }
 
-TEST_F(AdvertiserTest, DoesNotFightForEverWithARenamedRecord)
+TEST_F(AdvertiserTest, RenamedRecordIsPostedWithGrowingPauses)
 {
-    // Each post is followed by the own record as posted, then as mDNS has it.
+    // Each post is followed by the own record as posted, then by the record that mDNS renamed.
     Name("Kitchen #2");
     int seen = 0;
     for (int second = 0; second < 3600; ++second)
@@ -116,11 +116,11 @@ TEST_F(AdvertiserTest, DoesNotFightForEverWithARenamedRecord)
     Name("Kitchen");
     m_simulation.RunFor(30min);
     const int before = m_posts;
-    Name("Impostor"); // after a long peace: at once
+    Name("Impostor"); // after a long time without a different name: no pause
     EXPECT_EQ(m_posts, before + 1);
 }
 
-TEST_F(AdvertiserTest, ASecondWrongNameWithinThePauseIsNotForgotten)
+TEST_F(AdvertiserTest, SecondWrongNameWithinThePauseIsPostedLater)
 {
     Name("Other");
     Posted(true);
@@ -136,7 +136,7 @@ TEST_F(AdvertiserTest, ASecondWrongNameWithinThePauseIsNotForgotten)
     EXPECT_EQ(m_posts, 2) << "it was right again when the pause was over";
 }
 
-TEST(HubDescription, OptionsWinOverTheFileAndTheGuidIsTheUnits)
+TEST(HubDescription, OptionsOverrideFileAndGuidIsTheUnits)
 {
     const std::string path = testing::TempDir() + "hub-description.json";
     std::ofstream(path) << R"({"deviceName":"From file","productColor":"Red","guid":"stolen","country":"DE"})";

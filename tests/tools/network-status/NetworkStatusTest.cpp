@@ -1,4 +1,4 @@
-// What is said of the links.
+// The network status that results from links.
 #include "schemas/NetManager.pb.h"
 #include "tools/network-status/StatusBuilder.h"
 
@@ -19,7 +19,7 @@ Link Wired(const std::string& name, bool hasCarrier, const std::string& address 
     return link;
 }
 
-/// "WIRED_ETH up 10.0.0.1 eth0", in terms of what a reader takes: the first interface of the primary's type.
+/// "WIRED_ETH up 10.0.0.1 eth0". Like a reader, uses the first interface of the primary's type.
 std::string Primary(const NetworkStatus& status)
 {
     std::string text = NetManager::Protobuf::NetworkType_Name(status.primary());
@@ -37,7 +37,7 @@ std::string Primary(const NetworkStatus& status)
 
 } // namespace
 
-TEST(NetworkStatus, PrimaryIsTheFirstWiredOneWithCarrierAndAddressAndStaysWhileItWorks)
+TEST(NetworkStatus, PrimaryIsFirstWorkingWiredLinkAndStays)
 {
     StatusBuilder builder("");
     EXPECT_EQ(Primary(builder.Build({})), "WIRED_ETH down");

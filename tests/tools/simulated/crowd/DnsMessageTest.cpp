@@ -20,7 +20,7 @@ std::string Header(char flags, char questions, char answers)
 const Dns::Name kType = Dns::MakeName({"_kova-lanyard", "_tcp", "local"});
 const std::string kRoot(1, '\0');
 
-/// Asks for the type in capitals, by a second name that points into the first, and knows one instance.
+/// A query with the type in capitals, a second name with a pointer into the first, and one known answer.
 std::string WholeQuery()
 {
     const std::string question =
@@ -33,7 +33,7 @@ std::string WholeQuery()
 
 } // namespace
 
-TEST(DnsMessage, QueryWithPointersAndKnownAnswers)
+TEST(DnsMessage, QueryWithPointersAndKnownAnswersIsParsed)
 {
     const Bytes bytes = FromText(WholeQuery());
     const auto query = Dns::ParseQuery(bytes.data(), bytes.size());
@@ -50,12 +50,14 @@ TEST(DnsMessage, QueryWithPointersAndKnownAnswers)
     EXPECT_EQ(query->knownAnswers[0].target, Dns::MakeName({"kitchen"}) + kType);
 }
 
-TEST(DnsMessage, WhatIsNotThereIsNoQuery)
+TEST(DnsMessage, MalformedQueryIsRejected)
 {
     const Bytes whole = FromText(WholeQuery());
     for (std::size_t size = 0; size < whole.size(); ++size)
     {
-        const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)); // read past it: sanitizers
+        const Bytes cut(whole.begin(),
+                        whole.begin() + static_cast<std::ptrdiff_t>(
+                                            size)); // exact size, so that sanitizers detect a read past the end
         EXPECT_FALSE(Dns::ParseQuery(cut.data(), cut.size())) << size;
     }
     const auto isQuery = [](const std::string& text)
@@ -63,9 +65,9 @@ TEST(DnsMessage, WhatIsNotThereIsNoQuery)
     const std::string tail("\0\x0c\0\x01", 4);
     EXPECT_FALSE(isQuery(Header('\x84', 0, 0))) << "a response";
     EXPECT_FALSE(isQuery(Header(0, 1, 0) + "\xc0\x0c" + tail)) << "a pointer to itself";
-    EXPECT_FALSE(isQuery(Header(0, 1, 0) + "\x01x\xc0\x0c" + tail)) << "a pointer that comes round again";
+    EXPECT_FALSE(isQuery(Header(0, 1, 0) + "\x01x\xc0\x0c" + tail)) << "a pointer loop";
     EXPECT_FALSE(isQuery(Header(0, 1, 0) + "\xc0\x20" + tail + std::string(40, '\0'))) << "a pointer ahead";
-    EXPECT_FALSE(isQuery(Header(0, 1, 0) + '\x40' + std::string(70, 'x') + tail)) << "a label of no known kind";
+    EXPECT_FALSE(isQuery(Header(0, 1, 0) + '\x40' + std::string(70, 'x') + tail)) << "a label of unknown kind";
     std::string tooLong;
     for (int label = 0; label < 5; ++label)
     {
