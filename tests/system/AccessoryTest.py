@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""A product in accessory mode reaches its hosts by mutual TLS; they do not list it."""
+"""A product in accessory mode connects to its hosts with mutual TLS. The hosts do not list it."""
 import unittest
 
 from labcase import CONVERGENCE_SECONDS, LabCase

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Every debug command as a person types it at a product's terminal, and what the rest of the product hears of it."""
+"""Every debug command, typed at a product's terminal, and its effects on gateway and local sockets."""
 import json
 import os
 import queue
@@ -32,13 +32,13 @@ class Console(LabCase):
     shape = {"products": 2}
 
     def listener(self, *command):
-        """The lines of a program in the product, as they come."""
+        """A queue of the output lines of a program that runs in the product."""
         process = self.staying("kitchen", *command, text=True)
         lines = queue.Queue()
         reader = threading.Thread(target=lambda: [lines.put(line.rstrip("\n")) for line in process.stdout])
         reader.start()
         self.addCleanup(reader.join)
-        self.addCleanup(process.kill)  # which ends the reader
+        self.addCleanup(process.kill)  # also ends the reader
         return lines
 
     def setUp(self):
@@ -54,7 +54,7 @@ class Console(LabCase):
         self.terminal.wait_for(">")
 
     def type(self, command):
-        """The lines of the answer."""
+        """Types a command. Returns the lines of its output."""
         before = len(self.terminal.lines())
         self.terminal.type(command)
         self.terminal.wait(lambda lines: len(lines) > before and lines[-1] == ">")
@@ -70,7 +70,7 @@ class Console(LabCase):
                 self.fail(f"not heard within {SECONDS} s: {seen}")
 
     def announced(self, state, guid):
-        """Every subscriber of the list and every client of the sockets hears it."""
+        """Waits until every subscriber of the list and every client of the sockets is notified."""
         def is_alone(line):
             rows = json.loads(line).get("products", [])
             return [(row["state"], row["productinfo"]["guid"]) for row in rows] == [(state, guid)]
@@ -127,7 +127,7 @@ class Console(LabCase):
         self.assertEqual(self.type("sonarix mdns clearall"), cleared)
         self.announced("OFFLINE", "4444")
         self.announced("OFFLINE", bedroom.guid)
-        rows = self.lab.get("kitchen", "/sonarix/products")["products"]  # which nobody asked to change
+        rows = self.lab.get("kitchen", "/sonarix/products")["products"]  # unchanged by the command
         self.assertEqual({row["productinfo"]["guid"]: row["state"] for row in rows}[bedroom.guid], "ONLINE")
 
         self.assertEqual(self.type("sonarix mdns stop"), [])
@@ -144,7 +144,7 @@ class Console(LabCase):
         self.assertEqual(self.terminal.end(), 0)
         self.lab.kill("kitchen", "service")
         self.assertEqual(self.lab.run("kitchen", ["sonarix-console", "sonarix ssdp list"]).returncode, 3)
-        self.lab.start("kitchen", "service")  # its socket's file was left behind
+        self.lab.start("kitchen", "service")  # the killed service left its socket file
         self.all_online(self.convergence_seconds, "after the service's return")
         self.assertEqual(self.lab.run("kitchen", ["sonarix-console", "sonarix", "ssdp", "stop"]).returncode, 0)
 

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""Real products among hundreds of simulated ones, half of which go without a word and return, again and again.
+"""Real products and hundreds of simulated ones, half of which repeatedly leave without goodbye and return.
 
-SONARIX_CROWD_ROUNDS: how often; 3 unless given, 10 to see what a service holds on to. Beyond 3 there are two real
-products, which costs twice the time on a small machine.
+SONARIX_CROWD_ROUNDS: number of rounds, default 3; use 10 to find leaks. With more than 3 there are two real products,
+which doubles the time on a small machine.
 """
 import os
 import re
@@ -68,7 +68,7 @@ class Crowd(LabCase):
             tables, lambda row: row.state == "ONLINE" and renamed.fullmatch(row.name)), 30, "the new names are listed")
 
     def wait_quiet(self, seconds=2, limit=60):
-        """Until no product has published its list for a while."""
+        """Waits until no product publishes its list for a while."""
         deadline = time.monotonic() + limit
         while self.lab.wait_change(seconds):
             self.assertLess(time.monotonic(), deadline, "lists are published without end")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Products that find one another, seen through their gateways and on the wire."""
+"""Products that find each other, observed through their gateways and on the network."""
 import json
 import time
 import unittest
@@ -72,7 +72,7 @@ class Discovery(LabCase):
             self.lab.rename("kitchen", new)
             seconds = self.lab.wait_until(renamed, 15, f"everybody lists the kitchen as {new}")
             print(f"new name listed by all after {seconds:.1f} s")
-            # The old name goes from the network a little after the new one has come; it must not stay in the tables.
+            # The old record disappears shortly after the new one appears. The tables must not keep it.
             time.sleep(3)
             self.lab.wait_until(renamed, 10, f"everybody still lists the kitchen as {new}")
             self.stays(renamed, 3, "the new name")
@@ -89,7 +89,7 @@ class Discovery(LabCase):
             self.assertEqual((answer.returncode, json.loads(answer.stdout)), (0, {}), answer.stderr)
             self.lab.wait_until(lambda tables: is_child_of_kitchen(tables, [each["productinfo"] for each in expected]),
                                 10, f"{verb} of {child['productinfo']['guid']} has reached all records of its parent")
-            # Last in the list, though their guids come before all others.
+            # At the end of the list, although their guids sort before all others.
             products = self.lab.get("kitchen", "/sonarix/products")["products"]
             self.assertEqual(products[3:], expected)
             self.assertEqual(len(self.lab.get("bedroom", "/sonarix/products")["products"]), 3, "no rows of their own")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""A neighbour that publishes nonsense, and one that claims to be somebody else, or us."""
+"""Hosts that publish malformed records, or records with the guid of a product."""
 import json
 import subprocess
 import unittest
@@ -9,7 +9,7 @@ from labcase import LabCase, RENDERER_TYPE, everybody_online, grave
 OBSERVERS = ("kitchen", "bedroom", "office")
 NEIGHBOUR = "stranger-1"
 OURS = b"ECOSYS=ORB2"
-# The query of a product that nobody is, again at each failed check: not the record's doing.
+# The log line of a resolve for a guid that no product has. It is repeated at each failed check.
 NO_FAULT_OF_THE_RECORD = "Error getting remote product info"
 
 NONSENSE = {
@@ -36,7 +36,7 @@ class Hostile(LabCase):
     shape = {"products": 3, "strangers": 1}
 
     def publish(self, instance, strings):
-        """The neighbour announces a record until the end of the case, or until the process returned is killed."""
+        """The hostile host publishes a record until the end of the test or until the returned process is killed."""
         publisher = self.staying(NEIGHBOUR, "avahi-publish-service", instance, RENDERER_TYPE, "8090", *strings,
                                  stderr=subprocess.STDOUT)
         self.assertTrue(any(b"Established" in line for line in publisher.stdout), f"{instance}: not published")
@@ -74,7 +74,7 @@ class Hostile(LabCase):
         self.assertEqual(self.service_pids(), pids)
 
     def test_impostor(self):
-        """With the kitchen's guid: somebody else's for two services, the own one for the third."""
+        """Publishes the kitchen's guid, which is another product's for two services and the own one for the third."""
         pids = self.service_pids()
         guid = self.lab.product("kitchen").guid.encode()
         offsets = {name: self.log_size(name) for name in OBSERVERS}
@@ -83,7 +83,7 @@ class Hostile(LabCase):
             b'AudioPayloadVersion={"major_version":77}'])
         for name in OBSERVERS:
             self.wait_for_log(name, offsets[name], "s.id: Impostor ServiceType")
-        # The kitchen's sibling sees the wrong name and advertises anew; its answers put the rows of the others right.
+        # The kitchen's hub service detects the wrong name and posts again; the responses correct the others' rows.
         self.wait_for_log("kitchen", offsets["kitchen"], "HandleAdvertisement")
         self.lab.wait_until(self.right_rows, 15, "all rows right again, while the impostor goes on")
         self.stays(self.right_rows, 3, "all rows right, while the impostor goes on")
@@ -97,7 +97,7 @@ class Hostile(LabCase):
         publisher.kill()
         for name in OBSERVERS:
             self.wait_for_log(name, offsets[name], "Removed() s.id: Impostor")
-        self.wait_for_log("kitchen", before, "HandleAdvertisement", 15)  # the farewell was taken for the own record's
+        self.wait_for_log("kitchen", before, "HandleAdvertisement", 15)  # the goodbye was attributed to the own record
         self.lab.wait_until(self.right_rows, 15, "all rows right after the impostor has gone")
         for name in OBSERVERS:
             self.assert_one_grave_line(self.log_since(name, offsets[name]))
@@ -105,7 +105,7 @@ class Hostile(LabCase):
         self.assert_published("kitchen")
 
     def test_same_instance_name(self):
-        """The mDNS daemons settle it: the newcomer gets another name, the kitchen keeps its own."""
+        """The mDNS daemons resolve the collision: the newcomer is renamed, the kitchen keeps its name."""
         offsets = {name: self.log_size(name) for name in OBSERVERS}
         publisher = self.publish("Kitchen", [OURS, b"GUID=squatter"])
         for name in OBSERVERS:

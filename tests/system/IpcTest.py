@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The local sockets of a product, from its command line; what comes of it, another product's mDNS daemon tells."""
+"""The local sockets of a product, used by its command-line client and observed in another product's mDNS daemon."""
 import os
 import re
 import signal
@@ -13,14 +13,14 @@ CLOCK = "_kova-clock._tcp"
 HTTP = "_http._tcp"
 EXAMPLE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../examples/ipc_client.py")
 SECONDS = 15
-SSDP_SECONDS = 60  # a search each 30 s, which takes 10
+SSDP_SECONDS = 60  # a search of 10 s every 30 s
 
 
 class Ipc(LabCase):
     shape = {"products": 2, "log_levels": "3,mDNS=4"}
 
     def ipc(self, *words, status=0):
-        """What sonarix-ipc prints in the kitchen."""
+        """Runs sonarix-ipc in the kitchen. Returns its output."""
         result = self.lab.run("kitchen", ["sonarix-ipc", *words], timeout=SECONDS)
         self.assertEqual(result.returncode, status, result.stdout + result.stderr)
         return result.stdout
@@ -32,7 +32,7 @@ class Ipc(LabCase):
         self.fail(f"no line \"{pattern}\" within {seconds} s")
 
     def seen(self, instance, service_type, text=None):
-        """Another product resolves the record, with that TXT in it."""
+        """Waits until another product resolves the record with these TXT keys."""
         wanted = text or {}
         self.published("bedroom", instance, service_type, SECONDS,
                        lambda address, txt: {key.decode(): value.decode() for key, value in txt.items()} == wanted)
@@ -65,7 +65,7 @@ class Ipc(LabCase):
         self.seen("Kitchen page", HTTP, {"path": "/"})
         held.kill()
         held.wait()
-        self.ipc("list", "mdns", HTTP)  # answered after the service has noticed that one has gone
+        self.ipc("list", "mdns", HTTP)  # answered after the service noticed the disconnected client
         self.seen("Kitchen page", HTTP, {"path": "/"})
         self.ipc("remove", HTTP, "Kitchen page")
         self.withdrawn("bedroom", "Kitchen page", HTTP)
@@ -93,7 +93,7 @@ class Ipc(LabCase):
         self.lab.start("kitchen", "avahi")
         self.assert_published("kitchen", since=before)
         self.seen("Kitchen page", HTTP, {"path": "/"})
-        self.seen("Kitchen clock", CLOCK, {"CLOCKDOMAIN": "4"})  # an update goes to the network alone
+        self.seen("Kitchen clock", CLOCK, {"CLOCKDOMAIN": "4"})  # an update changes only the record on the network
         published = [line.split("Service ")[1].split(":")[0] for line in self.log_since("kitchen", before)
                      if line.endswith(": uncommitted")]
         self.assertEqual(published, ["Kitchen", "Kitchen page", "Kitchen clock"])
@@ -106,7 +106,7 @@ class Ipc(LabCase):
         self.lab.link_down("kitchen")
         self.lab.wait_until(lambda tables: tables.own("kitchen").address == "", SECONDS, "kitchen has no network")
         self.assertIn("once the network is up", self.ipc("add", "--keep", HTTP, "Kitchen page", "80", status=4))
-        # The record waits for the product's own announcement, which is asked for here before the hub does it.
+        # The record waits for the product's own announcement, which the test requests before the hub service does.
         self.ipc("announce", "friendlyname=Kitchen", f"guid={self.lab.product('kitchen').guid}")
         self.lab.link_up("kitchen")
         self.seen("Kitchen page", HTTP)

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The laboratory itself: what it leaves behind, whom it kills, what it says when it can't go on, its table."""
+"""The laboratory itself: cleanup, killed processes, error messages, table."""
 import os
 import signal
 import subprocess
@@ -30,7 +30,7 @@ class Processes(unittest.TestCase):
         return Lab(products=1, state_dir=folder, programs=DAEMONS)
 
     def lab_in_a_process(self):
-        """Another process with a laboratory; the pids of all that it has started."""
+        """Starts a laboratory in another process. Returns the pids of its processes."""
         script = textwrap.dedent(f"""
             import sys, time
             sys.path.insert(0, {TOOLS!r})
@@ -55,7 +55,7 @@ class Processes(unittest.TestCase):
             os.kill(process.pid, signal.SIGKILL)
             process.wait()
             left = self.alive()
-            # Three holders of namespaces, two buses, two mDNS daemons, and what a test had started by itself.
+            # Three namespace holders, two buses, two mDNS daemons, and the command of the script.
             self.assertEqual(len(left), 8)
             with self.small_lab(self.folder) as lab:
                 self.assertEqual([pid for pid in left if processes.start_time(pid)], [])
@@ -104,7 +104,7 @@ class CannotGoOn(unittest.TestCase):
         self.assertIn("build first", self.says("--bin-dir", "/nonexistent"))
         self.assertIn("can't write logs", self.says("--bin-dir", BIN_DIR, "--logs", "/proc/logs"))
         self.assertIn("no product \"cupboard\"", self.says("--bin-dir", BIN_DIR, "--kill", "cupboard"))
-        # A namespace without its own /run is no machine with an mDNS daemon.
+        # In this namespace /run has no bus.
         alone = ["unshare", "--net", "--mount", "sh", "-c", "mount -t tmpfs tmpfs /run; exec \"$@\"", "-"]
         self.assertIn("system bus", self.says("--bin-dir", BIN_DIR, "--lan", prefix=alone))
 

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""UPnP devices that misbehave in every way that a device can, beside three good products.
+"""All kinds of misbehaving UPnP devices, together with three real products.
 
-SONARIX_MISBEHAVING_SECONDS: how long all of them are there at once; 40 unless given. From 120 on, each one comes alone
-before, and all of them once more behind. Under a sanitizer, what the services hold is not compared.
+SONARIX_MISBEHAVING_SECONDS: time with all devices at once, default 40. From 120 on, each kind is also tested alone
+before, and all once more afterwards. Memory is not compared under a sanitizer.
 """
 import os
 import sys
@@ -16,8 +16,7 @@ from sonarix_lab.devices import MISBEHAVING
 SECONDS = int(os.environ.get("SONARIX_MISBEHAVING_SECONDS", "40"))
 SEARCH_SECONDS = 30
 HASTY = 500
-#: After five hundred devices have come and gone, what stays of the heap lies in pages with holes: that much the first
-#: time, and no more afterwards.
+#: Allowed growth of the fragmented heap after 500 devices came and left: once, and no more afterwards.
 MOST_GROWTH_KIB = 1536
 MOST_GROWTH_OF_A_ROUND_KIB = 512
 MOST_GROWTH_AFTER_FLOOD_KIB = 10240
@@ -26,7 +25,7 @@ FLOOD = os.path.join(os.path.dirname(os.path.realpath(__file__)), "ssdpflood.py"
 NO_LOCATION = "{address} is ignored, the LOCATION is missing or must not be fetched"
 TOO_LONG = "the response from '{url}' is longer than 65536 bytes"
 NOT_PARSED = "the description at '{url}' of '{guid}' is not parsed: "
-#: What the log has to say about each, naming the device.
+#: The expected log line of each kind, which names the device.
 LINES = {
     "no-location": NO_LOCATION, "empty-location": NO_LOCATION, "long-location": NO_LOCATION,
     "other-scheme": NO_LOCATION, "loopback": NO_LOCATION,
@@ -43,7 +42,7 @@ LINES = {
 
 
 class Misbehaving(LabCase):
-    """Kitchen is known by mDNS, bedroom by both roads, ssdp-1 by SSDP: all observe but the last one."""
+    """The kitchen is known by mDNS, the bedroom by both protocols, ssdp-1 by SSDP. All except ssdp-1 are observers."""
 
     shape = {"products": 2, "ssdp": 1}
     protocols = {"kitchen": {"MDNS"}, "bedroom": {"MDNS", "SSDP"}, "ssdp-1": {"SSDP"}}
@@ -53,18 +52,17 @@ class Misbehaving(LabCase):
         super().setUpClass()
         cls.lab.start_device_of("bedroom")
         cls.bad = cls.lab.start_devices([*MISBEHAVING, *["hasty"] * HASTY, "product"], silent=True)
-        cls.late = len(cls.bad) - 1  # a good one, for later
+        cls.late = len(cls.bad) - 1  # a compliant device that appears later
         cls.lab.wait_until(cls.right, 2 * SEARCH_SECONDS, "the rows of three good products")
         cls.pids = {name: cls.lab.product(name).pid("service") for name in ("kitchen", "bedroom")}
         with open(f"/proc/{cls.pids['kitchen']}/maps", encoding="utf-8") as maps:
             cls.is_sanitized = any("lib" + name in line for line in maps for name in ("asan", "tsan"))
-        os.sync()  # pages of a program that was just built count as dirty until the kernel has written them
+        os.sync()  # file pages of a new binary count as dirty until they are written
         cls.before = cls.held()
 
     @classmethod
     def right(cls, tables):
-        """Each service lists the three good products as they are. A misbehaving device that has a gateway is listed,
-        and nothing else that was made up."""
+        """Each service lists the three products correctly, and of the misbehaving devices only those with a gateway."""
         welcome = {*cls.protocols, cls.bad.guids[MISBEHAVING.index("flapping")], cls.bad.guids[cls.late]}
         for observer in ("kitchen", "bedroom"):
             rows = tables.rows(observer)
@@ -89,8 +87,8 @@ class Misbehaving(LabCase):
                                                  guid=self.bad.guids[number])
 
     def rest(self, before, most_growth):
-        """Waits until the services hold what they did before, but for so many KiB; within two searches, which forget who
-        has gone. What they hold then."""
+        """Waits for at most two searches, which drop absent devices, until the services' memory and descriptors are as
+        before, plus some KiB. Returns the values."""
         deadline = time.monotonic() + 2 * SEARCH_SECONDS + 10
         while True:
             now = self.held()
@@ -116,7 +114,7 @@ class Misbehaving(LabCase):
             self.rest(held, MOST_GROWTH_OF_A_ROUND_KIB)
 
     def round(self, seconds):
-        """All of them come, and go without a word."""
+        """All devices appear, and leave without byebye."""
         offset = self.log_size("kitchen")
         self.bad.bring_back(0, self.late - 1)
         self.stays(self.right, seconds, "the rows of the good products, among all that misbehave")
@@ -129,7 +127,7 @@ class Misbehaving(LabCase):
         print(f"{len(grave(lines))} lines of level 1 and 2 in {seconds} s among {self.late} devices, {len(lines)} in all",
               flush=True)
 
-        # What waits for hours before it asks again, as it was told to, ends where discovery stops.
+        # A retry that waits for hours because of Retry-After ends when discovery stops.
         self.bad.silence(0, self.late - 1)
         for name in self.pids:
             self.lab.link_down(name)
@@ -166,7 +164,7 @@ class Misbehaving(LabCase):
                           if name != target and self.lab.look(lambda tables: tables.since(name, target)) >= begin], [])
 
     def flood(self, what, count):
-        """What went wrong with sending."""
+        """Sends announcements. Returns the error output."""
         return self.bad.run([sys.executable, "-B", FLOOD, what, self.bad.addresses[0], str(count)], timeout=120).stderr
 
 

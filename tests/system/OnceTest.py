@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The laboratory from the command line: --once again and again, and commands from another terminal."""
+"""The laboratory's command line: --once repeatedly, and commands from another terminal."""
 import contextlib
 import os
 import signal
@@ -12,7 +12,7 @@ from labcase import BIN_DIR, CONVERGENCE_SECONDS, LOGS, LabCase, TOOLS, lines_un
 
 @contextlib.contextmanager
 def until_ctrl_c(case, lab):
-    """It is ended at the end, as a person does it."""
+    """A laboratory that is ended with Ctrl-C."""
     try:
         yield
     finally:
@@ -59,7 +59,7 @@ class Once(unittest.TestCase):
         self.assertIn("kitchen lacks bedroom", result.stderr)
 
     def test_another_terminal(self):
-        """--kill, --start, --link-down and --exec reach the laboratory that runs; Ctrl-C ends all of it."""
+        """--kill, --start, --link-down and --exec control the running laboratory; Ctrl-C ends it."""
         with subprocess.Popen([*self.command, "--products", "2"], stdout=subprocess.PIPE, text=False,
                               start_new_session=True) as lab:
             lines = lines_until(lab.stdout, time.monotonic() + 100)
@@ -87,7 +87,7 @@ class Once(unittest.TestCase):
 
 
 class Lan(LabCase):
-    """--lan, on a network that a laboratory makes: the stranger's bus and mDNS daemon are that machine's."""
+    """--lan on a laboratory's network: the stranger's bus and mDNS daemon act as those of the machine."""
 
     shape = {"products": 1, "strangers": 1}
 

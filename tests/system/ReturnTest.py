@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What goes comes back: a product, its cable, its mDNS daemon, its gateway, its service fifty times."""
+"""Recovery of a product, its link, its mDNS daemon, its gateway, and fifty restarts of its service."""
 import time
 import unittest
 
@@ -55,7 +55,7 @@ class Return(LabCase):
         self.assert_published("office", since=size)
         self.all_online(RETURN_SECONDS, "after the daemon's return")
 
-        # Browsing came back too: a product that was not there before is found.
+        # Browsing works again: a new product is found.
         self.lab.kill("kitchen")
         self.lab.wait_until(lambda tables: tables.state("office", "kitchen") == "OFFLINE", DEATH_SECONDS, "OFFLINE")
         self.lab.rename("kitchen", "Kitchenette")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Products that speak SSDP, among those that are found by mDNS; and SSDP through all that can happen to a network."""
+"""Products with SSDP and with mDNS, and SSDP through network failures."""
 import contextlib
 import os
 import time
@@ -8,13 +8,13 @@ import unittest
 from labcase import LabCase
 
 OFFLINE_SECONDS = 10
-#: A search every 30 s, 10 s long; a second for the ticks, and what the machine needs.
+#: A search every 30 s that takes 10 s, 1 s for the timer's resolution, and reserve for a slow machine.
 SEARCH_SECONDS = 30 + 5
 MISSED_SECONDS = SEARCH_SECONDS + 10
-#: From the network's return to the answer of a device that has 3 s for it.
+#: From the return of the network to the response of a device with MX = 3 s.
 FOUND_SECONDS = 15
 SEARCH_BEGINS = "Restarting browser on eth0"
-#: As the kernel cuts them off; from a start of discovery to its stop.
+#: Thread names, truncated by the kernel. The threads exist from start to stop of discovery.
 THREADS = {"GSSDPMainLoop", "SsdpDiscoveryTa"}
 
 
@@ -42,7 +42,7 @@ class Ssdp(LabCase):
         self.assertEqual(set(rows), {self.lab.product("kitchen").guid, bedroom, office, self.guid})
         self.assertEqual([rows[guid]["protocols"] for guid in (self.guid, bedroom, office)],
                          [["SSDP"], ["SSDP", "MDNS"], ["MDNS"]])
-        # What a source alone knows stands beside what the product says of itself.
+        # Fields of the sources are merged with the product's own information.
         self.assertEqual([guid for guid, row in rows.items() if "serviceid" not in row], [self.guid])
         for field in ("icons", "services", "location"):
             self.assertEqual({guid for guid, row in rows.items() if row["productinfo"].get(field)},
@@ -52,7 +52,7 @@ class Ssdp(LabCase):
         for field in ("friendlyname", "ipaddress", "softwareversion", "capabilities", "configurations"):
             self.assertEqual(rows[bedroom]["productinfo"][field], own[field], field)
 
-        # Switched off without a word: the heartbeat decides about the row, the next search about SSDP's own list.
+        # Absent without byebye: the heartbeat changes the row, the next search changes SSDP's list.
         log = self.log_size("kitchen")
         self.device.silence(0, 0)
         self.lab.wait_until(lambda tables: tables.state("kitchen", self.guid) == "OFFLINE", OFFLINE_SECONDS,
@@ -68,16 +68,16 @@ class Ssdp(LabCase):
         self.assertEqual(len(self.lab.table("kitchen")), 4)
 
     def test_network_goes_and_comes_and_changes_in_the_middle_of_a_search(self):
-        # Meanwhile, so fast that the network does not count as down: seen at the next search.
+        # A change so fast that the network does not count as down is detected at the next search.
         office_log = self.log_size("office")
         self.lab.change_address("office")
 
-        # Without a network there is nothing of SSDP but its tick's task.
+        # Without a network only SSDP's timer task remains.
         self.lab.kill("kitchen", "network")
         self.lab.kill("kitchen", "service")
         log = self.log_size("kitchen")
         self.lab.start("kitchen", "service")
-        self.wait_for_log("kitchen", log, "HandleGetMyProductInfo", FOUND_SECONDS)  # it is up and serves
+        self.wait_for_log("kitchen", log, "HandleGetMyProductInfo", FOUND_SECONDS)  # the service has started and serves
         self.assertEqual(self.ssdp_threads() & THREADS, set())
         pids = self.service_pids()
         log = self.log_size("kitchen")
@@ -85,7 +85,7 @@ class Ssdp(LabCase):
         self.found(log, "the network's coming")
         self.assertEqual(self.ssdp_threads() & THREADS, THREADS)
 
-        self.lab.link_down("kitchen")  # this search, and each of the next ones, is on its way meanwhile
+        self.lab.link_down("kitchen")  # during this and each of the following searches
         self.without_network()
         log = self.log_size("kitchen")
         self.lab.link_up("kitchen")
@@ -103,7 +103,7 @@ class Ssdp(LabCase):
         self.all_online(self.convergence_seconds, "at the end")
 
     def found(self, log, after, observer="kitchen", begin_of_search=SEARCH_BEGINS, seconds=FOUND_SECONDS):
-        """A search begun since that size of the log has found the device, which was there all the time."""
+        """Waits until a search that started after that position of the log finds the device."""
         begin = time.monotonic()
         self.wait_for_log(observer, log, (begin_of_search, f"Discovered a new device : {self.guid}"), seconds)
         print(f"found {time.monotonic() - begin:.1f} s after {after}")
@@ -117,7 +117,7 @@ class Ssdp(LabCase):
         task = f"/proc/{self.lab.product('kitchen').pid('service')}/task"
         names = set()
         for thread in os.listdir(task):
-            with contextlib.suppress(OSError):  # it may end meanwhile
+            with contextlib.suppress(OSError):  # the process may end
                 with open(f"{task}/{thread}/comm", encoding="utf-8") as file:
                     names.add(file.read().strip())
         return names

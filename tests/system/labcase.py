@@ -86,9 +86,9 @@ class LabCase(unittest.TestCase):
     # ---- mDNS ----------------------------------------------------------------------------------------------------
 
     def published(self, observer, instance, service_type=RENDERER_TYPE, seconds=15, accept=lambda address, txt: True):
-        """(port, TXT) of an acceptable record as avahi-browse resolves it in a product's namespace, waited for.
+        """Waits for a record that `accept` accepts. Returns its (port, TXT), resolved by avahi-browse in a product.
 
-        What has just changed may stand in the mDNS daemon's cache for another second, hence the asking again.
+        Repeats the query, because the mDNS daemon's cache may contain the old record for another second.
         """
         deadline, seen = time.monotonic() + seconds, []
         while time.monotonic() < deadline:
@@ -113,8 +113,8 @@ class LabCase(unittest.TestCase):
         self.fail(f"\"{instance}\" of {service_type} is still there")
 
     def assert_published(self, name, since=None, **options):
-        """The whole record of a product, seen from another one. `since` is a size of the service's log: what the mDNS
-        daemons still remember of before does not count.
+        """The record of a product, resolved by another one. `since` is a size of the service's log: older records in the
+        mDNS daemons' caches are ignored.
         """
         product = self.lab.product(name)
         if since is not None:

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Sends announcements that no device would send, from any address of this host.
+"""Sends abnormal SSDP announcements from any address of this host.
 
 Usage: ssdpflood.py malformed|agents|usns ADDRESS COUNT
 
-malformed: COUNT different broken ones. agents: COUNT good ones for something else, each from another address and with a
-SERVER of 20 KB. usns: COUNT good ones, each for another USN, from a thousand addresses
-beginning with ADDRESS, as many a second as a small machine gets to see.
+malformed: COUNT different malformed ones. agents: COUNT valid ones for another target, each from another address and
+with a SERVER header of 20 KB. usns: COUNT valid ones, each with another USN, from a thousand addresses starting at
+ADDRESS, at a rate that a small machine can receive.
 """
 import ipaddress
 import itertools

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""product-crowd as its neighbours hear and reach it, in a network namespace of this test's own.
+"""product-crowd, observed through mDNS and its gateway ports, in a network namespace of this test.
 
 Usage: CrowdProgramTest.py FOLDER_OF_PROGRAMS
 """
@@ -18,12 +18,12 @@ BIN = ""
 GROUP = ("224.0.0.251", 5353)
 TYPE = b"\x0d_kova-lanyard\x04_tcp\x05local\x00"
 PTR, SRV, TXT, A = 12, 33, 16, 1
-QUIET = 0.4  # the longest delay of an answer here is a twentieth of it
+QUIET = 0.4  # twenty times the longest response delay in this test
 COUNT = 5
 
 
 def query(questions, known=(), truncated=False):
-    """Questions are (name, type); known are indices of products whose PTR record the asker has."""
+    """A query. Questions are (name, type); `known` are indices of products whose PTR record is a known answer."""
     message = struct.pack("!6H", 0, 0x0200 if truncated else 0, len(questions), len(known), 0, 0)
     for name, kind in questions:
         message += name + struct.pack("!2H", kind, 1)
@@ -65,14 +65,14 @@ class Crowd(NeighbourCase):
         self.assertEqual(self.hear(2.5), sorted(2 * list(range(COUNT))), "each announces itself twice")
 
     def ask(self, *messages):
-        """The products that answer, and their last packets in `heard`."""
-        time.sleep(1)  # what was just sent is not sent again
+        """Returns the products that respond; their last packets are in `heard`."""
+        time.sleep(1)  # records of the last second are not repeated
         for message in messages:
             self.ear.sendto(message, GROUP)
         return self.hear(QUIET)
 
     def hear(self, seconds):
-        """The indices of the products that have sent within that time, by their addresses."""
+        """Indices of the products that sent packets within that time, from the source addresses."""
         self.heard, indices = {}, []
         for _, (address, port), message in self.receive(self.ear, seconds):
             if message[2] & 0x80:

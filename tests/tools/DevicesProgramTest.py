@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""upnp-devices as its neighbours hear and reach it, in a network namespace of this test's own.
+"""upnp-devices, observed through SSDP and HTTP, in a network namespace of this test.
 
 Usage: DevicesProgramTest.py FOLDER_OF_PROGRAMS
 """
@@ -47,13 +47,13 @@ class Devices(NeighbourCase):
         return super().info(BIN + "/portico", address(index))
 
     def notified(self, seconds):
-        """(index, NTS, NT) of all announcements of that time."""
+        """(index, NTS, NT) of all announcements within that time."""
         return [(int(host[9:]) - 1, head[b"NTS"].decode(), head[b"NT"].decode())
                 for _, (host, _), message in self.receive(self.ear, seconds)
                 if message.startswith(b"NOTIFY") and (head := headers(message))]
 
     def search(self, target, mx):
-        """(seconds, index, headers) of each answer."""
+        """(seconds, index, headers) of each response."""
         asker = self.socket(socket.SOCK_DGRAM)
         lines = ["M-SEARCH * HTTP/1.1", "Host: 239.255.255.250:1900", "Man: \"ssdp:discover\"", f"St:{target}"]
         asker.sendto("\r\n".join(lines + ([f"Mx: {mx}"] if mx else []) + ["", ""]).encode(), GROUP)
@@ -61,7 +61,7 @@ class Devices(NeighbourCase):
                 for seconds, (host, _), message in self.receive(asker, (mx or 1) + 0.3)]
 
     def get(self, index, seconds=1.5, most=2 << 20, path="/description.xml"):
-        """(all bytes that came, whether the server closed the connection)."""
+        """(received bytes, whether the server closed the connection)."""
         client, answer, end = self.socket(socket.SOCK_STREAM), b"", time.monotonic() + seconds
         client.connect((address(index), PORT))
         client.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
