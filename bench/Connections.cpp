@@ -1,10 +1,9 @@
-// What a gateway connection at rest costs on either end, and that the gateway holds thousands of them:
+// Measures the memory of idle gateway connections at both ends, with thousands of connections:
 //
 //     build/release/bench/bench-connections build/release/bin/portico-gateway 3900
 //
-// Starts that gateway on loopback, connects the clients to it step by step from this one process, each with a
-// subscription, and prints what both processes have grown by: a line of name, value, unit and demand for each figure,
-// separated by tabs, as bench/run reads them. Figures are counts of one run; nothing is timed.
+// Starts the gateway on loopback, connects the clients step by step from this process, each with a subscription, and
+// prints the growth of both processes. Output, read by bench/run: NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT per figure.
 
 #include "bench/support/Processes.h"
 #include "runtime/AsyncCallback.h"

@@ -1,12 +1,11 @@
-// What the service's building blocks cost, each next to something bare that does the same work in the same run:
+// Compares the service's building blocks with minimal equivalents in the same run:
 //
-//     build/release/bench/bench-micro            # medians, then the ratios; a post is one of a thousand
-//     build/release/bench/bench-micro --table    # the ratios alone
+//     build/release/bench/bench-micro            # medians per 1,000 posts, then ratios
+//     build/release/bench/bench-micro --table    # ratios only
 //
-// The ratios are of the medians of CPU time, all threads of the process counted, with the repetitions of all
-// benchmarks shuffled: what disturbs the machine meanwhile meets both sides. A ratio is one line
-// NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT, the limit empty: nothing is decided here. What a device's description costs has
-// nothing bare beside it, and is told in µs.
+// A ratio compares medians of CPU time of all threads. The repetitions of all benchmarks are interleaved, so that other
+// load affects both sides. Output per ratio: NAME<TAB>VALUE<TAB>UNIT<TAB> without a limit. Parsing a device description
+// has no equivalent and is printed in µs.
 
 #include "aggregator/ProductMerge.h"
 #include "bench/micro/SampleDescriptions.h"
@@ -39,11 +38,11 @@
 namespace
 {
 
-constexpr int kBatch = 1000; ///< posts for each wait
+constexpr int kBatch = 1000; ///< posts per wait
 constexpr unsigned int kWaitMs = 60'000;
 constexpr int kRows = 500;
 
-/// A task for the length of one benchmark.
+/// A task that exists for one benchmark.
 class TaskUnderTest
 {
 public:
@@ -55,7 +54,7 @@ public:
     NotifyTargetTaskIF* const task = IL::CreateTask("Bench", "");
 };
 
-/// The bare thing beneath a task: one thread that runs an io_context.
+/// The minimal equivalent of a task: one thread that runs an io_context.
 class BareLoop
 {
 public:
@@ -71,7 +70,7 @@ private:
     std::thread m_thread{[this] { context.run(); }};
 };
 
-/// An entry of its own class, as the service's are.
+/// A task entry with its own class, like the service's entries.
 class CountEntry final : public IL::CallbackEntry
 {
 public:
@@ -132,7 +131,7 @@ void PostBare(benchmark::State& state)
     }
 }
 
-/// Each entry posts the next: no second thread has a hand in it.
+/// Each entry posts the next one, so only one thread is involved.
 void ChainEntry(benchmark::State& state)
 {
     ConditionSemaphore done(0);
@@ -161,7 +160,7 @@ void ChainBare(benchmark::State& state)
 
 // ---- callbacks ----------------------------------------------------------------------------------------------
 
-const std::string kArgument = "3c1f5d0a-77e2-4b6e-9a40-000000000001"; // a guid, as most of them carry
+const std::string kArgument = "3c1f5d0a-77e2-4b6e-9a40-000000000001"; // a guid, like most callback arguments
 
 void AsyncCallbackHop(benchmark::State& state)
 {
@@ -230,6 +229,7 @@ void RegistryBare(benchmark::State& state)
 {
     int count = 0;
     std::vector<std::function<void(const std::string&)>> functions;
+    functions.reserve(static_cast<std::size_t>(state.range(0)));
     for (int subscriber = 0; subscriber < state.range(0); ++subscriber)
     {
         functions.emplace_back([&count](const std::string&) { ++count; });
@@ -369,7 +369,7 @@ struct Figure
     double spread = 0;      ///< standard deviation / mean
 };
 
-/// Keeps the median of each benchmark, and prints nothing by itself.
+/// Collects the median of each benchmark and prints nothing.
 class MedianReporter final : public benchmark::BenchmarkReporter
 {
 public:
@@ -393,7 +393,7 @@ public:
             }
             else if (run.aggregate_name == "cv")
             {
-                figure.spread = run.cpu_accumulated_time; // a share: nothing to adjust
+                figure.spread = run.cpu_accumulated_time; // a ratio without time unit
             }
         }
     }
@@ -462,7 +462,7 @@ void Register()
     }
 }
 
-/// The highest figure among those whose names begin so, in µs.
+/// The highest figure of benchmarks with this name prefix, in µs.
 double Worst(const std::map<std::string, Figure>& figures, const std::string& prefix)
 {
     double worst = 0;

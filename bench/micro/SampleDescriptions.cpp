@@ -17,7 +17,7 @@ std::string Repeated(const std::string& text, int times)
     return all;
 }
 
-/// `begin`, `filler` as often as there is room, `end`.
+/// `begin`, `filler` repeated up to `size`, `end`.
 std::string Filled(const std::string& begin, const std::string& filler, const std::string& end,
                    std::size_t size = XmlPrecheck::kMaxBytes)
 {
@@ -41,7 +41,7 @@ std::vector<std::string> SampleDescriptions::Bad()
 {
     constexpr int kElements = static_cast<int>(XmlPrecheck::kMaxTags / 2) - 1;
     constexpr int kAttributes = XmlPrecheck::kMaxAttributes;
-    // End tags that end nothing let as many more levels pass.
+    // Unmatched end tags allow more levels.
     const std::string ends = Repeated("</a>", kElements - XmlPrecheck::kMaxLevels);
     std::string attributes;
     for (int number = 0; number < kAttributes; ++number)

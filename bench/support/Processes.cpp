@@ -30,7 +30,7 @@ int FreePort()
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    ::bind(probe, reinterpret_cast<const sockaddr*>(&address), length);
+    static_cast<void>(::bind(probe, reinterpret_cast<const sockaddr*>(&address), length));
     ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
     ::close(probe);
     return ntohs(address.sin_port);
@@ -93,7 +93,8 @@ void RaiseDescriptorLimit()
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, int inherited)
 {
-    std::vector<char*> arguments; // made here: the child of a process with threads may not allocate
+    std::vector<char*> arguments; // filled before fork(): the child of a process with threads must not allocate
+    arguments.reserve(command.size() + 1);
     for (const std::string& argument : command)
     {
         arguments.push_back(const_cast<char*>(argument.c_str()));

@@ -6,26 +6,26 @@
 
 #include <sys/types.h>
 
-/// CPU seconds of the thread that calls.
+/// CPU seconds of the calling thread.
 double ThreadCpu();
-/// CPU seconds of a process with all its threads; 0 where there is no such process.
+/// CPU seconds of all threads of a process; 0 if it does not exist.
 double ProcessCpu(pid_t process);
 
-/// The most memory that a process has held at once, in MiB, since ForgetPeakMemory (or its start).
+/// Peak resident memory of a process in MiB since ForgetPeakMemory() or its start.
 double PeakMemory(pid_t process);
 void ForgetPeakMemory(pid_t process);
 
-/// KiB that the process alone has written to: what it really takes from the product.
+/// Private dirty memory in KiB.
 long PrivateDirty(pid_t process);
 
-/// As many as this process may have.
+/// Raises the soft limit of open files to the hard limit.
 void RaiseDescriptorLimit();
 
-/// A program that ends with this object, and with this process however that ends. On the main thread.
+/// A child process that ends with this object, and also if this process is killed. Create it on the main thread.
 class ChildProcess
 {
 public:
-    /// `inherited` is descriptor kInherited there; -1: none.
+    /// The child gets `inherited` as descriptor kInherited; -1: none.
     explicit ChildProcess(const std::vector<std::string>& command, int inherited = -1);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
@@ -42,7 +42,7 @@ private:
     pid_t m_pid = -1;
 };
 
-/// The gateway program on ports of loopback that were free a moment ago.
+/// The gateway program on a free loopback port.
 class GatewayProcess
 {
 public:

@@ -1,4 +1,4 @@
-// Lives from fresh seeds for a given time, or from listed ones, each in a process of its own, on all processors.
+// Runs scenarios of consecutive seeds for a given time, or of listed seeds, each in its own process, on all CPUs.
 
 #include "tests/simulation/Scenario.h"
 #include "tests/support/ForkedRun.h"
@@ -24,13 +24,14 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kUsage =
-    "simulation-soak --seconds N [--first-seed S] [--jobs J]   seeds S, S+1, ... (S at random) for N seconds\n"
-    "                    (SONARIX_FIRST_SEED in the environment stands for S)\n"
-    "simulation-soak --list FILE [--jobs J]                    the seeds that begin the lines of a file\n"
-    "simulation-soak --seed S                                  one alone, in this process\n"
-    "SONARIX_LOG=0 shows what happens to the service meanwhile, SONARIX_LOG=3 its log with it.\n";
+    "simulation-soak --seconds N [--first-seed S] [--jobs J]   seeds S, S+1, ... for N seconds; S is random by "
+    "default\n"
+    "                    (or set by the environment variable SONARIX_FIRST_SEED)\n"
+    "simulation-soak --list FILE [--jobs J]                    the seeds at the beginning of the lines of FILE\n"
+    "simulation-soak --seed S                                  one seed, in this process\n"
+    "SONARIX_LOG=0 prints the scenario's events, SONARIX_LOG=3 also the service's log.\n";
 
-/// Far beyond the longest life, even on a busy machine with sanitizers.
+/// Timeout of one seed. Far above the longest scenario on a loaded machine with sanitizers.
 constexpr std::chrono::seconds kSeedLimit{1200};
 
 struct Sum
@@ -43,13 +44,13 @@ struct Sum
 
 int RunSeed(std::uint64_t seed)
 {
-    Scenario life(seed);
-    const std::string failure = life.Run();
-    std::printf("%" PRIu64 " %zu\n%s", life.Events(), life.Comparisons(), failure.c_str());
+    Scenario scenario(seed);
+    const std::string failure = scenario.Run();
+    std::printf("%" PRIu64 " %zu\n%s", scenario.Events(), scenario.Comparisons(), failure.c_str());
     return failure.empty() ? 0 : 1;
 }
 
-/// One process of several: every `jobs`th seed from `first` on until `end`, or of the list.
+/// The work of one job: every `jobs`th seed from `first` until `end`, or every `jobs`th entry of the list.
 Sum Work(const std::string& program, const std::vector<std::uint64_t>& list, std::uint64_t first, std::uint64_t jobs,
          Clock::time_point end)
 {

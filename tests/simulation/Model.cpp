@@ -12,7 +12,7 @@ namespace
 const char* const kProductType = "_kova-lanyard._tcp";
 const char* const kAccessoryType = "_kova-accessory._tcp";
 constexpr std::int64_t kSearchPeriodMs = 30'000;
-constexpr std::int64_t kFetchWaitMs = 10'000; ///< for its turn
+constexpr std::int64_t kFetchWaitMs = 10'000; ///< longest time in the fetch queue
 constexpr int kFetchesOfHost = 2;
 
 std::vector<std::string> Guids(const google::protobuf::RepeatedPtrField<Sonarix::ProductInfo>& infos)
@@ -31,7 +31,7 @@ std::string TxtOf(const MDNS::Service& service, const char* key)
     return record != service.txt.end() ? record->second : "";
 }
 
-/// Up to the first colon: without a port the path stays.
+/// The text up to the first colon. Without a port this includes the path, like the service's own rule.
 std::string AddressOf(const std::string& location)
 {
     const std::string host = location.substr(std::min(location.find("//") + 2, location.size()));
@@ -133,7 +133,7 @@ void Model::Status(bool isPrimaryUp, const std::string& address, bool hasInterfa
     }
     if (wasUp && !m_isNetworkUp)
     {
-        EndSsdp(); // whose reports come after the change of the mode
+        EndSsdp(); // SSDP's last reports arrive after the mode change
     }
 }
 
@@ -153,7 +153,7 @@ void Model::SetMode(SXCommon::ProductMode mode)
     {
         return;
     }
-    if (m_rows.contains(kOwn)) // who does not know itself forgets nobody
+    if (m_rows.contains(kOwn)) // without its own row the service removes no row
     {
         std::erase_if(m_rows, [](const auto& entry) { return entry.first != kOwn; });
         m_rows[kOwn].mode = mode;
@@ -223,7 +223,7 @@ void Model::Removed(const MDNS::ServiceId& id)
     {
         return;
     }
-    if (id.type == kProductType) // told with what was resolved last under that name
+    if (id.type == kProductType) // reported with the last resolved data of that name
     {
         Sighted(SightOf(known->second));
     }
@@ -248,7 +248,7 @@ void Model::Searched(std::int64_t nowMs)
     searchDue = nowMs + kSearchPeriodMs;
     for (auto& [guid, device] : m_ssdp)
     {
-        device.isUp = false; // until it answers
+        device.isUp = false; // until the product responds
     }
 }
 
@@ -339,7 +339,7 @@ void Model::Pass(std::int64_t nowMs)
 
 void Model::Fail(const Sight& sight)
 {
-    if (!sight.guid.empty()) // of a second fetch before the first has ended nobody knows whose it was
+    if (!sight.guid.empty()) // two concurrent fetches of one guid cannot be told apart
     {
         m_ssdp.erase(sight.guid);
     }
@@ -351,7 +351,7 @@ void Model::Fetched(unsigned fetch, const std::optional<Description>& descriptio
                                     [fetch](const Fetch& candidate) { return candidate.number == fetch; });
     if (ended == m_fetches.end())
     {
-        return; // of a network that is gone
+        return; // fetch from before the network change
     }
     Sight sight = ended->sight;
     m_fetches.erase(ended);
@@ -371,7 +371,7 @@ void Model::Fetched(unsigned fetch, const std::optional<Description>& descriptio
         sight.icons[url] = width;
     }
     SsdpDevice& device = m_ssdp[sight.guid];
-    sight.protocols = device.sight.protocols; // none, where it has gone meanwhile
+    sight.protocols = device.sight.protocols; // empty if the device has left meanwhile
     device.sight = sight;
     Sighted(sight);
 }
@@ -417,7 +417,7 @@ void Model::Refreshed()
     {
         if (device.isUp == true)
         {
-            Refresh(device.sight); // of whatever maker, and also where nothing is known of it yet
+            Refresh(device.sight); // includes other manufacturers and devices without a description
         }
     }
     for (const auto& [name, service] : m_resolved)
@@ -437,7 +437,7 @@ void Model::Refresh(const Sight& sight)
     row.address = sight.address.value_or(row.address);
     if (isNew)
     {
-        row.isOnline = true; // by the source's word
+        row.isOnline = true; // a refresh lists it as ONLINE
         Connect(sight.guid);
     }
 }
@@ -452,7 +452,7 @@ void Model::Answered(const Sonarix::ProductInfo& info)
 {
     m_offlineSince.erase(info.guid());
     Row& row = m_rows[info.guid()];
-    if (info.guid() == kOwn) // whatever was answered
+    if (info.guid() == kOwn) // regardless of the remaining fields
     {
         const std::set<int> protocols = row.protocols;
         row = OwnRow();

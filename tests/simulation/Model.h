@@ -17,21 +17,21 @@ class Product;
 class ProductInfo;
 } // namespace Sonarix
 
-/// What the service must show, told from outside: every fact that the network, the gateway or another process tells
-/// the service is told to the model at the same instant, and the model says what the service's pages must hold then.
-/// It knows nothing of tasks, timers, requests and callbacks; where the service has to act, it only says that it must
-/// have acted by now. One fact at an instant, with the service at rest before and after.
+/// Computes the expected content of the service's resources. Each input of the service (from network, gateway or
+/// another process) is also passed to the model at the same instant. The model has no tasks, timers, requests or
+/// callbacks; it only requires that the service has acted by a certain time. There is one input per instant, and the
+/// service is idle before and after it.
 class Model
 {
 public:
     static constexpr const char* kOwn = "own";         ///< the guid of the product that runs the service
-    static constexpr std::int64_t kGiveUpAfter = 1800; ///< seconds offline
+    static constexpr std::int64_t kGiveUpAfter = 1800; ///< seconds offline until the connection to a product is removed
 
     struct Row
     {
         Row() = default;
         explicit Row(const Sonarix::Product& product);
-        void Take(const Sonarix::ProductInfo& info); ///< what it sets
+        void Take(const Sonarix::ProductInfo& info); ///< merges the fields that are set
         std::string Text() const;
 
         std::string guid;
@@ -46,7 +46,7 @@ public:
         SXCommon::ProductMode mode = SXCommon::UNKNOWN_MODE;
     };
 
-    struct Description ///< of an SSDP device, as far as it says something
+    struct Description ///< of an SSDP device; absent fields are empty
     {
         std::optional<std::string> name;
         std::string ecosystem;
@@ -58,49 +58,50 @@ public:
     {
     }
 
-    // --- facts ---
+    // --- inputs ---
     void Status(bool isPrimaryUp, const std::string& address, bool hasInterface, std::int64_t nowMs);
     void Advertised(const std::string& name);
     void Resolved(const MDNS::Service& service);
-    void Removed(const MDNS::ServiceId& id);                                              ///< a browser has reported it
+    void Removed(const MDNS::ServiceId& id);                                              ///< reported by a browser
     void Heard(const std::string& guid, const std::string& location, std::int64_t nowMs); ///< by SSDP
     void HeardBye(const std::string& guid);                                               ///< by SSDP
     void SearchOver();
-    void Fetched(unsigned fetch, const std::optional<Description>& description); ///< nothing: it has failed
-    void Refreshed();                                ///< the sources were asked, as every six hours
-    void Answered(const Sonarix::ProductInfo& info); ///< or pushed by itself
+    void Fetched(unsigned fetch, const std::optional<Description>& description); ///< nothing: the fetch failed
+    void Refreshed();                                                            ///< the refresh every six hours
+    void Answered(const Sonarix::ProductInfo& info);                             ///< response or notification
     void Heartbeat(const std::string& guid, bool isThere, std::int64_t nowSec);
     void ChildPosted(const Sonarix::Product& product);
     void ChildDeleted(const std::string& guid);
 
-    // --- what the service does about it ---
+    // --- observed actions of the service ---
     void Opened(const std::string& guid, const std::string& subProtocol);
     void Closed(const std::string& guid, std::int64_t nowSec);
     void Asked(const std::string& guid);
     void SsdpBegins(bool isForAnotherLink); ///< with an empty table
     void Searched(std::int64_t nowMs);
-    unsigned Fetches(const std::string& location, std::int64_t nowMs); ///< it has begun to: a number for Fetched()
-    void Settled();                                                    ///< it has nothing left to do at this instant
-    void Pass(std::int64_t nowMs); ///< before a fact: what waits no longer is over by now
+    unsigned Fetches(const std::string& location,
+                     std::int64_t nowMs); ///< a fetch started; returns the number for Fetched()
+    void Settled();                       ///< the service is idle at this instant
+    void Pass(std::int64_t nowMs);        ///< before an input: expires queued fetches
 
-    // --- what must be so ---
+    // --- expected state ---
     std::vector<std::string> Table() const; ///< rows in the order of the list
     std::string Own() const;                ///< in the form of Row::Text()
     const Row* Find(const std::string& guid) const;
     bool IsResolved(const std::string& instanceName, const std::string& type) const;
     bool IsDescribed(const std::string& guid) const; ///< by SSDP
-    /// Since when a product is offline by the gateway's word.
+    /// Since when the gateway reports the product as offline.
     std::optional<std::int64_t> OfflineSince(const std::string& guid) const;
 
-    std::set<std::string> connections;          ///< guids of products that the service is connected to
-    std::size_t lists = 0;                      ///< times that the list was notified
-    std::optional<MDNS::ServiceId> publication; ///< what the product announces; its name before any collision
-    bool isDiscovering = true;                  ///< from the service's start on
+    std::set<std::string> connections;          ///< guids of the products to which the service must be connected
+    std::size_t lists = 0;                      ///< number of list notifications
+    std::optional<MDNS::ServiceId> publication; ///< the product's own record; name before any collision
+    bool isDiscovering = true;                  ///< true from the start
     std::optional<std::int64_t> searchDue;      ///< ms
-    std::string complaint;                      ///< the first thing that the service did and should not have
+    std::string complaint;                      ///< first unexpected action of the service
 
 private:
-    struct Sight ///< what a discovery source has to say
+    struct Sight ///< one report of a discovery source
     {
         std::set<int> protocols;
         std::string guid;
@@ -112,10 +113,10 @@ private:
     };
     struct SsdpDevice
     {
-        Sight sight;              ///< empty until its first description has come
-        std::optional<bool> isUp; ///< nothing: it was given up when its description came
+        Sight sight;              ///< empty until the first description
+        std::optional<bool> isUp; ///< nothing: it had expired when its description arrived
     };
-    struct Fetch ///< of a description, also one that waits for its turn
+    struct Fetch ///< of a description, running or queued
     {
         unsigned number;
         Sight sight; ///< to be completed
@@ -138,18 +139,18 @@ private:
     SXCommon::ProductMode m_mode = SXCommon::UNKNOWN_MODE;
     bool m_isPrimaryUp = false;
     bool m_isNetworkUp = false;
-    Row m_own; ///< what was reported of it
+    Row m_own; ///< own fields as reported
     std::string m_ownAddress;
     std::map<std::string, Row> m_rows;
     std::map<std::string, Row> m_children;
-    std::map<std::string, std::int64_t> m_offlineSince;    ///< seconds; the first miss since the last answer
-    std::map<std::string, MDNS::Service> m_resolved;       ///< by instance name alone
+    std::map<std::string, std::int64_t> m_offlineSince;    ///< seconds; first failed heartbeat since the last response
+    std::map<std::string, MDNS::Service> m_resolved;       ///< by instance name without type
     std::set<std::pair<std::string, std::string>> m_known; ///< resolved and not removed, by name and type
     std::map<std::string, SsdpDevice> m_ssdp;              ///< by guid
-    std::vector<Fetch> m_fetches;                          ///< the longest first
-    unsigned m_fetchNumbers = 0;                           ///< given out
-    std::vector<Sight> m_heldBack;                         ///< while the mode is not known
+    std::vector<Fetch> m_fetches;                          ///< oldest first
+    unsigned m_fetchNumbers = 0;                           ///< last assigned number
+    std::vector<Sight> m_heldBack;                         ///< reports while the mode is unknown
     std::map<std::string, MDNS::ServiceId> m_deferred;     ///< announcements, by type
-    std::set<std::string> m_mustAsk;                       ///< at this instant
-    std::set<std::string> m_mustClose;                     ///< at this instant, since the mode has changed
+    std::set<std::string> m_mustAsk;                       ///< must happen within this instant
+    std::set<std::string> m_mustClose;                     ///< must happen within this instant because the mode changed
 };

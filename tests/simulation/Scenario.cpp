@@ -13,7 +13,7 @@ using std::chrono::seconds;
 namespace
 {
 
-/// Long enough for the slowest check, answer and resolve.
+/// Longer than the slowest gateway check, response and resolve.
 constexpr minutes kSettled{5};
 
 bool IsCrowd(std::uint64_t seed)
@@ -30,7 +30,7 @@ milliseconds CheckPeriod(std::uint64_t seed)
 
 } // namespace
 
-/// What happens, and when.
+/// Generates the events.
 class Scenario::Script
 {
 public:
@@ -49,7 +49,7 @@ public:
             device.clockName = OneIn(m_isCrowd ? 100 : 15) ? OneIn(3) ? Any().name : device.name : "";
             if (OneIn(30))
             {
-                device.guid = Any().guid; // two of one guid
+                device.guid = Any().guid; // two devices with the same guid
             }
             if (OneIn(60))
             {
@@ -62,14 +62,14 @@ public:
         }
     }
 
-    /// Until the first word about the network: what is found is held back.
+    /// Events before the first network status. The service holds reports back until then.
     void Begin()
     {
         for (Device& device : m_world.devices)
         {
             if (!OneIn(3))
             {
-                Appear(device); // the mDNS daemon knows it before we are there
+                Appear(device); // the mDNS daemon knows it before the service starts
             }
         }
         m_world.StartService();
@@ -100,14 +100,16 @@ public:
             return;
         }
         milliseconds pause = Upto(600'000);
-        pause = OneIn(3) ? minutes(20) + Upto(1'500'000) : pause;  // about when an absent product is given up
-        pause = OneIn(8) ? hours(4) + Upto(12'000'000) : pause;    // about when the sources are asked again
-        m_world.SetMulticast(OneIn(pause < minutes(20) ? 3 : 20)); // each search takes its real time
+        pause =
+            OneIn(3) ? minutes(20) + Upto(1'500'000) : pause;   // around the time at which an absent product is removed
+        pause = OneIn(8) ? hours(4) + Upto(12'000'000) : pause; // around the next refresh
+        m_world.SetMulticast(
+            OneIn(pause < minutes(20) ? 3 : 20)); // real duration of each search, so rarely in long pauses
         m_world.simulation.RunFor(pause);
         m_world.SetMulticast(true);
         if (OneIn(8))
         {
-            HangDescriptions(); // when all that was lost is found again
+            HangDescriptions(); // while lost devices are found again
         }
     }
 
@@ -169,13 +171,13 @@ private:
         }
         else if (OneIn(5))
         {
-            Vanish(device, true); // its records run out
+            Vanish(device, true); // its records expire
         }
         else
         {
             if (OneIn(2))
             {
-                m_world.Withdraw(device); // else it is back before its records have run out: nobody hears of it
+                m_world.Withdraw(device); // otherwise it returns before its records expire, so browsers report nothing
             }
             Later(Upto(3000), [this, &device] { Appear(device); });
         }
@@ -204,7 +206,7 @@ private:
         Later(Upto(2000), [this, &device] { m_world.AnnounceBySsdp(device); });
         if (m_world.IsAnnounced(device))
         {
-            m_world.Announce(device); // of which browsers hear nothing
+            m_world.Announce(device); // browsers do not report a changed address
         }
         if (OneIn(2))
         {
@@ -214,7 +216,7 @@ private:
     void ChangeGuid()
     {
         Device& device = Any();
-        Vanish(device, !OneIn(4)); // else the same instance shows another guid
+        Vanish(device, !OneIn(4)); // otherwise the same instance has another guid
         device.guid = NewName("g");
         Later(Upto(3000), [this, &device] { Appear(device); });
     }
@@ -329,7 +331,7 @@ private:
             SetStatus(false, "", true);
             break;
         case 1:
-            SetStatus(false, address, true); // an access point for the set-up
+            SetStatus(false, address, true); // access point of the setup mode
             break;
         case 2:
             SetStatus(true, "", true); // no address yet
@@ -355,7 +357,7 @@ private:
         m_world.SetStatus(isPrimaryUp, address, hasInterface);
         if (isPrimaryUp && !OneIn(4))
         {
-            Later(Upto(1000), [this] { Advertise(); }); // as the sibling does at each rise
+            Later(Upto(1000), [this] { Advertise(); }); // like the hub service each time the network comes up
         }
     }
 
@@ -384,7 +386,7 @@ private:
     {
         return m_world.devices[Random(m_world.devices.size())];
     }
-    /// The first such one from any on.
+    /// The first device with SSDP after a random index.
     Device& AnyBySsdp()
     {
         const std::size_t first = Random(m_world.devices.size());
@@ -398,11 +400,11 @@ private:
         }
         return Any();
     }
-    /// What SSDP has of the network: products by both roads, some by SSDP alone, and renderers of other makers.
+    /// SSDP properties: products with mDNS and SSDP, some with SSDP only, and renderers of other manufacturers.
     void MakeSsdp(Device& device)
     {
         const std::uint64_t chance = Random(m_isCrowd ? 240 : 40);
-        const std::uint64_t others = m_isCrowd ? 20 : 3; // in a crowd enough that fetches wait for their turn
+        const std::uint64_t others = m_isCrowd ? 20 : 3; // with 300 devices enough renderers to queue fetches
         device.speaksSsdp = chance < others + 10;
         device.speaksMdns = chance >= others + 3;
         device.location = NewLocation(device);

@@ -7,9 +7,9 @@
 
 class World;
 
-/// A month of a product's life among its neighbours, all of it decided by one number: bursts in which anything may
-/// happen at any time, each followed by a quiet time, after which the pages must be right. Most lives have 30 devices
-/// around, one in twenty has 300. One to a process.
+/// A month of random events on the simulated network, determined by the seed: bursts of events, each followed by a
+/// quiet time, after which the service's resources are compared with the model. 30 devices; 300 for one seed in twenty.
+/// At most one per process.
 class Scenario final
 {
 public:
@@ -18,10 +18,10 @@ public:
     Scenario(const Scenario&) = delete;
     Scenario& operator=(const Scenario&) = delete;
 
-    /// Ends early with the first thing that is wrong, told in the result; empty: nothing was.
+    /// Stops at the first failure and returns its description. Empty: no failure.
     std::string Run(int days = 30);
 
-    std::uint64_t Events() const; ///< that the simulation has dispatched
+    std::uint64_t Events() const; ///< dispatched by the simulation
     std::size_t Comparisons() const;
 
 private:

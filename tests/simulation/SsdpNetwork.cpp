@@ -21,8 +21,8 @@ namespace
 const std::string kTarget = "urn:schemas-upnp-org:device:MediaRenderer:1";
 constexpr World::Milliseconds kTransferLimit{5'000};
 constexpr std::int64_t kBeforeRefreshMs = 90'000;
-constexpr std::int64_t kLongEnoughMs = 120'000; ///< to be heard and described
-constexpr int kTimedOut = 28;                   ///< of curl, as the next one
+constexpr std::int64_t kLongEnoughMs = 120'000; ///< longest time until a device is found and described
+constexpr int kTimedOut = 28;                   ///< curl's error codes
 constexpr int kRefused = 7;
 
 std::string Usn(const std::string& guid)
@@ -30,7 +30,7 @@ std::string Usn(const std::string& guid)
     return "uuid:" + guid + "::" + kTarget;
 }
 
-/// A device may have others' icons, too.
+/// Icon URLs repeat between devices on purpose.
 Model::Description DescriptionOf(const Device& device)
 {
     return {device.name, device.ecosystem, {{"icon" + std::to_string(device.version % 3), 1000 + device.version}}};
@@ -56,9 +56,9 @@ std::string Xml(const Model::Description& description)
 class World::SsdpNetwork::Adapter final : public Handler, public std::enable_shared_from_this<Adapter>
 {
 public:
-    Adapter(SsdpNetwork& road, bool isReady)
+    Adapter(SsdpNetwork& network, bool isReady)
         : m_isReady(isReady)
-        , m_road(road)
+        , m_network(network)
     {
     }
     void RegisterForSearchStatus(const Callback<SearchStatus>& callback) override
@@ -71,7 +71,7 @@ public:
     }
     bool StartSearch(const std::string& target, int timeoutSec) override
     {
-        return m_road.Search(shared_from_this(), target, timeoutSec);
+        return m_network.Search(shared_from_this(), target, timeoutSec);
     }
     void Report(ResourceStatus status, const std::string& guid, const std::string& location)
     {
@@ -82,38 +82,38 @@ public:
         m_status.Send(status, {});
     }
 
-    const bool m_isReady; ///< else its client could not be made
+    const bool m_isReady; ///< false: creating the GSSDP client failed
     bool m_hasSearched = false;
     std::map<std::string, std::string> m_known; ///< LOCATION by guid
     const std::int64_t m_sinceMs = NowMs();
 
 private:
-    SsdpNetwork& m_road;
+    SsdpNetwork& m_network;
     CallbackRegistry<SearchStatus> m_status;
     CallbackRegistry<ResourceStatus, std::string, std::string> m_resources;
 };
 
-/// Carries the descriptions.
+/// HTTP engine that delivers the devices' descriptions.
 class World::SsdpNetwork::Engine final : public FakeHttp
 {
 public:
-    explicit Engine(SsdpNetwork& road)
-        : m_road(road)
-        , m_world(road.m_world)
+    explicit Engine(SsdpNetwork& network)
+        : m_network(network)
+        , m_world(network.m_world)
     {
     }
     OpHandle Get(const std::string& url, const ResponseCallback& callback, std::uint32_t, const std::string&,
                  std::uint32_t, std::uint32_t, const Http::Headers&) override
     {
         const Transfer transfer{url, callback, m_world.m_model.Fetches(url, NowMs())};
-        if (m_road.OneIn(200))
+        if (m_network.OneIn(200))
         {
             m_world.m_model.Fetched(transfer.number, {});
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         }
         using Describes = Device::Describes;
-        const Device* const device = m_road.ServerOf(url);
-        const Describes how = device != nullptr && !m_road.m_isHanging ? device->describes : Describes::NEVER;
+        const Device* const device = m_network.ServerOf(url);
+        const Describes how = device != nullptr && !m_network.m_isHanging ? device->describes : Describes::NEVER;
         if (how == Describes::BUSY)
         {
             Wait(transfer);
@@ -131,10 +131,10 @@ private:
     {
         std::string url;
         ResponseCallback callback;
-        unsigned number; ///< the model's
+        unsigned number; ///< the model's fetch number
     };
 
-    /// A 503 that asks for a retry: a sleep if the bound allows one, and then the retry.
+    /// Simulates a 503 with Retry-After: sleeps if the bound on sleeping retries allows it, then retries.
     void Wait(const Transfer& transfer)
     {
         m_world.At(m_world.Upto(300),
@@ -164,11 +164,11 @@ private:
                    [this, transfer]
                    {
                        using Describes = Device::Describes;
-                       const Device* const device = m_road.ServerOf(transfer.url);
+                       const Device* const device = m_network.ServerOf(transfer.url);
                        std::optional<Model::Description> description;
                        Http::HSMResponse response;
                        response.status = 200;
-                       switch (device != nullptr && !m_road.m_isHanging ? device->describes : Describes::NEVER)
+                       switch (device != nullptr && !m_network.m_isHanging ? device->describes : Describes::NEVER)
                        {
                        case Describes::RIGHT:
                        case Describes::LATE:
@@ -194,16 +194,18 @@ private:
                            response.curlStatus = device != nullptr ? kTimedOut : kRefused;
                            break;
                        }
-                       const std::string told = std::to_string(response.status) + " " + response.body;
-                       m_world.Say(std::exchange(m_told[transfer.url], told) == told ? "" : transfer.url + ": " + told);
+                       const std::string summary = std::to_string(response.status) + " " + response.body;
+                       m_world.Say(std::exchange(m_lastResponses[transfer.url], summary) == summary
+                                       ? ""
+                                       : transfer.url + ": " + summary);
                        m_world.m_model.Fetched(transfer.number, description);
                        transfer.callback(response);
                    });
     }
 
-    SsdpNetwork& m_road;
+    SsdpNetwork& m_network;
     World& m_world;
-    std::map<std::string, std::string> m_told; ///< last, by URL
+    std::map<std::string, std::string> m_lastResponses; ///< last response by URL, to log only changes
     std::size_t m_sleeping = 0;
 };
 
@@ -211,13 +213,13 @@ World::SsdpNetwork::SsdpNetwork(World& world)
     : m_world(world)
 {
     Handler::s_factoryOverride.Set(this);
-    static SsdpNetwork* s_road = nullptr; // the factory is a plain function
-    s_road = this;
+    static SsdpNetwork* s_network = nullptr; // the factory is a plain function
+    s_network = this;
     SonarixService::SsdpDiscoveryProtocol::s_factoryOverride.Set(
         []() -> std::shared_ptr<SonarixService::SsdpDiscoveryProtocolIF>
         {
             return std::make_shared<SonarixService::SsdpDiscoveryProtocol>(
-                std::make_unique<Engine>(*s_road), [](const std::string&) { return s_road->m_link; });
+                std::make_unique<Engine>(*s_network), [](const std::string&) { return s_network->m_link; });
         });
 }
 
@@ -261,18 +263,19 @@ bool World::SsdpNetwork::Search(const std::shared_ptr<Adapter>& adapter, const s
     {
         adapter->Report(Handler::RESOURCE_UNAVAILABLE, guid, "");
     }
-    const std::weak_ptr<Adapter> ear = adapter;
+    const std::weak_ptr<Adapter> receiver = adapter;
     for (const Device& device : m_world.devices)
     {
         if (device.speaksSsdp && device.isThere && PassesMulticast() && !(device.isFaint && OneIn(2)))
         {
-            m_world.At(m_world.Upto(device.isFaint ? 12'000 : 3'000), [this, ear, &device] { Hear(ear, device); });
+            m_world.At(m_world.Upto(device.isFaint ? 12'000 : 3'000),
+                       [this, receiver, &device] { Receive(receiver, device); });
         }
     }
     m_world.At(seconds(timeoutSec) + m_world.Upto(999),
-               [this, ear]
+               [this, receiver]
                {
-                   if (const auto searching = ear.lock())
+                   if (const auto searching = receiver.lock())
                    {
                        m_world.m_model.SearchOver();
                        searching->Report(Handler::SEARCH_COMPLETE);
@@ -281,9 +284,9 @@ bool World::SsdpNetwork::Search(const std::shared_ptr<Adapter>& adapter, const s
     return true;
 }
 
-void World::SsdpNetwork::Hear(const std::weak_ptr<Adapter>& ear, const Device& device)
+void World::SsdpNetwork::Receive(const std::weak_ptr<Adapter>& receiver, const Device& device)
 {
-    const auto adapter = ear.lock();
+    const auto adapter = receiver.lock();
     if (!adapter || !adapter->m_hasSearched || !device.speaksSsdp || !device.isThere || !PassesMulticast())
     {
         return;
@@ -305,7 +308,7 @@ void World::SsdpNetwork::Hear(const std::weak_ptr<Adapter>& ear, const Device& d
 
 void World::SsdpNetwork::Announce(const Device& device)
 {
-    Hear(m_adapter, device);
+    Receive(m_adapter, device);
 }
 
 void World::SsdpNetwork::SayBye(const std::string& guid)
@@ -345,7 +348,7 @@ bool World::SsdpNetwork::PassesMulticast() const
     return m_passesMulticast || m_world.m_refreshMs - NowMs() < kBeforeRefreshMs;
 }
 
-/// Null where nobody is.
+/// The device at that LOCATION, or null.
 const Device* World::SsdpNetwork::ServerOf(const std::string& location) const
 {
     const auto device = std::find_if(m_world.devices.begin(), m_world.devices.end(),

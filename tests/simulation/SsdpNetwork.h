@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-/// SSDP on the simulated network: in the service, the adapter that searches and the engine that fetches descriptions;
-/// outside, the devices' answers, announcements and byebyes. Like the library, an adapter reports a device once in a
-/// search, and again only at another LOCATION.
+/// SSDP on the simulated network. Replaces the search adapter and the HTTP engine of the service, and simulates the
+/// responses, announcements and byebyes of devices. Like GSSDP, an adapter reports a device once per search, and again
+/// only with another LOCATION.
 class World::SsdpNetwork final : private SonarixService::GSSDPHandlerIF::Factory
 {
 public:
@@ -21,12 +21,12 @@ public:
 
     void Announce(const Device& device);
     void SayBye(const std::string& guid);
-    /// Without multicast nobody is heard; around a refresh it passes in any case.
+    /// Without multicast no device is reported. Around a refresh multicast always passes.
     void SetMulticast(bool passes);
-    /// The interface is made anew, or gets another address, without a word to the service.
+    /// The interface gets a new index or address without a notification to the service.
     void ChangeLink();
-    void SetHanging(bool isHanging); ///< every transfer, until its time limit
-    /// There has been all that it takes for the service to know `device`.
+    void SetHanging(bool isHanging); ///< every transfer runs into its timeout
+    /// Whether the service must have found and described `device` by now.
     bool MustKnow(const Device& device) const;
 
 private:
@@ -35,16 +35,16 @@ private:
 
     std::shared_ptr<SonarixService::GSSDPHandlerIF> Create(const std::string& iface) override;
     bool Search(const std::shared_ptr<Adapter>& adapter, const std::string& target, int timeoutSec);
-    void Hear(const std::weak_ptr<Adapter>& ear, const Device& device);
+    void Receive(const std::weak_ptr<Adapter>& receiver, const Device& device);
     bool PassesMulticast() const;
     const Device* ServerOf(const std::string& location) const;
     bool OneIn(std::uint64_t bound);
 
     World& m_world;
-    std::weak_ptr<Adapter> m_adapter; ///< that of the service, as long as it wants SSDP
+    std::weak_ptr<Adapter> m_adapter; ///< the service's adapter; expired while SSDP is stopped
     SonarixService::InterfaceAddresses m_link{{{0x0A000001, 0xFFFF0000}}, {}, 1};
-    SonarixService::InterfaceAddresses m_adapterLink; ///< as it was when the last adapter was made
-    std::int64_t m_multicastMs = 0;                   ///< since when it passes
+    SonarixService::InterfaceAddresses m_adapterLink; ///< m_link at the creation of the last adapter
+    std::int64_t m_multicastMs = 0;                   ///< since when multicast passes
     bool m_passesMulticast = true;
     bool m_isHanging = false;
 };

@@ -26,8 +26,8 @@ const std::string kClientName = "DiscoveryServiceAggregator-";
 const std::string kProductType = "_kova-lanyard._tcp";
 const std::string kClockType = "_kova-clock._tcp";
 constexpr std::int64_t kRefreshPeriodMs = 6LL * 3600 * 1000;
-/// Refreshes, searches and a fetch's wait for its turn take whole numbers of these: where no fact falls on one, counted
-/// from a refresh, nothing that the service does about it later falls on a refresh.
+/// Periods of refreshes, searches and queued fetches are multiples of this. Inputs avoid these multiples, counted from
+/// a refresh, so that no later action of the service coincides with a refresh.
 constexpr std::int64_t kStrideMs = 10'000;
 constexpr World::Milliseconds kGatewayLimit{10'000};
 constexpr World::Milliseconds kResolveLimit{5'000};
@@ -55,13 +55,13 @@ Sonarix::Product MakeProduct(const std::string& guid, const std::string& name, c
     return product;
 }
 
-/// Of a connection to a product; the prefix is all that such names have in common.
+/// The guid in the service name of a connection to a product. Only the prefix of such names is fixed.
 std::optional<std::string> GuidOf(const std::string& serviceName)
 {
     return serviceName.starts_with(kClientName) ? std::optional(serviceName.substr(kClientName.size())) : std::nullopt;
 }
 
-/// By the gateway's checks.
+/// Whether the gateway's check succeeds.
 bool IsServing(const Device* device)
 {
     return device != nullptr && device->answers != Device::Answers::ERROR && device->answers != Device::Answers::NEVER;
@@ -108,7 +108,7 @@ void World::StartService()
     Refresh();
 }
 
-/// A millisecond before the service asks its sources: what it does then must be known already.
+/// Runs one millisecond before a refresh, because the model needs to know the refresh before its effects.
 void World::Refresh()
 {
     simulation.Schedule(Milliseconds(m_refreshMs - 1 - NowMs()),
@@ -290,7 +290,7 @@ void World::Announce(Device& device)
     }
     if (IsOurs(device.name))
     {
-        device.name += " too"; // the later one gives way
+        device.name += " too"; // name collision: the later device is renamed
     }
     const std::map<std::string, std::string> txt{{"GUID", device.guid}, {"ECOSYS", device.ecosystem}};
     mdns.Announce(FakeMdns::MakeService(device.name, kProductType, txt, device.address));
@@ -307,7 +307,7 @@ bool World::IsAnnounced(const Device& device) const
     return mdns.Find(device.name, kProductType) != nullptr && !IsOurs(device.name);
 }
 
-/// The service publishes a port alone.
+/// The service publishes records without an address.
 bool World::IsOurs(const std::string& name) const
 {
     const MDNS::Service* const service = mdns.Find(name, kProductType);
@@ -385,7 +385,7 @@ void World::SetMulticast(bool passes)
     m_ssdp->SetMulticast(passes);
 }
 
-/// Null where no product of that guid is reached.
+/// The reachable device with that guid, or null.
 const Device* World::ServerOf(const std::string& guid) const
 {
     const auto device =
@@ -478,7 +478,7 @@ void World::Asked(const std::string& serviceName, const std::string& /*path*/)
     }
 }
 
-/// The answer to the oldest question; empty: an error.
+/// Answers the oldest request; empty `json`: an error.
 void World::Deliver(const std::string& guid, Milliseconds delay, const std::string& json)
 {
     At(delay,
@@ -494,7 +494,7 @@ void World::Deliver(const std::string& guid, Milliseconds delay, const std::stri
                connection->Fail(kInfo, 503, 0, "no answer");
                if (const auto peer = m_peers.find(guid); peer != m_peers.end() && !isReached)
                {
-                   peer->second.hasFailed = true; // the real gateway checks often enough to see that, too
+                   peer->second.hasFailed = true; // the real gateway's checks also detect this
                    CheckSoon(guid);
                }
            }
@@ -517,7 +517,7 @@ void World::Told(const std::string& how, const std::string& json)
     }
 }
 
-/// The service itself is asked, through the gateway.
+/// A request of the own information, which the gateway passes to the service.
 void World::DeliverOwn(const std::string& guid)
 {
     At(Upto(20),
@@ -583,13 +583,13 @@ void World::Check(const std::string& guid)
     const Device* const device = ServerOf(guid);
     const bool hasFailed = std::exchange(peer.hasFailed, false);
     const bool isServed = IsServing(device) && !hasFailed;
-    const bool isOther = device != std::exchange(peer.servedBy, device); // the connection to the one before has broken
+    const bool isOther = device != std::exchange(peer.servedBy, device); // the connection to the previous device broke
     const bool isThere = guid == Model::kOwn || (isServed && !(isOther && peer.isThere.value_or(false)));
     if (peer.isThere != isThere || !isThere)
     {
         if (isThere && peer.isThere == false && simulation.Random(2) == 0)
         {
-            Push(guid); // the subscription is renewed
+            Push(guid); // a renewed subscription is notified
         }
         if (peer.isThere != isThere)
         {
@@ -610,7 +610,7 @@ void World::Check(const std::string& guid)
     }
 }
 
-/// When the time of a product is over, to the second: it must be given up.
+/// Checks the connections in the second after a product's offline time limit.
 void World::ProbeGivenUp()
 {
     const std::int64_t overMs = (MonotonicClock::NowSec() + Model::kGiveUpAfter + 1) * 1000;
@@ -654,7 +654,8 @@ void World::CompareTable(const Sonarix::ProductList& list)
         const std::string expected = row < table.size() ? table[row] : "nothing";
         if (seen != expected)
         {
-            Fail("row " + std::to_string(row) + "\n  is        " + seen + "\n  should be " + expected);
+            Fail(std::string("row ").append(std::to_string(row)) + "\n  is        " + seen + "\n  should be " +
+                 expected);
         }
     }
 }
@@ -691,7 +692,7 @@ void World::CompareConnections()
         {
             Fail("no connection to " + guid);
         }
-        // One that a refresh has listed as ONLINE meanwhile is no reason for a pass of the reaper.
+        // A row that a refresh set to ONLINE meanwhile does not start the reaper.
         else if (const Model::Row* const row = m_model.Find(guid);
                  row != nullptr && !row->isOnline && since && MonotonicClock::NowSec() - *since > Model::kGiveUpAfter &&
                  peer->second.isThere)
@@ -701,7 +702,7 @@ void World::CompareConnections()
     }
 }
 
-/// What must have come about, given the time.
+/// Checks the effects that must have occurred by now.
 void World::CompareWithWorld()
 {
     for (const auto& [guid, peer] : m_peers)
@@ -714,8 +715,8 @@ void World::CompareWithWorld()
             guid != Model::kOwn && !IsServing(device) && std::none_of(devices.begin(), devices.end(), speaksForIt);
         const bool isRight = guid == Model::kOwn || (IsServing(device) && (device->answers == Device::Answers::RIGHT ||
                                                                            device->answers == Device::Answers::LATE));
-        // One that was given up is asked anew at each report, but only until the next pass of the reaper, which can
-        // come before any answer or heartbeat: then its row stays as it is, and a refresh may have made it ONLINE.
+        // An expired product is contacted again at each report, but only until the next pass of the reaper, which can
+        // come before any response or heartbeat. Then the row stays unchanged, and a refresh may have set it to ONLINE.
         const std::optional<std::int64_t> since = m_model.OfflineSince(guid);
         const bool isGivenUp = since && MonotonicClock::NowSec() - *since >= Model::kGiveUpAfter;
         if (row == nullptr || (!isGivenUp && ((isRight && !row->isOnline) || (isAway && row->isOnline))))

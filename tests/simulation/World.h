@@ -27,10 +27,10 @@ namespace SonarixService
 class DiscoveryServiceController;
 }
 
-/// A neighbour on the network.
+/// A simulated device.
 struct Device
 {
-    enum class Answers ///< to the question for its own description
+    enum class Answers ///< how it responds to requests of /sonarix/info
     {
         RIGHT,
         LATE,
@@ -40,12 +40,12 @@ struct Device
         NEVER,
     };
 
-    enum class Describes ///< at its LOCATION
+    enum class Describes ///< how it serves its description
     {
         RIGHT,
         LATE,
-        BUSY,     ///< after a retry
-        ANYTHING, ///< some other document
+        BUSY,     ///< responds after a retry
+        ANYTHING, ///< a document of another kind
         GARBAGE,
         NOTHING,
         NOT_FOUND,
@@ -53,27 +53,26 @@ struct Device
     };
 
     std::string guid;
-    std::string name; ///< of its mDNS instances, and in its descriptions
+    std::string name; ///< instance name in mDNS and friendly name in descriptions
     std::string address;
-    std::string ecosystem = "ORB2"; ///< empty: of another maker
-    std::string clockName;          ///< of its clock service; empty: it has none
+    std::string ecosystem = "ORB2"; ///< empty: another manufacturer
+    std::string clockName;          ///< instance name of its clock service; empty: none
     std::string claims;
     Answers answers = Answers::RIGHT;
-    bool isThere = false;    ///< reached by the gateway
-    bool isTalkative = true; ///< its description holds its name and address
+    bool isThere = false;    ///< reachable for the gateway
+    bool isTalkative = true; ///< /sonarix/info contains name and address
     bool speaksMdns = true;
     bool speaksSsdp = false;
-    bool isFaint = false; ///< many of its answers to searches are late, or lost
+    bool isFaint = false; ///< many of its search responses are late or lost
     std::string location; ///< of its description
     Describes describes = Describes::RIGHT;
     int version = 0;
 };
 
-/// The whole service under the simulated engine, with what surrounds it: a LAN with devices, the mDNS daemon, the
-/// gateway, the network service, the processes that post descriptions. It only does what it is told to and what a
-/// gateway and a LAN do by themselves: carry questions, answers and pushes, check what is connected, resolve. Each
-/// fact that reaches the service is told to the model, and has an instant of its own.
-/// One to a process, since the service is never torn down.
+/// The whole service under the simulated engine with its environment: LAN devices, mDNS daemon, gateway, network
+/// service and the processes that post descriptions. It executes the scenario's events and what gateway and LAN do on
+/// their own: transport of requests, responses and notifications, heartbeats, resolving. Each input of the service has
+/// its own instant and is also passed to the model. At most one per process, because the service is never destroyed.
 class World final : private FakePorticoListener
 {
 public:
@@ -86,12 +85,12 @@ public:
     World& operator=(const World&) = delete;
 
     void StartService();
-    /// `fact` after about `delay`, at an instant at which nothing else happens, and after what the service itself has
-    /// to do at that instant.
+    /// Runs `fact` after about `delay`, at an instant without other inputs and after the service's own work of that
+    /// instant.
     void At(Milliseconds delay, std::function<void()> fact);
-    void Say(const std::string& event); ///< for the story of a failure
+    void Say(const std::string& event); ///< adds a line to the history that a failure prints
 
-    // --- the product's own processes ---
+    // --- other processes of the product ---
     void SetStatus(bool isPrimaryUp, const std::string& address, bool hasInterface);
     void FailFirstStatus();
     void Advertise(const std::string& name);
@@ -101,23 +100,23 @@ public:
     void SetDaemon(bool isRunning);
 
     // --- devices ---
-    void Announce(Device& device); ///< its services, with records as they are now
+    void Announce(Device& device); ///< publishes its services with the current records
     void Withdraw(const Device& device);
     bool IsAnnounced(const Device& device) const;
     void ReportAgain(const Device& device, bool wasGone);
-    void Mute(const Device& device); ///< can't be resolved until it is announced again
+    void Mute(const Device& device); ///< cannot be resolved until it is announced again
     void AnnounceBySsdp(const Device& device);
     void SayByeBySsdp(const std::string& guid);
     void SetMulticast(bool passes); ///< of SSDP
     void ChangeLinkUnsaid();
     void SetDescriptionsHanging(bool areHanging);
-    /// Whether it is there, its guid or its answers may have changed.
+    /// Schedules a gateway check, after a change of the device's presence, guid or responses.
     void CheckSoon(const std::string& guid);
-    void Push(const std::string& guid); ///< the device's description to its subscribers
+    void Push(const std::string& guid); ///< notifies the device's subscribers of its /sonarix/info
 
-    /// Once all has had the time to settle: all pages with the model, and with the world.
+    /// Compares the service's resources with the model and with the devices. Requires that all events have settled.
     void Compare();
-    /// What went wrong first, with what happened before; empty: nothing.
+    /// The first failure with the preceding history; empty: no failure.
     const std::string& Failure() const
     {
         return m_failure;
@@ -135,18 +134,18 @@ public:
     IL::Simulation simulation;
     FakeMdns mdns;
     std::vector<Device> devices;
-    std::int64_t lastChangeMs = 0; ///< of the script, or a refresh
+    std::int64_t lastChangeMs = 0; ///< time of the last scenario event or refresh
 
 private:
     class SsdpNetwork;
-    /// What the gateway knows of a product that the service is connected to.
+    /// The gateway's state of a product to which the service is connected.
     struct Peer
     {
         std::shared_ptr<FakeConnection> connection;
         const Device* servedBy = nullptr;
-        std::optional<bool> isThere; ///< what it was told last
+        std::optional<bool> isThere; ///< last heartbeat sent to the service
         bool isCheckDue = false;
-        bool hasFailed = false; ///< a question was not carried, since the last check
+        bool hasFailed = false; ///< a request failed since the last check
     };
 
     void Opened(const std::shared_ptr<FakeConnection>& connection) override;
@@ -183,17 +182,17 @@ private:
     std::shared_ptr<FakeConnection> m_gateway; ///< the service's main connection
     std::shared_ptr<FakeConnection> m_childEndpoint;
     std::map<std::string, Peer> m_peers;          ///< by guid
-    std::map<std::string, std::string> m_answers; ///< the last by guid
-    std::set<std::int64_t> m_instants;            ///< taken, ms
+    std::map<std::string, std::string> m_answers; ///< last response by guid
+    std::set<std::int64_t> m_instants;            ///< instants in use, ms
     std::set<std::pair<std::string, std::string>> m_mute;
     std::string m_status;
-    std::string m_ownInfo; ///< as notified last
+    std::string m_ownInfo; ///< last notification of /sonarix/info
     bool m_isNetworkUp = false;
     bool m_isGatewayRunning = true;
     bool m_isDaemonRunning = true;
     unsigned m_gatewayRun = 0;
     std::int64_t m_refreshMs = 0;
-    std::size_t m_lists = 0; ///< notified
+    std::size_t m_lists = 0; ///< number of list notifications
     std::size_t m_comparisons = 0;
     std::string m_failure;
     std::deque<std::string> m_story;

@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-// A few short lives, for each build; tests/simulation/Main.cpp runs long ones.
-TEST(SimulationTest, AfterEachQuietTimeThePagesAreAsTheWorldHasIt)
+// A few short scenarios, for every build. tests/simulation/Main.cpp runs long ones.
+TEST(SimulationTest, ServiceMatchesModelAfterEachQuietTime)
 {
     SeedRunner::ForEach(SeedRunner::Range(1, 5), [](std::uint64_t seed) { EXPECT_EQ(Scenario(seed).Run(1), ""); });
 }
