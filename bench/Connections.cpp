@@ -76,7 +76,7 @@ int main(int argc, char** argv)
     NotifyTargetTaskIF* const task = IL::CreateTask("Bench", "");
 
     std::vector<std::shared_ptr<PorticoClientIF>> clients;
-    bool isWhole = ConnectUpTo(1, gateway.Port(), task, clients); // what the first one brings along is nobody's share
+    bool isWhole = ConnectUpTo(1, gateway.Port(), task, clients); // excludes the cost of the first connection
     const long ownBase = PrivateDirty(::getpid());
     const long gatewayBase = PrivateDirty(gateway.Pid());
     for (std::size_t count = 100; isWhole && clients.size() < most; count *= 3)

@@ -11,7 +11,7 @@ from sonarix_bench.figures import Row, markdown, of_program  # noqa: E402
 
 
 class Figures(unittest.TestCase):
-    def test_a_demand_holds_for_the_median_and_never_for_what_did_not_happen(self):
+    def test_limit_applies_to_median_and_fails_for_missing_samples(self):
         self.assertTrue(Row.of("b", "n", [1.0, 9.0, 1.4], limit="<= 1.5").holds)
         self.assertFalse(Row.of("b", "n", [1.0, None, 1.4], limit="<= 1.5").holds)
         self.assertFalse(Row("b", "n", 0.999, limit=">= 1").holds)
@@ -31,7 +31,7 @@ class Figures(unittest.TestCase):
 
 
 class Lists(unittest.TestCase):
-    def test_counts_who_is_online_and_the_product_itself_apart(self):
+    def test_online_rows_are_counted_without_the_own_row(self):
         def row(state, guid):
             return f'{{"state":"{state}","productinfo":{{"guid":"{guid}"}}}}'
 
@@ -41,7 +41,7 @@ class Lists(unittest.TestCase):
         self.assertEqual(_online(",".join([row("OFFLINE", "own"), *rows[:2]]).encode(), own), (1, 0))
         self.assertEqual(_online(b'{"products":[]}', own), (0, 0))
 
-    def test_first_median_and_last_of_what_arrives_in_lumps(self):
+    def test_arrivals_give_first_median_and_last_of_batches(self):
         arrivals = Arrivals(4)
         for found, seconds in ((1, 0.5), (1, 0.6), (3, 0.7), (2, 0.8), (4, 0.9)):
             self.assertFalse(arrivals.complete.is_set())

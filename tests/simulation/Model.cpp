@@ -234,7 +234,7 @@ void Model::SsdpBegins(bool isForAnotherLink)
 {
     if (complaint.empty() && !m_ssdp.empty() && !isForAnotherLink)
     {
-        complaint = "SSDP began anew for nothing";
+        complaint = "SSDP restarted without a reason";
     }
     EndSsdp();
 }

@@ -18,6 +18,12 @@ from terminal import Terminal  # noqa: E402
 
 SECONDS = 15
 TESTING_TYPE = "_kova_testing._tcp"
+NOTHING = "( 0 products )"
+SSDP_HEAD = "---  Remote SSDP Product list -----"
+MDNS_HEAD = " ---  Testing devices list -----"
+ADD = "adddevice guid=1111 friendlyname=\"Living Room\" ipaddress=192.0.2.7 ecosystem=ORB2"
+ROW = "FRIENDLYNAME: Living Room IP: 192.0.2.7 GUID: 1111 ECOSYSTEM: ORB2"
+CLEARED = ["Offline device list cleared"]
 LISTENER = f"""
 import sys
 sys.path.insert(0, {EXAMPLES!r})
@@ -79,43 +85,19 @@ class Console(LabCase):
         for lines in self.sockets:
             self.heard(lines, lambda line: line == f"{state} {guid}")
 
-    def test_every_command(self):
-        self.assertEqual(len(self.type("help")), 14)
-        nothing, ssdp_head, mdns_head = "( 0 products )", "---  Remote SSDP Product list -----", " ---  Testing devices list -----"
-        row = "FRIENDLYNAME: Living Room IP: 192.0.2.7 GUID: 1111 ECOSYSTEM: ORB2"
-        add = "adddevice guid=1111 friendlyname=\"Living Room\" ipaddress=192.0.2.7 ecosystem=ORB2"
-        cleared = ["Offline device list cleared"]
-
-        self.assertEqual(self.type("sonarix ssdp list"), [ssdp_head, nothing, "", " ---  Testing device list -----", nothing])
-        self.assertEqual(self.type("SONARIX ssdp  Start"), ["SSDP discovery is already running"])
-        self.assertEqual(self.type("sonarix ssdp " + add), [row, "( 1 products )"])
-        self.announced("ONLINE", "1111")
-        self.assertEqual(self.type("sonarix ssdp removedevice 192.0.2.8"), [row, "( 1 products )"])
-        self.assertEqual(self.type("sonarix ssdp removedevice 192.0.2.7"), [nothing])
-        self.announced("OFFLINE", "1111")
-        self.type("sonarix ssdp adddevice guid=2222")
-        self.announced("ONLINE", "2222")
-        self.assertEqual(self.type("sonarix ssdp clearall"), cleared)
-        self.announced("OFFLINE", "2222")
-        self.assertEqual(self.type("sonarix ssdp stop"), [])
-        self.assertEqual(self.type("sonarix ssdp list"), ["( SSDP not running - here is the Testing device list )", nothing])
-        self.assertEqual(self.type("sonarix ssdp stop"),
-                         ["SSDP discovery is already stopped", "( Here is the Testng device list )", nothing])
-        self.assertEqual(self.type("sonarix ssdp start"), [])
-        self.assertEqual(self.type("sonarix ssdp list")[0], ssdp_head)
-
+    def test_mdns_commands(self):
         bedroom = self.lab.product("bedroom")
         listed = self.type("sonarix mdns list")
         self.assertIn(bedroom.guid, "".join(listed))
         self.assertEqual(listed[0], f"---  Remote devices list  for service name :{RENDERER_TYPE}-----")
-        self.assertEqual(listed[-5:], ["---  Remote devices list  for service name :_kova-clock._tcp-----", nothing, "",
-                                       mdns_head, nothing])
+        self.assertEqual(listed[-5:], ["---  Remote devices list  for service name :_kova-clock._tcp-----", NOTHING, "",
+                                       MDNS_HEAD, NOTHING])
         self.assertEqual(self.type("sonarix mdns list _foo._tcp"),
-                         ["---  Remote devices list  for service name :_foo._tcp-----", nothing, "", mdns_head, nothing])
+                         ["---  Remote devices list  for service name :_foo._tcp-----", NOTHING, "", MDNS_HEAD, NOTHING])
         self.assertEqual(self.type("sonarix mdns start"), ["MDNS discovery is already running"])
-        self.assertEqual(self.type("sonarix mdns " + add), [row, "( 1 products )"])
+        self.assertEqual(self.type("sonarix mdns " + ADD), [ROW, "( 1 products )"])
         self.announced("ONLINE", "1111")
-        self.assertEqual(self.type("sonarix mdns removedevice 192.0.2.7"), [nothing])
+        self.assertEqual(self.type("sonarix mdns removedevice 192.0.2.7"), [NOTHING])
         self.announced("OFFLINE", "1111")
         self.assertEqual(self.type(f"sonarix mdns addservice type={TESTING_TYPE} name=testing1 domain=local guid=3"), [])
         self.assertEqual(self.published("bedroom", "testing1", TESTING_TYPE, SECONDS)[1][b"guid"], b"3")
@@ -124,21 +106,42 @@ class Console(LabCase):
 
         self.type("sonarix mdns adddevice guid=4444")
         self.announced("ONLINE", "4444")
-        self.assertEqual(self.type("sonarix mdns clearall"), cleared)
+        self.assertEqual(self.type("sonarix mdns clearall"), CLEARED)
         self.announced("OFFLINE", "4444")
         self.announced("OFFLINE", bedroom.guid)
         rows = self.lab.get("kitchen", "/sonarix/products")["products"]  # unchanged by the command
         self.assertEqual({row["productinfo"]["guid"]: row["state"] for row in rows}[bedroom.guid], "ONLINE")
 
         self.assertEqual(self.type("sonarix mdns stop"), [])
-        self.assertEqual(self.type("sonarix mdns list"), ["( MDNS not running! )", "", mdns_head, nothing])
+        self.assertEqual(self.type("sonarix mdns list"), ["( MDNS not running! )", "", MDNS_HEAD, NOTHING])
         self.assertEqual(self.type("sonarix mdns stop"),
-                         ["MDNS discovery is already stopped", "( Here is the Testing device list )", nothing])
+                         ["MDNS discovery is already stopped", "( Here is the Testing device list )", NOTHING])
         self.assertEqual(self.type("sonarix mdns start"), [])
         deadline = time.monotonic() + SECONDS
         while bedroom.guid not in "".join(self.type("sonarix mdns list")):
             self.assertLess(time.monotonic(), deadline, "mDNS does not find the bedroom again")
 
+    def test_ssdp_commands(self):
+        self.assertEqual(self.type("sonarix ssdp list"), [SSDP_HEAD, NOTHING, "", " ---  Testing device list -----", NOTHING])
+        self.assertEqual(self.type("SONARIX ssdp  Start"), ["SSDP discovery is already running"])
+        self.assertEqual(self.type("sonarix ssdp " + ADD), [ROW, "( 1 products )"])
+        self.announced("ONLINE", "1111")
+        self.assertEqual(self.type("sonarix ssdp removedevice 192.0.2.8"), [ROW, "( 1 products )"])
+        self.assertEqual(self.type("sonarix ssdp removedevice 192.0.2.7"), [NOTHING])
+        self.announced("OFFLINE", "1111")
+        self.type("sonarix ssdp adddevice guid=2222")
+        self.announced("ONLINE", "2222")
+        self.assertEqual(self.type("sonarix ssdp clearall"), CLEARED)
+        self.announced("OFFLINE", "2222")
+        self.assertEqual(self.type("sonarix ssdp stop"), [])
+        self.assertEqual(self.type("sonarix ssdp list"), ["( SSDP not running - here is the Testing device list )", NOTHING])
+        self.assertEqual(self.type("sonarix ssdp stop"),
+                         ["SSDP discovery is already stopped", "( Here is the Testng device list )", NOTHING])
+        self.assertEqual(self.type("sonarix ssdp start"), [])
+        self.assertEqual(self.type("sonarix ssdp list")[0], SSDP_HEAD)
+
+    def test_unknown_command_and_killed_service(self):
+        self.assertEqual(len(self.type("help")), 14)
         self.assertEqual(self.type("sonarix tea"), ["unknown command: sonarix tea"])
         self.terminal.type("", "ctrl-d")
         self.assertEqual(self.terminal.end(), 0)

@@ -25,7 +25,7 @@ class Crowd(LabCase):
         super().setUp()
         self.wait_quiet()
 
-    def test_half_goes_without_goodbye_and_returns(self):
+    def test_half_of_the_crowd_leaves_without_goodbye_and_returns(self):
         gone, staying = self.lab.crowd.guids[:CROWD // 2], self.lab.crowd.guids[CROWD // 2:]
         observers = [product.name for product in self.lab.products]
         first = None

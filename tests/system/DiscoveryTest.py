@@ -12,7 +12,7 @@ CHILDREN = "/sonarix/private/products"
 class Discovery(LabCase):
     shape = {"products": 3, "strangers": 1}
 
-    def test_each_product_lists_what_the_others_say_of_themselves(self):
+    def test_rows_equal_own_information_of_the_products(self):
         for observer in ("kitchen", "bedroom", "office"):
             rows = self.lab.table(observer)
             self.assertEqual(set(rows), {"kitchen", "bedroom", "office"})
@@ -70,11 +70,11 @@ class Discovery(LabCase):
                     (tables.row(observer, "kitchen") for observer in ("kitchen", "bedroom", "office")))
 
             self.lab.rename("kitchen", new)
-            seconds = self.lab.wait_until(renamed, 15, f"everybody lists the kitchen as {new}")
+            seconds = self.lab.wait_until(renamed, 15, f"all products list the kitchen as {new}")
             print(f"new name listed by all after {seconds:.1f} s")
             # The old record disappears shortly after the new one appears. The tables must not keep it.
             time.sleep(3)
-            self.lab.wait_until(renamed, 10, f"everybody still lists the kitchen as {new}")
+            self.lab.wait_until(renamed, 10, f"all products still list the kitchen as {new}")
             self.stays(renamed, 3, "the new name")
             self.assert_published("kitchen")
 
@@ -104,7 +104,7 @@ class Discovery(LabCase):
         change("delete", rear, [bass])
         change("delete", bass, [])
 
-    def test_what_is_no_child_is_answered_in_words(self):
+    def test_invalid_child_gets_an_error_message(self):
         before = self.lab.get("kitchen", "/sonarix/info")
         for verb in ("post", "put", "delete"):
             for body, words in (('{"state":', "the body is no JSON"), ("[1]", "the JSON is no object"),

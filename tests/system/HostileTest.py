@@ -4,7 +4,7 @@ import json
 import subprocess
 import unittest
 
-from labcase import LabCase, RENDERER_TYPE, everybody_online, grave
+from labcase import LabCase, RENDERER_TYPE, all_products_online, grave
 
 OBSERVERS = ("kitchen", "bedroom", "office")
 NEIGHBOUR = "stranger-1"
@@ -66,7 +66,7 @@ class Hostile(LabCase):
                 for name in OBSERVERS:
                     lines = self.wait_for_log(name, offsets[name], f"Removed() s.id: {instance}")
                     self.assert_one_grave_line(lines)
-                self.assertTrue(self.lab.look(everybody_online))
+                self.assertTrue(self.lab.look(all_products_online))
                 self.assertTrue(self.lab.look(self.right_rows))
                 for name in OBSERVERS:
                     self.assertEqual(self.lab.get(name, "/sonarix/info")["guid"], self.lab.product(name).guid)
@@ -111,7 +111,7 @@ class Hostile(LabCase):
         for name in OBSERVERS:
             self.wait_for_log(name, offsets[name], "HandleProductUpdate: guid squatter")
             rows = {row["productinfo"].get("guid"): row for row in self.lab.get(name, "/sonarix/products")["products"]}
-            self.assertEqual(rows["squatter"]["state"], "OFFLINE", "nobody answers as that")
+            self.assertEqual(rows["squatter"]["state"], "OFFLINE", "no product responds with that guid")
             self.assertEqual(rows["squatter"]["productinfo"]["friendlyname"], "Kitchen #2")
         self.assertTrue(self.lab.look(self.right_rows))
         publisher.kill()

@@ -60,7 +60,7 @@ class Ipc(LabCase):
         for watch in (here, there):
             self.heard(watch, "- Kitchen clock")
 
-    def test_records_end_with_a_word_alone(self):
+    def test_records_end_with_their_client(self):
         held = self.staying("kitchen", "sonarix-ipc", "add", HTTP, "Kitchen page", "80", "path=/")
         self.seen("Kitchen page", HTTP, {"path": "/"})
         held.kill()

@@ -98,9 +98,9 @@ class CannotGoOn(unittest.TestCase):
         self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)
         return result.stderr
 
-    def test_one_line_says_what_is_needed(self):
-        nobody = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--"]
-        self.assertIn("run as root", self.says("--bin-dir", BIN_DIR, prefix=nobody))
+    def test_missing_requirement_is_printed_in_one_line(self):
+        unprivileged = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--"]
+        self.assertIn("run as root", self.says("--bin-dir", BIN_DIR, prefix=unprivileged))
         self.assertIn("build first", self.says("--bin-dir", "/nonexistent"))
         self.assertIn("can't write logs", self.says("--bin-dir", BIN_DIR, "--logs", "/proc/logs"))
         self.assertIn("no product \"cupboard\"", self.says("--bin-dir", BIN_DIR, "--kill", "cupboard"))
@@ -118,7 +118,7 @@ class Table(unittest.TestCase):
             self.tables.add(name, f"guid-{name}", accessory=False)
         self.tables.add("remote", "guid-remote", accessory=True)
 
-    def test_missing_asks_hosts_for_each_other_and_accessories_for_hosts(self):
+    def test_hosts_must_list_hosts_and_accessories_must_list_hosts(self):
         both = [product("guid-kitchen"), product("guid-bedroom")]
         self.assertEqual(len(self.tables.missing()), 4)
         for name in ("kitchen", "bedroom"):
@@ -129,7 +129,7 @@ class Table(unittest.TestCase):
         self.tables.set_list("remote", both)
         self.assertEqual(self.tables.missing(), [])
 
-    def test_only_what_a_person_sees_is_a_change(self):
+    def test_only_displayed_fields_count_as_changes(self):
         self.seconds = 1.5
         self.tables.set_list("kitchen", [product("guid-bedroom", "OFFLINE", "Bedroom")])
         self.seconds = 2.5
@@ -147,11 +147,11 @@ class Table(unittest.TestCase):
     def test_drawn(self):
         self.seconds = 4.25
         self.tables.set_own("kitchen", {"configurations": {"currentProductMode": "HOST"}, "ipaddress": "10.77.0.11"})
-        self.tables.set_list("bedroom", [product("guid-kitchen"), product("somebody", "OFFLINE")])
+        self.tables.set_list("bedroom", [product("guid-kitchen"), product("other", "OFFLINE")])
         wide = table_lines(self.tables, 200)
         self.assertEqual(wide[1].split(), ["PRODUCT", "MODE", "ADDRESS", "PROTOCOL", "kitchen", "bedroom", "remote"])
         self.assertEqual(wide[2].split(), ["kitchen", "HOST", "10.77.0.11", "MDNS", ".", "ONLINE", "4.2", "-"])
-        self.assertEqual(wide[-1].split(), ["somebody", "-", "-", "MDNS", "-", "OFFLINE", "4.2", "-"])
+        self.assertEqual(wide[-1].split(), ["other", "-", "-", "MDNS", "-", "OFFLINE", "4.2", "-"])
 
     def test_a_crowd_is_counted(self):
         crowd = [f"crowd-{index:05}" for index in range(20)]

@@ -52,7 +52,7 @@ class Once(unittest.TestCase):
         self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
         self.assertIn("every other product lists kitchen as OFFLINE", result.stdout.splitlines()[-1])
 
-    def test_time_limit_says_who_is_missing(self):
+    def test_time_limit_names_missing_products(self):
         result = self.run_lab("--products", "2", "--once", "--time-limit", "0.01")
         self.assertEqual(result.returncode, 1)
         self.assertEqual(len(result.stderr.splitlines()), 1)

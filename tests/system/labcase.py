@@ -1,4 +1,4 @@
-"""What the system tests share: a laboratory for all cases of a class, and looks at what products publish and log."""
+"""Base class of the system tests: one laboratory per class, and access to published records and logs."""
 import os
 import re
 import selectors
@@ -23,12 +23,12 @@ TXT_KEYS = {"GUID", "MANUFACTURER", "ECOSYS", "PTYPE", "PNAME", "PCOLOR", "SWVER
             "GroupingVersion"}
 
 
-def everybody_online(tables):
+def all_products_online(tables):
     return not tables.missing()
 
 
 class LabCase(unittest.TestCase):
-    """One laboratory for the whole class, as `shape` has it; each case leaves it with everybody ONLINE."""
+    """A test class with one laboratory of the given `shape`. Each test must leave it with all products ONLINE."""
 
     shape = {"products": 3}
     convergence_seconds = CONVERGENCE_SECONDS
@@ -45,7 +45,7 @@ class LabCase(unittest.TestCase):
                       on_change=lambda seconds, text: print(f"{seconds:9.3f} s  {text}", file=changes))
         cls.lab.open()
         cls.addClassCleanup(cls.lab.close)
-        cls.lab.wait_until(everybody_online, cls.convergence_seconds, "everybody ONLINE at the start")
+        cls.lab.wait_until(all_products_online, cls.convergence_seconds, "all products ONLINE at the start")
 
     def setUp(self):
         print("---", self.id(), file=self.changes)
@@ -58,7 +58,7 @@ class LabCase(unittest.TestCase):
     # ---- programs ------------------------------------------------------------------------------------------------
 
     def staying(self, product, *command, **options):
-        """A program in a product until the end of the case, unless it ends by itself; its output is to be read."""
+        """Starts a program in a product until the end of the test. The test reads its output."""
         program = self.enterContext(self.lab.product(product).popen(command, stdout=subprocess.PIPE, **options))
         self.addCleanup(program.kill)
         return program
@@ -66,11 +66,11 @@ class LabCase(unittest.TestCase):
     # ---- states --------------------------------------------------------------------------------------------------
 
     def all_online(self, seconds, what):
-        """Every product lists every other as ONLINE, within that time; how long it took."""
-        return self.lab.wait_until(everybody_online, seconds, f"everybody ONLINE {what}")
+        """Waits until every product lists every other as ONLINE. Returns the seconds."""
+        return self.lab.wait_until(all_products_online, seconds, f"all products ONLINE {what}")
 
     def stays(self, condition, seconds, what):
-        """The condition holds now, and through all changes of that time."""
+        """Checks that the condition holds for that time."""
         try:
             self.lab.wait_until(lambda tables: not condition(tables), seconds)
         except LabTimeout:
@@ -103,7 +103,7 @@ class LabCase(unittest.TestCase):
         return self.fail(f"{observer} does not resolve \"{instance}\" of {service_type} within {seconds} s: {seen}")
 
     def withdrawn(self, observer, instance, service_type, seconds=15):
-        """avahi-browse in a product's namespace no longer has the record, waited for."""
+        """Waits until avahi-browse in a product does not find the record."""
         deadline = time.monotonic() + seconds
         while time.monotonic() < deadline:
             browse = self.lab.run(observer, ["avahi-browse", "-pt", service_type], timeout=seconds)
@@ -138,7 +138,8 @@ class LabCase(unittest.TestCase):
             return file.read().decode(errors="replace").splitlines()
 
     def wait_for_log(self, name, offset, text, seconds=10):
-        """Waits until a line with the text has come, or lines with several in that order; those since the offset."""
+        """Waits for a log line with the text after `offset`, or for lines with several texts in this order. Returns all
+        lines since the offset."""
         deadline = time.monotonic() + seconds
         while True:
             lines = self.log_since(name, offset)
@@ -156,7 +157,7 @@ def grave(lines):
 
 
 def lines_until(pipe, deadline):
-    """The lines of a pipe up to a point of time."""
+    """The lines of a pipe until `deadline`."""
     pending = b""
     with selectors.DefaultSelector() as selector:
         selector.register(pipe, selectors.EVENT_READ)
@@ -169,7 +170,7 @@ def lines_until(pipe, deadline):
 
 
 def unescape(text):
-    """avahi-browse's form of bytes: \\ and three decimal digits, or \\ and the character itself."""
+    """Decodes avahi-browse's escapes: \\ and three decimal digits, or \\ and the character."""
     return re.sub(rb"\\(\d{3}|.)", lambda match: bytes([int(match[1])]) if match[1].isdigit() and len(match[1]) == 3
                   else match[1], text.encode(), flags=re.DOTALL)
 

@@ -19,7 +19,7 @@ GROUP = ("239.255.255.250", 1900)
 TYPE = "urn:schemas-upnp-org:device:MediaRenderer:1"
 INTERFACE = "eth0"
 SENDERS = 1000
-ADDRESSES = "10.77.128"  # on the link, and nobody's
+ADDRESSES = "10.77.128"  # unused addresses on the link
 PACKETS_A_SECOND = 15000
 
 

@@ -78,7 +78,7 @@ class CheckLayers(unittest.TestCase):
             with self.subTest(path=path, text=text):
                 self.assertEqual(check({**SOURCES, path: text}), (1, [path + offence], ""))
 
-    def test_foreign_replaceable_library_keeps_its_headers_for_its_users(self):
+    def test_headers_of_a_foreign_replaceable_library_are_known(self):
         foreign = CMAKE.replace("SONARIX_ENGINE low", "SONARIX_ENGINE product::engine")
         self.assertEqual(check({**SOURCES, "CMakeLists.txt": foreign}), (0, [], ""))
         unlinked = foreign.replace("src/hidden LINKS ${SONARIX_ENGINE}", "src/hidden")

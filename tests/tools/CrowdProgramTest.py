@@ -84,7 +84,7 @@ class Crowd(NeighbourCase):
     def reach(self, index):
         return self.info(BIN + "/portico", f"10.77.32.{index + 1}")
 
-    def test_each_answers_for_itself_and_only_what_is_asked(self):
+    def test_each_product_sends_its_own_response(self):
         browse = [(TYPE, PTR)]
         self.assertEqual(self.ask(query(browse)), [0, 1, 2, 3, 4])
         for message in self.heard.values():

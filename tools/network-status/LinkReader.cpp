@@ -86,7 +86,7 @@ std::optional<std::vector<Link>> ReadLinks()
     }
     for (const ifaddrs* each = first; each != nullptr; each = each->ifa_next)
     {
-        // A label such as "eth0:1" belongs to eth0.
+        // A label like "eth0:1" belongs to eth0.
         const std::string label = each->ifa_name;
         const std::string name = label.substr(0, label.find(':'));
         const auto link =
