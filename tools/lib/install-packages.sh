@@ -1,7 +1,7 @@
 # Sourced by ./run, ./test and .ci/run.
 
-# install_without_services PACKAGE...: by apt, with $root before each command. Debian asks policy-rc.d whether a
-# package may start its services: no, for as long as this runs, however it ends.
+# install_without_services PACKAGE...: installs with apt, with $root before each command. While this runs, policy-rc.d
+# denies the start of services; it is removed on every exit.
 install_without_services()
 (
     policy=/usr/sbin/policy-rc.d
@@ -15,14 +15,14 @@ install_without_services()
     "${apt[@]}" update && "${apt[@]}" install --no-install-recommends "$@"
 )
 
-# install_packages LIST: installs those Debian packages of LIST (separated by blanks or lines, # to the end of a
-# line is a comment) that are missing. Starts none of their services. Says in one line why it cannot go on.
+# install_packages LIST: installs the missing Debian packages of the file LIST (separated by whitespace, # starts a
+# comment) without starting their services. Prints one line if this fails.
 install_packages()
 {
     local list=$1 wanted=() missing=() package
     mapfile -t wanted < <(sed 's/#.*//' "$list" | tr -s '[:space:]' '\n' | sed '/^$/d')
     local installed
-    # dpkg-query fails as soon as it has never heard of one of them, and still lists the others.
+    # dpkg-query fails if one package is unknown, but still lists the others.
     installed=$({ dpkg-query -W -f='${db:Status-Status} ${Package}\n' "${wanted[@]}" 2>/dev/null || true; } | sed -n 's/^installed //p')
     for package in "${wanted[@]}"; do
         grep -qxF -- "$package" <<<"$installed" || missing+=("$package")
@@ -34,7 +34,7 @@ install_packages()
     local root=()
     if [ "$(id -u)" -ne 0 ]; then
         if ! sudo -n true 2>/dev/null; then
-            echo "$0: needs root once, for: apt-get install ${missing[*]}" >&2
+            echo "$0: needs root for: apt-get install ${missing[*]}" >&2
             return 1
         fi
         root=(sudo -n)
