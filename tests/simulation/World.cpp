@@ -86,7 +86,7 @@ World::World(std::uint64_t seed, bool isAccessory, Milliseconds checkPeriod)
     mdns.SetScript({[this](const MDNS::ServiceId& id, const FakeMdns::Script::Answer& answer)
                     { Resolving(id, answer); },
                     [this](const MDNS::ServiceId& id) { m_model.Removed(id); }});
-    SonarixService::DiscoveryServiceIPCServer::s_factoryOverride.Set( // there are no sockets in simulated time
+    SonarixService::DiscoveryServiceIPCServer::s_factoryOverride.Set( // simulated time has no sockets
         [](const auto&) { return std::shared_ptr<SonarixService::DiscoveryServiceIPCServerIF>(); });
 }
 
