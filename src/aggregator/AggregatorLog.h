@@ -12,10 +12,10 @@ class Message;
 namespace SonarixService
 {
 
-/// The one log channel of this folder's files.
+/// The log channel of all files of this folder.
 extern const DPrint s_aggregatorLog;
 
-/// The JSON of a record for a log line. Never throws: where the record has no JSON form it says why.
+/// The record as JSON, for a log line. Never throws: for a record that has no JSON form it returns the reason.
 std::string JsonForLog(const google::protobuf::Message& message, bool singleLine);
 
 } // namespace SonarixService

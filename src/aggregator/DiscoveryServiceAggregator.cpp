@@ -1,17 +1,10 @@
 #include "aggregator/DiscoveryServiceAggregator.h"
 
 #include "aggregator/AggregatorLog.h"
-#include "aggregator/ProductMerge.h"
-#include "aggregator/VersionFiles.h"
 #include "gateway/DiscoveryServiceOverPortico.h"
-#include "interfaces/DiscoveryServiceControllerIF.h"
-#include "interfaces/MdnsDiscoveryProtocolIF.h"
-#include "interfaces/SsdpDiscoveryProtocolIF.h"
-#include <MfgData.h>
-#include <PorticoClientIF.h>
+#include "runtime/TaskCheck.h"
 
-#include <atomic>
-#include <optional>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -21,53 +14,34 @@ namespace SonarixService
 namespace
 {
 
-std::atomic<DiscoveryServiceAggregator::Factory> s_factoryOverride{nullptr};
-
-/// Seen by mDNS alone, and under a service type that is not a product's.
+/// True if only mDNS has seen it, under a service type that is not the products' one.
 bool IsUnwantedMdnsService(const Sonarix::Product& product)
 {
     return product.protocols_size() == 1 && product.protocols(0) == SXCommon::MDNS &&
            product.serviceid().type() != "_kova-lanyard._tcp";
 }
 
-std::optional<std::string> Address(const Sonarix::ProductInfo& info)
-{
-    return info.has_ipaddress() ? std::optional<std::string>(info.ipaddress()) : std::nullopt;
-}
-
-void PutBackAddress(Sonarix::ProductInfo& info, const std::optional<std::string>& address)
-{
-    if (address)
-    {
-        info.set_ipaddress(*address);
-    }
-    else
-    {
-        info.clear_ipaddress();
-    }
-}
-
-/// A list whose rows stay the table's. Each change of a row publishes all of them, and a copy of hundreds, made and
-/// freed for each, costs more than the rest of the change.
-class LentProductList final
+/// A message whose elements belong to the table. Each change of a row publishes the whole table, and copying hundreds
+/// of rows costs more than the rest of the change.
+class ProductListView final
 {
 public:
-    explicit LentProductList(const std::vector<const Sonarix::Product*>& rows)
+    explicit ProductListView(const std::vector<const Sonarix::Product*>& rows)
     {
         for (const Sonarix::Product* const row : rows)
         {
-            m_list.mutable_products()->UnsafeArenaAddAllocated(const_cast<Sonarix::Product*>(row)); // lent as const
+            m_list.mutable_products()->UnsafeArenaAddAllocated(const_cast<Sonarix::Product*>(row)); // Get() is const
         }
     }
-    ~LentProductList()
+    ~ProductListView()
     {
         while (m_list.products_size() > 0)
         {
             m_list.mutable_products()->UnsafeArenaReleaseLast();
         }
     }
-    LentProductList(const LentProductList&) = delete;
-    LentProductList& operator=(const LentProductList&) = delete;
+    ProductListView(const ProductListView&) = delete;
+    ProductListView& operator=(const ProductListView&) = delete;
 
     const Sonarix::ProductList& Get() const
     {
@@ -84,52 +58,35 @@ std::shared_ptr<DiscoveryServiceAggregatorIF>
 DiscoveryServiceAggregator::Create(NotifyTargetTaskIF* task,
                                    const std::shared_ptr<DiscoveryServiceControllerIF>& controller)
 {
-    if (const Factory factory = s_factoryOverride.load())
-    {
-        return factory(task, controller);
-    }
-    return std::make_shared<DiscoveryServiceAggregator>(task, controller);
-}
-
-void DiscoveryServiceAggregator::SetFactoryOverride(Factory factory)
-{
-    s_factoryOverride = factory;
+    const Factory factory = s_factoryOverride.Get();
+    return factory != nullptr ? factory(task, controller)
+                              : std::make_shared<DiscoveryServiceAggregator>(task, controller);
 }
 
 DiscoveryServiceAggregator::DiscoveryServiceAggregator(NotifyTargetTaskIF* task,
                                                        std::shared_ptr<DiscoveryServiceControllerIF> controller)
     : m_task(task)
-    , m_etcDir(ResolveEtcDir())
-    , m_controller(std::move(controller))
-    , m_multiroomVersions(ReadMultiroomVersions(m_etcDir))
-    , m_reapTimer("DiscoveryServiceAggregator-ReapOfflineClientTimer", m_task)
-    , m_periodicResolverTimer("DiscoveryServiceAggregatorPeriodicResolver", m_task)
-    , m_overPortico(DiscoveryServiceOverPortico::Create(m_task))
-    , m_guid(MfgData::Get("guid").value_or("guid.is.not.set.perhaps.x86"))
-    , m_currentProductMode(SXCommon::UNKNOWN_MODE)
-    , m_alive(std::make_shared<const bool>(true))
+    , m_sources(
+          m_task, std::move(controller),
+          [this](const Sonarix::Product& product) { HandleProductUpdate(product, SOURCE_SSDP); },
+          [this](const Sonarix::Product& product) { HandleProductUpdate(product, SOURCE_MDNS); },
+          [this](const Sonarix::ProductList& list) { MergeRefreshedProducts(list); })
+    , m_table(m_task)
+    , m_own(m_task, m_table)
+    , m_remoteProducts(
+          m_task, m_table, m_own, [this] { NotifyProductList(); },
+          [this] { m_offlineProducts.HandleReapOfflineProducts(); })
+    , m_offlineProducts(m_task, m_table, m_remoteProducts)
 {
-    *m_myProductInfo.mutable_multiroom() = m_multiroomVersions;
-    m_myProductInfo.set_guid(m_guid);
-    SXCommon::Capabilities capabilities;
-    if (ReadCapabilities(m_etcDir, capabilities))
-    {
-        *m_myProductInfo.mutable_capabilities() = capabilities;
-    }
-    m_myProductInfo.mutable_configurations()->set_currentproductmode(SXCommon::UNKNOWN_MODE);
-
-    PeriodicGetProductList();
-
+    m_overPortico = DiscoveryServiceOverPortico::Create(m_task);
     if (m_overPortico)
     {
-        m_childUpdateConnection = m_overPortico->RegisterForProductUpdate(OnTask<Sonarix::Product>(
-            [this](const Sonarix::Product& product) { HandleProductUpdate(product, SOURCE_CHILD_ENDPOINT); }));
+        m_childUpdateConnection = m_overPortico->RegisterForProductUpdate(m_liveness.OnTask<Sonarix::Product>(
+            m_task, [this](const Sonarix::Product& product) { HandleProductUpdate(product, SOURCE_CHILD_ENDPOINT); }));
         m_childRemovedConnection = m_overPortico->RegisterForProductRemoved(
-            OnTask<Sonarix::Product>([this](const Sonarix::Product& product) { HandleRemoveChild(product); }));
+            m_liveness.OnTask(m_task, this, &DiscoveryServiceAggregator::HandleRemoveChild));
     }
-
-    // A copy: the operation compares its argument with the member.
-    DiscoveryServiceAggregator::InitializeProtocols(SXCommon::UNKNOWN_MODE, std::string(m_ipAddress));
+    DiscoveryServiceAggregator::InitializeProtocols(SXCommon::UNKNOWN_MODE, {});
 }
 
 DiscoveryServiceAggregator::~DiscoveryServiceAggregator() = default;
@@ -137,19 +94,15 @@ DiscoveryServiceAggregator::~DiscoveryServiceAggregator() = default;
 void DiscoveryServiceAggregator::Shutdown()
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG, "Shutdown");
-    m_mdnsConnection.Disconnect();
-    m_ssdpConnection.Disconnect();
-    m_ssdpProtocol.reset();
-    m_mdnsProtocol.reset();
+    m_sources.Shutdown();
     m_overPortico.reset();
     m_productListRegistry.DisconnectAll();
-    m_myProductInfoRegistry.DisconnectAll();
+    m_own.DisconnectAll();
 }
 
 CallbackConnection DiscoveryServiceAggregator::RegisterForMyProductInfo(const Callback<Sonarix::ProductInfo>& callback)
 {
-    callback(GetCombinedProductInfo());
-    return m_myProductInfoRegistry.Connect(callback);
+    return m_own.RegisterForMyProductInfo(callback);
 }
 
 CallbackConnection DiscoveryServiceAggregator::RegisterForProductList(const Callback<Sonarix::ProductList>& callback)
@@ -159,49 +112,18 @@ CallbackConnection DiscoveryServiceAggregator::RegisterForProductList(const Call
 
 void DiscoveryServiceAggregator::InitializeProtocols(const ProductMode& mode, const std::string& ipAddress)
 {
-    const ProductMode previous = m_currentProductMode;
-    bool isChanged = false;
+    const ProductMode previous = m_own.Mode();
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "New ProductMode: " << SXCommon::ProductMode_Name(mode));
-    m_myProductInfo.mutable_configurations()->set_currentproductmode(mode);
-    m_currentProductMode = mode;
-
-    if (ipAddress != m_ipAddress)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-               "IP Address changed from |" << m_ipAddress << "| to |" << ipAddress << "|");
-        m_ipAddress = ipAddress;
-        isChanged = true;
-    }
-
+    m_own.SetMode(mode);
+    const bool isNewAddress = m_own.SetAddress(ipAddress);
     HandleOurProductModeChange(previous, mode);
-    ApplyMandatorySelfSXInfoSources(m_myProductInfo);
-    isChanged = isChanged || mode != previous;
-
-    if (!m_ssdpProtocol)
-    {
-        m_ssdpProtocol = m_controller->GetSsdpDiscoveryProtocol();
-        if (m_ssdpProtocol)
-        {
-            m_ssdpConnection = m_ssdpProtocol->RegisterProductStateCallback(OnTask<const Sonarix::Product>(
-                [this](const Sonarix::Product& product) { HandleProductUpdate(product, SOURCE_SSDP); }));
-        }
-    }
-    if (!m_mdnsProtocol)
-    {
-        m_mdnsProtocol = m_controller->GetMdnsDiscoveryProtocol();
-        m_mdnsConnection.Disconnect();
-        if (m_mdnsProtocol)
-        {
-            m_mdnsConnection = m_mdnsProtocol->RegisterProductStateCallback(OnTask<const Sonarix::Product>(
-                [this](const Sonarix::Product& product) { HandleProductUpdate(product, SOURCE_MDNS); }));
-        }
-    }
-
-    if (isChanged)
+    m_own.ApplyMandatorySelfSXInfoSources();
+    m_sources.Subscribe();
+    if (isNewAddress || mode != previous)
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
                "Some data about our ProductInfo changed, sending SXInfo Notification");
-        NotifyMyProductInfo();
+        m_own.NotifyMyProductInfo();
     }
 }
 
@@ -213,11 +135,36 @@ void DiscoveryServiceAggregator::GetProductList(Sonarix::ProductList& list)
 void DiscoveryServiceAggregator::GetMyProductInfo(const Callback<Sonarix::ProductInfo>& response,
                                                   const Callback<SXCommon::SonarixError>& /*error*/)
 {
-    response(GetCombinedProductInfo());
+    response(m_own.GetCombinedProductInfo());
+}
+
+void DiscoveryServiceAggregator::HandleProductInfoAdvertisement(const Sonarix::ProductInfo& info)
+{
+    TASK_CHECK(m_task);
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "");
+    if (info.guid() != m_own.Guid())
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR,
+               "Ignoring advertisements of products not my own...How did this even happen");
+        return;
+    }
+    m_own.HandleSelfProductUpdate(info);
+    if (m_own.Mode() == SXCommon::UNKNOWN_MODE)
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+               "Product mode is UNKNOWN_MODE. Loop-back connecting to ourselves: ");
+        m_remoteProducts.ConnectToRemoteProduct(m_own.Guid());
+    }
+}
+
+void DiscoveryServiceAggregator::SetSupportedWifiBands(const std::set<std::string>& bands)
+{
+    m_own.SetSupportedWifiBands(bands);
 }
 
 void DiscoveryServiceAggregator::HandleProductUpdate(const Sonarix::Product& product, DiscoveryProtocol protocol)
 {
+    TASK_CHECK(m_task);
     if (product.productinfo().ecosystem() != "ORB2")
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG, "A non Kova device sent us an update! Dropping it!");
@@ -227,7 +174,7 @@ void DiscoveryServiceAggregator::HandleProductUpdate(const Sonarix::Product& pro
     {
         return;
     }
-    if (m_currentProductMode == SXCommon::UNKNOWN_MODE && protocol == SOURCE_MDNS)
+    if (m_own.Mode() == SXCommon::UNKNOWN_MODE && protocol == SOURCE_MDNS)
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
                "We do not have a current product mode. Caching mDNS product update for later processing.");
@@ -239,52 +186,37 @@ void DiscoveryServiceAggregator::HandleProductUpdate(const Sonarix::Product& pro
     DPRINTF(s_aggregatorLog, DPrint::LEVEL_INFO,
             "HandleProductUpdate: guid %s is %s. Allow HeartbeatTracking? %s. Already Tracked? %s.", guid.c_str(),
             product.state() == SXCommon::ONLINE ? "ONLINE" : "OFFLINE",
-            protocol != SOURCE_CHILD_ENDPOINT ? "yes" : "no", m_products.contains(guid) ? "yes" : "no");
+            protocol != SOURCE_CHILD_ENDPOINT ? "yes" : "no", m_table.Find(guid) != nullptr ? "yes" : "no");
 
-    const bool isChild = IsInChildMode(m_myProductInfo); // told to the log, decides nothing
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
-           "amIAChild: " << (isChild ? "True" : "False")
-                         << " mode: " << SXCommon::ProductMode_Name(GetCurrentProductMode(m_myProductInfo)));
-
-    if (guid == m_guid)
+    m_own.LogChildMode();
+    if (guid == m_own.Guid())
     {
-        // Where we are is not for a discovery source to say.
-        const std::optional<std::string> address = Address(m_myProductInfo);
-        HandleSelfProductUpdate(product.productinfo());
-        PutBackAddress(m_myProductInfo, address);
+        m_own.HandleDiscoveredSelf(product.productinfo());
     }
     if (protocol == SOURCE_CHILD_ENDPOINT)
     {
         HandleAddChild(product);
         return;
     }
-    TrackProduct(product);
-    if (product.state() == SXCommon::OFFLINE && IsPronouncedDead(guid, m_products, m_offlineStamps))
+    m_table.Track(product);
+    if (product.state() == SXCommon::OFFLINE &&
+        OfflineProducts::IsPronouncedDead(guid, m_table.Rows(), m_table.OfflineStamps()))
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
                "Product " << guid << " already pronounced dead by reaper. Don't try connecting to it");
     }
-    ConnectToRemoteProduct(guid); // a product that was given up is asked once more, too
+    m_remoteProducts.ConnectToRemoteProduct(guid); // in spite of the log line: the report can mean that it is back
 }
 
-void DiscoveryServiceAggregator::TrackProduct(const Sonarix::Product& product)
+void DiscoveryServiceAggregator::MergeRefreshedProducts(const Sonarix::ProductList& list)
 {
-    const std::string& guid = product.productinfo().guid();
-    const auto tracked = m_products.find(guid);
-    if (tracked == m_products.end())
+    TASK_CHECK(m_task);
+    for (const Sonarix::Product& product : list.products())
     {
-        Sonarix::Product& entry = m_products[guid];
-        entry = product;
-        entry.set_state(SXCommon::OFFLINE); // until it answers for itself
-    }
-    else
-    {
-        Sonarix::Product& entry = tracked->second;
-        const SXCommon::ProductState state = entry.state();
-        const std::optional<std::string> address = Address(entry.productinfo());
-        entry = MergeProducts(entry, product);
-        entry.set_state(state);
-        PutBackAddress(*entry.mutable_productinfo(), address);
+        if (m_table.Refresh(product))
+        {
+            m_remoteProducts.ConnectToRemoteProduct(product.productinfo().guid());
+        }
     }
 }
 
@@ -294,59 +226,85 @@ void DiscoveryServiceAggregator::HandleAddChild(const Sonarix::Product& product)
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
            "Adding child product with guid " << guid << " and state " << SXCommon::ProductState_Name(product.state()));
     DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG, "Child Product: " << JsonForLog(product, true));
-    m_children[guid] = product;
-    NotifyMyProductInfo();
+    m_table.AddChild(product);
+    m_own.NotifyMyProductInfo();
     NotifyProductList();
 }
 
 void DiscoveryServiceAggregator::HandleRemoveChild(const Sonarix::Product& product)
 {
+    TASK_CHECK(m_task);
     const std::string& guid = product.productinfo().guid();
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Removing child product with guid " << guid);
-    const auto child = m_children.find(guid);
-    if (child == m_children.end())
+    if (!m_table.RemoveChild(guid))
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_WARNING,
                "Child product with guid " << guid << " not found in our children list. Not removing.");
         return;
     }
-    m_children.erase(child);
-    NotifyMyProductInfo();
+    m_own.NotifyMyProductInfo();
     NotifyProductList();
 }
 
-std::vector<const Sonarix::Product*> DiscoveryServiceAggregator::CollectRows() const
+void DiscoveryServiceAggregator::HandleOurProductModeChange(const ProductMode& previous, const ProductMode& current)
 {
-    std::vector<const Sonarix::Product*> rows;
-    for (const auto& [guid, product] : m_products)
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+           "Product mode changed from " << SXCommon::ProductMode_Name(previous) << " to "
+                                        << SXCommon::ProductMode_Name(current));
+    if (previous == current)
     {
-        if (m_children.contains(guid))
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Product mode did not change. No need to update cache!");
+        return;
+    }
+    const bool hadLoopBack = m_remoteProducts.HasClient(m_own.Guid());
+    m_table.KeepOnly(m_own.Guid());
+    m_remoteProducts.DropAll(); // also if the own product has no row, and the rows of other products stay
+    if (Sonarix::Product* const own = m_table.Find(m_own.Guid()))
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Updating our product mode in the cache!");
+        own->mutable_productinfo()->mutable_configurations()->set_currentproductmode(current);
+    }
+    if (hadLoopBack)
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "We had a loopback client. We need to re-create to it!");
+        m_own.ClearChildren();
+        m_remoteProducts.ConnectToRemoteProduct(m_own.Guid()); // the sub-protocol depends on the mode
+    }
+    m_offlineProducts.CancelTimer();
+
+    if (previous == SXCommon::UNKNOWN_MODE && !m_cachedMdnsUpdates.empty())
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Playing-back any mDNS updates we received while initializing");
+        PlayBackMdnsUpdates();
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+               "Done playing-back any mDNS updates we received while initializing");
+    }
+}
+
+void DiscoveryServiceAggregator::PlayBackMdnsUpdates()
+{
+    std::vector<Sonarix::Product> updates;
+    updates.swap(m_cachedMdnsUpdates);
+    for (const Sonarix::Product& update : updates)
+    {
+        try
         {
-            DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-                   "Skip adding product with guid " << guid << " to the combined list because it is our child");
-            continue;
+            HandleProductUpdate(update, SOURCE_MDNS);
         }
-        rows.push_back(&product);
+        catch (const std::exception& failure)
+        {
+            // A bad report about this product must not stop the reports behind it.
+            DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR, failure.what());
+        }
     }
-    for (const auto& [guid, product] : m_children)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
-               "Adding child product with guid " << guid << " to the combined list");
-        rows.push_back(&product);
-    }
-    for (const Sonarix::Product* const product : rows)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
-               "Combined product Guid: |" << product->productinfo().guid() << "| "
-                                          << " State: |" << SXCommon::ProductState_Name(product->state()) << "| ");
-    }
-    return rows;
+    updates.clear();
+    updates.swap(m_cachedMdnsUpdates); // keeps the storage
 }
 
 Sonarix::ProductList DiscoveryServiceAggregator::AggregateSourcesIntoProductList() const
 {
     Sonarix::ProductList list;
-    for (const Sonarix::Product* const product : CollectRows())
+    for (const Sonarix::Product* const product : m_table.CollectRows())
     {
         *list.add_products() = *product;
     }
@@ -356,7 +314,7 @@ Sonarix::ProductList DiscoveryServiceAggregator::AggregateSourcesIntoProductList
 void DiscoveryServiceAggregator::NotifyProductList()
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "");
-    const LentProductList list(CollectRows());
+    const ProductListView list(m_table.CollectRows());
     m_productListRegistry.Send(list.Get(), CallbackConnection());
 }
 

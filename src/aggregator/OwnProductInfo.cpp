@@ -1,13 +1,13 @@
-// The product's own information: what only it may know about itself, and what a change of its mode does.
+#include "aggregator/OwnProductInfo.h"
 
 #include "aggregator/AggregatorLog.h"
-#include "aggregator/DiscoveryServiceAggregator.h"
 #include "aggregator/ProductMerge.h"
-#include <PorticoClientIF.h>
+#include "aggregator/ProductTable.h"
+#include "aggregator/VersionFiles.h"
+#include "runtime/TaskCheck.h"
+#include <MfgData.h>
 
-#include <exception>
 #include <stdexcept>
-#include <utility>
 
 namespace SonarixService
 {
@@ -17,35 +17,77 @@ namespace
 
 void SetWifiBands(SXCommon::Capabilities& capabilities, const std::set<std::string>& bands)
 {
-    capabilities.clear_supportedwifibands();
-    for (const std::string& band : bands)
-    {
-        capabilities.add_supportedwifibands(band);
-    }
-}
-
-/// Empties the map but for `guid`. Where it lacks that guid, it is left as it is.
-template <class Map>
-void KeepOnly(Map& map, const std::string& guid)
-{
-    const auto kept = map.find(guid);
-    if (kept != map.end())
-    {
-        auto value = std::move(kept->second);
-        map.clear();
-        map[guid] = std::move(value);
-    }
+    capabilities.mutable_supportedwifibands()->Assign(bands.begin(), bands.end());
 }
 
 } // namespace
 
-void DiscoveryServiceAggregator::ApplyMandatorySelfSXInfoSources(Sonarix::ProductInfo& info) const
+OwnProductInfo::OwnProductInfo(const NotifyTargetTaskIF* task, const ProductTable& table)
+    : m_task(task)
+    , m_table(table)
+    , m_etcDir(ResolveEtcDir())
+    , m_multiroomVersions(ReadMultiroomVersions(m_etcDir))
+    , m_guid(MfgData::Get("guid").value_or("guid.is.not.set.perhaps.x86"))
+{
+    *m_myProductInfo.mutable_multiroom() = m_multiroomVersions;
+    m_myProductInfo.set_guid(m_guid);
+    SXCommon::Capabilities capabilities;
+    if (ReadCapabilities(m_etcDir, capabilities))
+    {
+        *m_myProductInfo.mutable_capabilities() = capabilities;
+    }
+    SetMode(SXCommon::UNKNOWN_MODE);
+}
+
+const std::string& OwnProductInfo::Guid() const
+{
+    return m_guid;
+}
+
+OwnProductInfo::ProductMode OwnProductInfo::Mode() const
+{
+    return m_currentProductMode;
+}
+
+void OwnProductInfo::SetMode(const ProductMode& mode)
+{
+    m_myProductInfo.mutable_configurations()->set_currentproductmode(mode);
+    m_currentProductMode = mode;
+}
+
+bool OwnProductInfo::SetAddress(const std::string& ipAddress)
+{
+    if (ipAddress == m_ipAddress)
+    {
+        return false;
+    }
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
+           "IP Address changed from |" << m_ipAddress << "| to |" << ipAddress << "|");
+    m_ipAddress = ipAddress;
+    return true;
+}
+
+void OwnProductInfo::SetSupportedWifiBands(const std::set<std::string>& bands)
+{
+    TASK_CHECK(m_task);
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Number of supported WiFi frequencies: " << bands.size());
+    m_supportedWifiBands = bands;
+    SetWifiBands(*m_myProductInfo.mutable_capabilities(), bands);
+    NotifyMyProductInfo();
+}
+
+void OwnProductInfo::ClearChildren()
+{
+    m_myProductInfo.clear_children();
+}
+
+void OwnProductInfo::ApplyMandatorySelfSXInfoSources(Sonarix::ProductInfo& info) const
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "");
-    info.CopyFrom(m_myProductInfo); // nothing happens where they are the same object
+    info.CopyFrom(m_myProductInfo); // no effect if `info` is the stored record
     info.clear_children();
     info.mutable_capabilities();
-    for (const auto& [guid, child] : m_children)
+    for (const auto& [guid, child] : m_table.Children())
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
                "Adding child with guid |" << guid << "| to the combined product info");
@@ -57,14 +99,19 @@ void DiscoveryServiceAggregator::ApplyMandatorySelfSXInfoSources(Sonarix::Produc
     info.mutable_configurations()->set_currentproductmode(m_currentProductMode);
 }
 
-Sonarix::ProductInfo DiscoveryServiceAggregator::GetCombinedProductInfo() const
+void OwnProductInfo::ApplyMandatorySelfSXInfoSources()
+{
+    ApplyMandatorySelfSXInfoSources(m_myProductInfo);
+}
+
+Sonarix::ProductInfo OwnProductInfo::GetCombinedProductInfo() const
 {
     Sonarix::ProductInfo info;
     ApplyMandatorySelfSXInfoSources(info);
     return info;
 }
 
-void DiscoveryServiceAggregator::NotifyMyProductInfo()
+void OwnProductInfo::NotifyMyProductInfo()
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "sending my product info notification");
     const Sonarix::ProductInfo info = GetCombinedProductInfo();
@@ -72,8 +119,9 @@ void DiscoveryServiceAggregator::NotifyMyProductInfo()
     m_myProductInfoRegistry.Send(info, CallbackConnection());
 }
 
-void DiscoveryServiceAggregator::HandleSelfProductUpdate(const Sonarix::ProductInfo& info)
+void OwnProductInfo::HandleSelfProductUpdate(const Sonarix::ProductInfo& info)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "");
     if (!info.has_guid() || info.guid().empty() || info.guid() != m_guid)
     {
@@ -83,7 +131,7 @@ void DiscoveryServiceAggregator::HandleSelfProductUpdate(const Sonarix::ProductI
         return;
     }
 
-    // Only we may know these of ourselves; whoever reports them is at fault, and nothing has changed yet.
+    // Only this product knows these fields. A report that sets them is a fault of its sender.
     if (info.has_capabilities())
     {
         throw std::logic_error("my product info has capabilities - that's bad!");
@@ -106,107 +154,40 @@ void DiscoveryServiceAggregator::HandleSelfProductUpdate(const Sonarix::ProductI
     NotifyMyProductInfo();
 }
 
-void DiscoveryServiceAggregator::HandleProductInfoAdvertisement(const Sonarix::ProductInfo& info)
+void OwnProductInfo::HandleDiscoveredSelf(const Sonarix::ProductInfo& info)
 {
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "");
-    if (info.guid() != m_guid)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR,
-               "Ignoring advertisements of products not my own...How did this even happen");
-        return;
-    }
+    Sonarix::ProductInfo before;
+    CopyAddress(m_myProductInfo, before);
     HandleSelfProductUpdate(info);
-    if (m_currentProductMode == SXCommon::UNKNOWN_MODE)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-               "Product mode is UNKNOWN_MODE. Loop-back connecting to ourselves: ");
-        ConnectToRemoteProduct(m_guid);
-    }
+    CopyAddress(before, m_myProductInfo);
 }
 
-void DiscoveryServiceAggregator::SetSupportedWifiBands(const std::set<std::string>& bands)
+CallbackConnection OwnProductInfo::RegisterForMyProductInfo(const Callback<Sonarix::ProductInfo>& callback)
 {
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Number of supported WiFi frequencies: " << bands.size());
-    m_supportedWifiBands = bands;
-    SetWifiBands(*m_myProductInfo.mutable_capabilities(), bands);
-    NotifyMyProductInfo();
+    callback(GetCombinedProductInfo());
+    return m_myProductInfoRegistry.Connect(callback);
 }
 
-void DiscoveryServiceAggregator::HandleOurProductModeChange(const ProductMode& previous, const ProductMode& current)
+void OwnProductInfo::DisconnectAll()
 {
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-           "Product mode changed from " << SXCommon::ProductMode_Name(previous) << " to "
-                                        << SXCommon::ProductMode_Name(current));
-    if (previous == current)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Product mode did not change. No need to update cache!");
-        return;
-    }
-    m_myProductInfo.mutable_configurations()->set_currentproductmode(current);
-
-    const bool hadLoopBack = m_remoteClients.contains(m_guid);
-    ForgetOtherProducts();
-    const auto own = m_products.find(m_guid);
-    if (own != m_products.end())
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Updating our product mode in the cache!");
-        own->second.mutable_productinfo()->mutable_configurations()->set_currentproductmode(current);
-    }
-    if (hadLoopBack)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "We had a loopback client. We need to re-create to it!");
-        m_myProductInfo.clear_children();
-        ConnectToRemoteProduct(m_guid); // anew, since the sub-protocol depends on the mode
-    }
-    m_reapTimer.Cancel();
-
-    if (previous == SXCommon::UNKNOWN_MODE && !m_cachedMdnsUpdates.empty())
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Playing-back any mDNS updates we received while initializing");
-        PlayBackMdnsUpdates();
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-               "Done playing-back any mDNS updates we received while initializing");
-    }
+    m_myProductInfoRegistry.DisconnectAll();
 }
 
-void DiscoveryServiceAggregator::ForgetOtherProducts()
+void OwnProductInfo::LogChildMode() const
 {
-    // Each map on its own: without an own row the rows of others stay, although all clients go.
-    KeepOnly(m_products, m_guid);
-    m_remoteClients.clear();
-    KeepOnly(m_remoteInfoConnections, m_guid);
-    m_remoteInfoConnections[m_guid].Disconnect();
-    KeepOnly(m_offlineStamps, m_guid);
+    const bool isChild = IsInChildMode(m_myProductInfo);
+    DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
+           "amIAChild: " << (isChild ? "True" : "False")
+                         << " mode: " << SXCommon::ProductMode_Name(GetCurrentProductMode(m_myProductInfo)));
 }
 
-void DiscoveryServiceAggregator::PlayBackMdnsUpdates()
-{
-    std::vector<Sonarix::Product> updates;
-    updates.swap(m_cachedMdnsUpdates);
-    for (const Sonarix::Product& update : updates)
-    {
-        try
-        {
-            HandleProductUpdate(update, SOURCE_MDNS);
-        }
-        catch (const std::exception& failure)
-        {
-            // A bad report about ourselves must not cost the ones behind it.
-            DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR, failure.what());
-        }
-    }
-    updates.clear();
-    updates.swap(m_cachedMdnsUpdates); // keeps the storage
-}
-
-DiscoveryServiceAggregator::ProductMode
-DiscoveryServiceAggregator::GetCurrentProductMode(const Sonarix::ProductInfo& info)
+OwnProductInfo::ProductMode OwnProductInfo::GetCurrentProductMode(const Sonarix::ProductInfo& info)
 {
     return info.configurations().has_currentproductmode() ? info.configurations().currentproductmode()
                                                           : SXCommon::UNKNOWN_MODE;
 }
 
-bool DiscoveryServiceAggregator::IsInChildMode(const Sonarix::ProductInfo& info)
+bool OwnProductInfo::IsInChildMode(const Sonarix::ProductInfo& info)
 {
     const ProductMode mode = GetCurrentProductMode(info);
     if (mode == SXCommon::UNKNOWN_MODE)

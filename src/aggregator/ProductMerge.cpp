@@ -11,9 +11,9 @@ namespace SonarixService
 namespace
 {
 
-/// A product that names its icons or services anew in each report would grow its row for ever. Real ones have less
-/// than ten; of more than this the latest report's alone are kept.
-constexpr int kMaxUnited = 64;
+/// Bounds a row: a product that sends new icon urls or service ids in each report would let it grow forever. Real
+/// products have less than ten of each. Above this number only those of the latest report are kept.
+constexpr int kMaxElements = 64;
 
 template <class Element>
 void ReduceByKey(google::protobuf::RepeatedPtrField<Element>& elements, const std::string& (Element::*key)() const)
@@ -54,17 +54,17 @@ Sonarix::ProductInfo MergeProductInfo(const Sonarix::ProductInfo& existing, cons
     Sonarix::ProductInfo merged = existing;
     merged.MergeFrom(update);
     ReduceIconsAndServices(merged);
-    if (merged.icons_size() > kMaxUnited)
+    if (merged.icons_size() > kMaxElements)
     {
         *merged.mutable_icons() = update.icons();
     }
-    if (merged.services_size() > kMaxUnited)
+    if (merged.services_size() > kMaxElements)
     {
         *merged.mutable_services() = update.services();
     }
     if (update.has_capabilities())
     {
-        *merged.mutable_capabilities() = update.capabilities(); // merging would double its lists
+        *merged.mutable_capabilities() = update.capabilities(); // MergeFrom doubles its lists
     }
     *merged.mutable_children() = update.children();
     return merged;
@@ -74,6 +74,15 @@ void ReduceIconsAndServices(Sonarix::ProductInfo& info)
 {
     ReduceByKey(*info.mutable_icons(), &SXCommon::Icon::url);
     ReduceByKey(*info.mutable_services(), &SXCommon::Service::serviceid);
+}
+
+void CopyAddress(const Sonarix::ProductInfo& from, Sonarix::ProductInfo& to)
+{
+    to.clear_ipaddress();
+    if (from.has_ipaddress())
+    {
+        to.set_ipaddress(from.ipaddress());
+    }
 }
 
 } // namespace SonarixService

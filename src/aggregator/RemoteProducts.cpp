@@ -1,12 +1,13 @@
-// Connections to products: when one exists, what it asks, and what an answer or a heartbeat does to the table.
+#include "aggregator/RemoteProducts.h"
 
 #include "aggregator/AggregatorLog.h"
-#include "aggregator/DiscoveryServiceAggregator.h"
-#include "aggregator/ProductMerge.h"
-#include "runtime/MonotonicClock.h"
+#include "aggregator/OwnProductInfo.h"
+#include "aggregator/ProductTable.h"
+#include "runtime/TaskCheck.h"
 #include <PorticoClientIF.h>
 
 #include <cstddef>
+#include <utility>
 
 namespace SonarixService
 {
@@ -16,37 +17,48 @@ namespace
 
 const std::string kInfoPath = "/sonarix/info";
 constexpr double kVersion = 1.0;
-/// A product with a hundred children takes that much. The gateway ends a connection over 4 MiB of list, so that one
-/// neighbour's answer could keep the whole list from everybody.
+/// The gateway closes a connection that queues more than 4 MiB of list, so a larger answer of one neighbour could
+/// hide the whole list from all subscribers. The information of a product with 100 children has about this size.
 constexpr std::size_t kMaxAnswerBytes = 64U << 10U;
 
 } // namespace
 
-void DiscoveryServiceAggregator::ConnectToRemoteProduct(const std::string& guid)
+RemoteProducts::RemoteProducts(NotifyTargetTaskIF* task, ProductTable& table, const OwnProductInfo& own,
+                               Notify onListChanged, Notify onProductHeard)
+    : m_task(task)
+    , m_table(table)
+    , m_own(own)
+    , m_onListChanged(std::move(onListChanged))
+    , m_onProductHeard(std::move(onProductHeard))
 {
+}
+
+void RemoteProducts::ConnectToRemoteProduct(const std::string& guid)
+{
+    TASK_CHECK(m_task);
     DPRINTF(s_aggregatorLog, DPrint::LEVEL_INFO, "ConnectToRemoteProduct: %s", guid.c_str());
     if (!m_remoteClients.contains(guid))
     {
-        const auto heartbeat = OnTask<const std::string, const PORTICO_CLIENT_ERRORS>(
-            [this](const std::string& product, const PORTICO_CLIENT_ERRORS& status)
+        const auto heartbeat = m_liveness.OnTask<const std::string, const PORTICO_CLIENT_ERRORS>(
+            m_task, [this](const std::string& product, const PORTICO_CLIENT_ERRORS& status)
             { HandleHeartbeatStatus(product, status); });
-        const std::string protocol = DetermineGatewayProtocol(m_currentProductMode);
+        const std::string protocol = DetermineGatewayProtocol(m_own.Mode());
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
                "Creating GW client for guid |" << guid << "| and protocol |" << protocol << "|");
         const std::shared_ptr<PorticoClientIF> client = CreateRemoteProductClient(guid, heartbeat, protocol);
         m_remoteClients[guid] = client;
         m_remoteInfoConnections[guid] = client->RegisterNotification<Sonarix::ProductInfo>(
-            kInfoPath,
-            OnTask<Sonarix::ProductInfo>([this](const Sonarix::ProductInfo& info) { HandleRemoteProductInfo(info); }),
+            kInfoPath, m_liveness.OnTask(m_task, this, &RemoteProducts::HandleRemoteProductInfo),
             Portico::EndpointScope::PUBLIC, kVersion);
     }
     SendRemoteProductInfoGet(guid);
 }
 
-void DiscoveryServiceAggregator::SendRemoteProductInfoGet(const std::string& guid)
+void RemoteProducts::SendRemoteProductInfoGet(const std::string& guid)
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "For guid |" << guid << "|");
-    // A guid without a client gets an empty place, which counts as a client until an expiry or a mode change.
+    // operator[] stores a null client for an unknown guid. Until the entry is reaped or the mode changes,
+    // ConnectToRemoteProduct treats it as connected.
     const std::shared_ptr<PorticoClientIF> client = m_remoteClients[guid];
     if (!client)
     {
@@ -54,60 +66,52 @@ void DiscoveryServiceAggregator::SendRemoteProductInfoGet(const std::string& gui
         return;
     }
     client->SendGet<Sonarix::ProductInfo, SXCommon::SonarixError>(
-        kInfoPath,
-        OnTask<Sonarix::ProductInfo>([this](const Sonarix::ProductInfo& info) { HandleRemoteProductInfo(info); }),
-        OnTask<SXCommon::SonarixError>([this, guid](const SXCommon::SonarixError& error)
-                                       { HandleRemoteProductInfoError(error, guid); }),
+        kInfoPath, m_liveness.OnTask(m_task, this, &RemoteProducts::HandleRemoteProductInfo),
+        m_liveness.OnTask<SXCommon::SonarixError>(m_task, [this, guid](const SXCommon::SonarixError& error)
+                                                  { HandleRemoteProductInfoError(error, guid); }),
         kVersion);
 }
 
-void DiscoveryServiceAggregator::HandleRemoteProductInfo(const Sonarix::ProductInfo& info)
+void RemoteProducts::HandleRemoteProductInfo(const Sonarix::ProductInfo& info)
 {
-    const std::string& guid = info.guid(); // who answered, whoever was asked
+    TASK_CHECK(m_task);
+    const std::string& guid = info.guid(); // of the answer, which can differ from the guid of the client
     DPRINTF(s_aggregatorLog, DPrint::LEVEL_INFO, "HandleRemoteProductInfo: guid %s", guid.c_str());
     if (const std::size_t bytes = info.ByteSizeLong(); bytes > kMaxAnswerBytes)
     {
-        DPRINTF(s_aggregatorLog, DPrint::LEVEL_ERROR, "The information of %s takes %zu bytes, more than %zu: left out",
+        DPRINTF(s_aggregatorLog, DPrint::LEVEL_ERROR, "The information of %s has %zu bytes, more than %zu: ignored",
                 guid.c_str(), bytes, kMaxAnswerBytes);
         return;
     }
-    m_offlineStamps.erase(guid);
-
-    Sonarix::Product& entry = m_products[guid];
-    Sonarix::ProductInfo merged = MergeProductInfo(entry.productinfo(), info);
-    entry.set_state(SXCommon::ONLINE);
-    *entry.mutable_productinfo() = std::move(merged);
-    if (guid == m_guid)
+    Sonarix::Product& row = m_table.SetOnline(info);
+    if (guid == m_own.Guid())
     {
-        ApplyMandatorySelfSXInfoSources(*entry.mutable_productinfo());
+        m_own.ApplyMandatorySelfSXInfoSources(*row.mutable_productinfo());
     }
-
-    HandleReapOfflineProducts();
-    NotifyProductList();
+    m_onProductHeard();
+    m_onListChanged();
 }
 
-void DiscoveryServiceAggregator::HandleRemoteProductInfoError(const SXCommon::SonarixError& error,
-                                                              const std::string& guid)
+void RemoteProducts::HandleRemoteProductInfoError(const SXCommon::SonarixError& error, const std::string& guid)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR,
            "Error getting remote product info (delays device going online) from remote guid: "
                << guid << ". Reason: |" << error.message() << "| subcode: |" << error.subcode() << "|");
 }
 
-void DiscoveryServiceAggregator::HandleHeartbeatStatus(const std::string& guid, PORTICO_CLIENT_ERRORS status)
+void RemoteProducts::HandleHeartbeatStatus(const std::string& guid, PORTICO_CLIENT_ERRORS status)
 {
-    Sonarix::Product& entry = m_products[guid];
-    const std::string name = entry.productinfo().friendlyname();
+    TASK_CHECK(m_task);
+    const std::string name = m_table.Row(guid).productinfo().friendlyname();
 
     if (status == HEARTBEAT_OFFLINE)
     {
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Heartbeat says device " << name << " is OFFLINE. Guid: " << guid);
-        if (entry.state() != SXCommon::OFFLINE)
+        if (m_table.SetOffline(guid))
         {
-            entry.set_state(SXCommon::OFFLINE);
-            NotifyProductList();
+            m_onListChanged();
         }
-        m_offlineStamps.try_emplace(guid, MonotonicClock::NowSec());
     }
     else if (status == HEARTBEAT_ONLINE)
     {
@@ -116,12 +120,36 @@ void DiscoveryServiceAggregator::HandleHeartbeatStatus(const std::string& guid, 
 
     if (status == HEARTBEAT_OFFLINE || status == HEARTBEAT_ONLINE)
     {
-        SendRemoteProductInfoGet(guid); // the way back, too
+        SendRemoteProductInfoGet(guid); // after OFFLINE, only an answer makes the row ONLINE again
     }
-    HandleReapOfflineProducts();
+    m_onProductHeard();
 }
 
-std::string DiscoveryServiceAggregator::DetermineGatewayProtocol(const ProductMode& mode)
+bool RemoteProducts::HasClient(const std::string& guid) const
+{
+    TASK_CHECK(m_task);
+    return m_remoteClients.contains(guid);
+}
+
+void RemoteProducts::StopTrackingHeartbeat(const std::string& guid)
+{
+    TASK_CHECK(m_task);
+    m_remoteClients.erase(guid);
+    m_remoteInfoConnections.erase(guid);
+}
+
+void RemoteProducts::DropAll()
+{
+    TASK_CHECK(m_task);
+    m_remoteClients.clear();
+    if (m_remoteInfoConnections.contains(m_own.Guid()))
+    {
+        std::erase_if(m_remoteInfoConnections, [this](const auto& entry) { return entry.first != m_own.Guid(); });
+    }
+    m_remoteInfoConnections[m_own.Guid()].Disconnect();
+}
+
+std::string RemoteProducts::DetermineGatewayProtocol(const SXCommon::ProductMode& mode)
 {
     switch (mode)
     {
@@ -137,8 +165,9 @@ std::string DiscoveryServiceAggregator::DetermineGatewayProtocol(const ProductMo
     return "tarsier";
 }
 
-std::shared_ptr<PorticoClientIF> DiscoveryServiceAggregator::CreateRemoteProductClient(
-    const std::string& guid, const Portico::HeartbeatCallback& heartbeatCallback, const std::string& protocol)
+std::shared_ptr<PorticoClientIF>
+RemoteProducts::CreateRemoteProductClient(const std::string& guid, const Portico::HeartbeatCallback& heartbeatCallback,
+                                          const std::string& protocol)
 {
     return Portico::PorticoClient::Create("DiscoveryServiceAggregator-" + guid, "localhost", 8084, protocol, guid,
                                           nullptr, heartbeatCallback, Portico::CommonClientCreationInfo());

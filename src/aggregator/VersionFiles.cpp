@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <optional>
+#include <vector>
 
 namespace SonarixService
 {
@@ -13,37 +14,44 @@ namespace SonarixService
 namespace
 {
 
-using SXCommon::MultiroomVersions;
+using Versions = SXCommon::MultiroomVersions;
 
-/// One versions file and the fields that are taken from it.
+struct VersionField
+{
+    const SXCommon::ProtocolVersion& (Versions::*get)() const;
+    SXCommon::ProtocolVersion* (Versions::*set)();
+};
+
 struct VersionFile
 {
-    const char* name;
-    const char* logLine;
-    void (*take)(const MultiroomVersions& from, MultiroomVersions& to);
+    const char* name; ///< without ".json"
+    std::vector<VersionField> fields;
 };
 
-// Assigning through a mutable reference marks a field as present even where the file lacks it.
 const VersionFile s_versionFiles[] = {
-    {"APMultiroomVersions.json", "Read APMultiroomVersions",
-     [](const MultiroomVersions& from, MultiroomVersions& to)
-     {
-         *to.mutable_audio_payload_version() = from.audio_payload_version();
-         *to.mutable_audiocontrol_protocol_version() = from.audiocontrol_protocol_version();
-     }},
-    {"ClocksyncMultiroomVersions.json", "Read ClocksyncMultiroomVersions",
-     [](const MultiroomVersions& from, MultiroomVersions& to)
-     { *to.mutable_clocksync_protocol_version() = from.clocksync_protocol_version(); }},
-    {"HubMultiroomVersions.json", "Read HubMultiroomVersions",
-     [](const MultiroomVersions& from, MultiroomVersions& to)
-     {
-         *to.mutable_nowplaying_version() = from.nowplaying_version();
-         *to.mutable_playbackrequest_version() = from.playbackrequest_version();
-     }},
-    {"GroupingMultiroomVersions.json", "Read GroupingMultiroomVersions",
-     [](const MultiroomVersions& from, MultiroomVersions& to)
-     { *to.mutable_grouping_version() = from.grouping_version(); }},
+    {"APMultiroomVersions",
+     {{&Versions::audio_payload_version, &Versions::mutable_audio_payload_version},
+      {&Versions::audiocontrol_protocol_version, &Versions::mutable_audiocontrol_protocol_version}}},
+    {"ClocksyncMultiroomVersions",
+     {{&Versions::clocksync_protocol_version, &Versions::mutable_clocksync_protocol_version}}},
+    {"HubMultiroomVersions",
+     {{&Versions::nowplaying_version, &Versions::mutable_nowplaying_version},
+      {&Versions::playbackrequest_version, &Versions::mutable_playbackrequest_version}}},
+    {"GroupingMultiroomVersions", {{&Versions::grouping_version, &Versions::mutable_grouping_version}}},
 };
+
+template <class Message, class... Name>
+void Parse(const std::string& path, const std::string& text, Message& message, const Name&... name)
+{
+    try
+    {
+        ProtoToMarkup::FromJson(text, &message, name...);
+    }
+    catch (const ProtoToMarkup::MarkupError& failure)
+    {
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR, path << ": " << failure.what() << "; its fields stay empty");
+    }
+}
 
 } // namespace
 
@@ -53,29 +61,25 @@ std::string ResolveEtcDir()
     return directory != nullptr ? directory : "/opt/Kova/etc/";
 }
 
-MultiroomVersions ReadMultiroomVersions(const std::string& etcDir)
+SXCommon::MultiroomVersions ReadMultiroomVersions(const std::string& etcDir)
 {
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "etcDir: " << etcDir);
-    MultiroomVersions versions;
-    for (const VersionFile& file : s_versionFiles)
+    Versions versions;
+    for (const auto& [name, fields] : s_versionFiles)
     {
-        const std::optional<std::string> text = SystemUtils::ReadFile(etcDir + file.name);
+        const std::string path = etcDir + name + ".json";
+        const std::optional<std::string> text = SystemUtils::ReadFile(path);
         if (!text)
         {
             continue;
         }
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, file.logLine);
-        MultiroomVersions fromFile;
-        try
+        DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "Read " << name);
+        Versions fromFile;
+        Parse(path, *text, fromFile);
+        for (const auto& [get, set] : fields)
         {
-            ProtoToMarkup::FromJson(*text, &fromFile);
+            *(versions.*set)() = (fromFile.*get)();
         }
-        catch (const ProtoToMarkup::MarkupError& failure)
-        {
-            DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR,
-                   etcDir << file.name << ": " << failure.what() << "; its versions go out empty");
-        }
-        file.take(fromFile, versions);
     }
     return versions;
 }
@@ -84,19 +88,11 @@ bool ReadCapabilities(const std::string& etcDir, SXCommon::Capabilities& capabil
 {
     const std::string path = etcDir + "Capabilities.json";
     const std::optional<std::string> text = SystemUtils::ReadFile(path);
-    if (!text)
+    if (text)
     {
-        return false;
+        Parse(path, *text, capabilities, std::string("Capabilities"));
     }
-    try
-    {
-        ProtoToMarkup::FromJson(*text, &capabilities, "Capabilities");
-    }
-    catch (const ProtoToMarkup::MarkupError& failure)
-    {
-        DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR, path << ": " << failure.what() << "; going on without");
-    }
-    return true;
+    return text.has_value();
 }
 
 } // namespace SonarixService

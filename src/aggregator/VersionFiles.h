@@ -7,16 +7,19 @@
 namespace SonarixService
 {
 
-// What the product's files say about its software. Read at start; a file that is missing is no error, and one that
-// does not parse costs a level-1 line and leaves its fields empty.
+// The files that describe the product's software, read at start. A missing file is not an error. A file that does not
+// parse costs a level-1 line and leaves its fields empty.
 
-/// SONARIX_ETC_DIR where it is set, even to nothing, else "/opt/Kova/etc/". File names are appended as they are.
+/// The value of SONARIX_ETC_DIR if that is set, even to an empty string, else "/opt/Kova/etc/". File names are appended
+/// without a separator.
 std::string ResolveEtcDir();
 
-/// Each versions file speaks for its own subsystem: its fields are present in the result, empty where it lacks them.
+/// Takes from each versions file only the fields of its own subsystem. A field that the file lacks becomes present and
+/// empty.
 SXCommon::MultiroomVersions ReadMultiroomVersions(const std::string& etcDir);
 
-/// "Capabilities.json", whose root key is "Capabilities". False, and nothing touched, where it cannot be read.
+/// Reads "Capabilities.json", whose root key is "Capabilities". False, with `capabilities` unchanged, if the file
+/// cannot be read.
 bool ReadCapabilities(const std::string& etcDir, SXCommon::Capabilities& capabilities);
 
 } // namespace SonarixService

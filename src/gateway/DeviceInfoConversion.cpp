@@ -1,8 +1,12 @@
 #include "gateway/DeviceInfoConversion.h"
 
+#include "gateway/MacAddressInfo.h"
+#include "schemas/HubApi.pb.h"
 #include "schemas/SXCommon.pb.h"
 #include "schemas/Sonarix.pb.h"
 #include "schemas/SonarixPb.pb.h"
+
+#include <string>
 
 namespace SonarixService
 {
@@ -10,45 +14,97 @@ namespace SonarixService
 namespace
 {
 
-void CopyVersion(const SonarixPb::ProtocolVersion& from, SXCommon::ProtocolVersion* to)
-{
-    to->set_major_version(from.major_version());
-    to->set_minor_version(from.minor_version());
-}
+using HUBAPI::AdvertisementInfo;
+using Sonarix::ProductInfo;
+using SonarixPb::DeviceInfo;
 
-void CopyMultiroomVersions(const SonarixPb::MultiroomVersions& from, SXCommon::MultiroomVersions* to)
+template <class From, class To>
+struct Member
 {
-    CopyVersion(from.audio_payload_version(), to->mutable_audio_payload_version());
-    CopyVersion(from.clocksync_protocol_version(), to->mutable_clocksync_protocol_version());
-    CopyVersion(from.playbackrequest_version(), to->mutable_playbackrequest_version());
-    CopyVersion(from.grouping_version(), to->mutable_grouping_version());
-    CopyVersion(from.nowplaying_version(), to->mutable_nowplaying_version());
-    CopyVersion(from.audiocontrol_protocol_version(), to->mutable_audiocontrol_protocol_version());
-    // Without ZoneControl_Version: peers expect its absence.
+    const std::string& (From::*get)() const;
+    std::string* (To::*set)();
+};
+
+constexpr Member<AdvertisementInfo, DeviceInfo> kAdvertised[] = {
+    {&AdvertisementInfo::guid, &DeviceInfo::mutable_guid},
+    {&AdvertisementInfo::devicename, &DeviceInfo::mutable_friendlyname},
+    {&AdvertisementInfo::ecosys, &DeviceInfo::mutable_ecosystem},
+    {&AdvertisementInfo::producttype, &DeviceInfo::mutable_producttype},
+    {&AdvertisementInfo::productname, &DeviceInfo::mutable_modelname},
+    {&AdvertisementInfo::productcolor, &DeviceInfo::mutable_productcolor},
+    {&AdvertisementInfo::softwareversion, &DeviceInfo::mutable_softwareversion},
+    {&AdvertisementInfo::serialnumber, &DeviceInfo::mutable_serialnumber},
+    {&AdvertisementInfo::country, &DeviceInfo::mutable_country},
+};
+
+constexpr Member<DeviceInfo, ProductInfo> kDevice[] = {
+    {&DeviceInfo::macaddress, &ProductInfo::mutable_macaddress},
+    {&DeviceInfo::guid, &ProductInfo::mutable_guid},
+    {&DeviceInfo::devicetype, &ProductInfo::mutable_devicetype},
+    {&DeviceInfo::friendlyname, &ProductInfo::mutable_friendlyname},
+    {&DeviceInfo::manufacturer, &ProductInfo::mutable_manufacturer},
+    {&DeviceInfo::ecosystem, &ProductInfo::mutable_ecosystem},
+    {&DeviceInfo::producttype, &ProductInfo::mutable_producttype},
+    {&DeviceInfo::modelname, &ProductInfo::mutable_modelname},
+    {&DeviceInfo::productcolor, &ProductInfo::mutable_productcolor},
+    {&DeviceInfo::softwareversion, &ProductInfo::mutable_softwareversion},
+    {&DeviceInfo::serialnumber, &ProductInfo::mutable_serialnumber},
+    {&DeviceInfo::country, &ProductInfo::mutable_country},
+};
+
+using Versions = SXCommon::MultiroomVersions;
+using AdvertisedVersions = SonarixPb::MultiroomVersions;
+
+/// Without ZoneControl_Version: peers expect its absence.
+constexpr struct
+{
+    const SonarixPb::ProtocolVersion& (AdvertisedVersions::*get)() const;
+    SXCommon::ProtocolVersion* (Versions::*set)();
+} kVersions[] = {
+    {&AdvertisedVersions::audio_payload_version, &Versions::mutable_audio_payload_version},
+    {&AdvertisedVersions::clocksync_protocol_version, &Versions::mutable_clocksync_protocol_version},
+    {&AdvertisedVersions::playbackrequest_version, &Versions::mutable_playbackrequest_version},
+    {&AdvertisedVersions::grouping_version, &Versions::mutable_grouping_version},
+    {&AdvertisedVersions::nowplaying_version, &Versions::mutable_nowplaying_version},
+    {&AdvertisedVersions::audiocontrol_protocol_version, &Versions::mutable_audiocontrol_protocol_version},
+};
+
+template <class From, class To, std::size_t count>
+void CopyMembers(const From& from, To& to, const Member<From, To> (&members)[count])
+{
+    for (const auto& [get, set] : members)
+    {
+        *(to.*set)() = (from.*get)();
+    }
 }
 
 } // namespace
 
-Sonarix::ProductInfo ConvertToProductInfo(const SonarixPb::DeviceInfo& device)
+DeviceInfo DeviceInfoFromAdvertisement(const AdvertisementInfo& info)
 {
-    Sonarix::ProductInfo info;
-    info.set_macaddress(device.macaddress());
+    DeviceInfo device;
+    device.set_devicetype("RENDERER");
+    device.set_macaddress(GetPrimaryMAC());
+    device.set_manufacturer("Kova");
+    CopyMembers(info, device, kAdvertised);
+    return device;
+}
+
+ProductInfo ProductInfoFromDeviceInfo(const DeviceInfo& device)
+{
+    ProductInfo info;
+    CopyMembers(device, info, kDevice);
     if (device.has_ipaddress())
     {
         info.set_ipaddress(device.ipaddress());
     }
-    info.set_guid(device.guid());
-    info.set_devicetype(device.devicetype());
-    info.set_friendlyname(device.friendlyname());
-    info.set_manufacturer(device.manufacturer());
-    info.set_ecosystem(device.ecosystem());
-    info.set_producttype(device.producttype());
-    info.set_modelname(device.modelname());
-    info.set_productcolor(device.productcolor());
-    info.set_softwareversion(device.softwareversion());
-    info.set_serialnumber(device.serialnumber());
-    info.set_country(device.country());
-    CopyMultiroomVersions(device.multiroom_versions(), info.mutable_multiroom());
+    for (const auto& [get, set] : kVersions)
+    {
+        const SonarixPb::ProtocolVersion& from = (device.multiroom_versions().*get)();
+        SXCommon::ProtocolVersion* const to = (info.mutable_multiroom()->*set)();
+        to->set_major_version(from.major_version());
+        to->set_minor_version(from.minor_version());
+    }
     return info;
 }
 

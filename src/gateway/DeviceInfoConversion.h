@@ -1,5 +1,10 @@
 #pragma once
 
+namespace HUBAPI
+{
+class AdvertisementInfo;
+}
+
 namespace Sonarix
 {
 class ProductInfo;
@@ -13,9 +18,14 @@ class DeviceInfo;
 namespace SonarixService
 {
 
-/// What an advertised device says about itself, as a record of the own product. Stateless, safe from any thread.
-/// Every field that is taken becomes present, with its default where `device` lacks it; `ipaddress` only where
-/// `device` has it. ZoneControl_Version and everything that only the product itself may know stay absent.
-Sonarix::ProductInfo ConvertToProductInfo(const SonarixPb::DeviceInfo& device);
+// Conversions of an advertised device. Stateless, safe from any thread. Each copied field becomes present, with its
+// default value if the source lacks it.
+
+/// Reads the MAC address of this product, see MacAddressInfo.h. `ipaddress` stays absent.
+SonarixPb::DeviceInfo DeviceInfoFromAdvertisement(const HUBAPI::AdvertisementInfo& info);
+
+/// `ipaddress` is copied only if `device` has it. ZoneControl_Version, capabilities, configurations and children stay
+/// absent.
+Sonarix::ProductInfo ProductInfoFromDeviceInfo(const SonarixPb::DeviceInfo& device);
 
 } // namespace SonarixService

@@ -1,10 +1,10 @@
 #include "gateway/DiscoveryServiceOverPortico.h"
 
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/Sonarix.pb.h"
 #include <PorticoClient.h>
 
-#include <atomic>
 #include <string>
 #include <utility>
 
@@ -19,13 +19,11 @@ const DPrint s_log("DiscoveryServiceOverPortico");
 const std::string kPath = "/sonarix/private/products";
 constexpr double kVersion = 1.0;
 
-std::atomic<DiscoveryServiceOverPortico::Factory> s_factoryOverride{nullptr};
-
 } // namespace
 
 std::shared_ptr<DiscoveryServiceOverPorticoIF> DiscoveryServiceOverPortico::Create(NotifyTargetTaskIF* task)
 {
-    if (const Factory factory = s_factoryOverride.load())
+    if (const Factory factory = s_factoryOverride.Get())
     {
         return factory(task);
     }
@@ -34,23 +32,17 @@ std::shared_ptr<DiscoveryServiceOverPorticoIF> DiscoveryServiceOverPortico::Crea
                                              std::nullopt, Portico::CommonClientCreationInfo()));
 }
 
-void DiscoveryServiceOverPortico::SetFactoryOverride(Factory factory)
-{
-    s_factoryOverride = factory;
-}
-
 DiscoveryServiceOverPortico::DiscoveryServiceOverPortico(NotifyTargetTaskIF* task,
                                                          std::shared_ptr<PorticoClientIF> portico)
     : m_task(task)
     , m_portico(std::move(portico))
-    , m_alive(std::make_shared<const bool>(true))
 {
-    // The connections are dropped: the endpoints stay as long as the gateway connection does.
-    const auto update = BindHandler(m_task, this, m_alive, &DiscoveryServiceOverPortico::HandleProductUpdate);
+    // Dropping a connection does not disconnect: the endpoints end with the gateway connection.
+    const auto update = m_liveness.OnTask(m_task, this, &DiscoveryServiceOverPortico::HandleProductUpdate);
     m_portico->RegisterPost<Sonarix::Product>(kPath, update, Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
     m_portico->RegisterPut<Sonarix::Product>(kPath, update, Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
 
-    const auto removed = BindHandler(m_task, this, m_alive, &DiscoveryServiceOverPortico::HandleProductRemoved);
+    const auto removed = m_liveness.OnTask(m_task, this, &DiscoveryServiceOverPortico::HandleProductRemoved);
     m_portico->RegisterDelete<Sonarix::Product>(kPath, removed, Portico::EndpointScope::PRIVATE, kVersion, "Unknown",
                                                 0);
 }
@@ -70,6 +62,7 @@ CallbackConnection DiscoveryServiceOverPortico::RegisterForProductRemoved(const 
 void DiscoveryServiceOverPortico::HandleProductUpdate(const Sonarix::Product& product, const Answer& response,
                                                       const Answer& /*error*/)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "");
     response(SXCommon::SonarixVoid());
     m_productUpdateRegistry.Send(product, CallbackConnection());
@@ -78,6 +71,7 @@ void DiscoveryServiceOverPortico::HandleProductUpdate(const Sonarix::Product& pr
 void DiscoveryServiceOverPortico::HandleProductRemoved(const Sonarix::Product& product, const Answer& response,
                                                        const Answer& /*error*/)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "");
     response(SXCommon::SonarixVoid());
     m_productRemovedRegistry.Send(product, CallbackConnection());

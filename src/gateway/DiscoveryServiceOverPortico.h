@@ -1,8 +1,9 @@
 #pragma once
 
-#include "gateway/BoundHandler.h"
 #include "interfaces/DiscoveryServiceOverPorticoIF.h"
 #include "runtime/CallbackRegistry.h"
+#include "runtime/FactoryOverride.h"
+#include "runtime/Liveness.h"
 
 #include <memory>
 
@@ -17,16 +18,16 @@ class Message;
 namespace SonarixService
 {
 
-/// Serves "/sonarix/private/products" over a gateway connection of its own and turns each request into a signal.
-/// Task: handlers and signals on the task given. Owner: the aggregator. Never looks at the table and never
-/// rejects a product: a request is acknowledged before anybody has acted on it.
+/// Serves "/sonarix/private/products" on its own gateway connection and turns each request into a signal.
+/// Task: handlers and signals on the given task (checked in debug builds). Owner: the aggregator.
+/// Does not know the table and rejects no product: it acknowledges a request before the signal.
 class DiscoveryServiceOverPortico final : public DiscoveryServiceOverPorticoIF
 {
 public:
     using Factory = std::shared_ptr<DiscoveryServiceOverPorticoIF> (*)(NotifyTargetTaskIF* task);
 
     static std::shared_ptr<DiscoveryServiceOverPorticoIF> Create(NotifyTargetTaskIF* task);
-    static void SetFactoryOverride(Factory factory); ///< null in the product
+    static inline FactoryOverride<Factory> s_factoryOverride;
 
     DiscoveryServiceOverPortico(NotifyTargetTaskIF* task, std::shared_ptr<PorticoClientIF> portico);
     ~DiscoveryServiceOverPortico() override;
@@ -44,7 +45,7 @@ private:
     std::shared_ptr<PorticoClientIF> m_portico;
     CallbackRegistry<Sonarix::Product> m_productUpdateRegistry;
     CallbackRegistry<Sonarix::Product> m_productRemovedRegistry;
-    LivenessToken m_alive;
+    Liveness m_liveness;
 };
 
 } // namespace SonarixService

@@ -1,11 +1,11 @@
 #include "gateway/DiscoveryServicePorticoClient.h"
 
 #include "gateway/DeviceInfoConversion.h"
-#include "gateway/MacAddressInfo.h"
 #include "interfaces/DiscoveryServiceAggregatorIF.h"
 #include "interfaces/DiscoveryServiceControllerIF.h"
 #include "interfaces/MdnsDiscoveryProtocolIF.h"
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/HubApi.pb.h"
 #include "schemas/NetManager.pb.h"
 #include "schemas/Sonarix.pb.h"
@@ -15,7 +15,6 @@
 #include <PorticoError.pb.h>
 #include <ProdConfigData.h>
 
-#include <atomic>
 #include <set>
 #include <utility>
 
@@ -35,42 +34,15 @@ const std::string kAdvertisementPath = "/startDiscoveryAdvertisement";
 const std::string kNetworkStatusPath = "/network/status";
 const std::string kStationUsagePath = "/network/wifi/stationUsage";
 
-std::atomic<DiscoveryServicePorticoClient::Factory> s_factoryOverride{nullptr};
-
-SonarixPb::DeviceInfo MakeDeviceInfo(const HUBAPI::AdvertisementInfo& info)
-{
-    SonarixPb::DeviceInfo device;
-    device.set_devicetype("RENDERER");
-    device.set_guid(info.guid());
-    device.set_macaddress(GetPrimaryMAC());
-    device.set_friendlyname(info.devicename());
-    device.set_manufacturer("Kova");
-    device.set_ecosystem(info.ecosys());
-    device.set_producttype(info.producttype());
-    device.set_modelname(info.productname());
-    device.set_productcolor(info.productcolor());
-    device.set_softwareversion(info.softwareversion());
-    device.set_serialnumber(info.serialnumber());
-    device.set_country(info.country());
-    return device;
-}
-
 } // namespace
 
 std::shared_ptr<DiscoveryServicePorticoClientIF> DiscoveryServicePorticoClient::Create(
     NotifyTargetTaskIF* task, const std::shared_ptr<DiscoveryServiceControllerIF>& controller,
     const std::shared_ptr<PorticoClientIF>& portico, const std::shared_ptr<DiscoveryServiceAggregatorIF>& aggregator)
 {
-    if (const Factory factory = s_factoryOverride.load())
-    {
-        return factory(task, controller, portico, aggregator);
-    }
-    return std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
-}
-
-void DiscoveryServicePorticoClient::SetFactoryOverride(Factory factory)
-{
-    s_factoryOverride = factory;
+    const Factory factory = s_factoryOverride.Get();
+    return factory != nullptr ? factory(task, controller, portico, aggregator)
+                              : std::make_shared<DiscoveryServicePorticoClient>(task, controller, portico, aggregator);
 }
 
 DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF* task,
@@ -83,33 +55,25 @@ DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF*
     , m_controller(std::move(controller))
     , m_portico(std::move(portico))
     , m_aggregator(std::move(aggregator))
-    , m_alive(std::make_shared<const bool>(true))
 {
-    // The connections are dropped: both subscriptions hold as long as the aggregator.
-    const std::weak_ptr<const bool> alive = m_alive;
-    m_aggregator->RegisterForMyProductInfo(AsyncCallback<Sonarix::ProductInfo>(
-        [this, alive](const Sonarix::ProductInfo& info)
+    // Dropping a connection does not disconnect: both subscriptions end with the aggregator.
+    m_aggregator->RegisterForMyProductInfo(m_liveness.OnTask<Sonarix::ProductInfo>(
+        m_task,
+        [this](const Sonarix::ProductInfo& info)
         {
-            if (alive.expired())
-            {
-                return;
-            }
+            TASK_CHECK(m_task);
             DPRINT(s_log, DPrint::LEVEL_INFO, "sending my product info notification");
             SendMyProductInfoNotification(info);
-        },
-        m_task));
-    // The sender is on this task, too, and is not left again: of a burst of answers, each would leave a whole list in
-    // the task's queue, behind the answers that follow.
-    m_aggregator->RegisterForProductList(
-        [this, alive](const Sonarix::ProductList& list)
+        }));
+    // Not posted, because the sender runs on this task: in a burst of answers, each would queue a copy of the whole
+    // list behind the remaining answers.
+    m_aggregator->RegisterForProductList(m_liveness.Guard(
+        [this](const Sonarix::ProductList& list)
         {
-            if (alive.expired())
-            {
-                return;
-            }
+            TASK_CHECK(m_task);
             DPRINT(s_log, DPrint::LEVEL_INFO, "sending product list notification");
             m_portico->SendNotification(kProductsPath, list, kVersion);
-        });
+        }));
 }
 
 DiscoveryServicePorticoClient::~DiscoveryServicePorticoClient() = default;
@@ -122,39 +86,40 @@ void DiscoveryServicePorticoClient::Initialize()
 
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "Initialize");
 
-    // The first value of each source comes by a GET, all later ones by notification: hence one handler for both.
+    // The first value of each source comes by GET, later values by notification. Both have the same handler.
     m_networkStatusConnection = m_portico->RegisterNotification<NetworkStatus>(
-        kNetworkStatusPath, BindHandler(m_task, this, m_alive, &Self::HandleNetworkStatus),
-        Portico::EndpointScope::PUBLIC, kVersion);
+        kNetworkStatusPath, m_liveness.OnTask(m_task, this, &Self::HandleNetworkStatus), Portico::EndpointScope::PUBLIC,
+        kVersion);
 
     m_stationUsageConnection.Disconnect();
     m_stationUsageConnection = m_portico->RegisterNotification<StationUsage>(
-        kStationUsagePath, BindHandler(m_task, this, m_alive, &Self::HandleWiFiStationUsage),
+        kStationUsagePath, m_liveness.OnTask(m_task, this, &Self::HandleWiFiStationUsage),
         Portico::EndpointScope::PUBLIC, kVersion);
 
     m_stationUsageGetConnection.Disconnect();
     m_stationUsageGetConnection = m_portico->SendGet<StationUsage, Portico::Error>(
-        kStationUsagePath, BindHandler(m_task, this, m_alive, &Self::HandleWiFiStationUsage),
-        BindHandler(m_task, this, m_alive, &Self::HandleWiFiStationUsageError), kVersion);
+        kStationUsagePath, m_liveness.OnTask(m_task, this, &Self::HandleWiFiStationUsage),
+        m_liveness.OnTask(m_task, this, &Self::HandleWiFiStationUsageError), kVersion);
 
     m_portico->SendGet<NetworkStatus, Portico::Error>(
-        kNetworkStatusPath, BindHandler(m_task, this, m_alive, &Self::HandleNetworkStatus),
-        BindHandler(m_task, this, m_alive, &Self::HandleNetworkStatusError), kVersion);
+        kNetworkStatusPath, m_liveness.OnTask(m_task, this, &Self::HandleNetworkStatus),
+        m_liveness.OnTask(m_task, this, &Self::HandleNetworkStatusError), kVersion);
 
     m_getInfoConnection =
-        m_portico->RegisterGet(kInfoPath, BindHandler(m_task, this, m_alive, &Self::HandleGetMyProductInfo),
+        m_portico->RegisterGet(kInfoPath, m_liveness.OnTask(m_task, this, &Self::HandleGetMyProductInfo),
                                Portico::EndpointScope::PUBLIC, kVersion, "Unknown", 0);
     m_getProductsConnection =
-        m_portico->RegisterGet(kProductsPath, BindHandler(m_task, this, m_alive, &Self::HandleGetProductList),
+        m_portico->RegisterGet(kProductsPath, m_liveness.OnTask(m_task, this, &Self::HandleGetProductList),
                                Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
-    // Overwrites the handle before it on purpose: the list stays served for the life of the client.
+    // Overwrites the handle of the list on purpose: Shutdown() must not end that endpoint.
     m_getProductsConnection = m_portico->RegisterPost<HUBAPI::AdvertisementInfo>(
-        kAdvertisementPath, BindHandler(m_task, this, m_alive, &Self::HandleAdvertisement),
+        kAdvertisementPath, m_liveness.OnTask(m_task, this, &Self::HandleAdvertisement),
         Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
 }
 
 void DiscoveryServicePorticoClient::HandleNetworkStatus(const NetManager::Protobuf::NetworkStatus& status)
 {
+    TASK_CHECK(m_task);
     const std::string ip = status.has_primaryipaddress() ? status.primaryipaddress() : std::string();
     DPRINT(s_log, DPrint::LEVEL_INFO,
            std::boolalpha << "NetworkStatus: has_primary: " << status.has_primary()
@@ -209,13 +174,15 @@ SXCommon::ProductMode DiscoveryServicePorticoClient::DetermineNewProductMode(boo
 
 void DiscoveryServicePorticoClient::HandleNetworkStatusError(const Portico::Error& error)
 {
-    // No second GET: the next status comes by notification.
+    TASK_CHECK(m_task);
+    // The GET is not repeated: the next status comes by notification.
     DPRINT(s_log, DPrint::LEVEL_WARNING,
            "Error (" << error.code() << "-" << error.subcode() << ") " << error.message());
 }
 
 void DiscoveryServicePorticoClient::HandleWiFiStationUsage(const NetManager::Protobuf::StationUsage& usage)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "");
     std::set<std::string> bands;
     for (const int band : usage.stationbands())
@@ -227,17 +194,20 @@ void DiscoveryServicePorticoClient::HandleWiFiStationUsage(const NetManager::Pro
 
 void DiscoveryServicePorticoClient::HandleWiFiStationUsageError(const Portico::Error& error)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, ProtoToMarkup::ToJson(error, true, false, false));
 }
 
 void DiscoveryServicePorticoClient::HandleGetMyProductInfo(const Answer& response, const Answer& error)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "");
     m_aggregator->GetMyProductInfo(response, error);
 }
 
 void DiscoveryServicePorticoClient::HandleGetProductList(const Answer& response, const Answer& /*error*/)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "");
     Sonarix::ProductList list;
     m_aggregator->GetProductList(list);
@@ -247,8 +217,9 @@ void DiscoveryServicePorticoClient::HandleGetProductList(const Answer& response,
 void DiscoveryServicePorticoClient::HandleAdvertisement(const HUBAPI::AdvertisementInfo& info, const Answer& response,
                                                         const Answer& error)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "");
-    const SonarixPb::DeviceInfo device = MakeDeviceInfo(info);
+    const SonarixPb::DeviceInfo device = DeviceInfoFromAdvertisement(info);
 
     if (const std::shared_ptr<MdnsDiscoveryProtocolIF> mdns = m_controller->GetMdnsDiscoveryProtocol())
     {
@@ -263,7 +234,7 @@ void DiscoveryServicePorticoClient::HandleAdvertisement(const HUBAPI::Advertisem
         unavailable.set_message("MDNS Service not available.");
         error(unavailable);
     }
-    m_aggregator->HandleProductInfoAdvertisement(ConvertToProductInfo(device));
+    m_aggregator->HandleProductInfoAdvertisement(ProductInfoFromDeviceInfo(device));
 }
 
 void DiscoveryServicePorticoClient::SendMyProductInfoNotification(const Sonarix::ProductInfo& info)

@@ -1,8 +1,9 @@
 #pragma once
 
-#include "gateway/BoundHandler.h"
 #include "interfaces/DiscoveryServicePorticoClientIF.h"
 #include "runtime/CallbackConnection.h"
+#include "runtime/FactoryOverride.h"
+#include "runtime/Liveness.h"
 #include "schemas/SXCommon.pb.h" // an enumeration of a schema cannot be declared ahead
 
 #include <memory>
@@ -44,12 +45,12 @@ namespace SonarixService
 class DiscoveryServiceAggregatorIF;
 class DiscoveryServiceControllerIF;
 
-/// The service's face towards the local API gateway: takes in the network status and works out the product mode,
-/// serves the product table and the own record, notifies their changes, and turns a sibling's advertisement
-/// request into an announcement.
-/// Task: constructor and Initialize() on the main thread, everything else on the task given.
-/// Owner: the controller; owns the aggregator, and holds the controller strongly on purpose.
-/// Never waits for the network, and never asks a second time: what a first GET misses comes by notification.
+/// Connects this service to the local API gateway: receives the network status and derives the product mode from it,
+/// serves the product table and the own product's record, notifies their changes, and announces the product by mDNS at
+/// the request of another process.
+/// Task: constructor and Initialize() on the main thread while the task is held, everything else on the given task
+/// (checked in debug builds). Owner: the controller. Owns the aggregator; holds the controller strongly on purpose.
+/// Never waits for the network. Never repeats a GET: later values come by notification.
 class DiscoveryServicePorticoClient final : public DiscoveryServicePorticoClientIF
 {
 public:
@@ -62,7 +63,7 @@ public:
     Create(NotifyTargetTaskIF* task, const std::shared_ptr<DiscoveryServiceControllerIF>& controller,
            const std::shared_ptr<PorticoClientIF>& portico,
            const std::shared_ptr<DiscoveryServiceAggregatorIF>& aggregator);
-    static void SetFactoryOverride(Factory factory); ///< null in the product
+    static inline FactoryOverride<Factory> s_factoryOverride;
 
     DiscoveryServicePorticoClient(NotifyTargetTaskIF* task, std::shared_ptr<DiscoveryServiceControllerIF> controller,
                                   std::shared_ptr<PorticoClientIF> portico,
@@ -90,7 +91,7 @@ private:
     NotifyTargetTaskIF* m_task;
     std::string m_guid;
     bool m_isAccessory;
-    bool m_isPrimaryUp = false; ///< edge detector of the accessory announcement
+    bool m_isPrimaryUp = false; ///< of the last status: a rising edge makes an accessory announce itself
     std::shared_ptr<DiscoveryServiceControllerIF> m_controller;
     std::shared_ptr<PorticoClientIF> m_portico;
     std::shared_ptr<DiscoveryServiceAggregatorIF> m_aggregator;
@@ -100,7 +101,7 @@ private:
     CallbackConnection m_spareConnection; ///< never assigned
     CallbackConnection m_stationUsageGetConnection;
     CallbackConnection m_stationUsageConnection;
-    LivenessToken m_alive;
+    Liveness m_liveness;
 };
 
 } // namespace SonarixService

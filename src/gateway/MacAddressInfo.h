@@ -5,25 +5,24 @@
 namespace SonarixService
 {
 
-/// Reads the unit's MAC addresses, as 12 upper-case hexadecimal digits; an unreadable source gives an empty string.
-/// Has no state but where the files are, so it is safe from any thread; blocks on reads of a few bytes.
-/// Never throws, and never validates the text that the kernel gives.
+/// Reads this product's MAC addresses as 12 upper-case hexadecimal digits. An unreadable source gives an empty string.
+/// Safe from any thread. Blocks for reads of a few bytes. Never throws, never validates the kernel's text.
 class MacAddressReader final
 {
 public:
-    /// `root` stands before every path; empty for the machine's own files.
+    /// `root` is put before each path. Tests use a directory of their own.
     explicit MacAddressReader(std::string root = {});
 
     std::string GetMAC(const std::string& interfaceName) const; ///< "/sys/class/net/<name>/address"
     std::string GetMacFromDeviceTree() const;                   ///< "/proc/device-tree/ocp/macaddr/mac-address"
-    std::string GetWiredMAC() const;                            ///< "eth0", then the device tree
-    std::string GetPrimaryMAC() const;                          ///< the wired one, then that of "wlan0"
+    std::string GetWiredMAC() const;                            ///< of "eth0", else of the device tree
+    std::string GetPrimaryMAC() const;                          ///< the wired one, else that of "wlan0"
 
 private:
     std::string m_root;
 };
 
-/// The same on the machine's own files.
+/// The same with an empty root.
 std::string GetMAC(const std::string& interfaceName);
 std::string GetMacFromDeviceTree();
 std::string GetWiredMAC();

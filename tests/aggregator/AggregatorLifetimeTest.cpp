@@ -1,4 +1,4 @@
-// What is on its way when the aggregator goes, sources that are not there, and real tasks beside it.
+// Destruction of the aggregator with callbacks pending, missing sources, and sources on other threads.
 
 #include "aggregator/DiscoveryServiceAggregator.h"
 #include "tests/aggregator/AggregatorWorld.h"
@@ -11,14 +11,32 @@
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
+namespace
+{
+
+/// A thread that calls `act` 200 times, with 20 guids in turn.
+std::thread Repeat(const std::function<void(const std::string&)>& act)
+{
+    return std::thread(
+        [act]
+        {
+            for (int i = 0; i < 200; ++i)
+            {
+                act("g" + std::to_string(i % 20));
+            }
+        });
+}
+
+} // namespace
+
+TEST_F(AggregatorTest, PendingCallbacksDoNothingAfterDestruction)
 {
     StartAsHost();
     Ssdp({"a"});
     Answer("a");
-    Heartbeat("a", HEARTBEAT_OFFLINE); // the reap timer runs
+    Heartbeat("a", HEARTBEAT_OFFLINE); // arms the reap timer
     simulation.RunFor(6h);
-    ASSERT_EQ(mdns->WaitingLists(), 1U); // a refresh waits for its answer
+    ASSERT_EQ(mdns->WaitingLists(), 1U); // a refresh is pending
     simulation.RunFor(1s);
     Ssdp({"b"});
     const auto remote = Remote("b");
@@ -41,18 +59,18 @@ TEST_F(AggregatorTest, WhatWasOnItsWayTouchesNothingAfterTheEnd)
     Sonarix::ProductList list;
     *list.add_products() = Report{"e"}.By(SXCommon::MDNS);
     mdns->AnswerList(list);
-    Ssdp({"f"}); // nobody disconnected us
+    Ssdp({"f"}); // the subscription still exists
     (*remote->heartbeat)("b", HEARTBEAT_ONLINE);
     simulation.RunFor(24h);
     EXPECT_EQ(portico.Made().size(), made.size());
     EXPECT_EQ(lists.size(), notified);
 }
 
-TEST_F(AggregatorTest, ASourceThatIsNotThereIsTakenUpOnceAndAfterShutdownNothingComesInOrGoesOut)
+TEST_F(AggregatorTest, LateSourceIsSubscribedOnceAndShutdownEndsTraffic)
 {
     controller->mdns = nullptr;
     StartAsHost();
-    simulation.RunFor(7h); // a refresh
+    simulation.RunFor(7h); // includes a refresh
     controller->mdns = mdns;
     BecomeHost();
     BecomeHost();
@@ -71,7 +89,7 @@ TEST_F(AggregatorTest, ASourceThatIsNotThereIsTakenUpOnceAndAfterShutdownNothing
     EXPECT_FALSE(portico.Find("DiscoveryServiceOverPortico")->IsOpen());
 }
 
-TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
+TEST(AggregatorOnRealTasksTest, ReportsOfOtherThreadsAreHandledOnTheTask)
 {
     const LogCapture quiet;
     FakePortico portico;
@@ -89,17 +107,6 @@ TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
             aggregator->InitializeProtocols(SXCommon::HOST, "10.0.0.1");
         });
 
-    const auto repeat = [](const std::function<void(const std::string&)>& act)
-    {
-        return std::thread(
-            [act]
-            {
-                for (int i = 0; i < 200; ++i)
-                {
-                    act("g" + std::to_string(i % 20));
-                }
-            });
-    };
     const auto answer = [&portico](const std::string& guid)
     {
         if (const auto remote = portico.Find("DiscoveryServiceAggregator-" + guid))
@@ -108,9 +115,9 @@ TEST(AggregatorOnRealTasksTest, SourcesOnThreadsOfTheirOwnReportToTheTask)
             remote->SendHeartbeat(guid < "g15" ? HEARTBEAT_OFFLINE : HEARTBEAT_ONLINE);
         }
     };
-    std::thread threads[] = {repeat([&](const std::string& guid) { ssdp->Report(Report{guid}.By(SXCommon::SSDP)); }),
-                             repeat([&](const std::string& guid) { mdns->Report(Report{guid}.By(SXCommon::MDNS)); }),
-                             repeat(answer)};
+    std::thread threads[] = {Repeat([&](const std::string& guid) { ssdp->Report(Report{guid}.By(SXCommon::SSDP)); }),
+                             Repeat([&](const std::string& guid) { mdns->Report(Report{guid}.By(SXCommon::MDNS)); }),
+                             Repeat(answer)};
     for (std::thread& thread : threads)
     {
         thread.join();

@@ -11,7 +11,7 @@
 namespace
 {
 
-/// Manufacturing data are read once a process; the version files are not there unless a test makes some.
+/// Manufacturing data are read once per process. The configuration directory is empty unless a test writes to it.
 class Files final : public testing::Environment
 {
 public:
@@ -120,7 +120,7 @@ bool AggregatorTest::IsWatched(const std::string& guid) const
 std::vector<std::string> AggregatorTest::Guids() const
 {
     Sonarix::ProductList list;
-    list.add_products(); // what was in there goes
+    list.add_products(); // GetProductList must remove it
     aggregator->GetProductList(list);
     std::vector<std::string> guids;
     std::transform(list.products().begin(), list.products().end(), std::back_inserter(guids),

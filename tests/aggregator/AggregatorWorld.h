@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
-/// The guid that the manufacturing data of every test process has.
-inline const char* const kOwn = "m-own"; // so that there are guids before it and behind it
+/// The guid of the manufacturing data in each test process. Other guids sort before and after it.
+inline const char* const kOwn = "m-own";
 inline const char* const kInfoPath = "/sonarix/info";
 
-/// A report as a discovery source makes it, of a product that is there.
+/// A report of a discovery source about a product that is ONLINE.
 struct Report
 {
     std::string guid;
@@ -29,30 +29,30 @@ struct Report
     Sonarix::Product By(SXCommon::DiscoveryProtocol protocol) const;
 };
 
-/// An aggregator with everything around it, in virtual time.
+/// An aggregator with fake neighbours, in virtual time.
 struct AggregatorTest : testing::Test
 {
     AggregatorTest();
 
-    /// Makes the aggregator and subscribes to both of its registries.
+    /// Creates the aggregator and subscribes to both of its registries.
     void Start();
-    /// Start(), and the mode becomes known.
+    /// Start(), then BecomeHost().
     void StartAsHost();
 
-    // Each of these runs until nothing is queued any more.
+    // Each of these runs until all queues are empty.
     void Ssdp(const Report& report);
     void Mdns(const Report& report);
     void BecomeHost();
     void Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status);
     void Answer(const std::string& guid, const std::string& json);
-    void Answer(const std::string& guid); ///< with that guid and nothing else
+    void Answer(const std::string& guid); ///< with only that guid
 
-    /// Null where no connection to that product was ever made.
+    /// Null if no connection to that product has been created.
     std::shared_ptr<FakeConnection> Remote(const std::string& guid) const;
     bool IsWatched(const std::string& guid) const; ///< its connection is open
 
     std::vector<std::string> Guids() const;
-    /// The listed product of that guid; an empty one where there is none.
+    /// The listed product of that guid, or an empty record.
     Sonarix::Product Row(const std::string& guid) const;
     Sonarix::ProductInfo Own() const;
 
@@ -64,6 +64,6 @@ struct AggregatorTest : testing::Test
     std::shared_ptr<FakeController> controller = std::make_shared<FakeController>();
     NotifyTargetTaskIF* task = IL::CreateTask("DiscoveryServiceControllerTask", "");
     std::shared_ptr<SonarixService::DiscoveryServiceAggregatorIF> aggregator;
-    std::vector<Sonarix::ProductList> lists; ///< notified so far
+    std::vector<Sonarix::ProductList> lists; ///< received notifications
     std::vector<Sonarix::ProductInfo> infos;
 };

@@ -1,4 +1,4 @@
-// What the product says about itself, and who may say it.
+// The own information: its sources, its subscribers, and reports that are refused.
 
 #include "tests/aggregator/AggregatorWorld.h"
 
@@ -10,7 +10,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Info = Sonarix::ProductInfo;
 
-TEST_F(AggregatorTest, ASubscriberGetsThePresentInformationAtOnceThenNewsAlone)
+TEST_F(AggregatorTest, SubscriberGetsCurrentInformationThenOnlyChanges)
 {
     Start();
     ASSERT_EQ(infos.size(), 1U);
@@ -29,7 +29,7 @@ TEST_F(AggregatorTest, ASubscriberGetsThePresentInformationAtOnceThenNewsAlone)
     EXPECT_THAT(infos[3].capabilities().supportedwifibands(), ElementsAre("5GHZ", "6GHZ")); // replaced
 }
 
-TEST_F(AggregatorTest, AnOwnReportMayNotSayWhatOnlyWeKnow)
+TEST_F(AggregatorTest, OwnReportWithReservedFieldIsRefused)
 {
     StartAsHost();
     const std::pair<const char*, std::function<void(Info&)>> faults[] = {
@@ -53,7 +53,7 @@ TEST_F(AggregatorTest, AnOwnReportMayNotSayWhatOnlyWeKnow)
     EXPECT_TRUE(log.Contains("Ignoring advertisements of products not my own...How did this even happen"));
     EXPECT_THAT(infos, IsEmpty());
 
-    // What we know better is left out, and the task lives on.
+    // Address and versions of an own report are ignored.
     const auto known = [](Info& info)
     {
         info.set_ipaddress("9.9.9.9");
@@ -65,7 +65,7 @@ TEST_F(AggregatorTest, AnOwnReportMayNotSayWhatOnlyWeKnow)
     EXPECT_FALSE(Own().multiroom().has_zonecontrol_version());
 }
 
-TEST_F(AggregatorTest, AHeldBackReportThatIsAtFaultCostsNeitherThoseBehindItNorTheChangeOfMode)
+TEST_F(AggregatorTest, BadHeldBackReportStopsNeitherPlaybackNorModeChange)
 {
     Start();
     Mdns({.guid = kOwn, .more = [](Info& info) { info.mutable_configurations(); }});
@@ -80,7 +80,7 @@ TEST_F(AggregatorTest, AHeldBackReportThatIsAtFaultCostsNeitherThoseBehindItNorT
     EXPECT_EQ(infos.back().configurations().currentproductmode(), SXCommon::HOST);
 }
 
-TEST_F(AggregatorTest, ANameThatIsNotUtf8StopsNoNotification)
+TEST_F(AggregatorTest, NameThatIsNotUtf8IsNotified)
 {
     StartAsHost();
     Ssdp({kOwn, "\xff\xfe"});

@@ -17,7 +17,7 @@ Sonarix::Product Make(const std::string& text)
 
 } // namespace
 
-TEST(ProductMergeTest, ALaterReportIsMergedFieldByFieldListsByTheirKeysAndSomeWholly)
+TEST(ProductMergeTest, LaterReportIsMergedByFieldByKeyOrAsAWhole)
 {
     const struct
     {
@@ -29,24 +29,24 @@ TEST(ProductMergeTest, ALaterReportIsMergedFieldByFieldListsByTheirKeysAndSomeWh
          "productinfo { friendlyname: 'Bath' multiroom { Grouping_Version { minor_version: 4 } } }",
          "productinfo { friendlyname: 'Bath' modelname: 'M'"
          "  multiroom { Grouping_Version { major_version: 3 minor_version: 4 } } }"},
-        // One a key, sorted, the latest.
+        // The latest of each key, sorted.
         {"productinfo { icons { url: '/c' width: 1 } icons { url: '/a' width: 2 } icons { url: '/a' width: 3 } }",
          "productinfo { icons { url: '/c' width: 4 } icons { url: '/b' } }",
          "productinfo { icons { url: '/a' width: 3 } icons { url: '/b' } icons { url: '/c' width: 4 } }"},
         {"productinfo { services { serviceid: '2' servicetype: 'old' } services { serviceid: '1' } }",
          "productinfo { services { serviceid: '2' servicetype: 'new' } }",
          "productinfo { services { serviceid: '1' } services { serviceid: '2' servicetype: 'new' } }"},
-        // Replaced whole, where they are set.
+        // Replaced as a whole if set.
         {"productinfo { capabilities { hasBattery: true supportedWifiBands: 'band' } }",
          "productinfo { capabilities { supportedWifiBands: 'band' } }",
          "productinfo { capabilities { supportedWifiBands: 'band' } }"},
         {"productinfo { capabilities { hasBattery: true } }", "productinfo { }",
          "productinfo { capabilities { hasBattery: true } }"},
-        // Always those of the later one.
+        // Always those of the later report.
         {"productinfo { children { guid: 'a' } }", "productinfo { children { guid: 'b' } }",
          "productinfo { children { guid: 'b' } }"},
         {"productinfo { children { guid: 'a' } }", "productinfo { }", "productinfo { }"},
-        // Seen by both sources; an absent record changes nothing.
+        // Reported by both sources; an absent record changes nothing.
         {"protocols: MDNS productinfo { guid: 'a' } serviceid { type: 't' }", "protocols: SSDP protocols: MDNS",
          "protocols: SSDP protocols: MDNS productinfo { guid: 'a' } serviceid { type: 't' }"},
     };

@@ -1,14 +1,14 @@
-// What a neighbour says of itself is bounded; all else that it may say, the simulated lives hold.
+// Limits for the information of a remote product. Its other effects are covered by the simulation.
 
 #include "tests/aggregator/AggregatorWorld.h"
 
-TEST_F(AggregatorTest, NoNeighbourGrowsItsRowBeyondWhatAListCanHold)
+TEST_F(AggregatorTest, OversizedAnswerIsIgnoredAndElementsAreLimited)
 {
     StartAsHost();
     Ssdp({"a"});
     Answer("a", R"({"guid":"a","friendlyname":")" + std::string(70000, 'x') + R"("})");
     EXPECT_TRUE(lists.empty());
-    EXPECT_TRUE(log.Contains("The information of a takes 70"));
+    EXPECT_TRUE(log.Contains("The information of a has 70"));
 
     for (int report = 0; report < 200; ++report)
     {

@@ -11,7 +11,7 @@ using namespace SonarixService;
 namespace
 {
 
-/// In the configuration directory that every test of this program has.
+/// Uses the configuration directory of this test process.
 class VersionFilesTest : public AggregatorTest
 {
 protected:
@@ -32,7 +32,7 @@ protected:
 
 } // namespace
 
-TEST_F(VersionFilesTest, EachFileSpeaksForItsOwnFieldsAlone)
+TEST_F(VersionFilesTest, OnlyOwnFieldsOfEachFileAreTaken)
 {
     const std::string all = R"({"Audio_Payload_Version":{"major_version":1},
         "AudioControl_Protocol_Version":{"major_version":2}, "ClockSync_Protocol_Version":{"major_version":3},
@@ -40,7 +40,7 @@ TEST_F(VersionFilesTest, EachFileSpeaksForItsOwnFieldsAlone)
         "ZoneControl_Version":{"major_version":6}, "Grouping_Version":{"major_version":7, "minor_version":8}})";
     Write("ClocksyncMultiroomVersions.json", all);
     EXPECT_EQ(ReadMultiroomVersions(m_dir).ShortDebugString(), "ClockSync_Protocol_Version { major_version: 3 }");
-    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U); // a missing file is nobody's fault
+    EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U); // a missing file is not an error
 
     Write("APMultiroomVersions.json", all);
     Write("HubMultiroomVersions.json", all);
@@ -51,7 +51,7 @@ TEST_F(VersionFilesTest, EachFileSpeaksForItsOwnFieldsAlone)
     EXPECT_EQ(ReadMultiroomVersions(m_dir).ShortDebugString(), expected.ShortDebugString());
 }
 
-TEST_F(VersionFilesTest, AFileThatDoesNotParseCostsALineAndLeavesItsFieldsEmpty)
+TEST_F(VersionFilesTest, UnparsableFileIsLoggedAndLeavesFieldsEmpty)
 {
     Write("HubMultiroomVersions.json", R"({"NowPlaying_Version":{"major_version":4}})");
     for (const char* const broken : {"[]", "{", "", R"({"Audio_Payload_Version":"x"})", "\xff"})
@@ -65,15 +65,15 @@ TEST_F(VersionFilesTest, AFileThatDoesNotParseCostsALineAndLeavesItsFieldsEmpty)
         EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 1U) << broken;
     }
     Write("Capabilities.json", "[1]");
-    Start(); // whatever the files hold
+    Start();
     EXPECT_TRUE(log.Contains(m_dir + "Capabilities.json"));
     EXPECT_TRUE(Own().has_capabilities());
 }
 
-TEST_F(VersionFilesTest, CapabilitiesStandUnderTheirRootKeyAndKnowNothingOfBands)
+TEST_F(VersionFilesTest, CapabilitiesComeFromRootKeyWithoutWifiBands)
 {
     Write("Capabilities.json", R"({"Capabilities":{"hasBattery":true, "bondedGroupSupportStatus":"NO_SUCH_THING",)"
                                R"("supportedWifiBands":["from the file"]}})");
     Start();
-    EXPECT_EQ(Own().capabilities().ShortDebugString(), "hasBattery: true"); // bands: the network service's word alone
+    EXPECT_EQ(Own().capabilities().ShortDebugString(), "hasBattery: true"); // bands come only from the network service
 }

@@ -8,15 +8,15 @@
 
 using namespace SonarixService;
 
-TEST(DeviceInfoConversionTest, AbsentFieldsBecomePresentDefaultsButForAddressAndZoneControl)
+TEST(DeviceInfoConversionTest, AbsentFieldsBecomeDefaultsExceptAddressZoneControl)
 {
     SonarixPb::DeviceInfo device;
-    const Sonarix::ProductInfo empty = ConvertToProductInfo(device);
+    const Sonarix::ProductInfo empty = ProductInfoFromDeviceInfo(device);
     EXPECT_TRUE(empty.has_guid());
     EXPECT_FALSE(empty.has_ipaddress());
     EXPECT_TRUE(empty.multiroom().nowplaying_version().has_major_version());
     EXPECT_FALSE(empty.multiroom().has_zonecontrol_version());
-    // What only the product itself may say stays out, or the aggregator would refuse the record.
+    // The aggregator refuses a record that has one of these.
     EXPECT_FALSE(empty.has_capabilities() || empty.has_configurations() || empty.children_size() > 0);
 
     SonarixPb::MultiroomVersions& versions = *device.mutable_multiroom_versions();
@@ -28,6 +28,6 @@ TEST(DeviceInfoConversionTest, AbsentFieldsBecomePresentDefaultsButForAddressAnd
         version->set_major_version(number);
         version->set_minor_version(10 * number++);
     }
-    // Both families have the same numbers, so that the wire form compares them field by field.
-    EXPECT_EQ(ConvertToProductInfo(device).multiroom().SerializeAsString(), versions.SerializeAsString());
+    // Both messages have the same field numbers, so equal wire forms mean equal fields.
+    EXPECT_EQ(ProductInfoFromDeviceInfo(device).multiroom().SerializeAsString(), versions.SerializeAsString());
 }

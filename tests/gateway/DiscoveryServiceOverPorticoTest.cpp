@@ -21,7 +21,7 @@ const char* const kChild = R"({"state":"ONLINE","productinfo":{"guid":"child"}})
 
 } // namespace
 
-TEST(DiscoveryServiceOverPorticoTest, TheAnswerGoesOutBeforeTheSignalAndNeitherAfterTheEnd)
+TEST(DiscoveryServiceOverPorticoTest, AnswersBeforeSignalAndDoesNothingAfterDestruction)
 {
     IL::Simulation simulation(1);
     NotifyTargetTaskIF* const task = IL::CreateTask("Task", "");
@@ -39,7 +39,7 @@ TEST(DiscoveryServiceOverPorticoTest, TheAnswerGoesOutBeforeTheSignalAndNeitherA
             signals += product.productinfo().guid();
         });
     answer = connection->Call(Verb::POST, kPath, kChild);
-    EXPECT_FALSE(answer->isDone) << "the handler runs on its task, not on the library's thread";
+    EXPECT_FALSE(answer->isDone) << "the handler is posted to its task";
     simulation.RunUntilIdle();
     EXPECT_EQ(answer->body, "{}");
     EXPECT_EQ(signals, "child");

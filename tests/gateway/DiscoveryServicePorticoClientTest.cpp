@@ -42,7 +42,7 @@ const char* const kAdvertisement =
     R"({"deviceName":"Kitchen","guid":"guid-1","ecosys":"ORB2","productType":"T","productName":"N","productColor":"C",)"
     R"("softwareVersion":"1.2","productLanguage":"en","serialNumber":"S","country":"DE"})";
 
-/// The client on a simulated task, with everything around it faked. What the fakes are told stands in m_calls.
+/// The client on a simulated task with fake neighbours. m_calls has the calls of all fakes.
 class DiscoveryServicePorticoClientTest : public testing::Test
 {
 protected:
@@ -69,7 +69,7 @@ protected:
         std::filesystem::remove(file);
     }
 
-    /// What the others are told until the work is done.
+    /// Delivers a notification and returns the calls that it causes.
     FakeCalls Notify(const std::string& path, const std::string& body)
     {
         m_calls->clear();
@@ -99,7 +99,7 @@ protected:
 
 } // namespace
 
-TEST_F(DiscoveryServicePorticoClientTest, RegistersAsksForTheFirstStatusAndHearsOfLaterOnes)
+TEST_F(DiscoveryServicePorticoClientTest, FirstStatusComesByGetAndLaterOnesByNotification)
 {
     EXPECT_THAT(m_gateway->Log(),
                 ElementsAre("SUBSCRIBE /network/status", "SUBSCRIBE /network/wifi/stationUsage",
@@ -119,11 +119,11 @@ TEST_F(DiscoveryServicePorticoClientTest, RegistersAsksForTheFirstStatusAndHears
     Notify(kUsagePath, R"({"stationBands":["WIFI_RADIO_BAND_6GHZ","WIFI_RADIO_BAND_2_4GHZ","WIFI_RADIO_BAND_6GHZ"]})");
     EXPECT_EQ(m_controller->statuses.size(), 2U);
     EXPECT_THAT(m_aggregator->supportedWifiBands, ElementsAre("WIFI_RADIO_BAND_2_4GHZ", "WIFI_RADIO_BAND_6GHZ"));
-    EXPECT_THAT(Notify(kStatusPath, "[1]"), IsEmpty()) << "what does not parse is nobody's news";
+    EXPECT_THAT(Notify(kStatusPath, "[1]"), IsEmpty()) << "a body that does not parse is dropped";
     EXPECT_THAT(m_mdns->announcements, IsEmpty()) << "a host announces itself on request only";
 }
 
-TEST_F(DiscoveryServicePorticoClientTest, NotifiesItsInfoByItsTaskAndAListAtOnce)
+TEST_F(DiscoveryServicePorticoClientTest, OwnInfoIsPostedToTheTaskAndAListIsSentAtOnce)
 {
     m_simulation.RunUntilIdle();
     EXPECT_THAT(m_gateway->Notifications("/sonarix/info"), ElementsAre(R"({"guid":"own"})"));
@@ -133,24 +133,24 @@ TEST_F(DiscoveryServicePorticoClientTest, NotifiesItsInfoByItsTaskAndAListAtOnce
     m_aggregator->productLists.Send(m_aggregator->list, CallbackConnection());
     EXPECT_THAT(m_gateway->Notifications("/sonarix/products"),
                 ElementsAre(R"({"products":[{"state":"OFFLINE"}]})", "{}"))
-        << "a whole list waits in the task's queue";
+        << "a list must not wait in the task's queue";
 }
 
 TEST_F(DiscoveryServicePorticoClientTest, FailedGetsAreLoggedAndNotRepeated)
 {
-    m_gateway->Fail(kStatusPath, 404, 7, "nobody there");
+    m_gateway->Fail(kStatusPath, 404, 7, "not found");
     m_gateway->AnswerText(kUsagePath, "[]");
     m_simulation.RunFor(std::chrono::hours(1));
-    EXPECT_TRUE(m_log.Contains("Error (404-7) nobody there")) << m_log.Text();
+    EXPECT_TRUE(m_log.Contains("Error (404-7) not found")) << m_log.Text();
     EXPECT_TRUE(m_log.Contains("2005")) << m_log.Text();
     EXPECT_EQ(m_gateway->Requests(kStatusPath).size(), 1U);
     EXPECT_EQ(m_gateway->Requests(kUsagePath).size(), 1U);
     EXPECT_THAT(*m_calls, IsEmpty());
-    Notify(kStatusPath, kUp); // sets things going all the same
+    Notify(kStatusPath, kUp); // works without the GET
     EXPECT_EQ(m_controller->statuses.size(), 1U);
 }
 
-TEST_F(DiscoveryServicePorticoClientTest, AdvertisementIsAnnouncedThenAnsweredThenToldAndWithoutMdnsRefused)
+TEST_F(DiscoveryServicePorticoClientTest, AdvertisementIsAnnouncedAndAnsweredOr503WithoutMdns)
 {
     std::string answer;
     m_gateway->FindEndpoint(Verb::POST, kAdvertisementPath)
@@ -184,7 +184,7 @@ TEST_F(DiscoveryServicePorticoClientTest, AdvertisementIsAnnouncedThenAnsweredTh
     EXPECT_THAT(Call(Verb::POST, kAdvertisementPath, "{")->body, HasSubstr("2005"));
 }
 
-TEST_F(DiscoveryServicePorticoClientTest, ShutdownEndsTheAggregatorFirstAndTheConnectionLast)
+TEST_F(DiscoveryServicePorticoClientTest, ShutdownStopsAggregatorFirstAndConnectionLast)
 {
     m_client->Shutdown();
     EXPECT_THAT(*m_calls, ElementsAre("aggregator Shutdown"));
@@ -192,7 +192,7 @@ TEST_F(DiscoveryServicePorticoClientTest, ShutdownEndsTheAggregatorFirstAndTheCo
     EXPECT_FALSE(m_gateway->IsOpen());
 }
 
-TEST_F(DiscoveryServicePorticoClientTest, WhatIsInFlightAtTheEndTouchesNothing)
+TEST_F(DiscoveryServicePorticoClientTest, PendingCallbacksDoNothingAfterDestruction)
 {
     m_gateway->AnswerText(kStatusPath, kUp);
     m_gateway->PushText(kStatusPath, kDown);
@@ -216,7 +216,7 @@ TEST_F(DiscoveryServicePorticoClientTest, AccessoryAnnouncesItselfAtEachRisingEd
     EXPECT_EQ(m_mdns->announcements.at(0).ShortDebugString(),
               R"(ipaddress: "10.0.0.1" guid: "guid.is.not.set.perhaps.x86")");
 
-    // A status without primary or address spends the edge.
+    // A status without primary or address consumes the edge.
     for (const char* spent :
          {R"({"isPrimaryUp":true,"primaryIpAddress":"10.0.0.1"})", R"({"isPrimaryUp":true,"primary":"WIRED_ETH"})"})
     {
@@ -230,5 +230,5 @@ TEST_F(DiscoveryServicePorticoClientTest, AccessoryAnnouncesItselfAtEachRisingEd
     EXPECT_EQ(Notify(kStatusPath, kUp).size(), 3U);
     m_controller->mdns = nullptr;
     Notify(kStatusPath, kDown);
-    EXPECT_EQ(Notify(kStatusPath, kUp).size(), 2U) << "nobody to tell, and no fault";
+    EXPECT_EQ(Notify(kStatusPath, kUp).size(), 2U) << "without mDNS there is no announcement";
 }

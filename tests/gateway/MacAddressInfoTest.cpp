@@ -12,7 +12,7 @@ using namespace SonarixService;
 namespace
 {
 
-/// A machine's files in a directory of its own.
+/// A directory with the files of a fake machine.
 class MacAddressInfoTest : public testing::Test
 {
 protected:
@@ -29,10 +29,10 @@ protected:
 
 } // namespace
 
-TEST_F(MacAddressInfoTest, InterfaceFileGivesUpToTwelveUpperCaseDigitsAndNoMadeUpOnes)
+TEST_F(MacAddressInfoTest, InterfaceFileGivesOnlyItsDigitsInUpperCase)
 {
     const char* const rows[][2] = {{"aa:bb:cc:00:11:22\n", "AABBCC001122"},
-                                   {"AA-bb-CC-00-11-2f and more", "AABBCC00112F"}, // separators are not looked at
+                                   {"AA-bb-CC-00-11-2f and more", "AABBCC00112F"}, // separators are ignored
                                    {"aa:b", "AAB"},
                                    {"", ""}};
     for (const auto& [content, digits] : rows)
@@ -42,7 +42,7 @@ TEST_F(MacAddressInfoTest, InterfaceFileGivesUpToTwelveUpperCaseDigitsAndNoMadeU
     }
 }
 
-TEST_F(MacAddressInfoTest, WiredBeforeDeviceTreeBeforeWireless)
+TEST_F(MacAddressInfoTest, PrimaryMacIsWiredThenDeviceTreeThenWireless)
 {
     EXPECT_EQ(m_reader.GetPrimaryMAC(), "");
 

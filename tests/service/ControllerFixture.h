@@ -31,10 +31,10 @@ protected:
                                                      { return s_fixture->m_ssdp; });
         DiscoveryServiceIPCServer::s_factoryOverride.Set([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
                                                          { return std::make_shared<FakeIPCServer>(); });
-        DiscoveryServiceAggregator::SetFactoryOverride(
+        DiscoveryServiceAggregator::s_factoryOverride.Set(
             [](NotifyTargetTaskIF*, const auto&) -> std::shared_ptr<DiscoveryServiceAggregatorIF>
             { return std::make_shared<FakeAggregator>(); });
-        DiscoveryServicePorticoClient::SetFactoryOverride(
+        DiscoveryServicePorticoClient::s_factoryOverride.Set(
             [](NotifyTargetTaskIF*, const auto&, const auto&,
                const auto&) -> std::shared_ptr<DiscoveryServicePorticoClientIF>
             { return std::make_shared<FakeGatewayClient>(); });
@@ -46,8 +46,8 @@ protected:
         MdnsDiscoveryProtocol::SetFactoryOverride(nullptr);
         SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
         DiscoveryServiceIPCServer::s_factoryOverride.Set(nullptr);
-        DiscoveryServiceAggregator::SetFactoryOverride(nullptr);
-        DiscoveryServicePorticoClient::SetFactoryOverride(nullptr);
+        DiscoveryServiceAggregator::s_factoryOverride.Set(nullptr);
+        DiscoveryServicePorticoClient::s_factoryOverride.Set(nullptr);
     }
 
     std::shared_ptr<FakeCalls> SharedCalls()

@@ -58,7 +58,7 @@ TEST(EntryPointTest, ExceptionIsLoggedAndExitSkipsDestructors)
                         }
                         return {new FakeMdnsDiscoveryProtocol, [](void*) { std::cerr << "destroyed" << std::endl; }};
                     });
-                DiscoveryServicePorticoClient::SetFactoryOverride(
+                DiscoveryServicePorticoClient::s_factoryOverride.Set(
                     [](NotifyTargetTaskIF*, const auto&, const auto&,
                        const auto&) -> std::shared_ptr<DiscoveryServicePorticoClientIF>
                     { throw std::runtime_error("Initialize"); });

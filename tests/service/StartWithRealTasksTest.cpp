@@ -63,7 +63,7 @@ TEST(StartWithRealTasksTest, ChildPostedDuringTheStartIsNotified)
                                                          { return nullptr; });
             DiscoveryServiceIPCServer::s_factoryOverride.Set(
                 [](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF> { return nullptr; });
-            DiscoveryServicePorticoClient::SetFactoryOverride(CreateClientAfterPostOfChild);
+            DiscoveryServicePorticoClient::s_factoryOverride.Set(CreateClientAfterPostOfChild);
 
             const auto controller = std::make_shared<DiscoveryServiceController>();
             controller->Initialize();
