@@ -1,14 +1,14 @@
-// What the publication of the product table costs, from the change of one row to the last subscriber's record:
+// Measures the publication of the product table, from the change of one row to the record of the last subscriber:
 //
 //     build/release/bench/bench-publish build/release/bin/portico-gateway
 //
-// This process is the service: the real aggregator, gateway face and gateway client; only discovery and the other
-// products' gateways are played. The gateway is the real program, each subscriber a process of its own with the real
-// client library. Everything is on loopback, on ports that were free.
+// This process is the service, with the real aggregator and the real gateway client. Discovery and the gateways of the
+// other products are fake. The gateway is the real program. Each subscriber is a process with the real client library.
+// All traffic is on free loopback ports.
 //
-// Two questions: one change at a time, with the way of the bytes taken apart, and a burst, in which each product of
-// the table becomes ONLINE within two seconds. Times are CPU where not said otherwise. Lines of the form
-// NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT follow, the limit empty: nothing is decided here.
+// Part one changes one row at a time and measures each step. Part two is a burst: all products of the table become
+// ONLINE within two seconds. Times are CPU times unless a column says "wall". The results follow as lines of the form
+// NAME<TAB>VALUE<TAB>UNIT<TAB>LIMIT. The limit is empty: this bench checks nothing.
 
 #include "aggregator/DiscoveryServiceAggregator.h"
 #include "bench/publish/SampleProducts.h"
@@ -42,19 +42,19 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kSizes[] = {100, 500, 1000};
 constexpr int kSubscribers[] = {1, 20};
-constexpr int kBurstSubscribers[] = {1, 5}; ///< more of them would measure their own parsing
+constexpr int kBurstSubscribers[] = {1, 5}; ///< more would mainly measure the parsing of the subscribers
 constexpr int kBurstRows = 500;
 constexpr std::chrono::milliseconds kBurst{2000};
-constexpr std::chrono::seconds kPatience{300}; ///< for anything to arrive
+constexpr std::chrono::seconds kPatience{300}; ///< limit for each wait
 constexpr int kWarmUp = 3;
-constexpr std::size_t kRepeats = 11; ///< of a part that is measured alone
+constexpr std::size_t kRepeats = 11; ///< of a separately measured part
 
 double Seconds(Clock::duration duration)
 {
     return std::chrono::duration<double>(duration).count();
 }
 
-/// CPU seconds so far; only differences mean anything.
+/// CPU seconds since the start of each process. Use differences.
 struct Cpu
 {
     double controller = 0; ///< the service's task
@@ -69,14 +69,14 @@ struct Cpu
     }
 };
 
-/// A service with its table full, its gateway, and subscribers to the table.
+/// A service with a full table, its gateway, and subscribers to the table.
 class Publication
 {
 public:
     enum class Table
     {
-        DISCOVERED, ///< rows as mDNS makes them
-        DESCRIBED,  ///< rows that the products have added to
+        DISCOVERED, ///< rows with the fields of a discovery report
+        DESCRIBED,  ///< rows that also have the products' own information
     };
 
     Publication(const char* gatewayProgram, int rows, Table table)
@@ -109,7 +109,7 @@ public:
     Publication(const Publication&) = delete;
     Publication& operator=(const Publication&) = delete;
 
-    /// Makes so many subscribers, and changes the table until each of them keeps up. False when one does not.
+    /// Starts subscribers until there are `count`, then changes the table a few times. False on a timeout.
     bool Subscribe(int count)
     {
         while (static_cast<int>(m_subscribers.size()) < count)
@@ -117,23 +117,23 @@ public:
             const int number = static_cast<int>(m_subscribers.size());
             m_subscribers.push_back(std::make_unique<SubscriberProcess>(m_gateway.Port(), number, m_notices));
         }
-        m_heard.resize(m_subscribers.size());
-        bool isWell = WaitForAll([](const Heard& heard) { return heard.connections > 0; });
+        m_stats.resize(m_subscribers.size());
+        bool isWell = WaitForAll([](const SubscriberStats& stats) { return stats.connections > 0; });
         for (int change = 0; isWell && change < kWarmUp; ++change)
         {
             isWell = ChangeAndWait();
         }
-        *m_serviceLost = 0; // attempts before the gateway listened
+        *m_serviceLost = 0; // ignores attempts before the gateway listened
         return isWell;
     }
 
-    /// One product tells of itself, which publishes the table; returns when each subscriber has read it.
+    /// One product notifies its information, which publishes the table. Returns when each subscriber has parsed it.
     bool ChangeAndWait()
     {
-        const std::vector<Heard> before = m_heard;
+        const std::vector<SubscriberStats> before = m_stats;
         Answer(0);
-        return WaitForAll([this, &before](const Heard& heard)
-                          { return heard.lists > before[static_cast<std::size_t>(&heard - m_heard.data())].lists; });
+        return WaitForAll([this, &before](const SubscriberStats& stats)
+                          { return stats.lists > before[static_cast<std::size_t>(&stats - m_stats.data())].lists; });
     }
 
     void Answer(int number)
@@ -141,7 +141,7 @@ public:
         m_products.Answer(SampleProducts::Described(number));
     }
 
-    /// Takes what the subscribers tell until then.
+    /// Handles the notices of the subscribers until `end`.
     void ListenUntil(Clock::time_point end)
     {
         while (const std::optional<Notice> notice = m_notices.Read(end))
@@ -150,11 +150,11 @@ public:
         }
     }
 
-    /// False when `isReached` does not hold for every subscriber in time.
-    bool WaitForAll(const std::function<bool(const Heard&)>& isReached)
+    /// False if `isReached` is not true for every subscriber within kPatience.
+    bool WaitForAll(const std::function<bool(const SubscriberStats&)>& isReached)
     {
         const Clock::time_point end = Clock::now() + kPatience;
-        while (!std::all_of(m_heard.begin(), m_heard.end(), isReached))
+        while (!std::all_of(m_stats.begin(), m_stats.end(), isReached))
         {
             const std::optional<Notice> notice = m_notices.Read(end);
             if (!notice)
@@ -203,15 +203,15 @@ public:
         m_task.Run([&] { m_aggregator->GetProductList(list); });
         return list;
     }
-    const std::vector<Heard>& Subscribers() const
+    const std::vector<SubscriberStats>& Subscribers() const
     {
-        return m_heard;
+        return m_stats;
     }
     pid_t Gateway() const
     {
         return m_gateway.Pid();
     }
-    /// How often the service's connection to the gateway went.
+    /// How often the service lost its connection to the gateway.
     int ServiceLost() const
     {
         int lost = 0;
@@ -222,32 +222,32 @@ public:
 private:
     void Take(const Notice& notice)
     {
-        m_heard[static_cast<std::size_t>(notice.subscriber)].Take(notice);
+        m_stats[static_cast<std::size_t>(notice.subscriber)].Take(notice);
     }
 
     const GatewayProcess m_gateway;
     StubProducts m_products;
     const RealTask m_task{"Controller"};
-    const std::shared_ptr<int> m_serviceLost = std::make_shared<int>(0); ///< on the task
+    const std::shared_ptr<int> m_serviceLost = std::make_shared<int>(0); ///< used only on the task
     const std::shared_ptr<FakeSsdpDiscoveryProtocol> m_discovery = std::make_shared<FakeSsdpDiscoveryProtocol>();
     const std::shared_ptr<FakeController> m_controller = std::make_shared<FakeController>();
     std::shared_ptr<SonarixService::DiscoveryServiceAggregatorIF> m_aggregator;
     std::shared_ptr<SonarixService::DiscoveryServicePorticoClientIF> m_service;
     const NoticePipe m_notices;
     std::vector<std::unique_ptr<SubscriberProcess>> m_subscribers;
-    std::vector<Heard> m_heard;
+    std::vector<SubscriberStats> m_stats;
 };
 
-/// What one change costs, in seconds.
+/// Cost of one change, in seconds.
 struct Change
 {
     double bytes = 0;
     double toJson = 0;
-    double rest = 0; ///< of what the service's task does: merging the row, the list, timers, log
+    double rest = 0; ///< remaining work of the service's task: merge, list, timers, log
     double send = 0; ///< frame and socket, on the client's thread
     double gateway = 0;
-    double subscriber = 0; ///< each
-    double wall = 0;       ///< until the last subscriber has the record
+    double subscriber = 0; ///< per subscriber
+    double wall = 0;       ///< until the last subscriber has parsed the list
 };
 
 bool MeasureChange(Publication& publication, int subscribers, Change& change)
@@ -287,7 +287,7 @@ bool RunChanges(const char* gatewayProgram, std::vector<std::function<void()>>& 
     for (const int rows : kSizes)
     {
         Publication publication(gatewayProgram, rows, Publication::Table::DESCRIBED);
-        double first = 0; // of the gateway with one subscriber
+        double first = 0; // gateway CPU with one subscriber
         for (const int subscribers : kSubscribers)
         {
             Change change;
@@ -325,7 +325,7 @@ bool RunBurst(const char* gatewayProgram, int subscribers, std::vector<std::func
     {
         return false;
     }
-    const std::vector<Heard> before = publication.Subscribers();
+    const std::vector<SubscriberStats> before = publication.Subscribers();
     ForgetPeakMemory(::getpid());
     ForgetPeakMemory(publication.Gateway());
     const double memory = PeakMemory(::getpid());
@@ -337,7 +337,8 @@ bool RunBurst(const char* gatewayProgram, int subscribers, std::vector<std::func
         publication.ListenUntil(start + kBurst * number / kBurstRows);
         publication.Answer(number);
     }
-    const bool isWhole = publication.WaitForAll([](const Heard& heard) { return heard.last.online == kBurstRows; });
+    const bool isWhole =
+        publication.WaitForAll([](const SubscriberStats& stats) { return stats.last.online == kBurstRows; });
     const double wall = Seconds(Clock::now() - start);
     const Cpu cpu = publication.Now() - cpuBefore;
 
@@ -346,10 +347,10 @@ bool RunBurst(const char* gatewayProgram, int subscribers, std::vector<std::func
     double bytes = 0;
     for (std::size_t index = 0; index < before.size(); ++index)
     {
-        const Heard& heard = publication.Subscribers()[index];
-        fewest = std::min(fewest, heard.lists - before[index].lists);
-        lost += heard.losses - before[index].losses;
-        bytes += heard.bytes - before[index].bytes;
+        const SubscriberStats& stats = publication.Subscribers()[index];
+        fewest = std::min(fewest, stats.lists - before[index].lists);
+        lost += stats.losses - before[index].losses;
+        bytes += stats.bytes - before[index].bytes;
     }
     const int serviceLost = publication.ServiceLost();
     const double peak = PeakMemory(::getpid()) - memory;
@@ -403,7 +404,7 @@ int main(int argc, char** argv)
         return 2;
     }
     ::setenv("SONARIX_LOG", "1", 1); // of the children
-    DPrint::SetLevels("3");          // the product's own: lines are made, though nobody reads them
+    DPrint::SetLevels("3");          // the product's setting; lines are formatted and dropped
     DPrint::SetSink([](const std::string&, DPrint::Level, const std::string&) {});
     std::vector<std::function<void()>> lines;
     const bool isWhole = RunChanges(argv[1], lines) && RunBursts(argv[1], lines);

@@ -8,7 +8,6 @@
 namespace
 {
 
-/// `format` with the number in it.
 template <class... Numbers>
 std::string Text(const char* format, Numbers... numbers)
 {
@@ -33,7 +32,7 @@ void SetVersions(SXCommon::MultiroomVersions& versions)
     SetVersion(versions.mutable_grouping_version(), 1, 1);
 }
 
-/// What both sources tell.
+/// The fields that discovery and the product itself report.
 void SetCommon(Sonarix::ProductInfo& info, int number)
 {
     info.set_guid(Text("3c1f5d0a-77e2-4b6e-9a40-%012d", number));

@@ -2,8 +2,7 @@
 
 #include "schemas/Sonarix.pb.h"
 
-/// Products as they are in the field: what mDNS tells of one, what it tells of itself, and a table of them.
-/// The same number gives the same product in each run.
+/// Products with realistic field sizes. The same number gives the same product in each run.
 namespace SampleProducts
 {
 
@@ -13,7 +12,7 @@ Sonarix::Product Discovered(int number);
 /// As the product answers at /sonarix/info.
 Sonarix::ProductInfo Described(int number);
 
-/// One row of the table: discovered, described, ONLINE.
+/// One row of the table: Discovered() merged with Described(), ONLINE.
 Sonarix::Product Row(int number);
 
 Sonarix::ProductList List(int rows);

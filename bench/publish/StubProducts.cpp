@@ -2,7 +2,7 @@
 
 #include <ProtoToMarkup.h>
 
-/// Never answers a GET: it tells of itself by notification.
+/// Sends its information only as a notification. Never answers a GET.
 class StubProducts::Product final : public PorticoClientIF
 {
 public:
@@ -84,7 +84,7 @@ StubProducts::Create(const std::string& serviceName, const std::string& host, in
         m_products[guid] = product;
         return product;
     }
-    // The clients of this product itself are made before the first report: nobody else is in here now.
+    // The own clients are created before the first report, so no other thread is in this function now.
     Portico::PorticoClient::SetFactoryOverride(nullptr);
     auto client = Portico::PorticoClient::Create(serviceName, host, m_gatewayPort, subProtocol, guid, connectCallback,
                                                  heartbeatCallback, info);

@@ -9,15 +9,15 @@
 #include <mutex>
 #include <string>
 
-/// The other products: a connection opened with a guid gets a played product, one without is a real one, to the
-/// gateway at the port given. In force from construction to end. Safe from any thread.
+/// Fakes the other products while it exists: a connection with a guid gets a fake product, a connection without a guid
+/// is a real one, to the gateway at `gatewayPort`. Safe from any thread.
 class StubProducts final : public Portico::PorticoClientFactoryIF
 {
 public:
     explicit StubProducts(int gatewayPort);
     ~StubProducts() override;
 
-    /// The product tells of itself, as a change of /sonarix/info. Nothing happens where nobody has connected to it.
+    /// The product notifies `info` on /sonarix/info. Does nothing if there is no connection to it.
     void Answer(const Sonarix::ProductInfo& info);
 
     std::shared_ptr<PorticoClientIF> Create(const std::string& serviceName, const std::string& host, int port,

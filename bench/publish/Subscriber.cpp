@@ -15,26 +15,26 @@
 namespace
 {
 
-void Tell(const Notice& notice)
+void Report(const Notice& notice)
 {
-    if (::write(ChildProcess::kInherited, &notice, sizeof notice) != sizeof notice) // less than PIPE_BUF: whole or not
+    if (::write(ChildProcess::kInherited, &notice, sizeof notice) != sizeof notice) // atomic: shorter than PIPE_BUF
     {
-        ::_exit(1); // nobody listens any more
+        ::_exit(1); // the reader has ended
     }
 }
 
-void TellList(int number, const std::string& body)
+void ReportList(int number, const std::string& body)
 {
     Sonarix::ProductList list;
     ProtoToMarkup::FromJson(body, &list, "ProductList");
     const auto online = std::count_if(list.products().begin(), list.products().end(),
                                       [](const Sonarix::Product& row) { return row.state() == SXCommon::ONLINE; });
-    Tell({Notice::Kind::LIST, number, list.products_size(), static_cast<int>(online), body.size()});
+    Report({Notice::Kind::LIST, number, list.products_size(), static_cast<int>(online), body.size()});
 }
 
 } // namespace
 
-void Heard::Take(const Notice& notice)
+void SubscriberStats::Take(const Notice& notice)
 {
     switch (notice.kind)
     {
@@ -90,13 +90,13 @@ void SubscriberProcess::Run(int port, int number)
     NotifyTargetTaskIF* const task = IL::CreateTask("Subscriber", "");
     Portico::ConnectCallback onConnect(
         [number](const bool& isConnected) {
-            Tell({isConnected ? Notice::Kind::CONNECTED : Notice::Kind::LOST, number, 0, 0, 0});
+            Report({isConnected ? Notice::Kind::CONNECTED : Notice::Kind::LOST, number, 0, 0, 0});
         },
         task);
     const auto client = Portico::PorticoClient::Create("bench-" + std::to_string(number), "localhost", port, "tarsier",
                                                        "", &onConnect, std::nullopt, {});
     client->RegisterNotificationText(
-        "/sonarix/products", [number](const std::string& body) { TellList(number, body); },
+        "/sonarix/products", [number](const std::string& body) { ReportList(number, body); },
         Portico::EndpointScope::PRIVATE, 1.0, 0);
     IL::JoinTask(task);
 }

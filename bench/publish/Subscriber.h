@@ -6,24 +6,24 @@
 #include <cstddef>
 #include <optional>
 
-/// What a subscriber tells the service's process, as bytes through a pipe.
+/// One event of a subscriber, sent to the bench through a pipe.
 struct Notice
 {
     enum class Kind
     {
         LIST,
         CONNECTED,
-        LOST, ///< its connection
+        LOST, ///< the connection ended
     };
     Kind kind = Kind::LIST;
     int subscriber = 0;
     int rows = 0;
-    int online = 0;        ///< of these
-    std::size_t bytes = 0; ///< of the body
+    int online = 0;        ///< rows that are ONLINE
+    std::size_t bytes = 0; ///< size of the body
 };
 
-/// What one subscriber has told so far.
-struct Heard
+/// The sum of the notices of one subscriber.
+struct SubscriberStats
 {
     int lists = 0;
     int connections = 0;
@@ -42,7 +42,7 @@ public:
     NoticePipe(const NoticePipe&) = delete;
     NoticePipe& operator=(const NoticePipe&) = delete;
 
-    /// The next, or nothing when none has come by `until`.
+    /// The next notice, or nullopt if none arrives before `until`.
     std::optional<Notice> Read(std::chrono::steady_clock::time_point until) const;
 
     int WriteEnd() const
@@ -54,7 +54,7 @@ private:
     int m_ends[2] = {-1, -1};
 };
 
-/// A process that subscribes to the product table by the real client library and reads every list into a record.
+/// A process that subscribes to the product table with the real client library and parses every list.
 class SubscriberProcess
 {
 public:
@@ -66,7 +66,7 @@ public:
     }
 
     static constexpr const char* kOption = "--subscriber";
-    /// The life of that process, which is this program with kOption, port and number; ended by a signal.
+    /// The main function of that process, which runs this program with kOption, port and number. A signal ends it.
     static void Run(int port, int number);
 
 private:

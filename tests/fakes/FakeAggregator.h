@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-/// The table as the gateway client sees it. On one thread: the test's, or that of the one task that uses it.
+/// The aggregator as the gateway client sees it. For one thread: that of the test or of the one task that uses it.
 ///
-///     aggregator->list.add_products();       // what GetProductList gives
+///     aggregator->list.add_products();       // the answer of GetProductList
 ///     aggregator->productLists.Send(list, CallbackConnection());
 class FakeAggregator final : public SonarixService::DiscoveryServiceAggregatorIF
 {

@@ -16,10 +16,10 @@
 #include <utility>
 #include <vector>
 
-/// The order in which several fakes were called: give one to all of them.
+/// The calls of several fakes, in order: pass the same object to all of them.
 using FakeCalls = std::vector<std::string>;
 
-/// What both discovery sources have in common. On one thread: the test's, or that of the one task that uses it.
+/// The common part of both discovery sources. For one thread: that of the test or of the one task that uses it.
 template <class Source>
 class FakeSource : public Source
 {
@@ -45,11 +45,11 @@ private:
     CallbackRegistry<const Sonarix::Product> m_registry;
 };
 
-/// SSDP discovery that a test speaks for.
+/// SSDP discovery, controlled by the test.
 ///
 ///     auto ssdp = std::make_shared<FakeSsdpDiscoveryProtocol>();
-///     ssdp->Report(product);       // as a search would: to every subscriber
-///     *ssdp->list.add_products() = product; // what GetProductList gives
+///     ssdp->Report(product);       // to all subscribers
+///     *ssdp->list.add_products() = product; // the answer of GetProductList
 class FakeSsdpDiscoveryProtocol final : public FakeSource<SonarixService::SsdpDiscoveryProtocolIF>
 {
 public:
@@ -77,12 +77,12 @@ public:
     bool isListBroken = false;
 };
 
-/// mDNS discovery and publishing that a test speaks for.
+/// mDNS discovery and publishing, controlled by the test.
 ///
 ///     auto mdns = std::make_shared<FakeMdnsDiscoveryProtocol>();
 ///     mdns->Report(product);
-///     mdns->answerAtOnce.emplace(); // lists are answered at once, with this: empty
-///     mdns->AnswerList(list);      // answers the oldest GetProductList that waits, now
+///     mdns->answerAtOnce.emplace(); // GetProductList is answered at once, with this list
+///     mdns->AnswerList(list);      // answers the oldest pending GetProductList
 class FakeMdnsDiscoveryProtocol final : public FakeSource<SonarixService::MdnsDiscoveryProtocolIF>
 {
 public:
@@ -152,7 +152,7 @@ public:
     {
         return m_waiting.size();
     }
-    /// False where no GetProductList waits.
+    /// False if no GetProductList is pending.
     bool AnswerList(const Sonarix::ProductList& list)
     {
         if (m_waiting.empty())
@@ -165,13 +165,13 @@ public:
         return true;
     }
 
-    SonarixPb::Service lastService; ///< added, updated or removed
+    SonarixPb::Service lastService; ///< of the last add, update or remove
     std::vector<SonarixPb::DeviceInfo> announcements;
-    std::optional<Sonarix::ProductList> answerAtOnce; ///< lists are answered at once, with this
-    bool isAccepting = true;                          ///< what additions and updates of records give
+    std::optional<Sonarix::ProductList> answerAtOnce; ///< if set, GetProductList is answered at once
+    bool isAccepting = true;                          ///< the result of adding and updating
 
 private:
-    /// "mdns AddService name type value...", with the values of the TXT record.
+    /// "mdns AddService name type value...", with the values of the TXT records.
     void Log(const std::string& operation, const SonarixPb::Service& service)
     {
         std::string line = "mdns " + operation + ' ' + service.id().name() + ' ' + service.id().type();
@@ -187,7 +187,7 @@ private:
     std::deque<ListCallback> m_waiting;
 };
 
-/// The controller as the aggregator and the gateway client see it; both sources may be empty.
+/// The controller as the aggregator and the gateway client see it. Both sources may be null.
 class FakeController final : public SonarixService::DiscoveryServiceControllerIF
 {
 public:
