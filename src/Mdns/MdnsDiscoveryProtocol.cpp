@@ -1,14 +1,15 @@
 #include "Mdns/MdnsDiscoveryProtocol.h"
 
-#include "Mdns/MdnsServiceFactory.h"
-#include "Mdns/MdnsServiceIF.h"
-#include "Mdns/ServiceConversion.h"
+#include "Mdns/MdnsService.h"
+#include "Mdns/ServiceFromMessage.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
+#include "runtime/Liveness.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/Sonarix.pb.h"
 
-#include <atomic>
+#include <ios>
 #include <utility>
 
 namespace SonarixService
@@ -18,93 +19,83 @@ namespace
 {
 
 const DPrint s_log("MdnsDiscoveryProtocol");
-std::atomic<MdnsDiscoveryProtocol::Factory> s_factory{nullptr};
 
 std::string KeyOf(const SonarixPb::Service& service)
 {
     return service.id().name() + service.id().type() + service.id().domain();
 }
 
-const char* Text(bool flag)
-{
-    return flag ? "true" : "false";
-}
-
 } // namespace
 
 std::shared_ptr<MdnsDiscoveryProtocolIF> MdnsDiscoveryProtocol::Create()
 {
-    const Factory factory = s_factory.load();
+    const auto factory = s_factoryOverride.Get();
     return factory != nullptr ? factory() : std::make_shared<MdnsDiscoveryProtocol>();
-}
-
-void MdnsDiscoveryProtocol::SetFactoryOverride(Factory factory)
-{
-    s_factory = factory;
 }
 
 MdnsDiscoveryProtocol::MdnsDiscoveryProtocol()
     : m_productRegistry({}, std::make_shared<CThreadMutex>())
     , m_task(IL::CreateTask("MdnsDiscoveryProtocolTask", ""))
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "MdnsDiscoveryProtocol");
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "MdnsDiscoveryProtocol");
     Start();
 }
 
 MdnsDiscoveryProtocol::~MdnsDiscoveryProtocol()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "~MdnsDiscoveryProtocol");
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "~MdnsDiscoveryProtocol");
     Stop();
     IL::JoinTask(m_task);
 }
 
-std::shared_ptr<MdnsServiceIF> MdnsDiscoveryProtocol::MdnsService()
+std::shared_ptr<MdnsServiceIF> MdnsDiscoveryProtocol::Service()
 {
     const ScopedMutex lock(m_mutex);
     return m_mdnsService;
 }
 
-void MdnsDiscoveryProtocol::AddRegistration(const CallbackConnection& connection,
-                                            const std::shared_ptr<MdnsServiceIF>& service)
+void MdnsDiscoveryProtocol::ProductStateCallback(const Sonarix::Product& product)
 {
+    TASK_CHECK(m_task);
+    DPRINT(s_log, DPrint::LEVEL_INFO, "Callback for device: " << product.productinfo().friendlyname());
+    m_productRegistry.Send(product, CallbackConnection());
+}
+
+void MdnsDiscoveryProtocol::RegistrationStatusCallback(MdnsServiceIF& service, const CallbackConnection& connection,
+                                                       bool enabled)
+{
+    TASK_CHECK(m_task);
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "RegistrationStatusCallback : enabled = %s", enabled ? "true" : "false");
     {
         const ScopedMutex lock(m_mutex);
-        if (service && service == m_mdnsService)
+        if (&service == m_mdnsService.get())
         {
             m_registrations.push_back(connection);
             return;
         }
     }
-    connection.Disconnect(); // stopped meanwhile
+    connection.Disconnect(); // the service was stopped while this call was queued
 }
 
 void MdnsDiscoveryProtocol::Start()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Start");
-    if (MdnsService())
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "Start");
+    if (Service())
     {
         return;
     }
-    const std::shared_ptr<MdnsServiceIF> service = MdnsServiceFactory::Create(m_task, true, false);
+    const std::shared_ptr<MdnsServiceIF> service = MdnsService::Create(m_task, true, false);
     {
         const ScopedMutex lock(m_mutex);
         m_mdnsService = service;
     }
 
-    // Both run on m_task alone, whose end the destructor waits for: no call can find `this` gone.
+    // Both callbacks run on m_task. The destructor waits for the end of that task, so `this` is valid in them.
     const AsyncCallback<Sonarix::Product> product(
-        [this](const Sonarix::Product& update)
-        {
-            DPRINT(s_log, DPrint::LEVEL_INFO, "Callback for device: " << update.productinfo().friendlyname());
-            m_productRegistry.Send(update, CallbackConnection());
-        },
-        m_task);
+        [this](const Sonarix::Product& update) { ProductStateCallback(update); }, m_task);
     const AsyncCallback<CallbackConnection, bool> registered(
-        [this, of = std::weak_ptr<MdnsServiceIF>(service)](const CallbackConnection& connection, const bool& enabled)
-        {
-            DPRINT(s_log, DPrint::LEVEL_DEBUG, "RegistrationStatusCallback : enabled = " << Text(enabled));
-            AddRegistration(connection, of.lock());
-        },
+        Liveness::Weakly(service, [this](MdnsServiceIF& of, const CallbackConnection& connection, const bool& enabled)
+                         { RegistrationStatusCallback(of, connection, enabled); }),
         m_task);
     service->RegisterForProductUpdates({MdnsServiceIF::FILTER_ALL, ""}, MdnsServiceIF::RENDERER, product, registered);
     service->RegisterForProductUpdates({MdnsServiceIF::FILTER_ALL, ""}, MdnsServiceIF::CLOCK, product, registered);
@@ -114,7 +105,7 @@ void MdnsDiscoveryProtocol::Start()
 
 void MdnsDiscoveryProtocol::Stop()
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "Stop");
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "Stop");
     std::shared_ptr<MdnsServiceIF> service;
     std::list<CallbackConnection> registrations;
     {
@@ -127,7 +118,7 @@ void MdnsDiscoveryProtocol::Stop()
     }
     if (service)
     {
-        service->StopService(); // what it posts holds the service until it has run
+        service->StopService(); // the posted action holds the service
         for (const CallbackConnection& connection : registrations)
         {
             connection.Disconnect();
@@ -137,20 +128,20 @@ void MdnsDiscoveryProtocol::Stop()
 
 CallbackConnection MdnsDiscoveryProtocol::RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback)
 {
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "RegisterProductStateCallback");
+    DPRINTF(s_log, DPrint::LEVEL_DEBUG, "RegisterProductStateCallback");
     return m_productRegistry.Connect(callback);
 }
 
 CallbackConnection MdnsDiscoveryProtocol::RegisterForServiceRestartNotification(const Callback<>& callback)
 {
-    DPRINT(s_log, DPrint::LEVEL_INFO, "RegisterForServiceRestartNotification");
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "RegisterForServiceRestartNotification");
     return m_restartRegistry.Connect(callback);
 }
 
 void MdnsDiscoveryProtocol::GetProductList(const std::string& serviceType,
                                            const Callback<const Sonarix::ProductList>& callback)
 {
-    const std::shared_ptr<MdnsServiceIF> service = MdnsService();
+    const std::shared_ptr<MdnsServiceIF> service = Service();
     if (!service)
     {
         DPRINT(s_log, DPrint::LEVEL_DEBUG, "MDNS Service not runnning!");
@@ -179,7 +170,7 @@ bool MdnsDiscoveryProtocol::AddService(const SonarixPb::Service& service)
         return false;
     }
     DPRINT(s_log, DPrint::LEVEL_INFO, service.id().name() << " " << service.id().type());
-    mdns->AddService(ToMdnsService(service));
+    mdns->AddService(ServiceFromMessage(service));
     return true;
 }
 
@@ -203,7 +194,7 @@ void MdnsDiscoveryProtocol::UpdateServiceTxtRecords(const SonarixPb::Service& se
         return;
     }
     DPRINT(s_log, DPrint::LEVEL_INFO, service.id().name() << " " << service.id().type());
-    mdns->UpdateServiceTxtRecords(ToMdnsService(service), result);
+    mdns->UpdateServiceTxtRecords(ServiceFromMessage(service), result);
 }
 
 void MdnsDiscoveryProtocol::RemoveService(const SonarixPb::Service& service)
@@ -214,7 +205,7 @@ void MdnsDiscoveryProtocol::RemoveService(const SonarixPb::Service& service)
         if (!m_networkIsUp)
         {
             const std::string key = KeyOf(service);
-            if (m_pendingAdds.erase(key) == 0) // an add that never went out and its removal cancel out
+            if (m_pendingAdds.erase(key) == 0) // a stored add and its removal cancel out
             {
                 m_pendingRemoves[key] = service;
             }
@@ -225,7 +216,7 @@ void MdnsDiscoveryProtocol::RemoveService(const SonarixPb::Service& service)
     if (mdns)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, service.id().name() << " " << service.id().type());
-        mdns->RemoveService(ToMdnsService(service));
+        mdns->RemoveService(ServiceFromMessage(service));
     }
 }
 
@@ -243,7 +234,7 @@ MdnsDiscoveryProtocol::PassOrDefer(const SonarixPb::DeviceInfo& info, std::optio
 void MdnsDiscoveryProtocol::BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info)
 {
     const auto [isUp, mdns] = PassOrDefer(info, m_deferredDevice);
-    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << Text(isUp));
+    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << std::boolalpha << isUp);
     if (isUp && mdns)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, info.friendlyname());
@@ -254,7 +245,7 @@ void MdnsDiscoveryProtocol::BroadcastInitialDeviceAnnouncement(const SonarixPb::
 void MdnsDiscoveryProtocol::BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& info)
 {
     const auto [isUp, mdns] = PassOrDefer(info, m_deferredAccessory);
-    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << Text(isUp));
+    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << std::boolalpha << isUp);
     if (isUp && mdns)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, info.friendlyname());
@@ -264,19 +255,19 @@ void MdnsDiscoveryProtocol::BroadcastInitialAccessoryAnnouncement(const SonarixP
 
 void MdnsDiscoveryProtocol::NetworkWentUp()
 {
-    DPRINT(s_log, DPrint::LEVEL_INFO, "NetworkWentUp");
-    // Held to the end, so that no newer request of another task overtakes what was parked: the operations of the
-    // service only copy and post.
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "NetworkWentUp");
+    // Locked until the end, so that a new request of another task is posted after the stored ones.
     const ScopedMutex lock(m_mutex);
     m_networkIsUp = true;
     if (!m_mdnsService)
     {
-        DPRINT(s_log, DPrint::LEVEL_ERROR, "MdnsService not started yet, what was deferred stays so");
+        DPRINT(s_log, DPrint::LEVEL_ERROR,
+               "MdnsService is not running: the deferred requests wait for the next NetworkWentUp");
         return;
     }
 
-    // The announcement first, since the other records wait for it; removals before adds, so that a service that was
-    // replaced ends up present.
+    // Announcements come first, because other services are published only after them. Removals come before adds, so a
+    // replaced service is present at the end.
     if (m_deferredDevice)
     {
         DPRINT(s_log, DPrint::LEVEL_INFO, "Broadcasting deferred initial device announcement");
@@ -291,12 +282,12 @@ void MdnsDiscoveryProtocol::NetworkWentUp()
     }
     for (const auto& [key, service] : m_pendingRemoves)
     {
-        m_mdnsService->RemoveService(ToMdnsService(service));
+        m_mdnsService->RemoveService(ServiceFromMessage(service));
     }
     m_pendingRemoves.clear();
     for (const auto& [key, service] : m_pendingAdds)
     {
-        m_mdnsService->AddService(ToMdnsService(service));
+        m_mdnsService->AddService(ServiceFromMessage(service));
     }
     m_pendingAdds.clear();
 }

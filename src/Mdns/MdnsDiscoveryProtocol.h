@@ -3,6 +3,7 @@
 #include "interfaces/MdnsDiscoveryProtocolIF.h"
 #include "runtime/CallbackConnection.h"
 #include "runtime/CallbackRegistry.h"
+#include "runtime/FactoryOverride.h"
 #include "runtime/ThreadMutex.h"
 #include "schemas/SonarixPb.pb.h"
 
@@ -20,25 +21,22 @@ namespace SonarixService
 
 class MdnsServiceIF;
 
-/// What the rest of the service sees of mDNS. Owns the mDNS task and the mDNS logic on it, fans products out to
-/// subscribers, and holds back what wants to reach the network while the network is down: it is replayed, in a fixed
-/// order, by NetworkWentUp().
-/// Task: operations run on the caller's task, from several; products come on the mDNS task.
-/// Owner: the controller, for the life of the process. The destructor waits for the end of the mDNS task, which it
-/// does not stop by itself.
-/// Never blocks on the network and holds its mutex for copies, and for the replay, whose calls only post.
+/// The mDNS source of the service. Owns the mDNS task and the MdnsService on it, and sends products to the subscribers.
+/// While the network is down it stores requests to publish; NetworkWentUp() replays them in a fixed order.
+/// Task: operations run on the caller's task; several tasks may call. Products are sent on the mDNS task.
+/// Owner: the controller, until the process ends. The destructor waits for the end of the mDNS task but does not stop
+/// that task.
+/// Never blocks on the network. Holds its mutex to copy data and during the replay, where each call only posts.
 ///
-/// Limitations: parked requests have no limit in time or number.
+/// Limitations: stored requests have no limit in time or number.
 class MdnsDiscoveryProtocol final : public MdnsDiscoveryProtocolIF,
                                     public std::enable_shared_from_this<MdnsDiscoveryProtocolIF>
 {
 public:
-    using Factory = std::shared_ptr<MdnsDiscoveryProtocolIF> (*)();
-
+    static inline FactoryOverride<std::shared_ptr<MdnsDiscoveryProtocolIF> (*)()> s_factoryOverride;
     static std::shared_ptr<MdnsDiscoveryProtocolIF> Create();
-    static void SetFactoryOverride(Factory factory); ///< null in the product
 
-    /// Starts discovery: a later Start() does real work only after a Stop().
+    /// Starts discovery. A later Start() has no effect before a Stop().
     MdnsDiscoveryProtocol();
     ~MdnsDiscoveryProtocol() override;
     MdnsDiscoveryProtocol(const MdnsDiscoveryProtocol&) = delete;
@@ -58,22 +56,23 @@ public:
     void NetworkWentDown() override;
 
 private:
-    using Parked = std::map<std::string, SonarixPb::Service>; ///< by name, type and domain, joined
+    using Parked = std::map<std::string, SonarixPb::Service>; ///< by name + type + domain
 
-    std::shared_ptr<MdnsServiceIF> MdnsService();
-    /// Keeps `info` in `deferred` while the network is down. Gives whether it is up, and the service.
+    std::shared_ptr<MdnsServiceIF> Service();
+    /// Stores `info` in `deferred` if the network is down. Returns whether it is up, and the service.
     std::pair<bool, std::shared_ptr<MdnsServiceIF>> PassOrDefer(const SonarixPb::DeviceInfo& info,
                                                                 std::optional<SonarixPb::DeviceInfo>& deferred);
-    void AddRegistration(const CallbackConnection& connection, const std::shared_ptr<MdnsServiceIF>& service);
+    void ProductStateCallback(const Sonarix::Product& product);
+    void RegistrationStatusCallback(MdnsServiceIF& service, const CallbackConnection& connection, bool enabled);
 
     CallbackRegistry<const Sonarix::Product> m_productRegistry;
     CallbackRegistry<> m_restartRegistry;
     NotifyTargetTaskIF* m_task;
 
-    CThreadMutex m_mutex; ///< guards everything below, for copies and for the replay
+    CThreadMutex m_mutex; ///< protects all members below
     bool m_networkIsUp = false;
     std::shared_ptr<MdnsServiceIF> m_mdnsService;  ///< null when stopped
-    std::list<CallbackConnection> m_registrations; ///< the subscriptions held on m_mdnsService
+    std::list<CallbackConnection> m_registrations; ///< the subscriptions to m_mdnsService
     Parked m_pendingRemoves;                       ///< removals parked while the network is down
     Parked m_pendingAdds;                          ///< adds and updates parked while the network is down
     std::optional<SonarixPb::DeviceInfo> m_deferredDevice;

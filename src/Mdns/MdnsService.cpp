@@ -1,11 +1,11 @@
 #include "Mdns/MdnsService.h"
 
-#include "Mdns/MdnsClient.h"
-#include "Mdns/ProductFromService.h"
 #include "Mdns/ServiceTypes.h"
+#include "Mdns/TxtKeys.h"
 #include "runtime/DPrint.h"
 #include "runtime/MonotonicClock.h"
 #include "runtime/Task.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/Timers.h"
 #include "schemas/Sonarix.pb.h"
 #include "schemas/SonarixPb.pb.h"
@@ -38,6 +38,16 @@ bool Passes(const MdnsServiceIF::Filter_t& filter, const MDNS::Service& service)
     }
 }
 
+Sonarix::Product ProductFromService(const MDNS::Service& service, SXCommon::ProductState state)
+{
+    Sonarix::Product product;
+    product.add_protocols(SXCommon::MDNS);
+    product.set_state(state);
+    product.mutable_serviceid()->set_type(service.type);
+    GetProductInfoFromService(product.mutable_productinfo(), service);
+    return product;
+}
+
 } // namespace
 
 MdnsService::MdnsService(NotifyTargetTaskIF* task, bool useBackend, bool forceNone)
@@ -45,13 +55,24 @@ MdnsService::MdnsService(NotifyTargetTaskIF* task, bool useBackend, bool forceNo
     , m_useBackend(useBackend)
     , m_forceNone(forceNone)
     , m_reResolveTimer(APTimerFactory::CreateTimer(m_task, "RestartResolver"))
-    , m_retries(static_cast<std::uint64_t>(MonotonicClock::NowMs())) // neighbours started at other times
+    , m_retries(static_cast<std::uint64_t>(MonotonicClock::NowMs())) // the start time differs between products
     , m_retryTimer(APTimerFactory::CreateTimer(m_task, "RetryResolve"))
 {
     m_reResolveTimer->SetTimeouts(kReResolveMilliseconds, 0);
 }
 
 MdnsService::~MdnsService() = default;
+
+std::shared_ptr<MdnsServiceIF> MdnsService::Create(NotifyTargetTaskIF* task, bool useBackend, bool forceNone)
+{
+    if (FactoryIF* const factory = s_factoryOverride.Get())
+    {
+        return factory->Create(task, useBackend, forceNone);
+    }
+    const auto service = std::make_shared<MdnsService>(task, useBackend, forceNone);
+    service->StartService();
+    return service;
+}
 
 template <class Function>
 void MdnsService::PostToSelf(Function function)
@@ -73,6 +94,7 @@ void MdnsService::StopService()
 
 void MdnsService::StopServiceAction()
 {
+    TASK_CHECK(m_task);
     m_isStopped = true;
     DisconnectPublisher();
     for (const auto& [type, sb] : m_browsers)
@@ -119,7 +141,7 @@ void MdnsService::RegisterForProductUpdates(const Filter_t& filter, Discoverable
                                             Callback<CallbackConnection, bool> registered)
 {
     DPRINT(s_log, DPrint::LEVEL_INFO, "DiscoveryFilter = " << filter.value);
-    DPRINT(s_log, DPrint::LEVEL_DEBUG, "for " << DeviceTypeName(type));
+    DPRINT(s_log, DPrint::LEVEL_DEBUG, "for " << NameFromDeviceType(type));
     const CallbackConnection connection = m_productRegistry.Connect(
         [self = shared_from_this(), filter, type, cb](const MDNS::Service& service, const SonarixPb::DeviceState& state)
         { self->AnnounceService(filter, type, cb, service, state); });
@@ -138,36 +160,28 @@ void MdnsService::AnnounceService(const Filter_t& filter, DiscoverableDeviceType
                                   const Callback<Sonarix::Product>& cb, const MDNS::Service& service,
                                   SonarixPb::DeviceState state)
 {
-    if (ServiceTypeOf(type) != service.type)
+    TASK_CHECK(m_task);
+    if (ServiceTypeFromDeviceType(type) != service.type)
     {
         return;
     }
     DPRINT(s_log, DPrint::LEVEL_INFO, "Service: " << service.name << " " << SonarixPb::DeviceState_Name(state));
-    Sonarix::Product product;
-    product.add_protocols(SXCommon::MDNS);
-    product.set_state(state == SonarixPb::ONLINE ? SXCommon::ONLINE : SXCommon::OFFLINE);
-    product.mutable_serviceid()->set_type(service.type);
-    if (!Passes(filter, service))
+    if (Passes(filter, service))
     {
-        return;
+        cb(ProductFromService(service, state == SonarixPb::ONLINE ? SXCommon::ONLINE : SXCommon::OFFLINE));
     }
-    GetProductInfoFromService(product.mutable_productinfo(), service);
-    cb(product);
 }
 
 void MdnsService::GetProductListAction(const std::string& serviceType, const Callback<const Sonarix::ProductList>& cb)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_DEBUG, serviceType);
     Sonarix::ProductList list;
     for (const auto& [name, service] : m_discovered)
     {
         if (service.type == serviceType)
         {
-            Sonarix::Product& product = *list.add_products();
-            product.add_protocols(SXCommon::MDNS);
-            product.set_state(SXCommon::ONLINE);
-            product.mutable_serviceid()->set_type(serviceType);
-            GetProductInfoFromService(product.mutable_productinfo(), service);
+            *list.add_products() = ProductFromService(service, SXCommon::ONLINE);
         }
     }
     cb(list);

@@ -1,11 +1,12 @@
 #pragma once
 
 #include "Mdns/MdnsServiceIF.h"
-#include "Mdns/MdnsTypes.h"
 #include "Mdns/RetrySchedule.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "runtime/Callback.h"
 #include "runtime/CallbackConnection.h"
 #include "runtime/CallbackRegistry.h"
+#include "runtime/FactoryOverride.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -31,23 +32,35 @@ enum DeviceState : int;
 namespace SonarixService
 {
 
-/// Keeps one browser per service type, resolves what they report, holds the table of resolved services and turns each
-/// change into a product for the subscribers; holds what this product advertises, and puts it on the network again
-/// after each restart of the mDNS daemon.
-/// Task: everything but the public stubs, the constructor and RegisterForProductUpdates() runs on `task`, so that
-/// nothing here needs a lock; the registry has its own.
-/// Owner: MdnsDiscoveryProtocol, which is the only caller. Everything posted and every callback holds the object.
-/// Never asks whether a product is alive: a resolved service is ONLINE until its removal or a failed resolve.
-/// A name that is browsed and does not resolve is asked for again by RetrySchedule, until it resolves or is removed or
-/// its backend goes: where many answer at once, answers get lost. Nothing wakes the task while all is resolved.
+/// The mDNS logic. Browsing: one browser per service type resolves the reported services, keeps the table of resolved
+/// services and sends each change as a product to the subscribers. Publishing: keeps the services of this product and
+/// publishes them again after each restart of the mDNS daemon.
+/// Task: everything runs on `task`, except the public operations, the constructor and the destructor. The product
+/// registry has its own mutex; nothing else needs one.
+/// Owner: MdnsDiscoveryProtocol. Every posted action and every callback holds the object.
+/// Never checks whether a product is alive: a resolved service is ONLINE until its removal or a failed resolve.
+/// A failed resolve is repeated (RetrySchedule) until it succeeds, the service is removed or the backend fails, because
+/// responses get lost if many products answer at once. The task has no wake-up while every service is resolved.
 ///
-/// Limits: none of its own on the number of services; one line when they near what the mDNS daemon keeps. A backend
-/// that fails is replaced at once and without end; one that cannot be made stays away until the next restart of the
-/// service.
+/// Limitations: there is no limit on the number of services, only a log line near the limit of the mDNS daemon. A
+/// failed backend is replaced at once and any number of times. If a backend cannot be created, its part stays inactive
+/// until the service is restarted.
 class MdnsService final : public MdnsServiceIF, public std::enable_shared_from_this<MdnsService>
 {
 public:
-    /// The flags are those of MDNS::BrowserFactory.
+    /// Creates services instead of Create().
+    class FactoryIF
+    {
+    public:
+        virtual std::shared_ptr<MdnsServiceIF> Create(NotifyTargetTaskIF* task, bool useBackend, bool forceNone) = 0;
+        virtual ~FactoryIF() = default;
+    };
+    static inline FactoryOverride<FactoryIF*> s_factoryOverride;
+
+    /// Creates and starts a service on `task`. The flags are those of MDNS::BrowserFactory::Create(). Any thread.
+    static std::shared_ptr<MdnsServiceIF> Create(NotifyTargetTaskIF* task, bool useBackend, bool forceNone);
+
+    /// Does not start the service.
     MdnsService(NotifyTargetTaskIF* task, bool useBackend, bool forceNone);
     ~MdnsService() override;
     MdnsService(const MdnsService&) = delete;
@@ -64,27 +77,28 @@ public:
     void RegisterForProductUpdates(const Filter_t& filter, DiscoverableDeviceType type, Callback<Sonarix::Product> cb,
                                    Callback<CallbackConnection, bool> registered) override;
 
-    /// Between the resolves of a clock, whose records change without the browser's notice.
+    /// Period of the clock resolves. The TXT records of a clock change, and a browser does not report that.
     static constexpr unsigned int kReResolveMilliseconds = 300000;
 
-    /// What the mDNS daemon keeps for an interface unless it is configured otherwise, and drops beyond in silence.
+    /// Default cache-entries-max of avahi-daemon, per interface. The daemon drops further records without a log line.
     static constexpr std::size_t kDaemonCacheRecords = 4096;
-    static constexpr std::size_t kRecordsOfService = 4; ///< PTR, SRV, TXT and its host's A
-    static constexpr std::size_t kManyServices = kDaemonCacheRecords / kRecordsOfService * 9 / 10; ///< worth a warning
-    static constexpr std::size_t kManyNoMore = kDaemonCacheRecords / kRecordsOfService * 8 / 10; ///< and then a new one
+    static constexpr std::size_t kRecordsOfService = 4; ///< PTR, SRV, TXT, and A of its host
+    static constexpr std::size_t kManyServices = kDaemonCacheRecords / kRecordsOfService * 9 / 10; ///< causes a warning
+    static constexpr std::size_t kManyNoMore =
+        kDaemonCacheRecords / kRecordsOfService * 8 / 10; ///< below it, rearms it
 
 private:
-    /// One instance name that a browser has reported. Outlives its resolve, because clocks are resolved again.
+    /// One instance name that a browser has reported. Kept until the removal, because clocks are resolved again.
     struct ResolverEntry
     {
         MDNS::ServiceId id;
         CallbackConnection connection;
-        std::uint64_t ask = 0;      ///< number of its last resolve: the answers of others come too late
-        unsigned int failures = 0;  ///< in a row, since it was last reported
-        bool isToldOffline = false; ///< since it last resolved
+        std::uint64_t resolveNumber = 0; ///< of the last resolve; results of earlier ones are ignored
+        unsigned int failures = 0;       ///< consecutive, since the last report of the browser
+        bool isOfflineSent = false;      ///< since the last successful resolve
     };
 
-    /// What is known of one service type; bound into every callback of that type.
+    /// The state of one service type. Every callback of that type holds it.
     struct serviceBrowser
     {
         bool connected = false; ///< browsing is under way
@@ -110,16 +124,16 @@ private:
     void DisconnectClient(const Record& sb);
     void Discovered(const MDNS::ServiceId& id, const Record& sb);
     void Removed(const MDNS::ServiceId& id, const Record& sb);
-    void Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb, std::uint64_t ask);
+    void Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb, std::uint64_t resolveNumber);
     void ReResolveClock(const Record& sb);
     void RestartReResolveTimer(const Record& sb);
-    /// Cancels what is under way for the name and asks for it anew, behind all others where it has failed.
+    /// Cancels the running resolve of the name and starts another one, as a retry if the last one failed.
     void StartResolve(ResolverEntry& entry, const Record& sb);
     void ResolveFailed(ResolverEntry& entry, const Record& sb);
     void RetryDue();
-    /// After each change of m_retries.
+    /// Call it after each change of m_retries.
     void SetRetryTimer();
-    void NoteServiceCount();
+    void CheckServiceCount();
     void StopServiceAction();
 
     // Products.
@@ -142,7 +156,7 @@ private:
     void ServicePublished(const MDNS::ServiceId& id, const MDNS::Service& s);
     void RendererPublished(const MDNS::Service& s);
 
-    /// Posts a call of `function` on this object, which it holds.
+    /// Posts `function`, called with this object. The queued work holds the object.
     template <class Function>
     void PostToSelf(Function function);
 
@@ -153,19 +167,19 @@ private:
     std::shared_ptr<MDNS::Publisher> m_publisher;
     bool m_publisherConnected = false;
     bool m_rendererValid = false;    ///< m_rendererService holds an announcement
-    MDNS::Service m_rendererService; ///< the main record, device or accessory, whichever came last
+    MDNS::Service m_rendererService; ///< the main record: that of the last device or accessory announcement
     CallbackConnection m_rendererConnection;
     std::map<std::string, PublishedService> m_publishedServices; ///< by service type: one record per type
     const bool m_useBackend;
     const bool m_forceNone;
     std::string m_ownClockName; ///< instance name of this product's own clock; empty when none is added
     std::shared_ptr<APTimerIF> m_reResolveTimer;
-    std::uint64_t m_lastAsk = 0;
+    std::uint64_t m_lastResolveNumber = 0;
     RetrySchedule m_retries;
     std::shared_ptr<APTimerIF> m_retryTimer;
-    std::optional<std::int64_t> m_retryTimerMs; ///< for when it is set; empty: it stands
-    bool m_toldManyServices = false;
-    bool m_isStopped = false; ///< for good: no failed backend is replaced any more
+    std::optional<std::int64_t> m_retryTimerMs; ///< expiry of m_retryTimer; empty: not running
+    bool m_isManyLogged = false;
+    bool m_isStopped = false; ///< permanent: failed backends are not replaced
 };
 
 } // namespace SonarixService

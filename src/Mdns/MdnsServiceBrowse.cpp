@@ -1,11 +1,13 @@
-#include "Mdns/BrowserFactory.h"
-#include "Mdns/MdnsClient.h"
+// MdnsService: browsing and resolving.
 #include "Mdns/MdnsService.h"
-#include "Mdns/ProductFromService.h"
 #include "Mdns/ServiceTypes.h"
+#include "Mdns/TxtKeys.h"
+#include "Mdns/avahi/BackendFactory.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
 #include "runtime/MonotonicClock.h"
+#include "runtime/TaskCheck.h"
 #include "runtime/Timers.h"
 #include "schemas/Sonarix.pb.h"
 #include "schemas/SonarixPb.pb.h"
@@ -21,7 +23,7 @@ namespace
 
 const DPrint s_log("MdnsService");
 
-/// One line for all that is wrong with a neighbour's records.
+/// Logs all unusable TXT records of a service in one line.
 void LogUnusableRecords(const MDNS::Service& s)
 {
     if (!s_log.IsLog(DPrint::LEVEL_WARNING))
@@ -29,11 +31,11 @@ void LogUnusableRecords(const MDNS::Service& s)
         return;
     }
     Sonarix::ProductInfo ignored;
-    const std::string leftOut = GetProductInfoFromService(&ignored, s);
-    if (!leftOut.empty())
+    const std::string unusable = GetProductInfoFromService(&ignored, s);
+    if (!unusable.empty())
     {
         DPRINTF(s_log, DPrint::LEVEL_WARNING, "%s of %s: TXT records that cannot be used are left out: %s",
-                s.name.c_str(), s.type.c_str(), leftOut.c_str());
+                s.name.c_str(), s.type.c_str(), unusable.c_str());
     }
 }
 
@@ -41,6 +43,7 @@ void LogUnusableRecords(const MDNS::Service& s)
 
 void MdnsService::StartServiceBrowsers()
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "StartServiceBrowsers");
     for (const auto& [type, serviceType] : kServiceTypes)
     {
@@ -57,6 +60,7 @@ void MdnsService::StartServiceBrowsers()
 
 void MdnsService::CreateBrowser(const Record& sb)
 {
+    TASK_CHECK(m_task);
     const auto self = shared_from_this();
     const AsyncCallback<> connected([self, sb] { self->ClientConnected(sb); }, m_task);
     const AsyncCallback<> restart([self, sb] { self->ReconnectClient(sb); }, m_task);
@@ -65,6 +69,7 @@ void MdnsService::CreateBrowser(const Record& sb)
 
 void MdnsService::ClientConnected(const Record& sb)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ClientConnected", sb->serviceType.c_str());
     if (!sb->browser || sb->connected)
     {
@@ -81,6 +86,7 @@ void MdnsService::ClientConnected(const Record& sb)
 
 void MdnsService::Discovered(const MDNS::ServiceId& id, const Record& sb)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "Discovered", sb->serviceType.c_str());
     if (!sb->browser || !sb->connected)
     {
@@ -96,16 +102,17 @@ void MdnsService::Discovered(const MDNS::ServiceId& id, const Record& sb)
         RestartReResolveTimer(sb);
     }
     StartResolve(entry, sb);
-    NoteServiceCount();
+    CheckServiceCount();
 }
 
 void MdnsService::StartResolve(ResolverEntry& entry, const Record& sb)
 {
-    entry.connection.Disconnect(); // a second report cancels a resolve under way
-    entry.ask = ++m_lastAsk;
+    TASK_CHECK(m_task);
+    entry.connection.Disconnect(); // cancels a running resolve of the same name
+    entry.resolveNumber = ++m_lastResolveNumber;
     const AsyncCallback<std::string, MDNS::Service> resolved(
-        [self = shared_from_this(), sb, ask = entry.ask](const std::string& hostname, const MDNS::Service& s)
-        { self->Resolved(hostname, s, sb, ask); },
+        [self = shared_from_this(), sb, number = entry.resolveNumber](
+            const std::string& hostname, const MDNS::Service& s) { self->Resolved(hostname, s, sb, number); },
         m_task);
     m_retries.Forget({sb->type, entry.id.name});
     entry.connection =
@@ -119,16 +126,18 @@ void MdnsService::StartResolve(ResolverEntry& entry, const Record& sb)
 
 void MdnsService::ResolveFailed(ResolverEntry& entry, const Record& sb)
 {
+    TASK_CHECK(m_task);
     ++entry.failures;
     m_retries.Plan({sb->type, entry.id.name}, entry.failures, MonotonicClock::NowMs());
 }
 
 void MdnsService::RetryDue()
 {
+    TASK_CHECK(m_task);
     m_retryTimerMs.reset();
     for (const auto& [type, name] : m_retries.TakeDue(MonotonicClock::NowMs()))
     {
-        const Record& sb = m_browsers.at(type); // they are forgotten with their record, and with their entry
+        const Record& sb = m_browsers.at(type); // m_retries only holds keys of existing entries
         ResolverEntry& entry = sb->resolvers.at(name);
         DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s() s.id: %s ServiceType: %s failures: %u", "RetryDue", name.c_str(),
                 sb->serviceType.c_str(), entry.failures);
@@ -139,6 +148,7 @@ void MdnsService::RetryDue()
 
 void MdnsService::SetRetryTimer()
 {
+    TASK_CHECK(m_task);
     const std::optional<std::int64_t> next = m_retries.NextMs();
     if (next == m_retryTimerMs)
     {
@@ -154,41 +164,45 @@ void MdnsService::SetRetryTimer()
     }
 }
 
-void MdnsService::NoteServiceCount()
+void MdnsService::CheckServiceCount()
 {
+    TASK_CHECK(m_task);
     std::size_t count = 0;
     for (const auto& [type, sb] : m_browsers)
     {
         count += sb->resolvers.size();
     }
-    if (count >= kManyServices && !m_toldManyServices)
+    if (count >= kManyServices && !m_isManyLogged)
     {
-        m_toldManyServices = true;
+        m_isManyLogged = true;
         DPRINTF(s_log, DPrint::LEVEL_WARNING,
-                "%zu services are known; avahi-daemon keeps about %zu unless told otherwise, and drops the rest "
-                "without a word: raise cache-entries-max in avahi-daemon.conf, see \"Many products\" in the manual",
+                "%zu services are known; avahi-daemon keeps about %zu by default and drops the rest "
+                "without a log line: raise cache-entries-max in avahi-daemon.conf, see \"Many products\" in the manual",
                 count, kDaemonCacheRecords / kRecordsOfService);
     }
     else if (count < kManyNoMore)
     {
-        m_toldManyServices = false;
+        m_isManyLogged = false;
     }
 }
 
 void MdnsService::RestartReResolveTimer(const Record& sb)
 {
+    TASK_CHECK(m_task);
     m_reResolveTimer->Stop();
     m_reResolveTimer->Start([self = shared_from_this(), sb] { self->ReResolveClock(sb); });
 }
 
-void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb, std::uint64_t ask)
+void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, const Record& sb,
+                           std::uint64_t resolveNumber)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() hostname: %s s.id: %s ServiceType: %s ", "Resolved", hostname.c_str(),
             s.name.c_str(), sb->serviceType.c_str());
     const auto resolver = sb->resolvers.find(s.name);
-    if (resolver == sb->resolvers.end() || resolver->second.ask != ask)
+    if (resolver == sb->resolvers.end() || resolver->second.resolveNumber != resolveNumber)
     {
-        return; // on its way when the service or the backend went, or was asked for anew
+        return; // cancelled while this result was queued
     }
     ResolverEntry& entry = resolver->second;
     const CallbackConnection resolve = entry.connection;
@@ -197,7 +211,7 @@ void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, 
         DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() non-existent device", "Resolved");
         ResolveFailed(entry, sb);
         SetRetryTimer();
-        if (!std::exchange(entry.isToldOffline, true))
+        if (!std::exchange(entry.isOfflineSent, true))
         {
             m_productRegistry.Send(s, SonarixPb::OFFLINE, CallbackConnection());
         }
@@ -205,22 +219,23 @@ void MdnsService::Resolved(const std::string& hostname, const MDNS::Service& s, 
         return;
     }
     entry.failures = 0;
-    entry.isToldOffline = false;
+    entry.isOfflineSent = false;
     m_retries.Forget({sb->type, s.name});
     SetRetryTimer();
     const auto [known, isNew] = m_discovered.try_emplace(s.name);
-    const bool isNews = isNew || known->second.txt != s.txt;
+    const bool isChanged = isNew || known->second.txt != s.txt;
     known->second = s;
-    if (isNews)
+    if (isChanged)
     {
         LogUnusableRecords(s);
     }
     m_productRegistry.Send(s, SonarixPb::ONLINE, CallbackConnection());
-    resolve.Disconnect(); // one-shot: frees what the backend holds for it
+    resolve.Disconnect(); // frees the backend's resolver
 }
 
 void MdnsService::ReResolveClock(const Record& sb)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ReResolveClock", sb->serviceType.c_str());
     for (auto& [name, entry] : sb->resolvers)
     {
@@ -234,6 +249,7 @@ void MdnsService::ReResolveClock(const Record& sb)
 
 void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() s.id: %s ServiceType: %s %zu %zu ", "Removed", id.name.c_str(),
             sb->serviceType.c_str(), m_discovered.size(), sb->resolvers.size());
     const auto resolver = sb->resolvers.find(id.name);
@@ -243,7 +259,7 @@ void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
         sb->resolvers.erase(resolver);
         m_retries.Forget({sb->type, id.name});
         SetRetryTimer();
-        NoteServiceCount();
+        CheckServiceCount();
     }
     if (sb->type == CLOCK && sb->resolvers.empty())
     {
@@ -255,7 +271,7 @@ void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
         DPRINTF(s_log, DPrint::LEVEL_WARNING, "No callbacks for removed Service");
         return;
     }
-    // The last known records go with the report, the guid among them.
+    // The OFFLINE product carries the last known TXT records, because subscribers need the GUID.
     const MDNS::Service service{id, std::move(known->second.address), std::move(known->second.txt)};
     m_productRegistry.Send(service, SonarixPb::OFFLINE, CallbackConnection());
     m_discovered.erase(id.name);
@@ -263,8 +279,9 @@ void MdnsService::Removed(const MDNS::ServiceId& id, const Record& sb)
 
 void MdnsService::ReconnectClient(const Record& sb)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "ReconnectClient", sb->serviceType.c_str());
-    if (m_isStopped) // the backend failed while the stop was on its way
+    if (m_isStopped) // the backend failed while the stop was queued
     {
         return;
     }
@@ -275,6 +292,7 @@ void MdnsService::ReconnectClient(const Record& sb)
 
 void MdnsService::DisconnectClient(const Record& sb)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "DisconnectClient", sb->serviceType.c_str());
     if (sb->type == CLOCK)
     {
@@ -284,7 +302,7 @@ void MdnsService::DisconnectClient(const Record& sb)
     sb->browseConnection = {};
     if (sb->browser)
     {
-        sb->browser->CancelResolves(); // one by one, each would start another that waits
+        sb->browser->CancelResolves(); // cancelling them one by one would start waiting ones
     }
     for (const auto& [name, entry] : sb->resolvers)
     {
@@ -293,7 +311,7 @@ void MdnsService::DisconnectClient(const Record& sb)
     sb->resolvers.clear();
     m_retries.ForgetType(sb->type);
     SetRetryTimer();
-    NoteServiceCount();
+    CheckServiceCount();
     if (sb->browser && sb->connected)
     {
         sb->browser->Stop();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsTypes.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "runtime/Callback.h"
 #include "runtime/CallbackConnection.h"
 
@@ -20,17 +20,18 @@ class DeviceInfo;
 namespace SonarixService
 {
 
-/// The mDNS logic: what is browsed, resolved and published. Every operation copies its arguments, posts the work to
-/// the task that was given at creation, and returns at once; callbacks come on that task.
-/// Owner: the mDNS protocol object. Queued work holds the object, so that the owner may let go at any time.
+/// The mDNS logic: browsing, resolving and publishing.
+/// Task: any thread may call the operations. Each copies its arguments, posts the work to the task that was given at
+/// creation, and returns. Callbacks run on that task.
+/// Owner: MdnsDiscoveryProtocol. Queued work holds the object, so the owner may release it at any time.
 class MdnsServiceIF
 {
 public:
-    /// The kinds of service that can be asked for; the values are the keys of the table of service types.
+    /// The values are the keys of kServiceTypes.
     enum DiscoverableDeviceType
     {
         RENDERER = 0,
-        SERVER = 1, ///< has no service type: never fires
+        SERVER = 1, ///< has no service type: a subscription gets no product
         CLOCK = 2,
         ACCESSORY = 3,
     };
@@ -42,7 +43,7 @@ public:
         FILTER_ALL = 2,
     };
 
-    /// An unknown kind lets nothing pass.
+    /// An unknown `kind` passes no service.
     struct Filter_t
     {
         int kind = FILTER_ALL;
@@ -53,15 +54,16 @@ public:
 
     virtual void StartService() = 0;
     virtual void StopService() = 0;
-    /// The resolved services of one type, all as ONLINE.
+    /// `cb` gets the resolved services of one type, all with state ONLINE.
     virtual void GetProductList(const std::string& serviceType, Callback<const Sonarix::ProductList> cb) = 0;
     virtual void BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info) = 0;
     virtual void BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& info) = 0;
-    /// At most one service per type: another of the same type is withdrawn first.
+    /// One service per type: an earlier service of the same type is withdrawn first.
     virtual void AddService(const MDNS::Service& s) = 0;
     virtual void RemoveService(const MDNS::Service& s) = 0;
     virtual void UpdateServiceTxtRecords(const MDNS::Service& s, Callback<bool> cb) = 0;
-    /// `registered` is called before the return. `cb` first gets all that is known already, then every change.
+    /// Calls `registered` before it returns. `cb` first gets every known service, then every change. The subscription
+    /// ends when its connection is disconnected, not when it is dropped.
     virtual void RegisterForProductUpdates(const Filter_t& filter, DiscoverableDeviceType type,
                                            Callback<Sonarix::Product> cb,
                                            Callback<CallbackConnection, bool> registered) = 0;

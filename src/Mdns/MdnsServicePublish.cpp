@@ -1,11 +1,13 @@
-#include "Mdns/MdnsClient.h"
+// MdnsService: publishing.
 #include "Mdns/MdnsService.h"
-#include "Mdns/PublisherFactory.h"
 #include "Mdns/ServiceTypes.h"
+#include "Mdns/TxtKeys.h"
+#include "Mdns/avahi/BackendFactory.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
+#include "runtime/TaskCheck.h"
 #include "schemas/SonarixPb.pb.h"
-#include <ProtoToMarkup.h>
 
 #include <cstdint>
 #include <utility>
@@ -18,71 +20,35 @@ namespace
 
 const DPrint s_log("MdnsService");
 
-/// Where the product's own API gateway listens for other products.
+/// The port of the product's local API gateway, which other products connect to.
 constexpr std::uint16_t kAnnouncedPort = 8090;
-
-std::string VersionText(const SonarixPb::ProtocolVersion& version)
-{
-    return ProtoToMarkup::ToJson(version, true, false, false);
-}
-
-/// The records of the main announcement. All keys are there, empty where the source is.
-std::map<std::string, std::string> DeviceTxt(const SonarixPb::DeviceInfo& info)
-{
-    std::map<std::string, std::string> txt{
-        {"GUID", info.guid()},
-        {"MANUFACTURER", info.manufacturer()},
-        {"ECOSYS", info.ecosystem()},
-        {"PTYPE", info.producttype()},
-        {"PNAME", info.modelname()},
-        {"PCOLOR", info.productcolor()},
-        {"SWVERSION", info.softwareversion()},
-        {"AudioPayloadVersion", ""},
-        {"AudioControlProtocolVersion", ""},
-        {"ClockSyncProtocolVersion", ""},
-        {"NowPlayingVersion", ""},
-        {"PlaybackRequestVersion", ""},
-        {"GroupingVersion", ""},
-    };
-    const SonarixPb::MultiroomVersions& versions = info.multiroom_versions();
-    try
-    {
-        txt["AudioPayloadVersion"] = VersionText(versions.audio_payload_version());
-        txt["AudioControlProtocolVersion"] = VersionText(versions.audiocontrol_protocol_version());
-        txt["ClockSyncProtocolVersion"] = VersionText(versions.clocksync_protocol_version());
-        txt["NowPlayingVersion"] = VersionText(versions.nowplaying_version());
-        txt["PlaybackRequestVersion"] = VersionText(versions.playbackrequest_version());
-        txt["GroupingVersion"] = VersionText(versions.grouping_version());
-    }
-    catch (const ProtoToMarkup::MarkupError& e)
-    {
-        DPRINTF(s_log, DPrint::LEVEL_ERROR, "MarkupError:%s", e.what());
-    }
-    return txt;
-}
 
 } // namespace
 
 void MdnsService::BroadcastInitialDeviceAnnouncementAction(const SonarixPb::DeviceInfo& info)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "(" << info.friendlyname() << ")");
-    SetRendererService(info.friendlyname(), ServiceTypeOf(info.devicetype() == "RENDERER" ? RENDERER : SERVER),
-                       DeviceTxt(info));
+    SetRendererService(info.friendlyname(),
+                       ServiceTypeFromDeviceType(info.devicetype() == "RENDERER" ? RENDERER : SERVER),
+                       TxtFromDeviceInfo(info));
 }
 
 void MdnsService::BroadcastInitialAccessoryAnnouncementAction(const SonarixPb::DeviceInfo& info)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "(" << info.friendlyname() << ")");
-    SetRendererService("Accessory", ServiceTypeOf(ACCESSORY), {{"GUID", info.guid()}});
+    SetRendererService("Accessory", ServiceTypeFromDeviceType(ACCESSORY), {{"GUID", info.guid()}});
 }
 
 void MdnsService::SetRendererService(const std::string& name, const std::string& type,
                                      std::map<std::string, std::string> txt)
 {
+    TASK_CHECK(m_task);
     m_rendererService = {
         {-1, MDNS::Protocol::INET, name, type, "local"}, Network::IpAddress(kAnnouncedPort), std::move(txt)};
     m_rendererValid = true;
-    if (m_publisherConnected) // else PublisherConnected publishes it later
+    if (m_publisherConnected) // otherwise PublisherConnected() publishes it
     {
         PublishRenderer();
     }
@@ -90,6 +56,7 @@ void MdnsService::SetRendererService(const std::string& name, const std::string&
 
 void MdnsService::PublishRenderer()
 {
+    TASK_CHECK(m_task);
     m_rendererConnection.Disconnect();
     const AsyncCallback<MDNS::Service> published(
         [self = shared_from_this()](const MDNS::Service& s) { self->RendererPublished(s); }, m_task);
@@ -98,12 +65,14 @@ void MdnsService::PublishRenderer()
 
 void MdnsService::RendererPublished(const MDNS::Service& s)
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "RendererPublished");
-    m_rendererService = s; // with the name that a collision may have changed
+    m_rendererService = s; // a collision may have changed its name
 }
 
 void MdnsService::AddServiceAction(const MDNS::Service& s)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "(" << s.name << " - " << s.type << ")");
     RemoveServiceAction(s);
     if (!m_publisherConnected)
@@ -114,7 +83,7 @@ void MdnsService::AddServiceAction(const MDNS::Service& s)
     {
         m_publishedServices[s.type] = {s, Publish(s, s)};
     }
-    if (s.type == ServiceTypeOf(CLOCK))
+    if (s.type == ServiceTypeFromDeviceType(CLOCK))
     {
         m_ownClockName = s.name;
     }
@@ -122,6 +91,7 @@ void MdnsService::AddServiceAction(const MDNS::Service& s)
 
 CallbackConnection MdnsService::Publish(const MDNS::ServiceId& id, const MDNS::Service& s)
 {
+    TASK_CHECK(m_task);
     const AsyncCallback<MDNS::Service> published(
         [self = shared_from_this(), id](const MDNS::Service& service) { self->ServicePublished(id, service); }, m_task);
     return m_publisher->PublishService(s, published);
@@ -129,6 +99,7 @@ CallbackConnection MdnsService::Publish(const MDNS::ServiceId& id, const MDNS::S
 
 void MdnsService::RemoveServiceAction(const MDNS::Service& s)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "(" << s.name << " - " << s.type << ")");
     const auto record = m_publishedServices.find(s.type);
     if (record == m_publishedServices.end())
@@ -139,7 +110,7 @@ void MdnsService::RemoveServiceAction(const MDNS::Service& s)
             record->second.service.type.c_str());
     record->second.connection.Disconnect();
     m_publishedServices.erase(record);
-    if (s.type == ServiceTypeOf(CLOCK))
+    if (s.type == ServiceTypeFromDeviceType(CLOCK))
     {
         m_ownClockName.clear();
     }
@@ -147,11 +118,12 @@ void MdnsService::RemoveServiceAction(const MDNS::Service& s)
 
 void MdnsService::UpdateServiceTxtRecordsAction(const MDNS::Service& s, const Callback<bool>& cb)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "(" << s.name << " - " << s.type << ")");
     bool result = true;
     if (m_publisherConnected && m_publishedServices.count(s.type) != 0)
     {
-        result = m_publisher->UpdateService(s); // to the network alone: the stored record stays as it was added
+        result = m_publisher->UpdateService(s); // the stored record keeps its old TXT records
     }
     else
     {
@@ -163,6 +135,7 @@ void MdnsService::UpdateServiceTxtRecordsAction(const MDNS::Service& s, const Ca
 
 void MdnsService::ServicePublished(const MDNS::ServiceId& id, const MDNS::Service& s)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, "(" << s.name << " " << s.type << ")");
     const CallbackConnection connection = m_publishedServices[id.type].connection;
     m_publishedServices.erase(id.type);
@@ -171,8 +144,9 @@ void MdnsService::ServicePublished(const MDNS::ServiceId& id, const MDNS::Servic
 
 void MdnsService::ReconnectPublisher()
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "ReconnectPublisher");
-    if (m_isStopped) // the backend failed while the stop was on its way
+    if (m_isStopped) // the backend failed while the stop was queued
     {
         return;
     }
@@ -185,6 +159,7 @@ void MdnsService::ReconnectPublisher()
 
 void MdnsService::DisconnectPublisher()
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "DisconnectPublisher");
     m_rendererConnection.Disconnect();
     m_rendererConnection = {};
@@ -203,6 +178,7 @@ void MdnsService::DisconnectPublisher()
 
 void MdnsService::PublisherConnected()
 {
+    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "PublisherConnected");
     if (!m_publisher)
     {
@@ -210,7 +186,7 @@ void MdnsService::PublisherConnected()
         return;
     }
     m_publisherConnected = true;
-    if (!m_rendererValid) // the other records reach the network only after the product has announced itself
+    if (!m_rendererValid) // other services are published only after the announcement of the product
     {
         return;
     }
@@ -220,7 +196,7 @@ void MdnsService::PublisherConnected()
         record.connection.Disconnect();
         const MDNS::ServiceId id = record.service;
         const MDNS::Service s{id, std::move(record.service.address), std::move(record.service.txt)};
-        record.service.txt.clear(); // ServicePublished fills it again
+        record.service.txt.clear(); // ServicePublished() sets it again
         record.connection = Publish(id, s);
     }
 }

@@ -13,7 +13,7 @@ RetrySchedule::RetrySchedule(std::uint64_t seed)
 void RetrySchedule::Plan(const Key& key, unsigned int failures, std::int64_t nowMs)
 {
     Forget(key);
-    constexpr unsigned int kDoublings = 4; // more of them are beyond the longest pause
+    constexpr unsigned int kDoublings = 4; // 5 s << 4 exceeds kLongestPause
     const unsigned int doublings = std::min(std::max(failures, 1U) - 1, kDoublings);
     const std::int64_t pause = std::min<std::int64_t>(kFirstPause.count() << doublings, kLongestPause.count());
     const std::int64_t fifth = pause / 5;

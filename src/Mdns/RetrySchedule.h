@@ -14,31 +14,31 @@
 namespace SonarixService
 {
 
-/// When each name whose resolve has failed is to be asked for again: 5, 10, 20, 40 and then every 60 s after its
-/// failures in a row, each up to a fifth sooner or later, so that what failed together does not ask together again.
-/// A value of its owner's task. Has no timer and calls nobody: the owner looks at NextMs() and wakes itself.
+/// The times of the next attempts for failed resolves: 5, 10, 20, 40 s and then every 60 s after consecutive failures.
+/// Each pause is up to 20 % shorter or longer, so that resolves that failed together are not repeated together.
+/// Task: a plain value on its owner's task. Has no timer and invokes no callback: the owner sets a timer for NextMs().
 class RetrySchedule final
 {
 public:
     using Key = std::pair<int, std::string>; ///< DiscoverableDeviceType and instance name
 
-    /// The same seed gives the same times.
+    /// Equal seeds give equal times.
     explicit RetrySchedule(std::uint64_t seed);
 
-    /// `failures` in a row, the one now included. Replaces what was planned for the name.
+    /// Replaces the time of `key`. `failures`: consecutive failures, including the current one.
     void Plan(const Key& key, unsigned int failures, std::int64_t nowMs);
     void Forget(const Key& key);
     void ForgetType(int type);
-    /// What is due, in the order of its times; it is planned no more.
+    /// Removes and returns the keys whose time has come, earliest first.
     std::vector<Key> TakeDue(std::int64_t nowMs);
-    std::optional<std::int64_t> NextMs() const; ///< the earliest time of all
+    std::optional<std::int64_t> NextMs() const; ///< the earliest time; empty: nothing is planned
 
     static constexpr std::chrono::milliseconds kFirstPause{5000};
     static constexpr std::chrono::milliseconds kLongestPause{60000};
 
 private:
     std::map<Key, std::int64_t> m_times;
-    std::set<std::pair<std::int64_t, Key>> m_order; ///< the same, by time
+    std::set<std::pair<std::int64_t, Key>> m_order; ///< the entries of m_times, ordered by time
     IL::RandomSequence m_random;
 };
 

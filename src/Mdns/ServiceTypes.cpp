@@ -11,14 +11,14 @@ const std::map<int, std::string> kServiceTypes{
     {MdnsServiceIF::ACCESSORY, "_kova-accessory._tcp"},
 };
 
-const std::string& ServiceTypeOf(int deviceType)
+const std::string& ServiceTypeFromDeviceType(int deviceType)
 {
     static const std::string s_none;
     const auto row = kServiceTypes.find(deviceType);
     return row != kServiceTypes.end() ? row->second : s_none;
 }
 
-const char* DeviceTypeName(int deviceType)
+const char* NameFromDeviceType(int deviceType)
 {
     switch (deviceType)
     {

@@ -6,13 +6,13 @@
 namespace SonarixService
 {
 
-/// The service types that are browsed, by MdnsServiceIF::DiscoverableDeviceType; each row is a browser.
+/// The browsed service types by MdnsServiceIF::DiscoverableDeviceType. Each row has its own browser.
 extern const std::map<int, std::string> kServiceTypes;
 
-/// Empty for a value without a row, which matches no service.
-const std::string& ServiceTypeOf(int deviceType);
+/// Returns an empty string, which matches no service, for a value without a row.
+const std::string& ServiceTypeFromDeviceType(int deviceType);
 
-/// "RENDERER", "SERVER", "CLOCK", and "Unknown" for anything else.
-const char* DeviceTypeName(int deviceType);
+/// Returns "RENDERER", "SERVER" or "CLOCK", otherwise "Unknown".
+const char* NameFromDeviceType(int deviceType);
 
 } // namespace SonarixService

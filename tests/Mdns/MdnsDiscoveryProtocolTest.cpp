@@ -30,15 +30,15 @@ SonarixPb::Service MakeMessage(const std::string& name, const std::string& type 
     return message;
 }
 
-/// The protocol object and the mDNS logic on the simulated engine. The object waits for the end of its task when it
-/// goes, so the task ends first.
+/// The protocol object and the mDNS logic on the simulated engine. The destructor of the protocol object waits for the
+/// end of its task, so the task is stopped first.
 class MdnsDiscoveryProtocolTest : public testing::Test
 {
 protected:
     ~MdnsDiscoveryProtocolTest() override
     {
         m_protocol->Stop();
-        m_simulation.RunUntilIdle(); // what the stop has posted frees the logic
+        m_simulation.RunUntilIdle(); // runs the posted stop, which releases the mDNS logic
         IL::StopTask(m_factory.m_task);
         m_protocol.reset();
     }
@@ -49,54 +49,63 @@ protected:
                                             { answers.emplace_back(result ? "true" : "false"); });
         return answers;
     }
-    std::vector<std::string> News()
+    std::vector<std::string> TakePublishCalls()
     {
         m_simulation.RunUntilIdle();
-        return ::News(m_mdns);
+        return ::TakePublishCalls(m_mdns);
     }
 
     LogCapture m_log;
     IL::Simulation m_simulation{1};
     FakeMdns m_mdns;
-    RememberingFactory m_factory;
+    RecordingFactory m_factory;
     std::shared_ptr<MdnsDiscoveryProtocolIF> m_protocol = MdnsDiscoveryProtocol::Create();
 };
 
-TEST_F(MdnsDiscoveryProtocolTest, WhatIsParkedIsReplayedInItsOrderAndOnceOnly)
+TEST_F(MdnsDiscoveryProtocolTest, RequestsAreConvertedAndPublished)
 {
     m_simulation.RunUntilIdle();
     m_protocol->NetworkWentUp();
     m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("Main"));
     EXPECT_TRUE(m_protocol->AddService(MakeMessage("Y", "_y._tcp", 0x7FFF0000 + 8090)));
-    EXPECT_TRUE(m_protocol->AddService(MakeMessage("Z", "_z._tcp")));
-    EXPECT_THAT(News(), ElementsAre("publish Main _kova-lanyard._tcp", "publish Y _y._tcp", "publish Z _z._tcp"));
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("publish Main _kova-lanyard._tcp", "publish Y _y._tcp"));
     EXPECT_EQ(m_mdns.Find("Y", "_y._tcp")->address, Network::IpAddress(8090)) << "the low 16 bits are the port";
     EXPECT_EQ(m_mdns.Find("Y", "_y._tcp")->protocol, MDNS::Protocol::INET6);
     EXPECT_THAT(m_mdns.Find("Y", "_y._tcp")->txt, ElementsAre(Pair("K", "V")));
+}
+
+TEST_F(MdnsDiscoveryProtocolTest, StoredRequestsAreReplayedInOrderAndOnce)
+{
+    m_protocol->NetworkWentUp();
+    m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("Main"));
+    EXPECT_TRUE(m_protocol->AddService(MakeMessage("Y", "_y._tcp")));
+    EXPECT_TRUE(m_protocol->AddService(MakeMessage("Z", "_z._tcp")));
+    EXPECT_THAT(TakePublishCalls(), testing::SizeIs(3));
 
     m_protocol->NetworkWentDown();
     EXPECT_FALSE(m_protocol->AddService(MakeMessage("C", "_c._tcp")));
-    EXPECT_THAT(Update(MakeMessage("B", "_b._tcp")), ElementsAre("false")) << "parked as an add, answered at once";
+    EXPECT_THAT(Update(MakeMessage("B", "_b._tcp")), ElementsAre("false")) << "stored as an add, answered at once";
     m_protocol->RemoveService(MakeMessage("Z", "_z._tcp"));
     m_protocol->RemoveService(MakeMessage("Y", "_y._tcp"));
-    EXPECT_FALSE(m_protocol->AddService(MakeMessage("Y", "_y._tcp"))) << "the removal stays, the add follows it";
+    EXPECT_FALSE(m_protocol->AddService(MakeMessage("Y", "_y._tcp"))) << "does not cancel the stored removal";
     EXPECT_FALSE(m_protocol->AddService(MakeMessage("Gone", "_g._tcp")));
-    m_protocol->RemoveService(MakeMessage("Gone", "_g._tcp")); // the two cancel out
+    m_protocol->RemoveService(MakeMessage("Gone", "_g._tcp")); // cancels the stored add
     m_protocol->BroadcastInitialAccessoryAnnouncement(MakeDevice("Acc"));
     m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("Old"));
     m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("New"));
-    EXPECT_THAT(News(), IsEmpty());
+    EXPECT_THAT(TakePublishCalls(), IsEmpty());
     m_protocol->NetworkWentUp();
-    EXPECT_THAT(News(), ElementsAre("withdraw Main _kova-lanyard._tcp", "publish New _kova-lanyard._tcp",
-                                    "withdraw New _kova-lanyard._tcp", "publish Accessory _kova-accessory._tcp",
-                                    "withdraw Y _y._tcp", "withdraw Z _z._tcp", "publish B _b._tcp",
-                                    "publish C _c._tcp", "publish Y _y._tcp"));
+    EXPECT_THAT(TakePublishCalls(),
+                ElementsAre("withdraw Main _kova-lanyard._tcp", "publish New _kova-lanyard._tcp",
+                            "withdraw New _kova-lanyard._tcp", "publish Accessory _kova-accessory._tcp",
+                            "withdraw Y _y._tcp", "withdraw Z _z._tcp", "publish B _b._tcp", "publish C _c._tcp",
+                            "publish Y _y._tcp"));
     m_protocol->NetworkWentDown();
     m_protocol->NetworkWentUp();
-    EXPECT_THAT(News(), IsEmpty());
+    EXPECT_THAT(TakePublishCalls(), IsEmpty());
 }
 
-TEST_F(MdnsDiscoveryProtocolTest, StoppedItAnswersAtOnceAndKeepsWhatIsParked)
+TEST_F(MdnsDiscoveryProtocolTest, StoppedProtocolAnswersAtOnceAndKeepsStoredRequests)
 {
     EXPECT_FALSE(m_protocol->AddService(MakeMessage("Parked")));
     m_protocol->Stop();
@@ -104,77 +113,80 @@ TEST_F(MdnsDiscoveryProtocolTest, StoppedItAnswersAtOnceAndKeepsWhatIsParked)
     int lists = 0;
     m_protocol->GetProductList("_a._tcp",
                                [&lists](const Sonarix::ProductList& list) { lists += list.products_size() + 1; });
-    EXPECT_EQ(lists, 1) << "empty, before the return";
-    m_protocol->NetworkWentUp(); // a fault of the caller: nothing is lost by it
+    EXPECT_EQ(lists, 1) << "called before the return, with an empty list";
+    m_protocol->NetworkWentUp(); // a fault of the caller; the stored requests are kept
     EXPECT_FALSE(m_protocol->AddService(MakeMessage("A")));
     EXPECT_TRUE(m_log.Contains("Failed to AddService , MdnsService not started yet "));
     EXPECT_THAT(Update(MakeMessage("A")), ElementsAre("false"));
     m_protocol->RemoveService(MakeMessage("A"));
     m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("D"));
-    EXPECT_THAT(News(), IsEmpty());
+    EXPECT_THAT(TakePublishCalls(), IsEmpty());
 
     int restarts = 0;
     m_protocol->RegisterForServiceRestartNotification(
         [&]
         {
             ++restarts;
-            EXPECT_TRUE(m_protocol->AddService(MakeMessage("Back", "_b._tcp"))) << "from within the notification";
+            EXPECT_TRUE(m_protocol->AddService(MakeMessage("Back", "_b._tcp"))) << "inside the notification";
         });
     m_protocol->Start();
     m_protocol->Start();
     EXPECT_EQ(restarts, 1);
     m_protocol->NetworkWentUp();
     m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("D"));
-    EXPECT_THAT(News(), ElementsAre("publish D _kova-lanyard._tcp", "publish Parked _a._tcp", "publish Back _b._tcp"));
+    EXPECT_THAT(TakePublishCalls(),
+                ElementsAre("publish D _kova-lanyard._tcp", "publish Parked _a._tcp", "publish Back _b._tcp"));
 }
 
-TEST_F(MdnsDiscoveryProtocolTest, RenderersAndClocksBecomeProductsAcrossRestarts)
+TEST_F(MdnsDiscoveryProtocolTest, RenderersAndClocksBecomeProducts)
 {
-    std::vector<std::string> heard;
-    const auto hears = [this, &heard]
+    std::vector<std::string> products;
+    const auto take = [this, &products]
     {
         m_simulation.RunUntilIdle();
-        return std::exchange(heard, {});
+        return std::exchange(products, {});
     };
     m_protocol->RegisterProductStateCallback(
-        [&heard](const Sonarix::Product& product) {
-            heard.push_back(SXCommon::ProductState_Name(product.state()) + " " + product.productinfo().friendlyname());
+        [&products](const Sonarix::Product& product) {
+            products.push_back(SXCommon::ProductState_Name(product.state()) + " " +
+                               product.productinfo().friendlyname());
         });
     m_mdns.Announce(FakeMdns::MakeService("Kitchen", "_kova-lanyard._tcp"));
     m_mdns.Announce(FakeMdns::MakeService("Hall", "_kova-clock._tcp"));
     m_mdns.Announce(FakeMdns::MakeService("Accessory", "_kova-accessory._tcp"));
-    EXPECT_THAT(hears(), ElementsAre("ONLINE Kitchen", "ONLINE Hall")) << "accessories are browsed only";
+    EXPECT_THAT(take(), ElementsAre("ONLINE Kitchen", "ONLINE Hall")) << "no subscription takes accessories";
 
     m_protocol->NetworkWentUp();
     m_protocol->BroadcastInitialDeviceAnnouncement(MakeDevice("Own"));
     m_simulation.RunUntilIdle();
     m_protocol->NetworkWentDown();
-    EXPECT_THAT(hears(), ElementsAre("ONLINE Own")) << "what is published stays, browsing goes on";
+    EXPECT_THAT(take(), ElementsAre("ONLINE Own")) << "published services and browsing are unaffected";
 
     m_protocol->Stop();
-    EXPECT_THAT(hears(), IsEmpty());
+    EXPECT_THAT(take(), IsEmpty());
     m_protocol->Start();
-    m_protocol->Stop(); // its task has not run yet: the registrations are still on their way
+    m_protocol->Stop(); // before the registrations of Start() have arrived
     m_mdns.Announce(FakeMdns::MakeService("Bath", "_kova-lanyard._tcp"));
     m_protocol->Start();
-    EXPECT_THAT(hears(), testing::UnorderedElementsAre("ONLINE Bath", "ONLINE Kitchen", "ONLINE Hall"));
-    ASSERT_THAT(m_factory.m_made, testing::SizeIs(3));
-    EXPECT_TRUE(m_factory.m_made[0].expired() && m_factory.m_made[1].expired()) << "something holds a stopped service";
+    EXPECT_THAT(take(), testing::UnorderedElementsAre("ONLINE Bath", "ONLINE Kitchen", "ONLINE Hall"));
+    ASSERT_THAT(m_factory.m_services, testing::SizeIs(3));
+    EXPECT_TRUE(m_factory.m_services[0].expired() && m_factory.m_services[1].expired())
+        << "a stopped service is still referenced";
 
-    m_mdns.Withdraw("Kitchen", "_kova-lanyard._tcp"); // on its way when the end comes
+    m_mdns.Withdraw("Kitchen", "_kova-lanyard._tcp"); // the removal is queued when Stop() is called
     m_protocol->Stop();
-    EXPECT_THAT(hears(), IsEmpty());
+    EXPECT_THAT(take(), IsEmpty());
     m_protocol->Start();
     m_protocol->Stop();
     m_simulation.RunUntilIdle();
-    EXPECT_TRUE(m_factory.m_made[2].expired() && m_factory.m_made[3].expired());
+    EXPECT_TRUE(m_factory.m_services[2].expired() && m_factory.m_services[3].expired());
 }
 
-TEST(MdnsDiscoveryProtocolThreadsTest, ManyTasksAtOnceAndAnEndWithCallsInFlight)
+TEST(MdnsDiscoveryProtocolThreadsTest, OperationsRunOnManyTasksUntilTheEnd)
 {
     const LogCapture log;
-    FakeMdns mdns; // on the protocol's task alone until that has ended
-    RememberingFactory factory;
+    FakeMdns mdns; // used on the task of the protocol only
+    RecordingFactory factory;
     auto protocol = std::make_shared<MdnsDiscoveryProtocol>();
     std::atomic<int> restarts = 0;
     protocol->RegisterForServiceRestartNotification([&restarts] { ++restarts; });
@@ -208,9 +220,9 @@ TEST(MdnsDiscoveryProtocolThreadsTest, ManyTasksAtOnceAndAnEndWithCallsInFlight)
         lists.Drain();
     }
     EXPECT_EQ(restarts, 200);
-    EXPECT_EQ(factory.m_made.size(), 201U);
+    EXPECT_EQ(factory.m_services.size(), 201U);
     protocol->Stop();
-    ConditionSemaphore isFreed(0); // what the stop has posted frees the logic
+    ConditionSemaphore isFreed(0); // runs the posted stop, which releases the mDNS logic
     IL::BreakThread([&isFreed] { isFreed.Signal(); }, factory.m_task);
     EXPECT_TRUE(isFreed.Wait(10'000));
     IL::StopTask(factory.m_task);

@@ -1,4 +1,3 @@
-#include "Mdns/avahi/ResolveQueue.h"
 #include "schemas/Sonarix.pb.h"
 #include "tests/Mdns/MdnsServiceFixture.h"
 #include <ProtoToMarkup.h>
@@ -18,7 +17,7 @@ using testing::SizeIs;
 namespace
 {
 
-/// From "KEY=value" each.
+/// Converts strings of the form "KEY=value".
 std::map<std::string, std::string> Txt(const std::vector<std::string>& records)
 {
     std::map<std::string, std::string> txt;
@@ -33,33 +32,33 @@ std::map<std::string, std::string> Txt(const std::vector<std::string>& records)
 class MdnsServiceBrowseTest : public MdnsServiceFixture
 {
 protected:
-    /// Everything that such a subscriber hears, as "STATE name guid".
+    /// Returns the products that a subscriber gets, as "STATE name guid".
     std::shared_ptr<std::vector<std::string>>
     Subscribe(MdnsServiceIF::DiscoverableDeviceType type = MdnsServiceIF::RENDERER,
               const MdnsServiceIF::Filter_t& filter = {MdnsServiceIF::FILTER_ALL, ""})
     {
-        auto heard = std::make_shared<std::vector<std::string>>();
+        auto products = std::make_shared<std::vector<std::string>>();
         m_service->RegisterForProductUpdates(
             filter, type,
-            [this, heard](const Sonarix::Product& product)
+            [this, products](const Sonarix::Product& product)
             {
                 m_last = product;
-                heard->push_back(SXCommon::ProductState_Name(product.state()) + " " +
-                                 product.productinfo().friendlyname() + " " + product.productinfo().guid());
+                products->push_back(SXCommon::ProductState_Name(product.state()) + " " +
+                                    product.productinfo().friendlyname() + " " + product.productinfo().guid());
             },
             [this](const CallbackConnection& connection, const bool&) { m_connections.push_back(connection); });
         Settle();
-        return heard;
+        return products;
     }
     Sonarix::ProductList List(const std::string& type)
     {
         std::vector<Sonarix::ProductList> lists;
         m_service->GetProductList(type, [&](const Sonarix::ProductList& list) { lists.push_back(list); });
-        EXPECT_THAT(lists, IsEmpty()) << "answered on the caller's thread";
+        EXPECT_THAT(lists, IsEmpty()) << "answered on the caller's task";
         Settle();
         return lists.at(0);
     }
-    /// Neighbours that are browsed but answer for nothing.
+    /// Announces services whose resolves fail.
     void AnnounceSilent(const std::vector<std::string>& names)
     {
         m_mdns.SetAnswersResolves(false);
@@ -73,12 +72,12 @@ protected:
         Settle();
         m_mdns.ClearCalls();
     }
-    /// The times between the next `count` resolves of a name, from now on.
-    const std::vector<std::chrono::milliseconds>& PausesUntilAsked(const std::string& name, std::size_t count)
+    /// Returns the pauses before each of the next `count` resolves of a name, from now on.
+    const std::vector<std::chrono::milliseconds>& PausesBeforeResolves(const std::string& name, std::size_t count)
     {
         m_pauses.clear();
         std::int64_t last = m_simulation.NowMs();
-        while (m_pauses.size() < count && m_simulation.RunUntil([&] { return IsAsked(name); }, 5min))
+        while (m_pauses.size() < count && m_simulation.RunUntil([&] { return IsResolved(name); }, 5min))
         {
             m_pauses.emplace_back(m_simulation.NowMs() - last);
             last = m_simulation.NowMs();
@@ -86,10 +85,12 @@ protected:
         }
         return m_pauses;
     }
-    bool IsAsked(const std::string& name) const
+    bool IsResolved(const std::string& name) const
     {
         const std::vector<std::string>& calls = m_mdns.Calls();
-        return std::find(calls.begin(), calls.end(), "resolve " + name) != calls.end();
+        return std::any_of(calls.begin(), calls.end(),
+                           [&name](const std::string& call)
+                           { return call == "resolve " + name || call == "resolve again " + name; });
     }
     static testing::Matcher<std::chrono::milliseconds> Around(std::chrono::milliseconds pause)
     {
@@ -110,17 +111,17 @@ protected:
     std::vector<std::chrono::milliseconds> m_pauses;
 };
 
-TEST_F(MdnsServiceBrowseTest, AResolvedServiceIsAProductUntilItsRemoval)
+TEST_F(MdnsServiceBrowseTest, ResolvedServiceIsAProductUntilItsRemoval)
 {
     Start();
     EXPECT_THAT(m_mdns.Calls(),
                 ElementsAre("browse _kova-lanyard._tcp", "browse _kova-clock._tcp", "browse _kova-accessory._tcp"));
-    const auto heard = Subscribe();
+    const auto products = Subscribe();
     Announce("Kitchen", kRenderer,
              Txt({"GUID=g-1", "MANUFACTURER=Kova", "ECOSYS=ORB2", "PTYPE=T", "PNAME=N", "PCOLOR=C", "SWVERSION=1.2",
                   "MAC=00:11", "DEVICEIP=192.168.1.1", R"(GroupingVersion={"major_version":1,"minor_version":2})",
                   "CLOCKDOMAIN=d", "LEADERELECTED=true", "BATTERY=TRUE", "CONNECTIONTYPE=WIFI"}));
-    EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1"));
+    EXPECT_THAT(*products, ElementsAre("ONLINE Kitchen g-1"));
     EXPECT_EQ(
         ProtoToMarkup::ToJson(m_last, true, false, false),
         R"({"protocols":["MDNS"],"serviceid":{"type":"_kova-lanyard._tcp"},"state":"ONLINE","productinfo":{)"
@@ -129,62 +130,62 @@ TEST_F(MdnsServiceBrowseTest, AResolvedServiceIsAProductUntilItsRemoval)
         R"("multiroom":{"Grouping_Version":{"major_version":1,"minor_version":2}},)"
         R"("clockinfo":{"connection":"WIFI","clockdomain":"d","leaderelected":true,"hasbattery":false}}})");
 
-    // A late subscriber hears what is known, a list holds the same.
+    // A late subscriber gets the known product, and a list holds the same.
     EXPECT_THAT(*Subscribe(), ElementsAre("ONLINE Kitchen g-1"));
     ASSERT_THAT(List(kRenderer).products(), SizeIs(1));
     EXPECT_EQ(List(kRenderer).products(0).SerializeAsString(), m_last.SerializeAsString());
 
-    ReportAgain("Kitchen"); // as over a second interface: resolved and told again
-    EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1", "ONLINE Kitchen g-1"));
+    ReportAgain("Kitchen"); // as for a second interface: resolved and reported again
+    EXPECT_THAT(*products, ElementsAre("ONLINE Kitchen g-1", "ONLINE Kitchen g-1"));
     m_connections.back().Disconnect(); // the late subscriber leaves
     Withdraw("Kitchen", kRenderer);
-    EXPECT_THAT(*heard, SizeIs(3));
-    EXPECT_EQ(heard->back(), "OFFLINE Kitchen g-1") << "the removal carries the last records";
+    EXPECT_THAT(*products, SizeIs(3));
+    EXPECT_EQ(products->back(), "OFFLINE Kitchen g-1") << "the removal carries the last records";
     EXPECT_THAT(List(kRenderer).products(), IsEmpty());
 }
 
-TEST_F(MdnsServiceBrowseTest, LateAnswersMakeNoProduct)
+TEST_F(MdnsServiceBrowseTest, LateResolveResultsAreIgnored)
 {
     Start();
-    const auto heard = Subscribe();
+    const auto products = Subscribe();
     m_mdns.SetAnswersResolves(false);
     Announce("Kitchen", kRenderer, {{"GUID", "g-1"}});
-    ReportAgain("Kitchen"); // cancels the resolve under way
+    ReportAgain("Kitchen"); // cancels the running resolve
     EXPECT_EQ(m_mdns.PendingResolves(), 2U);
     m_mdns.AnswerResolves();
     Settle();
-    EXPECT_THAT(*heard, SizeIs(1));
+    EXPECT_THAT(*products, SizeIs(1));
 
     ReportAgain("Kitchen");
     m_mdns.ReportGone("Kitchen", kRenderer);
-    m_mdns.AnswerResolves(); // in the queue when the removal runs
+    m_mdns.AnswerResolves(); // queued when the removal runs
     Settle();
-    EXPECT_THAT(*heard, ElementsAre("ONLINE Kitchen g-1", "OFFLINE Kitchen g-1"));
+    EXPECT_THAT(*products, ElementsAre("ONLINE Kitchen g-1", "OFFLINE Kitchen g-1"));
     EXPECT_THAT(List(kRenderer).products(), IsEmpty());
 
-    // Removed before it ever resolved: nothing to tell.
+    // Removed before it was resolved: no product.
     Announce("Bath", kRenderer);
     Withdraw("Bath", kRenderer);
     m_mdns.AnswerResolves();
     Settle();
-    EXPECT_THAT(*heard, SizeIs(2));
+    EXPECT_THAT(*products, SizeIs(2));
     EXPECT_TRUE(m_log.Contains("No callbacks for removed Service"));
 
-    // A failure that comes behind the report for which it was asked anew.
+    // A failure that arrives after a new report has started another resolve.
     Announce("Hall", kRenderer, {{"GUID", "g-3"}});
     m_mdns.FallSilent("Hall", kRenderer);
     m_mdns.ReportAgain("Hall", kRenderer);
     m_mdns.AnswerResolves();
     Settle();
-    EXPECT_THAT(*heard, SizeIs(2));
+    EXPECT_THAT(*products, SizeIs(2));
     m_mdns.Announce(FakeMdns::MakeService("Hall", kRenderer, {{"GUID", "g-3"}}));
     m_mdns.AnswerResolves();
     Settle();
-    EXPECT_THAT(*heard, SizeIs(3));
-    EXPECT_EQ(heard->back(), "ONLINE Hall g-3");
+    EXPECT_THAT(*products, SizeIs(3));
+    EXPECT_EQ(products->back(), "ONLINE Hall g-3");
 }
 
-TEST_F(MdnsServiceBrowseTest, FiltersAndTypesDecideWhoHears)
+TEST_F(MdnsServiceBrowseTest, SubscribersGetTheProductsOfTheirFilter)
 {
     Start();
     const auto byName = Subscribe(MdnsServiceIF::RENDERER, {MdnsServiceIF::FILTER_NAME, "itch"});
@@ -206,16 +207,16 @@ TEST_F(MdnsServiceBrowseTest, FiltersAndTypesDecideWhoHears)
     EXPECT_THAT(*clocks, ElementsAre("ONLINE Hall g-3"));
     EXPECT_THAT(*accessories, ElementsAre("ONLINE Accessory g-4"));
 
-    // A failed resolve has no records: it is nobody's by MAC, and without a guid for who hears all.
+    // A failed resolve has no TXT records: a MAC filter does not match it, and the product has no guid.
     m_mdns.FallSilent("Bath", kRenderer);
     ReportAgain("Bath");
     EXPECT_THAT(*byMac, SizeIs(1));
     EXPECT_EQ(all->back(), "OFFLINE Bath ");
-    EXPECT_THAT(List(kRenderer).products(), SizeIs(2)) << "the table keeps what it knew";
+    EXPECT_THAT(List(kRenderer).products(), SizeIs(2)) << "the table keeps the last resolved service";
 
-    // One name under two types is one entry.
+    // The same name with two types is one entry.
     Announce("Kitchen", kClock, {{"GUID", "g-1"}});
-    EXPECT_THAT(List(kRenderer).products(), SizeIs(1)) << "the type that resolved last has it";
+    EXPECT_THAT(List(kRenderer).products(), SizeIs(1)) << "the type resolved last owns the entry";
     EXPECT_THAT(List(kClock).products(), SizeIs(2));
     Withdraw("Kitchen", kRenderer);
     EXPECT_THAT(List(kClock).products(), SizeIs(1)) << "the removal of either erases it";
@@ -227,35 +228,39 @@ TEST_F(MdnsServiceBrowseTest, ClocksAreResolvedEveryFiveMinutes)
     m_service->AddService(FakeMdns::MakeService("Own", kClock, {{"GUID", "own"}}));
     Settle();
     m_service->BroadcastInitialDeviceAnnouncement({});
-    const auto heard = Subscribe(MdnsServiceIF::CLOCK);
+    const auto products = Subscribe(MdnsServiceIF::CLOCK);
     Announce("Peer", kClock, {{"GUID", "g-1"}, {"LEADERELECTED", "false"}});
-    EXPECT_THAT(*heard, ElementsAre("ONLINE Own own", "ONLINE Peer g-1"));
+    EXPECT_THAT(*products, ElementsAre("ONLINE Own own", "ONLINE Peer g-1"));
 
-    // Each discovery pushes the next round five minutes away.
+    // Each discovery restarts the period of five minutes.
     m_simulation.RunFor(299s);
     Announce("Other", kClock, {{"GUID", "g-2"}});
     m_simulation.RunFor(299s);
-    EXPECT_THAT(*heard, SizeIs(3));
+    EXPECT_THAT(*products, SizeIs(3));
     m_mdns.Announce(FakeMdns::MakeService("Peer", kClock, {{"GUID", "g-1"}, {"LEADERELECTED", "true"}}));
     m_mdns.FallSilent("Other", kClock);
     m_simulation.RunFor(1s);
-    EXPECT_THAT(*heard, ElementsAre("ONLINE Own own", "ONLINE Peer g-1", "ONLINE Other g-2", "OFFLINE Other ",
-                                    "ONLINE Peer g-1"))
-        << "every clock but the own one";
+    EXPECT_THAT(*products, ElementsAre("ONLINE Own own", "ONLINE Peer g-1", "ONLINE Other g-2", "OFFLINE Other ",
+                                       "ONLINE Peer g-1"))
+        << "every clock except the own one";
     EXPECT_TRUE(m_last.productinfo().clockinfo().leaderelected());
 
-    // A peer that failed is asked for before the next round, and again in it.
+    // A failed clock is resolved again before the next period ends, and at its end.
     m_mdns.Announce(FakeMdns::MakeService("Other", kClock, {{"GUID", "g-2"}}));
     m_simulation.RunFor(6s);
-    EXPECT_THAT(*heard, SizeIs(6));
-    EXPECT_EQ(heard->back(), "ONLINE Other g-2");
+    EXPECT_THAT(*products, SizeIs(6));
+    EXPECT_EQ(products->back(), "ONLINE Other g-2");
     m_simulation.RunFor(293s);
-    EXPECT_THAT(*heard, SizeIs(6));
+    EXPECT_THAT(*products, SizeIs(6));
     m_simulation.RunFor(1s);
-    EXPECT_THAT(*heard, SizeIs(8));
+    EXPECT_THAT(*products, SizeIs(8));
+}
 
-    // With the last clock the rounds end, and the next discovery starts them afresh.
-    m_service->RemoveService(FakeMdns::MakeService("Own", kClock));
+TEST_F(MdnsServiceBrowseTest, ClockResolvesEndWithTheLastClock)
+{
+    Start();
+    Announce("Peer", kClock);
+    Announce("Other", kClock);
     Withdraw("Peer", kClock);
     Withdraw("Other", kClock);
     m_mdns.ClearCalls();
@@ -266,44 +271,47 @@ TEST_F(MdnsServiceBrowseTest, ClocksAreResolvedEveryFiveMinutes)
     EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Peer", "resolve Peer"));
 }
 
-TEST_F(MdnsServiceBrowseTest, WhatDoesNotResolveIsAskedForAgainUntilItDoes)
+TEST_F(MdnsServiceBrowseTest, FailedResolveIsRepeatedUntilItSucceeds)
 {
     Start();
-    const auto heard = Subscribe();
+    const auto products = Subscribe();
     AnnounceSilent({"Kitchen"});
-    EXPECT_THAT(*heard, ElementsAre("OFFLINE Kitchen "));
-    EXPECT_THAT(PausesUntilAsked("Kitchen", 8), ElementsAre(Around(5s), Around(10s), Around(20s), Around(40s),
-                                                            Around(60s), Around(60s), Around(60s), Around(60s)));
+    EXPECT_THAT(*products, ElementsAre("OFFLINE Kitchen "));
+    EXPECT_THAT(PausesBeforeResolves("Kitchen", 8), ElementsAre(Around(5s), Around(10s), Around(20s), Around(40s),
+                                                                Around(60s), Around(60s), Around(60s), Around(60s)));
     EXPECT_THAT(std::set(m_pauses.begin() + 4, m_pauses.end()), SizeIs(testing::Gt(1))) << "no jitter";
-    EXPECT_THAT(*heard, SizeIs(1)) << "told once";
+    EXPECT_THAT(*products, SizeIs(1)) << "OFFLINE is sent once";
 
-    ReportAgain("Kitchen"); // as over another interface: asked at once, and soon again
-    EXPECT_THAT(PausesUntilAsked("Kitchen", 3), ElementsAre(0ms, Around(5s), Around(10s)));
-    EXPECT_THAT(*heard, SizeIs(1));
+    ReportAgain("Kitchen"); // as for another interface: resolved at once, then with short pauses
+    EXPECT_THAT(PausesBeforeResolves("Kitchen", 3), ElementsAre(0ms, Around(5s), Around(10s)));
+    EXPECT_THAT(*products, SizeIs(1));
     m_mdns.Announce(FakeMdns::MakeService("Kitchen", kRenderer, {{"GUID", "g-1"}}));
     m_simulation.RunFor(25s);
-    EXPECT_THAT(*heard, ElementsAre("OFFLINE Kitchen ", "ONLINE Kitchen g-1"));
+    EXPECT_THAT(*products, ElementsAre("OFFLINE Kitchen ", "ONLINE Kitchen g-1"));
     m_mdns.ClearCalls();
     const std::uint64_t events = m_simulation.Events();
     m_simulation.RunFor(1h);
-    EXPECT_EQ(m_simulation.Events(), events) << "nothing wakes while all is resolved";
+    EXPECT_EQ(m_simulation.Events(), events) << "a wake-up while everything is resolved";
 
-    // A failure after a success is the first again.
+    // After a success the pauses start again with the shortest.
     m_mdns.FallSilent("Kitchen", kRenderer);
     ReportAgain("Kitchen");
-    EXPECT_THAT(PausesUntilAsked("Kitchen", 3), ElementsAre(0ms, Around(5s), Around(10s)));
-    EXPECT_THAT(*heard, ElementsAre("OFFLINE Kitchen ", "ONLINE Kitchen g-1", "OFFLINE Kitchen "));
+    EXPECT_THAT(PausesBeforeResolves("Kitchen", 3), ElementsAre(0ms, Around(5s), Around(10s)));
+    EXPECT_THAT(*products, ElementsAre("OFFLINE Kitchen ", "ONLINE Kitchen g-1", "OFFLINE Kitchen "));
+}
 
-    // It ends with the removal, with the backend, and with the service.
-    AnnounceSilent({"Bath"});
+TEST_F(MdnsServiceBrowseTest, RetriesEndWithRemovalBackendAndService)
+{
+    Start();
+    AnnounceSilent({"Kitchen", "Bath"});
     Withdraw("Kitchen", kRenderer);
     m_mdns.ClearCalls();
     m_simulation.RunFor(25s);
-    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve Bath", "resolve Bath"));
+    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve again Bath", "resolve again Bath"));
     m_mdns.KillDaemon();
     m_mdns.ClearCalls();
     m_simulation.RunFor(1h);
-    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains("resolve Bath")));
+    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains(testing::HasSubstr("Bath"))));
     m_mdns.StartDaemon();
     Settle();
     m_service->StopService();
@@ -314,50 +322,36 @@ TEST_F(MdnsServiceBrowseTest, WhatDoesNotResolveIsAskedForAgainUntilItDoes)
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_ERROR), 0U) << m_log.Text();
 }
 
-TEST_F(MdnsServiceBrowseTest, WhatIsNewIsAskedForBeforeWhatHasFailed)
+TEST_F(MdnsServiceBrowseTest, StopCancelsResolvesBeforeTheirHandles)
 {
     Start();
-    const auto heard = Subscribe();
-    std::vector<std::string> silent(MDNS::ResolveQueue::kMaxRunning + 8);
-    std::generate(silent.begin(), silent.end(), [n = 0]() mutable { return "Silent " + std::to_string(n++); });
-    AnnounceSilent(silent);
-    EXPECT_THAT(*heard, SizeIs(silent.size())) << "each was asked for in its turn";
-
+    const auto products = Subscribe();
     m_mdns.SetAnswersResolves(false);
-    m_simulation.RunFor(7s); // all are due again
-    EXPECT_EQ(m_mdns.PendingResolves(), MDNS::ResolveQueue::kMaxRunning);
-    Announce("New", kRenderer, {{"GUID", "g-1"}});
-    Announce("Clock", kClock); // has a backend of its own, with places of its own
-    EXPECT_EQ(m_mdns.PendingResolves(), MDNS::ResolveQueue::kMaxRunning + 1);
-    m_mdns.ClearCalls();
-    m_mdns.AnswerResolves();
-    EXPECT_EQ(m_mdns.Calls().at(0), "resolve New");
-    EXPECT_THAT(m_mdns.Calls(), SizeIs(9));
-    m_mdns.AnswerResolves();
-    Settle();
-    EXPECT_EQ(heard->back(), "ONLINE New g-1");
-    EXPECT_THAT(*heard, SizeIs(silent.size() + 1));
-
-    // A resolve that cannot even be started is tried again as well, but says nothing about the product.
-    m_mdns.SetAnswersResolves(true);
-    m_mdns.SetRefusesResolves(true);
-    Announce("Refused", kRenderer, {{"GUID", "g-2"}});
-    m_mdns.SetRefusesResolves(false);
-    EXPECT_THAT(*heard, SizeIs(silent.size() + 1));
-    m_simulation.RunFor(6s);
-    EXPECT_EQ(heard->back(), "ONLINE Refused g-2");
-    EXPECT_THAT(*heard, SizeIs(silent.size() + 2));
-
-    m_mdns.SetAnswersResolves(false);
-    m_simulation.RunFor(72s);
+    Announce("Kitchen", kRenderer);
     m_mdns.ClearCalls();
     m_service->StopService();
     Settle();
-    EXPECT_THAT(m_mdns.Calls(), testing::Not(testing::Contains(testing::HasSubstr("resolve"))))
-        << "the end of those that run starts none of those that wait";
+    m_mdns.AnswerResolves();
+    Settle();
+    EXPECT_THAT(m_mdns.Calls(), testing::Contains("cancel resolves").Times(3));
+    EXPECT_THAT(*products, IsEmpty());
 }
 
-TEST_F(MdnsServiceBrowseTest, OneLineEachTimeTheDaemonsCacheIsNearlyFull)
+TEST_F(MdnsServiceBrowseTest, ResolveThatFailsToStartIsRepeated)
+{
+    Start();
+    const auto products = Subscribe();
+    m_mdns.SetRefusesResolves(true);
+    Announce("Refused", kRenderer, {{"GUID", "g-2"}});
+    m_mdns.SetRefusesResolves(false);
+    EXPECT_THAT(*products, IsEmpty()) << "a refused resolve says nothing about the product";
+    m_mdns.ClearCalls();
+    m_simulation.RunFor(6s);
+    EXPECT_THAT(m_mdns.Calls(), ElementsAre("resolve again Refused"));
+    EXPECT_THAT(*products, ElementsAre("ONLINE Refused g-2"));
+}
+
+TEST_F(MdnsServiceBrowseTest, WarnsOnceWhenTheDaemonsCacheIsNearlyFull)
 {
     Start();
     auto announceUpTo = [this, n = std::size_t{0}](std::size_t count) mutable
@@ -379,16 +373,16 @@ TEST_F(MdnsServiceBrowseTest, OneLineEachTimeTheDaemonsCacheIsNearlyFull)
     EXPECT_TRUE(m_log.Contains("cache-entries-max"));
     announceUpTo(MdnsService::kManyNoMore);
     announceUpTo(MdnsService::kManyServices);
-    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << "the same approach";
+    EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << "not below kManyNoMore yet";
     announceUpTo(MdnsService::kManyNoMore - 1);
     announceUpTo(MdnsService::kManyServices);
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 2U);
 }
 
-TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
+TEST_F(MdnsServiceBrowseTest, HostileTxtRecordsAffectOnlyTheirOwnFields)
 {
     Start();
-    const auto heard = Subscribe();
+    const auto products = Subscribe();
     const std::string binary("\x00\xFF\x80\xC0\xAF", 5);
     Announce("Bad \xFF name", kRenderer,
              Txt({"GUID=g-1", "=nothing", "PNAME=" + binary, "ECOSYS=", binary + "=x",
@@ -396,7 +390,7 @@ TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
                   R"(GroupingVersion={"major_version":99999999999})", R"(NowPlayingVersion=[{"major_version":1}])",
                   R"(ClockSyncProtocolVersion={"major_version":3,"else":[[[1]]]})",
                   "PlaybackRequestVersion=" + std::string(255, '[')}));
-    EXPECT_THAT(*heard, ElementsAre("ONLINE Bad \xEF\xBF\xBD name g-1"));
+    EXPECT_THAT(*products, ElementsAre("ONLINE Bad \xEF\xBF\xBD name g-1"));
     const Sonarix::ProductInfo& info = m_last.productinfo();
     EXPECT_FALSE(info.has_modelname());
     EXPECT_FALSE(info.has_softwareversion());
@@ -407,7 +401,7 @@ TEST_F(MdnsServiceBrowseTest, HostileRecordsSpoilTheirOwnFieldsOnly)
 
     Announce("Good", kRenderer, {{"GUID", "g-2"}});
     EXPECT_NO_THROW(ProtoToMarkup::ToJson(List(kRenderer), true, false, false));
-    ReportAgain("Bad \xFF name"); // its records are not told of a second time
+    ReportAgain("Bad \xFF name"); // unchanged records cause no second warning
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_ERROR), 0U) << m_log.Text();
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << m_log.Text();
     EXPECT_TRUE(m_log.Contains("PNAME SWVERSION AudioPayloadVersion NowPlayingVersion PlaybackRequestVersion "

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "Mdns/MdnsService.h"
-#include "Mdns/MdnsServiceFactory.h"
 #include "Mdns/MdnsServiceIF.h"
 #include "runtime/Task.h"
 #include "runtime/engine/Simulation.h"
@@ -29,48 +28,48 @@ inline SonarixPb::DeviceInfo MakeDevice(const std::string& name)
     return info;
 }
 
-/// What was put on, changed on and taken off the network since the last look.
-inline std::vector<std::string> News(FakeMdns& mdns)
+/// The "publish", "update" and "withdraw" calls since the last call of this function.
+inline std::vector<std::string> TakePublishCalls(FakeMdns& mdns)
 {
-    std::vector<std::string> news = mdns.Calls();
+    std::vector<std::string> calls = mdns.Calls();
     mdns.ClearCalls();
     std::erase_if(
-        news, [](const std::string& call)
+        calls, [](const std::string& call)
         { return !call.starts_with("publish") && !call.starts_with("update") && !call.starts_with("withdraw"); });
-    return news;
+    return calls;
 }
 
-/// Makes the mDNS logic as always, and remembers it and its task.
-class RememberingFactory final : public SonarixService::MdnsServiceFactory::detail::MdnsServiceFactoryIF
+/// Creates the mDNS logic as MdnsService::Create() does, and records it and its task.
+class RecordingFactory final : public SonarixService::MdnsService::FactoryIF
 {
 public:
-    RememberingFactory()
+    RecordingFactory()
     {
-        SonarixService::MdnsServiceFactory::SetOverride(this);
+        SonarixService::MdnsService::s_factoryOverride.Set(this);
     }
-    ~RememberingFactory() override
+    ~RecordingFactory() override
     {
-        SonarixService::MdnsServiceFactory::SetOverride(nullptr);
+        SonarixService::MdnsService::s_factoryOverride.Set(nullptr);
     }
     std::shared_ptr<SonarixService::MdnsServiceIF> Create(NotifyTargetTaskIF* task, bool useBackend,
                                                           bool forceNone) override
     {
         const auto service = std::make_shared<SonarixService::MdnsService>(task, useBackend, forceNone);
         m_task = task;
-        m_made.push_back(service);
+        m_services.push_back(service);
         service->StartService();
         return service;
     }
 
     NotifyTargetTaskIF* m_task = nullptr;
-    std::vector<std::weak_ptr<SonarixService::MdnsServiceIF>> m_made;
+    std::vector<std::weak_ptr<SonarixService::MdnsServiceIF>> m_services;
 };
 
-/// The mDNS logic on a simulated task, with a faked LAN under it.
+/// The mDNS logic on a simulated task and a fake LAN.
 class MdnsServiceFixture : public testing::Test
 {
 protected:
-    /// A subscription holds the service until it is disconnected, and so does what runs.
+    /// Active subscriptions and the running service hold the service object.
     ~MdnsServiceFixture() override
     {
         for (const CallbackConnection& connection : m_connections)
@@ -85,7 +84,7 @@ protected:
     }
     void Start()
     {
-        m_service = SonarixService::MdnsServiceFactory::Create(m_task, true, false);
+        m_service = SonarixService::MdnsService::Create(m_task, true, false);
         Settle();
     }
     void Settle()

@@ -13,14 +13,13 @@ using testing::Pair;
 namespace
 {
 
-/// What the service asks of its backends stands in the faked LAN; browsing is left out.
 class MdnsServicePublishTest : public MdnsServiceFixture
 {
 protected:
-    std::vector<std::string> News()
+    std::vector<std::string> TakePublishCalls()
     {
         Settle();
-        return ::News(m_mdns);
+        return ::TakePublishCalls(m_mdns);
     }
     std::optional<bool> Update(const MDNS::Service& service)
     {
@@ -31,7 +30,7 @@ protected:
     }
 };
 
-TEST_F(MdnsServicePublishTest, TheAnnouncementHoldsTheWholeSetOfRecords)
+TEST_F(MdnsServicePublishTest, AnnouncementHoldsAllTxtRecords)
 {
     Start();
     SonarixPb::DeviceInfo info = MakeDevice("Kitchen");
@@ -52,64 +51,67 @@ TEST_F(MdnsServicePublishTest, TheAnnouncementHoldsTheWholeSetOfRecords)
                             Pair("NowPlayingVersion", "{}"), Pair("PCOLOR", "C"), Pair("PNAME", "N"),
                             Pair("PTYPE", "T"), Pair("PlaybackRequestVersion", "{}"), Pair("SWVERSION", "1.2")));
 
-    // One main record: an accessory's takes its place, under its own name and type.
+    // An accessory announcement replaces the main record.
     m_mdns.ClearCalls();
     m_service->BroadcastInitialAccessoryAnnouncement(MakeDevice("Bath"));
-    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Accessory _kova-accessory._tcp"));
+    EXPECT_THAT(TakePublishCalls(),
+                ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Accessory _kova-accessory._tcp"));
     EXPECT_THAT(m_mdns.Find("Accessory", kAccessory)->txt, ElementsAre(Pair("GUID", "g-own")));
 
-    // What is no renderer has no type: the backend refuses it.
+    // A device that is not a renderer has an empty type, which the backend rejects.
     info.set_devicetype("SERVER");
     m_service->BroadcastInitialDeviceAnnouncement(info);
-    EXPECT_THAT(News(), ElementsAre("withdraw Accessory _kova-accessory._tcp", "publish Kitchen "));
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("withdraw Accessory _kova-accessory._tcp", "publish Kitchen "));
 }
 
-TEST_F(MdnsServicePublishTest, WhatIsHandedInBeforeTheDaemonRunsFollowsTheAnnouncement)
+TEST_F(MdnsServicePublishTest, ServicesArePublishedAfterTheAnnouncement)
 {
     m_mdns.KillDaemon();
     Start();
     m_service->AddService(FakeMdns::MakeService("Z", "_z._tcp"));
-    EXPECT_EQ(Update(FakeMdns::MakeService("Own", kClock)), true) << "kept, though nothing has reached the network";
+    EXPECT_EQ(Update(FakeMdns::MakeService("Own", kClock)), true) << "stored until the daemon runs";
     m_mdns.StartDaemon();
-    EXPECT_THAT(News(), IsEmpty()) << "no main record yet";
+    EXPECT_THAT(TakePublishCalls(), IsEmpty()) << "no main record yet";
 
     m_service->BroadcastInitialDeviceAnnouncement(MakeDevice("Kitchen"));
-    EXPECT_THAT(News(), ElementsAre("publish Kitchen _kova-lanyard._tcp")) << "the others wait for the next start";
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("publish Kitchen _kova-lanyard._tcp"))
+        << "the others wait for the next running state";
     m_service->AddService(FakeMdns::MakeService("A", "_a._tcp"));
-    EXPECT_THAT(News(), ElementsAre("publish A _a._tcp")) << "once the publisher is up, an add goes out at once";
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("publish A _a._tcp")) << "published at once while the daemon runs";
 
     m_mdns.KillDaemon();
     m_mdns.StartDaemon();
-    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "withdraw A _a._tcp",
-                                    "publish Kitchen _kova-lanyard._tcp", "publish A _a._tcp",
-                                    "publish Own _kova-clock._tcp", "publish Z _z._tcp"))
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "withdraw A _a._tcp",
+                                                "publish Kitchen _kova-lanyard._tcp", "publish A _a._tcp",
+                                                "publish Own _kova-clock._tcp", "publish Z _z._tcp"))
         << "the main record first, then by type";
 
-    // A collision of host names: everything again.
+    // A host name collision: everything is published again.
     m_mdns.EnterRunningAgain();
-    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Kitchen _kova-lanyard._tcp",
-                                    "withdraw A _a._tcp", "publish A _a._tcp", "withdraw Own _kova-clock._tcp",
-                                    "publish Own _kova-clock._tcp", "withdraw Z _z._tcp", "publish Z _z._tcp"));
+    EXPECT_THAT(TakePublishCalls(),
+                ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Kitchen _kova-lanyard._tcp",
+                            "withdraw A _a._tcp", "publish A _a._tcp", "withdraw Own _kova-clock._tcp",
+                            "publish Own _kova-clock._tcp", "withdraw Z _z._tcp", "publish Z _z._tcp"));
     EXPECT_EQ(m_mdns.PublishersMade(), 2);
 }
 
-TEST_F(MdnsServicePublishTest, OneRecordForEachTypeWhichAnUpdateMayAdd)
+TEST_F(MdnsServicePublishTest, OneServicePerTypeIsPublished)
 {
     Start();
     m_service->AddService(FakeMdns::MakeService("First", "_a._tcp"));
     EXPECT_EQ(Update(FakeMdns::MakeService("New", "_b._tcp")), true);
     m_service->AddService(FakeMdns::MakeService("Second", "_a._tcp"));
-    EXPECT_THAT(News(), ElementsAre("publish First _a._tcp", "publish New _b._tcp", "withdraw First _a._tcp",
-                                    "publish Second _a._tcp"));
-    EXPECT_EQ(Update(FakeMdns::MakeService("Other", "_b._tcp")), false) << "the backend's answer as it is";
-    EXPECT_THAT(News(), ElementsAre("update Other _b._tcp"));
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("publish First _a._tcp", "publish New _b._tcp",
+                                                "withdraw First _a._tcp", "publish Second _a._tcp"));
+    EXPECT_EQ(Update(FakeMdns::MakeService("Other", "_b._tcp")), false) << "the result of the backend";
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("update Other _b._tcp"));
     m_service->RemoveService(FakeMdns::MakeService("Second", "_c._tcp"));
     m_service->RemoveService(FakeMdns::MakeService("Whatever", "_a._tcp"));
     m_service->RemoveService(FakeMdns::MakeService("Whatever", "_a._tcp"));
-    EXPECT_THAT(News(), ElementsAre("withdraw Second _a._tcp"));
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("withdraw Second _a._tcp"));
 }
 
-TEST_F(MdnsServicePublishTest, ANameThatACollisionChangedIsKept)
+TEST_F(MdnsServicePublishTest, NameChangedByACollisionIsKept)
 {
     Announce("Kitchen", kRenderer);
     Announce("Own", "_a._tcp");
@@ -121,25 +123,25 @@ TEST_F(MdnsServicePublishTest, ANameThatACollisionChangedIsKept)
     EXPECT_EQ(Update(FakeMdns::MakeService("Own #2", "_a._tcp", {{"K", "2"}})), true);
     EXPECT_EQ(m_mdns.Find("Own #2", "_a._tcp")->txt.at("K"), "2");
 
-    // An update goes to the network alone: after the daemon's return the records are those of the add.
+    // An update does not change the stored service: after a daemon restart the TXT records are those of the add.
     m_mdns.ClearCalls();
     m_mdns.KillDaemon();
     m_mdns.StartDaemon();
-    EXPECT_THAT(News(), ElementsAre("withdraw Kitchen #2 _kova-lanyard._tcp", "withdraw Own #2 _a._tcp",
-                                    "publish Kitchen #2 _kova-lanyard._tcp", "publish Own #2 _a._tcp"));
+    EXPECT_THAT(TakePublishCalls(), ElementsAre("withdraw Kitchen #2 _kova-lanyard._tcp", "withdraw Own #2 _a._tcp",
+                                                "publish Kitchen #2 _kova-lanyard._tcp", "publish Own #2 _a._tcp"));
     EXPECT_EQ(m_mdns.Find("Own #2", "_a._tcp")->txt.at("K"), "1");
 }
 
-TEST_F(MdnsServicePublishTest, TheStopWithdrawsEverythingAndWhatComesLateRevivesNothing)
+TEST_F(MdnsServicePublishTest, StopWithdrawsEverythingForGood)
 {
     Start();
     m_service->BroadcastInitialDeviceAnnouncement(MakeDevice("Kitchen"));
     m_service->AddService(FakeMdns::MakeService("Own", kClock));
     Settle();
-    m_mdns.EnterRunningAgain(); // on its way when the stop is
+    m_mdns.EnterRunningAgain(); // its callbacks are queued before the stop
     m_service->StopService();
     m_mdns.EnterRunningAgain();
-    m_mdns.KillDaemon(); // every backend asks for its replacement
+    m_mdns.KillDaemon(); // every backend calls its restart callback
     Settle();
     EXPECT_EQ(m_mdns.Find("Kitchen", kRenderer), nullptr);
     EXPECT_EQ(m_mdns.Find("Own", kClock), nullptr);

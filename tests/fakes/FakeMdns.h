@@ -1,10 +1,8 @@
 #pragma once
 
-#include "Mdns/BrowserFactory.h"
-#include "Mdns/MdnsClient.h"
-#include "Mdns/MdnsTypes.h"
-#include "Mdns/PublisherFactory.h"
-#include "Mdns/avahi/ResolveQueue.h"
+#include "Mdns/avahi/BackendFactory.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "runtime/Callback.h"
 #include "runtime/CallbackRegistry.h"
 
@@ -21,27 +19,26 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-/// A LAN with mDNS services on it and this product's mDNS daemon, in place of the real browsing and publishing
-/// backends while it lives. On one thread: under the simulated engine. Backends may outlive it.
+/// A LAN with mDNS services and the mDNS daemon of this product. Replaces the backends during its lifetime.
+/// Use it on one thread, under the simulated engine. Its backends may outlive it.
 ///
 ///     FakeMdns mdns;
-///     auto service = MdnsServiceFactory::Create(task, true, false); // three browsers and a publisher of ours
+///     auto service = MdnsService::Create(task, true, false); // uses three browsers and a publisher of `mdns`
 ///     mdns.Announce(FakeMdns::MakeService("Kitchen", "_kova-lanyard._tcp", {{"GUID", "g-1"}}));
 ///     mdns.Withdraw("Kitchen", "_kova-lanyard._tcp");
-///     mdns.KillDaemon();                    // every backend fails; those made meanwhile wait
+///     mdns.KillDaemon();                    // every backend fails; new ones wait for StartDaemon()
 ///     mdns.StartDaemon();
 ///     EXPECT_THAT(mdns.Calls(), Contains("publish Bedroom _kova-lanyard._tcp"));
 ///
-/// What is published joins the LAN, renamed with " #2" and so on where the name is taken, and is reported to browsers.
+/// A published service joins the LAN and is reported to browsers. If its name is taken, it gets the suffix " #2" etc.
+/// Handles of browses, resolves and published services end when they are dropped, as those of the real backend.
 class FakeMdns final
 {
 public:
     FakeMdns()
         : m_lan(std::make_shared<Lan>())
-        , m_factories{std::make_shared<Factory<MDNS::BrowserFactory::detail::BrowserFactoryIF, MDNS::Browser,
-                                               MDNS::BrowserFactory::SetOverride>>(m_lan, "browser"),
-                      std::make_shared<Factory<MDNS::PublisherFactory::detail::PublisherFactoryIF, MDNS::Publisher,
-                                               MDNS::PublisherFactory::SetOverride>>(m_lan, "publisher")}
+        , m_browsers(m_lan, "browser", MDNS::BrowserFactory::s_factoryOverride)
+        , m_publishers(m_lan, "publisher", MDNS::PublisherFactory::s_factoryOverride)
     {
     }
 
@@ -66,7 +63,7 @@ public:
             {interface, MDNS::Protocol::INET, name, type, "local"}, {info, Network::IpAddress::Family::STREAM}, txt};
     }
 
-    /// A neighbour's service; known already: its records change, of which browsers are not told.
+    /// Adds a service of another host. If it exists, its TXT records change, which browsers do not report.
     void Announce(const MDNS::Service& service)
     {
         m_lan->silent.erase({service.name, service.type});
@@ -76,22 +73,22 @@ public:
     {
         m_lan->Remove({name, type});
     }
-    /// A service that is known is reported once more, as from another interface.
+    /// Browsers report an existing service again, as for another network interface.
     void ReportAgain(const std::string& name, const std::string& type)
     {
         m_lan->Report(m_lan->services.at({name, type}), &Browsing::added);
     }
-    /// Its removal is reported though resolves still find it, as when one of its interfaces goes.
+    /// Browsers report the removal, but resolves still succeed, as when one of several interfaces goes down.
     void ReportGone(const std::string& name, const std::string& type)
     {
         m_lan->Report(m_lan->services.at({name, type}), &Browsing::removed);
     }
-    /// The service can't be resolved from now on, though its removal was never heard.
+    /// Resolves of the service fail from now on. Browsers report no removal.
     void FallSilent(const std::string& name, const std::string& type)
     {
         m_lan->silent.insert({name, type});
     }
-    /// Null where the LAN has none.
+    /// Returns null if the LAN has no such service.
     const MDNS::Service* Find(const std::string& name, const std::string& type) const
     {
         const auto found = m_lan->services.find({name, type});
@@ -114,7 +111,7 @@ public:
         m_lan->daemonRuns = true;
         EnterRunningAgain();
     }
-    /// The running daemon enters its running state anew, as after a collision of host names.
+    /// The daemon enters its running state again, as after a host name collision.
     void EnterRunningAgain()
     {
         for (const std::weak_ptr<Backend>& each : m_lan->backends)
@@ -125,13 +122,13 @@ public:
             }
         }
     }
-    /// Without a bus no backend can be made.
+    /// Without D-Bus no backend can be created.
     void SetHasBus(bool hasBus)
     {
         m_lan->hasBus = hasBus;
     }
 
-    /// False: resolves wait for AnswerResolves().
+    /// If false, resolves wait for AnswerResolves().
     void SetAnswersResolves(bool answers)
     {
         m_lan->answersResolves = answers;
@@ -144,19 +141,20 @@ public:
             m_lan->Answer(resolving);
         }
     }
-    /// Those that have been started, at most ResolveQueue::kMaxRunning a backend, and those cancelled since.
+    /// The waiting resolves, including cancelled ones.
     std::size_t PendingResolves() const
     {
         return m_lan->resolvings.size();
     }
-    /// True: the daemon can start no resolve.
+    /// If true, every resolve fails to start.
     void SetRefusesResolves(bool refuses)
     {
         m_lan->refusesResolves = refuses;
     }
 
-    /// What the backends were asked for, in order: "browse TYPE", "unbrowse TYPE", "resolve NAME", "publish NAME
-    /// TYPE", "withdraw NAME TYPE", "update NAME TYPE", "stop browser", "stop publisher".
+    /// The calls of all backends, in order: "browse TYPE", "unbrowse TYPE", "resolve NAME", "resolve again NAME",
+    /// "cancel resolves", "publish NAME TYPE", "withdraw NAME TYPE", "update NAME TYPE", "stop browser",
+    /// "stop publisher".
     const std::vector<std::string>& Calls() const
     {
         return m_lan->calls;
@@ -174,13 +172,13 @@ public:
         return m_lan->made["publisher"];
     }
 
-    /// For scripts that decide themselves when a resolve is answered, and that keep book of what the browsers hear.
+    /// Callbacks of a test that decides when a resolve is answered and that records removals.
     struct Script
     {
-        /// Answers; gives what was told. Null: nobody waits any more, or the service was not seen.
+        /// Answers the resolve and returns the service. Null: the resolve was cancelled or has failed.
         using Answer = std::function<const MDNS::Service*()>;
-        std::function<void(const MDNS::ServiceId&, const Answer&)> resolving; ///< in place of an answer at once
-        std::function<void(const MDNS::ServiceId&)> removed;                  ///< to a browser of ours
+        std::function<void(const MDNS::ServiceId&, const Answer&)> resolving; ///< called instead of an immediate answer
+        std::function<void(const MDNS::ServiceId&)> removed;                  ///< after a browser has reported it
     };
     void SetScript(const Script& script)
     {
@@ -201,10 +199,10 @@ private:
     struct Resolving
     {
         MDNS::ServiceId id;
-        std::shared_ptr<CallbackRegistry<std::string, MDNS::Service>> resolved; ///< cancelled: of nobody
+        std::shared_ptr<CallbackRegistry<std::string, MDNS::Service>> resolved; ///< cancelled: no subscriber
     };
 
-    /// In force until it is disconnected, which calls `end`.
+    /// Calls `end` when it is disconnected or dropped.
     class Connection final : public CallbackConnectionIF
     {
     public:
@@ -212,6 +210,12 @@ private:
             : m_end(std::move(end))
         {
         }
+        ~Connection() override
+        {
+            Connection::Disconnect();
+        }
+        Connection(const Connection&) = delete;
+        Connection& operator=(const Connection&) = delete;
         bool IsConnected() const override
         {
             return m_end != nullptr;
@@ -236,7 +240,7 @@ private:
     {
         std::map<Key, MDNS::Service> services;
         std::set<Key> silent;
-        std::list<std::weak_ptr<Backend>> backends; ///< with the daemon that runs, or waiting for one
+        std::list<std::weak_ptr<Backend>> backends; ///< connected to the daemon or waiting for it
         std::list<Browsing> browsings;
         std::list<Resolving> resolvings;
         std::vector<std::string> calls;
@@ -281,11 +285,12 @@ private:
             const bool isSeen = services.contains(key) && !silent.contains(key);
             resolving.resolved->Send(isSeen ? "host.local" : MDNS::kNotSeen,
                                      isSeen ? services.at(key) : MDNS::Service{resolving.id, {}, {}}, {});
+            resolving.resolved->DisconnectAll();
             return isSeen ? &services.at(key) : nullptr;
         }
     };
 
-    /// Either kind: it is told of the daemon until its Stop().
+    /// A browsing or publishing backend. The daemon's state reaches it until its Stop().
     class Backend final : public MDNS::Browser, public MDNS::Publisher, public std::enable_shared_from_this<Backend>
     {
     public:
@@ -299,7 +304,7 @@ private:
         void Stop() override
         {
             m_lan->calls.push_back("stop " + m_name);
-            m_resolves.CancelAll();
+            DisconnectResolves();
             connected.Clear();
             restart.Clear();
         }
@@ -324,15 +329,16 @@ private:
         }
         CallbackConnection Resolve(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved) override
         {
-            return Queue(std::move(id), std::move(resolved), MDNS::ResolveQueue::Order::FIRST);
+            return Start("resolve ", id, resolved);
         }
         CallbackConnection ResolveAgain(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved) override
         {
-            return Queue(std::move(id), std::move(resolved), MDNS::ResolveQueue::Order::AGAIN);
+            return Start("resolve again ", id, resolved);
         }
         void CancelResolves() override
         {
-            m_resolves.CancelAll();
+            m_lan->calls.emplace_back("cancel resolves");
+            DisconnectResolves();
         }
         CallbackConnection PublishService(const MDNS::Service& s, Callback<MDNS::Service> published) override
         {
@@ -367,10 +373,10 @@ private:
             return isKnown;
         }
 
-        /// The daemon has gone: nothing that was asked for is answered any more.
+        /// The daemon has ended: no resolve is answered any more.
         void Fail()
         {
-            m_resolves.CancelAll();
+            DisconnectResolves();
             restart();
         }
 
@@ -378,36 +384,33 @@ private:
         Callback<> restart;
 
     private:
-        CallbackConnection Queue(MDNS::ServiceId id, Callback<std::string, MDNS::Service> resolved,
-                                 MDNS::ResolveQueue::Order order)
+        using ResolvedRegistry = CallbackRegistry<std::string, MDNS::Service>;
+
+        void DisconnectResolves()
         {
-            const auto ask = m_resolves.Add(std::move(id), std::move(resolved), order);
-            if (!ask)
+            for (const std::weak_ptr<ResolvedRegistry>& each : std::exchange(m_resolves, {}))
             {
-                return {};
-            }
-            return Until( // also after the answer
-                [weak = weak_from_this(), ask]
+                if (const std::shared_ptr<ResolvedRegistry> resolved = each.lock())
                 {
-                    if (const std::shared_ptr<Backend> backend = weak.lock())
-                    {
-                        backend->m_resolves.Cancel(ask);
-                    }
-                });
+                    resolved->DisconnectAll();
+                }
+            }
         }
-        CallbackConnection Start(const MDNS::ResolveQueue::AskPtr& ask)
+        CallbackConnection Start(const std::string& call, const MDNS::ServiceId& id,
+                                 const Callback<std::string, MDNS::Service>& callback)
         {
-            m_lan->calls.push_back("resolve " + ask->id.name);
+            m_lan->calls.push_back(call + id.name);
             if (m_lan->refusesResolves)
             {
                 return {};
             }
-            const Resolving resolving{ask->id, std::make_shared<CallbackRegistry<std::string, MDNS::Service>>()};
-            const CallbackConnection connection = resolving.resolved->Connect(
-                [this, ask](const std::string& host, const MDNS::Service& s) { m_resolves.Answer(ask, host, s); });
+            const Resolving resolving{id, std::make_shared<ResolvedRegistry>()};
+            const CallbackConnection connection = resolving.resolved->Connect(callback);
+            std::erase_if(m_resolves, [](const std::weak_ptr<ResolvedRegistry>& each) { return each.expired(); });
+            m_resolves.push_back(resolving.resolved);
             if (m_lan->script.resolving)
             {
-                m_lan->script.resolving(ask->id, [lan = m_lan.get(), resolving, connection]
+                m_lan->script.resolving(id, [lan = m_lan.get(), resolving, connection]
                                         { return connection.IsConnected() ? lan->Answer(resolving) : nullptr; });
             }
             else if (m_lan->answersResolves)
@@ -418,29 +421,34 @@ private:
             {
                 m_lan->resolvings.push_back(resolving);
             }
-            return connection;
+            return Until([connection] { connection.Disconnect(); });
         }
 
         const std::shared_ptr<Lan> m_lan;
         const std::string m_name;
-        MDNS::ResolveQueue m_resolves{[this](const MDNS::ResolveQueue::AskPtr& ask) { return Start(ask); }};
+        std::vector<std::weak_ptr<ResolvedRegistry>> m_resolves;
     };
 
-    /// Takes the place of one of the two factories while it lives.
-    template <class FactoryIF, class Made, void (*SetOverride)(FactoryIF*)>
-    class Factory final : public FactoryIF
+    /// Replaces one of the two factories during its lifetime.
+    template <class Made>
+    class Factory final : public MDNS::detail::BackendFactoryIF<Made>
     {
     public:
-        Factory(std::shared_ptr<Lan> lan, std::string name)
+        using Override = FactoryOverride<MDNS::detail::BackendFactoryIF<Made>*>;
+
+        Factory(std::shared_ptr<Lan> lan, std::string name, Override& factoryOverride)
             : m_lan(std::move(lan))
             , m_name(std::move(name))
+            , m_override(factoryOverride)
         {
-            SetOverride(this);
+            m_override.Set(this);
         }
         ~Factory() override
         {
-            SetOverride(nullptr);
+            m_override.Set(nullptr);
         }
+        Factory(const Factory&) = delete;
+        Factory& operator=(const Factory&) = delete;
         std::shared_ptr<Made> Create(bool, bool, Callback<> connected, Callback<> restart) override
         {
             ++m_lan->made[m_name];
@@ -460,8 +468,10 @@ private:
     private:
         const std::shared_ptr<Lan> m_lan;
         const std::string m_name;
+        Override& m_override;
     };
 
     const std::shared_ptr<Lan> m_lan;
-    const std::vector<std::shared_ptr<void>> m_factories;
+    const Factory<MDNS::Browser> m_browsers;
+    const Factory<MDNS::Publisher> m_publishers;
 };

@@ -25,8 +25,8 @@ protected:
     {
         using namespace SonarixService;
         s_fixture = this;
-        MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
-                                                  { return s_fixture->m_mdns; });
+        MdnsDiscoveryProtocol::s_factoryOverride.Set([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
+                                                     { return s_fixture->m_mdns; });
         SsdpDiscoveryProtocol::s_factoryOverride.Set([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
                                                      { return s_fixture->m_ssdp; });
         DiscoveryServiceIPCServer::s_factoryOverride.Set([](const auto&) -> std::shared_ptr<DiscoveryServiceIPCServerIF>
@@ -43,7 +43,7 @@ protected:
     ~ControllerFixture() override
     {
         using namespace SonarixService;
-        MdnsDiscoveryProtocol::SetFactoryOverride(nullptr);
+        MdnsDiscoveryProtocol::s_factoryOverride.Set(nullptr);
         SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
         DiscoveryServiceIPCServer::s_factoryOverride.Set(nullptr);
         DiscoveryServiceAggregator::s_factoryOverride.Set(nullptr);

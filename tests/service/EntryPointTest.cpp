@@ -49,7 +49,7 @@ TEST(EntryPointTest, ExceptionIsLoggedAndExitSkipsDestructors)
             []
             {
                 static FakePortico s_portico;
-                MdnsDiscoveryProtocol::SetFactoryOverride(
+                MdnsDiscoveryProtocol::s_factoryOverride.Set(
                     []() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
                     {
                         if (s_constructorThrows)

@@ -57,8 +57,8 @@ TEST(StartWithRealTasksTest, ChildPostedDuringTheStartIsNotified)
             setenv("SONARIX_PRODUCT_CONFIG", "/nonexistent/config.json", 1);
             setenv("SONARIX_ETC_DIR", "/nonexistent/", 1);
             setenv("SONARIX_RUN_DIR", "/nonexistent", 1);
-            MdnsDiscoveryProtocol::SetFactoryOverride([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
-                                                      { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
+            MdnsDiscoveryProtocol::s_factoryOverride.Set([]() -> std::shared_ptr<MdnsDiscoveryProtocolIF>
+                                                         { return std::make_shared<FakeMdnsDiscoveryProtocol>(); });
             SsdpDiscoveryProtocol::s_factoryOverride.Set([]() -> std::shared_ptr<SsdpDiscoveryProtocolIF>
                                                          { return nullptr; });
             DiscoveryServiceIPCServer::s_factoryOverride.Set(

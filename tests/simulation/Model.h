@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsTypes.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "schemas/SXCommon.pb.h"
 
 #include <cstddef>

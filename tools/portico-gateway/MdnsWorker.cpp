@@ -1,7 +1,7 @@
 #include "tools/portico-gateway/MdnsWorker.h"
 
-#include "Mdns/BrowserFactory.h"
-#include "Mdns/MdnsClient.h"
+#include "Mdns/avahi/BackendFactory.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/Liveness.h"
 #include "runtime/MonotonicClock.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsTypes.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "runtime/CallbackConnection.h"
 #include "runtime/Timers.h"
 #include "tools/portico-gateway/MdnsLookup.h"

@@ -1,8 +1,9 @@
-#include "Mdns/SecondLook.h"
+// AvahiImpl: browsing.
 #include "Mdns/avahi/AvahiCallbackAdapter.h"
 #include "Mdns/avahi/AvahiConvert.h"
 #include "Mdns/avahi/AvahiErrorLine.h"
 #include "Mdns/avahi/AvahiImpl.h"
+#include "Mdns/avahi/BrowseRepeat.h"
 #include "Mdns/avahi/CleanupConnection.h"
 #include "runtime/MonotonicClock.h"
 
@@ -28,8 +29,8 @@ const DPrint s_log("mDNS");
 
 } // namespace
 
-/// One browse: a browser of Avahi and, where SecondLook wants it, the one that follows. All under the poll's lock.
-/// Holds the instance until the end, and what calls back from Avahi holds this.
+/// One browse: an Avahi browser and, if BrowseRepeat requires it, a second one. Every call holds the poll's lock.
+/// Holds the instance; the adapters of its Avahi callbacks hold this object until End().
 class AvahiImpl::Browsing final : public std::enable_shared_from_this<Browsing>
 {
 public:
@@ -43,12 +44,14 @@ public:
 
     bool Start()
     {
-        m_look.Begin(MonotonicClock::NowMs());
+        m_impl->m_pollThread.CheckLocked(__func__);
+        m_repeat.Begin(MonotonicClock::NowMs());
         return StartBrowser();
     }
 
     void End()
     {
+        m_impl->m_pollThread.CheckLocked(__func__);
         m_isEnded = true;
         EndTimer();
         EndBrowser();
@@ -97,26 +100,26 @@ private:
         switch (event)
         {
         case AVAHI_BROWSER_NEW:
-            if (m_look.IsNews(id))
+            if (m_repeat.Add(id))
             {
                 StartTimer();
                 Added(id);
             }
             break;
         case AVAHI_BROWSER_REMOVE:
-            if (m_look.IsTold(id))
+            if (m_repeat.Remove(id))
             {
                 Removed(id);
             }
             break;
         case AVAHI_BROWSER_CACHE_EXHAUSTED:
             DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "CACHE EXHAUSTED");
-            TellChanges();
+            ReportChanges();
             break;
         case AVAHI_BROWSER_ALL_FOR_NOW:
             DPRINTF(s_log, DPrint::LEVEL_VERBOSE, "All for now");
-            TellChanges();
-            m_look.AllForNow();
+            ReportChanges();
+            m_repeat.AllForNow();
             break;
         case AVAHI_BROWSER_FAILURE:
             AVAHI_ERROR_LINE(s_log, "BrowseResult", avahi_client_errno(m_impl->m_client));
@@ -145,35 +148,35 @@ private:
         return m_isEnded || m_impl->m_stopped;
     }
 
-    /// Whom this calls may end the browse or stop the instance, and hears no more then.
-    void TellChanges()
+    /// A called Callback may end the browse or stop the instance. Then the rest is not reported.
+    void ReportChanges()
     {
-        const auto [gone, come] = m_look.TakeChanges();
-        for (auto id = gone.begin(); id != gone.end() && !IsEnded(); ++id)
+        const auto [removed, added] = m_repeat.TakeChanges();
+        for (auto id = removed.begin(); id != removed.end() && !IsEnded(); ++id)
         {
             Removed(*id);
         }
-        for (auto id = come.begin(); id != come.end() && !IsEnded(); ++id)
+        for (auto id = added.begin(); id != added.end() && !IsEnded(); ++id)
         {
             Added(*id);
         }
     }
 
-    /// By the kernel's own monotonic clock: Avahi's timers follow the wall clock, which is often set just after a
-    /// product's start, and set back it would leave the browse ended for as long. Only on the poll thread: Avahi
-    /// asserts where another one adds a watch while it polls.
+    /// Uses a timerfd with the monotonic clock. Avahi's timers use the wall clock, which is often set soon after a
+    /// product starts; if it were set back, the browse would stay ended for that time. Runs on the poll thread only:
+    /// Avahi asserts if another thread adds a watch while it polls.
     void StartTimer()
     {
-        if (m_timer >= 0 || !m_look.NextMs())
+        if (m_timer >= 0 || !m_repeat.NextMs())
         {
             return;
         }
         m_timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
         if (m_timer < 0)
         {
-            DPRINTF(s_log, DPrint::LEVEL_WARNING, "no timer to look twice for %s: %s", m_type.c_str(),
+            DPRINTF(s_log, DPrint::LEVEL_WARNING, "no timer to repeat the browse of %s: %s", m_type.c_str(),
                     std::strerror(errno));
-            m_look = {};
+            m_repeat = {};
             return;
         }
         SetTimer();
@@ -188,7 +191,7 @@ private:
 
     void SetTimer() const
     {
-        const std::int64_t pause = std::max<std::int64_t>(*m_look.NextMs() - MonotonicClock::NowMs(), 1);
+        const std::int64_t pause = std::max<std::int64_t>(*m_repeat.NextMs() - MonotonicClock::NowMs(), 1);
         itimerspec time{};
         time.it_value.tv_sec = static_cast<time_t>(pause / 1000);
         time.it_value.tv_nsec = static_cast<long>(pause % 1000 * 1000000);
@@ -211,26 +214,26 @@ private:
     void TimerDue()
     {
         m_impl->m_pollThread.InCallback();
-        if (m_impl->m_hasFailed) // whoever asked will be told, or has been
+        if (m_impl->m_hasFailed) // the owner replaces this instance
         {
             EndTimer();
             return;
         }
-        switch (m_look.Due(MonotonicClock::NowMs()))
+        switch (m_repeat.Due(MonotonicClock::NowMs()))
         {
-        case SecondLook::Step::END_BROWSE:
+        case BrowseRepeat::Step::END_BROWSE:
             EndBrowser();
             SetTimer();
-            DPRINTF(s_log, DPrint::LEVEL_INFO, "many %s answer at once: they are asked twice", m_type.c_str());
+            DPRINTF(s_log, DPrint::LEVEL_INFO, "many %s answer at once: the browse is repeated", m_type.c_str());
             break;
-        case SecondLook::Step::BROWSE:
+        case BrowseRepeat::Step::BROWSE:
             EndTimer();
             if (!StartBrowser())
             {
                 m_impl->Fail();
             }
             break;
-        case SecondLook::Step::NOTHING:
+        case BrowseRepeat::Step::NOTHING:
             EndTimer();
             break;
         }
@@ -240,10 +243,10 @@ private:
     const std::string m_type;
     const Callback<ServiceId> m_added;
     const Callback<ServiceId> m_removed;
-    AvahiServiceBrowser* m_browser = nullptr; ///< null between the two
-    CallbackConnection m_browserConnection;   ///< the adapter that carries its events
-    SecondLook m_look;
-    int m_timer = -1; ///< of the look; closed when there is nothing to wait for
+    AvahiServiceBrowser* m_browser = nullptr; ///< null between the first and the second browser
+    CallbackConnection m_browserConnection;   ///< the adapter of the browser callback
+    BrowseRepeat m_repeat;
+    int m_timer = -1; ///< a timerfd; -1 if m_repeat waits for nothing
     AvahiWatch* m_watch = nullptr;
     CallbackConnection m_watchConnection;
     bool m_isEnded = false;
@@ -251,7 +254,7 @@ private:
 
 CallbackConnection AvahiImpl::Browse(std::string type, Callback<ServiceId> added, Callback<ServiceId> removed)
 {
-    if (!IsText({-1, Protocol::UNSPEC, {}, type, {}}))
+    if (!IsUtf8({-1, Protocol::UNSPEC, {}, type, {}}))
     {
         AVAHI_ERROR_LINE(s_log, "avahi_service_browser_new", AVAHI_ERR_INVALID_SERVICE_TYPE);
         return {};

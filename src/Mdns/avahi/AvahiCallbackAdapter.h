@@ -8,30 +8,30 @@
 #include <type_traits>
 #include <utility>
 
-/// Turns a C callback with a `void*` of user data into a std::function. From the C signature the templates find
-/// the position N of the user data and make one static function of exactly that signature and one object, whose
-/// address is the user data. The object is the CallbackConnection: disconnected, it drops the function.
+/// Adapts a C callback with a `void*` user data parameter to a std::function. The templates find the position N of the
+/// user data in the C signature. They create a static function with that signature, and an object whose address is the
+/// user data. The object is a CallbackConnection; disconnecting it destroys the std::function.
 ///
 ///     auto [browser, connection] = detail::AdapterOf<AvahiServiceBrowserCallback>::Create(
 ///         function, [&](AvahiServiceBrowserCallback callback, void* data) {
 ///             return avahi_service_browser_new(client, ..., callback, data);
 ///         });
 ///
-/// Not synchronised: calls, Disconnect() and IsConnected() are all under the lock of the poll that calls back, or
-/// after its thread's end. The owner frees the C object before it disconnects, so that no call finds a dead object.
+/// Task: not synchronised. Callbacks, Disconnect() and IsConnected() all happen under the lock of the poll, or after
+/// its thread has ended. The owner frees the C object before it disconnects, so no callback uses a destroyed object.
 namespace MDNS::detail
 {
 
-/// Logs at level 1 what a callback has thrown: nothing may pass through the C library's frames.
+/// Logs the current exception at level 1. An exception must not pass through stack frames of the C library.
 void LogThrownByCallback() noexcept;
 
-/// Carries the parameters in front of the user data while the rest is looked through.
+/// Holds the parameters in front of the user data during the search for it.
 template <class... Args>
 struct PlaceHolder
 {
 };
 
-/// The function that a C callback of type `Callback` reaches; `Args` are its parameters but the user data.
+/// Holds the std::function for a C callback of type `Callback`. `Args` are its parameters without the user data.
 template <class Callback, class... Args>
 class ConnectionImplBase : public CallbackConnectionIF,
                            public std::enable_shared_from_this<ConnectionImplBase<Callback, Args...>>
@@ -54,12 +54,12 @@ public:
         const std::shared_ptr<Function> function = std::exchange(m_function, nullptr);
     }
 
-    /// One event of the C library.
+    /// Called for each event of the C library.
     static void Dispatch(void* userData, Args... args) noexcept
     {
         try
         {
-            // Neither the object nor the function dies during the call, even if what is called disconnects it.
+            // Keeps the object and the function until the call returns, even if the call disconnects it.
             const std::shared_ptr<ConnectionImplBase> self =
                 static_cast<ConnectionImplBase*>(userData)->shared_from_this();
             const std::shared_ptr<Function> function = self->m_function;
@@ -78,7 +78,7 @@ private:
     std::shared_ptr<Function> m_function;
 };
 
-/// Makes the static function: carries N parameters in front of the user data, leaves the rest behind it.
+/// Provides the static function: N parameters, the user data, the other parameters.
 template <class Base, std::size_t N, class Carried, class... Rest>
 struct ConnectionImplRotatorWithCarry;
 
@@ -97,7 +97,7 @@ struct ConnectionImplRotatorWithCarry<Base, 0, PlaceHolder<Before...>, After...>
     }
 };
 
-/// The adapter for a C callback of type `Callback` with its user data at position N.
+/// The adapter for a C callback of type `Callback` whose user data is at position N.
 template <class Callback, class UserData, std::size_t N, class... Args>
 class ConnectionImpl final : public ConnectionImplBase<Callback, Args...>
 {
@@ -107,7 +107,7 @@ public:
     using Base = ConnectionImplBase<Callback, Args...>;
     using ConnectionImplBase<Callback, Args...>::ConnectionImplBase;
 
-    /// Makes the object and calls `construct(static function, user data)`. Gives what that returns, and the
+    /// Creates the object and calls `construct(static function, user data)`. Returns the result of that call and the
     /// connection to the object.
     template <class Construct>
     static std::pair<std::invoke_result_t<Construct, Callback, void*>, CallbackConnection>
@@ -120,7 +120,7 @@ public:
     }
 };
 
-/// The position of the user data among the parameters.
+/// The position of the user data in the parameter list.
 template <class First, class... Rest>
 struct ConnectionImplIndexer
 {
@@ -133,7 +133,7 @@ struct ConnectionImplIndexer<void*, Rest...>
     static constexpr std::size_t value = 0;
 };
 
-/// Takes the user data out of the parameter list.
+/// Removes the user data from the parameter list.
 template <class Callback, std::size_t N, class Carried, class... Rest>
 struct ConnectionImplRotator;
 

@@ -26,12 +26,12 @@ proto_cvtr::operator Protocol() const
     }
 }
 
-bool IsText(const ServiceId& id)
+bool IsUtf8(const ServiceId& id)
 {
     return Utf8::IsValid(id.name) && Utf8::IsValid(id.type) && Utf8::IsValid(id.domain);
 }
 
-AvahiProtocol ToAvahi(Protocol protocol)
+AvahiProtocol AvahiFromProtocol(Protocol protocol)
 {
     switch (protocol)
     {
@@ -44,7 +44,7 @@ AvahiProtocol ToAvahi(Protocol protocol)
     }
 }
 
-Network::AddrInfo ToAddrInfo(const AvahiAddress* address, std::uint16_t port)
+Network::AddrInfo AddrInfoFromAvahi(const AvahiAddress* address, std::uint16_t port)
 {
     if (address == nullptr)
     {
@@ -57,7 +57,7 @@ Network::AddrInfo ToAddrInfo(const AvahiAddress* address, std::uint16_t port)
         sockaddr_in in{};
         in.sin_family = AF_INET;
         in.sin_port = htons(port);
-        in.sin_addr.s_addr = address->data.ipv4.address; // network byte order in both
+        in.sin_addr.s_addr = address->data.ipv4.address; // both in network byte order
         return Network::AddrInfo(reinterpret_cast<const sockaddr*>(&in), sizeof in);
     }
     case AF_INET6:
@@ -75,7 +75,7 @@ Network::AddrInfo ToAddrInfo(const AvahiAddress* address, std::uint16_t port)
     }
 }
 
-std::map<std::string, std::string> ToTxtMap(const AvahiStringList* list)
+std::map<std::string, std::string> TxtFromStringList(const AvahiStringList* list)
 {
     std::map<std::string, std::string> txt;
     for (; list != nullptr; list = list->next)
@@ -87,11 +87,11 @@ std::map<std::string, std::string> ToTxtMap(const AvahiStringList* list)
     return txt;
 }
 
-StringList ToStringList(const std::map<std::string, std::string>& txt)
+StringList StringListFromTxt(const std::map<std::string, std::string>& txt)
 {
     if (txt.empty())
     {
-        return StringList(nullptr); // the library's empty list; from an empty array it makes none, but aborts
+        return StringList(nullptr); // avahi_string_list_new_from_array() aborts on an empty array
     }
     std::vector<std::string> items;
     items.reserve(txt.size());
@@ -108,9 +108,9 @@ StringList ToStringList(const std::map<std::string, std::string>& txt)
     return StringList(avahi_string_list_new_from_array(pointers.data(), static_cast<int>(pointers.size())));
 }
 
-Network::IpAddress::Family FamilyOfType(const std::string& type)
+Network::IpAddress::Family FamilyFromType(const std::string& type)
 {
-    std::array<char, 64> label{}; // the longest label, with its end
+    std::array<char, 64> label{}; // 63 characters (RFC 1035) and the terminating null
     const char* rest = type.c_str();
     avahi_unescape_label(&rest, label.data(), label.size());
     label[0] = '\0';

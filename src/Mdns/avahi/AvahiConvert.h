@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsTypes.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "runtime/Network.h"
 
 #include <avahi-common/address.h>
@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-/// Avahi's values and ours. Stateless, safe from any thread.
+/// Conversions between the types of Avahi and of MDNS. Stateless, safe from any thread.
 namespace MDNS
 {
 
@@ -24,7 +24,7 @@ struct StringListFree
 };
 using StringList = std::unique_ptr<AvahiStringList, StringListFree>;
 
-/// Converts by itself into what it wraps, so that it can stand in a callback's parameter list.
+/// Converts an AvahiProtocol implicitly, for use in the parameter list of a callback.
 class proto_cvtr
 {
 public:
@@ -38,7 +38,7 @@ private:
     AvahiProtocol m_protocol;
 };
 
-/// A string that Avahi may leave null, as it does on the events that are about no service: then "".
+/// Converts a C string implicitly; null becomes "". Avahi passes null names with events that concern no service.
 class nullable_str
 {
 public:
@@ -55,22 +55,22 @@ private:
     const char* m_text;
 };
 
-AvahiProtocol ToAvahi(Protocol protocol);
+AvahiProtocol AvahiFromProtocol(Protocol protocol);
 
-/// True where all texts of the id are UTF-8. Others must not reach the library: its bus aborts the process on them.
-bool IsText(const ServiceId& id);
+/// True if all texts of the id are UTF-8. Other texts must not be passed to Avahi: libdbus aborts the process.
+bool IsUtf8(const ServiceId& id);
 
-/// `port` in host byte order. A null `address` gives an empty host and port 0.
-Network::AddrInfo ToAddrInfo(const AvahiAddress* address, std::uint16_t port);
+/// `port` is in host byte order. A null `address` gives an empty host and port 0.
+Network::AddrInfo AddrInfoFromAvahi(const AvahiAddress* address, std::uint16_t port);
 
-/// The TXT items: split at the first "="; one without is a key with an empty value; of a key given twice the last
-/// value counts. The bytes are a neighbour's: nothing is said about their content.
-std::map<std::string, std::string> ToTxtMap(const AvahiStringList* list);
+/// Splits each TXT item at the first "=". An item without "=" is a key with an empty value. If a key occurs twice, the
+/// last value is kept. Keys and values come from the network unchecked: they may hold any bytes.
+std::map<std::string, std::string> TxtFromStringList(const AvahiStringList* list);
 
-/// The items `key=value`. Empty for no items (which is a legal list).
-StringList ToStringList(const std::map<std::string, std::string>& txt);
+/// A list of `key=value` items. Null if there are none; Avahi accepts that as an empty list.
+StringList StringListFromTxt(const std::map<std::string, std::string>& txt);
 
-/// The transport in the second label of a service type: a stream for "_tcp", else datagrams.
-Network::IpAddress::Family FamilyOfType(const std::string& type);
+/// STREAM if the second label of the service type is "_tcp", otherwise DATAGRAM.
+Network::IpAddress::Family FamilyFromType(const std::string& type);
 
 } // namespace MDNS

@@ -20,12 +20,12 @@ namespace
 
 const DPrint s_log("mDNS");
 
-/// Not on the poll thread. Ends the thread where it was only told to quit: only then is the client free for all.
+/// Must not run on the poll thread. Joins that thread before it frees the client.
 void Free(AvahiThreadedPoll* poll, AvahiClient* client)
 {
     if (poll != nullptr)
     {
-        avahi_threaded_poll_stop(poll); // negative where it has ended already
+        avahi_threaded_poll_stop(poll); // returns a negative value if the thread has ended
     }
     if (client != nullptr)
     {
@@ -92,8 +92,8 @@ AvahiImpl::~AvahiImpl()
 {
     if (m_pollThread.IsCurrent())
     {
-        // The last reference has gone inside a callback. The poll can't be freed on its own thread; the client's
-        // adapter lives until the client has gone.
+        // A callback has released the last reference. A poll cannot be freed on its own thread. The adapter of the
+        // client callback must outlive the client.
         try
         {
             std::thread([poll = m_poll, client = m_client, adapter = m_clientConnection] { Free(poll, client); })
@@ -119,8 +119,7 @@ bool AvahiImpl::Start()
 
     int error = 0;
     {
-        // Not for the lock's sake, since the poll stands still: it tells callbacks from within the call from those
-        // of the poll thread.
+        // The poll is not running yet. The Lock marks callbacks inside avahi_client_new() as not on the poll thread.
         const AvahiPollThread::Lock lock(m_pollThread, m_poll);
         auto [client, connection] = detail::AdapterOf<AvahiClientCallback>::Create(
             [self = shared_from_this()](AvahiClient* sender, AvahiClientState state)
@@ -170,7 +169,7 @@ void AvahiImpl::ClientStatus(AvahiClient* client, int state)
         break;
     case AVAHI_CLIENT_FAILURE:
         AVAHI_ERROR_LINE(s_log, "ClientStatus", avahi_client_errno(client));
-        m_resolves.CancelAll(); // or each end of one would start another that can only fail
+        m_resolves.CancelAll(); // before Fail(): ending them one by one would start others, which can only fail
         Fail();
         break;
     case AVAHI_CLIENT_CONNECTING:
@@ -183,6 +182,7 @@ void AvahiImpl::ClientStatus(AvahiClient* client, int state)
 
 void AvahiImpl::Fail()
 {
+    m_pollThread.CheckLocked(__func__);
     m_hasFailed = true;
     m_restart();
 }

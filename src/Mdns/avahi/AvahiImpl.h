@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Mdns/MdnsClient.h"
 #include "Mdns/avahi/AvahiPollThread.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 #include "Mdns/avahi/ResolveQueue.h"
 
 #include <atomic>
@@ -17,20 +17,20 @@ struct AvahiThreadedPoll;
 namespace MDNS
 {
 
-/// Browses and publishes through the mDNS daemon: one Avahi client on a poll thread of its own.
-/// Task: operations and the disconnecting of connections on the caller's task; callbacks on the poll thread, where
-/// they check, copy and call on, and start what waited for them: the next resolve, a second browser. Callers pass
-/// AsyncCallbacks, so that nothing of theirs runs there. Owner: whoever called Create(). Stop(), or the release of the
-/// owner's last pointer, ends it. Never reconnects by itself: a failure is reported once through `restart`, and the
-/// owner makes a new instance. A browser that is told of very many in its first moments is followed by a second one,
-/// unseen (SecondLook). A missing daemon is no failure but a wait: the client sleeps on D-Bus until the daemon's name
-/// appears, and costs nothing meanwhile.
+/// Browses and publishes through the mDNS daemon: one Avahi client with its own poll thread.
+/// Task: operations run on the caller's task, and so does the end of connections. Callbacks run on the poll thread.
+/// They validate, copy and call the given Callback; they also start the next waiting resolve or a repeated browse.
+/// Callers pass AsyncCallbacks, so no code of theirs runs on the poll thread. Debug builds check the poll's lock.
+/// Owner: the caller of Create(). Stop() ends the instance, and so does the release of the owner's last pointer.
+/// Never reconnects: it reports a failure once through `restart`, and the owner creates a new instance. A missing
+/// daemon is no failure: the client waits on D-Bus until the daemon's name appears, without any wake-up.
+/// If a browse finds many services at once, it is repeated internally (BrowseRepeat).
 ///
-/// Design: the adapter of the client's callbacks holds the instance until Stop(), and each browser, resolver and
-/// group holds it until it ends, so that no event finds a dead instance. Avahi's poll lock is the only
-/// lock, held around everything that touches Avahi's objects, m_resolves or m_groups (AvahiPollThread).
-/// A resolver is freed with its one answer, on the poll thread; the daemon answers for each within 5 s, with a failure
-/// where nobody else does, so that no place in m_resolves is held for ever. What fails or is stopped calls no more.
+/// Design: the adapter of the client callback holds the instance until Stop(). Each browser, resolver and group holds
+/// it until its own end, so no event reaches a destroyed instance. Avahi's poll lock is the only lock; it protects all
+/// Avahi objects, m_resolves and m_groups (AvahiPollThread). A resolver is freed on the poll thread when its result
+/// arrives. The daemon reports a failure after 5 s without a response, so every request in m_resolves ends.
+/// A failed or stopped instance invokes no callback.
 class AvahiImpl final : public Browser, public Publisher, public std::enable_shared_from_this<AvahiImpl>
 {
     struct Key
@@ -38,7 +38,7 @@ class AvahiImpl final : public Browser, public Publisher, public std::enable_sha
     };
 
 public:
-    /// Makes the instance and starts it. Empty where the poll or the D-Bus connection cannot be made.
+    /// Creates and starts an instance. Returns null if the poll or the D-Bus connection cannot be created.
     static std::shared_ptr<AvahiImpl> Create(Callback<> connected, Callback<> restart);
 
     AvahiImpl(Key, Callback<> connected, Callback<> restart);
@@ -55,35 +55,34 @@ public:
     void Stop() override;
 
 private:
-    /// What Create() hands out points here: with its end the instance is stopped, whoever forgot to.
+    /// Create() returns a pointer that shares this object. Its destructor stops the instance.
     struct Owner;
     class Browsing;
 
     bool Start();
     void ClientStatus(AvahiClient* client, int state);
-    /// With the poll's lock held.
     void Fail();
-    CallbackConnection QueueResolve(ServiceId id, Callback<std::string, Service> resolved, ResolveQueue::Order order);
-    /// With the poll's lock held.
-    CallbackConnection StartResolver(const ResolveQueue::AskPtr& ask);
-    void ResolveResult(const ResolveQueue::AskPtr& ask, AvahiServiceResolver* resolver, int event,
+    CallbackConnection QueueResolve(ServiceId id, Callback<std::string, Service> resolved,
+                                    ResolveQueue::Attempt attempt);
+    CallbackConnection StartResolver(const ResolveQueue::RequestPtr& request);
+    void ResolveResult(const ResolveQueue::RequestPtr& request, AvahiServiceResolver* resolver, int event,
                        const std::string& host, const Network::AddrInfo& address, Service service);
     void PublishResult(Service& service, const Callback<Service>& published, AvahiEntryGroup* group, int state);
 
-    /// With the poll's lock held. Renames `service` until the name is free on this host.
+    /// Renames `service` until its name is free on this host.
     bool AddToGroup(Service& service, AvahiEntryGroup* group);
-    /// With the poll's lock held. Forgets the group under all its names. The result is that of Avahi.
+    /// Removes the group from m_groups and frees it. Returns the result of Avahi.
     int FreeGroup(AvahiEntryGroup* group);
 
     AvahiThreadedPoll* m_poll = nullptr;
-    AvahiClient* m_client = nullptr;                  ///< null until avahi_client_new has returned
-    CallbackConnection m_clientConnection;            ///< the adapter that carries client state callbacks
-    Callback<> m_connected;                           ///< at each entry into the running state
-    Callback<> m_restart;                             ///< at each failure that needs a new instance
+    AvahiClient* m_client = nullptr;                  ///< null until avahi_client_new() returns
+    CallbackConnection m_clientConnection;            ///< the adapter of the client state callback
+    Callback<> m_connected;                           ///< called each time the client enters the running state
+    Callback<> m_restart;                             ///< called at a failure that needs a new instance
     std::map<std::string, AvahiEntryGroup*> m_groups; ///< by final instance name
-    ResolveQueue m_resolves{[this](const ResolveQueue::AskPtr& ask) { return StartResolver(ask); }};
-    bool m_hasFailed = false;   ///< and waits to be replaced
-    bool m_toldOfLimit = false; ///< another limit of the daemon comes with another daemon, and that with an instance
+    ResolveQueue m_resolves{[this](const ResolveQueue::RequestPtr& request) { return StartResolver(request); }};
+    bool m_hasFailed = false;     ///< m_restart has been called
+    bool m_isLimitLogged = false; ///< once per instance: a new limit needs a daemon restart, which needs a new instance
     AvahiPollThread m_pollThread;
     std::atomic<bool> m_stopped{false};
 };

@@ -2,12 +2,38 @@
 
 #include <avahi-common/thread-watch.h>
 
+#include <cstdio>
+#include <cstdlib>
+
 namespace MDNS
 {
 
+void AvahiPollThread::InCallback()
+{
+    if (!IsHolder())
+    {
+        if (m_pollThread.load() == std::thread::id())
+        {
+            m_pollThread = std::this_thread::get_id();
+        }
+        CheckLocked("an Avahi callback");
+    }
+}
+
+#ifndef NDEBUG
+void AvahiPollThread::CheckLocked(const char* function) const
+{
+    if (!IsCurrent() && !IsHolder())
+    {
+        std::fprintf(stderr, "%s needs the lock of its Avahi poll and runs without it\n", function);
+        std::abort();
+    }
+}
+#endif
+
 AvahiPollThread::Lock::Lock(AvahiPollThread& thread, AvahiThreadedPoll* poll)
     : m_thread(thread)
-    , m_poll(thread.IsCurrent() || thread.m_holder.load() == std::this_thread::get_id() ? nullptr : poll)
+    , m_poll(thread.IsCurrent() || thread.IsHolder() ? nullptr : poll)
 {
     if (m_poll != nullptr)
     {

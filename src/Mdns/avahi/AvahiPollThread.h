@@ -8,37 +8,38 @@ struct AvahiThreadedPoll;
 namespace MDNS
 {
 
-/// Knows which thread may touch the Avahi objects of one poll: the poll thread, for which Avahi holds the poll's lock
-/// while it runs callbacks, or the thread that holds a Lock. Avahi asserts where its poll thread takes the lock, and
-/// hangs where a thread takes it twice.
+/// Tracks which thread may access the Avahi objects of one poll: the poll thread, because Avahi holds the poll's lock
+/// while it runs callbacks, or a thread that holds a Lock. Avahi asserts if the poll thread takes the lock, and
+/// deadlocks if another thread takes it twice.
 ///
-/// Design: a callback that comes on a thread without a Lock comes on the poll thread, so that the poll thread is
-/// known from its first callback on, and every callback starts with InCallback(). Avahi also calls back from within
-/// the calls that make a client or an entry group, on the caller's thread; the caller holds a Lock then.
+/// Design: every callback starts with InCallback(). If the calling thread holds no Lock, it is the poll thread, so the
+/// poll thread is known from its first callback on. Avahi also invokes callbacks inside the functions that create a
+/// client or an entry group, on the caller's thread. The caller holds a Lock there.
 class AvahiPollThread final
 {
 public:
-    void InCallback()
-    {
-        const std::thread::id self = std::this_thread::get_id();
-        if (m_holder.load() != self)
-        {
-            m_pollThread = self;
-        }
-    }
+    void InCallback();
 
     bool IsCurrent() const
     {
         return m_pollThread.load() == std::this_thread::get_id();
     }
 
-    /// After the poll thread's end, when another thread may get its id.
+    /// Call it after the poll thread has ended, because another thread may get the same id.
     void Ended()
     {
         m_pollThread = std::thread::id();
     }
 
-    /// Holds the poll's lock for a scope, unless this thread has it already.
+    /// First line of each function that requires the poll's lock. Ends the process if this thread is not the poll
+    /// thread and holds no Lock. Does nothing in builds with NDEBUG.
+#ifdef NDEBUG
+    void CheckLocked(const char*) const {}
+#else
+    void CheckLocked(const char* function) const;
+#endif
+
+    /// Takes the poll's lock for a scope, unless this thread holds it already.
     class Lock final
     {
     public:
@@ -49,12 +50,17 @@ public:
 
     private:
         AvahiPollThread& m_thread;
-        AvahiThreadedPoll* const m_poll; ///< null: nothing was taken
+        AvahiThreadedPoll* const m_poll; ///< null: this Lock has not taken the poll's lock
     };
 
 private:
+    bool IsHolder() const
+    {
+        return m_holder.load() == std::this_thread::get_id();
+    }
+
     std::atomic<std::thread::id> m_pollThread{std::thread::id()};
-    std::atomic<std::thread::id> m_holder{std::thread::id()}; ///< who holds a Lock
+    std::atomic<std::thread::id> m_holder{std::thread::id()}; ///< the thread that holds a Lock
 };
 
 } // namespace MDNS

@@ -1,3 +1,4 @@
+// AvahiImpl: publishing.
 #include "Mdns/avahi/AvahiCallbackAdapter.h"
 #include "Mdns/avahi/AvahiConvert.h"
 #include "Mdns/avahi/AvahiErrorLine.h"
@@ -34,12 +35,12 @@ using AvahiString = std::unique_ptr<char, AvahiFree>;
 
 CallbackConnection AvahiImpl::PublishService(const Service& s, Callback<Service> published)
 {
-    if (!IsText(s))
+    if (!IsUtf8(s))
     {
         AVAHI_ERROR_LINE(s_log, "avahi_entry_group_add_service_strlst", AVAHI_ERR_INVALID_SERVICE_NAME);
         return {};
     }
-    // Shared with the group's callback, so that a collision can rename it; under the poll's lock from here on.
+    // Shared with the callback of the group, which renames it after a collision. Protected by the poll's lock.
     const auto service = std::make_shared<Service>(s);
 
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
@@ -82,6 +83,7 @@ CallbackConnection AvahiImpl::PublishService(const Service& s, Callback<Service>
 
 bool AvahiImpl::AddToGroup(Service& service, AvahiEntryGroup* group)
 {
+    m_pollThread.CheckLocked(__func__);
     if (group == nullptr)
     {
         return false;
@@ -94,7 +96,7 @@ bool AvahiImpl::AddToGroup(Service& service, AvahiEntryGroup* group)
     }
 
     const std::uint16_t port = service.address.port();
-    const StringList txt = ToStringList(service.txt);
+    const StringList txt = StringListFromTxt(service.txt);
     AvahiString name(avahi_strdup(service.name.c_str()));
     if (!name)
     {
@@ -103,8 +105,8 @@ bool AvahiImpl::AddToGroup(Service& service, AvahiEntryGroup* group)
     }
     for (;;)
     {
-        // No host: the daemon's own.
-        result = avahi_entry_group_add_service_strlst(group, service.interface, ToAvahi(service.protocol),
+        // A null host stands for the daemon's own host name.
+        result = avahi_entry_group_add_service_strlst(group, service.interface, AvahiFromProtocol(service.protocol),
                                                       AvahiPublishFlags{}, name.get(), service.type.c_str(),
                                                       service.domain.c_str(), nullptr, port, txt.get());
         if (result != AVAHI_ERR_COLLISION)
@@ -137,14 +139,14 @@ bool AvahiImpl::AddToGroup(Service& service, AvahiEntryGroup* group)
 
 int AvahiImpl::FreeGroup(AvahiEntryGroup* group)
 {
+    m_pollThread.CheckLocked(__func__);
     std::erase_if(m_groups, [group](const auto& entry) { return entry.second == group; });
     return avahi_entry_group_free(group);
 }
 
 void AvahiImpl::PublishResult(Service& service, const Callback<Service>& published, AvahiEntryGroup* group, int state)
 {
-    // May come on the task, from within avahi_entry_group_new.
-    m_pollThread.InCallback();
+    m_pollThread.InCallback(); // on the caller's task if called inside avahi_entry_group_new()
     switch (state)
     {
     case AVAHI_ENTRY_GROUP_UNCOMMITED:
@@ -181,7 +183,7 @@ void AvahiImpl::PublishResult(Service& service, const Callback<Service>& publish
 
 bool AvahiImpl::UpdateService(const Service& s)
 {
-    if (!IsText(s))
+    if (!IsUtf8(s))
     {
         AVAHI_ERROR_LINE(s_log, "avahi_entry_group_update_service_txt_strlst", AVAHI_ERR_INVALID_SERVICE_NAME);
         return false;
@@ -193,16 +195,16 @@ bool AvahiImpl::UpdateService(const Service& s)
         DPRINTF(s_log, DPrint::LEVEL_INFO, "Group NOT found!");
         return false;
     }
-    const StringList txt = ToStringList(s.txt);
+    const StringList txt = StringListFromTxt(s.txt);
     const AvahiString name(avahi_strdup(s.name.c_str()));
     if (!name)
     {
         AVAHI_ERROR_LINE(s_log, "avahi_strdup", AVAHI_ERR_NO_MEMORY);
         return false;
     }
-    const int result = avahi_entry_group_update_service_txt_strlst(group->second, s.interface, ToAvahi(s.protocol),
-                                                                   AvahiPublishFlags{}, name.get(), s.type.c_str(),
-                                                                   s.domain.c_str(), txt.get());
+    const int result = avahi_entry_group_update_service_txt_strlst(
+        group->second, s.interface, AvahiFromProtocol(s.protocol), AvahiPublishFlags{}, name.get(), s.type.c_str(),
+        s.domain.c_str(), txt.get());
     if (result < 0)
     {
         AVAHI_ERROR_LINE(s_log, "avahi_entry_group_update_service_txt_strlst", result);

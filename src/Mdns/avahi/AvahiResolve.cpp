@@ -1,3 +1,4 @@
+// AvahiImpl: resolving.
 #include "Mdns/avahi/AvahiCallbackAdapter.h"
 #include "Mdns/avahi/AvahiConvert.h"
 #include "Mdns/avahi/AvahiErrorLine.h"
@@ -22,33 +23,33 @@ const DPrint s_log("mDNS");
 
 CallbackConnection AvahiImpl::Resolve(ServiceId id, Callback<std::string, Service> resolved)
 {
-    return QueueResolve(std::move(id), std::move(resolved), ResolveQueue::Order::FIRST);
+    return QueueResolve(std::move(id), std::move(resolved), ResolveQueue::Attempt::FIRST);
 }
 
 CallbackConnection AvahiImpl::ResolveAgain(ServiceId id, Callback<std::string, Service> resolved)
 {
-    return QueueResolve(std::move(id), std::move(resolved), ResolveQueue::Order::AGAIN);
+    return QueueResolve(std::move(id), std::move(resolved), ResolveQueue::Attempt::RETRY);
 }
 
 CallbackConnection AvahiImpl::QueueResolve(ServiceId id, Callback<std::string, Service> resolved,
-                                           ResolveQueue::Order order)
+                                           ResolveQueue::Attempt attempt)
 {
-    if (!IsText(id))
+    if (!IsUtf8(id))
     {
         AVAHI_ERROR_LINE(s_log, "avahi_service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
         return {};
     }
     const AvahiPollThread::Lock lock(m_pollThread, m_poll);
-    const ResolveQueue::AskPtr ask = m_resolves.Add(std::move(id), std::move(resolved), order);
-    if (!ask)
+    const ResolveQueue::RequestPtr request = m_resolves.Add(std::move(id), std::move(resolved), attempt);
+    if (!request)
     {
         return {};
     }
     return MakeCleanupConnection(
-        [self = shared_from_this(), ask]
+        [self = shared_from_this(), request]
         {
             const AvahiPollThread::Lock cleanupLock(self->m_pollThread, self->m_poll);
-            self->m_resolves.Cancel(ask);
+            self->m_resolves.Cancel(request);
         });
 }
 
@@ -58,20 +59,21 @@ void AvahiImpl::CancelResolves()
     m_resolves.CancelAll();
 }
 
-CallbackConnection AvahiImpl::StartResolver(const ResolveQueue::AskPtr& ask)
+CallbackConnection AvahiImpl::StartResolver(const ResolveQueue::RequestPtr& request)
 {
+    m_pollThread.CheckLocked(__func__);
     auto [resolver, connection] = detail::AdapterOf<AvahiServiceResolverCallback>::Create(
-        [self = shared_from_this(), ask](AvahiServiceResolver* sender, AvahiIfIndex interface, proto_cvtr protocol,
-                                         AvahiResolverEvent event, nullable_str name, nullable_str type,
-                                         nullable_str domain, nullable_str host, const AvahiAddress* address,
-                                         std::uint16_t port, AvahiStringList* txt, AvahiLookupResultFlags)
+        [self = shared_from_this(), request](AvahiServiceResolver* sender, AvahiIfIndex interface, proto_cvtr protocol,
+                                             AvahiResolverEvent event, nullable_str name, nullable_str type,
+                                             nullable_str domain, nullable_str host, const AvahiAddress* address,
+                                             std::uint16_t port, AvahiStringList* txt, AvahiLookupResultFlags)
         {
-            self->ResolveResult(ask, sender, event, host, ToAddrInfo(address, port),
-                                {{interface, protocol, name, type, domain}, {}, ToTxtMap(txt)});
+            self->ResolveResult(request, sender, event, host, AddrInfoFromAvahi(address, port),
+                                {{interface, protocol, name, type, domain}, {}, TxtFromStringList(txt)});
         },
-        [this, &id = ask->id](AvahiServiceResolverCallback callback, void* userData)
+        [this, &id = request->id](AvahiServiceResolverCallback callback, void* userData)
         {
-            return avahi_service_resolver_new(m_client, id.interface, ToAvahi(id.protocol), id.name.c_str(),
+            return avahi_service_resolver_new(m_client, id.interface, AvahiFromProtocol(id.protocol), id.name.c_str(),
                                               id.type.c_str(), id.domain.c_str(), AVAHI_PROTO_INET, AvahiLookupFlags{},
                                               callback, userData);
         });
@@ -79,7 +81,7 @@ CallbackConnection AvahiImpl::StartResolver(const ResolveQueue::AskPtr& ask)
     {
         const int error = avahi_client_errno(m_client);
         AVAHI_ERROR_LINE(s_log, "avahi_service_resolver_new", error);
-        if (error == AVAHI_ERR_TOO_MANY_OBJECTS && !std::exchange(m_toldOfLimit, true))
+        if (error == AVAHI_ERR_TOO_MANY_OBJECTS && !std::exchange(m_isLimitLogged, true))
         {
             DPRINTF(s_log, DPrint::LEVEL_WARNING,
                     "avahi-daemon allows this client no more objects, so products are found late or not at all: raise "
@@ -100,19 +102,19 @@ CallbackConnection AvahiImpl::StartResolver(const ResolveQueue::AskPtr& ask)
         connection);
 }
 
-void AvahiImpl::ResolveResult(const ResolveQueue::AskPtr& ask, AvahiServiceResolver* resolver, int event,
+void AvahiImpl::ResolveResult(const ResolveQueue::RequestPtr& request, AvahiServiceResolver* resolver, int event,
                               const std::string& host, const Network::AddrInfo& address, Service service)
 {
     m_pollThread.InCallback();
     switch (event)
     {
-    case AVAHI_RESOLVER_FAILURE: // for a name that nobody answers for, after the daemon's own 5 s
-        DPRINTF(s_log, ask->order == ResolveQueue::Order::FIRST ? DPrint::LEVEL_ERROR : DPrint::LEVEL_DEBUG,
+    case AVAHI_RESOLVER_FAILURE: // after 5 s without a response (timeout of the daemon)
+        DPRINTF(s_log, request->attempt == ResolveQueue::Attempt::FIRST ? DPrint::LEVEL_ERROR : DPrint::LEVEL_DEBUG,
                 "ResolveResult failed for {%s, %s, %s}: %s at %s line %d", service.name.c_str(), service.type.c_str(),
                 service.domain.c_str(), avahi_strerror(avahi_client_errno(avahi_service_resolver_get_client(resolver))),
                 __FILE_NAME__, __LINE__);
         service.txt.clear();
-        m_resolves.Answer(ask, kNotSeen, service);
+        m_resolves.Answer(request, kNotSeen, service);
         break;
     case AVAHI_RESOLVER_FOUND:
         if (!avahi_is_valid_service_type_strict(service.type.c_str()))
@@ -120,13 +122,13 @@ void AvahiImpl::ResolveResult(const ResolveQueue::AskPtr& ask, AvahiServiceResol
             DPRINTF(s_log, DPrint::LEVEL_ERROR, "Resolved service \"%s\" with unknown service type: %s, %s (%s)",
                     service.name.c_str(), service.type.c_str(), service.domain.c_str(),
                     Network::IpAddress(address, Network::IpAddress::Family::STREAM).ToString().c_str());
-            m_resolves.Cancel(ask);
+            m_resolves.Cancel(request);
             return;
         }
-        service.address = Network::IpAddress(address, FamilyOfType(service.type));
+        service.address = Network::IpAddress(address, FamilyFromType(service.type));
         DPRINTF(s_log, DPrint::LEVEL_DEBUG, "Resolved service: %s, %s, %s, %s (%s)", service.name.c_str(),
                 service.type.c_str(), service.domain.c_str(), host.c_str(), service.address.ToString().c_str());
-        m_resolves.Answer(ask, host, service);
+        m_resolves.Answer(request, host, service);
         break;
     default:
         break;

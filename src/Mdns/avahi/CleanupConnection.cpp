@@ -33,7 +33,7 @@ public:
     {
         if (IsConnected())
         {
-            const Callback<> cleanup = std::exchange(m_cleanup, {}); // once, whoever comes back here meanwhile
+            const Callback<> cleanup = std::exchange(m_cleanup, {}); // runs once, even if it calls Disconnect()
             cleanup();
             m_connection.Disconnect();
         }

@@ -6,10 +6,11 @@
 namespace MDNS
 {
 
-/// A subscription around an Avahi object: disconnecting, or dropping the last handle, first runs `cleanup`, which
-/// frees the Avahi object under the poll lock, and only then drops the adapter that its callbacks reach, so that
-/// no callback can land on a dead adapter. What has no adapter, or several in turn, comes without: such a subscription
-/// is connected until it is disconnected.
+/// The handle of a browser, a resolve or an entry group. Its end comes with Disconnect() or when the last copy of the
+/// handle is dropped (a CallbackRegistry's handle differs: dropping that one disconnects nothing). The end first runs
+/// `cleanup`, which frees the Avahi object under the poll lock. Then it disconnects `connection`, the adapter that the
+/// callbacks of the Avahi object use, so no callback uses a destroyed adapter.
+/// Without `connection` the handle is connected until its end.
 CallbackConnection MakeCleanupConnection(Callback<> cleanup, CallbackConnection connection = {});
 
 } // namespace MDNS

@@ -1,15 +1,15 @@
 #include "Mdns/avahi/ResolveQueue.h"
 
-#include "Mdns/MdnsClient.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 
 #include <utility>
 
 namespace MDNS
 {
 
-ResolveQueue::Ask::Ask(ServiceId askedId, Callback<std::string, Service> resolved, Order askedOrder)
-    : id(std::move(askedId))
-    , order(askedOrder)
+ResolveQueue::Request::Request(ServiceId serviceId, Callback<std::string, Service> resolved, Attempt whichAttempt)
+    : id(std::move(serviceId))
+    , attempt(whichAttempt)
     , m_resolved(std::move(resolved))
 {
 }
@@ -24,33 +24,33 @@ ResolveQueue::~ResolveQueue()
     CancelAll();
 }
 
-ResolveQueue::AskPtr ResolveQueue::Add(ServiceId id, Callback<std::string, Service> resolved, Order order)
+ResolveQueue::RequestPtr ResolveQueue::Add(ServiceId id, Callback<std::string, Service> resolved, Attempt attempt)
 {
-    const auto ask = std::make_shared<Ask>(std::move(id), std::move(resolved), order);
+    const auto request = std::make_shared<Request>(std::move(id), std::move(resolved), attempt);
     if (m_running.size() < kMaxRunning && Waiting() == 0)
     {
-        return StartNow(ask) ? ask : nullptr;
+        return StartNow(request) ? request : nullptr;
     }
-    WaitingOf(order).push_back(ask);
-    return ask;
+    WaitingOf(attempt).push_back(request);
+    return request;
 }
 
-void ResolveQueue::Answer(const AskPtr& ask, const std::string& host, const Service& service)
+void ResolveQueue::Answer(const RequestPtr& request, const std::string& host, const Service& service)
 {
-    if (!End(ask))
+    if (!End(request))
     {
         return;
     }
-    const Callback<std::string, Service> resolved = std::exchange(ask->m_resolved, {});
-    const std::vector<AskPtr> failed = StartWaiting();
+    const Callback<std::string, Service> resolved = std::exchange(request->m_resolved, {});
+    const std::vector<RequestPtr> failed = StartWaiting();
     resolved(host, service);
     CallNotSeen(failed);
 }
 
-void ResolveQueue::Cancel(const AskPtr& ask)
+void ResolveQueue::Cancel(const RequestPtr& request)
 {
-    ask->m_resolved.Clear(); // also of one whose start has just failed, and who has not been told yet
-    if (End(ask))
+    request->m_resolved.Clear(); // its start may have failed, with CallNotSeen() still to come
+    if (End(request))
     {
         CallNotSeen(StartWaiting());
     }
@@ -58,17 +58,17 @@ void ResolveQueue::Cancel(const AskPtr& ask)
 
 void ResolveQueue::CancelAll()
 {
-    std::vector<AskPtr> ending = std::exchange(m_running, {});
-    for (std::deque<AskPtr>* const waiting : {&m_first, &m_again})
+    std::vector<RequestPtr> ending = std::exchange(m_running, {});
+    for (std::deque<RequestPtr>* const waiting : {&m_firstAttempts, &m_retries})
     {
         ending.insert(ending.end(), waiting->begin(), waiting->end());
         waiting->clear();
     }
-    for (const AskPtr& ask : ending)
+    for (const RequestPtr& request : ending)
     {
-        ask->m_state = Ask::State::ENDED;
-        ask->m_resolved.Clear();
-        std::exchange(ask->m_resolver, {}).Disconnect();
+        request->m_state = Request::State::ENDED;
+        request->m_resolved.Clear();
+        std::exchange(request->m_resolver, {}).Disconnect();
     }
 }
 
@@ -79,78 +79,78 @@ std::size_t ResolveQueue::Running() const
 
 std::size_t ResolveQueue::Waiting() const
 {
-    return m_first.size() + m_again.size();
+    return m_firstAttempts.size() + m_retries.size();
 }
 
-bool ResolveQueue::End(const AskPtr& ask)
+bool ResolveQueue::End(const RequestPtr& request)
 {
-    switch (std::exchange(ask->m_state, Ask::State::ENDED))
+    switch (std::exchange(request->m_state, Request::State::ENDED))
     {
-    case Ask::State::WAITING:
-        std::erase(WaitingOf(ask->order), ask);
+    case Request::State::WAITING:
+        std::erase(WaitingOf(request->attempt), request);
         return true;
-    case Ask::State::RUNNING:
-        std::erase(m_running, ask);
-        std::exchange(ask->m_resolver, {}).Disconnect();
+    case Request::State::RUNNING:
+        std::erase(m_running, request);
+        std::exchange(request->m_resolver, {}).Disconnect();
         return true;
-    case Ask::State::ENDED:
+    case Request::State::ENDED:
         break;
     }
     return false;
 }
 
-bool ResolveQueue::StartNow(const AskPtr& ask)
+bool ResolveQueue::StartNow(const RequestPtr& request)
 {
-    ask->m_state = Ask::State::RUNNING;
-    m_running.push_back(ask);
-    const CallbackConnection resolver = m_start(ask);
-    if (ask->m_state == Ask::State::ENDED) // answered or cancelled from within the call
+    request->m_state = Request::State::RUNNING;
+    m_running.push_back(request);
+    const CallbackConnection resolver = m_start(request);
+    if (request->m_state == Request::State::ENDED) // m_start has answered or cancelled it
     {
         resolver.Disconnect();
         return true;
     }
     if (!resolver.IsConnected())
     {
-        End(ask);
+        End(request);
         return false;
     }
-    ask->m_resolver = resolver;
+    request->m_resolver = resolver;
     return true;
 }
 
-std::vector<ResolveQueue::AskPtr> ResolveQueue::StartWaiting()
+std::vector<ResolveQueue::RequestPtr> ResolveQueue::StartWaiting()
 {
-    std::vector<AskPtr> failed;
+    std::vector<RequestPtr> failed;
     if (std::exchange(m_isStarting, true))
     {
         return failed;
     }
     while (m_running.size() < kMaxRunning && Waiting() > 0)
     {
-        std::deque<AskPtr>& waiting = m_first.empty() ? m_again : m_first;
-        const AskPtr ask = waiting.front();
+        std::deque<RequestPtr>& waiting = m_firstAttempts.empty() ? m_retries : m_firstAttempts;
+        const RequestPtr request = waiting.front();
         waiting.pop_front();
-        if (!StartNow(ask))
+        if (!StartNow(request))
         {
-            failed.push_back(ask);
+            failed.push_back(request);
         }
     }
     m_isStarting = false;
     return failed;
 }
 
-void ResolveQueue::CallNotSeen(const std::vector<AskPtr>& failed)
+void ResolveQueue::CallNotSeen(const std::vector<RequestPtr>& failed)
 {
-    for (const AskPtr& ask : failed)
+    for (const RequestPtr& request : failed)
     {
-        const Callback<std::string, Service> resolved = std::exchange(ask->m_resolved, {});
-        resolved(kNotSeen, Service{ask->id, {}, {}});
+        const Callback<std::string, Service> resolved = std::exchange(request->m_resolved, {});
+        resolved(kNotSeen, Service{request->id, {}, {}});
     }
 }
 
-std::deque<ResolveQueue::AskPtr>& ResolveQueue::WaitingOf(Order order)
+std::deque<ResolveQueue::RequestPtr>& ResolveQueue::WaitingOf(Attempt attempt)
 {
-    return order == Order::FIRST ? m_first : m_again;
+    return attempt == Attempt::FIRST ? m_firstAttempts : m_retries;
 }
 
 } // namespace MDNS

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsTypes.h"
+#include "Mdns/avahi/MdnsTypes.h"
 #include "runtime/Callback.h"
 #include "runtime/CallbackConnection.h"
 
@@ -14,29 +14,29 @@
 namespace MDNS
 {
 
-/// Bounds how many resolves of one backend run at once. Those beyond wait in the order in which they were asked for,
-/// and what is asked for the first time goes ahead of what is asked for again.
-/// Not synchronised: its owner, the backend, calls it under the lock that its callbacks come with.
-/// Starts nothing by itself but where a place becomes free. It calls nobody for a resolve that was cancelled, and
-/// touches nothing of its own after the call that hands out an answer, which may end the backend.
-/// A place is held until Answer() or Cancel(): the backend promises one of them for each resolve that it has started.
+/// Limits how many resolves of one backend run at the same time. The others wait in the order of their Add(); first
+/// attempts run before retries.
+/// Task: not synchronised; every call is made under the lock of the owner, AvahiImpl.
+/// Invokes no callback for a cancelled request. Accesses no member after it has invoked the callback of Answer(),
+/// because that callback may destroy the queue.
+/// A request keeps its place until Answer() or Cancel(). The backend must call one of them for each started request.
 class ResolveQueue final
 {
 public:
-    enum class Order
+    enum class Attempt
     {
         FIRST,
-        AGAIN,
+        RETRY,
     };
 
-    /// One resolve, from its Add() to its answer or its cancellation.
-    class Ask final
+    /// One resolve, from Add() to its answer or cancellation.
+    class Request final
     {
     public:
-        Ask(ServiceId askedId, Callback<std::string, Service> resolved, Order askedOrder);
+        Request(ServiceId serviceId, Callback<std::string, Service> resolved, Attempt whichAttempt);
 
         const ServiceId id;
-        const Order order;
+        const Attempt attempt;
 
     private:
         friend class ResolveQueue;
@@ -48,51 +48,52 @@ public:
         };
 
         Callback<std::string, Service> m_resolved;
-        CallbackConnection m_resolver; ///< disconnecting frees what the backend holds for it
+        CallbackConnection m_resolver; ///< disconnecting frees the backend's resolver
         State m_state = State::WAITING;
     };
-    using AskPtr = std::shared_ptr<Ask>;
+    using RequestPtr = std::shared_ptr<Request>;
 
-    /// Starts one resolve in the backend; an empty connection: failed. The backend may answer from within the call.
-    using Start = std::function<CallbackConnection(const AskPtr& ask)>;
+    /// Starts one resolve in the backend. Returns an empty connection on failure. May call Answer() before it returns.
+    using Start = std::function<CallbackConnection(const RequestPtr& request)>;
 
     explicit ResolveQueue(Start start);
     ~ResolveQueue();
     ResolveQueue(const ResolveQueue&) = delete;
     ResolveQueue& operator=(const ResolveQueue&) = delete;
 
-    /// Starts the resolve where a place is free, else it waits. Null, and nothing is called: it was started and failed.
-    /// One that waits and fails at its start is answered with kNotSeen and its id.
-    AskPtr Add(ServiceId id, Callback<std::string, Service> resolved, Order order);
-    /// The backend's answer: frees what it held, starts the next, and calls. Nothing for one that has ended.
-    void Answer(const AskPtr& ask, const std::string& host, const Service& service);
-    /// Ends it without a call, and starts the next. Nothing for one that has ended.
-    void Cancel(const AskPtr& ask);
-    /// Ends all without a call, and starts none of those that wait.
+    /// Starts the resolve if fewer than kMaxRunning run, otherwise queues it. Returns null, without a callback, if the
+    /// resolve was started and failed. If a queued resolve fails to start, `resolved` gets kNotSeen and the id.
+    RequestPtr Add(ServiceId id, Callback<std::string, Service> resolved, Attempt attempt);
+    /// The backend's result: frees the resolver, starts the next request and invokes the callback. Ignored for a
+    /// request that has ended.
+    void Answer(const RequestPtr& request, const std::string& host, const Service& service);
+    /// Ends the request without a callback and starts the next one. Ignored for a request that has ended.
+    void Cancel(const RequestPtr& request);
+    /// Ends all requests without callbacks and starts none.
     void CancelAll();
 
     std::size_t Running() const;
     std::size_t Waiting() const;
 
-    /// The mDNS daemon's work grows faster than the number of resolvers that are started at once: 500 of them take it
-    /// 1.1 s, 1100 take 12.9 s, and their answers come all together and overflow its receive buffer. 32 keep the
-    /// network busy within that buffer, and are far from the 1024 objects that the daemon allows a client.
+    /// Measured: the mDNS daemon needs 1.1 s for 500 resolvers that start together, and 12.9 s for 1100. Their
+    /// responses arrive together and overflow the daemon's receive buffer. With 32 they fit, and the network is still
+    /// busy all the time. The daemon allows 1024 objects for each client (objects-per-client-max).
     static constexpr std::size_t kMaxRunning = 32;
 
 private:
-    /// Takes it out, wherever it is, and frees what the backend holds for it. False where it has ended already.
-    bool End(const AskPtr& ask);
-    bool StartNow(const AskPtr& ask);
-    /// Fills the free places; gives those whose start has failed.
-    std::vector<AskPtr> StartWaiting();
-    static void CallNotSeen(const std::vector<AskPtr>& failed);
-    std::deque<AskPtr>& WaitingOf(Order order);
+    /// Removes the request from its list and frees its resolver. Returns false if it has ended before.
+    bool End(const RequestPtr& request);
+    bool StartNow(const RequestPtr& request);
+    /// Starts waiting requests up to kMaxRunning. Returns those that failed to start.
+    std::vector<RequestPtr> StartWaiting();
+    static void CallNotSeen(const std::vector<RequestPtr>& failed);
+    std::deque<RequestPtr>& WaitingOf(Attempt attempt);
 
     const Start m_start;
-    std::vector<AskPtr> m_running;
-    std::deque<AskPtr> m_first; ///< wait to be asked for the first time
-    std::deque<AskPtr> m_again; ///< wait behind all of m_first
-    bool m_isStarting = false;  ///< StartWaiting() is on the stack, and will see what becomes free meanwhile
+    std::vector<RequestPtr> m_running;
+    std::deque<RequestPtr> m_firstAttempts; ///< waiting
+    std::deque<RequestPtr> m_retries;       ///< waiting until m_firstAttempts is empty
+    bool m_isStarting = false; ///< StartWaiting() is on the call stack and will use places that become free
 };
 
 } // namespace MDNS

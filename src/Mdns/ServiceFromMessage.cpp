@@ -1,4 +1,4 @@
-#include "Mdns/ServiceConversion.h"
+#include "Mdns/ServiceFromMessage.h"
 
 #include "schemas/SonarixPb.pb.h"
 
@@ -7,7 +7,7 @@
 namespace SonarixService
 {
 
-MDNS::Service ToMdnsService(const SonarixPb::Service& message)
+MDNS::Service ServiceFromMessage(const SonarixPb::Service& message)
 {
     MDNS::Service service;
     service.interface = message.id().interface();

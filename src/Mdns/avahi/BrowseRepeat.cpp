@@ -1,18 +1,18 @@
-#include "Mdns/SecondLook.h"
+#include "Mdns/avahi/BrowseRepeat.h"
 
 #include <utility>
 
 namespace MDNS
 {
 
-void SecondLook::Begin(std::int64_t nowMs)
+void BrowseRepeat::Begin(std::int64_t nowMs)
 {
     *this = {};
     m_state = State::FIRST;
     m_beginMs = nowMs;
 }
 
-void SecondLook::AllForNow()
+void BrowseRepeat::AllForNow()
 {
     if (m_state == State::FIRST)
     {
@@ -20,21 +20,21 @@ void SecondLook::AllForNow()
     }
 }
 
-bool SecondLook::IsNews(const ServiceId& id)
+bool BrowseRepeat::Add(const ServiceId& id)
 {
     switch (m_state)
     {
     case State::FIRST:
-        m_told.insert(id);
+        m_reported.insert(id);
         return true;
     case State::SECOND:
-        if (auto told = m_told.extract(id))
+        if (auto reported = m_reported.extract(id))
         {
-            m_again.insert(std::move(told));
+            m_confirmed.insert(std::move(reported));
         }
-        else if (!m_again.contains(id))
+        else if (!m_confirmed.contains(id))
         {
-            m_held.insert(id);
+            m_new.insert(id);
         }
         return false;
     default:
@@ -42,34 +42,34 @@ bool SecondLook::IsNews(const ServiceId& id)
     }
 }
 
-bool SecondLook::IsTold(const ServiceId& id)
+bool BrowseRepeat::Remove(const ServiceId& id)
 {
-    m_told.erase(id);
-    m_again.erase(id);
-    return m_held.erase(id) == 0;
+    m_reported.erase(id);
+    m_confirmed.erase(id);
+    return m_new.erase(id) == 0;
 }
 
-SecondLook::Changes SecondLook::TakeChanges()
+BrowseRepeat::Changes BrowseRepeat::TakeChanges()
 {
     if (m_state != State::SECOND)
     {
         return {};
     }
-    Changes changes{std::exchange(m_told, {}), std::exchange(m_held, {})};
+    Changes changes{std::exchange(m_reported, {}), std::exchange(m_new, {})};
     *this = {};
     return changes;
 }
 
-std::optional<std::int64_t> SecondLook::NextMs() const
+std::optional<std::int64_t> BrowseRepeat::NextMs() const
 {
-    if (m_state == State::FIRST && m_told.size() >= kMany)
+    if (m_state == State::FIRST && m_reported.size() >= kMany)
     {
         return m_beginMs + kEndMs;
     }
     return m_state == State::BETWEEN ? std::optional(m_beginMs + kBrowseMs) : std::nullopt;
 }
 
-SecondLook::Step SecondLook::Due(std::int64_t nowMs)
+BrowseRepeat::Step BrowseRepeat::Due(std::int64_t nowMs)
 {
     if (m_state == State::FIRST && nowMs <= m_beginMs + kTooLateMs)
     {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsClient.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 
 #include <map>
 #include <string>
@@ -9,7 +9,8 @@
 namespace MDNS
 {
 
-/// Publishing switched off: takes every call, never calls back. On the mDNS task; owned by MdnsService.
+/// The backend for disabled publishing: accepts every call and never invokes a callback.
+/// Task: that of its owner, MdnsService.
 class NonePublisher final : public Publisher
 {
 public:
@@ -36,7 +37,7 @@ private:
     bool m_published = false;
     bool m_updated = false;
     bool m_updateResult = true;
-    Service m_updatedService;                             ///< the last one handed to UpdateService
+    Service m_updatedService;                             ///< of the last UpdateService()
     std::map<std::string, Callback<Service>> m_callbacks; ///< by service type
     std::map<std::string, Service> m_services;            ///< by service type
 };

@@ -1,4 +1,4 @@
-#include "tests/Mdns/AvahiHost.h"
+#include "tests/Mdns/avahi/AvahiHost.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Mdns/MdnsClient.h"
+#include "Mdns/avahi/MdnsBackendIF.h"
 
 #include <string>
 #include <utility>
@@ -8,7 +8,8 @@
 namespace MDNS
 {
 
-/// Browsing switched off: takes every call, never calls back. On the mDNS task; owned by MdnsService.
+/// The backend for disabled browsing: accepts every call and never invokes a callback.
+/// Task: that of its owner, MdnsService.
 class NoneBrowser final : public Browser
 {
 public:

@@ -1,7 +1,7 @@
 #include "Mdns/avahi/AvahiImpl.h"
 
-#include "Mdns/SecondLook.h"
-#include "tests/Mdns/AvahiHost.h"
+#include "Mdns/avahi/BrowseRepeat.h"
+#include "tests/Mdns/avahi/AvahiHost.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Watched.h"
 
@@ -345,7 +345,7 @@ TEST(AvahiImplTest, WhereManyAnswerTheyAreAskedTwiceWhichNobodySees)
     ASSERT_TRUE(publisher.connected.WaitFor(1) && browser.connected.WaitFor(1));
     std::list<Published> services;
     std::vector<std::string> expected;
-    for (std::size_t i = 0; i <= SecondLook::kMany; ++i)
+    for (std::size_t i = 0; i <= BrowseRepeat::kMany; ++i)
     {
         services.emplace_front(publisher, MakeService(std::to_string(i)));
         services.emplace_back(publisher, MakeService(std::to_string(i), kDatagram));
@@ -366,12 +366,12 @@ TEST(AvahiImplTest, WhereManyAnswerTheyAreAskedTwiceWhichNobodySees)
         ASSERT_TRUE(log.WaitFor("many _kova-test._udp answer")) << log.Text();
         host.AnnounceInstance("late");
         EXPECT_TRUE(host.WaitForQuestion("_kova-test"));
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(SecondLook::kBrowseMs));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(BrowseRepeat::kBrowseMs));
         ASSERT_TRUE(told.WaitUntil([&](const auto& all) { return all.size() == expected.size() + 2; })) << log.Text();
         std::vector<std::string> all = told.Get();
         std::ranges::sort(expected);
         std::sort(all.begin(), all.end() - 2);
-        expected.insert(expected.end(), {"-" + std::to_string(SecondLook::kMany), "+late"});
+        expected.insert(expected.end(), {"-" + std::to_string(BrowseRepeat::kMany), "+late"});
         EXPECT_EQ(all, expected) << "each once, and what has gone before what has come";
 
         EXPECT_TRUE(log.WaitFor("All for now"));

@@ -9,7 +9,7 @@
 namespace MDNS
 {
 
-/// Numbered as SXCommon::Protocol.
+/// The values are those of SXCommon::Protocol.
 enum class Protocol
 {
     INET = 0,
@@ -17,23 +17,23 @@ enum class Protocol
     UNSPEC = 2,
 };
 
-/// Which service instance, seen on which interface. A value; ordered by its fields in this order.
+/// Identifies a service instance on one network interface. Ordered by its fields, in the order of declaration.
 struct ServiceId
 {
     int interface = -1; ///< network interface index; -1 for any
     Protocol protocol = Protocol::UNSPEC;
     std::string name;   ///< instance name
-    std::string type;   ///< DNS-SD type, such as "_kova-clock._tcp"
+    std::string type;   ///< DNS-SD type, for example "_kova-clock._tcp"
     std::string domain; ///< "local" in practice
 
     auto operator<=>(const ServiceId&) const =
-        default; // NOLINT(modernize-use-nullptr): the check mistakes the comparison with 0
+        default; // NOLINT(modernize-use-nullptr): false positive on the comparison with 0
 };
 
-/// A service instance with what is known of it. A value; compared by its id alone.
+/// A service instance with its address and TXT records. Comparison uses only the id.
 struct Service : ServiceId
 {
-    Network::IpAddress address;             ///< the port, and the host part when resolved
+    Network::IpAddress address;             ///< the port; the host part only if resolved
     std::map<std::string, std::string> txt; ///< TXT records by key
 };
 

@@ -1,0 +1,204 @@
+#include "Mdns/TxtKeys.h"
+
+#include "Mdns/avahi/MdnsTypes.h"
+#include "base/Utf8.h"
+#include "runtime/DPrint.h"
+#include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
+#include <ProtoToMarkup.h>
+
+namespace SonarixService
+{
+
+namespace
+{
+
+const DPrint s_log("MdnsService");
+
+struct TextKey
+{
+    const char* key;
+    std::string* (Sonarix::ProductInfo::*read)();
+    const std::string& (SonarixPb::DeviceInfo::*written)() const; ///< null: read only
+};
+constexpr TextKey kTextKeys[] = {
+    {"GUID", &Sonarix::ProductInfo::mutable_guid, &SonarixPb::DeviceInfo::guid},
+    {"MANUFACTURER", &Sonarix::ProductInfo::mutable_manufacturer, &SonarixPb::DeviceInfo::manufacturer},
+    {"ECOSYS", &Sonarix::ProductInfo::mutable_ecosystem, &SonarixPb::DeviceInfo::ecosystem},
+    {"PTYPE", &Sonarix::ProductInfo::mutable_producttype, &SonarixPb::DeviceInfo::producttype},
+    {"PNAME", &Sonarix::ProductInfo::mutable_modelname, &SonarixPb::DeviceInfo::modelname},
+    {"PCOLOR", &Sonarix::ProductInfo::mutable_productcolor, &SonarixPb::DeviceInfo::productcolor},
+    {"SWVERSION", &Sonarix::ProductInfo::mutable_softwareversion, &SonarixPb::DeviceInfo::softwareversion},
+    {"MAC", &Sonarix::ProductInfo::mutable_macaddress, nullptr},
+    {"DEVICEIP", &Sonarix::ProductInfo::mutable_ipaddress, nullptr},
+};
+
+/// The values are JSON of a ProtocolVersion.
+struct VersionKey
+{
+    const char* key;
+    SXCommon::ProtocolVersion* (SXCommon::MultiroomVersions::*read)();
+    const SonarixPb::ProtocolVersion& (SonarixPb::MultiroomVersions::*written)() const;
+};
+using Read = SXCommon::MultiroomVersions;
+using Written = SonarixPb::MultiroomVersions;
+constexpr VersionKey kVersionKeys[] = {
+    {"AudioPayloadVersion", &Read::mutable_audio_payload_version, &Written::audio_payload_version},
+    {"AudioControlProtocolVersion", &Read::mutable_audiocontrol_protocol_version,
+     &Written::audiocontrol_protocol_version},
+    {"ClockSyncProtocolVersion", &Read::mutable_clocksync_protocol_version, &Written::clocksync_protocol_version},
+    {"NowPlayingVersion", &Read::mutable_nowplaying_version, &Written::nowplaying_version},
+    {"PlaybackRequestVersion", &Read::mutable_playbackrequest_version, &Written::playbackrequest_version},
+    {"GroupingVersion", &Read::mutable_grouping_version, &Written::grouping_version},
+};
+
+/// Read only, as are "CLOCKDOMAIN" and "CONNECTIONTYPE". The value "true" means true.
+struct FlagKey
+{
+    const char* key;
+    void (SXCommon::ClockInfo::*read)(bool);
+};
+constexpr FlagKey kFlagKeys[] = {
+    {"LEADERELECTED", &SXCommon::ClockInfo::set_leaderelected},
+    {"BATTERY", &SXCommon::ClockInfo::set_hasbattery},
+    {"ISCLOCKSYNCED", &SXCommon::ClockInfo::set_isclocksynced},
+};
+
+/// Finds the TXT records of one service and collects the keys of unusable ones.
+class TxtReader
+{
+public:
+    explicit TxtReader(const MDNS::Service& service)
+        : m_txt(service.txt)
+    {
+    }
+
+    /// Returns null if the record is missing or not UTF-8.
+    const std::string* Text(const char* key)
+    {
+        const auto record = m_txt.find(key);
+        if (record == m_txt.end())
+        {
+            return nullptr;
+        }
+        if (!Utf8::IsValid(record->second))
+        {
+            AddUnusable(key);
+            return nullptr;
+        }
+        return &record->second;
+    }
+
+    void AddUnusable(const char* key)
+    {
+        m_unusable += m_unusable.empty() ? key : std::string(" ") + key;
+    }
+
+    const std::string& Unusable() const
+    {
+        return m_unusable;
+    }
+
+private:
+    const std::map<std::string, std::string>& m_txt;
+    std::string m_unusable;
+};
+
+SXCommon::ConnectionType ConnectionTypeFromText(const std::string& text)
+{
+    if (text == "ETHERNET")
+    {
+        return SXCommon::ETHERNET;
+    }
+    return text == "WIFI" ? SXCommon::WIFI : SXCommon::UNKNOWN;
+}
+
+void ReadVersions(Sonarix::ProductInfo* info, TxtReader& txt)
+{
+    for (const VersionKey& version : kVersionKeys)
+    {
+        if (const std::string* const text = txt.Text(version.key))
+        {
+            SXCommon::ProtocolVersion parsed;
+            try
+            {
+                ProtoToMarkup::FromJson(*text, &parsed);
+                (info->mutable_multiroom()->*version.read)()->MergeFrom(parsed);
+            }
+            catch (const ProtoToMarkup::MarkupError&)
+            {
+                txt.AddUnusable(version.key);
+            }
+        }
+    }
+}
+
+void ReadClock(SXCommon::ClockInfo* clock, TxtReader& txt)
+{
+    if (const std::string* const domain = txt.Text("CLOCKDOMAIN"))
+    {
+        clock->set_clockdomain(*domain);
+    }
+    for (const FlagKey& flag : kFlagKeys)
+    {
+        if (const std::string* const text = txt.Text(flag.key))
+        {
+            (clock->*flag.read)(*text == "true");
+        }
+    }
+    if (const std::string* const text = txt.Text("CONNECTIONTYPE"))
+    {
+        clock->set_connection(ConnectionTypeFromText(*text));
+    }
+}
+
+} // namespace
+
+std::string GetProductInfoFromService(Sonarix::ProductInfo* info, const MDNS::Service& service)
+{
+    TxtReader txt(service);
+    for (const TextKey& text : kTextKeys)
+    {
+        if (const std::string* const value = txt.Text(text.key))
+        {
+            *(info->*text.read)() = *value;
+        }
+    }
+    ReadVersions(info, txt);
+    ReadClock(info->mutable_clockinfo(), txt); // clockinfo is present even without clock records
+
+    info->set_ipaddress(service.address.ipaddr()); // the resolved address replaces that of "DEVICEIP"
+    info->set_friendlyname(Utf8::ReplaceInvalid(service.name));
+    return txt.Unusable();
+}
+
+std::map<std::string, std::string> TxtFromDeviceInfo(const SonarixPb::DeviceInfo& info)
+{
+    std::map<std::string, std::string> txt;
+    for (const TextKey& text : kTextKeys)
+    {
+        if (text.written != nullptr)
+        {
+            txt[text.key] = (info.*text.written)();
+        }
+    }
+    for (const VersionKey& version : kVersionKeys)
+    {
+        txt[version.key] = "";
+    }
+    try
+    {
+        for (const VersionKey& version : kVersionKeys)
+        {
+            txt[version.key] =
+                ProtoToMarkup::ToJson((info.multiroom_versions().*version.written)(), true, false, false);
+        }
+    }
+    catch (const ProtoToMarkup::MarkupError& e) // the versions after the faulty one stay empty
+    {
+        DPRINTF(s_log, DPrint::LEVEL_ERROR, "MarkupError:%s", e.what());
+    }
+    return txt;
+}
+
+} // namespace SonarixService
