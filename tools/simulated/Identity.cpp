@@ -1,6 +1,8 @@
 #include "tools/simulated/Identity.h"
 
+#include "Mdns/TxtKeys.h"
 #include "schemas/Sonarix.pb.h"
+#include "schemas/SonarixPb.pb.h"
 #include <ProtoToMarkup.h>
 
 #include <array>
@@ -95,26 +97,18 @@ std::string InfoRecord(const Identity& identity)
 
 std::string TxtStrings(const Identity& identity)
 {
-    // A real product also announces its versions as empty objects, because it publishes before it has read them.
-    const std::array<std::pair<const char*, std::string>, 13> pairs{{
-        {"AudioControlProtocolVersion", "{}"},
-        {"AudioPayloadVersion", "{}"},
-        {"ClockSyncProtocolVersion", "{}"},
-        {"ECOSYS", kEcosystem},
-        {"GUID", identity.guid},
-        {"GroupingVersion", "{}"},
-        {"MANUFACTURER", kManufacturer},
-        {"NowPlayingVersion", "{}"},
-        {"PCOLOR", kColor},
-        {"PNAME", kModel},
-        {"PTYPE", kProductType},
-        {"PlaybackRequestVersion", "{}"},
-        {"SWVERSION", kSoftware},
-    }};
+    SonarixPb::DeviceInfo info; // without versions: a real product announces itself before it knows them
+    info.set_guid(identity.guid);
+    info.set_manufacturer(kManufacturer);
+    info.set_ecosystem(kEcosystem);
+    info.set_producttype(kProductType);
+    info.set_modelname(kModel);
+    info.set_productcolor(kColor);
+    info.set_softwareversion(kSoftware);
     std::string strings;
-    for (const auto& [key, value] : pairs)
+    for (const auto& [key, value] : SonarixService::TxtFromDeviceInfo(info))
     {
-        const std::string text = std::string(key) + "=" + value;
+        const std::string text = key + "=" + value;
         strings += static_cast<char>(text.size());
         strings += text;
     }

@@ -58,7 +58,7 @@ void Kill(pid_t& pid)
     }
 }
 
-/// On mDNS's port, beside the daemon's.
+/// A socket on the mDNS port, which the daemon also uses.
 int BoundSocket()
 {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -87,11 +87,11 @@ bool AvahiHost::Enter()
 
 AvahiHost::AvahiHost()
 {
-    Check(mount("none", "/run", "tmpfs", 0, "mode=0755") == 0, "no /run of our own");
+    Check(mount("none", "/run", "tmpfs", 0, "mode=0755") == 0, "mount of /run failed");
     std::filesystem::create_directories("/run/dbus");
     Check(WaitFor(Spawn("ip link set lo multicast on up && ip route add 224.0.0.0/4 dev lo")) == 0, "ip");
 
-    // The bus tells its address when it is ready.
+    // dbus-daemon writes its address to the pipe when it is ready.
     std::array<int, 2> ready{};
     Check(pipe(ready.data()) == 0, "pipe");
     m_bus = Spawn("exec dbus-daemon --system --nofork --nopidfile --print-address=" + std::to_string(ready[1]));
@@ -109,7 +109,7 @@ AvahiHost::~AvahiHost()
 
 void AvahiHost::StartDaemon(std::size_t objectsPerClient)
 {
-    std::filesystem::remove_all("/run/avahi-daemon"); // what a killed one leaves behind
+    std::filesystem::remove_all("/run/avahi-daemon"); // left by a killed daemon
     std::ofstream("/run/avahi.conf") << "[server]\nhost-name=lab\nuse-ipv6=no\nallow-interfaces=lo\n"
                                      << "objects-per-client-max=" << objectsPerClient
                                      << "\n[publish]\npublish-hinfo=no\npublish-workstation=no\n";
@@ -138,7 +138,7 @@ void AvahiHost::ClaimInstance(const std::string& name)
 
 void AvahiHost::AnnounceInstance(const std::string& name)
 {
-    // One PTR record; the name that it gives ends with a pointer to its own.
+    // One PTR record. Its target ends with a compression pointer to the record's own name.
     std::string packet("\0\0\x84\0\0\0\0\1\0\0\0\0\x0A_kova-test\4_udp\5local\0\0\x0C\0\1\0\0\0\x78\0", 44);
     packet += static_cast<char>(name.size() + 3);
     packet += static_cast<char>(name.size());
@@ -146,7 +146,7 @@ void AvahiHost::AnnounceInstance(const std::string& name)
     Multicast(packet);
 }
 
-bool AvahiHost::WaitForQuestion(const std::string& label)
+bool AvahiHost::WaitForQuery(const std::string& label)
 {
     const int fd = BoundSocket();
     const ip_mreq group{{inet_addr("224.0.0.251")}, {inet_addr("127.0.0.1")}};
@@ -155,17 +155,17 @@ bool AvahiHost::WaitForQuestion(const std::string& label)
     const timeval patience{60, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     std::array<char, 9000> packet{};
-    bool isAsked = false;
-    while (!isAsked && std::chrono::steady_clock::now() < end)
+    bool isQuery = false;
+    while (!isQuery && std::chrono::steady_clock::now() < end)
     {
         const ssize_t size = recv(fd, packet.data(), packet.size(), 0);
         const std::string_view text(packet.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-        // A question with the label right behind the header; no response, and no claim to a name either.
-        isAsked = text.size() > 12 && text[2] == 0 && text[9] == 0 &&
+        // A query whose first label follows the header: neither a response nor a probe.
+        isQuery = text.size() > 12 && text[2] == 0 && text[9] == 0 &&
                   text.substr(12).starts_with(static_cast<char>(label.size()) + label);
     }
     close(fd);
-    return isAsked;
+    return isQuery;
 }
 
 void AvahiHost::Multicast(const std::string& packet)
@@ -173,7 +173,7 @@ void AvahiHost::Multicast(const std::string& packet)
     const int fd = BoundSocket();
     const int ttl = 255;
     setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl);
-    const in_addr from{inet_addr("127.0.0.1")}; // or the packet has no source address, and is ignored
+    const in_addr from{inet_addr("127.0.0.1")}; // a packet without a source address is ignored
     setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &from, sizeof from);
     const sockaddr_in address{AF_INET, htons(5353), {inet_addr("224.0.0.251")}, {}};
     const ssize_t sent =

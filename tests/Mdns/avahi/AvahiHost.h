@@ -4,42 +4,42 @@
 #include <string>
 #include <sys/types.h>
 
-/// A host of its own for a test of the Avahi backend: network, mount and process namespaces with a private /run, a
-/// message bus and an mDNS daemon. Needs the right to make namespaces.
+/// A host for tests of the Avahi backend: network, mount and process namespaces with a private /run, D-Bus and an mDNS
+/// daemon. Needs permission to create namespaces.
 ///
 ///     TEST(AvahiImplTest, Something)
 ///     {
-///         if (!AvahiHost::Enter()) // runs this very test again, inside
+///         if (!AvahiHost::Enter()) // runs this test again in the namespaces
 ///             return;
 ///         AvahiHost host;
 ///         host.StartDaemon();
 ///         ...
 ///     }
 ///
-/// Whatever runs inside ends with the test's process, however that ends.
+/// All processes in the namespaces end with the process of the test.
 class AvahiHost final
 {
 public:
-    /// True inside. Outside it runs the current test in a new namespace, fails where that fails, and gives false.
+    /// Returns true in the namespaces. Otherwise runs the current test there, fails if that fails, and returns false.
     static bool Enter();
 
-    /// With an address on the loopback interface and the bus running; not yet the mDNS daemon.
+    /// Configures the loopback interface and starts D-Bus, but not the mDNS daemon.
     AvahiHost();
     ~AvahiHost();
     AvahiHost(const AvahiHost&) = delete;
     AvahiHost& operator=(const AvahiHost&) = delete;
 
-    /// `objectsPerClient`: the browsers, resolvers and groups that the daemon allows a client at once.
+    /// `objectsPerClient`: maximum number of browsers, resolvers and groups of one client.
     void StartDaemon(std::size_t objectsPerClient = 1024);
-    void KillDaemon(); ///< by signal 9
+    void KillDaemon(); ///< with SIGKILL
     void KillBus();
 
-    /// Multicasts, as another host would, that this instance of "_kova-test._udp" is served elsewhere.
+    /// Multicasts a conflicting SRV record for this instance of "_kova-test._udp", as another host would.
     void ClaimInstance(const std::string& name);
-    /// Multicasts, as another host would, that there is this instance of "_kova-test._udp".
+    /// Multicasts a PTR record of this instance of "_kova-test._udp", as another host would.
     void AnnounceInstance(const std::string& name);
-    /// Until the daemon asks who serves a type with this first label, for a minute at most.
-    bool WaitForQuestion(const std::string& label);
+    /// Waits up to 1 minute for a query of the daemon for a type with this first label. Returns false after that.
+    bool WaitForQuery(const std::string& label);
 
 private:
     void Multicast(const std::string& packet);

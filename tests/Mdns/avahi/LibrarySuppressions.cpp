@@ -1,5 +1,4 @@
-/// libdbus takes the lock of a connection and that of all connections in either order: not ours to mend.
-/// ThreadSanitizer asks for this by its name.
+/// libdbus locks a connection and its list of connections in both orders. ThreadSanitizer calls this function by name.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" __attribute__((used)) const char* __tsan_default_suppressions();
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
