@@ -1,7 +1,6 @@
 #include "Mdns/MdnsDiscoveryProtocol.h"
 
 #include "Mdns/MdnsService.h"
-#include "Mdns/ServiceFromMessage.h"
 #include "runtime/AsyncCallback.h"
 #include "runtime/DPrint.h"
 #include "runtime/Liveness.h"
@@ -9,7 +8,7 @@
 #include "runtime/TaskCheck.h"
 #include "schemas/Sonarix.pb.h"
 
-#include <ios>
+#include <cstdint>
 #include <utility>
 
 namespace SonarixService
@@ -23,6 +22,21 @@ const DPrint s_log("MdnsDiscoveryProtocol");
 std::string KeyOf(const SonarixPb::Service& service)
 {
     return service.id().name() + service.id().type() + service.id().domain();
+}
+
+/// The low 16 bits of the message's `address` field hold the port. If a TXT key occurs twice, the last value is kept.
+MDNS::Service ServiceFromMessage(const SonarixPb::Service& message)
+{
+    const SonarixPb::ServiceId& id = message.id();
+    MDNS::Service service{
+        {id.interface(), static_cast<MDNS::Protocol>(id.protocol()), id.name(), id.type(), id.domain()},
+        Network::IpAddress(static_cast<std::uint16_t>(message.address() & 0xFFFF)),
+        {}};
+    for (const SonarixPb::ServiceRecords& record : message.txt())
+    {
+        service.txt[record.key()] = record.value();
+    }
+    return service;
 }
 
 } // namespace
@@ -220,37 +234,39 @@ void MdnsDiscoveryProtocol::RemoveService(const SonarixPb::Service& service)
     }
 }
 
-std::pair<bool, std::shared_ptr<MdnsServiceIF>>
-MdnsDiscoveryProtocol::PassOrDefer(const SonarixPb::DeviceInfo& info, std::optional<SonarixPb::DeviceInfo>& deferred)
+void MdnsDiscoveryProtocol::Broadcast(const char* function, const SonarixPb::DeviceInfo& info,
+                                      std::optional<SonarixPb::DeviceInfo>& deferred, BroadcastOperation broadcast)
 {
-    const ScopedMutex lock(m_mutex);
-    if (!m_networkIsUp)
+    std::shared_ptr<MdnsServiceIF> mdns;
+    bool isUp = false;
     {
-        deferred = info;
+        const ScopedMutex lock(m_mutex);
+        isUp = m_networkIsUp;
+        if (isUp)
+        {
+            mdns = m_mdnsService;
+        }
+        else
+        {
+            deferred = info;
+        }
     }
-    return {m_networkIsUp, m_mdnsService};
+    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: m_networkIsUp: %s", function, isUp ? "true" : "false");
+    if (mdns)
+    {
+        DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: %s", function, info.friendlyname().c_str());
+        (mdns.get()->*broadcast)(info);
+    }
 }
 
 void MdnsDiscoveryProtocol::BroadcastInitialDeviceAnnouncement(const SonarixPb::DeviceInfo& info)
 {
-    const auto [isUp, mdns] = PassOrDefer(info, m_deferredDevice);
-    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << std::boolalpha << isUp);
-    if (isUp && mdns)
-    {
-        DPRINT(s_log, DPrint::LEVEL_INFO, info.friendlyname());
-        mdns->BroadcastInitialDeviceAnnouncement(info);
-    }
+    Broadcast(__func__, info, m_deferredDevice, &MdnsServiceIF::BroadcastInitialDeviceAnnouncement);
 }
 
 void MdnsDiscoveryProtocol::BroadcastInitialAccessoryAnnouncement(const SonarixPb::DeviceInfo& info)
 {
-    const auto [isUp, mdns] = PassOrDefer(info, m_deferredAccessory);
-    DPRINT(s_log, DPrint::LEVEL_INFO, "m_networkIsUp: " << std::boolalpha << isUp);
-    if (isUp && mdns)
-    {
-        DPRINT(s_log, DPrint::LEVEL_INFO, info.friendlyname());
-        mdns->BroadcastInitialAccessoryAnnouncement(info);
-    }
+    Broadcast(__func__, info, m_deferredAccessory, &MdnsServiceIF::BroadcastInitialAccessoryAnnouncement);
 }
 
 void MdnsDiscoveryProtocol::NetworkWentUp()

@@ -12,7 +12,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 
 class NotifyTargetTaskIF;
 
@@ -56,12 +55,13 @@ public:
     void NetworkWentDown() override;
 
 private:
+    using BroadcastOperation = void (MdnsServiceIF::*)(const SonarixPb::DeviceInfo&);
     using Parked = std::map<std::string, SonarixPb::Service>; ///< by name + type + domain
 
     std::shared_ptr<MdnsServiceIF> Service();
-    /// Stores `info` in `deferred` if the network is down. Returns whether it is up, and the service.
-    std::pair<bool, std::shared_ptr<MdnsServiceIF>> PassOrDefer(const SonarixPb::DeviceInfo& info,
-                                                                std::optional<SonarixPb::DeviceInfo>& deferred);
+    /// Calls `broadcast` on the service, or stores `info` in `deferred` if the network is down.
+    void Broadcast(const char* function, const SonarixPb::DeviceInfo& info,
+                   std::optional<SonarixPb::DeviceInfo>& deferred, BroadcastOperation broadcast);
     void ProductStateCallback(const Sonarix::Product& product);
     void RegistrationStatusCallback(MdnsServiceIF& service, const CallbackConnection& connection, bool enabled);
 

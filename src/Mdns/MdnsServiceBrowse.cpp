@@ -60,7 +60,6 @@ void MdnsService::StartServiceBrowsers()
 
 void MdnsService::CreateBrowser(const Record& sb)
 {
-    TASK_CHECK(m_task);
     const auto self = shared_from_this();
     const AsyncCallback<> connected([self, sb] { self->ClientConnected(sb); }, m_task);
     const AsyncCallback<> restart([self, sb] { self->ReconnectClient(sb); }, m_task);
@@ -107,7 +106,6 @@ void MdnsService::Discovered(const MDNS::ServiceId& id, const Record& sb)
 
 void MdnsService::StartResolve(ResolverEntry& entry, const Record& sb)
 {
-    TASK_CHECK(m_task);
     entry.connection.Disconnect(); // cancels a running resolve of the same name
     entry.resolveNumber = ++m_lastResolveNumber;
     const AsyncCallback<std::string, MDNS::Service> resolved(
@@ -126,7 +124,6 @@ void MdnsService::StartResolve(ResolverEntry& entry, const Record& sb)
 
 void MdnsService::ResolveFailed(ResolverEntry& entry, const Record& sb)
 {
-    TASK_CHECK(m_task);
     ++entry.failures;
     m_retries.Plan({sb->type, entry.id.name}, entry.failures, MonotonicClock::NowMs());
 }
@@ -148,7 +145,6 @@ void MdnsService::RetryDue()
 
 void MdnsService::SetRetryTimer()
 {
-    TASK_CHECK(m_task);
     const std::optional<std::int64_t> next = m_retries.NextMs();
     if (next == m_retryTimerMs)
     {
@@ -166,7 +162,6 @@ void MdnsService::SetRetryTimer()
 
 void MdnsService::CheckServiceCount()
 {
-    TASK_CHECK(m_task);
     std::size_t count = 0;
     for (const auto& [type, sb] : m_browsers)
     {
@@ -188,7 +183,6 @@ void MdnsService::CheckServiceCount()
 
 void MdnsService::RestartReResolveTimer(const Record& sb)
 {
-    TASK_CHECK(m_task);
     m_reResolveTimer->Stop();
     m_reResolveTimer->Start([self = shared_from_this(), sb] { self->ReResolveClock(sb); });
 }
@@ -292,7 +286,6 @@ void MdnsService::ReconnectClient(const Record& sb)
 
 void MdnsService::DisconnectClient(const Record& sb)
 {
-    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s() ServiceType: %s ", "DisconnectClient", sb->serviceType.c_str());
     if (sb->type == CLOCK)
     {

@@ -44,7 +44,6 @@ void MdnsService::BroadcastInitialAccessoryAnnouncementAction(const SonarixPb::D
 void MdnsService::SetRendererService(const std::string& name, const std::string& type,
                                      std::map<std::string, std::string> txt)
 {
-    TASK_CHECK(m_task);
     m_rendererService = {
         {-1, MDNS::Protocol::INET, name, type, "local"}, Network::IpAddress(kAnnouncedPort), std::move(txt)};
     m_rendererValid = true;
@@ -56,7 +55,6 @@ void MdnsService::SetRendererService(const std::string& name, const std::string&
 
 void MdnsService::PublishRenderer()
 {
-    TASK_CHECK(m_task);
     m_rendererConnection.Disconnect();
     const AsyncCallback<MDNS::Service> published(
         [self = shared_from_this()](const MDNS::Service& s) { self->RendererPublished(s); }, m_task);
@@ -91,7 +89,6 @@ void MdnsService::AddServiceAction(const MDNS::Service& s)
 
 CallbackConnection MdnsService::Publish(const MDNS::ServiceId& id, const MDNS::Service& s)
 {
-    TASK_CHECK(m_task);
     const AsyncCallback<MDNS::Service> published(
         [self = shared_from_this(), id](const MDNS::Service& service) { self->ServicePublished(id, service); }, m_task);
     return m_publisher->PublishService(s, published);
@@ -159,7 +156,6 @@ void MdnsService::ReconnectPublisher()
 
 void MdnsService::DisconnectPublisher()
 {
-    TASK_CHECK(m_task);
     DPRINTF(s_log, DPrint::LEVEL_INFO, "%s()", "DisconnectPublisher");
     m_rendererConnection.Disconnect();
     m_rendererConnection = {};

@@ -19,28 +19,17 @@ void RetrySchedule::Plan(const Key& key, unsigned int failures, std::int64_t now
     const std::int64_t fifth = pause / 5;
     const auto jitter = static_cast<std::int64_t>(m_random.Below(static_cast<std::uint64_t>(2 * fifth + 1)));
     const std::int64_t time = nowMs + pause - fifth + jitter;
-    m_times.emplace(key, time);
     m_order.emplace(time, key);
 }
 
 void RetrySchedule::Forget(const Key& key)
 {
-    const auto planned = m_times.find(key);
-    if (planned != m_times.end())
-    {
-        m_order.erase({planned->second, key});
-        m_times.erase(planned);
-    }
+    std::erase_if(m_order, [&key](const auto& planned) { return planned.second == key; });
 }
 
 void RetrySchedule::ForgetType(int type)
 {
-    auto planned = m_times.lower_bound({type, ""});
-    while (planned != m_times.end() && planned->first.first == type)
-    {
-        m_order.erase({planned->second, planned->first});
-        planned = m_times.erase(planned);
-    }
+    std::erase_if(m_order, [type](const auto& planned) { return planned.second.first == type; });
 }
 
 std::vector<RetrySchedule::Key> RetrySchedule::TakeDue(std::int64_t nowMs)
@@ -49,7 +38,7 @@ std::vector<RetrySchedule::Key> RetrySchedule::TakeDue(std::int64_t nowMs)
     while (!m_order.empty() && m_order.begin()->first <= nowMs)
     {
         due.push_back(m_order.begin()->second);
-        Forget(due.back());
+        m_order.erase(m_order.begin());
     }
     return due;
 }

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -37,8 +36,7 @@ public:
     static constexpr std::chrono::milliseconds kLongestPause{60000};
 
 private:
-    std::map<Key, std::int64_t> m_times;
-    std::set<std::pair<std::int64_t, Key>> m_order; ///< the entries of m_times, ordered by time
+    std::set<std::pair<std::int64_t, Key>> m_order; ///< time (ms) and key; one entry per key
     IL::RandomSequence m_random;
 };
 

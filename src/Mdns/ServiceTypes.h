@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Mdns/MdnsServiceIF.h"
+
 #include <map>
 #include <string>
 
@@ -7,12 +9,24 @@ namespace SonarixService
 {
 
 /// The browsed service types by MdnsServiceIF::DiscoverableDeviceType. Each row has its own browser.
-extern const std::map<int, std::string> kServiceTypes;
+inline const std::map<int, std::string> kServiceTypes{
+    {MdnsServiceIF::RENDERER, "_kova-lanyard._tcp"},
+    {MdnsServiceIF::CLOCK, "_kova-clock._tcp"},
+    {MdnsServiceIF::ACCESSORY, "_kova-accessory._tcp"},
+};
 
 /// Returns an empty string, which matches no service, for a value without a row.
-const std::string& ServiceTypeFromDeviceType(int deviceType);
+inline std::string ServiceTypeFromDeviceType(int deviceType)
+{
+    const auto row = kServiceTypes.find(deviceType);
+    return row != kServiceTypes.end() ? row->second : std::string();
+}
 
 /// Returns "RENDERER", "SERVER" or "CLOCK", otherwise "Unknown".
-const char* NameFromDeviceType(int deviceType);
+inline const char* NameFromDeviceType(int deviceType)
+{
+    static constexpr const char* kNames[] = {"RENDERER", "SERVER", "CLOCK"};
+    return deviceType >= MdnsServiceIF::RENDERER && deviceType <= MdnsServiceIF::CLOCK ? kNames[deviceType] : "Unknown";
+}
 
 } // namespace SonarixService

@@ -65,43 +65,33 @@ constexpr FlagKey kFlagKeys[] = {
 };
 
 /// Finds the TXT records of one service and collects the keys of unusable ones.
-class TxtReader
+struct TxtReader
 {
-public:
-    explicit TxtReader(const MDNS::Service& service)
-        : m_txt(service.txt)
+    /// Calls `set` with the value of the record, if it exists and is UTF-8.
+    template <class Setter>
+    void Read(const char* key, Setter set)
     {
-    }
-
-    /// Returns null if the record is missing or not UTF-8.
-    const std::string* Text(const char* key)
-    {
-        const auto record = m_txt.find(key);
-        if (record == m_txt.end())
+        const auto record = txt.find(key);
+        if (record == txt.end())
         {
-            return nullptr;
+            return;
         }
-        if (!Utf8::IsValid(record->second))
+        try
         {
-            AddUnusable(key);
-            return nullptr;
+            if (Utf8::IsValid(record->second))
+            {
+                set(record->second);
+                return;
+            }
         }
-        return &record->second;
+        catch (const ProtoToMarkup::MarkupError&) // not the JSON of a version
+        {
+        }
+        unusable += unusable.empty() ? key : std::string(" ") + key;
     }
 
-    void AddUnusable(const char* key)
-    {
-        m_unusable += m_unusable.empty() ? key : std::string(" ") + key;
-    }
-
-    const std::string& Unusable() const
-    {
-        return m_unusable;
-    }
-
-private:
-    const std::map<std::string, std::string>& m_txt;
-    std::string m_unusable;
+    const std::map<std::string, std::string>& txt;
+    std::string unusable;
 };
 
 SXCommon::ConnectionType ConnectionTypeFromText(const std::string& text)
@@ -113,63 +103,37 @@ SXCommon::ConnectionType ConnectionTypeFromText(const std::string& text)
     return text == "WIFI" ? SXCommon::WIFI : SXCommon::UNKNOWN;
 }
 
-void ReadVersions(Sonarix::ProductInfo* info, TxtReader& txt)
-{
-    for (const VersionKey& version : kVersionKeys)
-    {
-        if (const std::string* const text = txt.Text(version.key))
-        {
-            SXCommon::ProtocolVersion parsed;
-            try
-            {
-                ProtoToMarkup::FromJson(*text, &parsed);
-                (info->mutable_multiroom()->*version.read)()->MergeFrom(parsed);
-            }
-            catch (const ProtoToMarkup::MarkupError&)
-            {
-                txt.AddUnusable(version.key);
-            }
-        }
-    }
-}
-
-void ReadClock(SXCommon::ClockInfo* clock, TxtReader& txt)
-{
-    if (const std::string* const domain = txt.Text("CLOCKDOMAIN"))
-    {
-        clock->set_clockdomain(*domain);
-    }
-    for (const FlagKey& flag : kFlagKeys)
-    {
-        if (const std::string* const text = txt.Text(flag.key))
-        {
-            (clock->*flag.read)(*text == "true");
-        }
-    }
-    if (const std::string* const text = txt.Text("CONNECTIONTYPE"))
-    {
-        clock->set_connection(ConnectionTypeFromText(*text));
-    }
-}
-
 } // namespace
 
 std::string GetProductInfoFromService(Sonarix::ProductInfo* info, const MDNS::Service& service)
 {
-    TxtReader txt(service);
+    TxtReader reader{service.txt, {}};
     for (const TextKey& text : kTextKeys)
     {
-        if (const std::string* const value = txt.Text(text.key))
-        {
-            *(info->*text.read)() = *value;
-        }
+        reader.Read(text.key, [&](const std::string& value) { *(info->*text.read)() = value; });
     }
-    ReadVersions(info, txt);
-    ReadClock(info->mutable_clockinfo(), txt); // clockinfo is present even without clock records
+    for (const VersionKey& version : kVersionKeys)
+    {
+        reader.Read(version.key,
+                    [&](const std::string& value)
+                    {
+                        SXCommon::ProtocolVersion parsed;
+                        ProtoToMarkup::FromJson(value, &parsed);
+                        (info->mutable_multiroom()->*version.read)()->MergeFrom(parsed);
+                    });
+    }
+    SXCommon::ClockInfo* const clock = info->mutable_clockinfo(); // present even without clock records
+    reader.Read("CLOCKDOMAIN", [&](const std::string& value) { clock->set_clockdomain(value); });
+    for (const FlagKey& flag : kFlagKeys)
+    {
+        reader.Read(flag.key, [&](const std::string& value) { (clock->*flag.read)(value == "true"); });
+    }
+    reader.Read("CONNECTIONTYPE",
+                [&](const std::string& value) { clock->set_connection(ConnectionTypeFromText(value)); });
 
     info->set_ipaddress(service.address.ipaddr()); // the resolved address replaces that of "DEVICEIP"
     info->set_friendlyname(Utf8::ReplaceInvalid(service.name));
-    return txt.Unusable();
+    return reader.unusable;
 }
 
 std::map<std::string, std::string> TxtFromDeviceInfo(const SonarixPb::DeviceInfo& info)

@@ -447,8 +447,6 @@ private:
         {
             m_override.Set(nullptr);
         }
-        Factory(const Factory&) = delete;
-        Factory& operator=(const Factory&) = delete;
         std::shared_ptr<Made> Create(bool, bool, Callback<> connected, Callback<> restart) override
         {
             ++m_lan->made[m_name];

@@ -23,6 +23,18 @@ using namespace std::chrono_literals;
 namespace
 {
 
+/// A test whose body runs in the namespaces of AvahiHost.
+#define TEST_ON_AVAHI_HOST(name)                                                                                       \
+    void name();                                                                                                       \
+    TEST(AvahiImplTest, name)                                                                                          \
+    {                                                                                                                  \
+        if (AvahiHost::Enter())                                                                                        \
+        {                                                                                                              \
+            name();                                                                                                    \
+        }                                                                                                              \
+    }                                                                                                                  \
+    void name()
+
 const char* const kType = "_kova-clock._tcp";
 const char* const kDatagram = "_kova-test._udp";
 
@@ -96,12 +108,8 @@ Service Resolve(Backend& backend, const ServiceId& id, const std::map<std::strin
     return answer;
 }
 
-TEST(AvahiImplTest, PublishedServicesAreBrowsedAndResolved)
+TEST_ON_AVAHI_HOST(PublishedServicesAreBrowsedAndResolved)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log("4");
     AvahiHost host;
     Backend publisher; // created before the daemon starts
@@ -138,12 +146,8 @@ TEST(AvahiImplTest, PublishedServicesAreBrowsedAndResolved)
     EXPECT_EQ(publisher.restarts.Get() + browser.restarts.Get(), 0);
 }
 
-TEST(AvahiImplTest, CollidingServicesAreRenamed)
+TEST_ON_AVAHI_HOST(CollidingServicesAreRenamed)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log("4");
     AvahiHost host;
     host.StartDaemon();
@@ -171,12 +175,8 @@ TEST(AvahiImplTest, CollidingServicesAreRenamed)
     EXPECT_TRUE(publisher.impl->UpdateService(other));
 }
 
-TEST(AvahiImplTest, InvalidNamesAreRefused)
+TEST_ON_AVAHI_HOST(InvalidNamesAreRefused)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log("4");
     AvahiHost host;
     host.StartDaemon();
@@ -193,12 +193,8 @@ TEST(AvahiImplTest, InvalidNamesAreRefused)
     EXPECT_EQ(backend.restarts.Get(), 0);
 }
 
-TEST(AvahiImplTest, InstancesEndWithPendingCallbacks)
+TEST_ON_AVAHI_HOST(InstancesEndWithPendingCallbacks)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log;
     AvahiHost host;
     host.StartDaemon();
@@ -225,12 +221,8 @@ TEST(AvahiImplTest, InstancesEndWithPendingCallbacks)
     }
 }
 
-TEST(AvahiImplTest, InstancesEndInTheirOwnCallback)
+TEST_ON_AVAHI_HOST(InstancesEndInTheirOwnCallback)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log;
     AvahiHost host;
     host.StartDaemon();
@@ -282,12 +274,8 @@ void PublishNumbers(std::list<Backend>& publishers, std::list<Published>& servic
 }
 
 /// The daemon enforces the limit: it allows this client one browser and kMaxRunning resolvers.
-TEST(AvahiImplTest, ResolvesBeyondTheLimitWait)
+TEST_ON_AVAHI_HOST(ResolvesBeyondTheLimitWait)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log;
     AvahiHost host;
     host.StartDaemon(1 + ResolveQueue::kMaxRunning);
@@ -334,12 +322,8 @@ TEST(AvahiImplTest, ResolvesBeyondTheLimitWait)
     EXPECT_EQ(answers.Get().size(), ResolveQueue::kMaxRunning) << "a cancelled resolve has a result";
 }
 
-TEST(AvahiImplTest, FullQueueEndsWithoutCallbacks)
+TEST_ON_AVAHI_HOST(FullQueueEndsWithoutCallbacks)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log;
     AvahiHost host;
     host.StartDaemon();
@@ -375,12 +359,8 @@ TEST(AvahiImplTest, FullQueueEndsWithoutCallbacks)
     }
 }
 
-TEST(AvahiImplTest, TooFewAllowedObjectsAreLoggedOnce)
+TEST_ON_AVAHI_HOST(TooFewAllowedObjectsAreLoggedOnce)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log;
     AvahiHost host;
     host.StartDaemon(4);
@@ -410,12 +390,8 @@ void PublishMany(Backend& publisher, std::list<Published>& services)
     }
 }
 
-TEST(AvahiImplTest, BrowseOfManyServicesIsRepeatedInternally)
+TEST_ON_AVAHI_HOST(BrowseOfManyServicesIsRepeatedInternally)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     LogCapture log("3,mDNS=6");
     AvahiHost host;
     host.StartDaemon();
@@ -456,12 +432,8 @@ TEST(AvahiImplTest, BrowseOfManyServicesIsRepeatedInternally)
     }
 }
 
-TEST(AvahiImplTest, BrowseThatEndsIsNotRepeated)
+TEST_ON_AVAHI_HOST(BrowseThatEndsIsNotRepeated)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     LogCapture log("3,mDNS=6");
     AvahiHost host;
     host.StartDaemon();
@@ -488,12 +460,8 @@ TEST(AvahiImplTest, BrowseThatEndsIsNotRepeated)
     EXPECT_EQ(browser.restarts.Get(), 1);
 }
 
-TEST(AvahiImplTest, EndOfDaemonAndBusIsReportedOnce)
+TEST_ON_AVAHI_HOST(EndOfDaemonAndBusIsReportedOnce)
 {
-    if (!AvahiHost::Enter())
-    {
-        return;
-    }
     const LogCapture log;
     AvahiHost host;
     host.StartDaemon();
