@@ -91,7 +91,9 @@ Service Resolve(Backend& backend, const ServiceId& id, const std::map<std::strin
 {
     Watched<int> answers{0};
     Service answer;
-    for (int attempt = 1; attempt <= 50 && (answer.name != id.name || answer.txt != txt); ++attempt)
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    for (int attempt = 1; (answer.name != id.name || answer.txt != txt) && std::chrono::steady_clock::now() < end;
+         ++attempt)
     {
         const CallbackConnection connection = backend.impl->Resolve(id,
                                                                     [&](const std::string& host, const Service& service)
