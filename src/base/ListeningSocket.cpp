@@ -1,15 +1,12 @@
 #include "base/ListeningSocket.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/file.h>
+#include <mutex>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -63,20 +60,7 @@ int MakeSocket()
     return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 }
 
-/// For as long as the descriptor is open. One of us holds it for a moment; where a stranger does, for whom it is enough
-/// to read the folder, we do without: flock() itself would wait for good.
-void Lock(int folder)
-{
-    constexpr std::chrono::milliseconds kLimit{1000};
-    constexpr std::chrono::milliseconds kPause{5};
-    const auto until = std::chrono::steady_clock::now() + kLimit;
-    while (::flock(folder, LOCK_EX | LOCK_NB) != 0 && std::chrono::steady_clock::now() < until)
-    {
-        std::this_thread::sleep_for(kPause);
-    }
-}
-
-/// Removes the file of a socket that nobody listens on. Empty on success, else what is in the way.
+/// Removes the file of a socket on which no process listens. Returns the obstacle, empty on success.
 std::string RemoveLeftover(const std::string& path)
 {
     struct stat status = {};
@@ -86,7 +70,7 @@ std::string RemoveLeftover(const std::string& path)
     }
     if (!S_ISSOCK(status.st_mode))
     {
-        return "a file that is no socket is in its place";
+        return "the path exists and is not a socket";
     }
     const Descriptor probe(MakeSocket());
     const sockaddr_un address = AddressOf(path);
@@ -96,7 +80,7 @@ std::string RemoveLeftover(const std::string& path)
     }
     if (::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN)
     {
-        return "another process listens on it"; // EAGAIN: its queue is full
+        return "another process listens on it"; // EAGAIN: its backlog is full
     }
     if (errno != ECONNREFUSED)
     {
@@ -120,16 +104,12 @@ std::string ListeningSocket::Open(const std::string& path, mode_t mode)
 {
     if (path.empty() || path.size() >= sizeof(sockaddr_un::sun_path))
     {
-        return "a path of " + std::to_string(path.size()) + " bytes is none of a socket";
+        return "a socket's path cannot have " + std::to_string(path.size()) + " bytes";
     }
-    // Two that find the same leftover at once must not each remove what the other has just made.
-    const std::string directory = path.substr(0, path.find_last_of('/') + 1);
-    const Descriptor lock(::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (lock.Get() < 0)
-    {
-        return ErrorText(errno);
-    }
-    Lock(lock.Get());
+    // Two threads that find the same leftover must not remove each other's new socket. Two processes do not share a run
+    // directory: see SystemUtils::ThereCanBeOnlyOne(). A lock on a file would let other users delay the start.
+    static std::mutex s_mutex;
+    const std::lock_guard lock(s_mutex);
     const std::string obstacle = RemoveLeftover(path);
     return obstacle.empty() ? Bind(path, mode) : obstacle;
 }
@@ -142,7 +122,7 @@ std::string ListeningSocket::Bind(const std::string& path, mode_t mode)
     {
         return ErrorText(errno);
     }
-    // Nobody can connect before the last of these, so nobody comes in by another mode.
+    // A client can connect only after listen(), so the mode is set before.
     struct stat status = {};
     if (::chmod(path.c_str(), mode) != 0 || ::lstat(path.c_str(), &status) != 0 ||
         ::listen(socket.Get(), SOMAXCONN) != 0)

@@ -3,8 +3,8 @@
 #include <string>
 #include <sys/types.h>
 
-/// A Unix stream socket that listens, with its file. Owns the descriptor until that is taken, and the file.
-/// Any thread, one at a time.
+/// A listening Unix stream socket and its file. Owns the file, and the descriptor until Release().
+/// Safe from any thread, one at a time.
 class ListeningSocket final
 {
 public:
@@ -13,21 +13,21 @@ public:
     ListeningSocket(const ListeningSocket&) = delete;
     ListeningSocket& operator=(const ListeningSocket&) = delete;
 
-    /// Makes the file, with that mode from the first moment in which anybody can connect. One that nobody listens on is
-    /// replaced. Empty on success, else what is wrong.
+    /// Creates the file; no client can connect before it has this mode. Replaces the file of a socket on which no
+    /// process listens. Returns the error, empty on success.
     [[nodiscard]] std::string Open(const std::string& path, mode_t mode);
 
-    /// The caller's from here on.
+    /// Passes the descriptor to the caller.
     int Release();
 
-    /// Removes the file, where it is still the one that was made.
+    /// Removes the file unless another file has replaced it.
     void RemoveFile();
 
 private:
     std::string Bind(const std::string& path, mode_t mode);
 
     int m_descriptor = -1;
-    std::string m_path; ///< empty: no file is ours
+    std::string m_path; ///< empty: owns no file
     dev_t m_device = 0;
     ino_t m_inode = 0;
 };
