@@ -3,7 +3,6 @@
 #include "runtime/engine/Engine.h"
 
 #include <chrono>
-#include <mutex>
 
 namespace
 {
@@ -26,21 +25,13 @@ public:
 
     void SetTimeouts(unsigned int firstMilliseconds, unsigned int repeatMilliseconds) override
     {
-        const std::lock_guard lock(m_mutex);
         m_first = milliseconds(firstMilliseconds);
         m_repeat = milliseconds(repeatMilliseconds);
     }
 
     void Start(const Callback<void>& callback) override
     {
-        milliseconds first;
-        milliseconds repeat;
-        {
-            const std::lock_guard lock(m_mutex);
-            first = m_first;
-            repeat = m_repeat;
-        }
-        m_state->Arm(first, repeat, callback);
+        m_state->Arm(m_first, m_repeat, callback);
     }
 
     void Stop() override
@@ -50,7 +41,6 @@ public:
 
 private:
     const std::shared_ptr<IL::TimerState> m_state;
-    std::mutex m_mutex;
     milliseconds m_first{0};
     milliseconds m_repeat{0};
 };

@@ -9,11 +9,12 @@ class NotifyTargetTaskIF;
 
 namespace IL
 {
-class TimerState; // the engine's side of a timer
+class TimerState;
 }
 
-/// A one-shot timer, held by value. The callback runs on `task`. Arming again replaces what was armed.
-/// After Cancel() or the destructor, called on `task`, the callback does not run, not even if it was due already.
+/// A one-shot timer, held by value. The callback runs on `task`. Arming again replaces the pending callback.
+/// Safe from any thread. After Cancel() or the destructor, called on `task`, the callback does not run, even if the
+/// timer was due already. After the task has stopped, arming does nothing. With a null task the timer never fires.
 class MessageTimer final
 {
 public:
@@ -29,12 +30,13 @@ private:
     std::shared_ptr<IL::TimerState> m_state;
 };
 
-/// The other family of timers: the times are set apart from starting. Same promises as MessageTimer.
+/// A timer that can repeat; its times are set separately from starting. It guarantees what MessageTimer guarantees,
+/// but SetTimeouts() and Start() are called from one thread at a time.
 class APTimerIF
 {
 public:
     virtual ~APTimerIF() = default;
-    /// `repeatMilliseconds` 0: one shot for each Start.
+    /// Takes effect at the next Start(). `repeatMilliseconds` 0: fires once for each Start().
     virtual void SetTimeouts(unsigned int firstMilliseconds, unsigned int repeatMilliseconds) = 0;
     /// Restarts the timer if it runs.
     virtual void Start(const Callback<void>& callback) = 0;

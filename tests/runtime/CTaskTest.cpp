@@ -1,9 +1,10 @@
 #include "runtime/CTask.h"
+#include "runtime/engine/ThreadName.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RealTask.h"
 #include "tests/support/Watched.h"
 
 #include <array>
-#include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 #include <pthread.h>
@@ -12,16 +13,23 @@
 namespace
 {
 
-class Looker final : public CTask
+std::string NameOfThisThread()
+{
+    std::array<char, 32> name{};
+    pthread_getname_np(pthread_self(), name.data(), name.size());
+    return name.data();
+}
+
+class ThrowingTask final : public CTask
 {
 public:
-    Looker(Watched<bool>& released, Watched<bool>& destroyed)
+    ThrowingTask(Watched<bool>& released, Watched<bool>& destroyed)
         : CTask("A name of more than fifteen bytes", false, CTask::NOT_REALTIME, -1)
         , m_released(released)
         , m_destroyed(destroyed)
     {
     }
-    ~Looker() override
+    ~ThrowingTask() override
     {
         m_destroyed.Set(true);
     }
@@ -30,14 +38,8 @@ private:
     void Body() override
     {
         EXPECT_TRUE(m_released.WaitFor(true));
-        EXPECT_FALSE(m_destroyed.Get()) << "with its owner's last reference";
-        std::array<char, 32> name{};
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        EXPECT_STREQ(name.data(), "A name of more ");
-        sigset_t blocked;
-        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-        EXPECT_TRUE(sigismember(&blocked, SIGTERM) && sigismember(&blocked, SIGPIPE));
-        EXPECT_FALSE(sigismember(&blocked, SIGSEGV) || sigismember(&blocked, SIGABRT));
+        EXPECT_FALSE(m_destroyed.Get()) << "destroyed with its owner's last reference";
+        EXPECT_EQ(NameOfThisThread(), "A nam~een bytes");
         throw std::runtime_error("out of the body");
     }
 
@@ -45,20 +47,31 @@ private:
     Watched<bool>& m_destroyed;
 };
 
-TEST(CTask, LivesUntilItsBodyHasEndedAndTakesNoSignalsButFaults)
+TEST(CTask, ExistsUntilItsBodyHasEnded)
 {
     const LogCapture log;
     Watched<bool> released;
     Watched<bool> destroyed;
-    auto task = std::make_shared<Looker>(released, destroyed);
+    auto task = std::make_shared<ThrowingTask>(released, destroyed);
     task->Start();
     task.reset();
     released.Set(true);
     ASSERT_TRUE(destroyed.WaitFor(true));
-    sigset_t own;
-    pthread_sigmask(SIG_BLOCK, nullptr, &own);
-    EXPECT_FALSE(sigismember(&own, SIGTERM)) << "blocked on the starter as well";
     EXPECT_TRUE(log.Contains("out of the body")) << log.Text();
+}
+
+TEST(ThreadName, ShowsBothEndsOfALongTaskName)
+{
+    using IL::ThreadNameFromTaskName;
+    EXPECT_EQ(ThreadNameFromTaskName("DiscoveryServiceControllerTask"), "Disco~ontroller");
+    EXPECT_EQ(ThreadNameFromTaskName("DiscoveryServiceIPCServerTask"), "Disco~IPCServer");
+    EXPECT_EQ(ThreadNameFromTaskName("SsdpDiscoveryProtocolTask"), "SsdpD~yProtocol");
+    EXPECT_EQ(ThreadNameFromTaskName("SsdpDiscoveryTask"), "SsdpDiscovery");
+    EXPECT_EQ(ThreadNameFromTaskName("FifteenByteTask"), "FifteenByteTask");
+    EXPECT_EQ(ThreadNameFromTaskName("FifteenAndMoreTask"), "FifteenAndMore");
+    EXPECT_EQ(ThreadNameFromTaskName(""), "");
+    const RealTask task("MdnsDiscoveryProtocolTask");
+    task.Run([] { EXPECT_EQ(NameOfThisThread(), "MdnsD~yProtocol"); });
 }
 
 } // namespace

@@ -161,6 +161,7 @@ TEST(Task, TimersAndCallbacksUsedFromEverywhereWhileItStops)
         const RealTask target("target");
         auto timer = std::make_unique<MessageTimer>("timer", target.Get());
         const std::shared_ptr<APTimerIF> repeating = APTimerFactory::CreateTimer(target.Get(), "repeating");
+        repeating->SetTimeouts(0, 1);
         std::atomic<bool> stopped = false;
         std::atomic<int> late = 0;
         target.Get()->ConnectStopNotification([&stopped] { stopped = true; });
@@ -173,7 +174,6 @@ TEST(Task, TimersAndCallbacksUsedFromEverywhereWhileItStops)
             for (int i = 0; i < 200; ++i)
             {
                 timer->PostIn(i % 2, count);
-                repeating->SetTimeouts(0, 1);
                 repeating->Start(count);
                 (i % 3 == 0) ? timer->Cancel() : repeating->Stop();
                 MessageTimer("short-lived", target.Get()).PostIn(0, [] {});

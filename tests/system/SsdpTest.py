@@ -14,8 +14,8 @@ MISSED_SECONDS = SEARCH_SECONDS + 10
 #: From the return of the network to the response of a device with MX = 3 s.
 FOUND_SECONDS = 15
 SEARCH_BEGINS = "Restarting browser on eth0"
-#: Thread names, truncated by the kernel. The threads exist from start to stop of discovery.
-THREADS = {"GSSDPMainLoop", "SsdpDiscoveryTa"}
+#: Thread names as the kernel shows them. The threads exist from start to stop of discovery.
+THREADS = {"GSSDPMainLoop", "SsdpDiscovery"}
 
 
 class Ssdp(LabCase):

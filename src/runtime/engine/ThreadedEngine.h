@@ -11,8 +11,8 @@ namespace IL
 
 class ThreadedTask;
 
-/// The product's engine: a thread for each task, the kernel's monotonic clock. One for the process, never
-/// destroyed, as are its tasks.
+/// The product's engine: one thread for each task, the kernel's monotonic clock. One object for the process. The
+/// engine and its tasks are never destroyed.
 class ThreadedEngine final : public Engine
 {
 public:

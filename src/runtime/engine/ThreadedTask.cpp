@@ -3,6 +3,7 @@
 #include "runtime/CaughtException.h"
 #include "runtime/DPrint.h"
 #include "runtime/engine/CurrentTask.h"
+#include "runtime/engine/ThreadName.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -18,14 +19,12 @@ namespace
 
 const DPrint s_log("Tasks");
 
-/// Enough for what runs on tasks; sanitizers make frames several times larger.
+/// Stack of a task. Frames of sanitizer builds are several times larger.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::size_t kStackBytes = std::size_t{4} * 1024 * 1024;
 #else
 constexpr std::size_t kStackBytes = std::size_t{512} * 1024;
 #endif
-
-constexpr std::size_t kThreadNameLength = 15; ///< the kernel's limit, without the end of the string
 
 } // namespace
 
@@ -35,11 +34,11 @@ namespace IL
 struct ThreadedTask::Context : boost::asio::io_context
 {
     Context()
-        : io_context(1) // one thread runs it
+        : io_context(1) // concurrency hint: one thread runs it
         , m_work(get_executor())
     {
     }
-    using execution_context::shutdown; // destroys the handlers that wait, keeps the services for their sockets
+    using execution_context::shutdown; // destroys pending handlers; sockets may still use the services
 
     boost::asio::executor_work_guard<executor_type> m_work;
     std::optional<boost::asio::steady_timer> m_alarm; ///< task's thread only
@@ -71,7 +70,7 @@ void* ThreadedTask::ThreadMain(void* self)
 void ThreadedTask::Run()
 {
     const CurrentTaskScope current(this);
-    pthread_setname_np(pthread_self(), m_name.substr(0, kThreadNameLength).c_str());
+    SetThreadName(m_name);
     for (bool running = true; running;)
     {
         try
@@ -87,8 +86,8 @@ void ThreadedTask::Run()
     End();
 }
 
-/// The rest of a stop, on the task's thread. What is thrown away is destroyed outside the lock: destructors of
-/// entries and callbacks may call us.
+/// Last step of the thread. Dropped entries and callbacks are destroyed outside the lock, because their destructors may
+/// call this task.
 void ThreadedTask::End()
 {
     {
@@ -183,7 +182,7 @@ CallbackConnection ThreadedTask::ConnectStopNotification(const Callback<void>& c
         const std::lock_guard lock(m_mutex);
         if (!m_stopNotified)
         {
-            // Guarded one by one: one that throws must not keep the others from being told.
+            // Each callback has its own try block, so that one that throws does not skip the others.
             return m_stopNotifications.Connect(
                 [callback, name = m_name]
                 {
@@ -237,7 +236,7 @@ boost::asio::io_context& ThreadedTask::IoContext()
 {
     const std::lock_guard lock(m_mutex);
     m_contextLent = true;
-    if (!m_context) // the task is over: what is given out is valid, and runs nothing
+    if (!m_context) // the task has ended: this context is valid and runs no handler
     {
         m_context = std::make_unique<Context>();
     }
@@ -249,7 +248,7 @@ void ThreadedTask::ArmTimer(TimerSlot& slot, std::chrono::milliseconds first, st
 {
     const auto armed = std::make_shared<const Callback<void>>(callback);
     const Clock::time_point due = Clock::now() + first;
-    std::shared_ptr<const Callback<void>> replaced; // destroyed after the lock
+    std::shared_ptr<const Callback<void>> replaced; // destroyed after the lock is released
     const std::lock_guard lock(m_mutex);
     replaced = RemoveTimer(slot);
     if (m_stopping)
@@ -279,12 +278,12 @@ void ThreadedTask::ArmTimer(TimerSlot& slot, std::chrono::milliseconds first, st
 
 void ThreadedTask::CancelTimer(TimerSlot& slot)
 {
-    std::shared_ptr<const Callback<void>> removed; // destroyed after the lock
+    std::shared_ptr<const Callback<void>> removed; // destroyed after the lock is released
     const std::lock_guard lock(m_mutex);
     removed = RemoveTimer(slot);
 }
 
-/// With the mutex held. The alarm stays: one that rings for nothing sets itself anew.
+/// With the mutex held. The steady_timer keeps its time: if it expires early, OnAlarm() sets it again.
 std::shared_ptr<const Callback<void>> ThreadedTask::RemoveTimer(TimerSlot& slot)
 {
     if (!slot.m_key)
@@ -321,7 +320,7 @@ void ThreadedTask::SetAlarm()
         });
 }
 
-/// Fires one timer. Those due at the same time follow as handlers of their own, so that entries come in between.
+/// Fires one timer. Others due at the same time follow in handlers of their own, so that queued entries run in between.
 void ThreadedTask::OnAlarm()
 {
     std::shared_ptr<const Callback<void>> callback;
@@ -342,7 +341,7 @@ void ThreadedTask::OnAlarm()
             timer.m_slot->m_key.reset();
             if (timer.m_repeat.count() > 0)
             {
-                // A task that was held up fires once for all that it missed.
+                // A repeating timer of a task that was busy fires once for all missed times.
                 timer.m_slot->m_key = TimerKey(next > now ? next : now + timer.m_repeat, ++m_timersArmed);
                 const TimerKey key = *timer.m_slot->m_key;
                 m_timers.emplace(key, std::move(timer));

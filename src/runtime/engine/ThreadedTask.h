@@ -24,12 +24,12 @@ class io_context;
 namespace IL
 {
 
-/// A task that is a thread: one io_context serves its queue, its timers and its sockets. Owned by the threaded
-/// engine, which never destroys it. Every public operation is safe from any thread.
+/// A task with a thread: one io_context serves its queue, its timers and its sockets. The threaded engine owns it and
+/// never destroys it. Every public operation is safe from any thread.
 ///
-/// Design: entries and timers lie in containers of ours under one mutex; the io_context only wakes the thread.
-/// So a stop can throw away what is queued, and a cancelled timer is gone although it was due. One steady_timer,
-/// set to the earliest of all timers, is made when the first timer is armed: a task at rest without timers and
+/// Design: entries and timers are kept in this class's containers under one mutex; the io_context only wakes the
+/// thread. So a stop can drop what is queued, and a cancelled timer does not fire although it was due. One
+/// steady_timer, set to the earliest timer, is created when the first timer is armed: an idle task without timers and
 /// sockets holds no descriptor.
 class ThreadedTask final : public NotifyTargetTaskIF
 {
@@ -37,13 +37,13 @@ public:
     using Clock = std::chrono::steady_clock;
     using TimerKey = std::pair<Clock::time_point, std::uint64_t>; ///< equal times fire in the order of arming
 
-    /// A timer's place among the armed ones; guarded by this task's mutex.
+    /// Key of an armed timer in m_timers; guarded by the task's mutex.
     struct TimerSlot
     {
         std::optional<TimerKey> m_key;
     };
 
-    /// Makes the thread; throws std::system_error where there is none to be had.
+    /// Starts the thread; throws std::system_error if it cannot be created.
     explicit ThreadedTask(const std::string& name);
     ~ThreadedTask() override;
     ThreadedTask(const ThreadedTask&) = delete;
@@ -87,7 +87,7 @@ private:
     CallbackRegistry<> m_stopNotifications;
 
     mutable std::mutex m_mutex;
-    std::unique_ptr<Context> m_context; ///< gone after the task's end, unless lent
+    std::unique_ptr<Context> m_context; ///< null after the task's end, unless given out by IoContext()
     bool m_contextLent = false;
     std::deque<std::shared_ptr<CallbackEntry>> m_queue;
     std::map<TimerKey, ArmedTimer> m_timers;
@@ -98,7 +98,7 @@ private:
     pthread_t m_thread{};
     std::condition_variable m_endChanged;
     bool m_ended = false;
-    bool m_joining = false; ///< somebody is in pthread_join; else the thread detaches itself at its end
+    bool m_joining = false; ///< a thread is in pthread_join; otherwise the task's thread detaches itself at its end
     bool m_joined = false;
 };
 
