@@ -6,8 +6,8 @@
 namespace Portico
 {
 
-/// Growing pauses with jitter: each between half and the whole of a step that doubles from kFirst to kLongest, so
-/// that hundreds of clients of one gateway do not come back in one instant. A value of one task.
+/// Pauses between retries: random between half and the whole of a step, which doubles from kFirst to kLongest. The
+/// jitter keeps hundreds of clients of one gateway from reconnecting at one instant. A value, not synchronised.
 class Backoff
 {
 public:
@@ -15,7 +15,7 @@ public:
     static constexpr std::chrono::milliseconds kLongest{5000};
 
     using Random = std::function<double()>; ///< uniform in [0, 1)
-    Backoff();                              ///< with a random number of the process
+    Backoff();                              ///< with a generator seeded by the operating system
     explicit Backoff(Random random);
 
     std::chrono::milliseconds Next();

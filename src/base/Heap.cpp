@@ -7,10 +7,10 @@
 #define SONARIX_TEXT_OF(macro) SONARIX_TEXT(macro)
 #define SONARIX_TEXT(word) #word
 
-/// Read by jemalloc when it starts, before main(). One arena, since its locks are for each size and few threads meet
-/// there. Blocks of 128 KiB and more, which the list of hundreds of products comes and goes in, go back at once, other
-/// free pages after 100 ms. Small blocks share single pages, and a thread keeps few free ones for itself, so that what
-/// outlives a burst keeps few pages. No thread of its own, which would wake an idle daemon.
+/// Read by jemalloc before main(). One arena: its locks are per size class, and few threads allocate at once. Blocks of
+/// 128 KiB and more, for example the JSON of hundreds of products, are returned to the kernel at once, other free pages
+/// after 100 ms. Slabs of one page and small thread caches: the few blocks that survive a burst then keep few pages. No
+/// background thread, because it would wake an idle daemon.
 // NOLINTNEXTLINE(readability-identifier-naming,misc-use-internal-linkage)
 const char* malloc_conf =
     "narenas:1,oversize_threshold:131072,dirty_decay_ms:100,muzzy_decay_ms:0,slab_sizes:1-768:1,"

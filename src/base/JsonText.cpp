@@ -5,8 +5,8 @@
 #include <array>
 #include <string_view>
 
-// A block of 16 bytes may end behind the text that it begins in, though never on another page: the sanitizers take that
-// for a fault.
+// RapidJSON's SIMD code reads aligned blocks of 16 bytes, which may extend past the text but not into another page. The
+// sanitizers report that, so their builds read byte by byte.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define SONARIX_BYTE_BY_BYTE
 #elif defined(__has_feature)
@@ -29,8 +29,8 @@ namespace
 using JsonText::Frame;
 using JsonText::Verdict;
 
-/// Hears of each token, counts what is bounded and notes where the value of one of the two places begins and ends.
-/// Answers false to end the reading at a bound.
+/// SAX handler that enforces the limits and records where the body begins and ends. Returns false to stop the parser at
+/// a limit.
 class FrameScan : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, FrameScan>
 {
 public:
@@ -39,7 +39,7 @@ public:
     {
     }
 
-    /// A plain value.
+    /// A value that is neither an object nor an array.
     bool Default()
     {
         m_isNext = false;
@@ -78,7 +78,7 @@ public:
         return Close();
     }
 
-    /// Whether there is exactly one value in the two places, and it is an object or a list.
+    /// True if exactly one member is a candidate for the body, and its value is an object or array.
     bool HasBody() const
     {
         return m_found == 1 && m_end > 0;
@@ -104,7 +104,7 @@ private:
         if (m_isNext)
         {
             m_isNext = false;
-            m_begin = m_stream.Tell() - 1; // its bracket is read
+            m_begin = m_stream.Tell() - 1; // the parser is past the bracket
             m_bodyDepth = m_depth;
         }
         m_members[++m_depth] = 0;
@@ -123,11 +123,11 @@ private:
     }
 
     const rapidjson::StringStream& m_stream;
-    std::array<std::size_t, JsonText::kMaxNesting + 1> m_members{}; ///< by depth; the first is around the text
+    std::array<std::size_t, JsonText::kMaxNesting + 1> m_members{}; ///< by depth; index 0 is unused
     std::size_t m_depth = 0;
-    std::size_t m_bodyDepth = 0; ///< of the object that holds the body while that is open, else 0
+    std::size_t m_bodyDepth = 0; ///< depth of the object that holds the body while the body is open, else 0
     bool m_isInParams = false;
-    bool m_isNext = false; ///< the next value stands in one of the two places
+    bool m_isNext = false; ///< the next value is the body
     int m_found = 0;
     std::size_t m_begin = 0;
     std::size_t m_end = 0;
@@ -136,13 +136,13 @@ private:
 Verdict Scan(const std::string& text, rapidjson::StringStream& stream, FrameScan& scan)
 {
     rapidjson::Reader reader;
-    // Numbers stay texts: nobody asks for their values here.
+    // Numbers are not converted, because their values are not used.
     const rapidjson::ParseResult result = reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(stream, scan);
     if (result.Code() == rapidjson::kParseErrorTermination)
     {
         return Verdict::TOO_COMPLEX;
     }
-    // A NUL ends the reading like the end of the text.
+    // A NUL byte ends the parser like the end of the text, hence the comparison of sizes.
     return !result.IsError() && stream.Tell() == text.size() && Utf8::IsValid(text) ? Verdict::JSON : Verdict::NO_JSON;
 }
 

@@ -42,7 +42,7 @@ bool IsValid(std::string_view text)
         {
             std::memcpy(&eight, text.data() + at, sizeof eight);
         }
-        if ((eight & kHighBits) == 0) // nearly all of it is ASCII
+        if ((eight & kHighBits) == 0) // eight ASCII characters, the usual case
         {
             at += sizeof eight;
             continue;

@@ -4,17 +4,17 @@
 #include <string>
 #include <string_view>
 
-/// Texts from the LAN are bytes until looked at. Stateless, from any thread.
+/// Validation of UTF-8. Stateless, safe from any thread.
 namespace Utf8
 {
 
-/// Bytes of the well-formed sequence at `at`; 0 where there is none (an overlong form, a surrogate, anything above
-/// U+10FFFF, a sequence cut short).
+/// Length in bytes of the well-formed sequence at `at` (Unicode 15, table 3-7). 0 for an overlong form, a surrogate, a
+/// value above U+10FFFF or a truncated sequence.
 std::size_t SequenceLength(std::string_view text, std::size_t at);
 
 bool IsValid(std::string_view text);
 
-/// `text` with every byte that belongs to no well-formed sequence replaced by U+FFFD.
+/// Replaces every byte outside well-formed sequences by U+FFFD.
 std::string ReplaceInvalid(std::string_view text);
 
 } // namespace Utf8

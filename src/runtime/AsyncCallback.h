@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <utility>
 
-/// What all AsyncCallbacks share: the target task, forgotten when that task stops.
+/// The target task of an AsyncCallback, null once that task has stopped.
 class AsyncCallbackImplBase : public std::enable_shared_from_this<AsyncCallbackImplBase>
 {
 public:
@@ -26,7 +26,7 @@ public:
         m_stopConnection.Disconnect();
     }
 
-    /// Subscribes to the end of the task; not part of construction because it needs shared_from_this.
+    /// Subscribes to the task's stop notification. Not in the constructor, because it needs shared_from_this().
     void Initialize()
     {
         NotifyTargetTaskIF* const task = m_task.load();
@@ -45,7 +45,7 @@ protected:
     }
 
 private:
-    /// Reaches an Impl that may be gone by the time that the task stops.
+    /// Refers to an Impl that may have been destroyed when the task stops.
     class WeakRef
     {
     public:
@@ -69,9 +69,9 @@ private:
     CallbackConnection m_stopConnection;
 };
 
-/// A callable that always runs on the task that its creator named. A call copies its arguments and returns at
-/// once; after the task's end, or with a null task, it is dropped silently. Copies share one Impl. Destroying
-/// every copy does not cancel a call in flight: owners stop their task before they go.
+/// A callable that always runs on the task given at construction. A call copies its arguments, posts and returns. After
+/// the task's stop notification, or with a null task, a call does nothing. Copies share one Impl. Destroying every copy
+/// does not cancel a posted call: owners stop their task before they are destroyed, or use runtime/Liveness.h.
 template <class... Args>
 class AsyncCallback
 {
@@ -90,7 +90,7 @@ public:
     }
 
 private:
-    /// One call on its way to the task: a copy of the function bound to copies of the arguments.
+    /// One posted call: a copy of the function and copies of the arguments.
     class AsyncCallbackEntry final : public IL::CallbackEntry
     {
     public:

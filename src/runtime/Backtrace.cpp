@@ -22,10 +22,10 @@ std::string WithOffset(const std::string& name, const void* address, const void*
     return name + offset;
 }
 
-/// "Class::Function(int)+0x12 (program)", or "program+0x1234" where only the module is known.
-std::string Resolve(void* address)
+/// "Class::Function(int)+0x12 (program)", or "program+0x1234" if only the module is known.
+std::string TextFromAddress(void* address)
 {
-    // A return address may be the first byte of the next function: look at the call itself.
+    // A return address may be the first byte of the next function, so the byte before it is looked up.
     const void* const call = static_cast<const char*>(address) - 1;
     Dl_info info = {};
     if (dladdr(call, &info) == 0 || info.dli_fname == nullptr)
@@ -53,7 +53,7 @@ std::vector<std::string> backtrace()
     texts.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
     {
-        texts.push_back(Resolve(frames[static_cast<std::size_t>(i)]));
+        texts.push_back(TextFromAddress(frames[static_cast<std::size_t>(i)]));
     }
     return texts;
 }

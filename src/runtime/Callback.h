@@ -5,9 +5,8 @@
 #include <type_traits>
 #include <utility>
 
-/// A callable that may be empty: calling an empty one does nothing, so that an omitted response or error
-/// callback is legal everywhere. Runs on the thread that calls it; to hop to a task, wrap an AsyncCallback.
-/// A value: copies are independent. Never blocks and never logs by itself.
+/// A callable that may be empty. Calling an empty one does nothing, so every response or error callback is optional.
+/// Runs on the calling thread; to run on a task, construct it from an AsyncCallback. A value: copies are independent.
 template <class... Args>
 class Callback
 {
@@ -45,7 +44,7 @@ private:
     std::function<void(const Args&...)> m_function;
 };
 
-/// The notation for a callback without arguments, the same as Callback<>.
+/// A callback without arguments; converts from and to Callback<>.
 template <>
 class Callback<void> : public Callback<>
 {

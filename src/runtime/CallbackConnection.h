@@ -3,7 +3,7 @@
 #include <memory>
 #include <utility>
 
-/// What a subscription can do. Implemented by registries, backends and the gateway client.
+/// A subscription or another cancellable request. Implemented by registries, mDNS backends and the gateway client.
 class CallbackConnectionIF
 {
 public:
@@ -12,9 +12,14 @@ public:
     virtual ~CallbackConnectionIF() = default;
 };
 
-/// Handle of a subscription. Its destruction does NOT disconnect: dropping or overwriting a handle leaves
-/// the subscription in force. An owner that wants the end with its own end holds a ScopedConnection.
-/// Not synchronised: each handle belongs to one task. Disconnecting twice is harmless.
+/// Handle of a subscription. A value, not synchronised: each handle belongs to one task. Disconnecting twice is
+/// harmless.
+///
+/// Dropping or overwriting the last handle:
+/// - of a CallbackRegistry, a task's stop notification or the gateway client leaves the subscription active. The owner
+///   calls Disconnect(), or holds a ScopedConnection.
+/// - from Browse(), Resolve() or PublishService() of mDNS ends the operation, because these objects are owned by their
+///   handle and clean up in their destructor.
 class CallbackConnection
 {
 public:
@@ -26,7 +31,7 @@ public:
 
     void Disconnect() const
     {
-        // A copy: what is called may overwrite this very handle.
+        // A copy, because the called object may overwrite this handle.
         if (const std::shared_ptr<CallbackConnectionIF> connection = m_connection)
         {
             connection->Disconnect();
@@ -51,7 +56,7 @@ private:
     std::shared_ptr<CallbackConnectionIF> m_connection;
 };
 
-/// Holds a subscription and ends it with its own end, or when another one is assigned.
+/// Holds a subscription; disconnects it in the destructor, or when another one is assigned.
 class ScopedConnection final
 {
 public:

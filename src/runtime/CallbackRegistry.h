@@ -9,14 +9,14 @@
 #include <memory>
 #include <utility>
 
-/// A signal with any number of subscribers, called in the order of connection. Safe from any thread. The mutex
-/// is held for list work and for `onEmpty` only, never for a subscriber: a subscriber runs on the sender's
-/// thread, and one that must run on its own task connects an AsyncCallback. Subscribers are not to throw.
+/// A signal with any number of subscribers, called in the order of connection. Safe from any thread. The mutex is held
+/// for changes of the list and for `onEmpty`, never for a subscriber. A subscriber runs on the sender's thread; one
+/// that must run on its own task connects an AsyncCallback. Subscribers must not throw.
 ///
-/// Design: Send walks a snapshot. A subscriber that leaves in the middle is not called any more; its node is
-/// taken out of the list at the end of the Send. The lists live in a shared State, so that neither a
-/// CallbackConnection nor a Send that runs on another thread touches a registry after its end. Callables are
-/// destroyed after the mutex is released: what they hold may have a destructor that takes other locks.
+/// Design: Send() calls a snapshot of the list. A subscriber that disconnects meanwhile is skipped; its node is removed
+/// from the list at the end of Send(). The lists are in a shared State, so that neither a CallbackConnection nor a
+/// Send() on another thread accesses a destroyed registry. Callables are destroyed after the mutex is released, because
+/// destructors of what they hold may take other locks.
 template <class... Args>
 class CallbackRegistry
 {
@@ -24,11 +24,11 @@ class CallbackRegistry
     using Node = std::shared_ptr<ConnectionImpl>;
     using NodeList = std::list<Node>;
     using Iterator = typename NodeList::iterator;
-    using Garbage = std::list<Callback<Args...>>; ///< declared before the lock of its scope
+    using Garbage = std::list<Callback<Args...>>; ///< declared before a scope's lock: destroyed after it
 
 public:
-    /// `onEmpty` is called, with the mutex held, each time the list becomes empty. Several registries may share
-    /// one `mutex`; none given: the registry makes its own.
+    /// `onEmpty` is called with the mutex held each time the list becomes empty. Several registries may share one
+    /// `mutex`; if null, the registry creates its own.
     explicit CallbackRegistry(const Callback<void>& onEmpty = {}, std::shared_ptr<CThreadMutex> mutex = nullptr)
         : m_state(std::make_shared<State>())
     {
@@ -43,11 +43,11 @@ public:
         Garbage garbage;
         const ScopedMutex lock(*m_state->m_mutex);
         m_state->DisconnectAll(garbage);
-        for (const Node& connection : m_state->m_connections) // what a running Send has not reached yet
+        for (const Node& connection : m_state->m_connections) // those that a Send on another thread has not called yet
         {
             connection->Detach(garbage);
         }
-        m_state->m_onEmpty.Clear(); // a Send that still runs must not call into our owner
+        m_state->m_onEmpty.Clear(); // a Send on another thread must not call the registry's owner
     }
 
     CallbackConnection Connect(const Callback<Args...>& callback)
@@ -59,7 +59,7 @@ public:
         return CallbackConnection(connection);
     }
 
-    /// Calls every subscriber but `except`; a default-constructed `except` skips nobody.
+    /// Calls every subscriber except `except`; a default-constructed `except` skips none.
     void Send(const Args&... args, const CallbackConnection& except) const
     {
         const std::shared_ptr<State> state = m_state;
@@ -95,7 +95,7 @@ private:
         std::shared_ptr<CThreadMutex> m_mutex;
         Callback<void> m_onEmpty;
         NodeList m_connections;
-        std::list<Iterator> m_pendingRemovals; ///< put off while a Send runs; else empty
+        std::list<Iterator> m_pendingRemovals; ///< removals postponed until the running Send ends
         bool m_sending = false;                ///< one flag, not a count: the end of a nested Send clears it for both
 
         void Remove(Iterator node)
@@ -123,7 +123,7 @@ private:
             {
                 const Iterator node = m_pendingRemovals.front();
                 m_pendingRemovals.pop_front();
-                const Node connection = *node; // outlives its place in the list
+                const Node connection = *node; // keeps it alive after erase()
                 connection->Detach(garbage);
                 m_connections.erase(node);
                 NotifyIfEmpty();
@@ -159,7 +159,7 @@ private:
         {
             if (m_connections.empty())
             {
-                const Callback<void> onEmpty = m_onEmpty; // it may destroy the registry, and with that the original
+                const Callback<void> onEmpty = m_onEmpty; // a copy: the callback may destroy the registry
                 onEmpty();
             }
         }
@@ -214,7 +214,7 @@ private:
             m_callback(args...);
         }
 
-        /// With the mutex held. A callback that is being called is not destroyed under its own feet.
+        /// With the mutex held. A callback that is running is not destroyed.
         void Detach(Garbage& garbage)
         {
             m_connected = false;

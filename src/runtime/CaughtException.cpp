@@ -53,7 +53,7 @@ void LogCaughtException(const std::string& taskName) noexcept
     {
         s_log.LogError("Task \"%s\": uncaught exception: %s", taskName.c_str(), CaughtExceptionText().c_str());
     }
-    catch (...) // no memory even for the text: the task goes on all the same
+    catch (...) // out of memory for the text: the task must continue
     {
         s_log.LogError("Task: uncaught exception");
     }

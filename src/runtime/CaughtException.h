@@ -5,11 +5,11 @@
 namespace IL
 {
 
-/// The text of the exception being handled: what() of a standard one, the type's name of any other.
+/// Text of the exception being handled: what() of a std::exception, else the name of its type.
 /// Only inside a catch clause.
 std::string CaughtExceptionText();
 
-/// Logs, at level 1, the exception being handled as one that left an entry of the task `taskName`.
+/// Logs at level 1 the exception being handled, as uncaught in an entry of the task `taskName`.
 /// Only inside a catch clause; never throws.
 void LogCaughtException(const std::string& taskName) noexcept;
 

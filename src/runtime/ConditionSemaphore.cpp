@@ -33,7 +33,7 @@ ConditionSemaphore::~ConditionSemaphore() = default;
 
 void ConditionSemaphore::Signal()
 {
-    // Under the lock to the end: the waiter may destroy this semaphore as soon as it is woken.
+    // Notifies with the mutex held, because the woken waiter may destroy this semaphore at once.
     const std::lock_guard lock(m_impl->m_mutex);
     ++m_impl->m_count;
     m_impl->m_signalled.notify_one();

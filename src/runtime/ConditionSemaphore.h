@@ -3,7 +3,7 @@
 #include <memory>
 
 /// Counting semaphore with a bounded wait. Safe from any thread.
-/// Under the simulated engine a wait steps the other tasks meanwhile.
+/// Under the simulated engine, Wait() steps the other tasks.
 class ConditionSemaphore final
 {
 public:
@@ -14,7 +14,7 @@ public:
 
     void Signal();
 
-    /// Returns at a signal (true) or at the end of the wait (false).
+    /// Returns true at a signal, false after `milliseconds`.
     bool Wait(unsigned int milliseconds);
 
 private:

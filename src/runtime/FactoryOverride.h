@@ -3,9 +3,9 @@
 #include <atomic>
 #include <utility>
 
-/// The process-wide substitute of a creation function: tests and simulations set it, in the product it is null. A
-/// static member or a static object beside the Create() that asks it first. `Factory` is a pointer to a function, or
-/// to an object with an operation Create(). The pointer is not owned. Safe from any thread.
+/// Process-wide replacement of a creation function; null in the product, set by tests and simulations. A static member
+/// of the class whose Create() uses it, or a static object beside that function. `Factory` is a pointer to a function,
+/// or to an object with an operation Create(). The pointer is not owned. Safe from any thread.
 ///
 ///     static inline FactoryOverride<std::shared_ptr<WidgetIF> (*)(int)> s_factoryOverride;
 ///     std::shared_ptr<WidgetIF> Widget::Create(int size)

@@ -5,15 +5,15 @@
 #include <memory>
 #include <utility>
 
-/// Keeps callbacks that are still on their way from touching an object that has been destroyed. A member of the
-/// object, declared last, so that it is destroyed first.
+/// Prevents pending callbacks from accessing a destroyed object. A member of the object, declared last, so that it is
+/// destroyed first.
 ///
-/// Which of three forms to use, where a callback that the object gave away can come after the object's end:
+/// Which of three forms to use if a callback may come after the object's destruction:
 /// 1. The object is destroyed on the callback's task, or after that task has ended: OnTask() and Guard(). They test
-///    the token and touch nothing once it is gone.
+///    a token and do nothing once the object is destroyed.
 /// 2. The object is shared and may be destroyed on any thread: Weakly(). It holds the object during the call.
-/// 3. A described order of stopping ends the task before the object, or the object is kept alive by its own callback:
-///    a plain AsyncCallback on `this` or on a shared pointer.
+/// 3. A documented shutdown order ends the task before the object, or the callback keeps the object alive: a plain
+///    AsyncCallback on `this` or on a shared pointer.
 class Liveness final
 {
 public:
@@ -21,7 +21,7 @@ public:
     Liveness(const Liveness&) = delete;
     Liveness& operator=(const Liveness&) = delete;
 
-    /// `function`, called only while the object lives. For callbacks that already run on the object's task.
+    /// Calls `function` only while the object exists. For callbacks that already run on the object's task.
     template <class Function>
     auto Guard(Function function) const
     {
@@ -34,7 +34,7 @@ public:
         };
     }
 
-    /// `function` as an AsyncCallback on `task`, called only while the object lives.
+    /// `function` as an AsyncCallback on `task`, called only while the object exists.
     template <class... Args, class Function>
     AsyncCallback<Args...> OnTask(NotifyTargetTaskIF* task, Function function) const
     {
@@ -48,8 +48,8 @@ public:
         return OnTask<Args...>(task, [owner, method](const Args&... args) { (owner->*method)(args...); });
     }
 
-    /// Calls `function` with the object in front of the arguments, and holds the object meanwhile; does nothing once
-    /// the object is gone.
+    /// Calls `function` with the object as its first argument, and holds the object during the call. Does nothing
+    /// once the object is destroyed.
     template <class Owner, class Function>
     static auto Weakly(const std::shared_ptr<Owner>& owner, Function function)
     {

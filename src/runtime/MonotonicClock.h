@@ -3,13 +3,11 @@
 #include <cstdint>
 #include <ctime>
 
-/// A clock that does not jump. All ageing uses it, never wall-clock time.
-/// Under the simulated engine it gives virtual time.
+/// A clock that never jumps, for all ageing and timeouts. Under the simulated engine it is virtual time. Safe from any
+/// thread.
 class MonotonicClock
 {
 public:
-    /// Whole seconds.
     static std::time_t NowSec();
-    /// Milliseconds, for measuring.
     static std::int64_t NowMs();
 };

@@ -11,14 +11,14 @@ namespace Network
 
 AddrInfo::AddrInfo(const sockaddr* address, std::size_t length)
 {
-    if (address == nullptr || length < sizeof(sockaddr_in)) // the smaller of the two
+    if (address == nullptr || length < sizeof(sockaddr_in)) // smaller than sockaddr_in6
     {
         return;
     }
     char text[INET6_ADDRSTRLEN] = "";
     if (address->sa_family == AF_INET)
     {
-        sockaddr_in ipv4; // a copy: the caller's bytes need not be aligned
+        sockaddr_in ipv4; // a copy, because the caller's bytes may be unaligned
         std::memcpy(&ipv4, address, sizeof ipv4);
         if (inet_ntop(AF_INET, &ipv4.sin_addr, text, sizeof text) != nullptr)
         {

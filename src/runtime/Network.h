@@ -9,18 +9,18 @@ struct sockaddr;
 namespace Network
 {
 
-/// An IPv4 or IPv6 host with a port, as a resolver gives it. A value.
+/// An IPv4 or IPv6 address with a port, from a resolver. A value.
 class AddrInfo
 {
 public:
     AddrInfo() = default;
-    /// A family other than AF_INET and AF_INET6, or a `length` too short for it, gives an empty host and port 0.
+    /// Empty host and port 0 for a family other than AF_INET and AF_INET6, or if `length` is too short.
     AddrInfo(const sockaddr* address, std::size_t length);
 
     const std::string& host() const
     {
         return m_host;
-    } ///< numeric text, empty when there is none
+    } ///< numeric, empty if unset; IPv6 link-local with "%interface"
     std::uint16_t port() const
     {
         return m_port;
@@ -31,7 +31,7 @@ private:
     std::uint16_t m_port = 0;
 };
 
-/// Where a service is reached: a port, and the host part when resolved. A value.
+/// Address of a service: its port, and its host once resolved. A value.
 class IpAddress
 {
 public:
@@ -57,7 +57,7 @@ public:
     const std::string& ipaddr() const
     {
         return m_host;
-    } ///< numeric host text, empty while unresolved
+    } ///< numeric host, empty until resolved
     std::uint16_t port() const
     {
         return m_port;

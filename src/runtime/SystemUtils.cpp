@@ -45,7 +45,7 @@ private:
     const int m_fd;
 };
 
-/// 0, or the errno of what failed.
+/// Returns 0 or an errno.
 int ReadAll(int fd, std::string& text)
 {
     std::array<char, 4096> buffer;
@@ -67,13 +67,13 @@ int ReadAll(int fd, std::string& text)
     }
 }
 
-[[noreturn]] void Leave(const std::string& why)
+[[noreturn]] void ExitWithError(const std::string& why)
 {
     std::fprintf(stderr, "sonarix-service: %s\n", why.c_str());
     std::exit(EXIT_FAILURE);
 }
 
-/// The directory and its parents; 0755 whatever the umask, for what was missing.
+/// Creates the directory with mode 0755 regardless of the umask, and its missing parents.
 void MakeDirectory(const std::string& path)
 {
     std::error_code error;
@@ -81,7 +81,7 @@ void MakeDirectory(const std::string& path)
     {
         return;
     }
-    // A trailing slash would make a directory's own name its parent.
+    // "/." makes parent_path() the directory itself, also if `path` ends in a slash.
     const std::filesystem::path directory = std::filesystem::path(path + "/.").lexically_normal().parent_path();
     if (directory.has_parent_path())
     {
@@ -90,12 +90,12 @@ void MakeDirectory(const std::string& path)
     const bool made = ::mkdir(directory.c_str(), 0755) == 0;
     if ((!made && errno != EEXIST) || (made && ::chmod(directory.c_str(), 0755) != 0))
     {
-        Leave("cannot make the run directory " + path + ": " + std::strerror(errno));
+        ExitWithError("cannot make the run directory " + path + ": " + std::strerror(errno));
     }
 }
 
-/// "process 123 (name)", from the pid that the holder wrote into its lock file.
-std::string Holder(int lockFile)
+/// "process 123 (name)", from the pid in the lock file.
+std::string HolderFromLockFile(int lockFile)
 {
     std::string pid;
     ReadAll(lockFile, pid);
@@ -113,7 +113,7 @@ std::string Holder(int lockFile)
 
 std::optional<std::string> SystemUtils::ReadFile(const std::string& path)
 {
-    // Not blocking, so that a pipe in the place of a file cannot hold up its reader.
+    // O_NONBLOCK: opening a FIFO must not wait for a writer.
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.Get() < 0 && (errno == ENOENT || errno == ENOTDIR))
     {
@@ -153,20 +153,20 @@ void SystemUtils::ThereCanBeOnlyOne()
     const std::string directory = RunDir();
     MakeDirectory(directory);
 
-    // The descriptor stays open for the life of the process: the lock goes with it, however the process ends.
+    // Never closed: the kernel releases the lock when the process ends.
     const std::string path = directory + "/sonarix-service.lock";
     const int lockFile = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (lockFile < 0)
     {
-        Leave("cannot open the lock file " + path + ": " + std::strerror(errno));
+        ExitWithError("cannot open the lock file " + path + ": " + std::strerror(errno));
     }
     if (::flock(lockFile, LOCK_EX | LOCK_NB) != 0)
     {
         if (errno != EWOULDBLOCK)
         {
-            Leave("cannot lock " + path + ": " + std::strerror(errno));
+            ExitWithError("cannot lock " + path + ": " + std::strerror(errno));
         }
-        Leave("already running: " + Holder(lockFile) + " holds " + path);
+        ExitWithError("already running: " + HolderFromLockFile(lockFile) + " holds " + path);
     }
     const std::string pid = std::to_string(::getpid()) + '\n';
     if (::ftruncate(lockFile, 0) != 0 || ::write(lockFile, pid.data(), pid.size()) < 0)

@@ -7,16 +7,16 @@
 class SystemUtils
 {
 public:
-    /// The whole file, or nothing where it is missing (silently) or unreadable (one level-1 line).
+    /// Content of a regular file. nullopt if it is missing (not logged) or unreadable (one level-1 line).
     static std::optional<std::string> ReadFile(const std::string& path);
 
-    /// Makes SONARIX_RUN_DIR (mode 0755) where it is missing and takes the single-instance lock in it for the
-    /// life of the process. Where another instance holds it, prints who to standard error and leaves with status 1.
+    /// Creates the run directory (mode 0755) if it is missing, and holds the single-instance lock in it until the
+    /// process ends. If another instance holds it, prints its pid to standard error and exits with status 1.
     static void ThereCanBeOnlyOne();
 
     /// SONARIX_RUN_DIR, or "/run/sonarix".
     static std::string RunDir();
 };
 
-/// One string per stack frame, in the order of the stack; a frame that cannot be resolved is an empty string.
+/// One string per stack frame of the caller, innermost first; empty for a frame that cannot be resolved.
 std::vector<std::string> backtrace();

@@ -22,7 +22,7 @@ void CheckTask(const NotifyTargetTaskIF* task, const char* function)
     {
         return;
     }
-    std::fprintf(stderr, "%s() belongs to task %s and runs on %s\n", function, task->Name().c_str(),
+    std::fprintf(stderr, "%s belongs to task %s and runs on %s\n", function, task->Name().c_str(),
                  current != nullptr ? ("task " + current->Name()).c_str() : "a thread outside all tasks");
     std::abort();
 }

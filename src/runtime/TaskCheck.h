@@ -2,21 +2,20 @@
 
 class NotifyTargetTaskIF;
 
-/// First line of what must run on `task` only: posted actions, handlers, callbacks, destructors. If another task runs
-/// it, the process ends with one line that names both. Builds with NDEBUG contain nothing of it.
+/// First line of each function that must run on `task` only: posted actions, handlers, callbacks, destructors. On
+/// another task or thread it ends the process with one line that names both. Builds with NDEBUG contain nothing of it.
 ///
-/// Accepted: the task itself; any thread after the task has ended, so that owners may be destroyed after JoinTask;
-/// under the simulated engine also the scripted world outside all tasks, which plays the main thread; a null task,
-/// which runs nothing.
+/// Accepted: the task itself; any thread after the task has ended, so that owners may be destroyed after JoinTask; a
+/// null task; under the simulated engine also code outside all tasks, which stands for the main thread.
 #ifdef NDEBUG
 #define TASK_CHECK(task) static_cast<void>(0)
 #else
-#define TASK_CHECK(task) IL::CheckTask((task), __func__)
+#define TASK_CHECK(task) IL::CheckTask((task), __PRETTY_FUNCTION__)
 
 namespace IL
 {
 
-/// Ends the process by abort() unless the calling thread may touch what belongs to `task`. `function` is for the line.
+/// Calls abort() unless the calling thread may access the data of `task`. `function` is printed.
 void CheckTask(const NotifyTargetTaskIF* task, const char* function);
 
 } // namespace IL

@@ -2,13 +2,13 @@
 
 #include <mutex>
 
-/// A recursive mutex. Guards copies and list work; never held across a call into another object's logic.
+/// A recursive mutex. Protects copies and lists; never held during a call to another object's logic.
 class CThreadMutex
 {
 public:
     enum SUSPEND_TYPE
     {
-        SUSPEND_FOREVER = 0, ///< wait without limit; the only one in use
+        SUSPEND_FOREVER = 0, ///< wait without limit
     };
 
     void Obtain(SUSPEND_TYPE)

@@ -5,7 +5,7 @@ class NotifyTargetTaskIF;
 namespace IL
 {
 
-/// While it lives, `task` is the one that the calling thread runs; null: none. Scopes of one thread nest.
+/// Sets CurrentTask() of the calling thread for a scope; null: outside all tasks. Scopes of one thread nest.
 class CurrentTaskScope final
 {
 public:

@@ -12,8 +12,8 @@
 namespace IL
 {
 
-/// The engine's side of one timer. Any thread; Cancel() on the timer's task is final: what is due already does not
-/// run either. Its end cancels.
+/// The engine's part of one timer. Safe from any thread. After Cancel() on the timer's task the callback does not run,
+/// even if it was due already. The destructor cancels.
 class TimerState
 {
 public:
@@ -24,8 +24,8 @@ public:
     virtual void Cancel() = 0;
 };
 
-/// What makes time and tasks go: threads and the kernel's clock in the product, one thread and virtual time in
-/// tests. Chosen once, before the first task is made; everything in this folder asks it.
+/// Runs tasks and keeps time: with threads and the kernel's clock in the product, with one thread and virtual time in
+/// tests. Chosen once, before the first task is created. Tasks, timers, clock and semaphore use the current engine.
 class Engine
 {
 public:
@@ -33,18 +33,18 @@ public:
     virtual NotifyTargetTaskIF* CreateTask(const std::string& name) = 0;
     virtual void StopTask(NotifyTargetTaskIF* task) = 0;
     virtual void JoinTask(NotifyTargetTaskIF* task) = 0;
-    /// A null task gives a timer that never fires; a task of another engine throws std::invalid_argument.
+    /// With a null task the timer never fires. Throws std::invalid_argument for a task of another engine.
     virtual std::shared_ptr<TimerState> CreateTimer(const std::string& name, NotifyTargetTaskIF* task) = 0;
     virtual std::int64_t NowMs() const = 0;
 
-    /// True where a wait must step the other tasks itself (one thread); false where it may block its thread.
+    /// True if all tasks share one thread, so that a wait must step the other tasks; false if a wait may block.
     virtual bool StepsWhileWaiting() const = 0;
-    /// Steps every task but those that wait until `ready` holds (true) or `limit` is over (false).
-    /// Only where StepsWhileWaiting().
+    /// Steps the tasks that do not wait until `ready` returns true (true) or `limit` has passed (false). Throws
+    /// std::logic_error unless StepsWhileWaiting().
     virtual bool StepUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit) = 0;
 
     static Engine& Current();
-    /// Null puts the threaded engine back. Not while tasks of the other engine run.
+    /// Null restores the threaded engine. Not while tasks of the other engine run.
     static void Use(Engine* engine);
 };
 

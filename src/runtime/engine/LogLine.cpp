@@ -11,7 +11,7 @@ namespace
 
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";
 
-/// Length of the UTF-8 character at `at` that may be shown as it is; 0: to be escaped, byte for byte.
+/// Length of the printable UTF-8 character at `at`; 0 if the byte must be escaped.
 std::size_t PrintableLength(const std::string& text, std::size_t at)
 {
     const std::size_t length = Utf8::SequenceLength(text, at);
@@ -21,8 +21,8 @@ std::size_t PrintableLength(const std::string& text, std::size_t at)
     return isC0Control || isC1Control ? 0 : length;
 }
 
-/// From our levels to syslog's: critical, error, warning, info, and debug for all the rest.
-int Priority(int level)
+/// Levels 0 to 3 are syslog's critical, error, warning and info; all others are its debug.
+int PriorityFromLevel(int level)
 {
     constexpr int kPriorities[] = {2, 3, 4, 6};
     constexpr int kDebug = 7;
@@ -52,7 +52,7 @@ bool AppendEscaped(std::string& line, const std::string& text, std::size_t limit
     constexpr char kHex[] = "0123456789abcdef";
     for (std::size_t at = 0; at < text.size();)
     {
-        if (text[at] == '\n') // an indented record: its line ends and indents become one blank
+        if (text[at] == '\n') // in an indented record, a newline with its indentation becomes one space
         {
             at = text.find_first_not_of(" \n", at);
             at = at == std::string::npos ? text.size() : at;
@@ -87,7 +87,7 @@ bool AppendEscaped(std::string& line, const std::string& text, std::size_t limit
 std::string Plain(const std::string& channel, int level, const std::string& text,
                   std::chrono::system_clock::time_point time)
 {
-    // Not gmtime_r, which takes a lock of the C library: a crash handler logs through here.
+    // Not gmtime_r(), which takes a lock of the C library: the crash handler logs through this function.
     using namespace std::chrono;
     const auto milli = floor<milliseconds>(time);
     const auto day = floor<days>(milli);
@@ -103,7 +103,7 @@ std::string Plain(const std::string& channel, int level, const std::string& text
 
 std::string Journal(const std::string& channel, int level, const std::string& text)
 {
-    return Finish('<' + std::to_string(Priority(level)) + '>', channel, text);
+    return Finish('<' + std::to_string(PriorityFromLevel(level)) + '>', channel, text);
 }
 
 } // namespace LogLine

@@ -41,7 +41,7 @@ std::uint64_t RandomSequence::Below(std::uint64_t bound)
     {
         return 0;
     }
-    // The numbers below this one would make the first remainders likelier than the rest.
+    // Modulo bias: rejecting numbers below 2^64 mod bound leaves each remainder equally likely.
     const std::uint64_t uneven = (0 - bound) % bound;
     std::uint64_t number = Next();
     while (number < uneven)

@@ -65,7 +65,7 @@ CallbackConnection SimulatedTask::ConnectStopNotification(const Callback<void>& 
 void SimulatedTask::ArmAlarm(const std::shared_ptr<SimulatedAlarm>& alarm, std::int64_t firstMs, std::int64_t repeatMs,
                              const Callback<void>& callback)
 {
-    Callback<void> armed = callback; // may be a part of what the cancelling destroys
+    Callback<void> armed = callback; // a copy: CancelAlarm() may destroy the original
     CancelAlarm(alarm);
     if (m_scheduler == nullptr || m_stopping)
     {
@@ -92,7 +92,7 @@ void SimulatedTask::CancelAlarm(const std::shared_ptr<SimulatedAlarm>& alarm)
             m_scheduler->Refresh(*this);
         }
     }
-    const Callback<void> garbage = std::exchange(alarm->m_callback, {}); // destroyed when all is in order
+    const Callback<void> garbage = std::exchange(alarm->m_callback, {}); // its destructor may call this task
 }
 
 void SimulatedTask::TakeDue(const std::shared_ptr<SimulatedAlarm>& alarm)
@@ -180,7 +180,7 @@ void SimulatedTask::Abandon()
     DropAll();
 }
 
-/// Destructors of entries and callbacks may post, arm and cancel here.
+/// Destructors of entries and callbacks may post, arm and cancel meanwhile.
 void SimulatedTask::DropAll()
 {
     const auto queue = std::exchange(m_queue, {});

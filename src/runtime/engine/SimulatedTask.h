@@ -17,40 +17,40 @@ namespace IL
 
 class SimulatedTask;
 
-/// A timer's arming, shared by the timer and by the simulation or the task where it lies.
+/// State of an armed timer, shared by the timer and the simulation (while waiting) or the task (when due).
 struct SimulatedAlarm
 {
     enum class Place
     {
         NOWHERE, ///< not armed
-        WAITING, ///< with the simulation, until the clock is there
-        DUE,     ///< with its task
+        WAITING, ///< in the simulation's map of times
+        DUE,     ///< in its task's list
     };
 
     SimulatedTask* m_task = nullptr;
     Callback<void> m_callback;
     std::int64_t m_repeatMs = 0;
-    std::pair<std::int64_t, std::uint64_t> m_key; ///< when it falls due, and a number of its own
+    std::pair<std::int64_t, std::uint64_t> m_key; ///< due time in ms and a unique number
     Place m_place = Place::NOWHERE;
 };
 
-/// What a task asks of the simulation that steps it.
+/// The operations of the simulation that its tasks use.
 class SimulatedScheduler
 {
 public:
     virtual ~SimulatedScheduler() = default;
-    /// Ends the process on any thread but the one that steps.
+    /// Ends the process if the calling thread is not the stepping thread.
     virtual void CheckThread(const std::string& what) const = 0;
-    /// The task may have come to have something to do, or to have nothing.
+    /// Adds the task to the runnable tasks or removes it, after its Choices() may have changed.
     virtual void Refresh(SimulatedTask& task) = 0;
     virtual void Arm(const std::shared_ptr<SimulatedAlarm>& alarm, std::int64_t inMs) = 0;
     virtual void Withdraw(const SimulatedAlarm& alarm) = 0;
-    /// Every waiting alarm of a task that ends.
+    /// Removes all waiting alarms of a task that ends.
     virtual void WithdrawAll(const SimulatedTask& task) = 0;
 };
 
-/// A task without a thread: its queue and its due timers are stepped by the simulation that made it. Never
-/// destroyed; the end of its simulation abandons it.
+/// A task without a thread: the simulation that created it steps its queue and its due timers. Never destroyed; after
+/// the end of the simulation it does nothing.
 class SimulatedTask final : public NotifyTargetTaskIF
 {
 public:
@@ -71,24 +71,25 @@ public:
     void ArmAlarm(const std::shared_ptr<SimulatedAlarm>& alarm, std::int64_t firstMs, std::int64_t repeatMs,
                   const Callback<void>& callback);
     void CancelAlarm(const std::shared_ptr<SimulatedAlarm>& alarm);
-    /// The clock has reached the alarm.
+    /// Takes an alarm whose time has come.
     void TakeDue(const std::shared_ptr<SimulatedAlarm>& alarm);
 
     void Stop();
-    /// An entry of this task is on the stack; below others if it waits.
+    /// True while an entry of this task is on the stack, also while that entry waits.
     bool IsBusy() const
     {
         return m_busy;
     }
 
-    /// How many things Step could do now; 0 while busy and after the end.
+    /// Number of alternatives for Step(); 0 while busy and after the end.
     std::size_t Choices() const;
-    /// Does the stop, or the one of the due timers and the oldest entry that `choice` names. Logs what they throw.
+    /// Completes a requested stop; otherwise fires the due timer number `choice`, or dispatches the oldest entry if
+    /// there is no such timer. Exceptions are logged.
     void Step(std::size_t choice);
-    /// Throws all away and calls nobody any more.
+    /// Drops the queue and the timers. No callback runs any more.
     void Abandon();
 
-    /// Place in the scheduler's list of those with something to do.
+    /// Index in the scheduler's list of runnable tasks.
     static constexpr std::size_t kNotListed = std::numeric_limits<std::size_t>::max();
     std::size_t m_listIndex = kNotListed;
 
@@ -98,7 +99,7 @@ private:
     void DropAll();
 
     const std::string m_name;
-    SimulatedScheduler* m_scheduler; ///< null once abandoned
+    SimulatedScheduler* m_scheduler; ///< null after Abandon()
     std::deque<std::shared_ptr<CallbackEntry>> m_queue;
     std::vector<std::shared_ptr<SimulatedAlarm>> m_due;
     CallbackRegistry<> m_stopNotifications;

@@ -23,7 +23,7 @@ const DPrint s_log("Tasks");
 
 constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
 
-/// A task outlives its simulation: raw pointers to it stay valid.
+/// Tasks are never destroyed, because raw pointers to them must stay valid after the simulation.
 IL::SimulatedTask* MakeLastingTask(const std::string& name, IL::SimulatedScheduler* scheduler)
 {
     static auto* const s_tasks = new std::vector<std::unique_ptr<IL::SimulatedTask>>;
@@ -135,7 +135,8 @@ public:
 
     void WithdrawAll(const SimulatedTask& task) override
     {
-        std::vector<std::shared_ptr<SimulatedAlarm>> withdrawn; // their callbacks go when the map is in order
+        std::vector<std::shared_ptr<SimulatedAlarm>>
+            withdrawn; // destroyed after the map is consistent: destructors may call this object
         for (auto at = m_waiting.begin(); at != m_waiting.end();)
         {
             if (at->second->m_task == &task)
@@ -172,7 +173,7 @@ public:
         m_worldWaiting.emplace(std::pair(m_nowMs + inMs, ++m_numbers), std::move(function));
     }
 
-    /// One dispatch; false when nobody has anything to do at this instant.
+    /// Dispatches once; false if there is nothing to do at this instant.
     bool Step()
     {
         const std::size_t choices = m_runnable.size() + (m_worldDue.empty() ? 0 : 1);
@@ -199,7 +200,7 @@ public:
         return true;
     }
 
-    /// Steps until `ready` (which may be empty) holds or `untilMs` is over; whether it holds.
+    /// Steps until `ready` returns true (true) or the clock has reached `untilMs` (false). `ready` may be empty.
     bool Run(const std::function<bool()>& ready, std::int64_t untilMs)
     {
         const auto isReady = [&ready] { return ready && ready(); };
@@ -207,7 +208,7 @@ public:
         {
             if (m_nowMs > untilMs)
             {
-                return false; // a wait further up the stack has carried the clock past ours
+                return false; // a wait further up the stack has advanced the clock past this limit
             }
             if (Step())
             {
@@ -242,7 +243,7 @@ public:
         }
     }
 
-    /// What is thrown away may call the tasks and timers once more, and finds nothing there.
+    /// Destructors of what is dropped may call tasks and timers, which do nothing any more.
     void End()
     {
         m_over = true;
@@ -250,7 +251,7 @@ public:
         const auto worldWaiting = std::exchange(m_worldWaiting, {});
         const auto worldDue = std::exchange(m_worldDue, {});
         m_runnable.clear();
-        for (std::size_t i = 0; i < m_tasks.size(); ++i) // destructors may make another
+        for (std::size_t i = 0; i < m_tasks.size(); ++i) // by index: destructors may create another task
         {
             m_tasks[i]->m_listIndex = SimulatedTask::kNotListed;
             m_tasks[i]->Abandon();
@@ -346,14 +347,14 @@ private:
     RandomSequence m_order;
     RandomSequence m_world;
     std::int64_t m_nowMs = kStart.count();
-    std::uint64_t m_numbers = 0; ///< equal times are taken in the order of arming; the seed orders them later
+    std::uint64_t m_numbers = 0; ///< makes equal times distinct; the seed orders what is due
     std::uint64_t m_events = 0;
     std::uint64_t m_stepsAtInstant = 0;
     std::uint64_t m_fingerprint = 0;
     std::string m_lastStepped;
     bool m_over = false;
     std::vector<SimulatedTask*> m_tasks;
-    std::vector<SimulatedTask*> m_runnable; ///< in an order that depends on the run alone
+    std::vector<SimulatedTask*> m_runnable; ///< in an order that only the seed determines
     std::map<Key, std::shared_ptr<SimulatedAlarm>> m_waiting;
     std::map<Key, std::function<void()>> m_worldWaiting;
     std::vector<std::function<void()>> m_worldDue;

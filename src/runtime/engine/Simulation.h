@@ -12,18 +12,17 @@
 namespace IL
 {
 
-/// The simulated engine: every task of the process is stepped on the calling thread, in an order that the seed
-/// gives, with virtual time that jumps from timer to timer. The same seed gives the same run, event for event.
-/// The sole way in for tests: construct one, build the system, step it. It is the current engine for its life.
-/// Never starts a thread; posts from foreign threads are a fault of the test. Its tasks stay valid after its end,
-/// and do nothing then.
+/// The simulated engine: it steps every task of the process on the calling thread, in an order that the seed gives,
+/// with virtual time that jumps from timer to timer. The same seed gives the same run, event for event.
+/// Tests construct one, build the system and step it. It is the current engine until its destructor. It starts no
+/// thread; a post from another thread ends the process. Its tasks stay valid after its destruction and do nothing.
 ///
-/// At each step one of the tasks that have something to do, chosen by the seed, dispatches its oldest entry or,
-/// chosen likewise, a timer that is due. Time goes on when no task has anything to do.
+/// Each step chooses one runnable task by the seed. The task dispatches its oldest entry or a due timer, also chosen by
+/// the seed. The clock advances when no task is runnable.
 ///
-/// A ConditionSemaphore::Wait and a JoinTask step the other tasks meanwhile, on top of the waiter's stack. So a
-/// waiter goes on only after those that began to wait later: the clock may then be past its own limit. A join of
-/// a task that waits further down the stack, or of one that nothing ever stops, ends the process with a message.
+/// ConditionSemaphore::Wait and JoinTask step the other tasks meanwhile, on top of the waiter's stack. So a waiter
+/// continues only after those that began to wait later, and the clock may then be past its own limit. Joining a task
+/// that waits further down the stack, or a task that is never stopped, ends the process with a message.
 ///
 ///     IL::Simulation simulation(seed);
 ///     auto* task = IL::CreateTask("Task", "");
@@ -32,25 +31,25 @@ namespace IL
 class Simulation final : public Engine
 {
 public:
-    /// The clock begins at kStart. Throws std::logic_error where another simulation runs.
+    /// The clock starts at kStart. Throws std::logic_error if there is another simulation.
     explicit Simulation(std::uint64_t seed);
     ~Simulation() override;
     Simulation(const Simulation&) = delete;
     Simulation& operator=(const Simulation&) = delete;
 
-    /// Runs everything that falls due within `duration` of virtual time, and ends with the clock exactly there
-    /// (later only where an entry waited beyond it).
+    /// Runs everything that becomes due within `duration` of virtual time. Then the clock is exactly there, or later
+    /// if an entry waited beyond it.
     void RunFor(std::chrono::milliseconds duration);
-    /// Runs until no task has a queued entry or a timer that is due already; time stands still.
+    /// Runs until no task has a queued entry or a due timer. The clock does not advance.
     void RunUntilIdle();
-    /// Steps, time included, until `condition` holds (true) or `limit` of virtual time is over (false).
+    /// Steps and advances the clock until `condition` holds (true) or `limit` of virtual time has passed (false).
     bool RunUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit);
 
-    /// A random number of the seed's own sequence, uniform in [0, bound); `bound` is at least 1. It is a sequence
-    /// apart from the one that orders the tasks.
+    /// A random number from the seed, uniform in [0, bound); `bound` is at least 1. The sequence is independent of the
+    /// one that orders the tasks.
     std::uint64_t Random(std::uint64_t bound);
 
-    /// Runs `function` on the calling thread after `delay` of virtual time, outside any task: the scripted world.
+    /// Runs `function` after `delay` of virtual time outside any task, as a script of the outside world.
     void Schedule(std::chrono::milliseconds delay, std::function<void()> function);
 
     /// Entries and timers dispatched so far; equal for equal seeds.
@@ -69,11 +68,11 @@ public:
     }
     bool StepUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit) override;
 
-    /// Not 0, since a product's clock is not 0 either when its service starts.
+    /// Not 0, because a product's clock is not 0 either when the service starts.
     static constexpr std::chrono::milliseconds kStart{1'000'000};
-    /// So many steps without the clock going on are a live-lock: the process ends with the seed printed.
+    /// More steps at one instant are a live-lock: the process ends and prints the seed.
     static constexpr std::uint64_t kMaxStepsAtOneInstant = 1'000'000;
-    /// A wait without limit that lasts longer is for something that never comes.
+    /// A join that takes longer ends the process.
     static constexpr std::chrono::hours kMaxWait{24 * 366};
 
 private:
