@@ -10,7 +10,7 @@
 
 using nlohmann::json;
 
-TEST(JsonTextTest, TheBodyIsTakenOutUnchangedOrTheFrameStaysWhole)
+TEST(JsonTextTest, FrameIsSplitWithUnchangedBodyOrStaysWhole)
 {
     struct Row
     {
@@ -41,7 +41,7 @@ TEST(JsonTextTest, TheBodyIsTakenOutUnchangedOrTheFrameStaysWhole)
     }
 }
 
-TEST(JsonTextTest, SaysWhatIsNoJsonAndWhatIsTooMuch)
+TEST(JsonTextTest, VerdictFindsInvalidAndTooComplexText)
 {
     using JsonText::Verdict;
     const auto nested = [](std::size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); };
@@ -68,8 +68,8 @@ TEST(JsonTextTest, SaysWhatIsNoJsonAndWhatIsTooMuch)
     EXPECT_EQ(JsonText::Check(std::string("[\"a\0\"]", 7)), Verdict::NO_JSON);
 }
 
-/// Both parts are JSON exactly if the frame is, and say the same, whatever a byte in the wrong place does.
-TEST(JsonTextTest, BothPartsAreWhatTheFrameWas)
+/// With random bytes replaced, the verdict agrees with another parser, and both parts together equal the frame.
+TEST(JsonTextTest, PartsTogetherEqualTheFrame)
 {
     const std::string frame =
         R"({"jsonrpc":"2.0","method":"notify","params":{"path":"/p","body":{"a":["x\"",{"body":null}],"b":"}"},"n":1},"id":7})";

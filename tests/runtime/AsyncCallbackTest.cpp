@@ -8,12 +8,12 @@
 namespace
 {
 
-TEST(Callback, EmptyOnesMayBeCalledAndStayEmptyWhenConverted)
+TEST(Callback, EmptyMayBeCalledAndStaysEmptyWhenConverted)
 {
     const Callback<int> empty;
     empty(1);
     const Callback<void> none;
-    const Callback<> converted(none); // NOLINT(performance-unnecessary-copy-initialization): the point
+    const Callback<> converted(none); // NOLINT(performance-unnecessary-copy-initialization): tests the copy
     EXPECT_FALSE(converted || Callback<void>(converted));
     EXPECT_FALSE(Callback<int>(std::function<void(const int&)>()) || Callback<int>(nullptr));
 }
@@ -33,7 +33,7 @@ struct Counted
     int* m_copies;
 };
 
-TEST(AsyncCallbackTest, RunsLaterWithACopyAndIsDroppedAfterTheStopAndWithoutATask)
+TEST(AsyncCallbackTest, PostsACopyOrNothingWithoutARunningTask)
 {
     IL::Simulation simulation(1);
     NotifyTargetTaskIF* const task = IL::CreateTask("Target", "");
@@ -43,9 +43,9 @@ TEST(AsyncCallbackTest, RunsLaterWithACopyAndIsDroppedAfterTheStopAndWithoutATas
     auto shortLived = std::make_unique<AsyncCallback<Counted>>(count, task);
     (*shortLived)(Counted(&copies));
     shortLived.reset();
-    EXPECT_EQ(calls, 0) << "the caller does not wait, and nothing runs on it";
+    EXPECT_EQ(calls, 0) << "a call does not run on the calling thread";
     simulation.RunUntilIdle();
-    EXPECT_EQ(calls, 1) << "a call in flight outlives every copy of the callback";
+    EXPECT_EQ(calls, 1) << "a posted call does not need the callback";
 
     const AsyncCallback<Counted> async(count, task);
     const AsyncCallback<Counted> nowhere(count, nullptr);
@@ -55,11 +55,11 @@ TEST(AsyncCallbackTest, RunsLaterWithACopyAndIsDroppedAfterTheStopAndWithoutATas
     IL::StopTask(task);
     simulation.RunUntilIdle();
     async(Counted(&copies));
-    const AsyncCallback<Counted> late(count, task); // its task has stopped already
+    const AsyncCallback<Counted> late(count, task); // on a stopped task
     late(Counted(&copies));
     simulation.RunUntilIdle();
     EXPECT_EQ(copies, 2);
-    EXPECT_EQ(calls, 1) << "what was queued at the stop is thrown away";
+    EXPECT_EQ(calls, 1) << "an entry queued at the stop is dropped";
 }
 
 } // namespace

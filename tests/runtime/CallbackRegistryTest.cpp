@@ -42,7 +42,7 @@ protected:
 
 TEST_F(CallbackRegistryTest, CallsInOrderOfConnectionAndSkipsExcept)
 {
-    Add("a"); // a dropped handle leaves the subscription in force
+    Add("a"); // dropping the handle leaves the subscription active
     const CallbackConnection b = Add("b");
     CallbackConnection c = Add("c");
     EXPECT_THAT(Send("1"), ElementsAre("a1", "b1", "c1"));
@@ -56,7 +56,7 @@ TEST_F(CallbackRegistryTest, CallsInOrderOfConnectionAndSkipsExcept)
     EXPECT_EQ(m_emptied, 0);
 }
 
-TEST_F(CallbackRegistryTest, LeavingAndJoiningInTheMiddleOfASend)
+TEST_F(CallbackRegistryTest, SubscribersMayComeAndGoDuringASend)
 {
     CallbackConnection self;
     CallbackConnection later;
@@ -68,7 +68,7 @@ TEST_F(CallbackRegistryTest, LeavingAndJoiningInTheMiddleOfASend)
             self.Disconnect();
             later.Disconnect();
             EXPECT_FALSE(later.IsConnected());
-            EXPECT_GT(lifetime.use_count(), 1) << "destroyed under its own feet";
+            EXPECT_GT(lifetime.use_count(), 1) << "destroyed during its own call";
             m_calls.push_back("self");
             Add("new");
         });
@@ -92,22 +92,22 @@ TEST_F(CallbackRegistryTest, OnEmptyFiresAtEachEmptying)
         [&](const std::string&)
         {
             self.Disconnect();
-            EXPECT_EQ(m_emptied, 1) << "only at the end of the Send";
+            EXPECT_EQ(m_emptied, 1) << "called before the end of the Send";
         });
     Send();
     EXPECT_EQ(m_emptied, 2);
-    m_registry->DisconnectAll(); // empty already
+    m_registry->DisconnectAll(); // already empty
     EXPECT_EQ(m_emptied, 2);
 
     m_registry->Connect([this](const std::string&) { m_registry->DisconnectAll(); });
     const CallbackConnection later = Add("later");
-    EXPECT_THAT(Send(), ElementsAre("later")) << "still connected until the Send is over";
+    EXPECT_THAT(Send(), ElementsAre("later")) << "connected until the end of the Send";
     EXPECT_FALSE(later.IsConnected());
     EXPECT_EQ(m_emptied, 3);
     EXPECT_THAT(Send(), IsEmpty());
 }
 
-TEST_F(CallbackRegistryTest, WhoHasLeftInItsOwnCallIsNotCalledByANestedSend)
+TEST_F(CallbackRegistryTest, NestedSendSkipsADisconnectedSubscriber)
 {
     CallbackConnection self;
     self = m_registry->Connect(
@@ -122,7 +122,7 @@ TEST_F(CallbackRegistryTest, WhoHasLeftInItsOwnCallIsNotCalledByANestedSend)
     EXPECT_THAT(Send("again"), ElementsAre("other again"));
 }
 
-TEST_F(CallbackRegistryTest, DestroyedInASend)
+TEST_F(CallbackRegistryTest, MayBeDestroyedDuringASend)
 {
     CallbackConnection killer;
     killer = m_registry->Connect(
@@ -137,8 +137,8 @@ TEST_F(CallbackRegistryTest, DestroyedInASend)
     registry->Send("", {});
     EXPECT_THAT(m_calls, ElementsAre("killer"));
     EXPECT_FALSE(later.IsConnected());
-    later.Disconnect(); // after the registry's end
-    EXPECT_EQ(m_emptied, 0) << "its owner is gone too";
+    later.Disconnect(); // after the registry's destruction
+    EXPECT_EQ(m_emptied, 0) << "onEmpty called after the registry's destruction";
 }
 
 TEST_F(CallbackRegistryTest, OnEmptyMayDestroyTheRegistry)
@@ -156,15 +156,15 @@ TEST_F(CallbackRegistryTest, OnEmptyMayDestroyTheRegistry)
     EXPECT_EQ(told, "a text longer than what fits into a string itself");
 }
 
-// What a callback holds may end other subscriptions when it is destroyed; with the mutex held, two registries that
-// do so to each other from two threads would wait for each other.
+// The destructor of what a callback holds may disconnect from another registry. With the mutex held, two registries
+// that do this to each other on two threads would deadlock.
 TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
 {
     const auto mutex = std::make_shared<CThreadMutex>();
     int probed = 0;
     const auto obtain = [&](const void*)
     {
-        // The mutex is recursive: only another thread can tell.
+        // The mutex is recursive, so another thread tests it.
         const auto taken = std::async(std::launch::async, [&] { const ScopedMutex lock(*mutex); });
         EXPECT_EQ(taken.wait_for(std::chrono::seconds(2)), std::future_status::ready);
         ++probed;
@@ -181,9 +181,9 @@ TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
     EXPECT_EQ(probed, 3);
 }
 
-// Two senders at once, a third thread that joins and leaves, a subscriber that leaves by itself, and at the end
-// the registry goes while a Send may still run.
-TEST(CallbackRegistryThreads, TwoSendersWhileOthersComeAndGo)
+// Two senders, a third thread that connects and disconnects, a subscriber that disconnects itself; at the end the
+// registry is destroyed while a Send may still run.
+TEST(CallbackRegistryThreads, TwoMaySendWhileOthersConnect)
 {
     constexpr int kRounds = 300;
     for (int repetition = 0; repetition < 5; ++repetition)
@@ -213,10 +213,10 @@ TEST(CallbackRegistryThreads, TwoSendersWhileOthersComeAndGo)
                         gone.Disconnect();
                         EXPECT_FALSE(gone.IsConnected());
                         self->Get().Disconnect();
-                        self->Set({}); // the callback holds itself
+                        self->Set({}); // breaks the callback's reference to itself
                     }
                 });
-            registry.reset(); // the last thread takes it along
+            registry.reset(); // the last thread destroys it
         }
         EXPECT_EQ(steady, 2 * kRounds);
     }

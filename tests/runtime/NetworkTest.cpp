@@ -13,7 +13,7 @@ namespace
 using Network::AddrInfo;
 using Network::IpAddress;
 
-TEST(Network, AddressesOfBothFamilies)
+TEST(NetworkTest, ConvertsAddressesOfBothFamilies)
 {
     sockaddr_in ipv4 = {};
     ipv4.sin_family = AF_INET;
@@ -36,7 +36,7 @@ TEST(Network, AddressesOfBothFamilies)
     ipv6.sin6_scope_id = if_nametoindex("lo");
     EXPECT_EQ(AddrInfo(wide, sizeof ipv6).host(), "fe80::1%lo");
 
-    // Too short, unknown, none.
+    // Too short, unknown family, null.
     EXPECT_EQ(AddrInfo(wide, sizeof ipv6 - 1).host(), "");
     EXPECT_EQ(AddrInfo(plain, sizeof ipv4 - 1).port(), 0);
     ipv4.sin_family = AF_UNIX;

@@ -21,7 +21,7 @@ namespace
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-/// Three tasks that post to each other with timers in between, for a simulated hour: the order of what ran.
+/// Order of execution of three tasks that post to each other from timers for a simulated hour.
 std::string OrderOf(std::uint64_t seed)
 {
     IL::Simulation simulation(seed);
@@ -45,7 +45,7 @@ std::string OrderOf(std::uint64_t seed)
     return order + std::to_string(simulation.Fingerprint());
 }
 
-TEST(Simulation, TheSameSeedGivesTheSameRunAndAnotherSeedAnother)
+TEST(Simulation, RunDependsOnTheSeedOnly)
 {
     std::set<std::string> orders;
     for (std::uint64_t seed = 0; seed < 20; ++seed)
@@ -55,13 +55,13 @@ TEST(Simulation, TheSameSeedGivesTheSameRunAndAnotherSeedAnother)
         EXPECT_EQ(orders.size(), seed + 1);
     }
 
-    // Fixed for good: a seed of an old report must still give its run.
+    // Must never change: a seed from an old report must still give its run.
     IL::RandomSequence sequence(0); // the published first numbers of xoshiro256** seeded by splitmix64
     EXPECT_EQ(sequence.Next(), 11091344671253066420U);
     EXPECT_EQ(sequence.Next(), 13793997310169335082U);
 }
 
-TEST(Simulation, TimeJumpsAndEndsWhereItWasAskedTo)
+TEST(Simulation, TimeJumpsAndStopsExactly)
 {
     IL::Simulation simulation(3);
     auto* const task = IL::CreateTask("task", "");
@@ -76,7 +76,7 @@ TEST(Simulation, TimeJumpsAndEndsWhereItWasAskedTo)
     simulation.Schedule(1s, [&] { IL::BreakThread([&] { order += task->IsCurrent() ? "task " : "outside"; }, task); });
     simulation.RunFor(4s);
     EXPECT_EQ(order, "task ");
-    simulation.RunUntilIdle(); // nothing due: time stands still
+    simulation.RunUntilIdle(); // nothing is due, so the clock does not advance
     EXPECT_EQ(MonotonicClock::NowSec() - begin, 4);
     EXPECT_TRUE(simulation.RunUntil([&] { return ticks == 4; }, 1h));
     EXPECT_EQ(order, "task 4 ");
@@ -88,7 +88,7 @@ TEST(Simulation, TimeJumpsAndEndsWhereItWasAskedTo)
     EXPECT_GT(simulation.Events(), IL::Simulation::kMaxStepsAtOneInstant);
 }
 
-TEST(Simulation, WaitStepsTheOthersAndNeverTheWaiter)
+TEST(Simulation, WaitStepsTheOtherTasksOnly)
 {
     IL::Simulation simulation(5);
     auto* const waiter = IL::CreateTask("waiter", "");
@@ -114,7 +114,7 @@ TEST(Simulation, WaitStepsTheOthersAndNeverTheWaiter)
             EXPECT_EQ(MonotonicClock::NowMs() - begin, 200);
             EXPECT_FALSE(semaphore.Wait(1000));
             EXPECT_EQ(MonotonicClock::NowMs() - begin, 1200);
-            own.Cancel(); // due for more than a second
+            own.Cancel(); // has been due for more than a second
             events.emplace_back("waited");
         },
         waiter);
@@ -122,7 +122,7 @@ TEST(Simulation, WaitStepsTheOthersAndNeverTheWaiter)
     EXPECT_THAT(events, ElementsAre("waited", "own entry"));
 }
 
-TEST(Simulation, AWaitCarriedPastItsLimitEndsThereAndTheClockNeverGoesBack)
+TEST(Simulation, ClockNeverGoesBackAfterANestedWait)
 {
     IL::Simulation simulation(5);
     auto* const below = IL::CreateTask("below", "");

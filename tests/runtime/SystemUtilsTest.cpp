@@ -17,7 +17,7 @@ namespace
 
 using testing::HasSubstr;
 
-TEST(SystemUtilsTest, ARunDirectoryThatCannotBeMadeEndsTheProcess)
+TEST(SystemUtilsTest, UncreatableRunDirectoryEndsTheProcess)
 {
     const auto takeTheLock = []
     {
@@ -41,7 +41,7 @@ TEST(SystemUtilsTest, ARunDirectoryThatCannotBeMadeEndsTheProcess)
     ::unsetenv("SONARIX_RUN_DIR");
 }
 
-TEST(SystemUtilsTest, ReadFile)
+TEST(SystemUtilsTest, ReadFileLogsAllFailuresButAMissingFile)
 {
     const TempDirectory temporary;
     const LogCapture log;
@@ -54,11 +54,11 @@ TEST(SystemUtilsTest, ReadFile)
     EXPECT_THAT(SystemUtils::ReadFile("/proc/self/comm").value_or(""), HasSubstr("runtime-test"));
     EXPECT_FALSE(SystemUtils::ReadFile(temporary.Path() + "/missing"));
     EXPECT_FALSE(SystemUtils::ReadFile(path + "/below-a-file"));
-    EXPECT_EQ(log.Lines().size(), 0u) << "a missing file is no failure: " << log.Text();
+    EXPECT_EQ(log.Lines().size(), 0u) << "a missing file is not logged: " << log.Text();
 
     EXPECT_FALSE(SystemUtils::ReadFile(temporary.Path()));
     ASSERT_EQ(::mkfifo((temporary.Path() + "/pipe").c_str(), 0600), 0);
-    EXPECT_FALSE(SystemUtils::ReadFile(temporary.Path() + "/pipe")) << "and does not wait for a writer";
+    EXPECT_FALSE(SystemUtils::ReadFile(temporary.Path() + "/pipe")) << "must not wait for a writer";
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 2u) << log.Text();
     EXPECT_TRUE(log.Contains(temporary.Path() + "/pipe"));
 }

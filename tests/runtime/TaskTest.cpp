@@ -21,11 +21,11 @@ namespace
 
 using testing::ElementsAre;
 
-TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
+TEST(Task, RunsEntriesOneAtATimeInTheirOrder)
 {
     const RealTask target;
     constexpr int kEach = 500;
-    std::vector<int> seen; // not guarded: the task is its guard
+    std::vector<int> seen; // not locked, because only the task uses it
     const auto post = [&](int first)
     {
         for (int i = 0; i < kEach; ++i)
@@ -46,7 +46,7 @@ TEST(Task, EntriesOfAllPostersRunOneAtATimeInTheirOrder)
     }
 }
 
-TEST(Task, GoesOnAfterExceptionsOfAnyKindAndCannotJoinItself)
+TEST(Task, ContinuesAfterExceptionsAndCannotJoinItself)
 {
     const LogCapture log;
     const RealTask task("Selfish");
@@ -90,7 +90,7 @@ TEST(Task, StopLetsTheRunningEntryEndAndThrowsTheRestAway)
             add("entry ended");
         },
         task.Get());
-    // An entry that is thrown away may still reach the task when it is destroyed.
+    // The destructor of a dropped entry may post to the task.
     std::shared_ptr<void> dying(nullptr,
                                 [&](void*)
                                 {
@@ -106,7 +106,7 @@ TEST(Task, StopLetsTheRunningEntryEndAndThrowsTheRestAway)
     gone.Disconnect();
     goOn.Signal();
 
-    // Several may wait for the end, before and after it.
+    // Several threads may join, before and after the end.
     std::thread other([&task] { IL::JoinTask(task.Get()); });
     IL::JoinTask(task.Get());
     EXPECT_THAT(events.Get(), ElementsAre("entry ended", "thrown away", "notified on task"));
@@ -127,9 +127,9 @@ std::ptrdiff_t OpenDescriptors()
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-TEST(Task, HoldsDescriptorsOnlyWhileItHasTimersAndRuns)
+TEST(Task, HoldsDescriptorsOnlyWithTimersWhileRunning)
 {
-    const RealTask first; // whatever the process opens once
+    const RealTask first; // opens what the process opens once
     first.Drain();
     const std::ptrdiff_t before = OpenDescriptors();
     std::vector<std::unique_ptr<RealTask>> tasks;
@@ -138,7 +138,7 @@ TEST(Task, HoldsDescriptorsOnlyWhileItHasTimersAndRuns)
         tasks.push_back(std::make_unique<RealTask>("short"));
         tasks.back()->Drain();
     }
-    EXPECT_EQ(OpenDescriptors(), before) << "a task at rest";
+    EXPECT_EQ(OpenDescriptors(), before) << "an idle task holds a descriptor";
 
     std::vector<std::unique_ptr<MessageTimer>> timers;
     Watched<int> fired;
@@ -149,12 +149,12 @@ TEST(Task, HoldsDescriptorsOnlyWhileItHasTimersAndRuns)
     }
     EXPECT_TRUE(fired.WaitFor(20));
     tasks.clear();
-    EXPECT_EQ(OpenDescriptors(), before) << "tasks that have ended, their timers still there";
+    EXPECT_EQ(OpenDescriptors(), before) << "an ended task holds a descriptor for its timers";
 }
 
-// Two threads arm and cancel timers, make, call and drop callbacks, while the task stops: after the stop notification
-// nobody is called, and nothing of what was dropped is touched.
-TEST(Task, TimersAndCallbacksUsedFromEverywhereWhileItStops)
+// Two threads arm and cancel timers, and create, call and destroy callbacks, while the task stops. No callback runs
+// after the stop notification. The sanitizers verify that nothing destroyed is accessed.
+TEST(Task, MayStopWhileThreadsUseItsTimersAndCallbacks)
 {
     for (int repetition = 0; repetition < 20; ++repetition)
     {
@@ -194,8 +194,8 @@ TEST(Task, TimersAndCallbacksUsedFromEverywhereWhileItStops)
     }
 }
 
-// Destroyed by the waiter as soon as it is woken, while the signaller may still be inside.
-TEST(Semaphore, MayGoAsSoonAsItsWaiterIsWoken)
+// The waiter destroys it as soon as it is woken, while Signal() may still run.
+TEST(Semaphore, MayBeDestroyedByTheWokenWaiter)
 {
     const RealTask task;
     for (int i = 0; i < 200; ++i)

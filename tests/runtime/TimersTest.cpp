@@ -25,7 +25,7 @@ using testing::ElementsAre;
 class SimulatedTimers : public testing::Test
 {
 protected:
-    /// Milliseconds since the test's begin.
+    /// Milliseconds since the start of the test.
     std::int64_t Now() const
     {
         return MonotonicClock::NowMs() - m_begin;
@@ -45,7 +45,7 @@ protected:
     std::vector<std::int64_t> m_fired;
 };
 
-TEST_F(SimulatedTimers, FireOnceOrRepeatUntilStoppedAndArmingAgainReplaces)
+TEST_F(SimulatedTimers, FireOnceOrRepeatUntilStoppedOrRearmed)
 {
     MessageTimer once("once", m_task);
     once.PostIn(1000, Note());
@@ -63,7 +63,7 @@ TEST_F(SimulatedTimers, FireOnceOrRepeatUntilStoppedAndArmingAgainReplaces)
     timer->SetTimeouts(10, 1000);
     timer->Start(Note());
     m_simulation.RunFor(1500ms);
-    timer->SetTimeouts(700, 0); // in force from the next start on
+    timer->SetTimeouts(700, 0); // takes effect at the next Start()
     m_simulation.RunFor(600ms);
     timer->Start(Note());
     m_simulation.RunFor(1h);
@@ -82,11 +82,11 @@ TEST_F(SimulatedTimers, FireOnceOrRepeatUntilStoppedAndArmingAgainReplaces)
         });
     const LogCapture log;
     m_simulation.RunFor(1h);
-    EXPECT_EQ(ticks, 3) << "goes on after an exception, not after its Stop";
+    EXPECT_EQ(ticks, 3) << "must continue after an exception, not after Stop()";
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 3u) << log.Text();
 }
 
-TEST_F(SimulatedTimers, TaskStoppedWithTimersArmed)
+TEST_F(SimulatedTimers, DoNotFireAfterTheirTaskStopped)
 {
     const auto held = std::make_shared<int>(0);
     auto timer = std::make_unique<MessageTimer>("timer", m_task);
@@ -97,7 +97,7 @@ TEST_F(SimulatedTimers, TaskStoppedWithTimersArmed)
     m_simulation.RunFor(4ms);
     IL::StopTask(m_task);
     IL::JoinTask(m_task);
-    EXPECT_EQ(held.use_count(), 1) << "callbacks go with the task";
+    EXPECT_EQ(held.use_count(), 1) << "the stop destroys the callbacks";
     timer->PostIn(5, Note());
     repeating->Start(Note());
     timer.reset();
@@ -105,7 +105,7 @@ TEST_F(SimulatedTimers, TaskStoppedWithTimersArmed)
     EXPECT_TRUE(m_fired.empty());
 }
 
-TEST(SimulatedTimersSeeds, CancelledWhenDueDoesNotFireInAnyOrder)
+TEST(SimulatedTimersSeeds, CancelledWhenDueDoesNotFire)
 {
     int cancelledFirst = 0;
     for (std::uint64_t seed = 1; seed <= 50; ++seed)
@@ -127,10 +127,10 @@ TEST(SimulatedTimersSeeds, CancelledWhenDueDoesNotFireInAnyOrder)
         EXPECT_THAT(fired, testing::AnyOf("killer", "victim killer"));
     }
     EXPECT_GT(cancelledFirst, 10);
-    EXPECT_LT(cancelledFirst, 40) << "the seed gives the order of what is due at one instant";
+    EXPECT_LT(cancelledFirst, 40) << "the seed orders what is due at one instant";
 }
 
-TEST(RealTimers, DueAlreadyButCancelledOrDestroyedOnTheTask)
+TEST(RealTimers, CancelledOrDestroyedWhenDueDoNotFire)
 {
     const RealTask task;
     std::atomic<int> fired = 0;
@@ -147,7 +147,7 @@ TEST(RealTimers, DueAlreadyButCancelledOrDestroyedOnTheTask)
             replaced.PostIn(1, [&] { ++fired; });
             kept.PostIn(2, [&] { done.Signal(); });
             ConditionSemaphore never(0);
-            never.Wait(20); // holds the task up until all are due
+            never.Wait(20); // keeps the task busy until all are due
             destroyed.reset();
             cancelled.Cancel();
             replaced.PostIn(3, [&] { done.Signal(); });
@@ -157,12 +157,12 @@ TEST(RealTimers, DueAlreadyButCancelledOrDestroyedOnTheTask)
     EXPECT_EQ(fired, 0);
 }
 
-TEST(RealTimers, FireInTheOrderOfTheirTimesAndNeverEarly)
+TEST(RealTimers, FireInTheOrderOfTheirTimesNotEarly)
 {
     const RealTask task;
     Watched<std::string> order;
     MessageTimer farAway("far away", task.Get());
-    farAway.PostIn(3'600'000, [] { ADD_FAILURE(); }); // the ones armed later come first all the same
+    farAway.PostIn(3'600'000, [] { ADD_FAILURE(); }); // must not delay timers armed later
     MessageTimer late("late", task.Get());
     MessageTimer early("early", task.Get());
     const auto before = std::chrono::steady_clock::now();

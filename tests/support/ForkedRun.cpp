@@ -20,7 +20,7 @@ constexpr int kExceptionStatus = 125;
     ::alarm(static_cast<unsigned>(limit.count()));
     const rlimit size{ForkedResult::kMaxOutput, ForkedResult::kMaxOutput};
     ::setrlimit(RLIMIT_FSIZE, &size);
-    std::signal(SIGXFSZ, SIG_IGN); // what is too much is not written
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit fails instead
     ::dup2(output, STDOUT_FILENO);
     ::dup2(output, STDERR_FILENO);
     ::close(output);
@@ -50,7 +50,7 @@ std::string ForkedResult::HowItEnded() const
 
 ForkedResult RunForked(const std::function<int()>& body, std::chrono::seconds limit)
 {
-    std::fflush(nullptr); // what is buffered here must not come out twice
+    std::fflush(nullptr); // otherwise the child prints buffered text again
     const int output = ::memfd_create("output", MFD_CLOEXEC);
     const pid_t child = output < 0 ? -1 : ::fork();
     if (child < 0)

@@ -5,12 +5,12 @@
 #include <functional>
 #include <string>
 
-/// How a forked run ended. A value.
+/// Result of RunForked(). A value.
 struct ForkedResult
 {
-    int m_exitStatus = -1; ///< -1: ended by a signal
-    int m_signal = 0;      ///< 0: left by itself; SIGALRM: at the time limit
-    std::string m_output;  ///< standard output and error as they came, cut off after kMaxOutput bytes
+    int m_exitStatus = -1; ///< -1 if ended by a signal
+    int m_signal = 0;      ///< 0 if it exited; SIGALRM at the time limit
+    std::string m_output;  ///< standard output and error, at most kMaxOutput bytes
 
     bool Succeeded() const
     {
@@ -21,6 +21,6 @@ struct ForkedResult
     static constexpr std::size_t kMaxOutput = std::size_t{256} * 1024;
 };
 
-/// Runs `body` in a process of its own, which leaves by _exit with what `body` returns (125 and the text for a
-/// std::exception). One that takes longer than `limit` is killed. `body` starts no thread where the caller has some.
+/// Runs `body` in a forked process, whose exit status is the result of `body`, or 125 after a std::exception, whose
+/// text is printed. The process is killed after `limit`. Other threads of the caller do not exist in it.
 ForkedResult RunForked(const std::function<int()>& body, std::chrono::seconds limit = std::chrono::seconds(60));

@@ -22,7 +22,7 @@ struct HttpServer::State
 {
     boost::asio::io_context m_context;
     tcp::acceptor m_listener;
-    std::deque<Connection> m_connections; ///< the acceptor's until it has ended
+    std::deque<Connection> m_connections; ///< used by the accepting thread until it has ended
 
     State(const std::string& address, std::uint16_t port)
         : m_listener(m_context, tcp::endpoint(boost::asio::ip::make_address(address), port))
@@ -89,7 +89,7 @@ void HttpServer::Serve(Connection& connection)
             });
         m_handler(exchange);
     }
-    ::shutdown(exchange.m_socket, SHUT_RDWR); // closed with the server: its number must not be another's before that
+    ::shutdown(exchange.m_socket, SHUT_RDWR); // not closed yet: ~HttpServer() uses the descriptor
 }
 
 std::string HttpServer::Url(const std::string& target) const

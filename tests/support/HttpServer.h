@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-/// A small HTTP server, on loopback at first, that says exactly what a test wants, well-formed or not, one thread a
-/// connection.
+/// A small HTTP server, by default on loopback, that sends exactly the bytes a test gives, well-formed or not. One
+/// thread for each connection.
 ///
 ///     HttpServer server([](HttpServer::Exchange& exchange) { exchange.Send(HttpServer::Answer(200, {}, "hello")); });
 ///     fetcher.SetURL(server.Url("/description.xml"));
@@ -25,10 +25,10 @@ public:
         std::string m_method;
         std::string m_target;
         std::map<std::string, std::string> m_headers;
-        std::string m_body; ///< as long as Content-Length says
+        std::string m_body; ///< Content-Length bytes
     };
 
-    /// One request, and the connection that it came on, which the server keeps for the next unless Close() was called.
+    /// One request and its connection. The server reads the next request from it unless Close() was called.
     class Exchange
     {
     public:
@@ -36,16 +36,16 @@ public:
         {
             return m_request;
         }
-        std::size_t Number() const ///< of the request on this server, from 0
+        std::size_t Number() const ///< number of the request on this server, from 0
         {
             return m_number;
         }
-        bool Send(const std::string& bytes) const; ///< false: the peer has gone
+        bool Send(const std::string& bytes) const; ///< false if the peer has closed
         void Close()
         {
             m_close = true;
         }
-        void AwaitPeerGone() const; ///< says no more until the peer, or the server, closes
+        void AwaitPeerGone() const; ///< blocks until the peer or the server closes
 
     private:
         friend class HttpServer;
@@ -57,7 +57,7 @@ public:
 
     using Handler = std::function<void(Exchange&)>;
 
-    /// `port` 0: a free one. `address`: one of the network namespace that the caller is in.
+    /// `port` 0: a free one. `address`: of an interface in the caller's network namespace.
     explicit HttpServer(Handler handler, std::uint16_t port = 0, const std::string& address = "127.0.0.1");
     ~HttpServer(); ///< closes all connections and waits for their threads
     HttpServer(const HttpServer&) = delete;
@@ -73,9 +73,9 @@ public:
         return m_requests;
     }
 
-    /// With a Content-Length. `headers` are whole lines without their ends.
+    /// A response with Content-Length. `headers` are lines without CRLF.
     static std::string Answer(int status, const std::vector<std::string>& headers = {}, const std::string& body = {});
-    static std::uint16_t FreePort(); ///< on which nobody listens
+    static std::uint16_t FreePort(); ///< has no listener
 
 private:
     struct Connection;

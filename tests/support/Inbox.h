@@ -6,7 +6,7 @@
 #include <deque>
 #include <optional>
 
-/// What callbacks on other threads put, for the test to take: in order, or the first that it looks for.
+/// A queue from callbacks on other threads to the test, which takes the first value or the first that matches.
 template <class T>
 class Inbox final
 {
@@ -16,7 +16,7 @@ public:
         m_values.Change([&](auto& all) { all.push_back(value); });
     }
 
-    /// Nothing after `limit`.
+    /// nullopt after `limit`.
     std::optional<T> Take(std::chrono::milliseconds limit = Watched<T>::kPatience)
     {
         return TakeFirst([](const T&) { return true; }, limit);
@@ -38,7 +38,7 @@ public:
         return taken;
     }
 
-    /// Whether such a one is there, or comes within `limit`; it stays there.
+    /// True if a matching value is in the queue or arrives within `limit`. Does not remove it.
     template <class Matches>
     bool Has(Matches matches, std::chrono::milliseconds limit) const
     {

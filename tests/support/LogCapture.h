@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// Collects all lines of the log while it lives, instead of standard error. One at a time; any thread may log.
+/// Collects all log lines instead of standard error until it is destroyed. One at a time; any thread may log.
 ///
 ///     LogCapture log("3,MdnsService=7");
 ///     ...
@@ -26,7 +26,7 @@ public:
         bool operator==(const Line&) const = default;
     };
 
-    /// `levels` in the form of SONARIX_LOG, in force until the capture's end.
+    /// `levels` in the form of SONARIX_LOG; the destructor restores those of SONARIX_LOG.
     explicit LogCapture(const std::string& levels = "3");
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -37,15 +37,16 @@ public:
         return m_lines->Get();
     }
     std::size_t Count(DPrint::Level level) const;
-    bool Contains(const std::string& part) const; ///< in the text of some line
-    /// Until a line with `part` has come (true) or `limit` is over (false).
+    bool Contains(const std::string& part) const; ///< a line's text contains `part`
+    /// Waits for a line that contains `part` (true), at most `limit` (false).
     bool WaitFor(const std::string& part, std::chrono::milliseconds limit = std::chrono::seconds(60)) const;
-    std::string Text() const; ///< all lines, to be shown when an expectation fails
+    std::string Text() const; ///< all lines, for messages of failed expectations
     void Clear()
     {
         m_lines->Set({});
     }
 
 private:
-    const std::shared_ptr<Watched<std::vector<Line>>> m_lines; ///< and the sink's, in which a late thread may still be
+    const std::shared_ptr<Watched<std::vector<Line>>>
+        m_lines; ///< shared with the sink, because a thread may still log through it
 };

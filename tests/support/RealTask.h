@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-/// A task with a thread of its own for a test; stopped and joined with its end.
+/// A task with a thread, stopped and joined in the destructor.
 class RealTask final
 {
 public:
@@ -28,24 +28,24 @@ public:
         return m_task;
     }
 
-    /// Runs `function` on the task and waits for its end; an exception out of it comes out here. On a stopped
-    /// task it throws std::future_error.
+    /// Runs `function` on the task and waits for its end; rethrows its exception. Throws std::future_error if the task
+    /// has been stopped.
     void Run(const std::function<void()>& function) const
     {
-        // The posted entry alone owns the promise: thrown away by a stop, it breaks it instead of leaving us waiting.
+        // The posted entry alone owns the promise, so that a stop that drops the entry ends the wait with an exception.
         auto entry = std::make_shared<std::packaged_task<void()>>(function);
         std::future<void> done = entry->get_future();
         IL::BreakThread([owned = std::move(entry)] { (*owned)(); }, m_task);
         done.get();
     }
 
-    /// Waits until everything that is queued now has run.
+    /// Waits until all entries queued before have run.
     void Drain() const
     {
         Run([] {});
     }
 
-    /// Runs `meanwhile` while the task is held up; what is posted or arrives in this time waits.
+    /// Runs `meanwhile` on the calling thread while the task is blocked, so that what is posted meanwhile queues up.
     void Stall(const std::function<void()>& meanwhile) const
     {
         std::promise<void> end;

@@ -48,7 +48,7 @@ void SeedRunner::ForEach(const std::vector<std::uint64_t>& seeds, const Body& bo
             ADD_FAILURE() << "seed " << seed << " failed (" << result.HowItEnded() << "); alone: " << CommandFor(seed)
                           << '\n'
                           << result.m_output;
-            return; // this failure would count for the seeds after it
+            return; // HasFailure() would be true for all later seeds
         }
     }
 }

@@ -5,8 +5,8 @@
 #include <functional>
 #include <vector>
 
-/// Runs a test body under many seeds, each in a process of its own: the main objects of a service hold each other
-/// on purpose and are never torn down. The body uses EXPECT_ and ASSERT_ as any test:
+/// Runs a test body for many seeds, each in its own process, because the service's main objects form cycles and are
+/// never destroyed. The body uses EXPECT_ and ASSERT_:
 ///
 ///     SeedRunner::ForEach(SeedRunner::Range(1, 200), [](std::uint64_t seed)
 ///     {
@@ -14,8 +14,8 @@
 ///         ...
 ///     });
 ///
-/// A failing seed fails the test with what it printed and the command that runs it again alone. With SONARIX_SEED=N
-/// in the environment only that seed runs, within the test's own process, ready for a debugger.
+/// A failing seed fails the test, with its output and the command that repeats it. With SONARIX_SEED=N in the
+/// environment only seed N runs, in the test's own process, so that a debugger can be used.
 class SeedRunner
 {
 public:
@@ -23,6 +23,6 @@ public:
 
     static std::vector<std::uint64_t> Range(std::uint64_t first, std::size_t count);
 
-    /// A seed that takes longer than a minute is killed and has failed. Ends with the first that fails.
+    /// A seed fails if it takes longer than a minute. Stops at the first failure.
     static void ForEach(const std::vector<std::uint64_t>& seeds, const Body& body);
 };

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A new directory, gone with the object and all that is in it.
+/// A new directory; the destructor removes it with its content.
 class TempDirectory final
 {
 public:

@@ -41,10 +41,10 @@ public:
         return m_value;
     }
 
-    /// Longer than the slowest machine takes; only a test that fails waits so long.
+    /// Default limit; reached only by a failing test.
     static constexpr std::chrono::seconds kPatience{60};
 
-    /// Whether `condition` came to hold before `limit` was over.
+    /// True as soon as `condition` holds, false after `limit`.
     template <class Condition>
     bool WaitUntil(Condition condition, std::chrono::milliseconds limit = kPatience) const
     {

@@ -1,4 +1,4 @@
-"""A service at a local socket, for the tests of the programs that talk to it."""
+"""A fake service on a Unix socket, for tests of its clients."""
 import contextlib
 import os
 import queue
@@ -9,7 +9,7 @@ from terminal import SECONDS
 
 
 class LocalService:
-    """`serve(stream)` of a derived class takes what one client says; what has been asked it puts into `asked`."""
+    """A derived class implements serve(stream) for one client and puts each request into `asked`."""
 
     def __init__(self, folder, name):
         self.path = os.path.join(folder, name)
@@ -25,7 +25,7 @@ class LocalService:
         threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
 
     def close(self):
-        """As a service that ends: the socket's file goes, and each connection. Once more is nothing."""
+        """Removes the socket's file and closes all connections, like a service that ends. May be called twice."""
         if self.listener.fileno() < 0:
             return
         os.unlink(self.path)
@@ -36,16 +36,16 @@ class LocalService:
 
     def send(self, data):
         for peer in self.peers:
-            with contextlib.suppress(OSError):  # one who has gone
+            with contextlib.suppress(OSError):  # the peer has closed
                 peer.sendall(data)
 
     def expect(self, request):
-        """Waits until that has been asked; what was asked before is forgotten."""
+        """Waits for this request; drops the requests before it."""
         while self.asked.get(timeout=SECONDS) != request:
             pass
 
     def _accept(self, listener):
-        with contextlib.suppress(OSError):  # closed
+        with contextlib.suppress(OSError):  # the listener is closed
             while True:
                 peer = listener.accept()[0]
                 self.peers = [one for one in self.peers if one.fileno() >= 0] + [peer]

@@ -1,4 +1,4 @@
-"""Programs on a network of a test's own, and what their neighbours hear of those that stand for many devices."""
+"""Runs a simulator in a network namespace and receives its multicast messages."""
 import json
 import os
 import select
@@ -10,7 +10,7 @@ import unittest
 
 
 def enter_network(*commands):
-    """Runs this script once more, in a namespace with loopback and what these commands of `ip` make."""
+    """Restarts this script in a network namespace with loopback, and runs these commands of `ip` there."""
     if os.environ.get("SONARIX_TEST_NAMESPACE") != "yes":
         os.environ["SONARIX_TEST_NAMESPACE"] = "yes"
         root = [] if os.geteuid() == 0 else ["--map-root-user"]
@@ -20,12 +20,12 @@ def enter_network(*commands):
 
 
 class NeighbourCase(unittest.TestCase):
-    """A program that simulates devices on loopback, and a socket in their multicast group."""
+    """Starts a program that simulates devices on loopback, and a socket in their multicast group."""
 
     group = ()
 
     def start(self, *command):
-        """What the program says when it is ready."""
+        """Starts the program and returns its first line."""
         self.ear = self.socket(socket.SOCK_DGRAM)
         self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
@@ -42,7 +42,7 @@ class NeighbourCase(unittest.TestCase):
 
     @staticmethod
     def receive(source, seconds):
-        """(seconds, sender, message) of what comes within that time."""
+        """Yields (seconds since the start, sender, message) of what arrives within `seconds`."""
         begin = time.monotonic()
         while (rest := begin + seconds - time.monotonic()) > 0 and select.select([source], [], [], rest)[0]:
             message, sender = source.recvfrom(9000)
@@ -55,7 +55,7 @@ class NeighbourCase(unittest.TestCase):
 
     @staticmethod
     def info(portico, address):
-        """What the gateway at that address says of its product, or None where nobody listens."""
+        """The product's own description from the gateway at `address`, or None if there is none."""
         answer = subprocess.run([portico, "--host", address, "--port", "8090", "get", "/sonarix/info"],
                                 capture_output=True, text=True, check=False)
         return json.loads(answer.stdout) if answer.returncode == 0 else None

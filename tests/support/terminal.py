@@ -1,4 +1,4 @@
-"""A program at a terminal of its own, and what stands on its screen."""
+"""Runs a program in a pseudo-terminal and interprets its screen."""
 import fcntl
 import functools
 import os
@@ -16,7 +16,7 @@ SECONDS = 20
 
 
 class Screen:
-    """The lines of a terminal without an end below, for what a line editor sends. One column a character."""
+    """A terminal screen of unlimited height, with the control sequences of line editors. One column per character."""
 
     def __init__(self, columns):
         self.columns = columns
@@ -73,7 +73,7 @@ class Screen:
 
 
 class Terminal:
-    """`start`: subprocess.Popen, or what takes the same arguments and makes a session of its own."""
+    """`start`: subprocess.Popen with a new session, or a callable with the same arguments."""
 
     def __init__(self, command, environment, columns=80, start=functools.partial(subprocess.Popen, start_new_session=True)):
         self._master, slave = pty.openpty()
@@ -89,24 +89,24 @@ class Terminal:
         os.write(self._master, (text + KEYS.get(key, "")).encode())
 
     def wait(self, condition, seconds=SECONDS):
-        """Reads on until the condition holds for the lines of the screen, without blanks at their ends."""
+        """Reads until condition(lines of the screen, without trailing blanks) is true."""
         deadline = time.monotonic() + seconds
         with selectors.DefaultSelector() as selector:
             selector.register(self._master, selectors.EVENT_READ)
             while not condition(self.lines()):
                 if not selector.select(max(0, deadline - time.monotonic())):
-                    raise AssertionError("the screen says:\n" + "\n".join(self.lines()))
+                    raise AssertionError("the screen shows:\n" + "\n".join(self.lines()))
                 self._read()
 
     def wait_for(self, *last, seconds=SECONDS):
-        """Until these are the last lines."""
+        """Waits until these are the last lines."""
         self.wait(lambda lines: lines[-len(last):] == list(last), seconds)
 
     def lines(self):
         return [line.rstrip() for line in self.screen.lines]
 
     def end(self, seconds=SECONDS):
-        """The exit status, when the program has ended by itself."""
+        """Waits until the program exits; returns its exit status."""
         deadline = time.monotonic() + seconds
         while self._read() and time.monotonic() < deadline:
             pass
@@ -120,7 +120,7 @@ class Terminal:
     def _read(self):
         try:
             data = os.read(self._master, 65536)
-        except OSError:  # the other end is closed
+        except OSError:  # the program has closed its end
             data = b""
         self.screen.feed(data.decode(errors="replace"))
         return bool(data)
