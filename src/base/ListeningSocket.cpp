@@ -1,5 +1,7 @@
 #include "base/ListeningSocket.h"
 
+#include "base/Descriptor.h"
+
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -25,35 +27,6 @@ sockaddr_un AddressOf(const std::string& path)
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     return address;
 }
-
-class Descriptor final
-{
-public:
-    explicit Descriptor(int descriptor)
-        : m_descriptor(descriptor)
-    {
-    }
-    ~Descriptor()
-    {
-        if (m_descriptor >= 0)
-        {
-            ::close(m_descriptor);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const
-    {
-        return m_descriptor;
-    }
-    int Release()
-    {
-        return std::exchange(m_descriptor, -1);
-    }
-
-private:
-    int m_descriptor;
-};
 
 int MakeSocket()
 {

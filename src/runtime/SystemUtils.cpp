@@ -1,5 +1,6 @@
 #include "runtime/SystemUtils.h"
 
+#include "base/Descriptor.h"
 #include "runtime/DPrint.h"
 
 #include <algorithm>
@@ -19,31 +20,6 @@ namespace
 {
 
 const DPrint s_log("SystemUtils");
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd)
-        : m_fd(fd)
-    {
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor()
-    {
-        if (m_fd >= 0)
-        {
-            ::close(m_fd);
-        }
-    }
-    int Get() const
-    {
-        return m_fd;
-    }
-
-private:
-    const int m_fd;
-};
 
 /// Returns 0 or an errno.
 int ReadAll(int fd, std::string& text)

@@ -1,5 +1,5 @@
 #include "runtime/CTask.h"
-#include "runtime/engine/ThreadName.h"
+#include "runtime/engine/Thread.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RealTask.h"
 #include "tests/support/Watched.h"

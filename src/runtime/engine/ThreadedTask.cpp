@@ -3,7 +3,7 @@
 #include "runtime/CaughtException.h"
 #include "runtime/DPrint.h"
 #include "runtime/engine/CurrentTask.h"
-#include "runtime/engine/ThreadName.h"
+#include "runtime/engine/Thread.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -12,19 +12,13 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <system_error>
 
 namespace
 {
 
 const DPrint s_log("Tasks");
 
-/// Stack of a task. Frames of sanitizer builds are several times larger.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kStackBytes = std::size_t{4} * 1024 * 1024;
-#else
 constexpr std::size_t kStackBytes = std::size_t{512} * 1024;
-#endif
 
 } // namespace
 
@@ -48,15 +42,7 @@ ThreadedTask::ThreadedTask(const std::string& name)
     : m_name(name)
     , m_context(std::make_unique<Context>())
 {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, kStackBytes);
-    const int error = pthread_create(&m_thread, &attributes, &ThreadedTask::ThreadMain, this);
-    pthread_attr_destroy(&attributes);
-    if (error != 0)
-    {
-        throw std::system_error(error, std::generic_category(), "no thread for task " + name);
-    }
+    m_thread = StartThread(name, kStackBytes, &ThreadedTask::ThreadMain, this);
 }
 
 ThreadedTask::~ThreadedTask() = default;

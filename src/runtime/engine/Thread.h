@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <pthread.h>
 #include <string>
 
 namespace IL
@@ -12,5 +14,9 @@ std::string ThreadNameFromTaskName(const std::string& taskName);
 
 /// Names the calling thread after its task.
 void SetThreadName(const std::string& taskName);
+
+/// Starts a thread that can be joined, for the task of that name. Frames of sanitizer builds are several times larger,
+/// so their stacks have at least 4 MiB. Throws std::system_error.
+pthread_t StartThread(const std::string& taskName, std::size_t stackBytes, void* (*main)(void*), void* argument);
 
 } // namespace IL

@@ -1,8 +1,8 @@
-#include "runtime/engine/ThreadName.h"
+#include "runtime/engine/Thread.h"
 
-#include <cstddef>
-#include <pthread.h>
+#include <algorithm>
 #include <string_view>
+#include <system_error>
 
 namespace IL
 {
@@ -28,6 +28,24 @@ std::string ThreadNameFromTaskName(const std::string& taskName)
 void SetThreadName(const std::string& taskName)
 {
     pthread_setname_np(pthread_self(), ThreadNameFromTaskName(taskName).c_str());
+}
+
+pthread_t StartThread(const std::string& taskName, std::size_t stackBytes, void* (*main)(void*), void* argument)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    stackBytes = std::max(stackBytes, std::size_t{4} << 20U);
+#endif
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, stackBytes);
+    pthread_t thread{};
+    const int error = pthread_create(&thread, &attributes, main, argument);
+    pthread_attr_destroy(&attributes);
+    if (error != 0)
+    {
+        throw std::system_error(error, std::generic_category(), "no thread for task " + taskName);
+    }
+    return thread;
 }
 
 } // namespace IL
