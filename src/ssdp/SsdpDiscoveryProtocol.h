@@ -39,9 +39,6 @@ public:
     static std::shared_ptr<SsdpDiscoveryProtocolIF> Create();
     static inline FactoryOverride<std::shared_ptr<SsdpDiscoveryProtocolIF> (*)()> s_factoryOverride;
 
-    static std::shared_ptr<SsdpDiscoveryProtocolIF> Create();
-    static inline FactoryOverride<std::shared_ptr<SsdpDiscoveryProtocolIF> (*)()> s_factoryOverride;
-
     SsdpDiscoveryProtocol();
     /// `http` fetches the descriptions, not null; `readAddresses` is called before each search.
     SsdpDiscoveryProtocol(std::unique_ptr<IHttpInterface> http, AddressReader readAddresses);
