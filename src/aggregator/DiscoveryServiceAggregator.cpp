@@ -79,6 +79,7 @@ DiscoveryServiceAggregator::DiscoveryServiceAggregator(NotifyTargetTaskIF* task,
     , m_offlineProducts(m_task, m_table, m_remoteProducts)
 {
     m_overPortico = DiscoveryServiceOverPortico::Create(m_task);
+    m_sources.PeriodicGetProductList();
     if (m_overPortico)
     {
         m_childUpdateConnection = m_overPortico->RegisterForProductUpdate(m_liveness.OnTask<Sonarix::Product>(

@@ -39,7 +39,6 @@ DiscoverySources::DiscoverySources(NotifyTargetTaskIF* task, std::shared_ptr<Dis
     , m_onList(std::move(onList))
     , m_periodicResolverTimer("DiscoveryServiceAggregatorPeriodicResolver", m_task)
 {
-    PeriodicGetProductList();
 }
 
 void DiscoverySources::Subscribe()

@@ -26,16 +26,17 @@ public:
     using ReportHandler = Callback<const Sonarix::Product>;
     using ListHandler = Callback<Sonarix::ProductList>;
 
-    /// Arms the refresh. The handlers run on `task`.
+    /// The handlers run on `task`.
     DiscoverySources(NotifyTargetTaskIF* task, std::shared_ptr<DiscoveryServiceControllerIF> controller,
                      ReportHandler onSsdpReport, ReportHandler onMdnsReport, ListHandler onList);
 
     /// Fetches each source from the controller and subscribes to it, unless that has been done before.
     void Subscribe();
+    /// Arms the next refresh, 6 hours from now. Each refresh calls it again.
+    void PeriodicGetProductList();
     void Shutdown(); ///< the refresh goes on with no source
 
 private:
-    void PeriodicGetProductList();
     void HandlePeriodicGetProductList();
     void RefreshFromSsdp();
     void RefreshFromMdns();

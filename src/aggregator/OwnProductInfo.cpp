@@ -61,8 +61,8 @@ bool OwnProductInfo::SetAddress(const std::string& ipAddress)
     {
         return false;
     }
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
-           "IP Address changed from |" << m_ipAddress << "| to |" << ipAddress << "|");
+    DPRINT_AS(s_aggregatorLog, DPrint::LEVEL_INFO, "InitializeProtocols",
+              "IP Address changed from |" << m_ipAddress << "| to |" << ipAddress << "|");
     m_ipAddress = ipAddress;
     return true;
 }
@@ -113,6 +113,7 @@ Sonarix::ProductInfo OwnProductInfo::GetCombinedProductInfo() const
 
 void OwnProductInfo::NotifyMyProductInfo()
 {
+    TASK_CHECK(m_task);
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "sending my product info notification");
     const Sonarix::ProductInfo info = GetCombinedProductInfo();
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO, "My Product Info: " << JsonForLog(info, false));
@@ -176,9 +177,9 @@ void OwnProductInfo::DisconnectAll()
 void OwnProductInfo::LogChildMode() const
 {
     const bool isChild = IsInChildMode(m_myProductInfo);
-    DPRINT(s_aggregatorLog, DPrint::LEVEL_DEBUG,
-           "amIAChild: " << (isChild ? "True" : "False")
-                         << " mode: " << SXCommon::ProductMode_Name(GetCurrentProductMode(m_myProductInfo)));
+    DPRINT_AS(s_aggregatorLog, DPrint::LEVEL_DEBUG, "HandleProductUpdate",
+              "amIAChild: " << (isChild ? "True" : "False")
+                            << " mode: " << SXCommon::ProductMode_Name(GetCurrentProductMode(m_myProductInfo)));
 }
 
 OwnProductInfo::ProductMode OwnProductInfo::GetCurrentProductMode(const Sonarix::ProductInfo& info)

@@ -84,11 +84,16 @@ Sonarix::Product& ProductTable::SetOnline(const Sonarix::ProductInfo& info)
 bool ProductTable::SetOffline(const std::string& guid)
 {
     TASK_CHECK(m_task);
-    m_offlineStamps.try_emplace(guid, MonotonicClock::NowSec());
     Sonarix::Product& row = Row(guid);
     const bool isChanged = row.state() != SXCommon::OFFLINE;
     row.set_state(SXCommon::OFFLINE);
     return isChanged;
+}
+
+void ProductTable::StampOffline(const std::string& guid)
+{
+    TASK_CHECK(m_task);
+    m_offlineStamps.try_emplace(guid, MonotonicClock::NowSec());
 }
 
 void ProductTable::KeepOnly(const std::string& guid)

@@ -37,9 +37,9 @@ public:
     bool Refresh(const Sonarix::Product& product);
     /// Stores a product's own information. The row becomes ONLINE, its offline stamp is erased.
     Sonarix::Product& SetOnline(const Sonarix::ProductInfo& info);
-    /// The row becomes OFFLINE. The first call since the product's last answer sets the stamp. True if the state
-    /// changed.
-    bool SetOffline(const std::string& guid);
+    bool SetOffline(const std::string& guid); ///< true if the state changed
+    /// Sets the offline stamp to now, unless one is set since the product's last answer.
+    void StampOffline(const std::string& guid);
     /// Removes all rows but that of `guid`, and all stamps but its own. A map that does not hold `guid` is not changed.
     void KeepOnly(const std::string& guid);
 

@@ -112,6 +112,7 @@ void RemoteProducts::HandleHeartbeatStatus(const std::string& guid, PORTICO_CLIE
         {
             m_onListChanged();
         }
+        m_table.StampOffline(guid);
     }
     else if (status == HEARTBEAT_ONLINE)
     {

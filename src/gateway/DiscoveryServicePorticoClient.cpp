@@ -245,6 +245,7 @@ void DiscoveryServicePorticoClient::SendMyProductInfoNotification(const Sonarix:
 
 void DiscoveryServicePorticoClient::SendSonarixNotification(const Sonarix::Product& product)
 {
+    TASK_CHECK(m_task);
     DPRINT(s_log, DPrint::LEVEL_INFO, product.DebugString());
     Sonarix::ProductList list;
     *list.add_products() = product;

@@ -26,7 +26,7 @@ public:
     virtual void Shutdown() = 0;
     /// Calls `callback` with the current information before it returns, then at each change.
     virtual CallbackConnection RegisterForMyProductInfo(const Callback<Sonarix::ProductInfo>& callback) = 0;
-    /// Calls `callback` at each change, not at the registration.
+    /// Calls `callback` at each notification of the list, not at the registration.
     virtual CallbackConnection RegisterForProductList(const Callback<Sonarix::ProductList>& callback) = 0;
     /// Sets the own mode and address. A change of mode resets nearly all of the table.
     virtual void InitializeProtocols(const SXCommon::ProductMode& mode, const std::string& ipAddress) = 0;
