@@ -85,7 +85,9 @@ class CommandLine(Case):
         for option in ("--version", "-V"):
             self.assertRegex(self.run_program(option).stdout, r"^sonarix-console \d")
         usage = self.run_program("--help").stdout
-        self.assertEqual(self.run_program("-h").stdout, usage)
+        for option in ("-h", "-hV", "-Vh", "-hh"):
+            self.assertEqual(self.run_program(option).stdout, usage)
+        self.assertIn("unknown option -hx", self.run_program("-hx").stderr)
         for line in usage.splitlines():  # the help has an example of each command
             if line.startswith("  sonarix "):
                 self.assertIn(" ".join(line.split()[:3]), usage.partition("Examples:")[2])

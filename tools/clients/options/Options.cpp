@@ -1,5 +1,6 @@
 #include "tools/clients/options/Options.h"
 
+#include <algorithm>
 #include <charconv>
 #include <getopt.h>
 #include <iostream>
@@ -30,9 +31,10 @@ bool Options::Parse(int argc, const char* const* argv)
     }
     arguments.push_back(nullptr);
     opterr = 0;
-    for (int next = 1;; next = optind)
+    optind = 0; // restarts getopt_long
+    for (;;)
     {
-        optind = next == 1 ? 0 : next; // 0 restarts getopt_long
+        const int next = std::max(optind, 1); // unchanged within a group of short options, for example "-hV"
         const std::string element = next < argc ? argv[next] : "";
         int index = -1;
         // '-': getopt_long returns words in order, as 1. ':': it returns ':' for a missing value, else '?'.
