@@ -106,7 +106,15 @@ private:
         const int accepted = ::accept4(m_socket.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (accepted >= 0)
         {
-            m_accepted(accepted);
+            try
+            {
+                m_accepted(accepted);
+            }
+            catch (...) // the task logs it
+            {
+                Wait();
+                throw;
+            }
         }
         else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED)
         {

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <optional>
+#include <stdexcept>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -114,6 +115,18 @@ TEST_F(AcceptLoopTest, LeavesConnectionsInTheQueueWhileSuspended)
         EXPECT_TRUE(m_accepted.IsEmpty());
         m_task.Run([this] { m_loop->Resume(); });
     }
+}
+
+TEST_F(AcceptLoopTest, GoesOnAfterAnExceptionOfItsCallback)
+{
+    m_atAccepted = [this]
+    {
+        m_atAccepted = nullptr;
+        throw std::runtime_error("no memory for a client");
+    };
+    EXPECT_TRUE(Connect() && Connect());
+    EXPECT_TRUE(m_accepted.Take());
+    EXPECT_TRUE(m_log.WaitFor("no memory for a client"));
 }
 
 TEST_F(AcceptLoopTest, MayBeDestroyedByItsCallback)
