@@ -100,7 +100,7 @@ std::string ListeningSocket::Bind(const std::string& path, mode_t mode)
     if (::chmod(path.c_str(), mode) != 0 || ::lstat(path.c_str(), &status) != 0 ||
         ::listen(socket.Get(), SOMAXCONN) != 0)
     {
-        const std::string fault = ErrorText(errno);
+        std::string fault = ErrorText(errno);
         ::unlink(path.c_str());
         return fault;
     }

@@ -12,6 +12,7 @@
 #include <boost/asio/ip/v6_only.hpp>
 
 #include <algorithm>
+#include <unistd.h>
 #include <utility>
 
 namespace WebSocket
@@ -91,7 +92,16 @@ private:
     void HandleAccepted(int descriptor)
     {
         TASK_CHECK(m_task);
-        Socket socket(IL::IoContextOf(m_task).get_executor(), m_protocol, descriptor);
+        Socket socket(IL::IoContextOf(m_task).get_executor());
+        boost::system::error_code error;
+        socket.assign(m_protocol, descriptor, error);
+        if (error) // the kernel has no room to watch it
+        {
+            ::close(descriptor);
+            DPRINTF(s_log, DPrint::LEVEL_WARNING, "port %u: closed a new connection: %s", static_cast<unsigned>(m_port),
+                    error.message().c_str());
+            return;
+        }
         // A connection whose handshakes end after the listener is gone has no owner, and is closed.
         AcceptConnection(m_task, std::move(socket), m_options, MakePermit(m_limit), m_liveness.Guard(m_accepted));
         if (m_limit->count < m_options->maxConnections)

@@ -422,7 +422,7 @@ IHttpInterface::OpHandle Sleeper(CHttpInterface& http, const HoldingServer& serv
 {
     const LogCapture log("3");
     const std::string url = server.Url("/retry" + std::to_string(seconds));
-    const IHttpInterface::OpHandle handle = Get(http, url, responses);
+    IHttpInterface::OpHandle handle = Get(http, url, responses);
     EXPECT_TRUE(log.WaitFor("seconds on " + url)) << log.Text();
     return handle;
 }

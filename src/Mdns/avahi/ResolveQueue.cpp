@@ -26,7 +26,7 @@ ResolveQueue::~ResolveQueue()
 
 ResolveQueue::RequestPtr ResolveQueue::Add(ServiceId id, Callback<std::string, Service> resolved, Attempt attempt)
 {
-    const auto request = std::make_shared<Request>(std::move(id), std::move(resolved), attempt);
+    auto request = std::make_shared<Request>(std::move(id), std::move(resolved), attempt);
     if (m_running.size() < kMaxRunning && Waiting() == 0)
     {
         return StartNow(request) ? request : nullptr;

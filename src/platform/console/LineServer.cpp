@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -269,7 +270,15 @@ bool LineServer::Open(const std::string& path, std::string& error)
 void LineServer::AddClient(int descriptor)
 {
     TASK_CHECK(m_impl->task);
-    Protocol::socket socket(IL::IoContextOf(m_impl->task), Protocol(), descriptor);
+    Protocol::socket socket(IL::IoContextOf(m_impl->task));
+    boost::system::error_code error;
+    socket.assign(Protocol(), descriptor, error);
+    if (error) // the kernel has no room to watch it
+    {
+        ::close(descriptor);
+        DPRINT(s_log, DPrint::LEVEL_WARNING, "closed a new client: " << error.message());
+        return;
+    }
     if (m_impl->clients.size() >= kMaxClients)
     {
         const std::string line = m_impl->responses.tooMany + '\n'; // fits into the send buffer of a new socket

@@ -80,6 +80,7 @@ void GatewaySession::Close()
 
 void GatewaySession::Connect()
 {
+    TASK_CHECK(m_io);
     if (m_isClosed)
     {
         return;
@@ -190,9 +191,10 @@ void GatewaySession::HandleMessage(const std::string& text)
     TASK_CHECK(m_io);
     DPRINT(s_log, DPrint::LEVEL_VERBOSE, Name() << " <- " << Shortened(text));
     const JsonRpc::Frame frame = JsonRpc::FrameFromText(text);
-    if (frame.kind == JsonRpc::Frame::Kind::INVALID)
+    if (frame.kind == JsonRpc::Frame::Kind::INVALID || (!frame.id && !frame.params.malformed.empty()))
     {
-        DPRINT(s_log, DPrint::LEVEL_ERROR, Name() << ": dropped a frame of the gateway: " << frame.answer.error);
+        DPRINT(s_log, DPrint::LEVEL_ERROR,
+               Name() << ": dropped a frame of the gateway: " << frame.answer.error << frame.params.malformed);
     }
     else if (frame.kind == JsonRpc::Frame::Kind::ANSWER)
     {

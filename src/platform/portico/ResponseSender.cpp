@@ -25,7 +25,7 @@ void ResponseSender::Respond(const google::protobuf::Message& message)
 
 void ResponseSender::Fail(const google::protobuf::Message& error)
 {
-    Send(error, [](std::string record) { return JsonRpc::AnswerFromRecord(record); });
+    Send(error, &JsonRpc::AnswerFromRecord);
 }
 
 void ResponseSender::Fail(const char* text)
@@ -36,7 +36,8 @@ void ResponseSender::Fail(const char* text)
     }
 }
 
-void ResponseSender::Send(const google::protobuf::Message& message, JsonRpc::Answer (*answerFromText)(std::string))
+void ResponseSender::Send(const google::protobuf::Message& message,
+                          const std::function<JsonRpc::Answer(std::string)>& answerFromText)
 {
     if (m_isAnswered.exchange(true))
     {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -37,7 +38,8 @@ public:
     void Fail(const char* text);
 
 private:
-    void Send(const google::protobuf::Message& message, JsonRpc::Answer (*answerFromText)(std::string));
+    void Send(const google::protobuf::Message& message,
+              const std::function<JsonRpc::Answer(std::string)>& answerFromText);
     void Post(JsonRpc::Answer answer);
 
     std::weak_ptr<GatewaySession> m_session;
