@@ -298,31 +298,35 @@ bool RunTask::HandleRetryHeaders(const Result& result, std::uint32_t& retryValue
 /// `retryCount` is the value of X-Retry-Count, empty if the response has none.
 bool RunTask::IsRetryCountReached(const std::string& retryCount) const
 {
+    static constexpr const char* kFunction = "HandleRetryHeaders"; // of which this is a part
     if (retryCount == "-1")
     {
-        DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Count of -1 found, unlimted retries allowed for this request");
-        DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Attempting the:" << m_attempt << " retry out of unlimted retries");
+        DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction,
+                  "X-Retry-Count of -1 found, unlimted retries allowed for this request");
+        DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction,
+                  "Attempting the:" << m_attempt << " retry out of unlimted retries");
         return false;
     }
     std::uint32_t count = 0;
     if (ConvertToInt(retryCount, count))
     {
-        DPRINT(s_log, DPrint::LEVEL_VERBOSE, "X-Retry-Count header value found:" << count);
+        DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction, "X-Retry-Count header value found:" << count);
     }
     else if (m_settings.backoffValues.empty())
     {
         count = m_settings.m_RetryCountMax;
-        DPRINT(s_log, DPrint::LEVEL_VERBOSE,
-               "Retry-Count header is not valid, defaulting to m_RetryCountMax of:" << count);
+        DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction,
+                  "Retry-Count header is not valid, defaulting to m_RetryCountMax of:" << count);
     }
     else
     {
         count = static_cast<std::uint32_t>(m_settings.backoffValues.size());
-        DPRINT(s_log, DPrint::LEVEL_VERBOSE,
-               "Retry-Count header is not valid, defaulting to back off retries count of:" << count);
+        DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction,
+                  "Retry-Count header is not valid, defaulting to back off retries count of:" << count);
         if (m_settings.m_RetryBackoffRepeat)
         {
-            DPRINT(s_log, DPrint::LEVEL_DEBUG, "m_RetryBackoffRepeat set to true, unlimted retries allowed:" << count);
+            DPRINT_AS(s_log, DPrint::LEVEL_DEBUG, kFunction,
+                      "m_RetryBackoffRepeat set to true, unlimted retries allowed:" << count);
             return false;
         }
     }
@@ -330,7 +334,8 @@ bool RunTask::IsRetryCountReached(const std::string& retryCount) const
     {
         return true;
     }
-    DPRINT(s_log, DPrint::LEVEL_VERBOSE, "Attempting the:" << m_attempt << " out of:" << count << " retries");
+    DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction,
+              "Attempting the:" << m_attempt << " out of:" << count << " retries");
     return false;
 }
 

@@ -33,9 +33,10 @@ public:
     /// reason where the kernel cannot watch it, else an empty string.
     [[nodiscard]] std::string Start(int descriptor);
 
-    /// On the task: leaves further connections in the kernel's queue until Resume(). For an owner whose table is full.
+    /// Inside `accepted`, once: leaves further connections in the kernel's queue until Resume(). For an owner whose
+    /// table is full.
     void Suspend();
-    /// On the task. Without effect unless suspended.
+    /// On the task, after that call of `accepted` has returned. Without effect unless suspended.
     void Resume();
 
 private:

@@ -48,9 +48,11 @@ public:
     /// A started fetch of `host` has ended.
     void Ended(IPv4 host, bool wasReached);
 
-    /// Bounds threads and sockets for a small device. With 50 ms for a description, 8 serve 160 a second.
+    /// Bounds threads and sockets for a small device. With 50 ms for a description, 8 serve 160 a second. Transfers of
+    /// an ended table are not counted; each ends within the time limit of a transfer.
     static constexpr std::size_t kMaxRunning = 8;
-    /// Of kMaxRunning: hosts that ask for retries after hours leave the other half to transfers.
+    /// Of kMaxRunning: hosts that ask for retries after hours leave the other half to transfers. Two hosts can hold
+    /// all sleeping places; then the fetches of others fail without a retry, until the next search repeats them.
     static constexpr std::size_t kMaxSleeping = kMaxRunning / 2;
     /// Waiting and running fetches: several times the number of devices in a house that respond to one search.
     static constexpr std::size_t kMaxFetches = 256;

@@ -101,9 +101,15 @@ TEST_F(PorticoClientTest, OpensThenRegistersThenSendsWaiting)
          {"", "{", "[]", "null", "[{\"method\":\"get\"}]", "{}", R"({"id":1})", R"({"id":1,"error":5})",
           R"({"method":5})", R"({"method":"get","params":[1]})", R"({"id":999,"result":{}})",
           R"({"id":"1","result":{}})", R"({"id":{},"error":{"code":"x","message":[],"data":3}})",
-          R"({"method":"notify","params":{"path":7}})", R"({"method":"heartbeat"})", R"({"method":"unheard"})"})
+          R"({"method":"notify","params":{"path":7}})", R"({"method":"heartbeat","params":7})",
+          R"({"method":"heartbeat","params":{"guid":7,"status":1041}})", R"({"method":"unheard"})"})
     {
-        gateway.SendText(frame);
+        std::string text = frame;
+        if (text.starts_with("{\""))
+        {
+            text.insert(1, R"("jsonrpc":"2.0",)"); // so that it is malformed in one way only
+        }
+        gateway.SendText(text);
     }
     std::string members; // too many, as in the answer of a hostile product
     for (int count = 0; count < 100000; ++count)
@@ -112,6 +118,8 @@ TEST_F(PorticoClientTest, OpensThenRegistersThenSendsWaiting)
     }
     gateway.SendText(R"({"id":999,"result":{)" + members + R"("last":0}})");
     gateway.Notify("/other", {{"a", 1}});
+    gateway.Send({{"method", "heartbeat"}, {"params", {{"guid", "H"}, {"status", 1040}}}});
+    EXPECT_EQ(m_told.Take(), "H1040"); // and nothing of the malformed ones
     gateway.Request(77, "get", "/mine", nullptr);
     EXPECT_EQ(gateway.TakeAnswer(), json({{"jsonrpc", "2.0"}, {"id", 77}, {"result", {{"code", 1}}}}));
     gateway.Request(78, "post", "/mine", json::object());
