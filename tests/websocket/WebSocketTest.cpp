@@ -9,13 +9,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <sys/resource.h>
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
@@ -214,30 +211,6 @@ TEST(WebSocket, CloseSendsTheQueueFirst)
     EXPECT_THAT(client->messages.Get(), ElementsAre(big, "goodbye"));
     EXPECT_THAT(client->closed.Get(), ElementsAre("closed by the peer"));
     EXPECT_THAT(server->closed.Get(), SizeIs(0));
-}
-
-TEST(WebSocket, ListenerWithoutDescriptorsKeepsTheClientWaiting)
-{
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "AddressSanitizer checks pointers through a pipe, which needs descriptors";
-#endif
-    const LogCapture log;
-    WebSocketEnds ends;
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int firstFree = ::dup(0);
-    ::close(firstFree);
-    rlimit one = before;
-    one.rlim_cur = static_cast<rlim_t>(firstFree) + 1; // for the client
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
-    const WebSocketRawClient client(ends.Port()); // connected by the kernel, not accepted
-    EXPECT_TRUE(log.WaitFor("pauses"));
-    const std::clock_t start = std::clock();
-    EXPECT_FALSE(ends.accepted.WaitUntil([](const auto& all) { return !all.empty(); }, 400ms));
-    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10) << "busy loop";
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-    client.Open();
-    EXPECT_EQ(log.Count(DPrint::LEVEL_WARNING), 1U) << log.Text();
 }
 
 } // namespace

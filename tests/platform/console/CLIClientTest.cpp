@@ -16,14 +16,12 @@
 #include <list>
 #include <memory>
 #include <optional>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -208,29 +206,6 @@ TEST_F(CLIClientTest, InvalidLineGetsOneError)
     EXPECT_EQ(bad.Request(R"({"command":"lamp"})" + std::string(65'518, ' ')), Response("lamp"));
 }
 
-TEST_F(CLIClientTest, RandomBytesGetOneErrorPerLine)
-{
-    Open();
-    RawConsole bad(Path());
-    RawConsole good(Path());
-    std::minstd_rand random(7);
-    std::string bytes(100'000, '\0');
-    std::size_t ends = 0;
-    for (char& letter : bytes)
-    {
-        letter = static_cast<char>(random() >> 7U);
-        ends += letter == '\n' ? 1U : 0U;
-    }
-    const auto sender = std::async(std::launch::async, [&] { bad.Send(bytes + "\n"); });
-    for (std::size_t at = 0; at <= ends; ++at)
-    {
-        EXPECT_THAT(bad.Line().value_or("nothing"), StartsWith(R"({"ok":false)"));
-    }
-    sender.wait();
-    EXPECT_EQ(bad.Run("lamp"), Response("lamp"));
-    EXPECT_EQ(good.Run("lamp"), Response("lamp"));
-}
-
 TEST_F(CLIClientTest, LastLineWithoutItsEndIsNotExecuted)
 {
     Open();
@@ -383,24 +358,4 @@ TEST_F(CLIClientTest, StoppedTaskClosesConsoleAfterClientEnd)
     EXPECT_EQ(client.Line(), std::nullopt);
     m_task.StopAndJoin();
     EXPECT_FALSE(std::filesystem::exists(Path()));
-}
-
-TEST_F(CLIClientTest, AcceptingContinuesWhenDescriptorsAreFree)
-{
-    Open();
-    RawConsole first(Path());
-    EXPECT_EQ(first.Run("lamp"), Response("lamp"));
-    rlimit before = {};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int next = ::dup(0); // the lowest free descriptor
-    ::close(next);
-    rlimit tight = before;
-    tight.rlim_cur =
-        static_cast<rlim_t>(next) + 1; // enough for the client's end of a connection, not for the service's
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-    RawConsole second(Path());
-    EXPECT_TRUE(m_log.WaitFor("accepting pauses"));
-    EXPECT_EQ(first.Run("lamp"), Response("lamp"));
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_EQ(second.Run("lamp"), Response("lamp"));
 }

@@ -249,14 +249,6 @@ TEST_F(PorticoClientTest, BodiesAreJsonAndErrorsAreRecords)
     EXPECT_EQ(TakeError()["subcode"], 2005);
     Send(*client, "/in", Portico::Verb::DELETE, R"({"a":[1]})");
     EXPECT_EQ(gateway.Take("delete")["params"]["body"], json({{"a", {1}}}));
-
-    const auto fail = [](const Portico::Error&, const Response&, const Response&) { throw std::logic_error("mine"); };
-    client->RegisterPost<Portico::Error>("/in", fail, EndpointScope::PUBLIC, 1.0, "Unknown", 0);
-    gateway.Take("serve");
-    gateway.Request(1, "post", "/in", {{"code", 13}});
-    const json error = gateway.TakeAnswer()["error"];
-    EXPECT_EQ(error["data"]["subcode"], 2005);
-    EXPECT_EQ(error["message"], "mine");
 }
 
 TEST_F(PorticoClientTest, DisconnectEndsCalls)
