@@ -27,27 +27,17 @@ std::string OutputOfAbort(const std::function<void()>& body)
     return result.m_output;
 }
 
-TEST(TaskCheckTest, AnotherTaskEndsTheProcessAndNamesBoth)
+TEST(TaskCheckTest, OtherThreadEndsTheProcessAndIsNamed)
 {
-    const std::string output = OutputOfAbort(
-        []
-        {
-            const RealTask owner("Owner");
-            const RealTask other("Other");
-            other.Run([&owner] { TASK_CHECK(owner.Get()); });
-        });
-    EXPECT_THAT(output, HasSubstr("AnotherTaskEndsTheProcessAndNamesBoth"));
-    EXPECT_THAT(output, HasSubstr("belongs to task Owner and runs on task Other\n"));
-}
-
-TEST(TaskCheckTest, ThreadOutsideAllTasksEndsTheProcess)
-{
-    const auto checkHere = []
+    const auto check = []
     {
         const RealTask owner("Owner");
         TASK_CHECK(owner.Get());
     };
-    EXPECT_THAT(OutputOfAbort(checkHere), HasSubstr("task Owner and runs on a thread outside all tasks\n"));
+    const std::string output = OutputOfAbort([&check] { RealTask("Other").Run(check); });
+    EXPECT_THAT(output, HasSubstr("OtherThreadEndsTheProcessAndIsNamed"));
+    EXPECT_THAT(output, HasSubstr("belongs to task Owner and runs on task Other\n"));
+    EXPECT_THAT(OutputOfAbort(check), HasSubstr("task Owner and runs on a thread outside all tasks\n"));
 }
 
 TEST(TaskCheckTest, AcceptsOwnTaskEndedTaskAndNull)

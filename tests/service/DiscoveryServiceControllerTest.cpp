@@ -1,11 +1,9 @@
-#include "tests/fakes/FakeGSSDPHandler.h"
 #include "tests/service/ControllerFixture.h"
 #include <ProtoToMarkup.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -86,50 +84,4 @@ TEST_F(DiscoveryServiceControllerTest, StatusWithoutAPrimaryInterfaceIsDown)
     // An unset type, of `primary` or of an interface, has the first value of the enumeration.
     EXPECT_THAT(Effect(Status(R"({"isPrimaryUp":true,"interfaces":[{"name":"usb0"}]})")),
                 ElementsAre("mdns Start", "ssdp Start usb0", "mdns NetworkWentUp"));
-}
-
-TEST_F(DiscoveryServiceControllerTest, RealSsdpRunsBetweenEdges)
-{
-    m_controller.reset();
-    m_calls.clear();
-    FakeGSSDPHandler handler;
-    handler.calls = SharedCalls();
-    SsdpDiscoveryProtocol::s_factoryOverride.Set(nullptr);
-    m_controller = std::make_shared<DiscoveryServiceController>();
-    // The real SSDP object is leaked: its destructor would wait for its task, which does not stop.
-    static auto& s_kept = *new std::shared_ptr<SsdpDiscoveryProtocolIF>;
-    s_kept = m_controller->GetSsdpDiscoveryProtocol();
-    ASSERT_NE(s_kept, nullptr);
-    s_kept->RegisterProductStateCallback(
-        [this](const Sonarix::Product& product)
-        { m_calls.push_back("ssdp reports " + SXCommon::ProductState_Name(product.state())); });
-    m_controller->Initialize();
-    m_calls.clear();
-    m_simulation.RunFor(std::chrono::hours(1));
-    EXPECT_THAT(m_calls, IsEmpty()) << "before the network is up";
-    EXPECT_THAT(handler.searches, IsEmpty());
-
-    EXPECT_THAT(Effect(kUpWired), ElementsAre("mdns Start", "gssdp on eth0", "mdns NetworkWentUp"));
-    m_simulation.RunFor(std::chrono::minutes(1));
-    EXPECT_EQ(handler.searches.size(), 3U);
-    EXPECT_THAT(Effect(kDown), ElementsAre("mdns NetworkWentDown", "mdns Stop", "gssdp gone"));
-    m_simulation.RunFor(std::chrono::hours(1));
-    EXPECT_EQ(handler.searches.size(), 3U);
-    EXPECT_THAT(Effect(kUpWireless), ElementsAre("mdns Start", "gssdp on wlan0", "mdns NetworkWentUp"));
-    EXPECT_EQ(handler.searches.size(), 4U);
-
-    handler.resource.Send(GSSDPHandlerIF::RESOURCE_AVAILABLE, "uuid:a", "http://no.address/", {});
-    const auto isListed = []
-    {
-        Sonarix::ProductList list;
-        s_kept->GetProductList(list);
-        return list.products_size() == 1;
-    };
-    ASSERT_TRUE(m_simulation.RunUntil(isListed, std::chrono::seconds(1)));
-    m_calls.clear();
-    m_controller.reset();
-    EXPECT_THAT(m_calls,
-                ElementsAre("mdns Stop", "ssdp reports OFFLINE", "gssdp gone", "gateway Shutdown", "ipc Shutdown"));
-    m_simulation.RunFor(std::chrono::hours(1));
-    EXPECT_EQ(handler.searches.size(), 4U);
 }
