@@ -1,6 +1,5 @@
 // Destruction of the aggregator with callbacks pending, missing sources, and sources on other threads.
 
-#include "aggregator/DiscoveryServiceAggregator.h"
 #include "tests/aggregator/AggregatorWorld.h"
 #include "tests/support/RealTask.h"
 

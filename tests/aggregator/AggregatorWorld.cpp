@@ -1,9 +1,7 @@
 #include "tests/aggregator/AggregatorWorld.h"
 
-#include "aggregator/DiscoveryServiceAggregator.h"
 #include "tests/support/TempDirectory.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -49,97 +47,4 @@ Sonarix::Product Report::By(SXCommon::DiscoveryProtocol protocol) const
         more(info);
     }
     return product;
-}
-
-AggregatorTest::AggregatorTest()
-{
-    controller->ssdp = ssdp;
-    controller->mdns = mdns;
-}
-
-void AggregatorTest::Start()
-{
-    aggregator = SonarixService::DiscoveryServiceAggregator::Create(task, controller);
-    aggregator->RegisterForProductList([this](const Sonarix::ProductList& list) { lists.push_back(list); });
-    aggregator->RegisterForMyProductInfo([this](const Sonarix::ProductInfo& info) { infos.push_back(info); });
-    simulation.RunUntilIdle();
-}
-
-void AggregatorTest::StartAsHost()
-{
-    Start();
-    BecomeHost();
-    infos.clear();
-}
-
-void AggregatorTest::Ssdp(const Report& report)
-{
-    ssdp->Report(report.By(SXCommon::SSDP));
-    simulation.RunUntilIdle();
-}
-
-void AggregatorTest::Mdns(const Report& report)
-{
-    mdns->Report(report.By(SXCommon::MDNS));
-    simulation.RunUntilIdle();
-}
-
-void AggregatorTest::BecomeHost()
-{
-    aggregator->InitializeProtocols(SXCommon::HOST, "10.0.0.1");
-    simulation.RunUntilIdle();
-}
-
-void AggregatorTest::Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status)
-{
-    ASSERT_TRUE(IsWatched(guid) && Remote(guid)->SendHeartbeat(status)) << guid;
-    simulation.RunUntilIdle();
-}
-
-void AggregatorTest::Answer(const std::string& guid, const std::string& json)
-{
-    ASSERT_TRUE(IsWatched(guid) && Remote(guid)->AnswerText(kInfoPath, json)) << guid;
-    simulation.RunUntilIdle();
-}
-
-void AggregatorTest::Answer(const std::string& guid)
-{
-    Answer(guid, R"({"guid":")" + guid + R"("})");
-}
-
-std::shared_ptr<FakeConnection> AggregatorTest::Remote(const std::string& guid) const
-{
-    return portico.Find("DiscoveryServiceAggregator-" + guid);
-}
-
-bool AggregatorTest::IsWatched(const std::string& guid) const
-{
-    return Remote(guid) && Remote(guid)->IsOpen();
-}
-
-std::vector<std::string> AggregatorTest::Guids() const
-{
-    Sonarix::ProductList list;
-    list.add_products(); // GetProductList must remove it
-    aggregator->GetProductList(list);
-    std::vector<std::string> guids;
-    std::transform(list.products().begin(), list.products().end(), std::back_inserter(guids),
-                   [](const Sonarix::Product& product) { return product.productinfo().guid(); });
-    return guids;
-}
-
-Sonarix::Product AggregatorTest::Row(const std::string& guid) const
-{
-    Sonarix::ProductList list;
-    aggregator->GetProductList(list);
-    const auto row = std::find_if(list.products().begin(), list.products().end(),
-                                  [&guid](const Sonarix::Product& one) { return one.productinfo().guid() == guid; });
-    return row != list.products().end() ? *row : Sonarix::Product();
-}
-
-Sonarix::ProductInfo AggregatorTest::Own() const
-{
-    Sonarix::ProductInfo own;
-    aggregator->GetMyProductInfo([&own](const Sonarix::ProductInfo& info) { own = info; }, {});
-    return own;
 }

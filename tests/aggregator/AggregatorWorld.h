@@ -1,6 +1,6 @@
 #pragma once
 
-#include "interfaces/DiscoveryServiceAggregatorIF.h"
+#include "aggregator/DiscoveryServiceAggregator.h"
 #include "runtime/Task.h"
 #include "runtime/engine/Simulation.h"
 #include "schemas/Sonarix.pb.h"
@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,29 +34,96 @@ struct Report
 /// An aggregator with fake neighbours, in virtual time.
 struct AggregatorTest : testing::Test
 {
-    AggregatorTest();
+    AggregatorTest()
+    {
+        controller->ssdp = ssdp;
+        controller->mdns = mdns;
+    }
 
     /// Creates the aggregator and subscribes to both of its registries.
-    void Start();
-    /// Start(), then BecomeHost().
-    void StartAsHost();
+    void Start()
+    {
+        aggregator = SonarixService::DiscoveryServiceAggregator::Create(task, controller);
+        aggregator->RegisterForProductList([this](const Sonarix::ProductList& list) { lists.push_back(list); });
+        aggregator->RegisterForMyProductInfo([this](const Sonarix::ProductInfo& info) { infos.push_back(info); });
+        simulation.RunUntilIdle();
+    }
+    void StartAsHost()
+    {
+        Start();
+        BecomeHost();
+        infos.clear();
+    }
 
     // Each of these runs until all queues are empty.
-    void Ssdp(const Report& report);
-    void Mdns(const Report& report);
-    void BecomeHost();
-    void Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status);
-    void Answer(const std::string& guid, const std::string& json);
-    void Answer(const std::string& guid); ///< with only that guid
+    void Ssdp(const Report& report)
+    {
+        ssdp->Report(report.By(SXCommon::SSDP));
+        simulation.RunUntilIdle();
+    }
+    void Mdns(const Report& report)
+    {
+        mdns->Report(report.By(SXCommon::MDNS));
+        simulation.RunUntilIdle();
+    }
+    void BecomeHost()
+    {
+        aggregator->InitializeProtocols(SXCommon::HOST, "10.0.0.1");
+        simulation.RunUntilIdle();
+    }
+    void Heartbeat(const std::string& guid, PORTICO_CLIENT_ERRORS status)
+    {
+        ASSERT_TRUE(IsWatched(guid) && Remote(guid)->SendHeartbeat(status)) << guid;
+        simulation.RunUntilIdle();
+    }
+    void Answer(const std::string& guid, const std::string& json)
+    {
+        ASSERT_TRUE(IsWatched(guid) && Remote(guid)->AnswerText(kInfoPath, json)) << guid;
+        simulation.RunUntilIdle();
+    }
+    /// With only that guid.
+    void Answer(const std::string& guid)
+    {
+        Answer(guid, R"({"guid":")" + guid + R"("})");
+    }
 
     /// Null if no connection to that product has been created.
-    std::shared_ptr<FakeConnection> Remote(const std::string& guid) const;
-    bool IsWatched(const std::string& guid) const; ///< its connection is open
+    std::shared_ptr<FakeConnection> Remote(const std::string& guid) const
+    {
+        return portico.Find("DiscoveryServiceAggregator-" + guid);
+    }
+    /// Its connection is open.
+    bool IsWatched(const std::string& guid) const
+    {
+        return Remote(guid) && Remote(guid)->IsOpen();
+    }
 
-    std::vector<std::string> Guids() const;
+    std::vector<std::string> Guids() const
+    {
+        Sonarix::ProductList list;
+        list.add_products(); // GetProductList must remove it
+        aggregator->GetProductList(list);
+        std::vector<std::string> guids;
+        std::transform(list.products().begin(), list.products().end(), std::back_inserter(guids),
+                       [](const Sonarix::Product& product) { return product.productinfo().guid(); });
+        return guids;
+    }
     /// The listed product of that guid, or an empty record.
-    Sonarix::Product Row(const std::string& guid) const;
-    Sonarix::ProductInfo Own() const;
+    Sonarix::Product Row(const std::string& guid) const
+    {
+        Sonarix::ProductList list;
+        aggregator->GetProductList(list);
+        const auto row =
+            std::find_if(list.products().begin(), list.products().end(),
+                         [&guid](const Sonarix::Product& one) { return one.productinfo().guid() == guid; });
+        return row != list.products().end() ? *row : Sonarix::Product();
+    }
+    Sonarix::ProductInfo Own() const
+    {
+        Sonarix::ProductInfo own;
+        aggregator->GetMyProductInfo([&own](const Sonarix::ProductInfo& info) { own = info; }, {});
+        return own;
+    }
 
     LogCapture log{"7"};
     IL::Simulation simulation{1};

@@ -1,6 +1,5 @@
 #include "websocket/WebSocket.h"
 
-#include "tests/support/LogCapture.h"
 #include "tests/websocket/WebSocketEnds.h"
 #include "tests/websocket/support/WebSocketRawClient.h"
 
