@@ -44,11 +44,11 @@ namespace SonarixService
 ///
 /// Limitations: there is no limit on the number of services, only a log line near the limit of the mDNS daemon. A
 /// failed backend is replaced at once and any number of times. If a backend cannot be created, its part stays inactive
-/// until the service is restarted.
+/// until discovery is stopped and started.
 class MdnsService final : public MdnsServiceIF, public std::enable_shared_from_this<MdnsService>
 {
 public:
-    /// Creates services instead of Create().
+    /// For tests: while one is set, Create() calls it instead of making an MdnsService.
     class FactoryIF
     {
     public:
@@ -88,7 +88,8 @@ public:
         kDaemonCacheRecords / kRecordsOfService * 8 / 10; ///< below it, rearms it
 
 private:
-    /// One instance name that a browser has reported. Kept until the removal, because clocks are resolved again.
+    /// One instance name that a browser has reported. Kept after it is resolved, until its removal: a failed resolve is
+    /// repeated, and those of clocks are repeated periodically.
     struct ResolverEntry
     {
         MDNS::ServiceId id;

@@ -14,7 +14,7 @@ namespace
 {
 
 constexpr int kOfflineLimitSec = 1800;
-constexpr std::uint64_t kLongestReapTimerMs = 1800000;
+constexpr std::uint64_t kLongestReapTimerMs = kOfflineLimitSec * 1000ULL;
 constexpr std::uint64_t kNextSecondMs = 1000; // the unit of the stamps
 
 } // namespace

@@ -42,7 +42,7 @@ public:
     /// Merges a report about this product and notifies. Ignores a report about another product.
     /// Throws std::logic_error, and changes nothing, if the report has a field that only this product knows.
     void HandleSelfProductUpdate(const Sonarix::ProductInfo& info);
-    /// The same for a discovery source, whose report never changes the own address.
+    /// HandleSelfProductUpdate() for a report of a discovery source: the own address is kept.
     void HandleDiscoveredSelf(const Sonarix::ProductInfo& info);
 
     /// Calls `callback` once before the return, then at each notification.

@@ -42,7 +42,7 @@ TEST(ProductMergeTest, LaterReportIsMergedByFieldByKeyOrAsAWhole)
          "productinfo { capabilities { supportedWifiBands: 'band' } }"},
         {"productinfo { capabilities { hasBattery: true } }", "productinfo { }",
          "productinfo { capabilities { hasBattery: true } }"},
-        // Always those of the later report.
+        // The children are always those of the later report, even if it has none.
         {"productinfo { children { guid: 'a' } }", "productinfo { children { guid: 'b' } }",
          "productinfo { children { guid: 'b' } }"},
         {"productinfo { children { guid: 'a' } }", "productinfo { }", "productinfo { }"},
