@@ -251,10 +251,10 @@ void MdnsDiscoveryProtocol::Broadcast(const char* function, const SonarixPb::Dev
             deferred = info;
         }
     }
-    DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: m_networkIsUp: %s", function, isUp ? "true" : "false");
+    DPRINT_AS(s_log, DPrint::LEVEL_INFO, function, "m_networkIsUp: " << (isUp ? "true" : "false"));
     if (mdns)
     {
-        DPRINTF(s_log, DPrint::LEVEL_INFO, "%s: %s", function, info.friendlyname().c_str());
+        DPRINT_AS(s_log, DPrint::LEVEL_INFO, function, info.friendlyname());
         (mdns.get()->*broadcast)(info);
     }
 }
