@@ -3,7 +3,6 @@
 #include "runtime/TaskCheck.h"
 
 #include <algorithm>
-#include <ctime>
 #include <sstream>
 #include <utility>
 
@@ -21,16 +20,10 @@ std::string GuidOf(unsigned int index)
     return "crowd-" + std::string(5 - std::min<std::size_t>(5, digits.size()), '0') + digits;
 }
 
-/// Calls `done` when the last copy of the pointer is destroyed.
-std::shared_ptr<void> WhenAllAreDone(const std::function<void()>& done)
-{
-    return {nullptr, [done](void*) { done(); }};
-}
-
 } // namespace
 
 Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
-    : m_task(task)
+    : Simulator(task, settings.count)
     , m_random(settings.mdns.seed)
     , m_schedule(task)
     , m_responder(task, m_schedule, settings.mdns)
@@ -49,69 +42,24 @@ Crowd::Crowd(NotifyTargetTaskIF* task, const Settings& settings)
         m_responder.Add(product.identity);
         m_products.push_back(std::move(product));
     }
+    m_actions["silence"] = ForEach(
+        [this](std::size_t product, const Pending&)
+        {
+            m_responder.Silence(product);
+            m_products[product].gateway->Close();
+        });
+    m_actions["goodbye"] = ForEach(
+        [this](std::size_t product, const Pending& pending)
+        { m_responder.SayGoodbye(product, [this, product, pending] { m_products[product].gateway->Close(); }); });
+    m_actions["return"] = [this](const Range& range, const Pending&, std::string& error)
+    { return Return(range, error); };
+    m_actions["rename"] = ForEach([this](std::size_t product, const Pending& pending) { Rename(product, pending); });
 }
 
 bool Crowd::Start(std::string& error)
 {
     TASK_CHECK(m_task);
-    return m_responder.Open(error) && Return({"return", 0, m_products.size()}, error);
-}
-
-void Crowd::Run(const std::string& command, const Answer& answer)
-{
-    TASK_CHECK(m_task);
-    if (command == "stats")
-    {
-        answer(Stats());
-        return;
-    }
-    Range range;
-    std::string error;
-    const bool isRange = range.Parse(command, m_products.size(), error);
-    const std::string& verb = range.verb;
-    const bool isVerb = verb == "silence" || verb == "goodbye" || verb == "return" || verb == "rename";
-    if (!isVerb || !isRange)
-    {
-        answer(isVerb ? error : "error unknown command " + verb);
-        return;
-    }
-    const std::string ok = "ok " + verb + " " + std::to_string(range.end - range.begin);
-    const auto done = [answer, ok] { answer(ok); };
-    if (verb == "goodbye")
-    {
-        SayGoodbye(range, done);
-    }
-    else if (verb == "rename")
-    {
-        Rename(range, done);
-    }
-    else if (verb == "silence")
-    {
-        for (std::size_t product = range.begin; product < range.end; ++product)
-        {
-            Silence(product);
-        }
-        done();
-    }
-    else
-    {
-        answer(Return(range, error) ? ok : "error " + error);
-    }
-}
-
-void Crowd::Silence(std::size_t product)
-{
-    m_responder.Silence(product);
-    m_products[product].gateway->Close();
-}
-
-void Crowd::SayGoodbye(const Range& range, const std::function<void()>& done)
-{
-    const std::shared_ptr<void> all = WhenAllAreDone(done);
-    for (std::size_t product = range.begin; product < range.end; ++product)
-    {
-        m_responder.SayGoodbye(product, [this, product, all] { m_products[product].gateway->Close(); });
-    }
+    return m_responder.Open(error) && Return({0, m_count}, error);
 }
 
 bool Crowd::Return(const Range& range, std::string& error)
@@ -132,26 +80,22 @@ bool Crowd::Return(const Range& range, std::string& error)
     return true;
 }
 
-void Crowd::Rename(const Range& range, const std::function<void()>& done)
+void Crowd::Rename(std::size_t product, const Pending& pending)
 {
-    const std::shared_ptr<void> all = WhenAllAreDone(done);
-    for (std::size_t product = range.begin; product < range.end; ++product)
+    if (m_responder.IsSilent(product))
     {
-        if (m_responder.IsSilent(product))
-        {
-            TakeNextName(product);
-            continue;
-        }
-        m_responder.SayGoodbye(product,
-                               [this, product, all]
-                               {
-                                   TakeNextName(product);
-                                   if (m_products[product].gateway->IsListening())
-                                   {
-                                       m_responder.Announce(product, 0);
-                                   }
-                               });
+        TakeNextName(product);
+        return;
     }
+    m_responder.SayGoodbye(product,
+                           [this, product, pending]
+                           {
+                               TakeNextName(product);
+                               if (m_products[product].gateway->IsListening())
+                               {
+                                   m_responder.Announce(product, 0);
+                               }
+                           });
 }
 
 void Crowd::TakeNextName(std::size_t product)
@@ -172,10 +116,8 @@ std::string Crowd::Stats() const
         connections += product.gateway->Connections();
     }
     const MdnsResponder::Counts& counts = m_responder.GetCounts();
-    const std::clock_t cpuMs = std::clock() / (CLOCKS_PER_SEC / 1000);
     std::ostringstream line;
-    line << "ok products=" << m_products.size() << " online=" << online << " connections=" << connections
-         << " requests=" << m_requests << " queries=" << counts.queries << " packets=" << counts.packets
-         << " cpu_ms=" << cpuMs;
+    line << "products=" << m_products.size() << " online=" << online << " connections=" << connections
+         << " requests=" << m_requests << " queries=" << counts.queries << " packets=" << counts.packets;
     return line.str();
 }

@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,12 +29,9 @@ public:
     };
 
     Crowd(NotifyTargetTaskIF* task, const Settings& settings);
-    Crowd(const Crowd&) = delete;
-    Crowd& operator=(const Crowd&) = delete;
 
     /// Opens all ports and spreads the announcements over the next seconds. Returns false and sets `error` on failure.
     bool Start(std::string& error) override;
-    void Run(const std::string& command, const Answer& answer) override;
 
     static constexpr unsigned int kMaxCount = 8192;
 
@@ -47,16 +43,12 @@ private:
         std::string baseName;
         unsigned int names = 1; ///< number of names used so far
     };
-    using Range = RangeCommand;
 
-    void Silence(std::size_t product);
-    void SayGoodbye(const Range& range, const std::function<void()>& done);
     bool Return(const Range& range, std::string& error);
-    void Rename(const Range& range, const std::function<void()>& done);
+    void Rename(std::size_t product, const Pending& pending);
     void TakeNextName(std::size_t product);
-    std::string Stats() const;
+    std::string Stats() const override;
 
-    NotifyTargetTaskIF* const m_task;
     std::vector<Product> m_products;
     std::uint64_t m_requests = 0;
     IL::RandomSequence m_random;

@@ -1,11 +1,7 @@
 // Many simulated products in one process, for the laboratory and the benchmarks.
-#include "runtime/DPrint.h"
 #include "tools/clients/options/Options.h"
 #include "tools/simulated/crowd/Crowd.h"
 
-#include <arpa/inet.h>
-#include <csignal>
-#include <iostream>
 #include <memory>
 #include <optional>
 
@@ -42,12 +38,6 @@ and prints one line per command, "ok ..." or "error ...". Indices start at 0.
   quit                   end the program, like the end of the input
 )";
 
-int Fail(const std::string& what, int status)
-{
-    std::cerr << "product-crowd: " << what << std::endl;
-    return status;
-}
-
 bool ReadDelay(const std::string& text, MdnsResponder::Settings& settings)
 {
     constexpr unsigned int kMostMs = 60000;
@@ -66,6 +56,10 @@ bool ReadDelay(const std::string& text, MdnsResponder::Settings& settings)
 /// Returns the reason why the options are invalid, else an empty text.
 std::string ReadSettings(const Options& options, Crowd::Settings& settings)
 {
+    if (!options.Words().empty())
+    {
+        return "no argument " + options.Words().front();
+    }
     constexpr unsigned int kMostIndex = 99999; // five digits in a guid
     const auto count = ReadNumber(options.Get("count", ""), Crowd::kMaxCount);
     if (!count || *count == 0)
@@ -79,18 +73,12 @@ std::string ReadSettings(const Options& options, Crowd::Settings& settings)
         return "--first-index takes a number; the last product's is " + std::to_string(kMostIndex) + " at most";
     }
     settings.firstIndex = *index;
-    in_addr address{};
-    if (inet_pton(AF_INET, options.Get("first-address", "10.77.32.1").c_str(), &address) != 1)
+    if (std::string reason = ReadNetwork(options, "10.77.32.1", settings.mdns.interface, settings.firstIpv4);
+        !reason.empty())
     {
-        return "--first-address takes an IPv4 address";
+        return reason;
     }
-    settings.firstIpv4 = ntohl(address.s_addr);
     settings.namePrefix = options.Get("name-prefix", "Crowd");
-    settings.mdns.interface = options.Get("interface", "");
-    if (settings.mdns.interface.empty())
-    {
-        return "--interface is needed";
-    }
     const auto port = Options::ParsePort(options.Get("port", "8090"));
     if (!port)
     {
@@ -106,41 +94,22 @@ std::string ReadSettings(const Options& options, Crowd::Settings& settings)
     return ReadDelay(options.Get("delay", "20:120"), settings.mdns) ? "" : "--delay takes two numbers, e.g. 20:120";
 }
 
-int Run(int argc, char** argv)
-{
-    Options options({"count", "interface", "first-address", "first-index", "name-prefix", "delay", "seed", "port"},
-                    {"quiet"});
-    if (!options.Parse(argc, argv) || !options.Words().empty())
-    {
-        const std::string reason = options.Words().empty() ? options.Error() : "no argument " + options.Words().front();
-        return Fail(reason + " (see product-crowd --help)", 2);
-    }
-    if (options.WantsHelp() || options.WantsVersion())
-    {
-        std::cout << (options.WantsHelp() ? kHelp : "product-crowd " SONARIX_VERSION "\n");
-        return 0;
-    }
-    Crowd::Settings settings;
-    if (const std::string reason = ReadSettings(options, settings); !reason.empty())
-    {
-        return Fail(reason + " (see product-crowd --help)", 2);
-    }
-    DPrint::Initialize();
-    if (options.Has("quiet"))
-    {
-        DPrint::SetLevels("1");
-    }
-    constexpr std::size_t kConnections = 16;
-    // Per product one listener and the connections of other products' gateways.
-    RaiseDescriptorLimit(settings.count * (1 + kConnections) + 64);
-    ServeCommands("product-crowd", settings.count,
-                  [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Crowd>(task, settings); });
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::signal(SIGPIPE, SIG_IGN);
-    return Run(argc, argv);
+    Options options({"count", "interface", "first-address", "first-index", "name-prefix", "delay", "seed", "port"},
+                    {"quiet"});
+    if (const auto status = options.ParseOrAnswer(argc, argv, "product-crowd", kHelp, SONARIX_VERSION))
+    {
+        return *status;
+    }
+    Crowd::Settings settings;
+    if (const std::string reason = ReadSettings(options, settings); !reason.empty())
+    {
+        return UsageError("product-crowd", reason);
+    }
+    constexpr std::size_t kSocketsEach = 17; // one listener and 16 connections of other products' gateways
+    ServeCommands("product-crowd", options, settings.count, kSocketsEach,
+                  [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Crowd>(task, settings); });
 }

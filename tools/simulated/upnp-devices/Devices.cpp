@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <ctime>
 #include <sstream>
 #include <utility>
 
@@ -27,7 +26,7 @@ std::string GuidOf(unsigned int index)
 } // namespace
 
 Devices::Devices(NotifyTargetTaskIF* task, const Settings& settings)
-    : m_task(task)
+    : Simulator(task, settings.kinds.size())
     , m_startsSilent(settings.isSilent)
     , m_random(settings.ssdp.seed)
     , m_schedule(task)
@@ -38,6 +37,10 @@ Devices::Devices(NotifyTargetTaskIF* task, const Settings& settings)
     {
         Add(task, settings, offset);
     }
+    m_actions["silence"] = ForEach([this](std::size_t device, const Pending&) { Leave(device, false); });
+    m_actions["goodbye"] = ForEach([this](std::size_t device, const Pending&) { Leave(device, true); });
+    m_actions["return"] = [this](const Range& range, const Pending&, std::string& error)
+    { return Return(range, error); };
 }
 
 Devices::~Devices() = default;
@@ -77,41 +80,7 @@ void Devices::Add(NotifyTargetTaskIF* task, const Settings& settings, std::size_
 bool Devices::Start(std::string& error)
 {
     TASK_CHECK(m_task);
-    return m_responder.Open(error) && (m_startsSilent || Return(0, m_devices.size(), error));
-}
-
-void Devices::Run(const std::string& command, const Answer& answer)
-{
-    TASK_CHECK(m_task);
-    if (command == "stats")
-    {
-        answer(Stats());
-        return;
-    }
-    RangeCommand range;
-    std::string error;
-    const bool isRange = range.Parse(command, m_devices.size(), error);
-    const std::string ok = "ok " + range.verb + " " + std::to_string(range.end - range.begin);
-    if (range.verb != "silence" && range.verb != "goodbye" && range.verb != "return")
-    {
-        answer("error unknown command " + range.verb);
-    }
-    else if (!isRange)
-    {
-        answer(error);
-    }
-    else if (range.verb == "return")
-    {
-        answer(Return(range.begin, range.end, error) ? ok : "error " + error);
-    }
-    else
-    {
-        for (std::size_t device = range.begin; device < range.end; ++device)
-        {
-            Leave(device, range.verb == "goodbye");
-        }
-        answer(ok);
-    }
+    return m_responder.Open(error) && (m_startsSilent || Return({0, m_count}, error));
 }
 
 void Devices::Leave(std::size_t device, bool saysGoodbye)
@@ -135,10 +104,11 @@ void Devices::Leave(std::size_t device, bool saysGoodbye)
     }
 }
 
-bool Devices::Return(std::size_t begin, std::size_t end, std::string& error)
+bool Devices::Return(const Range& range, std::string& error)
 {
-    const unsigned int spread = std::max(kMinSpreadMs, static_cast<unsigned int>(end - begin) * kSpreadMsEach);
-    for (std::size_t device = begin; device < end; ++device)
+    const unsigned int spread =
+        std::max(kMinSpreadMs, static_cast<unsigned int>(range.end - range.begin) * kSpreadMsEach);
+    for (std::size_t device = range.begin; device < range.end; ++device)
     {
         const Device& returning = m_devices[device];
         if ((returning.http && !returning.http->Listen(error)) ||
@@ -165,10 +135,9 @@ std::string Devices::Stats() const
         connections += m_devices[device].gateway ? m_devices[device].gateway->Connections() : 0;
     }
     const SsdpResponder::Counts& counts = m_responder.GetCounts();
-    const std::clock_t cpuMs = std::clock() / (CLOCKS_PER_SEC / 1000);
     std::ostringstream line;
-    line << "ok devices=" << m_devices.size() << " present=" << present << " connections=" << connections
+    line << "devices=" << m_devices.size() << " present=" << present << " connections=" << connections
          << " descriptions=" << m_descriptions << " requests=" << m_requests << " searches=" << counts.searches
-         << " answers=" << counts.answers << " notifies=" << counts.notifies << " cpu_ms=" << cpuMs;
+         << " answers=" << counts.answers << " notifies=" << counts.notifies;
     return line.str();
 }

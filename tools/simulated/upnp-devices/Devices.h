@@ -37,12 +37,9 @@ public:
 
     Devices(NotifyTargetTaskIF* task, const Settings& settings);
     ~Devices() override;
-    Devices(const Devices&) = delete;
-    Devices& operator=(const Devices&) = delete;
 
     /// Unless `isSilent` is set, opens all ports and spreads the announcements over the next seconds.
     bool Start(std::string& error) override;
-    void Run(const std::string& command, const Answer& answer) override;
 
     static constexpr std::size_t kMaxCount = 4096;
 
@@ -55,10 +52,9 @@ private:
 
     void Add(NotifyTargetTaskIF* task, const Settings& settings, std::size_t offset);
     void Leave(std::size_t device, bool saysGoodbye);
-    bool Return(std::size_t begin, std::size_t end, std::string& error);
-    std::string Stats() const;
+    bool Return(const Range& range, std::string& error);
+    std::string Stats() const override;
 
-    NotifyTargetTaskIF* const m_task;
     const bool m_startsSilent;
     std::vector<Device> m_devices;
     std::uint64_t m_descriptions = 0; ///< requests of descriptions

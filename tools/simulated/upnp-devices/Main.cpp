@@ -1,12 +1,8 @@
 // Many simulated UPnP devices in one process, compliant and misbehaving ones, for the laboratory and the benchmarks.
-#include "runtime/DPrint.h"
 #include "tools/clients/options/Options.h"
 #include "tools/simulated/upnp-devices/Devices.h"
 
-#include <arpa/inet.h>
-#include <csignal>
 #include <cstdint>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,12 +60,6 @@ and prints one line per command, "ok ..." or "error ...". Indices start at 0.
   quit                   end the program, like the end of the input
 )";
 
-int Fail(const std::string& what, int status)
-{
-    std::cerr << "upnp-devices: " << what << std::endl;
-    return status;
-}
-
 /// Appends the devices of a word KIND[:COUNT]. Returns the reason if it is invalid, else an empty text.
 std::string AddDevices(const std::string& word, std::vector<Kind>& kinds)
 {
@@ -116,17 +106,11 @@ std::string ReadSettings(const Options& options, Devices::Settings& settings)
     {
         return "no devices given, e.g. product:3";
     }
-    settings.ssdp.interface = options.Get("interface", "");
-    if (settings.ssdp.interface.empty())
+    if (std::string reason = ReadNetwork(options, "10.77.48.1", settings.ssdp.interface, settings.firstIpv4);
+        !reason.empty())
     {
-        return "--interface is needed";
+        return reason;
     }
-    in_addr address{};
-    if (inet_pton(AF_INET, options.Get("first-address", "10.77.48.1").c_str(), &address) != 1)
-    {
-        return "--first-address takes an IPv4 address";
-    }
-    settings.firstIpv4 = ntohl(address.s_addr);
     constexpr unsigned int kMostIndex = 0xFFFFFF;
     const auto index = ReadNumber(options.Get("first-index", "0"), kMostIndex);
     const auto maxAge = ReadNumber(options.Get("max-age", "1800"), 86400U);
@@ -154,40 +138,23 @@ std::string ReadSettings(const Options& options, Devices::Settings& settings)
     return "";
 }
 
-int Run(int argc, char** argv)
-{
-    Options options(
-        {"interface", "first-address", "first-index", "guid", "name", "port", "gateway-port", "max-age", "seed"},
-        {"no-gateway", "silent", "quiet"});
-    if (!options.Parse(argc, argv))
-    {
-        return Fail(options.Error() + " (see upnp-devices --help)", 2);
-    }
-    if (options.WantsHelp() || options.WantsVersion())
-    {
-        std::cout << (options.WantsHelp() ? kHelp : "upnp-devices " SONARIX_VERSION "\n");
-        return 0;
-    }
-    Devices::Settings settings;
-    if (const std::string reason = ReadSettings(options, settings); !reason.empty())
-    {
-        return Fail(reason + " (see upnp-devices --help)", 2);
-    }
-    DPrint::Initialize();
-    if (options.Has("quiet"))
-    {
-        DPrint::SetLevels("1");
-    }
-    constexpr std::size_t kConnections = 16; // of other products' gateways, per device
-    RaiseDescriptorLimit(settings.kinds.size() * (2 + kConnections) + 64);
-    ServeCommands("upnp-devices", settings.kinds.size(),
-                  [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Devices>(task, settings); });
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::signal(SIGPIPE, SIG_IGN);
-    return Run(argc, argv);
+    Options options(
+        {"interface", "first-address", "first-index", "guid", "name", "port", "gateway-port", "max-age", "seed"},
+        {"no-gateway", "silent", "quiet"});
+    if (const auto status = options.ParseOrAnswer(argc, argv, "upnp-devices", kHelp, SONARIX_VERSION))
+    {
+        return *status;
+    }
+    Devices::Settings settings;
+    if (const std::string reason = ReadSettings(options, settings); !reason.empty())
+    {
+        return UsageError("upnp-devices", reason);
+    }
+    constexpr std::size_t kSocketsEach = 18; // two listeners and 16 connections of other products' gateways
+    ServeCommands("upnp-devices", options, settings.kinds.size(), kSocketsEach,
+                  [&settings](NotifyTargetTaskIF* task) { return std::make_unique<Devices>(task, settings); });
 }
