@@ -6,7 +6,6 @@
 #include "tools/hub-service/HubClient.h"
 
 #include <csignal>
-#include <iostream>
 
 namespace
 {
@@ -34,37 +33,26 @@ manufacturing data.
   -h, --help, -V, --version
 )";
 
-int Fail(const std::string& what, int status)
-{
-    std::cerr << "hub-service: " << what << "\n";
-    return status;
-}
-
 int Run(int argc, char** argv)
 {
     std::vector<std::string> names = DescriptionOptions();
     names.insert(names.end(), {"host", "port"});
     Options options(names);
-    if (!options.Parse(argc, argv))
+    if (const auto status = options.ParseOrAnswer(argc, argv, "hub-service", kHelp, SONARIX_VERSION))
     {
-        return Fail(options.Error() + " (see hub-service --help)", 2);
-    }
-    if (options.WantsHelp() || options.WantsVersion())
-    {
-        std::cout << (options.WantsHelp() ? kHelp : "hub-service " SONARIX_VERSION "\n");
-        return 0;
+        return *status;
     }
     const auto port = Options::ParsePort(options.Get("port", "8084"));
     if (!port)
     {
-        return Fail("--port takes a number from 1 to 65535", 2);
+        return UsageError("hub-service", "--port takes a number from 1 to 65535");
     }
     DPrint::Initialize();
     HUBAPI::AdvertisementInfo info;
     std::string error;
     if (!ReadDescription(options, info, error))
     {
-        return Fail(error, 2);
+        return UsageError("hub-service", error);
     }
     NotifyTargetTaskIF* const task = IL::CreateTask("HubServiceTask", "");
     HubClient client(task, info);

@@ -58,21 +58,20 @@ int Watch(NetlinkMonitor& monitor, StatusBuilder& builder, Publisher& publisher)
 int Run(int argc, char** argv)
 {
     Options options({"primary", "wifi-bands", "host", "port"});
-    if (!options.Parse(argc, argv) || !options.Words().empty())
+    if (const auto status = options.ParseOrAnswer(argc, argv, "network-status", kHelp, SONARIX_VERSION))
     {
-        const std::string reason = options.Words().empty() ? options.Error() : "no argument " + options.Words().front();
-        return Fail(reason + " (see network-status --help)", 2);
+        return *status;
     }
-    if (options.WantsHelp() || options.WantsVersion())
+    if (!options.Words().empty())
     {
-        std::cout << (options.WantsHelp() ? kHelp : "network-status " SONARIX_VERSION "\n");
-        return 0;
+        return UsageError("network-status", "no argument " + options.Words().front());
     }
     const auto usage = ParseWifiBands(options.Get("wifi-bands", ""));
     const auto port = Options::ParsePort(options.Get("port", "8084"));
     if (!usage || !port)
     {
-        return Fail(usage ? "--port takes a number from 1 to 65535" : "--wifi-bands takes a list of 2.4, 5 and 6", 2);
+        return UsageError("network-status", usage ? "--port takes a number from 1 to 65535"
+                                                  : "--wifi-bands takes a list of 2.4, 5 and 6");
     }
     DPrint::Initialize();
 
