@@ -93,7 +93,7 @@ bool ConsoleClient::Request(const std::string& request, std::string& response)
     {
         return false;
     }
-    m_connection.Send(request);
+    m_connection.Send(request + '\n');
     const auto until = LocalSocket::Clock::now() + kResponseTimeout;
     for (;;)
     {

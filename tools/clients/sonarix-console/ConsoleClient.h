@@ -1,8 +1,9 @@
 #pragma once
 
+#include "tools/clients/options/MessageConnection.h"
 #include "tools/clients/options/SignalDescriptor.h"
-#include "tools/clients/sonarix-console/ConsoleConnection.h"
 #include "tools/clients/sonarix-console/ConsoleMessages.h"
+#include "tools/clients/sonarix-console/LineReader.h"
 
 #include <chrono>
 #include <functional>
@@ -49,7 +50,7 @@ private:
     void ReadAsync();
     bool Fail(const std::string& reason) const;
 
-    ConsoleConnection m_connection;
+    MessageConnection<LineReader> m_connection;
     const bool m_json;
     Print m_printAsync;                               ///< prints whole lines
     std::optional<SignalDescriptor> m_signals;        ///< at a terminal only

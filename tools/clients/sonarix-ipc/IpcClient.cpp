@@ -87,7 +87,16 @@ LocalSocket::Event IpcClient::Wait(IPCMessageEnvelope& message, LocalSocket::Clo
 
 std::uint32_t IpcClient::Send(Identifier id, const google::protobuf::Message& payload)
 {
-    m_connection.Send(id, ++m_lastTid, payload);
+    IPCMessageEnvelope envelope;
+    envelope.SetPayload(payload);
+    envelope->set_id(id);
+    envelope->set_tid(++m_lastTid);
+    envelope->set_kind(IPCMessageEnvelopeBase::REQUEST);
+    std::string frame;
+    if (IPCFraming::AppendFrame(frame, envelope)) // a command line is shorter than the frame limit
+    {
+        m_connection.Send(frame);
+    }
     return m_lastTid;
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "runtime/ipc/IPCFraming.h"
+#include "runtime/ipc/IPCMessageEnvelope.h"
+#include "tools/clients/options/MessageConnection.h"
 #include "tools/clients/options/SignalDescriptor.h"
 #include "tools/clients/sonarix-ipc/Command.h"
-#include "tools/clients/sonarix-ipc/IpcConnection.h"
 #include "tools/clients/sonarix-ipc/KnownDevices.h"
 #include "tools/clients/sonarix-ipc/RunCommand.h"
 
@@ -37,6 +39,8 @@ public:
     ~IpcClient();
     IpcClient(const IpcClient&) = delete;
     IpcClient& operator=(const IpcClient&) = delete;
+
+    using IpcConnection = MessageConnection<IPCFraming::FrameReader>;
 
     IpcConnection& Connection()
     {
