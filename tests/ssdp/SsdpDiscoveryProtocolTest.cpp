@@ -44,6 +44,12 @@ struct SsdpDiscoveryProtocolTest : testing::Test
         ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 3; }));
         reports.Set({});
     }
+    /// The list keeps the objects reachable for the leak check.
+    static SsdpDiscoveryProtocol* NewProtocol()
+    {
+        static auto& all = *new std::vector<SsdpDiscoveryProtocol*>;
+        return all.emplace_back(new SsdpDiscoveryProtocol);
+    }
     bool Reported(const std::vector<std::string>& expected) const
     {
         return reports.WaitFor(expected, 20s);
@@ -78,7 +84,7 @@ struct SsdpDiscoveryProtocolTest : testing::Test
     FakeGSSDPHandler handler;
     Watched<std::vector<std::string>> reports;
     /// Never destroyed: its destructor joins its task, which stops only at the end of the process.
-    SsdpDiscoveryProtocol& protocol = *new SsdpDiscoveryProtocol;
+    SsdpDiscoveryProtocol& protocol = *NewProtocol();
     const ScopedConnection connection = protocol.RegisterProductStateCallback(
         [this](const Sonarix::Product& product)
         {
