@@ -54,7 +54,7 @@ double Seconds(Clock::duration duration)
     return std::chrono::duration<double>(duration).count();
 }
 
-/// CPU seconds since the start of each process. Use differences.
+/// CPU seconds that threads and processes have used so far. Only differences are meaningful.
 struct Cpu
 {
     double controller = 0; ///< the service's task

@@ -7,8 +7,8 @@
 namespace SonarixService
 {
 
-// The files that describe the product's software, read at start. A missing file is not an error. A file that does not
-// parse costs a level-1 line and leaves its fields empty.
+// Functions that read the files on versions and capabilities of the product's software, at start. A missing file is not
+// an error. A file that does not parse is logged at level 1, and its fields stay empty.
 
 /// The value of SONARIX_ETC_DIR if that is set, even to an empty string, else "/opt/Kova/etc/". File names are appended
 /// without a separator.

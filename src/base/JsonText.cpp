@@ -39,7 +39,7 @@ public:
     {
     }
 
-    /// A value that is neither an object nor an array.
+    /// The parser has read a value that is neither an object nor an array.
     bool Default()
     {
         m_isNext = false;

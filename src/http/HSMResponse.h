@@ -18,7 +18,7 @@ constexpr bool IsSuccess(int httpStatus)
     return httpStatus >= 200 && httpStatus <= 299;
 }
 
-/// The outcome of an asynchronous request.
+/// The outcome of one asynchronous HTTP request.
 struct HSMResponse
 {
     std::string url;         ///< as requested

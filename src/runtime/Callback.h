@@ -34,7 +34,7 @@ public:
         return static_cast<bool>(m_function);
     }
 
-    /// Destroys the held callable.
+    /// Destroys the held callable; the Callback is empty then.
     void Clear()
     {
         m_function = nullptr;

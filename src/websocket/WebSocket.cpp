@@ -592,7 +592,7 @@ std::string MessageStream::PeerAddress() const
     return error ? std::string() : NumericHost(endpoint);
 }
 
-// ---- the end ------------------------------------------------------------------------------------------------
+// ---- end of a connection: reason, failure, close -------------------------------------------------------------
 
 std::string MessageStream::Reason(const ErrorCode& error) const
 {

@@ -175,7 +175,8 @@ public:
     /// Callbacks of a test that decides when a resolve is answered and that records removals.
     struct Script
     {
-        /// Answers the resolve and returns the service. Null: the resolve was cancelled or has failed.
+        /// Passed to `resolving`: answers that resolve and returns its service. Null: the resolve was cancelled or has
+        /// failed.
         using Answer = std::function<const MDNS::Service*()>;
         std::function<void(const MDNS::ServiceId&, const Answer&)> resolving; ///< called instead of an immediate answer
         std::function<void(const MDNS::ServiceId&)> removed;                  ///< after a browser has reported it

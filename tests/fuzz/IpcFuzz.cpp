@@ -36,7 +36,7 @@ void Judge(const IPCMessageEnvelope& envelope, unsigned int id, Outcome& outcome
     }
 }
 
-/// By the framing alone, from one piece.
+/// The expected outcome: FrameReader alone parses `bytes`, in one piece.
 Outcome Expected(std::string_view bytes)
 {
     Outcome outcome;

@@ -164,7 +164,7 @@ TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
     int probed = 0;
     const auto obtain = [&](const void*)
     {
-        // The mutex is recursive, so another thread tests it.
+        // This thread could take the recursive mutex although it holds it, so another thread checks that it is free.
         const auto taken = std::async(std::launch::async, [&] { const ScopedMutex lock(*mutex); });
         EXPECT_EQ(taken.wait_for(std::chrono::seconds(2)), std::future_status::ready);
         ++probed;

@@ -175,7 +175,8 @@ TEST_F(DebugCommandsTest, TestingProductsAreAnnouncedInOrder)
     EXPECT_EQ(Type("ssdp removedevice 2:2:2:2 1:1:1:1"), kNothing);
     EXPECT_THAT(m_calls, ElementsAre("gateway OFFLINE g2", "ipc OFFLINE g2", "gateway OFFLINE g1", "ipc OFFLINE g1"));
 
-    // The protocols have separate lists. Only mDNS also announces the products that it has found.
+    // Each protocol has its own list of testing products. Only `mdns clearall` also reports the products found by mDNS
+    // as OFFLINE.
     Type("mdns adddevice guid=g3");
     EXPECT_EQ(Type("ssdp removedevice 1:1:1:1"), kNothing);
     EXPECT_EQ(Type("mdns clearall _b._tcp"), "Offline device list cleared");

@@ -610,7 +610,7 @@ void World::Check(const std::string& guid)
     }
 }
 
-/// Checks the connections in the second after a product's offline time limit.
+/// Schedules a check of the connections for one second after the offline limit of a product that goes offline now.
 void World::ProbeGivenUp()
 {
     const std::int64_t overMs = (MonotonicClock::NowSec() + Model::kGiveUpAfter + 1) * 1000;

@@ -99,7 +99,7 @@ private:
     std::deque<Waiting> TakeWaiting();
     void FailWaiting(const std::string& reason);
     void StartAttempt();
-    /// Wraps the callback of an address query: it is not called after its attempt has ended.
+    /// Wraps the callback of an address query: it is not called after the current connection attempt has ended.
     std::function<void(const std::vector<Peer>&)>
     ForCurrentAttempt(std::function<void(const std::vector<Peer>&)> callback) const;
     void TryNext();

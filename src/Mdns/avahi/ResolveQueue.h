@@ -53,7 +53,7 @@ public:
     };
     using RequestPtr = std::shared_ptr<Request>;
 
-    /// Starts one resolve in the backend. Returns an empty connection on failure. May call Answer() before it returns.
+    /// Starts one resolve in the backend. Returns an empty handle on failure. May call Answer() before it returns.
     using Start = std::function<CallbackConnection(const RequestPtr& request)>;
 
     explicit ResolveQueue(Start start);

@@ -176,7 +176,7 @@ private:
         }
     }
 
-    /// A socket on the mDNS port, which the daemon also uses.
+    /// A socket bound to the mDNS port, which it shares with avahi-daemon.
     static int BoundSocket()
     {
         const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

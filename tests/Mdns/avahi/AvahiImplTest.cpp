@@ -303,7 +303,8 @@ TEST_ON_AVAHI_HOST(ResolvesBeyondTheLimitWait)
     EXPECT_TRUE(answers.WaitUntil([&](const auto& all) { return countOf("lab.local")(all) == 120; })) << log.Text();
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
 
-    // Names without a response occupy every place until they are cancelled or the daemon reports a failure.
+    // Resolves without a response occupy all kMaxRunning places of the ResolveQueue until they are cancelled or
+    // avahi-daemon reports a failure.
     std::vector<CallbackConnection> silent;
     for (std::size_t i = 0; i < ResolveQueue::kMaxRunning; ++i)
     {

@@ -58,7 +58,7 @@ public:
     /// After a loss of the connection: each device is unconfirmed until it is received again. ApplyList() does not
     /// remove unconfirmed devices.
     void MarkUnconfirmed();
-    /// Removes the devices that are still unconfirmed.
+    /// Removes the devices that were not received again since MarkUnconfirmed(). Returns the changes.
     std::vector<DeviceChange> RemoveUnconfirmed();
 
 private:
