@@ -27,7 +27,7 @@ namespace
 
 constexpr unsigned int kConnectLimitMs = 60'000;
 
-/// Adds clients up to `wanted` and waits until each of them has its connection. False after the limit.
+/// Adds clients until there are `wanted`, and waits until each of them has its connection. Returns false on a timeout.
 bool ConnectUpTo(std::size_t wanted, int port, NotifyTargetTaskIF* task,
                  std::vector<std::shared_ptr<PorticoClientIF>>& clients)
 {

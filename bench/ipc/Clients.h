@@ -20,7 +20,7 @@ public:
     void Connect(const std::string& path, std::size_t count);
     /// In each round, all clients of `path` write `request`, then all read `answerBytes`. Returns after the last round.
     void RoundTrips(const std::string& path, std::size_t rounds, const std::string& request, std::size_t answerBytes);
-    /// Each client of `path` reads that many bytes.
+    /// Makes each client of `path` read `bytes` bytes.
     void Read(const std::string& path, std::size_t bytes);
 
     /// The main function of the client process. Reads commands from the inherited descriptor.

@@ -61,7 +61,7 @@ public:
     BareServer(const BareServer&) = delete;
     BareServer& operator=(const BareServer&) = delete;
 
-    /// Called while no client is running.
+    /// Sets the sizes of request and answer. To be called while no client is running.
     void Serve(std::size_t requestBytes, std::size_t answerBytes)
     {
         m_requestBytes = requestBytes;
@@ -147,7 +147,7 @@ Cost Measure(const std::function<void()>& work)
             std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count()};
 }
 
-/// Runs both alternately and returns the medians.
+/// Runs both functions alternately and returns the medians of their costs.
 std::pair<Cost, Cost> Compare(const std::function<void()>& ours, const std::function<void()>& bare)
 {
     std::vector<Cost> costs;

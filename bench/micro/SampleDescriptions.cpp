@@ -41,7 +41,7 @@ std::vector<std::string> SampleDescriptions::Bad()
 {
     constexpr int kElements = static_cast<int>(XmlPrecheck::kMaxTags / 2) - 1;
     constexpr int kAttributes = XmlPrecheck::kMaxAttributes;
-    // Unmatched end tags allow more levels.
+    // Unmatched end tags lower the level that XmlPrecheck counts, so that more levels can follow.
     const std::string ends = Repeated("</a>", kElements - XmlPrecheck::kMaxLevels);
     std::string attributes;
     for (int number = 0; number < kAttributes; ++number)

@@ -3,14 +3,14 @@
 #include <string>
 #include <vector>
 
-/// Device descriptions for the measuring of their reading. XmlPrecheck lets all of them pass.
+/// Device descriptions for measuring the parser. XmlPrecheck lets all of them pass.
 namespace SampleDescriptions
 {
 
-/// What a large device says of itself, 16 KiB.
+/// Returns the description of a large device, 16 KiB.
 std::string Large();
 
-/// Texts of 64 KiB that cost the reader more than a description should, each in its own way.
+/// Returns texts of 64 KiB that take longer to parse than a description should, each for its own reason.
 std::vector<std::string> Bad();
 
 } // namespace SampleDescriptions

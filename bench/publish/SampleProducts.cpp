@@ -32,7 +32,7 @@ void SetVersions(SXCommon::MultiroomVersions& versions)
     SetVersion(versions.mutable_grouping_version(), 1, 1);
 }
 
-/// The fields that discovery and the product itself report.
+/// Sets the fields that both discovery and the product itself report.
 void SetCommon(Sonarix::ProductInfo& info, int number)
 {
     info.set_guid(Text("3c1f5d0a-77e2-4b6e-9a40-%012d", number));

@@ -6,10 +6,10 @@
 namespace SampleProducts
 {
 
-/// As mDNS reports it.
+/// Returns the product as mDNS reports it.
 Sonarix::Product Discovered(int number);
 
-/// As the product answers at /sonarix/info.
+/// Returns the information that the product sends at /sonarix/info.
 Sonarix::ProductInfo Described(int number);
 
 /// One row of the table: Discovered() merged with Described(), ONLINE.

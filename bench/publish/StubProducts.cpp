@@ -2,7 +2,7 @@
 
 #include <ProtoToMarkup.h>
 
-/// Sends its information only as a notification. Never answers a GET.
+/// A fake product: sends its information only as a notification and never answers a GET.
 class StubProducts::Product final : public PorticoClientIF
 {
 public:

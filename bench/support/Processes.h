@@ -15,7 +15,7 @@ double ProcessCpu(pid_t process);
 double PeakMemory(pid_t process);
 void ForgetPeakMemory(pid_t process);
 
-/// Private dirty memory in KiB.
+/// Returns the private dirty memory of a process in KiB.
 long PrivateDirty(pid_t process);
 
 /// Raises the soft limit of open files to the hard limit.

@@ -48,7 +48,7 @@ namespace SonarixService
 class MdnsService final : public MdnsServiceIF, public std::enable_shared_from_this<MdnsService>
 {
 public:
-    /// For tests: while one is set, Create() calls it instead of making an MdnsService.
+    /// For tests: while a FactoryIF is set, Create() calls it instead of making an MdnsService.
     class FactoryIF
     {
     public:
@@ -83,9 +83,9 @@ public:
     /// Default cache-entries-max of avahi-daemon, per interface. The daemon drops further records without a log line.
     static constexpr std::size_t kDaemonCacheRecords = 4096;
     static constexpr std::size_t kRecordsOfService = 4; ///< PTR, SRV, TXT, and A of its host
-    static constexpr std::size_t kManyServices = kDaemonCacheRecords / kRecordsOfService * 9 / 10; ///< causes a warning
-    static constexpr std::size_t kManyNoMore =
-        kDaemonCacheRecords / kRecordsOfService * 8 / 10; ///< below it, rearms it
+    /// From kManyServices on, one warning is logged. Fewer services than kManyNoMore rearm the warning.
+    static constexpr std::size_t kManyServices = kDaemonCacheRecords / kRecordsOfService * 9 / 10;
+    static constexpr std::size_t kManyNoMore = kDaemonCacheRecords / kRecordsOfService * 8 / 10;
 
 private:
     /// One instance name that a browser has reported. Kept after it is resolved, until its removal: a failed resolve is
@@ -117,7 +117,7 @@ private:
         CallbackConnection connection; ///< disconnecting withdraws the service
     };
 
-    // Browsing and resolving.
+    // Functions for browsing and resolving.
     void StartServiceBrowsers();
     void CreateBrowser(const Record& sb);
     void ClientConnected(const Record& sb);
@@ -132,17 +132,17 @@ private:
     void StartResolve(ResolverEntry& entry, const Record& sb);
     void ResolveFailed(ResolverEntry& entry, const Record& sb);
     void RetryDue();
-    /// Call it after each change of m_retries.
+    /// Arms m_retryTimer for the next retry. To be called after each change of m_retries.
     void SetRetryTimer();
     void CheckServiceCount();
     void StopServiceAction();
 
-    // Products.
+    // Functions that pass products to subscribers.
     void AnnounceService(const Filter_t& filter, DiscoverableDeviceType type, const Callback<Sonarix::Product>& cb,
                          const MDNS::Service& service, SonarixPb::DeviceState state);
     void GetProductListAction(const std::string& serviceType, const Callback<const Sonarix::ProductList>& cb);
 
-    // Publishing.
+    // Functions for publishing.
     void BroadcastInitialDeviceAnnouncementAction(const SonarixPb::DeviceInfo& info);
     void BroadcastInitialAccessoryAnnouncementAction(const SonarixPb::DeviceInfo& info);
     void SetRendererService(const std::string& name, const std::string& type, std::map<std::string, std::string> txt);

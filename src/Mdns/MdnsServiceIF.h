@@ -27,7 +27,7 @@ namespace SonarixService
 class MdnsServiceIF
 {
 public:
-    /// The values are the keys of kServiceTypes.
+    /// The enumerators are the keys of kServiceTypes.
     enum DiscoverableDeviceType
     {
         RENDERER = 0,
@@ -43,7 +43,7 @@ public:
         FILTER_ALL = 2,
     };
 
-    /// An unknown `kind` passes no service.
+    /// Selects services by `kind` and `value`. An unknown `kind` selects no service.
     struct Filter_t
     {
         int kind = FILTER_ALL;

@@ -21,10 +21,10 @@ class RetrySchedule final
 public:
     using Key = std::pair<int, std::string>; ///< DiscoverableDeviceType and instance name
 
-    /// Equal seeds give equal times.
+    /// Schedules with equal seeds give equal times.
     explicit RetrySchedule(std::uint64_t seed);
 
-    /// Replaces the time of `key`. `failures`: consecutive failures, including the current one.
+    /// Sets the time of the next attempt for `key`. `failures` counts consecutive failures, including the current one.
     void Plan(const Key& key, unsigned int failures, std::int64_t nowMs);
     void Forget(const Key& key);
     void ForgetType(int type);

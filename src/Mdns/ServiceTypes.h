@@ -15,7 +15,7 @@ inline const std::map<int, std::string> kServiceTypes{
     {MdnsServiceIF::ACCESSORY, "_kova-accessory._tcp"},
 };
 
-/// Returns an empty string, which matches no service, for a value without a row.
+/// Returns an empty string, which matches no service, for a value that is not in kServiceTypes.
 inline std::string ServiceTypeFromDeviceType(int deviceType)
 {
     const auto row = kServiceTypes.find(deviceType);

@@ -33,7 +33,7 @@ constexpr TextKey kTextKeys[] = {
     {"DEVICEIP", &Sonarix::ProductInfo::mutable_ipaddress, nullptr},
 };
 
-/// The values are JSON of a ProtocolVersion.
+/// A TXT key whose value is the JSON of a ProtocolVersion.
 struct VersionKey
 {
     const char* key;
@@ -52,7 +52,7 @@ constexpr VersionKey kVersionKeys[] = {
     {"GroupingVersion", &Read::mutable_grouping_version, &Written::grouping_version},
 };
 
-/// Read only, as are "CLOCKDOMAIN" and "CONNECTIONTYPE". The value "true" means true.
+/// A TXT key that is read but never written, like "CLOCKDOMAIN" and "CONNECTIONTYPE". The value "true" means true.
 struct FlagKey
 {
     const char* key;

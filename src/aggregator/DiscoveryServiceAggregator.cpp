@@ -14,15 +14,15 @@ namespace SonarixService
 namespace
 {
 
-/// True if only mDNS has seen it, under a service type that is not the products' one.
+/// True if only mDNS has reported `product`, with a service type other than that of the products.
 bool IsUnwantedMdnsService(const Sonarix::Product& product)
 {
     return product.protocols_size() == 1 && product.protocols(0) == SXCommon::MDNS &&
            product.serviceid().type() != "_kova-lanyard._tcp";
 }
 
-/// A message whose elements belong to the table. Each change of a row publishes the whole table, and copying hundreds
-/// of rows costs more than the rest of the change.
+/// A list message that refers to the rows of the table. Each change of a row publishes the whole table, and copying
+/// hundreds of rows would cost more than the rest of the change.
 class ProductListView final
 {
 public:
@@ -206,7 +206,7 @@ void DiscoveryServiceAggregator::HandleProductUpdate(const Sonarix::Product& pro
         DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,
                "Product " << guid << " already pronounced dead by reaper. Don't try connecting to it");
     }
-    m_remoteProducts.ConnectToRemoteProduct(guid); // in spite of the log line: the report can mean that it is back
+    m_remoteProducts.ConnectToRemoteProduct(guid); // despite the log line: the product may be back
 }
 
 void DiscoveryServiceAggregator::MergeRefreshedProducts(const Sonarix::ProductList& list)
@@ -294,7 +294,7 @@ void DiscoveryServiceAggregator::PlayBackMdnsUpdates()
         }
         catch (const std::exception& failure)
         {
-            // A bad report about this product must not stop the reports behind it.
+            // An exception from a bad report about this product must not stop the processing of the later reports.
             DPRINT(s_aggregatorLog, DPrint::LEVEL_ERROR, failure.what());
         }
     }

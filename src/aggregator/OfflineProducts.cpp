@@ -93,8 +93,8 @@ void OfflineProducts::PeriodicReapOfflineProducts()
     std::uint64_t ms = ComputeMsToNextClosestTimeoutMs(m_table.OfflineStamps());
     if (ms == 0)
     {
-        // The stamp that expires in this second belongs to a product that this pass has dropped. A timer of 0 ms would
-        // repeat the pass, with the same result, until the second ends.
+        // A stamp expires in this second, but the client of its product has been dropped. A timer of 0 ms would repeat
+        // the pass, with the same result, until the second ends.
         ms = kNextSecondMs;
     }
     DPRINT(s_aggregatorLog, DPrint::LEVEL_INFO,

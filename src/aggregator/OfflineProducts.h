@@ -23,7 +23,7 @@ public:
     /// `table` and `remoteProducts` outlive this object.
     OfflineProducts(NotifyTargetTaskIF* task, ProductTable& table, RemoteProducts& remoteProducts);
 
-    /// One pass: drops the clients whose time is over. Arms the timer if an OFFLINE product with a client is left.
+    /// Drops the clients of products over the offline limit. Arms the timer if an OFFLINE product keeps a client.
     void HandleReapOfflineProducts();
     void CancelTimer();
 

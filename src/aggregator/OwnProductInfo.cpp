@@ -132,7 +132,7 @@ void OwnProductInfo::HandleSelfProductUpdate(const Sonarix::ProductInfo& info)
         return;
     }
 
-    // Only this product knows these fields. A report that sets them is a fault of its sender.
+    // Only this product itself knows the fields that are checked here. A report that sets one is a fault of its sender.
     if (info.has_capabilities())
     {
         throw std::logic_error("my product info has capabilities - that's bad!");

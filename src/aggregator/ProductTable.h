@@ -48,11 +48,11 @@ public:
 
     void AddChild(const Sonarix::Product& product); ///< replaces the child of the same guid
     bool RemoveChild(const std::string& guid);      ///< false if there is no such child
-    /// Not checked: constructors read the children on the main thread while the task is held.
+    /// Does not check the task: constructors read the children on the main thread while the task is held.
     const Products& Children() const;
 
-    /// What is published: the rows that are not children, then the children, each in ascending order of guid. The
-    /// pointers are valid until the next change of the table.
+    /// Returns the rows to publish: those that are not children, then the children, each in ascending order of guid.
+    /// The pointers are valid until the next change of the table.
     std::vector<const Sonarix::Product*> CollectRows() const;
 
 private:

@@ -40,7 +40,7 @@ public:
     bool HasClient(const std::string& guid) const; ///< also true for a null client, see SendRemoteProductInfoGet
     /// Drops the client, and with it the heartbeat. The row and the offline stamp stay.
     void StopTrackingHeartbeat(const std::string& guid);
-    /// Drops all clients. Of the subscriptions that of the own product stays in the map, disconnected.
+    /// Drops all clients. The map of subscriptions keeps the own product's entry, which is disconnected.
     void DropAll();
 
 private:

@@ -33,7 +33,7 @@ int MakeSocket()
     return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 }
 
-/// Removes the file of a socket on which no process listens. Returns the obstacle, empty on success.
+/// Removes the file of a socket on which no process listens. Returns why the file must stay, empty on success.
 std::string RemoveLeftover(const std::string& path)
 {
     struct stat status = {};
@@ -79,8 +79,9 @@ std::string ListeningSocket::Open(const std::string& path, mode_t mode)
     {
         return "a socket's path cannot have " + std::to_string(path.size()) + " bytes";
     }
-    // Two threads that find the same leftover must not remove each other's new socket. Two processes do not share a run
-    // directory: see SystemUtils::ThereCanBeOnlyOne(). A lock on a file would let other users delay the start.
+    // Two threads that find the same leftover socket file must not remove each other's new socket. Two processes do not
+    // share a run directory: see SystemUtils::ThereCanBeOnlyOne(). A lock on a file would let other users delay the
+    // start.
     static std::mutex s_mutex;
     const std::lock_guard lock(s_mutex);
     const std::string obstacle = RemoveLeftover(path);

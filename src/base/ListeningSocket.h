@@ -13,7 +13,7 @@ public:
     ListeningSocket(const ListeningSocket&) = delete;
     ListeningSocket& operator=(const ListeningSocket&) = delete;
 
-    /// Creates the file; no client can connect before it has this mode. Replaces the file of a socket on which no
+    /// Creates the socket file, with `mode` before a client can connect. Replaces the file of a socket on which no
     /// process listens. Returns the error, empty on success.
     [[nodiscard]] std::string Open(const std::string& path, mode_t mode);
 

@@ -55,7 +55,7 @@ constexpr Member<DeviceInfo, ProductInfo> kDevice[] = {
 using Versions = SXCommon::MultiroomVersions;
 using AdvertisedVersions = SonarixPb::MultiroomVersions;
 
-/// Without ZoneControl_Version: peers expect its absence.
+/// The versions that are copied. ZoneControl_Version is not copied, because peers expect its absence.
 constexpr struct
 {
     const SonarixPb::ProtocolVersion& (AdvertisedVersions::*get)() const;

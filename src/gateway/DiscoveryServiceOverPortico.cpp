@@ -37,7 +37,7 @@ DiscoveryServiceOverPortico::DiscoveryServiceOverPortico(NotifyTargetTaskIF* tas
     : m_task(task)
     , m_portico(std::move(portico))
 {
-    // Dropping a connection does not disconnect: the endpoints end with the gateway connection.
+    // Dropping a CallbackConnection does not disconnect it: the endpoints end with the gateway connection.
     const auto update = m_liveness.OnTask(m_task, this, &DiscoveryServiceOverPortico::HandleProductUpdate);
     m_portico->RegisterPost<Sonarix::Product>(kPath, update, Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
     m_portico->RegisterPut<Sonarix::Product>(kPath, update, Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);

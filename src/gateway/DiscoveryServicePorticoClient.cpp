@@ -56,7 +56,7 @@ DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF*
     , m_portico(std::move(portico))
     , m_aggregator(std::move(aggregator))
 {
-    // Dropping a connection does not disconnect: both subscriptions end with the aggregator.
+    // Dropping a CallbackConnection does not disconnect it: both subscriptions end with the aggregator.
     m_aggregator->RegisterForMyProductInfo(m_liveness.OnTask<Sonarix::ProductInfo>(
         m_task,
         [this](const Sonarix::ProductInfo& info)
@@ -65,8 +65,8 @@ DiscoveryServicePorticoClient::DiscoveryServicePorticoClient(NotifyTargetTaskIF*
             DPRINT(s_log, DPrint::LEVEL_INFO, "sending my product info notification");
             SendMyProductInfoNotification(info);
         }));
-    // Not posted, because the sender runs on this task: in a burst of answers, each would queue a copy of the whole
-    // list behind the remaining answers.
+    // The handler is not posted, because the sender runs on this task: in a burst of answers, each would queue a copy
+    // of the whole list behind the remaining answers.
     m_aggregator->RegisterForProductList(m_liveness.Guard(
         [this](const Sonarix::ProductList& list)
         {
@@ -111,7 +111,7 @@ void DiscoveryServicePorticoClient::Initialize()
     m_getProductsConnection =
         m_portico->RegisterGet(kProductsPath, m_liveness.OnTask(m_task, this, &Self::HandleGetProductList),
                                Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
-    // Overwrites the handle of the list on purpose: Shutdown() must not end that endpoint.
+    // Overwrites the handle of the list endpoint on purpose: Shutdown() must not disconnect that endpoint.
     m_getProductsConnection = m_portico->RegisterPost<HUBAPI::AdvertisementInfo>(
         kAdvertisementPath, m_liveness.OnTask(m_task, this, &Self::HandleAdvertisement),
         Portico::EndpointScope::PRIVATE, kVersion, "Unknown", 0);
@@ -175,7 +175,7 @@ SXCommon::ProductMode DiscoveryServicePorticoClient::DetermineNewProductMode(boo
 void DiscoveryServicePorticoClient::HandleNetworkStatusError(const Portico::Error& error)
 {
     TASK_CHECK(m_task);
-    // The GET is not repeated: the next status comes by notification.
+    // The failed GET is not repeated: the next status comes by notification.
     DPRINT(s_log, DPrint::LEVEL_WARNING,
            "Error (" << error.code() << "-" << error.subcode() << ") " << error.message());
 }

@@ -22,7 +22,7 @@ private:
     std::string m_root;
 };
 
-/// The same with an empty root.
+/// Overloads with an empty `root`: they read the files of this machine.
 std::string GetMAC(const std::string& interfaceName);
 std::string GetMacFromDeviceTree();
 std::string GetWiredMAC();

@@ -17,7 +17,7 @@ class SimpleURLFetcher;
 struct HSMRequester;
 } // namespace Http
 
-/// Forwards to its request; does nothing if that is null.
+/// Forwards each call to one request; does nothing if the request is null.
 class HttpOpHandle final : public IHttpOpHandle
 {
 public:
@@ -30,8 +30,8 @@ private:
     const std::shared_ptr<IRunTask> m_task;
 };
 
-/// The HTTP engine. Each request runs on a thread of its own, with a copy of all that it needs: the destructor waits
-/// for no request and ends none. An owner that wants their end calls DiscardRequests() first.
+/// The HTTP engine. Each request runs on a thread of its own, with a copy of all that it needs. The destructor neither
+/// waits for requests nor ends them; an owner that must end them calls DiscardRequests() first.
 class CHttpInterface final : public IHttpInterface
 {
 public:

@@ -67,7 +67,7 @@ public:
     virtual int GetRetries() const = 0;
     virtual void SetRateLimitHandling(bool handle) = 0;      ///< default: true
     virtual void SetDefaultRetryValue(unsigned seconds) = 0; ///< for a response that names only a behavior; default: 15
-    /// 1, the default: back-off values grow and vary at random; else they are used unchanged.
+    /// `type` 1 (default): back-off values grow and vary at random. Other types: back-off values are used unchanged.
     virtual void SetRetryType(int type) = 0;
     virtual void DisableRetries() = 0; ///< except those of the transfer itself
     virtual void EnableRetries() = 0;

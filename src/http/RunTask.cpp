@@ -19,7 +19,7 @@ const DPrint s_log("SimpleASyncURLFetcher");
 constexpr std::array<const char*, 4> kMethodNames = {"POST", "GET", "DELETE", "PUT"};
 constexpr int kMaxExponent = 30;
 constexpr double kJitter = 0.3; ///< a sleep varies by this share of its length
-/// The log shows so much of a retry header: a peer may send 64 KiB in each of any number of responses.
+/// Maximum length of a retry header in the log: a peer may send 64 KiB in each of any number of responses.
 constexpr std::size_t kMaxShownBytes = 64;
 
 constexpr bool IsServerError(int status)
@@ -67,7 +67,7 @@ void RunTask::Run()
         ownFetcher.emplace("", "");
         Exchange(m_fetcher ? *m_fetcher : *ownFetcher, result);
     }
-    catch (...) // std::bad_alloc, for example. The callback gets the last response, or an empty one.
+    catch (...) // for example std::bad_alloc; the callback gets the last response, or an empty one
     {
         IL::LogCaughtException("Async Task");
     }
@@ -158,7 +158,7 @@ int RunTask::GetAttemptCount() const
     return m_attempt;
 }
 
-/// True: the request has slept and must be made again.
+/// Returns true if the request has slept and must be sent again.
 bool RunTask::CheckIfRetryNeededAndSleep(const std::string& url, const Result& result, const std::string& method)
 {
     if (Http::IsSuccess(result.httpStatus) || m_settings.retriesDisabled)
@@ -222,7 +222,8 @@ bool RunTask::CheckIfRetryNeededAndSleep(const std::string& url, const Result& r
     return false;
 }
 
-/// True: the response names a wait, now in `retryValue`, in seconds. `stop`: the response allows no further attempt.
+/// Returns true if the response requests a wait, and sets `retryValue` to its seconds. Sets `stop` if the response
+/// allows no further attempt.
 bool RunTask::HandleRetryHeaders(const Result& result, std::uint32_t& retryValue, bool& stop, int& behavior)
 {
     bool found = false;
@@ -298,7 +299,7 @@ bool RunTask::HandleRetryHeaders(const Result& result, std::uint32_t& retryValue
 /// `retryCount` is the value of X-Retry-Count, empty if the response has none.
 bool RunTask::IsRetryCountReached(const std::string& retryCount) const
 {
-    static constexpr const char* kFunction = "HandleRetryHeaders"; // of which this is a part
+    static constexpr const char* kFunction = "HandleRetryHeaders"; // the caller, which log lines name
     if (retryCount == "-1")
     {
         DPRINT_AS(s_log, DPrint::LEVEL_VERBOSE, kFunction,
@@ -339,7 +340,7 @@ bool RunTask::IsRetryCountReached(const std::string& retryCount) const
     return false;
 }
 
-/// Empty: no back-off for this status, or all values of the table are used up.
+/// Returns nothing if this status has no back-off, or if all values of the table are used up.
 std::optional<std::uint32_t> RunTask::NextBackoff(int status)
 {
     const std::vector<int>& codes = m_settings.retryStatusCodes;

@@ -77,7 +77,7 @@ public:
     void Add(RunTask& task);
     void Remove(RunTask& task); ///< returns when no AbandonAll() uses `task`
     void AbandonAll();
-    /// False: `limit` requests (0: no limit) sleep already.
+    /// Returns false if `limit` requests sleep already (0: no limit).
     [[nodiscard]] bool BeginSleep(RunTask& task, std::size_t limit);
     void EndSleep(RunTask& task);
 

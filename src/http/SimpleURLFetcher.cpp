@@ -67,7 +67,7 @@ bool IsSpace(char character)
     return std::isspace(static_cast<unsigned char>(character)) != 0;
 }
 
-/// Failures that a retry cannot change.
+/// Returns true for a failure that a retry cannot change.
 bool IsFinal(CURLcode code)
 {
     switch (code)
@@ -212,7 +212,7 @@ bool SimpleURLFetcher::SetTimeOut(float seconds)
     {
         return false;
     }
-    // 2.1e9 ms, 24 days, fit into a 32-bit long.
+    // The upper limit of 2.1e9 ms (24 days) fits into a 32-bit long.
     const auto milliseconds = static_cast<long>(std::clamp(seconds * 1000.0F, 0.0F, 2.1e9F));
     if (seconds < 0 || curl_easy_setopt(m_curlHandle, CURLOPT_TIMEOUT_MS, milliseconds) != CURLE_OK)
     {
@@ -270,7 +270,7 @@ void SimpleURLFetcher::SetPause(Pause pause)
     m_pause = std::move(pause);
 }
 
-/// False: the response is over its limit.
+/// Returns false if the response exceeds its size limit.
 bool SimpleURLFetcher::CountResponse(std::size_t bytes)
 {
     m_responseBytes += bytes;
@@ -360,7 +360,7 @@ std::size_t SimpleURLFetcher::OnRead(char* room, std::size_t size, std::size_t c
     return bytes;
 }
 
-/// libcurl sends the body again if, for example, the server has closed the reused connection.
+/// Rewinds the body: libcurl sends it again if, for example, the server has closed the reused connection.
 int SimpleURLFetcher::OnSeek(void* self, long long offset, int origin)
 {
     auto& fetcher = *static_cast<SimpleURLFetcher*>(self);

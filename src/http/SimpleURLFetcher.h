@@ -35,19 +35,19 @@ struct SimpleURLFetcherResult
 class SimpleURLFetcher
 {
 public:
-    /// Both may be empty. If libcurl gives no handle, every later operation logs that and fails.
+    /// `url` and `proxy` may be empty. If libcurl provides no handle, every later operation logs that and fails.
     SimpleURLFetcher(const std::string& url, const std::string& proxy);
     virtual ~SimpleURLFetcher();
     SimpleURLFetcher(const SimpleURLFetcher&) = delete;
     SimpleURLFetcher& operator=(const SimpleURLFetcher&) = delete;
 
-    /// Each sends its default headers, replaced by those in `headers`. An empty value removes libcurl's own header.
+    /// Each request sends default headers, replaced by those in `headers`. An empty value removes libcurl's own header.
     virtual SimpleURLFetcherResult GET(const Headers& headers);
     virtual SimpleURLFetcherResult POST(const std::string& body, const std::string& contentType,
                                         const Headers& headers);
-    /// The content type "multipart/form-data" goes to PostMultipartFormData().
+    /// Passes a body with the content type "multipart/form-data" to PostMultipartFormData().
     virtual SimpleURLFetcherResult POST(const Bytes& body, const std::string& contentType, const Headers& headers);
-    /// A form of two parts: "metadata", the body's length as a JSON object, and "file", the body.
+    /// Posts a form of two parts: "metadata", the body's length as a JSON object, and "file", the body.
     virtual SimpleURLFetcherResult PostMultipartFormData(const Bytes& body, const std::string& contentType,
                                                          const Headers& headers);
     virtual SimpleURLFetcherResult PUT(const std::string& body, const std::string& contentType, const Headers& headers);
@@ -64,9 +64,9 @@ public:
     bool SetFollowRedirects(bool follow);
     bool SetSimpleAuthentication(const std::string& user, const std::string& password);
 
-    /// Value of the Authorization header, until SetSimpleAuthentication().
+    /// Sets the value of the Authorization header, until SetSimpleAuthentication() is called.
     void SetAuthorization(const std::string& authorization);
-    /// Number of retries left for all exchanges of this fetcher; negative: no limit.
+    /// Sets the number of retries left for all exchanges of this fetcher together; negative: no limit.
     void SetRetries(int retries);
     void SetRetryDelay(int seconds);
 

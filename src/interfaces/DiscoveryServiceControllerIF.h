@@ -24,7 +24,7 @@ public:
     /// Replaces the last status of the network service. Starts or stops discovery at an edge.
     virtual void SetNetworkStatus(const NetManager::Protobuf::NetworkStatus& status) = 0;
 
-    /// Null if a factory override returned null.
+    /// Both accessors return null if a factory override returned null.
     virtual std::shared_ptr<SsdpDiscoveryProtocolIF> GetSsdpDiscoveryProtocol() = 0;
     virtual std::shared_ptr<MdnsDiscoveryProtocolIF> GetMdnsDiscoveryProtocol() = 0;
 };

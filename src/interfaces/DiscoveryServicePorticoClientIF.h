@@ -17,7 +17,7 @@ public:
     virtual ~DiscoveryServicePorticoClientIF() = default;
     virtual void Initialize() = 0;
     virtual void Shutdown() = 0;
-    /// Notifies a list with this one product on "/sonarix/products".
+    /// Notifies a list that contains only `product` on "/sonarix/products".
     virtual void SendSonarixNotification(const Sonarix::Product& product) = 0;
 };
 

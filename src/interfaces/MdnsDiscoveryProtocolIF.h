@@ -32,7 +32,7 @@ public:
     virtual void Start() = 0;
     virtual void Stop() = 0;
     virtual CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) = 0;
-    /// `callback` runs at every real start. The subscriber then adds its services again.
+    /// Calls `callback` at each start that has an effect. The subscriber then adds its services again.
     virtual CallbackConnection RegisterForServiceRestartNotification(const Callback<>& callback) = 0;
     /// Calls `callback` with the resolved products of one service type. While stopped, calls it with an empty list on
     /// the calling thread, before it returns.

@@ -91,8 +91,8 @@ void DiscoveryServiceIPCServer::HandleNewClient(const Handler& handler)
     TASK_CHECK(m_task);
     LogEntry(__func__);
     {
-        // Listed before Initialize(), so that a concurrent Shutdown() misses no client. The disconnect that Shutdown()
-        // posts runs after this function.
+        // The client is listed before Initialize(), so that a concurrent Shutdown() misses no client. The disconnect
+        // that Shutdown() posts runs after this function.
         const ScopedMutex lock(m_clientsMutex);
         if (m_isShutDown)
         {

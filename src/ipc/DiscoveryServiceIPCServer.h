@@ -31,7 +31,7 @@ public:
 
     static inline FactoryOverride<Factory> s_factoryOverride;
 
-    /// Null if the override returns null: callers must test the result.
+    /// Returns null if the factory override returns null: callers must test the result.
     static std::shared_ptr<DiscoveryServiceIPCServerIF>
     Create(const std::shared_ptr<DiscoveryServiceControllerIF>& controller);
 

@@ -14,7 +14,7 @@ namespace SonarixService
 /// `country`, `manufacturerurl` and ZoneControl_Version. Any thread.
 SonarixPb::DeviceInfo ProductToDeviceInfo(const Sonarix::Product& product);
 
-/// INVALID for every state except OFFLINE and ONLINE, and for an unset state. Any thread.
+/// Returns INVALID for every state except OFFLINE and ONLINE, and for an unset state. Any thread.
 SonarixPb::DeviceState ProductStateToDeviceState(const Sonarix::Product& product);
 
 } // namespace SonarixService

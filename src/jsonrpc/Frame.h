@@ -80,7 +80,7 @@ struct Request
     std::optional<std::string> body;
 };
 
-/// A longer path is an invalid parameter.
+/// Maximum length of a path. A longer path is an invalid parameter.
 inline constexpr std::size_t kMaxPathBytes = 1024;
 
 /// Never throws. Nesting and the number of members are bounded (base/JsonText.h) before anything is parsed.
@@ -106,7 +106,7 @@ std::string VersionFromNumber(double version);
 
 /// The JSON form of an error record, an object with `code`, `subcode`, `message` and `guid`. Empty for a result.
 std::string RecordFromAnswer(const Answer& answer);
-/// The reverse. Fields that `record` lacks are 0 or empty.
+/// Returns the answer that an error record describes. Fields that `record` lacks are 0 or empty.
 Answer AnswerFromRecord(const std::string& record);
 
 } // namespace JsonRpc

@@ -12,7 +12,7 @@ namespace JsonRpc
 namespace
 {
 
-/// 0, which no request has, if `id` is not a number.
+/// Returns 0, which is the id of no request, if `id` is not a number.
 std::uint64_t NumberFromId(const std::string& id)
 {
     std::uint64_t number = 0;
@@ -99,7 +99,7 @@ AnswerCallback PendingRequests::Take(Entries::iterator entry)
 
 void PendingRequests::StartTimer()
 {
-    // The timer is not moved when a request is answered, which nearly all are long before their deadline.
+    // An answer does not move the timer, because nearly all requests are answered long before their deadline.
     const std::int64_t next = m_deadlines.empty() ? 0 : m_deadlines.begin()->first;
     if (next == 0 || (m_timerDeadlineMs != 0 && m_timerDeadlineMs <= next))
     {

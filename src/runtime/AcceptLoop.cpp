@@ -32,7 +32,7 @@ constexpr std::chrono::minutes kLinePeriod{1};
 
 } // namespace
 
-/// The pending wait holds it until Close().
+/// The part of AcceptLoop that its callbacks use. The pending wait on the socket holds it until Close().
 class AcceptLoop::Impl final : public std::enable_shared_from_this<Impl>
 {
 public:
@@ -53,7 +53,7 @@ public:
         return error;
     }
 
-    /// Runs `step` now if this is the task, else as an entry of the task.
+    /// Runs `step` now if the caller is on the task, otherwise as an entry of the task.
     void OnTask(void (Impl::*step)())
     {
         if (m_task->IsCurrent())

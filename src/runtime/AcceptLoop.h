@@ -23,20 +23,20 @@ public:
     /// Gets a non-blocking, close-on-exec descriptor that it owns. May destroy the AcceptLoop.
     using Accepted = std::function<void(int descriptor)>;
 
-    /// `channel` is the log channel, `name` the beginning of the line.
+    /// `channel` is the log channel, `name` the beginning of the log line.
     AcceptLoop(NotifyTargetTaskIF* task, const std::string& channel, const std::string& name, Accepted accepted);
     ~AcceptLoop();
     AcceptLoop(const AcceptLoop&) = delete;
     AcceptLoop& operator=(const AcceptLoop&) = delete;
 
-    /// Once. Owns the listening, non-blocking socket `descriptor` from here on and closes it on failure. Returns the
-    /// reason where the kernel cannot watch it, else an empty string.
+    /// To be called once. Takes the ownership of the listening, non-blocking socket `descriptor`, and closes it on
+    /// failure. Returns the reason if the kernel cannot watch the socket, otherwise an empty string.
     [[nodiscard]] std::string Start(int descriptor);
 
-    /// Inside `accepted`, once: leaves further connections in the kernel's queue until Resume(). For an owner whose
-    /// table is full.
+    /// To be called inside `accepted`, once: leaves further connections in the kernel's queue until Resume(). For an
+    /// owner whose table is full.
     void Suspend();
-    /// On the task, after that call of `accepted` has returned. Without effect unless suspended.
+    /// To be called on the task, after the call of `accepted` that called Suspend(). Has no effect unless suspended.
     void Resume();
 
 private:

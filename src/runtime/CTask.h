@@ -14,18 +14,18 @@ public:
         NOT_REALTIME, ///< the default scheduling
     };
 
-    /// `name` is for the log and, shortened to 15 bytes, for the kernel. The others are reserved: false,
+    /// `name` is for the log and, shortened to 15 bytes, for the kernel. The other parameters are reserved: false,
     /// NOT_REALTIME, -1.
     CTask(const char* name, bool reserved, RealtimeType type, int priority);
     virtual ~CTask() = default;
     CTask(const CTask&) = delete;
     CTask& operator=(const CTask&) = delete;
 
-    /// Once. Throws std::system_error if the thread cannot be created; the body does not run then.
+    /// To be called once. Throws std::system_error if the thread cannot be created; Body() does not run then.
     void Start();
 
 private:
-    /// Runs on the task's thread. An exception out of it is logged at level 1.
+    /// The work of the task. Runs on the task's thread. An exception out of Body() is logged at level 1.
     virtual void Body() = 0;
 
     static void* ThreadMain(void* self);

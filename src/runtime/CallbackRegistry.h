@@ -214,7 +214,7 @@ private:
             m_callback(args...);
         }
 
-        /// With the mutex held. A callback that is running is not destroyed.
+        /// Marks the subscription as disconnected. Requires the mutex. Does not destroy a callback that is running.
         void Detach(Garbage& garbage)
         {
             m_connected = false;

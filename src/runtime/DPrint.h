@@ -39,7 +39,7 @@ public:
     DPrint(const DPrint&) = delete;
     DPrint& operator=(const DPrint&) = delete;
 
-    /// Once at process start, before the first line.
+    /// To be called once at process start, before the first log line.
     static void Initialize();
 
     bool IsLog(Level level) const
@@ -75,8 +75,8 @@ public:
 private:
     friend class IL::LogSink;
 
-    /// Shared by all objects of one name. Outside the object, because a task may log through a module's static
-    /// DPrint while the process destroys its statics.
+    /// The data of a log channel, shared by all DPrint objects of one name. Stored outside of DPrint, because a task
+    /// may log through a module's static DPrint while the process destroys its statics.
     struct Channel
     {
         std::string m_name;

@@ -14,7 +14,7 @@ class AddrInfo
 {
 public:
     AddrInfo() = default;
-    /// Empty host and port 0 for a family other than AF_INET and AF_INET6, or if `length` is too short.
+    /// Sets an empty host and port 0 for a family other than AF_INET and AF_INET6, or if `length` is too short.
     AddrInfo(const sockaddr* address, std::size_t length);
 
     const std::string& host() const

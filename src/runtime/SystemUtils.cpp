@@ -70,7 +70,7 @@ void MakeDirectory(const std::string& path)
     }
 }
 
-/// "process 123 (name)", from the pid in the lock file.
+/// Returns "process 123 (name)", with the pid from the lock file.
 std::string HolderFromLockFile(int lockFile)
 {
     std::string pid;

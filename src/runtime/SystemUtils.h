@@ -14,7 +14,7 @@ public:
     /// process ends. If another instance holds it, prints its pid to standard error and exits with status 1.
     static void ThereCanBeOnlyOne();
 
-    /// SONARIX_RUN_DIR, or "/run/sonarix".
+    /// Returns the run directory: SONARIX_RUN_DIR, or "/run/sonarix".
     static std::string RunDir();
 };
 

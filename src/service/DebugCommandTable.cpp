@@ -11,7 +11,7 @@ const std::vector<DebugCommands::Command>& DebugCommands::Table()
     using C = DebugCommands;
     using A = Arguments;
     constexpr std::size_t kAny = SIZE_MAX;
-    // Scripts depend on these texts: their errors stay. The key 9 is not used.
+    // Scripts depend on the texts of this table, so even errors in them stay. The key 9 is not used.
     static const std::vector<Command> s_commands = {
         {0, "sonarix ssdp list", "List discovered devices", "sonarix ssdp list", 0, 0,
          [](C& c, const A&) { return c.ListSsdp(); }},

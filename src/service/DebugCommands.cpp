@@ -37,12 +37,12 @@ std::string TypeOf(const DebugCommands::Arguments& arguments)
 
 } // namespace
 
-/// What the commands know of one discovery protocol.
+/// The state of the commands for one discovery protocol.
 struct DebugCommands::Protocol
 {
     SXCommon::DiscoveryProtocol protocol;
     const std::string name;
-    const char* testingHeading;      ///< of the testing products in the response to a repeated stop
+    const char* testingHeading;      ///< heading of the testing products in the response to a repeated stop
     std::function<void()> start;     ///< empty if the protocol object is null
     std::function<void()> stop;      ///< likewise
     bool isRunning = true;           ///< changed by the console only

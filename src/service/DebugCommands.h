@@ -96,7 +96,7 @@ private:
     const Context m_context;
     const std::unique_ptr<Protocol> m_ssdp;
     const std::unique_ptr<Protocol> m_mdns;
-    const Command* m_command = nullptr; ///< the one that runs
+    const Command* m_command = nullptr; ///< the command that runs
 };
 
 } // namespace SonarixService

@@ -24,7 +24,7 @@ bool IsPrintable(std::string_view text)
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-/// Empty if `usn` has no acceptable guid.
+/// Returns the guid in `usn`; empty if there is none that is acceptable.
 std::string_view GuidFromUsn(std::string_view usn)
 {
     if (usn.size() > AnnouncementFilter::kMaxUsnBytes || !usn.starts_with(kUuid) || !IsPrintable(usn))
@@ -65,7 +65,7 @@ void AnnouncementFilter::Restart(std::string_view target, InterfaceAddresses add
 {
     m_isStarted = true;
     m_addresses = std::move(addresses);
-    // The browser searches for its target in any place of ST or NT, with any number as the version.
+    // The browser accepts its target at any position of ST or NT, with any number as the version.
     m_stem = target == "ssdp:all" ? "" : target.substr(0, target.rfind(':') + 1);
     m_bareGuid.clear();
     m_senders.clear();
@@ -107,7 +107,7 @@ AnnouncementFilter::Action AnnouncementFilter::ActionOf(const SsdpMessage& messa
     }
     if (message.target->size() > kMaxTargetBytes || !IsPrintable(*message.target))
     {
-        return Action::BROKEN; // the browser passes it unchecked to a GRegex, which requires UTF-8
+        return Action::BROKEN; // the browser passes the target unchecked to a GRegex, which requires UTF-8
     }
     if (message.target->find(m_stem) == std::string_view::npos)
     {

@@ -13,7 +13,7 @@
 namespace SonarixService
 {
 
-/// The headers of one SSDP message that matter here: views into the message, empty for a header that it lacks.
+/// The headers of one SSDP message that the filter uses: views into the message, unset for a header that it lacks.
 struct SsdpMessage
 {
     enum class Kind
@@ -61,30 +61,30 @@ public:
     /// Admit() refuses everything.
     void Restart(std::string_view target, InterfaceAddresses addresses);
 
-    /// True: the browser may process this message. `sender` is the source address in text form; `nowMs` is monotonic.
+    /// True if the browser may process `message`. `sender`: source address in text form; `nowMs`: monotonic time.
     [[nodiscard]] bool Admit(const SsdpMessage& message, std::string_view sender, std::int64_t nowMs);
 
-    /// Messages refused for this reason since construction.
+    /// Returns the number of messages refused for this reason since construction.
     std::uint64_t Refused(Reason reason) const;
 
-    /// Of one sender. A renderer repeats its announcements and responds to three M-SEARCHes within 4 s: at most
-    /// about 10.
+    /// Limit for one sender. A renderer repeats its announcements and responds to three M-SEARCHes within 4 s: at most
+    /// about 10 messages a second.
     static constexpr int kMaxMessagesPerSecond = 50;
-    /// A product has one or two renderers; a bridge for other products has a few more.
+    /// Limit for the USNs of one sender. A product has one or two renderers; a bridge has a few more.
     static constexpr int kMaxUsnsOfSender = 16;
-    /// About the number of products on a large flat network. Measured: the browser uses 0.75 KiB for each.
+    /// Limit for all USNs: about the products on a large flat network. Measured: the browser uses 0.75 KiB for each.
     static constexpr std::size_t kMaxUsns = 1024;
     static constexpr std::size_t kMaxSenders = kMaxUsns;
     /// "uuid:", 36 characters, "::" and a URN with two parts of at most 64 characters (UPnP DA 1.1 section 1.2.2) fit.
     static constexpr std::size_t kMaxUsnBytes = 256;
-    /// A UUID has 36 characters; some products use longer texts.
+    /// Limit for a guid. A UUID has 36 characters; some products use longer texts.
     static constexpr std::size_t kMaxGuidBytes = 128;
-    /// The longest searched target has 44 characters.
+    /// Limit for ST and NT. The longest searched target has 44 characters.
     static constexpr std::size_t kMaxTargetBytes = 256;
-    /// In one AL header. The service does not use them, but the browser stores them.
+    /// Limit for the LOCATIONs in one AL header. The service does not use them, but the browser stores them.
     static constexpr std::size_t kMaxFurtherLocations = 4;
-    /// Returns after a byebye and new LOCATIONs of one guid between two searches. Each may cost a fetch and log lines.
-    /// A starting product has one or two.
+    /// Limit for the changes of one guid between two searches: new LOCATIONs, and returns after a byebye. Each may cost
+    /// a fetch and log lines. A starting product has one or two.
     static constexpr int kMaxChangesOfProduct = 8;
 
 private:

@@ -20,9 +20,9 @@ namespace SonarixService
 /// Owner: SsdpDeviceParser, which ends after that task. The destructor drops waiting fetches without a callback.
 ///
 /// Design: the next fetch is one of the host whose last fetch started longest ago, so a host with many announcements
-/// does not delay the others. Hosts that could not be reached go behind all others, because each of them may block a
-/// place for the full time limit of a transfer. A fetch that sleeps before a retry keeps its place; HTTP bounds the
-/// sleeping ones (kMaxSleeping), so the other places stay free for transfers.
+/// does not delay the others. Hosts that could not be reached go behind all others, because each of them may occupy a
+/// slot for the full time limit of a transfer. A fetch that sleeps before a retry keeps its slot; the HTTP interface
+/// bounds the sleeping ones (kMaxSleeping), so the other slots stay free for transfers.
 ///
 ///     Add ----> waiting ----> start() ----> running ----> Ended
 ///                  |
@@ -45,22 +45,24 @@ public:
 
     /// Null: accepted; start() may have been called already. Otherwise the reason for a log line.
     [[nodiscard]] const char* Add(Fetch fetch);
-    /// A started fetch of `host` has ended.
+    /// To be called when a started fetch of `host` has ended.
     void Ended(IPv4 host, bool wasReached);
 
-    /// Bounds threads and sockets for a small device. With 50 ms for a description, 8 serve 160 a second. Transfers of
-    /// an ended table are not counted; each ends within the time limit of a transfer.
+    /// Maximum number of running fetches; bounds threads and sockets for a small device. With 50 ms for a description,
+    /// 8 serve 160 a second. Transfers of an ended table are not counted; each ends within the time limit of a
+    /// transfer.
     static constexpr std::size_t kMaxRunning = 8;
-    /// Of kMaxRunning: hosts that ask for retries after hours leave the other half to transfers. Two hosts can hold
-    /// all sleeping places; then the fetches of others fail without a retry, until the next search repeats them.
+    /// Maximum number of sleeping fetches, so that hosts that ask for retries after hours leave half of kMaxRunning to
+    /// transfers. Two hosts can hold all sleeping slots; then the fetches of others fail without a retry, until the
+    /// next search repeats them.
     static constexpr std::size_t kMaxSleeping = kMaxRunning / 2;
     /// Waiting and running fetches: several times the number of devices in a house that respond to one search.
     static constexpr std::size_t kMaxFetches = 256;
-    /// Of kMaxFetches, for one host: a product has one description, and a second one while its LOCATION changes.
+    /// Maximum number of fetches of one host: for its description, and for a second one while its LOCATION changes.
     static constexpr std::size_t kMaxFetchesOfHost = 2;
-    /// The length of a search. The next search finds the device again.
+    /// Maximum time in the queue: the length of a search. The next search finds the device again.
     static constexpr std::int64_t kMaxWaitMs = 10'000;
-    /// Unreachable hosts that are remembered; the oldest one is replaced.
+    /// Maximum number of remembered unreachable hosts; a further one replaces the oldest.
     static constexpr std::size_t kMaxUnreached = kMaxFetches;
 
 private:

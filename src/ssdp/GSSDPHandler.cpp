@@ -416,8 +416,8 @@ void GSSDPHandler::GSSDPMainLoopReplaceFullClient()
     }
 }
 
-/// Replaces the client and its browser, which reports nothing. The new browser searches at once. False: the old client
-/// stays.
+/// Replaces the client and its browser, without a report. The new browser searches at once. Returns false if the old
+/// client stays.
 bool GSSDPHandler::ReplaceClient(MainLoop& loop)
 {
     loop.m_sinceReplacementSec = 0;

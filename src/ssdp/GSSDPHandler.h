@@ -50,7 +50,7 @@ private:
     void StopGssdpSearchThread();
     void SetStatus(const char* function, SearchStatus status); ///< with m_mutex held
 
-    // On the thread "GSSDPMainLoop".
+    // The following functions run on the thread "GSSDPMainLoop".
     void GSSDPMainLoop();
     void GSSDPMainLoopStarted();
     void GSSDPTimeout();

@@ -44,8 +44,7 @@ std::string_view Field(const GLogField* fields, gsize count, std::string_view na
     return {};
 }
 
-/// Counts the lines of this minute. Returns the number of lines suppressed since the last one, or -1: suppress this
-/// one.
+/// Counts one line. Returns the number of lines suppressed since the last written one, or -1 to suppress this line.
 std::int64_t CountLine()
 {
     static std::mutex s_mutex;

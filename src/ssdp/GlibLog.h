@@ -7,7 +7,7 @@ namespace SonarixService::GlibLog
 /// network can cause warnings. Process-wide and permanent; further calls do nothing. Safe from any thread.
 void Install();
 
-/// Lines a minute. A busy network causes a few a day.
+/// Maximum number of lines per minute. A busy network causes a few per day.
 constexpr int kMaxLines = 10;
 
 } // namespace SonarixService::GlibLog

@@ -23,7 +23,7 @@ enum MessageType
     ANNOUNCEMENT = 2,
 };
 
-/// 0: the signal does not exist or has other parameters.
+/// Returns the id of the signal; 0 if the signal does not exist or has other parameters.
 guint FindSignal()
 {
     const guint id = g_signal_lookup(kSignal, GSSDP_TYPE_CLIENT);

@@ -6,7 +6,7 @@
 #include <thread>
 #include <unordered_set>
 
-// What GSSDP and GLib call their objects.
+// Types of GSSDP and libsoup, declared as in their headers.
 using GSSDPClient = struct _GSSDPClient;               // NOLINT(bugprone-reserved-identifier)
 using SoupMessageHeaders = struct _SoupMessageHeaders; // NOLINT(bugprone-reserved-identifier)
 

@@ -21,12 +21,12 @@ public:
     void Add(std::string_view reason);
     std::uint64_t Count(std::string_view reason) const;
 
-    /// True: the caller must write a line now.
+    /// Returns true if the caller must write a log line now.
     [[nodiscard]] bool MayLog(IPv4 sender, std::string_view reason, std::int64_t nowMs);
 
     /// Minimum time between two lines with the same sender and reason.
     static constexpr std::int64_t kLogIntervalMs = 60'000;
-    /// Senders with log lines in one interval.
+    /// Maximum number of senders with log lines in one interval.
     static constexpr std::size_t kMaxLoggedSenders = 64;
 
 private:

@@ -91,7 +91,7 @@ constexpr TextField<Service> kServiceFields[] = {
     {"eventSubURL", &Service::mutable_eventsuburl},
 };
 
-/// Null: no field for that name.
+/// Returns the member of the field, or null if no field has that name.
 template <class Member, std::size_t N>
 Member FieldOf(const std::pair<std::string_view, Member> (&fields)[N], const std::string& name)
 {
@@ -195,7 +195,7 @@ void SsdpDeviceParser::ParseLocation(const std::string& location, const Sonarix:
     }
 }
 
-/// False: the fetch has failed, and the callback has been called.
+/// Requests the description. Returns false if that has failed and the callback has been called.
 bool SsdpDeviceParser::Fetch(IPv4 host, const std::string& location, const Sonarix::ProductInfo& info)
 {
     const AsyncCallback<Http::HSMResponse> response(
@@ -258,7 +258,7 @@ void SsdpDeviceParser::DeviceDataResponse(const Http::HSMResponse& response, Son
     m_parseCb(status, info);
 }
 
-/// Does not change `info` if it fails.
+/// Reads the description `data` into `info`. Leaves `info` unchanged on failure.
 SsdpDeviceParser::ParseStatus SsdpDeviceParser::ParseDeviceData(const std::string& data, Sonarix::ProductInfo& info)
 {
     DPRINT(s_log, DPrint::LEVEL_DEBUG, "");
@@ -337,7 +337,7 @@ void SsdpDeviceParser::ParseIconInfo(TiXmlElement* element, Sonarix::ProductInfo
         DPRINTF(s_log, DPrint::LEVEL_DEBUG, "%s: Unable to find 'iconList' element in XML.", __func__);
         return;
     }
-    // After the first "icon", an element of any name is a row.
+    // After the first "icon", every element is read as an icon, whatever its name.
     for (TiXmlElement* row = element->FirstChildElement("icon"); row != nullptr; row = row->NextSiblingElement())
     {
         SXCommon::Icon& icon = *info.add_icons();

@@ -64,12 +64,12 @@ public:
 
     /// Limits connecting, and each whole exchange. A device on the same network takes about 50 ms.
     static constexpr int kTimeoutSec = 5;
-    /// Headers and body together, counted while they arrive.
+    /// Maximum size of headers and body together, counted while they arrive.
     static constexpr std::size_t kMaxResponseBytes = XmlPrecheck::kMaxBytes;
     /// Limit for the icons of a record, and for its services. Each new LOCATION appends rows. A device over the limit
     /// is dropped, and its next announcement starts an empty record.
     static constexpr int kMaxRows = 256;
-    /// Limit for the size of a record, for the same reason: twice the largest description.
+    /// Limit for the size of a record, to which each new LOCATION appends: twice the largest description.
     static constexpr std::size_t kMaxRecordBytes = 2 * kMaxResponseBytes;
 
 private:

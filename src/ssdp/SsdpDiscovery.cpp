@@ -183,7 +183,7 @@ void SsdpDiscovery::OnParseComplete(SsdpDeviceParser::ParseStatus status, const 
                "Product does not exist in map, so adding it for guid. There must be an error to cause this. Guid's are "
                "pre-populated before starting parsing. Guid: "
                    << info.guid());
-        // It has no state: it is not listed, and the next search sets it to OFFLINE.
+        // The added device has no state: it is not listed, and the next search sets it to OFFLINE.
         device = m_deviceMap.emplace(info.guid(), std::make_shared<Sonarix::Product>()).first;
     }
     device->second->mutable_productinfo()->CopyFrom(info);

@@ -47,7 +47,7 @@ public:
     void GetProductList(Sonarix::ProductList& list) override;
 
 private:
-    // On the task.
+    // The On... handlers run on "SsdpDiscoveryTask".
     void OnResourceStatus(GSSDPHandlerIF::ResourceStatus status, const std::string& usn, const std::string& location);
     void OnSearchStatus(GSSDPHandlerIF::SearchStatus status);
     void OnParseComplete(SsdpDeviceParser::ParseStatus status, const Sonarix::ProductInfo& info);

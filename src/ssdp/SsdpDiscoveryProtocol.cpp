@@ -69,7 +69,7 @@ void SsdpDiscoveryProtocol::Stop()
     EndDiscovery();
 }
 
-/// With m_mutex held.
+/// Called with m_mutex held.
 void SsdpDiscoveryProtocol::BeginDiscovery()
 {
     m_addresses = m_readAddresses(m_interfaceName); // before the sockets are bound, so that no change is missed
@@ -80,7 +80,7 @@ void SsdpDiscoveryProtocol::BeginDiscovery()
     m_ssdpDiscovery->RefreshDeviceList(SsdpDiscoveryIF::SEARCH_RENDERERS, kSearchTimeoutSec);
 }
 
-/// With m_mutex held. The table's destructor joins its task, which never takes m_mutex.
+/// Called with m_mutex held. The table's destructor joins its task, which never takes m_mutex.
 void SsdpDiscoveryProtocol::EndDiscovery()
 {
     m_ssdpDiscovery.reset();

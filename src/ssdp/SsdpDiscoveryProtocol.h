@@ -50,7 +50,7 @@ public:
     void Start(const std::string& interfaceName) override;
     void Stop() override;
     CallbackConnection RegisterProductStateCallback(const Callback<const Sonarix::Product>& callback) override;
-    /// Empty while stopped.
+    /// Gives an empty list while discovery is stopped.
     void GetProductList(Sonarix::ProductList& list) override;
 
     static constexpr unsigned kPollingPeriodMs = 30'000;

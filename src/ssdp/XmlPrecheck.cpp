@@ -12,7 +12,7 @@ namespace
 
 constexpr const char* kCutShort = "it ends within a tag";
 
-/// Moves `at` behind the next `end`. False: there is none.
+/// Moves `at` behind the next `end`. Returns false if there is none.
 bool SkipPast(std::string_view text, std::size_t& at, std::string_view end)
 {
     const std::size_t found = text.find(end, at);
@@ -20,7 +20,7 @@ bool SkipPast(std::string_view text, std::size_t& at, std::string_view end)
     return found != std::string_view::npos;
 }
 
-/// Moves `at` from the "<" of a tag behind its ">", and counts its attributes. False: it has no end.
+/// Moves `at` from the "<" of a tag behind its ">", and counts its attributes. Returns false if the tag has no end.
 bool SkipTag(std::string_view text, std::size_t& at, int& attributes)
 {
     char quote = '\0';

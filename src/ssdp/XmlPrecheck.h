@@ -12,19 +12,19 @@
 namespace XmlPrecheck
 {
 
-/// Includes the headers of the response. Most descriptions have 2 to 8 KiB, those of large devices 20 KiB.
+/// Maximum size of a response, with its headers. Most descriptions have 2 to 8 KiB, those of large devices 20 KiB.
 constexpr std::size_t kMaxBytes = std::size_t{64} * 1024;
-/// A description has 6 levels, one with embedded devices 8.
+/// Maximum depth of elements. A description has 6 levels, one with embedded devices 8.
 constexpr int kMaxLevels = 32;
-/// Of one tag. A description has one or two, for its name spaces.
+/// Maximum number of attributes of one tag. A description has one or two, for its name spaces.
 constexpr int kMaxAttributes = 64;
-/// All "<", two for most elements; a large device has 400. Measured: if each opens a level, TinyXML takes 230 KiB of a
-/// task's 512 KiB stack, and 10 ms.
+/// Maximum number of "<": most elements have two, a large device has 400. Measured: if each opens a level, TinyXML
+/// takes 230 KiB of a task's 512 KiB stack, and 10 ms.
 constexpr std::ptrdiff_t kMaxTags = 1024;
-/// All "=", including those in URLs. Measured: as attributes of one tag they take 5 ms.
+/// Maximum number of "=", including those in URLs. Measured: as attributes of one tag they take 5 ms.
 constexpr std::ptrdiff_t kMaxEqualSigns = 1024;
 
-/// Null: TinyXML can parse it safely, whether or not it is well-formed. Otherwise the reason for a log line.
+/// Returns null if TinyXML can parse `text` safely, well-formed or not. Otherwise returns the reason for a log line.
 const char* WhyNotToParse(std::string_view text);
 
 } // namespace XmlPrecheck

@@ -60,7 +60,7 @@ int WriteToSocket(BIO* bio, const char* data, int size)
     return static_cast<int>(sent);
 }
 
-/// Created once, never freed.
+/// The BIO method of all TLS connections. Created once, never freed.
 const BIO_METHOD* SocketMethod()
 {
     static const BIO_METHOD* const s_method = []

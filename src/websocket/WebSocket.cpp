@@ -41,7 +41,7 @@ using Timer =
 
 /// Largest buffer that an idle connection keeps.
 constexpr std::size_t kRestingBufferBytes = 4096;
-/// Write buffer for a message larger than that: so much is masked and written at a time.
+/// Write buffer for a message larger than kRestingBufferBytes: so many bytes are masked and written at a time.
 constexpr std::size_t kBusyBufferBytes = 65536;
 /// Time limit after Close() for sending the queued messages and the close frame.
 constexpr std::chrono::milliseconds kCloseLimit{1000};
@@ -413,7 +413,7 @@ void MessageStream::Refuse(const std::string& reason)
                       Step("handshake", [this, reason] { Fail("handshake: " + reason); }));
 }
 
-// ---- open ---------------------------------------------------------------------------------------------------
+// ---- open connection: reading and writing -------------------------------------------------------------------
 
 void MessageStream::SetOptions()
 {
@@ -479,7 +479,7 @@ void MessageStream::OnRead(const ErrorCode& error)
     if (error)
     {
         m_reading = false;
-        // After our close frame this is its answer; the end of async_close or the timer terminates the connection.
+        // After our close frame, the error is the peer's answer; async_close or the timer ends the connection.
         if (m_state == State::OPEN)
         {
             Fail(Reason(error));
@@ -683,7 +683,7 @@ void MessageStream::Terminate()
     m_permit.reset();
 }
 
-/// What the caller owns: releasing the last reference closes the stream.
+/// Returns the caller's handle of a stream. Releasing its last reference closes the stream.
 std::shared_ptr<Connection> HandleFromStream(const std::shared_ptr<MessageStream>& stream)
 {
     return {static_cast<Connection*>(stream.get()), [stream](Connection*) { stream->Close(); }};

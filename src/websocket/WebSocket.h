@@ -30,8 +30,8 @@ struct Limits
 /// A notification carries state, not a change. If more than this is queued ahead of it, its sender holds it back and
 /// sends only the latest. 256 KiB is about 200 table rows.
 inline constexpr std::size_t kMaxAheadBytes = 256U << 10U;
-/// kernelBufferBytes for local connections that carry notifications: data in the kernel's buffers gets as old as data
-/// in a queue.
+/// Value of kernelBufferBytes for local connections that carry notifications: data in the kernel's buffers gets as old
+/// as data in a queue.
 inline constexpr std::size_t kPromptBufferBytes = 128U << 10U;
 
 /// Certificates of one product: ca.pem, cert.pem and key.pem of a directory. Loaded once, shared by connections.

@@ -163,7 +163,7 @@ TEST_F(MdnsServiceBrowseTest, LateResolveResultsAreIgnored)
     EXPECT_THAT(*products, ElementsAre("ONLINE Kitchen g-1", "OFFLINE Kitchen g-1"));
     EXPECT_THAT(List(kRenderer).products(), IsEmpty());
 
-    // Removed before it was resolved: no product.
+    // A service that is removed before it was resolved gives no product.
     Announce("Bath", kRenderer);
     Withdraw("Bath", kRenderer);
     m_mdns.AnswerResolves();
@@ -171,7 +171,7 @@ TEST_F(MdnsServiceBrowseTest, LateResolveResultsAreIgnored)
     EXPECT_THAT(*products, SizeIs(2));
     EXPECT_TRUE(m_log.Contains("No callbacks for removed Service"));
 
-    // A failure that arrives after a new report has started another resolve.
+    // A failure that arrives after a new report has started another resolve is ignored.
     Announce("Hall", kRenderer, {{"GUID", "g-3"}});
     m_mdns.FallSilent("Hall", kRenderer);
     m_mdns.ReportAgain("Hall", kRenderer);

@@ -86,7 +86,7 @@ TEST_F(MdnsServicePublishTest, ServicesArePublishedAfterTheAnnouncement)
                                                 "publish Own _kova-clock._tcp", "publish Z _z._tcp"))
         << "the main record first, then by type";
 
-    // A host name collision: everything is published again.
+    // After a host name collision, everything is published again.
     m_mdns.EnterRunningAgain();
     EXPECT_THAT(TakePublishCalls(),
                 ElementsAre("withdraw Kitchen _kova-lanyard._tcp", "publish Kitchen _kova-lanyard._tcp",

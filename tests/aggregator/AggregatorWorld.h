@@ -55,7 +55,7 @@ struct AggregatorTest : testing::Test
         infos.clear();
     }
 
-    // Each of these runs until all queues are empty.
+    // Each of the following functions runs until all queues are empty.
     void Ssdp(const Report& report)
     {
         ssdp->Report(report.By(SXCommon::SSDP));
@@ -81,18 +81,18 @@ struct AggregatorTest : testing::Test
         ASSERT_TRUE(IsWatched(guid) && Remote(guid)->AnswerText(kInfoPath, json)) << guid;
         simulation.RunUntilIdle();
     }
-    /// With only that guid.
+    /// Answers with information that has only the guid.
     void Answer(const std::string& guid)
     {
         Answer(guid, R"({"guid":")" + guid + R"("})");
     }
 
-    /// Null if no connection to that product has been created.
+    /// Returns the connection to that product, null if none has been created.
     std::shared_ptr<FakeConnection> Remote(const std::string& guid) const
     {
         return portico.Find("DiscoveryServiceAggregator-" + guid);
     }
-    /// Its connection is open.
+    /// True if the connection to that product is open.
     bool IsWatched(const std::string& guid) const
     {
         return Remote(guid) && Remote(guid)->IsOpen();

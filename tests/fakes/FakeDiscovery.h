@@ -152,7 +152,7 @@ public:
     {
         return m_waiting.size();
     }
-    /// False if no GetProductList is pending.
+    /// Answers the oldest pending GetProductList. Returns false if there is none.
     bool AnswerList(const Sonarix::ProductList& list)
     {
         if (m_waiting.empty())
@@ -171,7 +171,7 @@ public:
     bool isAccepting = true;                          ///< the result of adding and updating
 
 private:
-    /// "mdns AddService name type value...", with the values of the TXT records.
+    /// Logs "mdns AddService name type value...", with the values of the TXT records.
     void Log(const std::string& operation, const SonarixPb::Service& service)
     {
         std::string line = "mdns " + operation + ' ' + service.id().name() + ' ' + service.id().type();

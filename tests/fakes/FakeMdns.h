@@ -73,17 +73,17 @@ public:
     {
         m_lan->Remove({name, type});
     }
-    /// Browsers report an existing service again, as for another network interface.
+    /// Makes the browsers report an existing service again, as for another network interface.
     void ReportAgain(const std::string& name, const std::string& type)
     {
         m_lan->Report(m_lan->services.at({name, type}), &Browsing::added);
     }
-    /// Browsers report the removal, but resolves still succeed, as when one of several interfaces goes down.
+    /// Makes the browsers report the removal. Resolves still succeed, as when one of several interfaces goes down.
     void ReportGone(const std::string& name, const std::string& type)
     {
         m_lan->Report(m_lan->services.at({name, type}), &Browsing::removed);
     }
-    /// Resolves of the service fail from now on. Browsers report no removal.
+    /// Makes resolves of the service fail from now on. Browsers report no removal.
     void FallSilent(const std::string& name, const std::string& type)
     {
         m_lan->silent.insert({name, type});
@@ -111,7 +111,7 @@ public:
         m_lan->daemonRuns = true;
         EnterRunningAgain();
     }
-    /// The daemon enters its running state again, as after a host name collision.
+    /// Makes the daemon enter its running state again, as after a host name collision.
     void EnterRunningAgain()
     {
         for (const std::weak_ptr<Backend>& each : m_lan->backends)
@@ -122,7 +122,7 @@ public:
             }
         }
     }
-    /// Without D-Bus no backend can be created.
+    /// Sets whether D-Bus is there. Without D-Bus no backend can be created.
     void SetHasBus(bool hasBus)
     {
         m_lan->hasBus = hasBus;
@@ -141,7 +141,7 @@ public:
             m_lan->Answer(resolving);
         }
     }
-    /// The waiting resolves, including cancelled ones.
+    /// Returns the number of waiting resolves, including cancelled ones.
     std::size_t PendingResolves() const
     {
         return m_lan->resolvings.size();
@@ -179,7 +179,7 @@ public:
         /// failed.
         using Answer = std::function<const MDNS::Service*()>;
         std::function<void(const MDNS::ServiceId&, const Answer&)> resolving; ///< called instead of an immediate answer
-        std::function<void(const MDNS::ServiceId&)> removed;                  ///< after a browser has reported it
+        std::function<void(const MDNS::ServiceId&)> removed;                  ///< called after the report of a removal
     };
     void SetScript(const Script& script)
     {
@@ -203,7 +203,7 @@ private:
         std::shared_ptr<CallbackRegistry<std::string, MDNS::Service>> resolved; ///< cancelled: no subscriber
     };
 
-    /// Calls `end` when it is disconnected or dropped.
+    /// A connection that calls `end` when it is disconnected or dropped.
     class Connection final : public CallbackConnectionIF
     {
     public:
@@ -374,7 +374,7 @@ private:
             return isKnown;
         }
 
-        /// The daemon has ended: no resolve is answered any more.
+        /// Simulates the end of the daemon: no resolve is answered any more.
         void Fail()
         {
             DisconnectResolves();

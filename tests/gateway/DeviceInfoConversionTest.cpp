@@ -16,7 +16,7 @@ TEST(DeviceInfoConversionTest, AbsentFieldsBecomeDefaultsExceptAddressZoneContro
     EXPECT_FALSE(empty.has_ipaddress());
     EXPECT_TRUE(empty.multiroom().nowplaying_version().has_major_version());
     EXPECT_FALSE(empty.multiroom().has_zonecontrol_version());
-    // The aggregator refuses a record that has one of these.
+    // The aggregator refuses a record that has one of these fields.
     EXPECT_FALSE(empty.has_capabilities() || empty.has_configurations() || empty.children_size() > 0);
 
     SonarixPb::MultiroomVersions& versions = *device.mutable_multiroom_versions();

@@ -216,7 +216,7 @@ TEST_F(DiscoveryServicePorticoClientTest, AccessoryAnnouncesItselfAtEachRisingEd
     EXPECT_EQ(m_mdns->announcements.at(0).ShortDebugString(),
               R"(ipaddress: "10.0.0.1" guid: "guid.is.not.set.perhaps.x86")");
 
-    // A status without primary or address consumes the edge.
+    // A status without primary or address also counts as the rising edge, so the next status announces nothing.
     for (const char* spent :
          {R"({"isPrimaryUp":true,"primaryIpAddress":"10.0.0.1"})", R"({"isPrimaryUp":true,"primary":"WIRED_ETH"})"})
     {

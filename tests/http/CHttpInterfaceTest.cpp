@@ -92,8 +92,8 @@ bool AllThreadsEnd()
     return true;
 }
 
-// The first test: a new thread could reuse the stack of an ended one. Not with sanitizers, whose shadow memory needs
-// more address space than the limit allows.
+// This test is the first one, because a new thread could reuse the stack of an ended one. Sanitizers are excluded:
+// their shadow memory needs more address space than the limit allows.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST(CHttpInterface, FailedThreadCreationThrowsAndTheNextRequestWorks)
 {
@@ -295,7 +295,7 @@ TEST(CHttpInterface, BackOffTableDecidesTheRetry)
     std::for_each(cases.begin(), cases.end(), ExpectRetry);
 }
 
-// Sleeps of one second, all at the same time.
+// The cases run at the same time. Each sleep takes one second.
 TEST(CHttpInterface, RetriesAreCountedAndSleepsFollowTheTable)
 {
     LogCapture log("3");
@@ -476,7 +476,7 @@ TEST(CHttpInterface, DiscardEndsSleepsAndLetsTransfersEnd)
     Get(http, server.Url("/new"), responses);
     EXPECT_TRUE(Come(responses, 3));
 
-    // A request that waits for its proxy would otherwise wait without limit.
+    // Without DiscardRequests(), a request that waits for its proxy would wait without limit.
     CHttpInterface proxied(false, "http://127.0.0.1:" + std::to_string(HttpServer::FreePort()));
     const LogCapture log("3");
     Get(proxied, server.Url("/"), responses);
@@ -487,7 +487,7 @@ TEST(CHttpInterface, DiscardEndsSleepsAndLetsTransfersEnd)
     EXPECT_TRUE(AllThreadsEnd());
 }
 
-/// Throws in every exchange.
+/// A fetcher that throws in every exchange.
 class ThrowingFetcher final : public Http::SimpleURLFetcher
 {
 public:
@@ -530,7 +530,7 @@ TEST(CHttpInterface, ManyRequestsRunAtOnceAndAreLogged)
     EXPECT_TRUE(log.Contains("Potentially too many async tasks running: 22"));
 }
 
-// Whether Wake() comes before Wait(), in it, or between its test of the flag and its poll().
+// Wake() ends Wait() if it comes before Wait(), in it, or between its test of the flag and its poll().
 TEST(EventWaiter, WakeIsNeverLost)
 {
     EventWaiter waiter;

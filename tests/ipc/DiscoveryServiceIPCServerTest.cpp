@@ -237,7 +237,7 @@ TEST_F(DiscoveryServiceIPCServerTest, FailuresAreAnsweredWithAnError)
     Barrier(client);
     EXPECT_THAT(Calls(), ElementsAre("mdns AddService a _a._tcp v")) << "a failed add is repeated";
 
-    // Without discovery protocols.
+    // Without discovery protocols, list and add requests are answered with errors.
     m_controller->mdns = nullptr;
     m_controller->ssdp = nullptr;
     SocketClient orphan = Mdns();

@@ -156,8 +156,8 @@ TEST_F(CallbackRegistryTest, OnEmptyMayDestroyTheRegistry)
     EXPECT_EQ(told, "a text longer than what fits into a string itself");
 }
 
-// The destructor of what a callback holds may disconnect from another registry. With the mutex held, two registries
-// that do this to each other on two threads would deadlock.
+// The destructor of an object that a callback holds may disconnect from another registry. With the mutex held, two
+// registries that do this to each other on two threads would deadlock.
 TEST_F(CallbackRegistryTest, CallbacksAreDestroyedWithoutTheMutex)
 {
     const auto mutex = std::make_shared<CThreadMutex>();

@@ -10,7 +10,7 @@
 namespace
 {
 
-/// Gives away its callbacks in each form; a call is recorded in `calls`.
+/// Provides a callback for each form of Liveness. A call is recorded in `calls`.
 class Owner
 {
 public:

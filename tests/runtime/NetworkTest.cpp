@@ -36,7 +36,7 @@ TEST(NetworkTest, ConvertsAddressesOfBothFamilies)
     ipv6.sin6_scope_id = if_nametoindex("lo");
     EXPECT_EQ(AddrInfo(wide, sizeof ipv6).host(), "fe80::1%lo");
 
-    // Too short, unknown family, null.
+    // An address that is too short, null or of an unknown family gives an empty host and port 0.
     EXPECT_EQ(AddrInfo(wide, sizeof ipv6 - 1).host(), "");
     EXPECT_EQ(AddrInfo(plain, sizeof ipv4 - 1).port(), 0);
     ipv4.sin_family = AF_UNIX;

@@ -21,7 +21,7 @@ namespace
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-/// Order of execution of three tasks that post to each other from timers for a simulated hour.
+/// Returns the order in which three tasks run that post to each other from timers for a simulated hour.
 std::string OrderOf(std::uint64_t seed)
 {
     IL::Simulation simulation(seed);
@@ -55,7 +55,7 @@ TEST(Simulation, RunDependsOnTheSeedOnly)
         EXPECT_EQ(orders.size(), seed + 1);
     }
 
-    // Must never change: a seed from an old report must still give its run.
+    // These numbers must never change: a seed from an old report must still repeat its run.
     IL::RandomSequence sequence(0); // the published first numbers of xoshiro256** seeded by splitmix64
     EXPECT_EQ(sequence.Next(), 11091344671253066420U);
     EXPECT_EQ(sequence.Next(), 13793997310169335082U);

@@ -14,7 +14,7 @@ namespace
 
 using testing::HasSubstr;
 
-/// What a process prints that is ended by `body`.
+/// Returns the output of a process that `body` aborts.
 std::string OutputOfAbort(const std::function<void()>& body)
 {
     const ForkedResult result = RunForked(

@@ -194,7 +194,7 @@ TEST(Task, MayStopWhileThreadsUseItsTimersAndCallbacks)
     }
 }
 
-// The waiter destroys it as soon as it is woken, while Signal() may still run.
+// The woken waiter destroys the semaphore at once, while Signal() may still run.
 TEST(Semaphore, MayBeDestroyedByTheWokenWaiter)
 {
     const RealTask task;

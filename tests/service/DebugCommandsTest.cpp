@@ -96,7 +96,7 @@ TEST_F(DebugCommandsTest, CommandsAreRegisteredInOrder)
     EXPECT_EQ(m_console.Commands().at(5)->help, "Add device(s) to the list");
     EXPECT_THAT(m_console.Commands().at(12)->usage, HasSubstr("ecosystem= orb2  modelname=wren"));
 
-    // Without any protocol, each key has a response.
+    // Without any discovery protocol, each command key has a response.
     const auto alone = std::make_shared<DebugCommands>(DebugCommands::Context{});
     for (int key = -1; key < 17; ++key)
     {

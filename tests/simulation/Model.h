@@ -90,7 +90,7 @@ public:
     const Row* Find(const std::string& guid) const;
     bool IsResolved(const std::string& instanceName, const std::string& type) const;
     bool IsDescribed(const std::string& guid) const; ///< by SSDP
-    /// Since when the gateway reports the product as offline.
+    /// Returns the time since which the gateway reports the product as offline.
     std::optional<std::int64_t> OfflineSince(const std::string& guid) const;
 
     std::set<std::string> connections;          ///< guids of the products to which the service must be connected

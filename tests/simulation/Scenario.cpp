@@ -13,7 +13,7 @@ using std::chrono::seconds;
 namespace
 {
 
-/// Longer than the slowest gateway check, response and resolve.
+/// Time after which all events have had their effect: longer than the slowest gateway check, response and resolve.
 constexpr minutes kSettled{5};
 
 bool IsCrowd(std::uint64_t seed)
@@ -386,7 +386,7 @@ private:
     {
         return m_world.devices[Random(m_world.devices.size())];
     }
-    /// The first device with SSDP after a random index.
+    /// Returns the first device with SSDP after a random index.
     Device& AnyBySsdp()
     {
         const std::size_t first = Random(m_world.devices.size());

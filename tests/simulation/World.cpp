@@ -61,7 +61,7 @@ std::optional<std::string> GuidOf(const std::string& serviceName)
     return serviceName.starts_with(kClientName) ? std::optional(serviceName.substr(kClientName.size())) : std::nullopt;
 }
 
-/// Whether the gateway's check succeeds.
+/// Returns true if the gateway's check of the device succeeds.
 bool IsServing(const Device* device)
 {
     return device != nullptr && device->answers != Device::Answers::ERROR && device->answers != Device::Answers::NEVER;
@@ -307,7 +307,7 @@ bool World::IsAnnounced(const Device& device) const
     return mdns.Find(device.name, kProductType) != nullptr && !IsOurs(device.name);
 }
 
-/// The service publishes records without an address.
+/// True if this product's service publishes the name: its records have no address.
 bool World::IsOurs(const std::string& name) const
 {
     const MDNS::Service* const service = mdns.Find(name, kProductType);
@@ -478,7 +478,7 @@ void World::Asked(const std::string& serviceName, const std::string& /*path*/)
     }
 }
 
-/// Answers the oldest request; empty `json`: an error.
+/// Answers the oldest request of the product; an empty `json` is an error.
 void World::Deliver(const std::string& guid, Milliseconds delay, const std::string& json)
 {
     At(delay,

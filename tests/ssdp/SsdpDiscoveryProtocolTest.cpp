@@ -44,7 +44,7 @@ struct SsdpDiscoveryProtocolTest : testing::Test
         ASSERT_TRUE(server.Requests().WaitUntil([](const auto& all) { return all.size() == 3; }));
         reports.Set({});
     }
-    /// The list keeps the objects reachable for the leak check.
+    /// Creates a protocol object. The list keeps the objects reachable for the leak check.
     static SsdpDiscoveryProtocol* NewProtocol()
     {
         static auto& all = *new std::vector<SsdpDiscoveryProtocol*>;

@@ -16,7 +16,7 @@ public:
         m_values.Change([&](auto& all) { all.push_back(value); });
     }
 
-    /// nullopt after `limit`.
+    /// Removes and returns the first value; nullopt after `limit`.
     std::optional<T> Take(std::chrono::milliseconds limit = Watched<T>::kPatience)
     {
         return TakeFirst([](const T&) { return true; }, limit);

@@ -29,7 +29,7 @@ std::string Numeric(const sockaddr* address)
     return text.data();
 }
 
-/// From sysfs. The name decides if /sys belongs to another network namespace.
+/// Reads the link type from sysfs. If /sys belongs to another network namespace, the name decides.
 LinkType TypeOf(const std::string& name)
 {
     std::error_code ignored;

@@ -17,7 +17,7 @@ namespace
 constexpr int kQuietMs = 50;
 constexpr int kLongestBurstMs = 500;
 
-/// 1: readable, 0: timeout, -1: error.
+/// Returns 1 if the descriptor is readable, 0 after the timeout, -1 on an error.
 int PollFor(int descriptor, int milliseconds)
 {
     pollfd entry{descriptor, POLLIN, 0};

@@ -37,7 +37,7 @@ public:
     void Send(const std::string& frame) final;
     bool HasRoomFor(std::size_t bytes) const final;
 
-    /// This product's service has served its product list since the gateway's start.
+    /// Called each time this product's service begins to serve its product list.
     virtual void HandleOwnList() {}
 
 protected:

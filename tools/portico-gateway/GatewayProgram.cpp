@@ -21,7 +21,7 @@ const std::string kListPath = "/sonarix/products";
 
 /// The kernel reports the end of a local process. This timeout is for a process that hangs with its socket open.
 constexpr std::chrono::milliseconds kLocalIdleTimeout{15000};
-/// Frees the connection of a product that lost power or network.
+/// Idle timeout that frees the connection of a product that lost power or network.
 constexpr std::chrono::milliseconds kLanIdleTimeout{10000};
 /// Requests from the LAN are short. Only answers and notifications, which go out, have large bodies.
 constexpr std::size_t kLanMessageBytes = 256U << 10U;
@@ -145,7 +145,7 @@ void GatewayProgram::HandleServed(const std::string& verb, const std::string& pa
         return;
     }
     m_hasOwnList = true;
-    // Posted, so that the serving client gets its answer first.
+    // The calls are posted, so that the serving client gets its answer first.
     m_liveness.OnTask<>(m_task,
                         [this]
                         {

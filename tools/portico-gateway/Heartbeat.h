@@ -35,7 +35,7 @@ public:
 
     /// Starts a check now, or after the one in progress. The first call also starts the periodic checks.
     void CheckNow();
-    /// This product's service has served its list: a check that began without it is ignored, and a new one starts.
+    /// Called when this product's service begins to serve its list: a new check replaces one that began before.
     void HandleOwnList();
 
 private:

@@ -21,8 +21,8 @@ public:
     void Handle(const JsonRpc::Request& request, const JsonRpc::AnswerCallback& answer) override;
     void HandleOwnList() override;
 
-    static constexpr std::size_t kMaxRequests = 1024;       ///< of the client, without an answer
-    static constexpr std::size_t kMaxServerRequests = 4096; ///< sent to the client, without an answer
+    static constexpr std::size_t kMaxRequests = 1024;       ///< requests of the client without an answer
+    static constexpr std::size_t kMaxServerRequests = 4096; ///< requests sent to the client without an answer
 
 private:
     void Open(const JsonRpc::Params& params, const JsonRpc::AnswerCallback& answer) override;
@@ -42,8 +42,8 @@ private:
 
     std::string m_service;
     JsonRpc::PendingRequests m_serverRequests; ///< requests sent to this client, for paths that it serves
-    std::unique_ptr<RemoteProduct> m_remote;   ///< set: opened for another product
-    std::unique_ptr<Heartbeat> m_heartbeat;    ///< set: opened with any guid, also this product's
+    std::unique_ptr<RemoteProduct> m_remote;   ///< set if the client opened another product's guid
+    std::unique_ptr<Heartbeat> m_heartbeat;    ///< set if the client opened any guid, also this product's
 };
 
 } // namespace Gateway

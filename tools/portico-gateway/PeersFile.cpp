@@ -20,7 +20,7 @@ bool ReadPort(const std::string& text, std::uint16_t& port)
     return error == std::errc() && end == text.data() + text.size() && port != 0;
 }
 
-/// "host", "host:port", "[ipv6]", "[ipv6]:port", or a bare IPv6 address.
+/// Parses "host", "host:port", "[ipv6]", "[ipv6]:port", or a bare IPv6 address.
 std::optional<Peer> PeerFromText(const std::string& text)
 {
     Peer peer;

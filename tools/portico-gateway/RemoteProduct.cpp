@@ -21,7 +21,7 @@ const DPrint s_log("PorticoGateway");
 const std::string kInfoPath = "/sonarix/info";
 const std::string kTlsSubProtocol = "tarsier_mTLS";
 
-/// An unreachable product is noticed after twice this time.
+/// Idle timeout of a connection to a product. An unreachable product is noticed after twice this time.
 constexpr std::chrono::milliseconds kIdleTimeout{2000};
 /// The largest answer of our own services is the whole product list, a few hundred KiB.
 constexpr std::size_t kMaxAnswerBytes = 1U << 20U;

@@ -53,26 +53,25 @@ public:
     void Send(const JsonRpc::Request& request, JsonRpc::AnswerCallback answer);
     /// As Send, but connects also within retryPause.
     void SendCheck(const JsonRpc::Request& request, JsonRpc::AnswerCallback answer);
-    /// Valid from now on, also without a connection, and renewed at each connection. Only an error in `answer` ends
-    /// it. A later refusal is logged, and the subscription is sent again at the next connection.
+    /// Adds a subscription. It is valid from now on, also without a connection, and renewed at each connection. Only an
+    /// error in `answer` ends it. A later refusal is logged, and the subscription is sent again at the next connection.
     void Subscribe(const std::string& path, const std::string& version, int scope, JsonRpc::AnswerCallback answer);
     void Unsubscribe(const std::string& path);
     bool IsReached() const
     {
         return m_state == State::READY;
     }
-    /// The product table can be queried now: an attempt in progress without it starts again.
+    /// Called when the product table can be queried: restarts a connection attempt that began without the table.
     void HandleOwnList();
 
     static constexpr std::size_t kMaxPending = 4096;           ///< requests without an answer
     static constexpr std::size_t kMaxWaiting = 1024;           ///< requests that wait for a connection
-    static constexpr std::size_t kMaxWaitingBytes = 8U << 20U; ///< of their bodies
+    static constexpr std::size_t kMaxWaitingBytes = 8U << 20U; ///< bytes of the bodies of waiting requests
     static constexpr std::size_t kMaxSubscriptions = 4096;     ///< paths
-    /// For so long the addresses of the last table query are used again: they do not change while the product is
-    /// away.
+    /// Time for which the addresses of the last table query are reused: they do not change while the product is away.
     static constexpr std::chrono::milliseconds kTableCacheTime{10000};
-    /// The end of a shorter connection does not start a check at once: a peer that closes each connection would cause
-    /// a busy loop.
+    /// Minimum duration of a connection whose end starts a check at once. Otherwise a peer that closes each connection
+    /// would cause a busy loop.
     static constexpr std::chrono::milliseconds kStableAfter{1000};
 
 private:

@@ -39,10 +39,10 @@ public:
     /// Called with (verb, path) when a client begins to serve a path.
     void SetServedCallback(std::function<void(const std::string& verb, const std::string& path)> callback);
 
-    /// PATH_TAKEN if another client serves this verb of the path. Serving it twice changes its scope. UNREACHABLE if
-    /// this client already serves kMaxServed; other clients do not count.
+    /// Returns PATH_TAKEN if another client serves this verb of the path. Serving it twice changes its scope. Returns
+    /// UNREACHABLE if this client already serves kMaxServed; other clients do not count.
     JsonRpc::Answer Serve(PathServerIF* server, const std::string& verb, const std::string& path, int scope);
-    /// NOT_SERVED if this client does not serve it.
+    /// Returns NOT_SERVED if this client does not serve the verb of the path.
     JsonRpc::Answer Withdraw(PathServerIF* server, const std::string& verb, const std::string& path);
     void Forget(PathServerIF* server);
 

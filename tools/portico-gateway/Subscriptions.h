@@ -33,7 +33,7 @@ public:
     Subscriptions(const Subscriptions&) = delete;
     Subscriptions& operator=(const Subscriptions&) = delete;
 
-    /// An error if the subscriber has too many paths. Subscribing to a path twice changes nothing.
+    /// Returns an error if the subscriber has too many paths. Subscribing to a path twice changes nothing.
     JsonRpc::Answer Add(SubscriberIF* subscriber, const std::string& path, Origin origin);
     void Remove(SubscriberIF* subscriber, const std::string& path);
     void Forget(SubscriberIF* subscriber);
@@ -43,10 +43,10 @@ public:
     /// Sends a notification of `server` to all subscribers that may see the path.
     void Notify(const PathServerIF* server, const std::string& path, const std::string& version,
                 const std::string& body);
-    /// Sends the last notification of each path of which the subscriber has missed one. Call it when its queue is
-    /// empty.
+    /// Sends the last notification of each path of which the subscriber has missed one. To be called when the queue of
+    /// the subscriber is empty.
     void SendMissed(SubscriberIF* subscriber);
-    /// The server has withdrawn the path (or all of its paths): new subscribers do not get its last notification.
+    /// Called when the server withdraws the path (or all its paths): new subscribers do not get its last notification.
     void DropLast(const PathServerIF* server, const std::string& path);
     void DropLast(const PathServerIF* server);
 
@@ -61,7 +61,7 @@ private:
         std::string frame;
     };
 
-    /// Returns false if the limit is exceeded.
+    /// Stores the last notification of the path. Returns false if kMaxLastBytes is exceeded.
     bool KeepLast(const PathServerIF* server, const std::string& path, const std::string& frame);
     void SendOrDefer(SubscriberIF* subscriber, const std::string& path, const std::string& frame);
     void Erase(std::map<std::string, Last>::iterator last);

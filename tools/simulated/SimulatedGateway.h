@@ -28,7 +28,7 @@ public:
     bool Listen(std::string& error);
     /// Closes the port and all connections.
     void Close();
-    /// Notifies the subscribers.
+    /// Replaces the record and notifies the subscribers.
     void SetRecord(std::string json);
 
     bool IsListening() const

@@ -43,12 +43,12 @@ public:
     void Run(const std::string& command, const Answer& answer);
 
 protected:
-    /// A command is done when the last copy is destroyed.
+    /// A running command: it is done when the last copy of the pointer is destroyed.
     using Pending = std::shared_ptr<void>;
     /// Executes a verb. Returns false and sets `error` on failure.
     using Action = std::function<bool(const Range&, const Pending&, std::string& error)>;
 
-    /// An action that cannot fail and treats each device alone.
+    /// Makes an action that cannot fail and calls `action` for each device of the range.
     static Action ForEach(const std::function<void(std::size_t device, const Pending&)>& action);
     /// The counters that follow "ok " in the answer to "stats".
     virtual std::string Stats() const = 0;

@@ -148,7 +148,7 @@ private:
         return m_isEnded || m_impl->m_stopped;
     }
 
-    /// A called Callback may end the browse or stop the instance. Then the rest is not reported.
+    /// A called Callback may end the browse or stop the instance. The remaining changes are not reported then.
     void ReportChanges()
     {
         const auto [removed, added] = m_repeat.TakeChanges();

@@ -25,7 +25,7 @@ namespace MDNS::detail
 /// Logs the current exception at level 1. An exception must not pass through stack frames of the C library.
 void LogThrownByCallback() noexcept;
 
-/// Holds the parameters in front of the user data during the search for it.
+/// Holds the parameters in front of the user data while the templates search for the user data.
 template <class... Args>
 struct PlaceHolder
 {
@@ -78,7 +78,7 @@ private:
     std::shared_ptr<Function> m_function;
 };
 
-/// Provides the static function: N parameters, the user data, the other parameters.
+/// Provides the static function. Its parameters are N parameters, the user data and the other parameters.
 template <class Base, std::size_t N, class Carried, class... Rest>
 struct ConnectionImplRotatorWithCarry;
 

@@ -25,7 +25,7 @@ public:
         return m_pollThread.load() == std::this_thread::get_id();
     }
 
-    /// Call it after the poll thread has ended, because another thread may get the same id.
+    /// Forgets the poll thread. To be called after that thread has ended, because another thread may get the same id.
     void Ended()
     {
         m_pollThread = std::thread::id();

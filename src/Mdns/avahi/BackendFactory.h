@@ -19,7 +19,7 @@ class Publisher;
 namespace detail
 {
 
-/// Creates backends of one kind instead of Create().
+/// For tests: if one is set as override, it creates the backends of one kind instead of the factory's Create().
 template <class Backend>
 class BackendFactoryIF
 {

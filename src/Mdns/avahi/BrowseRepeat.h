@@ -35,19 +35,19 @@ public:
         std::set<ServiceId> added;
     };
 
-    /// Call it when the first browser starts.
+    /// Starts the schedule. To be called when the first browser starts.
     void Begin(std::int64_t nowMs);
-    /// Call it for AVAHI_BROWSER_ALL_FOR_NOW, which the daemon sends 1 s after its first query. During the first
-    /// browser it means that few hosts answered, or that the daemon has browsed this type before and keeps to its own
-    /// schedule. Then there is no repeat.
+    /// Handles AVAHI_BROWSER_ALL_FOR_NOW, which the daemon sends 1 s after its first query. While the first browser
+    /// runs, the event means that few hosts answered, or that the daemon has browsed this type before and keeps to its
+    /// own schedule. The browse is not repeated then.
     void AllForNow();
 
-    /// Call it for each service that a browser adds. Returns true if the service must be reported now.
+    /// Handles a service that a browser adds. Returns true if the owner must report the service now.
     bool Add(const ServiceId& id);
-    /// Call it for each service that a browser removes. Returns true if the service was reported before.
+    /// Handles a service that a browser removes. Returns true if the service was reported before.
     bool Remove(const ServiceId& id);
-    /// Call it when a browser has reported everything that the daemon knew at its start. Returns the differences
-    /// between the first and the second browser, once.
+    /// Returns the differences between the first and the second browser, once. To be called when a browser has reported
+    /// everything that the daemon knew when the browser started.
     Changes TakeChanges();
 
     std::optional<std::int64_t> NextMs() const; ///< when Due() must be called; empty: not needed

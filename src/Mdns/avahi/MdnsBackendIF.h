@@ -38,7 +38,7 @@ public:
     /// Returns an empty connection on failure.
     virtual CallbackConnection Resolve(ServiceId id, Callback<std::string, Service> resolved) = 0;
 
-    /// Resolve() for a name whose last resolve failed. If resolves are waiting, all first attempts run before it.
+    /// Like Resolve(), for a name whose last resolve failed. All waiting first attempts run before this one.
     virtual CallbackConnection ResolveAgain(ServiceId id, Callback<std::string, Service> resolved)
     {
         return Resolve(std::move(id), std::move(resolved));

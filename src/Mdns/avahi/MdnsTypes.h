@@ -9,7 +9,7 @@
 namespace MDNS
 {
 
-/// The values are those of SXCommon::Protocol.
+/// The enumerators have the values of SXCommon::Protocol.
 enum class Protocol
 {
     INET = 0,

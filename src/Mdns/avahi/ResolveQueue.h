@@ -19,7 +19,7 @@ namespace MDNS
 /// Task: not synchronised; every call is made under the lock of the owner, AvahiImpl.
 /// Invokes no callback for a cancelled request. Accesses no member after it has invoked the callback of Answer(),
 /// because that callback may destroy the queue.
-/// A request keeps its place until Answer() or Cancel(). The backend must call one of them for each started request.
+/// A started request occupies one of kMaxRunning slots until Answer() or Cancel(). The backend must call one of them.
 class ResolveQueue final
 {
 public:
@@ -64,8 +64,8 @@ public:
     /// Starts the resolve if fewer than kMaxRunning run, otherwise queues it. Returns null, without a callback, if the
     /// resolve was started and failed. If a queued resolve fails to start, `resolved` gets kNotSeen and the id.
     RequestPtr Add(ServiceId id, Callback<std::string, Service> resolved, Attempt attempt);
-    /// The backend's result: frees the resolver, starts the next request and invokes the callback. Ignored for a
-    /// request that has ended.
+    /// Ends a request with the backend's result: frees the resolver, starts the next request and invokes the callback.
+    /// Ignored for a request that has ended.
     void Answer(const RequestPtr& request, const std::string& host, const Service& service);
     /// Ends the request without a callback and starts the next one. Ignored for a request that has ended.
     void Cancel(const RequestPtr& request);
@@ -76,8 +76,8 @@ public:
     std::size_t Waiting() const;
 
     /// Measured: the mDNS daemon needs 1.1 s for 500 resolvers that start together, and 12.9 s for 1100. Their
-    /// responses arrive together and overflow the daemon's receive buffer. With 32 they fit, and the network is still
-    /// busy all the time. The daemon allows 1024 objects for each client (objects-per-client-max).
+    /// responses arrive together and overflow the daemon's receive buffer. The responses of 32 resolvers fit, and the
+    /// network is still busy all the time. The daemon allows 1024 objects for each client (objects-per-client-max).
     static constexpr std::size_t kMaxRunning = 32;
 
 private:
@@ -93,7 +93,7 @@ private:
     std::vector<RequestPtr> m_running;
     std::deque<RequestPtr> m_firstAttempts; ///< waiting
     std::deque<RequestPtr> m_retries;       ///< waiting until m_firstAttempts is empty
-    bool m_isStarting = false; ///< StartWaiting() is on the call stack and will use places that become free
+    bool m_isStarting = false; ///< StartWaiting() is on the call stack and will fill the slots that become free
 };
 
 } // namespace MDNS

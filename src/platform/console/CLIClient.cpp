@@ -26,7 +26,7 @@ CLIClient::CLICmdDescriptor::CLICmdDescriptor(std::string commandText, std::stri
 {
 }
 
-/// The part that runs on the task. Entries that are queued on the task hold it, so it may outlive the client.
+/// The part of CLIClient that runs on the task. Queued entries of the task hold it, so it may outlive the client.
 class CLIClient::Impl final : public std::enable_shared_from_this<Impl>
 {
 public:
@@ -51,7 +51,7 @@ public:
         }
     }
 
-    /// Safe from any thread. No command starts after it returns.
+    /// Ends the client. Safe from any thread. No command starts after End() has returned.
     void End()
     {
         m_hasEnded = true;

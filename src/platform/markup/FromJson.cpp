@@ -66,7 +66,7 @@ const FieldDescriptor* FindField(const Descriptor& type, const std::string& key)
 
 void Prepare(json& object, const Descriptor& type);
 
-/// A value that must stay unset becomes null.
+/// Prepares one value for protobuf's parser. An unknown enumerator becomes null, so its field stays unset.
 void PrepareElement(json& value, const FieldDescriptor& field)
 {
     if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE && value.is_object())
@@ -127,7 +127,7 @@ void Prepare(json& object, const Descriptor& type)
 /// Parses strict JSON. protobuf's parser also accepts bare keys, single quotes and trailing commas.
 json ParseObject(const std::string& text)
 {
-    // The parser would stop at a NUL and skip a byte order mark.
+    // json::parse() would stop at a NUL and skip a byte order mark.
     if (text.find('\0') != std::string::npos || text.starts_with("\xef\xbb\xbf"))
     {
         throw ProtoToMarkup::MarkupError("no JSON");

@@ -30,7 +30,7 @@ std::string ToJson(const google::protobuf::Message& message, bool singleLine, bo
 /// not exactly one JSON object in UTF-8, a value or list has the wrong type, or a required field is missing.
 void FromJson(const std::string& json, google::protobuf::Message* message);
 
-/// The same, but an object whose only key is `name` is unwrapped first.
+/// Like FromJson() above, but first unwraps an object whose only key is `name`.
 void FromJson(const std::string& json, google::protobuf::Message* message, const std::string& name);
 
 } // namespace ProtoToMarkup

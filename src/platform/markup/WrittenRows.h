@@ -13,7 +13,7 @@
 class WrittenRows
 {
 public:
-    /// Shorter lists are not cached.
+    /// Lists with fewer elements are not cached.
     static constexpr int kLongList = 16;
 
     /// Starts a list. Drops the cache if `type` or `enumsAsNumbers` differ from the last list.

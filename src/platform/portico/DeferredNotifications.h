@@ -17,7 +17,7 @@ public:
     static constexpr std::size_t kMaxPaths = 64;
     static constexpr std::size_t kMaxBytes = 8U << 20U;
 
-    /// Replaces the notification of the path. Returns false if the new one was dropped.
+    /// Replaces the stored notification of the path. Returns false if `frame` was dropped.
     bool Put(const std::string& path, std::string frame)
     {
         Take(path);
@@ -30,7 +30,7 @@ public:
         return true;
     }
 
-    /// Empty if there is none.
+    /// Removes and returns the notification of the path; empty if there is none.
     std::string Take(const std::string& path)
     {
         auto node = m_frames.extract(path);
@@ -42,7 +42,7 @@ public:
         return std::move(node.mapped());
     }
 
-    /// Null if there is none.
+    /// Returns the notification of the path, or null.
     const std::string* Find(const std::string& path) const
     {
         const auto found = m_frames.find(path);

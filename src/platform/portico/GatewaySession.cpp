@@ -17,7 +17,7 @@ namespace
 
 const DPrint s_log("PorticoClient");
 
-/// A connection that ends sooner does not reset the backoff.
+/// Minimum duration of a connection that resets the backoff.
 constexpr std::chrono::milliseconds kStableAfter{1000};
 
 constexpr std::size_t kMaxLoggedBytes = 2048;

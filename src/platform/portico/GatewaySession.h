@@ -58,7 +58,7 @@ public:
                      std::function<void(GatewaySession&)> operation);
 
     void Start();
-    /// Final. Closes the connection; the gateway then withdraws the served paths. No callback comes afterwards.
+    /// Ends the session: closes the connection, so the gateway withdraws the served paths. No callback follows.
     void Close();
 
     void Add(const std::shared_ptr<Registration>& registration);
@@ -76,7 +76,7 @@ private:
     void HandleDrained();
     void HandleOpenAnswer(const JsonRpc::Answer& answer);
     void HandleClosed(const std::string& reason);
-    /// Every request ends in `error`.
+    /// Connects again after a pause. Every pending request ends in `error`.
     void Reconnect(const std::string& reason, const JsonRpc::Answer& error);
     void HandleMessage(const std::string& text);
     void HandleRequest(const JsonRpc::Frame& frame);
@@ -108,9 +108,9 @@ private:
     bool m_isOpen = false;            ///< frames can be sent
     bool m_isConnected = false;       ///< the gateway has answered `open`
     bool m_isAbsenceLogged = false;   ///< a missing gateway is logged once, not at each attempt
-    bool m_isRefusalReported = false; ///< so is a gateway that refuses to open
-    bool m_isBacklogLogged = false;   ///< so is a gateway that reads too slowly
-    bool m_isClosed = false;          ///< final
+    bool m_isRefusalReported = false; ///< a gateway that refuses `open` is reported once
+    bool m_isBacklogLogged = false;   ///< a gateway that reads too slowly is logged once
+    bool m_isClosed = false;          ///< Close() has been called
     std::int64_t m_connectedSinceMs = 0;
     Backoff m_backoff;
     MessageTimer m_reconnectTimer;

@@ -113,7 +113,7 @@ void GatewaySession::HandleServed(const std::shared_ptr<Registration>& registrat
                   << " is not served: " << JsonRpc::RecordFromAnswer(answer));
 }
 
-/// The gateway may not have noticed yet that the process which served the path before has ended.
+/// Repeats `serve` after a pause: the gateway may not have noticed yet that the previous server of the path has ended.
 void GatewaySession::RetryServe(const std::shared_ptr<Registration>& registration)
 {
     if (!registration->retry)

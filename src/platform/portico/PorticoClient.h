@@ -16,13 +16,13 @@ using RefusalCallback = AsyncCallback<const std::string, const std::string>;
 /// Optional settings. The service uses the defaults.
 struct CommonClientCreationInfo
 {
-    /// A refused connection is reported once until one succeeds, before the connect callback's false. The client
+    /// Called at the first of consecutive refused connections, before the connect callback gets false. The client
     /// retries.
     std::optional<RefusalCallback> onRefused = std::nullopt;
 };
 
-/// True: the connection is established. False: it ended or could not be made, reported once. Requests that fail
-/// because of that end afterwards.
+/// True: the connection is established. False: the connection has ended, or attempts fail, which is reported once.
+/// Requests that fail because of that end afterwards.
 using ConnectCallback = AsyncCallback<const bool>;
 /// (guid, status): the gateway's status of the product that the connection was opened for.
 using HeartbeatCallback = AsyncCallback<const std::string, const PORTICO_CLIENT_ERRORS>;

@@ -32,9 +32,9 @@ public:
     ResponseSender(std::weak_ptr<GatewaySession> session, NotifyTargetTaskIF* io, std::uint64_t epoch, std::string id);
 
     void Respond(const google::protobuf::Message& message);
-    /// `error` has `code`, `subcode`, `message` and `guid`.
+    /// Answers with `error`, which has `code`, `subcode`, `message` and `guid`.
     void Fail(const google::protobuf::Message& error);
-    /// Code 0, subcode 2005.
+    /// Answers with an error of code 0, subcode 2005 and message `text`.
     void Fail(const char* text);
 
 private:

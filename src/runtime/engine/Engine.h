@@ -44,7 +44,7 @@ public:
     virtual bool StepUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit) = 0;
 
     static Engine& Current();
-    /// Null restores the threaded engine. Not while tasks of the other engine run.
+    /// Sets the current engine; null restores the threaded one. Not to be called while tasks of the other engine run.
     static void Use(Engine* engine);
 };
 

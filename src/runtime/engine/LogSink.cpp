@@ -26,7 +26,7 @@ bool IsStderrJournal()
     return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == stream;
 }
 
-/// A line that standard error does not take is lost.
+/// Writes `line` to standard error. A line that standard error does not accept is lost.
 void WriteToStderr(std::string_view line)
 {
     while (!line.empty())

@@ -19,13 +19,13 @@ class LogSink final
 public:
     static LogSink& Get();
 
-    /// The channel of this name, created at its first use. Each Acquire() needs one Release() or keeps it for good.
+    /// Returns the channel of this name. The first Acquire() creates the channel, the last Release() frees it.
     DPrint::Channel* Acquire(const std::string& name);
     void Release(const DPrint::Channel* channel);
 
     /// See DPrint::SetLevels(). Returns the entries that cannot be read.
     std::vector<std::string> SetLevels(const std::string& levels);
-    /// The entries of SONARIX_LOG that cannot be read, once: DPrint::Initialize() logs them.
+    /// Returns the entries of SONARIX_LOG that cannot be read, once, for the log lines of DPrint::Initialize().
     std::vector<std::string> TakeUnreadable();
 
     void SetSink(DPrint::Sink sink);
@@ -47,7 +47,7 @@ private:
     std::map<std::string, int> m_levels; ///< by channel name; the channel may be created later
     int m_default = DPrint::LEVEL_INFO;
     std::vector<std::string> m_unreadable;
-    std::vector<std::unique_ptr<DPrint::Sink>> m_sinks; ///< all for good: a thread may still be in a replaced one
+    std::vector<std::unique_ptr<DPrint::Sink>> m_sinks; ///< never removed: a thread may still be in a replaced sink
     std::atomic<const DPrint::Sink*> m_sink = nullptr;
 };
 

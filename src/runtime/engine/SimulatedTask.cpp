@@ -180,7 +180,7 @@ void SimulatedTask::Abandon()
     DropAll();
 }
 
-/// Destructors of entries and callbacks may post, arm and cancel meanwhile.
+/// Drops all entries and timers, whose destructors may post, arm and cancel meanwhile.
 void SimulatedTask::DropAll()
 {
     const auto queue = std::exchange(m_queue, {});

@@ -173,7 +173,7 @@ public:
         m_worldWaiting.emplace(std::pair(m_nowMs + inMs, ++m_numbers), std::move(function));
     }
 
-    /// Dispatches once; false if there is nothing to do at this instant.
+    /// Dispatches one entry, timer or scheduled function. Returns false if nothing is left to do at this instant.
     bool Step()
     {
         const std::size_t choices = m_runnable.size() + (m_worldDue.empty() ? 0 : 1);
@@ -243,7 +243,7 @@ public:
         }
     }
 
-    /// Destructors of what is dropped may call tasks and timers, which do nothing any more.
+    /// Ends the simulation. Destructors of dropped objects may call tasks and timers, which then do nothing.
     void End()
     {
         m_over = true;

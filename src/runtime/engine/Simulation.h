@@ -37,8 +37,8 @@ public:
     Simulation(const Simulation&) = delete;
     Simulation& operator=(const Simulation&) = delete;
 
-    /// Runs everything that becomes due within `duration` of virtual time. Then the clock is exactly there, or later
-    /// if an entry waited beyond it.
+    /// Runs everything that becomes due within `duration` of virtual time. The clock advances by exactly `duration`, or
+    /// by more if an entry waits longer.
     void RunFor(std::chrono::milliseconds duration);
     /// Runs until no task has a queued entry or a due timer. The clock does not advance.
     void RunUntilIdle();
@@ -49,7 +49,7 @@ public:
     /// one that orders the tasks.
     std::uint64_t Random(std::uint64_t bound);
 
-    /// Runs `function` after `delay` of virtual time outside any task, as a script of the outside world.
+    /// Runs `function` outside any task after `delay` of virtual time, as an event of the outside world.
     void Schedule(std::chrono::milliseconds delay, std::function<void()> function);
 
     /// Entries and timers dispatched so far; equal for equal seeds.

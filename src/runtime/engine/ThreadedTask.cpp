@@ -269,7 +269,7 @@ void ThreadedTask::CancelTimer(TimerSlot& slot)
     removed = RemoveTimer(slot);
 }
 
-/// With the mutex held. The steady_timer keeps its time: if it expires early, OnAlarm() sets it again.
+/// Removes an armed timer. Requires the mutex. If the steady_timer then expires early, OnAlarm() sets it again.
 std::shared_ptr<const Callback<void>> ThreadedTask::RemoveTimer(TimerSlot& slot)
 {
     if (!slot.m_key)
@@ -283,7 +283,7 @@ std::shared_ptr<const Callback<void>> ThreadedTask::RemoveTimer(TimerSlot& slot)
     return callback;
 }
 
-/// On the task's thread, with the mutex held.
+/// Sets the steady_timer to the earliest timer. Requires the task's thread and the mutex.
 void ThreadedTask::SetAlarm()
 {
     if (m_stopping || m_timers.empty())

@@ -10,7 +10,7 @@
 namespace
 {
 
-/// Empty if the name cannot be read, for example if the process has no free descriptor.
+/// Returns an empty string if the name cannot be read, for example if this process has no free descriptor.
 std::string ProcessName(pid_t pid)
 {
     std::array<char, 32> name{};

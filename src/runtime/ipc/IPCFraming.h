@@ -32,7 +32,7 @@ public:
     {
         MORE,     ///< the next envelope is incomplete
         ENVELOPE, ///< `envelope` has been replaced
-        FAULT,    ///< the stream cannot be read any further; so does every later call
+        FAULT,    ///< the stream is unreadable from here on; every later call returns FAULT
     };
 
     void Append(std::string_view bytes);

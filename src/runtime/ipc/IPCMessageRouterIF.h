@@ -33,7 +33,7 @@ public:
 
     virtual void SendNotification(unsigned int id, const IPCMessageEnvelope& envelope) = 0;
 
-    /// `tid` is the tid of the request.
+    /// `tid` is the transaction id of the request.
     virtual void SendResponse(unsigned int id, const IPCMessageEnvelope& envelope, unsigned int tid) = 0;
 
     /// Replaces an earlier handler of the identifier. Dropping the returned handle does not detach the handler: it
@@ -68,7 +68,7 @@ public:
 class IPCMessageRouterFactory
 {
 public:
-    /// `name` is the router's log channel. A Start() without a socket uses `socket`.
+    /// `name` is the router's log channel. Start() uses `socket` if it gets no socket itself.
     static std::shared_ptr<IPCMessageRouterIF> CreateRouter(const std::string& name, NotifyTargetTaskIF* task,
                                                             std::shared_ptr<Network::ConnectorSocket> socket);
 };

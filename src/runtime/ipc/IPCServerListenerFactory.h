@@ -23,7 +23,7 @@ namespace IPCServerListenerFactory::detail
 
 inline constinit FactoryOverride<IPCServerListenerFactoryIF*> s_factoryOverride;
 
-/// Null in the product. Any thread.
+/// Returns the factory that replaces IPCServerListener<T>::Create(), null in the product. Any thread.
 inline IPCServerListenerFactoryIF* GetFactory()
 {
     return s_factoryOverride.Get();

@@ -51,7 +51,7 @@ public:
     }
 
 private:
-    /// Returns the reason if it fails.
+    /// Opens the socket and starts to accept. Returns the error, empty on success.
     std::string Bind(const std::string& path, const OnAccept& onAccept)
     {
         std::string fault = m_file.Open(path, 0660);

@@ -84,7 +84,7 @@ public:
                                          << "\n[publish]\npublish-hinfo=no\npublish-workstation=no\n";
         m_daemon = Spawn("exec avahi-daemon --no-chroot --no-rlimits -f /run/avahi.conf");
     }
-    /// With SIGKILL.
+    /// Kills the daemon with SIGKILL.
     void KillDaemon()
     {
         Kill(m_daemon);

@@ -206,7 +206,7 @@ TEST_ON_AVAHI_HOST(InstancesEndWithPendingCallbacks)
 
     for (int round = 0; round < 20; ++round)
     {
-        // Released with and without a Stop(), while a browser and a resolver have pending callbacks.
+        // An instance is released with and without a Stop(), while a browser and a resolver have pending callbacks.
         auto impl = AvahiImpl::Create({}, {});
         const std::weak_ptr<AvahiImpl> watch = impl;
         CallbackConnection browse = impl->Browse(kType, {}, {});
@@ -233,7 +233,7 @@ TEST_ON_AVAHI_HOST(InstancesEndInTheirOwnCallback)
     Published kitchen(publisher, MakeService("Kitchen"));
     for (int round = 0; round < 20; ++round)
     {
-        // Released in a callback on the poll thread, which holds the last reference.
+        // A callback on the poll thread releases the last reference to the instance.
         auto owned = std::make_shared<std::pair<std::shared_ptr<AvahiImpl>, std::vector<CallbackConnection>>>();
         Watched<bool> isDone{false};
         Watched<bool> isOurs{false};
@@ -303,7 +303,7 @@ TEST_ON_AVAHI_HOST(ResolvesBeyondTheLimitWait)
     EXPECT_TRUE(answers.WaitUntil([&](const auto& all) { return countOf("lab.local")(all) == 120; })) << log.Text();
     EXPECT_EQ(log.Count(DPrint::LEVEL_ERROR), 0U) << log.Text();
 
-    // Resolves without a response occupy all kMaxRunning places of the ResolveQueue until they are cancelled or
+    // Resolves without a response occupy all kMaxRunning slots of the ResolveQueue until they are cancelled or
     // avahi-daemon reports a failure.
     std::vector<CallbackConnection> silent;
     for (std::size_t i = 0; i < ResolveQueue::kMaxRunning; ++i)

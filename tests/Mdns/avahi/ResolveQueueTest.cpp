@@ -115,7 +115,7 @@ TEST_F(ResolveQueueTest, RequestsAreCancelledInEveryState)
     const auto next = Add("next");
     m_queue->Cancel(waiting);
     EXPECT_EQ(m_queue->Waiting(), 1U);
-    m_queue->Cancel(m_fill[5]); // frees its place
+    m_queue->Cancel(m_fill[5]); // frees its slot
     EXPECT_THAT(m_started, ElementsAre("next"));
     Answer("6");
     for (int twice = 0; twice < 2; ++twice)

@@ -93,7 +93,7 @@ public:
     }
 
     // Messages of the gateway.
-    /// Calls all subscriptions of `path`. False if there is none.
+    /// Passes a notification to all subscriptions of `path`. Returns false if there is none.
     bool PushText(const std::string& path, const std::string& json)
     {
         std::list<Registered<Callback<std::string>>> subscriptions;
@@ -131,7 +131,7 @@ public:
                                         [&](const auto& each) { return each.IsFor(path) && each.value.first == verb; });
         return found != m_served.end() ? std::optional(found->value.second) : std::nullopt;
     }
-    /// Null if `path` is not served.
+    /// Calls a served endpoint. Returns null if `path` is not served.
     std::shared_ptr<const FakeAnswer> Call(Portico::Verb verb, const std::string& path, const std::string& json = {})
     {
         const std::optional<Endpoint> endpoint = FindEndpoint(verb, path);
@@ -186,7 +186,7 @@ private:
         }
     };
 
-    // Called by the tested code.
+    // The following functions are called by the tested code.
     CallbackConnection RegisterGet(const std::string& path, const GetHandler& handler,
                                    const Portico::EndpointScope& scope, const double& /*version*/,
                                    const std::string& /*label*/, const int& /*option*/) override

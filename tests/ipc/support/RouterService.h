@@ -45,7 +45,7 @@ public:
     {
         return m_task;
     }
-    /// Called on the test's thread.
+    /// Notifies all clients. Called on the test's thread.
     void NotifyAll(const std::string& name)
     {
         SonarixPb::ServiceId id;

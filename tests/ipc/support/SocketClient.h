@@ -84,7 +84,7 @@ public:
         return address;
     }
 
-    /// False: the peer has closed its end.
+    /// Returns false if the peer has closed its end.
     bool Write(std::string_view bytes) const
     {
         while (!bytes.empty())
@@ -121,7 +121,7 @@ public:
         return Write(RequestFrame(id, tid, message));
     }
 
-    /// The next envelope. Empty at the end of the stream and after `limit`.
+    /// Returns the next envelope; nothing at the end of the stream or after `limit`.
     std::optional<IPCMessageEnvelope> Read(std::chrono::milliseconds limit = kLimit)
     {
         IPCMessageEnvelope envelope;
@@ -134,7 +134,7 @@ public:
         }
         return envelope;
     }
-    /// Kind, id and tid of the next envelope: "REJECT 2 7".
+    /// Returns kind, id and tid of an envelope: "REJECT 2 7".
     static std::string HeadOf(const std::optional<IPCMessageEnvelope>& envelope)
     {
         static const char* const s_kinds[] = {"REQUEST ", "RESPONSE ", "NOTIFICATION ", "REJECT "};

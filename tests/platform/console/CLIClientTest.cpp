@@ -235,7 +235,7 @@ TEST_F(CLIClientTest, ClientsAreLimitedAndNeedNotRead)
         }
     }
     EXPECT_EQ(m_log.Count(DPrint::LEVEL_WARNING), 1U) << m_log.Text();
-    // The places are free when the task has processed all disconnections.
+    // The server accepts new consoles when the task has processed all disconnections.
     for (int at = 0; at < 16; ++at)
     {
         EXPECT_TRUE(m_log.WaitFor("has gone")) << m_log.Text();

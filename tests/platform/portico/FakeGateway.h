@@ -77,7 +77,7 @@ public:
     {
         return m_frames.Take(std::chrono::milliseconds(milliseconds)).value_or(nullptr);
     }
-    /// The next answer to a request of the test.
+    /// Waits for the next answer to a request of the test.
     json TakeAnswer()
     {
         return Take("");
@@ -89,7 +89,7 @@ public:
         m_task.Run([&] { m_mute.insert(methods.begin(), methods.end()); });
     }
 
-    /// Sends on the newest connection.
+    /// Sends `text` on the newest connection.
     void SendText(const std::string& text)
     {
         m_task.Run(
@@ -164,12 +164,12 @@ private:
         }
     }
 
-    // On the task.
+    // The following members are used on the task.
     std::shared_ptr<WebSocket::Listener> m_listener;
     std::vector<std::shared_ptr<WebSocket::Connection>> m_connections;
     std::set<std::string> m_mute = {"get", "post", "put", "delete"};
 
-    // Read by the test.
+    // The following members are read by the test.
     Inbox<json> m_frames;
     Watched<std::size_t> m_open{0};
     std::uint16_t m_port = 0;

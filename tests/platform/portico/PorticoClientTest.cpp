@@ -42,7 +42,7 @@ protected:
                                               {});
     }
 
-    /// m_ends gets the body or the error.
+    /// Sends a request; m_ends gets the body or the error.
     CallbackConnection Send(PorticoClientIF& client, const std::string& path, Portico::Verb verb = Portico::Verb::GET,
                             const std::string& body = {})
     {

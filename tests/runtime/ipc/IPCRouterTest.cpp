@@ -17,7 +17,7 @@ SonarixPb::ServiceId Id(const std::string& name)
     return id;
 }
 
-/// The client is served, and all its earlier requests have been handled.
+/// Requires that the client is served, and that all its earlier requests have been handled.
 void ExpectServed(SocketClient& client, const std::string& name = "ping")
 {
     ASSERT_TRUE(client.Request(1, 77, Id(name)));
@@ -33,7 +33,7 @@ TEST(IPCRouterTest, RequestsAreAnsweredRejectedOrIgnored)
     SocketClient client(service.path);
     ExpectServed(client, std::string(65536, 'n'));
 
-    // Another payload type, then bytes that do not parse.
+    // The first request has another payload type, the second one bytes that do not parse.
     IPCMessageEnvelope request;
     request->set_id(1);
     request->set_tid(5);

@@ -140,7 +140,7 @@ TEST_F(GatewayClients, InvalidFrameGetsItsErrorCode)
 
 TEST_F(GatewayClients, RequestsAndSubscriptionsAreBounded)
 {
-    // Long enough for the first request to wait while the last is sent.
+    // The request limit is long enough for the first request to wait while the last is sent.
     const GatewayUnderTest gateway("own", GatewayUnderTest::AnsweringWithin(2500ms));
     RpcClient server(gateway.Port(), "Server");
     RpcClient client(gateway.Port(), "Client");

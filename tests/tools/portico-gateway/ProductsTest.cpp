@@ -85,7 +85,7 @@ protected:
         return settings;
     }
 
-    /// Its request limit is longer than checkLimit.
+    /// The far gateway. Its request limit is longer than checkLimit.
     GatewayUnderTest m_far{"far", GatewayUnderTest::AnsweringWithin(3000ms)};
     Gateway::Settings m_settings = Settings(m_far);
     GatewayUnderTest m_near{"near", m_settings};

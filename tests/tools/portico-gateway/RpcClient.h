@@ -124,7 +124,7 @@ public:
     {
         return m_frames.Has([&](const Json& frame) { return frame.value("method", "") == method; }, limit);
     }
-    /// True if no notification has come before the answer to a request sent now.
+    /// Returns true if no notification comes before the answer to a request sent now.
     bool HasNoNotification()
     {
         Code("get", {{"path", "/not-served"}});

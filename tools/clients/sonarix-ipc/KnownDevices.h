@@ -26,7 +26,7 @@ struct Device
 /// none.
 Device DeviceFromInfo(const SonarixPb::DeviceInfo& info);
 
-/// A value.
+/// The change of one device. A value.
 struct DeviceChange
 {
     enum class Kind

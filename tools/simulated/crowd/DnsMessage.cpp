@@ -144,7 +144,7 @@ Name MakeName(const std::vector<std::string>& labels)
 
 Name Lowered(Name name)
 {
-    // Length bytes are below 64 and letters above, so length bytes stay unchanged.
+    // Length bytes are below 64 and letters above, so the conversion changes no length byte.
     std::transform(name.begin(), name.end(), name.begin(),
                    [](char byte) { return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte; });
     return name;

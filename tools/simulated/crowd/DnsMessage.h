@@ -25,7 +25,7 @@ using Name = std::string;
 
 /// Truncates labels to 63 bytes.
 Name MakeName(const std::vector<std::string>& labels);
-/// ASCII letters in lower case, for comparisons.
+/// Converts ASCII letters to lower case, for comparisons.
 Name Lowered(Name name);
 
 struct Question

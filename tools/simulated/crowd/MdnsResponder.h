@@ -51,9 +51,9 @@ public:
     void Announce(std::size_t product, unsigned int afterMs);
     /// Stops all packets of the product without goodbye.
     void Silence(std::size_t product);
-    /// After the product's delay, sends a goodbye, then Silence() and `gone`. Calls `gone` without delay if silent.
+    /// After the product's delay, sends a goodbye, silences the product and calls `gone`. Calls only `gone` if silent.
     void SayGoodbye(std::size_t product, std::function<void()> gone);
-    /// The product must be silent.
+    /// Renames a product, which must be silent.
     void Rename(std::size_t product, const std::string& name);
 
     bool IsSilent(std::size_t product) const

@@ -7,7 +7,7 @@
 namespace
 {
 
-/// Indexed by Kind.
+/// Names of the kinds, indexed by Kind.
 constexpr std::array kNames{
     "product",   "renderer",    "hasty",        "no-location", "empty-location", "long-location", "other-scheme",
     "loopback",  "closed-port", "silent",       "slow",        "status-404",     "status-500",    "status-503",

@@ -38,7 +38,7 @@ enum class Kind : std::uint8_t
 
 const char* Name(Kind kind);
 std::optional<Kind> KindOf(const std::string& name);
-/// In the order above.
+/// Returns all kinds, in the order of the enumeration.
 std::vector<Kind> AllKinds();
 
 inline bool IsMisbehaving(Kind kind)

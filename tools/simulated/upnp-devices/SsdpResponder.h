@@ -46,7 +46,7 @@ public:
     void Announce(std::size_t device, unsigned int afterMs);
     /// Stops all messages of the device without byebye.
     void Silence(std::size_t device);
-    /// Sends byebye, then Silence().
+    /// Sends byebye and silences the device.
     void SayGoodbye(std::size_t device);
 
     bool IsSilent(std::size_t device) const

@@ -39,7 +39,7 @@ Device Named(const std::string& name, const std::string& guid = "g", const std::
     return DeviceFromInfo(info);
 }
 
-/// "+ one, - two"
+/// Returns the changes as text: "+ one, - two".
 std::string ChangesOf(const std::vector<DeviceChange>& changes)
 {
     std::string text;
