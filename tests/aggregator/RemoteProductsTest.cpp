@@ -1,4 +1,4 @@
-// Limits for the information of a remote product. Its other effects are covered by the simulation.
+// Limits for the information of a remote product. The simulation covers the other effects of that information.
 
 #include "tests/aggregator/AggregatorWorld.h"
 

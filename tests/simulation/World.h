@@ -138,7 +138,7 @@ public:
 
 private:
     class SsdpNetwork;
-    /// The gateway's state of a product to which the service is connected.
+    /// What the simulated gateway keeps for one product to which the service is connected.
     struct Peer
     {
         std::shared_ptr<FakeConnection> connection;

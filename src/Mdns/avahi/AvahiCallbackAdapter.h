@@ -54,7 +54,7 @@ public:
         const std::shared_ptr<Function> function = std::exchange(m_function, nullptr);
     }
 
-    /// Called for each event of the C library.
+    /// libavahi calls this function for each event. `userData` is the ConnectionImplBase.
     static void Dispatch(void* userData, Args... args) noexcept
     {
         try

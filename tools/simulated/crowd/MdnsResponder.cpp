@@ -18,7 +18,7 @@ constexpr unsigned int kTruncatedLimitMs = 450;
 constexpr std::size_t kMaxTruncated = 64; ///< queriers whose query continues; further ones get a response immediately
 constexpr unsigned int kFullPauseMs = 5;  ///< before the next attempt if the send buffer was full
 
-/// 224.0.0.251:5353, only queries: the QR bit is the top bit of the third byte.
+/// The responder's socket: 224.0.0.251:5353, only queries. The QR bit is the top bit of the third byte.
 constexpr MulticastSocket::Settings kMdns{{0xE00000FB, 5353}, 255, {2, 0x80, 0}};
 
 } // namespace
