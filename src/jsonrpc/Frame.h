@@ -95,7 +95,7 @@ std::string TextFromAnswer(const std::string& id, const Answer& answer);
 std::string TextFromNotification(const std::string& path, const std::string& version, const std::string& body);
 std::string TextFromHeartbeat(const std::string& guid, int status);
 
-// `params` of calls, as JSON text.
+// These functions make the `params` of calls, as JSON text.
 std::string OpenParams(const std::string& service, const std::string& guid);
 /// An empty body is left out.
 std::string PathParams(const std::string& path, const std::string& version, const std::string& body);

@@ -245,7 +245,7 @@ TEST_F(MdnsServiceBrowseTest, ClocksAreResolvedEveryFiveMinutes)
         << "every clock except the own one";
     EXPECT_TRUE(m_last.productinfo().clockinfo().leaderelected());
 
-    // A failed clock is resolved again before the next period ends, and at its end.
+    // A clock service whose resolve failed is resolved again before the next period ends, and at its end.
     m_mdns.Announce(FakeMdns::MakeService("Other", kClock, {{"GUID", "g-2"}}));
     m_simulation.RunFor(6s);
     EXPECT_THAT(*products, SizeIs(6));

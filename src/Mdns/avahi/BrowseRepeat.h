@@ -46,8 +46,9 @@ public:
     bool Add(const ServiceId& id);
     /// Handles a service that a browser removes. Returns true if the service was reported before.
     bool Remove(const ServiceId& id);
-    /// Returns the differences between the first and the second browser, once. To be called when a browser has reported
-    /// everything that the daemon knew when the browser started.
+    /// Returns, once, the services to remove and to add because the second browser's reports differ from those of the
+    /// first, which has been freed. Empty while no second browser runs. To be called when either browser has reported
+    /// everything that the daemon knew when that browser started.
     Changes TakeChanges();
 
     std::optional<std::int64_t> NextMs() const; ///< when Due() must be called; empty: not needed

@@ -45,7 +45,7 @@ public:
     {
         return m_task;
     }
-    /// Notifies all clients. Called on the test's thread.
+    /// Notifies all clients. To be called on the test's thread, because it waits for the service's task.
     void NotifyAll(const std::string& name)
     {
         SonarixPb::ServiceId id;

@@ -1,4 +1,4 @@
-// When the hub service posts which description, in simulated time.
+// Tests, in simulated time, when the hub service posts a description, and which one.
 #include "runtime/Task.h"
 #include "runtime/engine/Simulation.h"
 #include "schemas/HubApi.pb.h"

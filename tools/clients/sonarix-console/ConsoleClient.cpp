@@ -123,7 +123,7 @@ bool ConsoleClient::Request(const std::string& request, std::string& response)
     }
 }
 
-/// Returns true if the signal ends the wait for the response.
+/// Takes the pending signal. Returns true if it ends the wait for the response.
 bool ConsoleClient::TakeSignal()
 {
     const int number = m_signals->Take();
