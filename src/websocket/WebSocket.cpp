@@ -704,7 +704,7 @@ void AcceptConnection(NotifyTargetTaskIF* task, Socket socket, std::shared_ptr<c
                       std::shared_ptr<void> permit, OpenedCallback opened)
 {
     const auto stream = std::make_shared<MessageStream>(task, std::move(socket), options->limits);
-    stream->Accept(options, std::move(permit), std::move(opened));
+    stream->Accept(std::move(options), std::move(permit), std::move(opened));
 }
 
 } // namespace WebSocket

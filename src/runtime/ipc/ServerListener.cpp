@@ -32,7 +32,7 @@ public:
 
     Network::Address Listen(const Network::Address& address, const OnAccept& onAccept) override
     {
-        const std::string path = address.ToString();
+        const std::string& path = address.ToString();
         const ScopedMutex lock(m_mutex);
         const std::string fault = m_acceptLoop ? "this listener listens already" : Bind(path, onAccept);
         if (!fault.empty())
